@@ -1,0 +1,32 @@
+#include "base/json.h"
+
+namespace lumora {
+
+namespace {
+
+struct PrintedTextDeleter {
+    void operator()(char* text) const { cJSON_free(text); }
+};
+
+}  // namespace
+
+JsonTree ParseJson(const std::string& text) { return JsonTree(cJSON_Parse(text.c_str())); }
+
+cJSON* AddJsonObject(cJSON* parent, const std::string& key) {
+    JsonTree object(cJSON_CreateObject());
+    if (object == nullptr || !cJSON_AddItemToObject(parent, key.c_str(), object.get())) {
+        return nullptr;
+    }
+    return object.release();
+}
+
+bool PrintJson(const cJSON* root, std::string& out) {
+    const std::unique_ptr<char, PrintedTextDeleter> text(cJSON_PrintUnformatted(root));
+    if (text == nullptr) {
+        return false;
+    }
+    out = text.get();
+    return true;
+}
+
+}  // namespace lumora

@@ -34,7 +34,7 @@ private:
 class SCOPED_CAPABILITY MutexUnlock {
 public:
     explicit MutexUnlock(Mutex& mutex) RELEASE(mutex) : mMutex(mutex) { mMutex.unlock(); }
-    ~MutexUnlock() ACQUIRE() { mMutex.lock(); }
+    ~MutexUnlock() RELEASE() { mMutex.lock(); }
     MutexUnlock(const MutexUnlock&) = delete;
     MutexUnlock& operator=(const MutexUnlock&) = delete;
 

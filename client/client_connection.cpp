@@ -1,0 +1,496 @@
+// The client module's connection to a device: data channel, commands, data both ways, versions.
+#include <poll.h>
+
+#include "base/callback_scope.h"
+#include "base/log.h"
+#include "client/client_module.h"
+#include "securec.h"
+#include "server/control_protocol.h"
+#include "transport/data_frame.h"
+#include "transport/transport_config.h"
+#include "version/lumora_version.h"
+
+namespace lumoraAiModule {
+
+using lumora::LinkDevice;
+using lumora::MutexLock;
+using lumora::MutexUnlock;
+
+int g_mDataPort = 6666;
+
+namespace {
+
+constexpr int POLL_PAUSE_MS = 1;
+
+}  // namespace
+
+int LumoraClientModule::ConnectAiDevice(int clientID, unsigned int handle) {
+    LUMORA_TRACE("client [%d] Enter\n", clientID);
+    std::shared_ptr<LumoraTransManager> failedTransport;
+    {
+        const MutexLock lock(mMutex);
+        const ResolvedHandle resolved = ResolveHandle(handle);
+        if (resolved.serviceType == nullptr) {
+            LUMORA_DETAIL("Handle error, ConnectAiDevice failed!\n");
+            return -1;
+        }
+        if (resolved.device == nullptr) {
+            LUMORA_DETAIL("Handle error, No such device!\n");
+            return -1;
+        }
+        LumoraClientManager* client = FindClient(clientID);
+        if (client == nullptr) {
+            LUMORA_DETAIL("ClientID : %d no resource!!\n", clientID);
+            return -1;
+        }
+        if (client->connectedHandle == handle) {
+            LUMORA_DETAIL("This client has connected handle: %d!\n", static_cast<int>(handle));
+            return 0;
+        }
+        if (SetupTransport(handle) != 0) {
+            LUMORA_DETAIL("SetupTransport failed!\n");
+            return -1;
+        }
+        if (AnnounceClient(clientID, handle, *resolved.device) == 0) {
+            return 0;
+        }
+        failedTransport = mTransManager;
+    }
+    // The receive thread that this joins may be waiting for mMutex.
+    if (failedTransport != nullptr) {
+        failedTransport->StopTransports();
+    }
+    return -1;
+}
+
+int LumoraClientModule::AnnounceClient(int clientID, unsigned int handle, LinkDevice& device) {
+    LumoraClientManager* client = FindClient(clientID);
+    if (client == nullptr) {
+        return -1;
+    }
+    client->connectedHandle = handle;
+    std::string address = device.Address();
+    mSmartHomeLink->SetConnectDevice(address, device.Port());
+    std::string unused;
+    if (device.Post(CONNECT_KEY, std::to_string(clientID), unused) != 0) {
+        LUMORA_ERROR("Post command ERROR !\n");
+        client->connectedHandle = 0;
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraClientModule::SetupTransport(unsigned int handle) {
+    LUMORA_TRACE("Enter SetupTransport.\n");
+    const ResolvedHandle resolved = ResolveHandle(handle);
+    if (resolved.serviceType == nullptr) {
+        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+        return -1;
+    }
+    if (mTransportMap.count(handle) != 0) {
+        LUMORA_ERROR("This Handle has create transport.We will not create again\n");
+        return 0;
+    }
+    if (resolved.device == nullptr) {
+        LUMORA_ERROR("Handle error, no such handle!\n");
+        return -1;
+    }
+    StopCurrentTransport();
+    if (mHandleServiceMap.count(handle) == 0) {  // the device left while mMutex was free
+        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+        return -1;
+    }
+    mTransManager = mTransFactory->CreateTransportsManager(LUM_TRANSPORT_TCP, *this, handle);
+    if (mTransManager == nullptr) {
+        LUMORA_ERROR("CreateTransportsManager failed!\n");
+        return -1;
+    }
+    if (OpenDataChannel(*resolved.device) != 0) {
+        return -1;
+    }
+    mTransportMap[handle] = mTransManager;
+    return 0;
+}
+
+void LumoraClientModule::StopCurrentTransport() {
+    if (mTransManager == nullptr) {
+        return;
+    }
+    const std::shared_ptr<LumoraTransManager> transport = mTransManager;
+    // The receive thread that this joins may be waiting for mMutex.
+    const MutexUnlock unlock(mMutex);
+    LUMORA_TRACE("client  Enter StopTransports.\n");
+    transport->StopTransports();
+    LUMORA_TRACE("client  OUT StopTransports.\n");
+}
+
+// Our receiving half comes first: the device connects to it while it handles the setup request.
+int LumoraClientModule::OpenDataChannel(LinkDevice& device) {
+    LUM_OBSERVER_S observer;  // all null: we receive through OnRecvData
+    const std::string address = device.Address();
+    if (mTransManager->CreateTransports(TransType::CLIENT_RECEIVE, address, g_mDataPort + 1, observer) != 0) {
+        LUMORA_ERROR("Create recv Transports failed!\n");
+        return -1;
+    }
+    lumora::LumoraTransportConfig config;
+    config.SetEndpoint(address, g_mDataPort);
+    std::string reply;
+    if (device.SetupMediaService(config.GetSetupString(), reply) != 0) {
+        LUMORA_ERROR("SetupMediaService failed\n");
+        DropTransport();
+        return -1;
+    }
+    if (mTransManager->CreateTransports(TransType::CLIENT_SEND, address, g_mDataPort, observer) != 0) {
+        LUMORA_ERROR("Create send Transports failed!\n");
+        DropTransport();
+        std::string unused;
+        device.Put(STOP_TRANSPORT_KEY, "", unused);  // the device drops its half
+        return -1;
+    }
+    return 0;
+}
+
+void LumoraClientModule::DropTransport() {
+    std::shared_ptr<LumoraTransManager> transport;
+    transport.swap(mTransManager);
+    // The receive thread that this joins may be waiting for mMutex.
+    const MutexUnlock unlock(mMutex);
+    transport->StopTransports();
+}
+
+int LumoraClientModule::DisconnectAiDevice(int clientID, unsigned int handle) {
+    LUMORA_TRACE("client [%d] Enter\n", clientID);
+    LUMORA_DETAIL("DisconnectAiDevice handle = %d !\n", static_cast<int>(handle));
+    const MutexLock lock(mMutex);
+    if (mHandleServiceMap.count(handle) == 0) {
+        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+        return -1;
+    }
+    LumoraClientManager* client = FindClient(clientID);
+    if (client == nullptr) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    if (client->connectedHandle == 0) {
+        LUMORA_ERROR("This client connect no handle!\n");
+        return -1;
+    }
+    client->connectedHandle = 0;
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraClientModule::DestoryTransport(unsigned int handle) {
+    LUMORA_TRACE("Enter\n");
+    const MutexLock lock(mMutex);
+    const auto transport = mTransportMap.find(handle);
+    if (transport == mTransportMap.end()) {
+        LUMORA_ERROR("This Handle no transport.\n");
+        return -1;
+    }
+    if (transport->second->DestoryTransports() != 0) {
+        LUMORA_ERROR("DestoryTransports!\n");
+        return -1;
+    }
+    const ResolvedHandle resolved = ResolveHandle(handle);
+    if (resolved.serviceType == nullptr) {
+        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+        return -1;
+    }
+    if (resolved.device == nullptr) {
+        LUMORA_ERROR("Handle error, no such handle!\n");
+        return -1;
+    }
+    LUMORA_DETAIL("LumoraClientModule will DestoryTransport\n");
+    if (WaitUntilFree(*resolved.device) != 0) {
+        return -1;
+    }
+    std::string unused;
+    if (resolved.device->Put(STOP_TRANSPORT_KEY, "", unused) != 0) {
+        LUMORA_DETAIL("Put cmd fail!\n");
+        return -1;
+    }
+    mTransportMap.erase(handle);
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+// Without a limit: the device decides when its transport is idle.
+int LumoraClientModule::WaitUntilFree(LinkDevice& device) {
+    while (true) {
+        std::string reply;
+        if (device.Get(TRANS_STATUS_KEY, "", reply) != 0) {
+            LUMORA_ERROR("Get cmd fail\n");
+            return -1;
+        }
+        if (reply == TRANSPORT_FREE_REPLY) {
+            return 0;
+        }
+        LUMORA_DETAIL("Remote transport is busy, wait...\n");
+        poll(nullptr, 0, POLL_PAUSE_MS);
+    }
+}
+
+int LumoraClientModule::RegisterAiDeviceEvent(int clientID, unsigned int handle,
+                                              LUM_DEVICE_EVENT_CALLBACK callback) {
+    LUMORA_TRACE("client [%d] Enter\n", clientID);
+    if (callback == nullptr) {
+        LUMORA_ERROR("callback is null!\n");
+        return -1;
+    }
+    const MutexLock lock(mMutex);
+    if (FindClient(clientID) == nullptr) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    if (mHandleServiceMap.count(handle) == 0) {
+        LUMORA_ERROR("No such Handle, RegisterAiDeviceEvent failed!\n");
+        return -1;
+    }
+    mDeviceEventMap.emplace(clientID, callback);
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraClientModule::SendCmd(int clientID, unsigned int handle, const char* cmd, const char* param) {
+    LUMORA_TRACE("client [%d] Enter\n", clientID);
+    const MutexLock lock(mMutex);
+    if (cmd == nullptr) {
+        LUMORA_ERROR("cmd is null!\n");
+        return -1;
+    }
+    if (param == nullptr) {
+        LUMORA_ERROR("param is nullptr!\n");
+        return -1;
+    }
+    const ResolvedHandle resolved = ResolveHandle(handle);
+    if (resolved.device == nullptr) {
+        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+        return -1;
+    }
+    if (!IsClientInstance(clientID)) {
+        LUMORA_ERROR("No such ClientID : %d!!\n", clientID);
+        return -1;
+    }
+    const LumoraClientManager* client = FindClient(clientID);
+    if (client == nullptr) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    if (client->connectedHandle != handle) {
+        LUMORA_ERROR("This client did't connect on handle: %d!\n", static_cast<int>(handle));
+        return -1;
+    }
+    std::string document;
+    const int built = GetJsonCmd(clientID, cmd, param, document);
+    if (built != 0) {
+        LUMORA_ERROR("GetJsonCmd failed!\n");
+        return built;
+    }
+    std::string unused;
+    const int ret = resolved.device->Post(COMMAND_KEY, document, unused);
+    if (ret != 0) {
+        LUMORA_ERROR("Post command ERROR ! ret = 0x%x\n", static_cast<unsigned int>(ret));
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraClientModule::SendData(int clientID, unsigned int handle, SendDataInfo& info,
+                                 unsigned int& sendLength) {
+    LUMORA_TRACE("client [%d] Enter\n", clientID);
+    if (info.data == nullptr) {
+        LUMORA_ERROR("buffer is nullptr!\n");
+        return -1;
+    }
+    const MutexLock lock(mMutex);
+    const ResolvedHandle resolved = ResolveHandle(handle);
+    if (resolved.serviceType == nullptr) {
+        LUMORA_ERROR("Error: %d,no such device!\n", static_cast<int>(handle));
+        return -1;
+    }
+    if (resolved.device == nullptr) {
+        LUMORA_ERROR("Error:%d, no such Handle!\n", static_cast<int>(handle));
+        return -1;
+    }
+    if (!IsClientInstance(clientID)) {
+        LUMORA_ERROR("No such ClientID : %d!!\n", clientID);
+        return -1;
+    }
+    FrameBuffer frame;
+    if (BuildClientFrame(clientID, info, frame) != 0) {
+        return -1;
+    }
+    const auto transport = mTransportMap.find(handle);
+    if (transport == mTransportMap.end()) {
+        LUMORA_ERROR("This Handle has no transport.\n");
+        sendLength = 0;
+        return -1;
+    }
+    const int ret = transport->second->SendData(frame.Bytes(), info.length + CLIENT_FRAME_HEAD_LENGTH,
+                                                &sendLength, info.timeoutMs);
+    if (ret != 0) {
+        LUMORA_ERROR("SendData failed!\n");
+        sendLength = 0;
+        LUMORA_TRACE("ERROR Out\n");
+        return -1;
+    }
+    sendLength = PayloadWritten(sendLength, CLIENT_FRAME_HEAD_LENGTH);
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraClientModule::BuildClientFrame(int clientID, const SendDataInfo& info, FrameBuffer& frame) {
+    if (!frame.Allocate(info.length + CLIENT_FRAME_HEAD_LENGTH)) {
+        LUMORA_ERROR("dataBuff memory malloc error\n");
+        return -1;
+    }
+    // Only the head: the payload is about to be overwritten.
+    if (memset_s(frame.Bytes(), CLIENT_FRAME_HEAD_LENGTH, 0, CLIENT_FRAME_HEAD_LENGTH) != 0) {
+        LUMORA_ERROR("memset_s failed\n");
+        return -1;
+    }
+    WriteClientFrameHead(frame.Bytes(), info.length, clientID);
+    if (memcpy_s(frame.Bytes() + CLIENT_FRAME_HEAD_LENGTH, info.length, info.data, info.length) != 0) {
+        LUMORA_DETAIL("memcpy_s failed\n");
+        return -1;
+    }
+    LUMORA_DETAIL("headLen = %d, payloadLen = %d\n", static_cast<int>(HeadLengthOf(frame.Bytes())),
+                  static_cast<int>(PayloadLengthOf(frame.Bytes())));
+    return 0;
+}
+
+int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {
+    LUMORA_TRACE("Enter\n");
+    if (frame == nullptr || length == 0) {
+        LUMORA_ERROR("input param is invalid!\n");
+        return -1;
+    }
+    ServerFrame fields;
+    switch (ReadServerFrame(frame, length, fields)) {
+        case FrameDamage::TOO_SHORT:
+            LUMORA_ERROR("data length is too short!\n");
+            return -1;
+        case FrameDamage::PAYLOAD_LENGTH:
+            LUMORA_ERROR("payloadLen= %d,illegal.\n", static_cast<int>(fields.payloadLen));
+            return -1;
+        case FrameDamage::CLIENT_COUNT:
+            LUMORA_ERROR("clientNum:%d exceed the max value!\n", static_cast<int>(fields.clientNum));
+            return -1;
+        case FrameDamage::NAME_LENGTH:
+            LUMORA_ERROR("NameLen exceed the max value!\n");
+            return -1;
+        case FrameDamage::NONE:
+            break;
+    }
+    LUMORA_DETAIL("payloadLen = %d , clientNum = %d , serviceNameLen = %d\n",
+                  static_cast<int>(fields.payloadLen), static_cast<int>(fields.clientNum),
+                  static_cast<int>(fields.nameLen));
+    const MutexLock lock(mMutex);
+    for (unsigned int i = 0; i < fields.clientNum; ++i) {
+        if (DeliverToClient(fields.clientIDs[i], fields) != 0) {
+            return -1;
+        }
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraClientModule::DeliverToClient(int clientID, const ServerFrame& frame) {
+    const auto callback = mDeviceEventMap.find(clientID);
+    if (callback == mDeviceEventMap.end()) {
+        LUMORA_ERROR("ClientID : %d has no Register Event Callback!!\n", clientID);
+        return -1;
+    }
+    const LumoraClientManager* client = FindClient(clientID);
+    if (client == nullptr) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    LUM_DEVICE_EVENT_S event = {};
+    event.clientID = clientID;
+    event.handle = client->connectedHandle;
+    if (strncpy_s(event.serviceName, sizeof(event.serviceName), frame.name, frame.nameLen) != 0) {
+        LUMORA_ERROR("strncpy_s failed\n");
+        return -1;
+    }
+    event.eventType = LUM_DEVICE_EVENT_DATA;
+    event.result = 0;
+    event.dataLen = frame.payloadLen;
+    event.data = frame.payload;
+    const lumora::CallbackScope scope(lumora::Side::CLIENT);
+    callback->second(event);
+    return 0;
+}
+
+int LumoraClientModule::OnDisconnect(unsigned int handle) {
+    LUMORA_TRACE("handle [%d] Enter\n", static_cast<int>(handle));
+    const MutexLock lock(mMutex);
+    const ResolvedHandle resolved = ResolveHandle(handle);
+    if (resolved.serviceType == nullptr) {
+        LUMORA_ERROR("Handle error: %d, no such device type!\n", static_cast<int>(handle));
+        return -1;
+    }
+    if (resolved.device == nullptr) {
+        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+        return -1;
+    }
+    for (const auto& [clientID, client] : mClientManagerMap) {
+        if (client->connectedHandle == handle) {
+            client->connectedHandle = 0;
+        }
+    }
+    if (mTransportMap.erase(handle) == 0) {
+        LUMORA_ERROR("This Handle no transport.\n");
+        return 0;
+    }
+    // The device is forgotten: it has to be searched for again.
+    mServiceDevMap.erase(*resolved.serviceType);
+    mHandleServiceMap.erase(handle);
+    LUMORA_TRACE("OUT\n");
+    return 0;
+}
+
+int LumoraClientModule::GetClientVersion(int clientID, std::string& version) {
+    LUMORA_TRACE("client [%d] Enter\n", clientID);
+    const MutexLock lock(mMutex);
+    if (FindClient(clientID) == nullptr) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    LUMORA_TRACE("client [%d] OUT.\n", clientID);
+    if (LumoraVersion::GetVersion(version) != 0) {
+        LUMORA_ERROR("GetVersion failed!\n");
+        return -1;
+    }
+    return 0;
+}
+
+int LumoraClientModule::GetServerVersion(int clientID, unsigned int handle, std::string& version) {
+    LUMORA_TRACE("client [%d] Enter\n", clientID);
+    const MutexLock lock(mMutex);
+    if (FindClient(clientID) == nullptr) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    const ResolvedHandle resolved = ResolveHandle(handle);
+    if (resolved.serviceType == nullptr) {
+        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+        return -1;
+    }
+    if (resolved.device == nullptr) {
+        LUMORA_ERROR("Handle error, no such handle!\n");
+        return -1;
+    }
+    if (resolved.device->Get(GET_VERSION_KEY, "", version) != 0) {
+        LUMORA_ERROR("GetVersion fail\n");
+        return -1;
+    }
+    LUMORA_DETAIL("version = %s\n", version.c_str());
+    LUMORA_TRACE("client [%d] OUT.\n", clientID);
+    return 0;
+}
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,276 @@
+// Lifecycle of the client module, and the registry of its application clients.
+#include "client/client_module.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/log.h"
+#include "base/make_shared.h"
+#include "link/smart_home_link_hybird.h"
+
+namespace lumoraAiModule {
+
+using lumora::MutexLock;
+
+lumora::Mutex LumoraClientModule::mInstanceMutex;
+lumora::NeverDestroyed<std::shared_ptr<LumoraClientModule>> LumoraClientModule::mInstance;
+lumora::NeverDestroyed<std::vector<unsigned int>> LumoraClientModule::mClientInstance;
+
+namespace {
+
+// ids is sorted: the first position whose ID is not one more than the position is free.
+unsigned int LowestFreeId(const std::vector<unsigned int>& ids) {
+    unsigned int id = 1;
+    while (ids.size() >= id && ids[id - 1] == id) {
+        ++id;
+    }
+    return id;
+}
+
+}  // namespace
+
+std::shared_ptr<LumoraClientModule> LumoraClientModule::CreateInstance(int* clientID,
+                                                                       const std::string& devType) {
+    LUMORA_TRACE("Enter\n");
+    if (clientID == nullptr) {
+        LUMORA_ERROR("input param is invalid!\n");
+        return nullptr;
+    }
+    const MutexLock lock(mInstanceMutex);
+    if (*mInstance == nullptr) {
+        *mInstance = lumora::MakeSharedOrNull<LumoraClientModule>(devType);
+    }
+    if (*mInstance == nullptr) {
+        LUMORA_ERROR("malloc LumoraClientModule failed!\n");
+        return nullptr;
+    }
+    if (mClientInstance->size() >= LUM_MAX_CLIENTS) {
+        LUMORA_STATE(
+            "The number of application instances has exceeded the maximum[%d]. The clientID application "
+            "failed.\n",
+            LUM_MAX_CLIENTS);
+        *clientID = 0;
+        return *mInstance;
+    }
+    const unsigned int id = LowestFreeId(*mClientInstance);
+    mClientInstance->push_back(id);
+    std::sort(mClientInstance->begin(), mClientInstance->end());
+    *clientID = static_cast<int>(id);
+    LUMORA_STATE("Init Lumora client success. device type: %s, clientID: %d. \n", devType.c_str(), *clientID);
+    LUMORA_TRACE("Out\n");
+    return *mInstance;
+}
+
+int LumoraClientModule::DestoryInstance() {
+    std::shared_ptr<LumoraClientModule> instance;  // released without the lock held
+    {
+        const MutexLock lock(mInstanceMutex);
+        if (!mClientInstance->empty()) {
+            LUMORA_ERROR("At least one Lumora client is running, you could not Destroy!\n");
+            return -1;
+        }
+        instance.swap(*mInstance);
+    }
+    if (instance == nullptr) {
+        LUMORA_WARNING("No Lumora instance created, you could not Destroy\n");
+    }
+    return 0;
+}
+
+bool LumoraClientModule::IsClientInstance(int clientID) {
+    const MutexLock lock(mInstanceMutex);
+    return std::binary_search(mClientInstance->begin(), mClientInstance->end(),
+                              static_cast<unsigned int>(clientID));
+}
+
+std::vector<unsigned int> LumoraClientModule::ClientInstances() {
+    const MutexLock lock(mInstanceMutex);
+    return *mClientInstance;
+}
+
+LumoraClientModule::LumoraClientModule(const std::string& devType) : mDevServiceType(devType) {
+    LUMORA_STATE("Register dev ServiceType = %s\n", mDevServiceType.c_str());
+}
+
+LumoraClientModule::~LumoraClientModule() {
+    LUMORA_TRACE("Enter\n");
+    // Whoever comes late must find nobody: an event, or a frame when the last stop failed half-way.
+    lumora::SmartHomeLinkHybird::WithdrawNotifyCallback(this);
+    if (mTransManager != nullptr) {
+        mTransManager->StopTransports();
+    }
+    mServiceDevMap.clear();
+    mClientManagerMap.clear();
+    mTransportMap.clear();
+    mSmartHomeLink.reset();
+    mDevDescriptor.reset();
+    mTransManager.reset();
+    LUMORA_TRACE("Out\n");
+}
+
+int LumoraClientModule::InitLumoraModule(int clientID) {
+    LUMORA_TRACE("client [%d] Enter.\n", clientID);
+    if (clientID <= 0) {
+        LUMORA_ERROR("clientID error!\n");
+        return -1;
+    }
+    const MutexLock lock(mMutex);
+    if (FindClient(clientID) == nullptr) {
+        auto client = lumora::MakeSharedOrNull<LumoraClientManager>();
+        if (client == nullptr) {
+            LUMORA_ERROR("new memory error!\n");
+            return -1;
+        }
+        mClientManagerMap[static_cast<unsigned int>(clientID)] = std::move(client);
+    }
+    if (mIsRunning) {
+        LUMORA_WARNING("Lumora Module has been initiliazed!\n");
+        return 0;
+    }
+    if (InitializeCoapService() != 0) {
+        LUMORA_ERROR("InitializeCoapService failed!\n");
+        return -1;
+    }
+    if (StartCoapService() != 0) {
+        LUMORA_ERROR("StartCoapService failed!\n");
+        mSmartHomeLink.reset();
+        mDevDescriptor.reset();
+        mTransFactory.reset();
+        return -1;
+    }
+    mIsRunning = true;
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraClientModule::InitializeCoapService() {
+    mSmartHomeLink = lumora::SmartHomeLink::Create(lumora::LINK_HYBIRD);
+    if (mSmartHomeLink == nullptr) {
+        LUMORA_ERROR("Create SmarthomeLink failure!\n");
+        return -1;
+    }
+    mDevDescriptor = lumora::MakeSharedOrNull<LumoraAiDescriptor>(mDevServiceType);
+    if (mDevDescriptor == nullptr) {
+        LUMORA_ERROR("Create mDevDescriptor failure!\n");
+        return -1;
+    }
+    mTransFactory = CreateLumTransManagerFactory();
+    if (mTransFactory == nullptr) {
+        LUMORA_ERROR("Create TransManagerFactory failure!\n");
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraClientModule::StartCoapService() {
+    if (!mSmartHomeLink->RegisterDeviceDescriptor(mDevDescriptor, this)) {
+        LUMORA_ERROR("mSmartHomeLink registerDeviceDescriptor failed!\n");
+        return -1;
+    }
+    if (!mSmartHomeLink->Run()) {
+        LUMORA_ERROR("mSmartHomeLink running failed!!\n");
+        return -1;
+    }
+    return 0;
+}
+
+int LumoraClientModule::CloseCoapService() {
+    if (!mIsRunning) {
+        LUMORA_ERROR("mSmartHomeLink is not running, you can't close it!\n");
+        return -1;
+    }
+    mIsRunning = false;
+    if (!mSmartHomeLink->Exit()) {
+        LUMORA_ERROR("mSmartHomeLink->Exit() failed!\n");
+        return -1;
+    }
+    return 0;
+}
+
+int LumoraClientModule::DeInitLumoraModule(int clientID, unsigned int* clientNum) {
+    if (clientNum == nullptr) {
+        LUMORA_ERROR("clientNum nullptr\n");
+        return -1;
+    }
+    if (RemoveClient(clientID) != 0 || ReleaseClientId(clientID, clientNum) != 0) {
+        return -1;
+    }
+    if (*clientNum != 0) {
+        LUMORA_TRACE("Out\n");
+        return 0;
+    }
+    // Closing waits for events in progress, which may be waiting for mMutex.
+    if (CloseCoapService() != 0) {
+        LUMORA_ERROR("CloseCoapService failed!!\n");
+        return -1;
+    }
+    LUMORA_DETAIL("CloseCoapService --out!\n");
+    ReleaseResources();
+    mIsRunning = false;
+    LUMORA_TRACE("No client Instance Out\n");
+    return 0;
+}
+
+int LumoraClientModule::RemoveClient(int clientID) {
+    const MutexLock lock(mMutex);
+    if (mClientManagerMap.erase(static_cast<unsigned int>(clientID)) == 0) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    mDeviceEventMap.erase(clientID);
+    return 0;
+}
+
+int LumoraClientModule::ReleaseClientId(int clientID, unsigned int* clientNum) {
+    const MutexLock lock(mInstanceMutex);
+    const auto found =
+        std::find(mClientInstance->begin(), mClientInstance->end(), static_cast<unsigned int>(clientID));
+    if (found == mClientInstance->end()) {
+        LUMORA_ERROR("No such CLientID : %d!!\n", clientID);
+        return -1;
+    }
+    mClientInstance->erase(found);
+    *clientNum = static_cast<unsigned int>(mClientInstance->size());
+    return 0;
+}
+
+void LumoraClientModule::ReleaseResources() {
+    std::shared_ptr<LumoraTransManager> transport;
+    {
+        const MutexLock lock(mMutex);
+        mHandleServiceMap.clear();
+        mDeviceEventMap.clear();
+        mServiceDevMap.clear();
+        transport.swap(mTransManager);
+        LUMORA_DETAIL("will unlock\n");
+    }
+    // The receive thread that this joins may be waiting for mMutex.
+    if (transport != nullptr) {
+        transport->StopTransports();
+    }
+}
+
+int LumoraClientModule::RegisterEvent(int clientID, LUM_EVENT_CALLBACK callback) {
+    LUMORA_TRACE("client [%d] Enter\n", clientID);
+    if (callback == nullptr) {
+        LUMORA_ERROR("callback is null!\n");
+        return -1;
+    }
+    const MutexLock lock(mMutex);
+    LumoraClientManager* client = FindClient(clientID);
+    if (client == nullptr) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    client->eventCallback = callback;
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+LumoraClientManager* LumoraClientModule::FindClient(int clientID) {
+    const auto found = mClientManagerMap.find(static_cast<unsigned int>(clientID));
+    return found != mClientManagerMap.end() ? found->second.get() : nullptr;
+}
+
+}  // namespace lumoraAiModule

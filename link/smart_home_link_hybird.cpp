@@ -1,0 +1,141 @@
+#include "link/smart_home_link_hybird.h"
+
+#include "base/log.h"
+#include "link/descriptor_registry.h"
+
+namespace lumora {
+
+using lumoraAiModule::LumoraNotifyCallback;
+
+Mutex SmartHomeLinkHybird::g_mConnectMutex;
+NeverDestroyed<std::string> SmartHomeLinkHybird::g_mConnectAddr("0");
+int SmartHomeLinkHybird::g_mConnectPort = -1;
+NeverDestroyed<CallbackSlot<LumoraNotifyCallback>> SmartHomeLinkHybird::g_mNotifyCallback;
+
+SmartHomeLinkHybird::~SmartHomeLinkHybird() {
+    if (mPlatform != nullptr) {
+        FreeLinkPlatform(mPlatform);
+        mPlatform = nullptr;
+    }
+}
+
+std::shared_ptr<SmartHomeLink> SmartHomeLinkHybird::Get() {
+    auto link = std::make_shared<SmartHomeLinkHybird>();
+    if (!link->Initialize()) {
+        LUMORA_DETAIL("SmartHomeLinkHybird is null\n");
+        return nullptr;
+    }
+    return link;
+}
+
+bool SmartHomeLinkHybird::Initialize() {
+    mPlatform = GetLinkPlatform();
+    if (mPlatform == nullptr) {
+        LUMORA_DETAIL("LinkPlatform_get failure\n");
+        return false;
+    }
+    return mPlatform->Init(mPlatform) == 0;
+}
+
+bool SmartHomeLinkHybird::RegisterDeviceDescriptor(std::shared_ptr<LinkDeviceDescriptor> descriptor,
+                                                   LumoraNotifyCallback* callback) {
+    AppResource* resource = LinkDeviceDescriptorWrapper::Get()->RegisterDeviceDescriptor(descriptor);
+    if (resource == nullptr) {
+        LUMORA_DETAIL("Register device descriptor failure\n");
+        return false;
+    }
+    int ret = 0;
+    if (mPlatform != nullptr) {
+        ret = mPlatform->RegisterResource(mPlatform, resource, RemoteDeviceNotifyCallback);
+    }
+    g_mNotifyCallback->Set(callback);
+    return ret == 0;
+}
+
+bool SmartHomeLinkHybird::FindDevice(std::string& devType, std::list<std::shared_ptr<LinkDevice>>& devices) {
+    AppResourceProxy* proxy =
+        mPlatform != nullptr ? mPlatform->FindResource(mPlatform, devType.c_str()) : nullptr;
+    while (proxy != nullptr) {
+        devices.push_back(std::make_shared<LinkDeviceImpl>(*proxy));
+        proxy = GetNextAppResourceProxy(proxy);
+    }
+    return !devices.empty();
+}
+
+bool SmartHomeLinkHybird::Dbg(int level) {
+    if (mPlatform != nullptr) {
+        mPlatform->SetDebugLevel(mPlatform, level);
+    }
+    return true;
+}
+
+bool SmartHomeLinkHybird::Run() { return mPlatform == nullptr || mPlatform->Run(mPlatform) == 0; }
+
+bool SmartHomeLinkHybird::Exit() {
+    LUMORA_DETAIL("Stop SmartHomeLinkHybird\n");
+    return mPlatform == nullptr || mPlatform->Exit(mPlatform) == 0;
+}
+
+bool SmartHomeLinkHybird::SetConnectDevice(std::string& addr, int port) {
+    {
+        const MutexLock lock(g_mConnectMutex);
+        *g_mConnectAddr = addr;
+        g_mConnectPort = port;
+    }
+    LUMORA_DETAIL("Set connect addr = %s, port = %d\n", addr.c_str(), port);
+    return false;
+}
+
+std::string SmartHomeLinkHybird::ConnectAddr() {
+    const MutexLock lock(g_mConnectMutex);
+    return *g_mConnectAddr;
+}
+
+int SmartHomeLinkHybird::NotifyCallback(NotifyDeviceInfo* info) {
+    if (info == nullptr) {
+        LUMORA_DETAIL("devInfo is nullptr, on callback information!\n");
+        return -1;
+    }
+    if (!g_mNotifyCallback->IsSet()) {
+        LUMORA_DETAIL("g_mNotifyCallback is nullptr, can't callback!\n");
+        return -1;
+    }
+    if (ConnectAddr() != info->addr) {
+        return 0;
+    }
+    LUMORA_DETAIL("we receive devType: %s , addr: %s, id = %d, port = %d\n", info->devType, info->addr,
+                  static_cast<int>(info->id), info->port);
+    const std::string addr = info->addr;
+    const std::string devType = info->devType;
+    return g_mNotifyCallback->Call(
+        [&](LumoraNotifyCallback& callback) {
+            return info->event == NOTIFY_DEVICE_ADDED
+                       ? callback.OnAddDevice(info->id, addr, info->port, devType)
+                       : callback.OnRemoveDevice(info->id, addr, info->port, devType);
+        },
+        -1);
+}
+
+void SmartHomeLinkHybird::WithdrawNotifyCallback(LumoraNotifyCallback* callback) {
+    g_mNotifyCallback->Withdraw(callback);
+}
+
+int RemoteDeviceNotifyCallback(NotifyDeviceInfo* info) {
+    if (info == nullptr) {
+        return 0;
+    }
+    if (info->event == NOTIFY_DEVICE_ADDED) {
+        LUMORA_STATE("Remote Device Notify : add device id (%u), devType (%s), addr (%s), port (%d)\n",
+                     info->id, info->devType, info->addr, info->port);
+    } else {
+        LUMORA_STATE("Remote Device Notify : remove device id (%u), devType (%s), addr (%s), port (%d)\n",
+                     info->id, info->devType, info->addr, info->port);
+    }
+    try {
+        return SmartHomeLinkHybird::NotifyCallback(info);
+    } catch (...) {
+        return -1;  // the caller is a C library
+    }
+}
+
+}  // namespace lumora

@@ -1,0 +1,289 @@
+// Lifecycle of the server module, and the registration of the local device's services.
+#include "server/server_module.h"
+
+#include <cstddef>
+#include <utility>
+
+#include "base/log.h"
+#include "base/make_shared.h"
+#include "base/names.h"
+#include "link/smart_home_link_hybird.h"
+#include "securec.h"
+#include "server/control_protocol.h"
+
+namespace lumoraAiModule {
+
+using lumora::MutexLock;
+
+LumoraServerModule* LumoraServerModule::mInstance = nullptr;
+
+namespace {
+
+LumoraServerModule* NewModule(const std::string& devType) {
+    try {
+        return std::make_unique<LumoraServerModule>(devType).release();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+}  // namespace
+
+LumoraServerModule* LumoraServerModule::CreateInstance(const std::string& devType) {
+    LUMORA_TRACE("Enter\n");
+    if (mInstance == nullptr) {
+        mInstance = NewModule(devType);
+    }
+    LUMORA_TRACE("Out\n");
+    return mInstance;
+}
+
+int LumoraServerModule::DestoryInstance() {
+    LUMORA_TRACE("Enter\n");
+    if (mInstance == nullptr) {
+        LUMORA_ERROR("No Lumora instance created, you could not Destroy\n");
+        return 0;
+    }
+    const std::unique_ptr<LumoraServerModule> instance(std::exchange(mInstance, nullptr));
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+LumoraServerModule::LumoraServerModule(const std::string& devType) : mDevType(devType) {
+    LUMORA_TRACE("Enter\n");
+    LUMORA_TRACE("Out\n");
+}
+
+LumoraServerModule::~LumoraServerModule() {
+    // Late events and requests must find nobody.
+    lumora::SmartHomeLinkHybird::WithdrawNotifyCallback(this);
+    if (mDevDescriptor != nullptr) {
+        mDevDescriptor->WithdrawCallback(this);
+    }
+    mSmartHomeLink.reset();
+    mDevDescriptor.reset();
+    mTransManager.reset();
+    mTransFactory.reset();
+}
+
+int LumoraServerModule::InitLumoraModule() {
+    LUMORA_TRACE("Enter\n");
+    const MutexLock lock(mMutex);
+    if (mIsInit) {
+        LUMORA_ERROR("Lumora Module has been initiliazed!\n");
+        return 0;
+    }
+    if (InitializeCoapService() != 0) {
+        LUMORA_ERROR("InitializeCoapService failed!\n");
+        return -1;
+    }
+    if (StartCoapService() != 0) {
+        LUMORA_ERROR("StartCoapService failed!\n");
+        mSmartHomeLink.reset();
+        mDevDescriptor.reset();
+        mTransFactory.reset();
+        return -1;
+    }
+    mIsInit = true;
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::InitializeCoapService() {
+    LUMORA_TRACE("Enter\n");
+    mSmartHomeLink = lumora::SmartHomeLink::Create(lumora::LINK_HYBIRD);
+    if (mSmartHomeLink == nullptr) {
+        LUMORA_ERROR("create SmarthomeLink failure!\n");
+        return -1;
+    }
+    mDevDescriptor = lumora::MakeSharedOrNull<LumoraAiDescriptor>(this, mDevType);
+    if (mDevDescriptor == nullptr) {
+        LUMORA_ERROR("create mDevDescriptor failure!\n");
+        return -1;
+    }
+    mTransFactory = CreateLumTransManagerFactory();
+    if (mTransFactory == nullptr) {
+        LUMORA_ERROR("create TransManagerFactory failure!\n");
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::StartCoapService() {
+    LUMORA_TRACE("Enter\n");
+    if (!mSmartHomeLink->RegisterDeviceDescriptor(mDevDescriptor, this)) {
+        LUMORA_ERROR("mSmartHomeLink registerDeviceDescriptor failed!\n");
+        return -1;
+    }
+    if (!mSmartHomeLink->Run()) {
+        LUMORA_ERROR("mSmartHomeLink running failed!!\n");
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::CloseCoapService() {
+    LUMORA_TRACE("Enter\n");
+    if (!mIsInit) {
+        LUMORA_ERROR("mSmartHomeLink is not running, you can't close it!\n");
+        return -1;
+    }
+    mIsInit = false;
+    if (!mSmartHomeLink->Exit()) {
+        LUMORA_ERROR("mSmartHomeLink->exit() failed!\n");
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::DeInitLumoraModule() {
+    LUMORA_TRACE("Enter\n");
+    // Without mMutex: closing waits for requests in progress, which need it.
+    if (CloseCoapService() != 0) {
+        LUMORA_ERROR("CloseCoapService failed!!\n");
+        return -1;
+    }
+    LUMORA_STATE("Clear coap resourse success.\n");
+    {
+        const MutexLock lock(mMutex);
+        PublishServices(ServiceMap());
+    }
+    const std::shared_ptr<LumoraTransManager> transport = Transport();
+    if (transport != nullptr) {
+        const int ret = transport->StopTransports();
+        if (ret != 0) {
+            LUMORA_ERROR("StopTransports failed!\n");
+            return ret;
+        }
+        PublishTransport(nullptr);
+    }
+    mIsInit = false;
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::RegisterLocalDeviceInfo(const LUM_DEVICE_INFO_S* devInfo) {
+    LUMORA_TRACE("Enter\n");
+    const MutexLock lock(mMutex);
+    if (devInfo == nullptr || devInfo->serviceNum == 0) {
+        LUMORA_ERROR("invalid input paramers!\n");
+        return -1;
+    }
+    mDevType = lumora::NameText(devInfo->devServiceType);
+    if (RegisterServices(*devInfo) != 0) {
+        return -1;
+    }
+    if (memset_s(&mDevInfo, sizeof(mDevInfo), 0, sizeof(mDevInfo)) != 0) {
+        LUMORA_ERROR("memset_s failed\n");
+        return -1;
+    }
+    if (memcpy_s(&mDevInfo, sizeof(mDevInfo), devInfo, sizeof(*devInfo)) != 0) {
+        LUMORA_ERROR("memcpy_s failed\n");
+        return -1;
+    }
+    if (GetServiceInfoString(mLocalServiceInfo) != 0) {
+        LUMORA_ERROR("RegisterAiDevInfo  Failed!!\n");
+        return -1;
+    }
+    if (mLocalServiceInfo.length() > MAX_SERVICE_INFO_LENGTH) {
+        LUMORA_ERROR("mLocalServiceInfo exceed the max length!!\n");
+        mLocalServiceInfo.clear();
+        return -1;
+    }
+    LUMORA_DETAIL("User register mLocalServiceInfo:%s\n", mLocalServiceInfo.c_str());
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::RegisterServices(const LUM_DEVICE_INFO_S& devInfo) {
+    PublishServices(ServiceMap());
+    mServiceInfos.clear();
+    ServiceMap services;
+    for (unsigned int i = 0; i < devInfo.serviceNum && i < LUM_MAX_SERVICES; ++i) {
+        mServiceInfos.push_back(devInfo.serviceInfo[i]);
+        auto manager = lumora::MakeSharedOrNull<LumoraServiceManager>();
+        if (manager == nullptr) {
+            LUMORA_ERROR("new memory LumoraServiceManager error!\n");
+            return -1;
+        }
+        services.emplace(lumora::NameText(devInfo.serviceInfo[i].serviceName), std::move(manager));
+    }
+    PublishServices(std::move(services));
+    return 0;
+}
+
+int LumoraServerModule::GetServiceInfoString(std::string& out) {
+    return lumoraAiModule::GetServiceInfoString(mDevType, mServiceInfos, out);
+}
+
+// ---- What requests and sends share ----
+
+std::shared_ptr<LumoraTransManager> LumoraServerModule::Transport() {
+    const MutexLock lock(mPublishMutex);
+    return mTransManager;
+}
+
+void LumoraServerModule::PublishTransport(std::shared_ptr<LumoraTransManager> transport) {
+    const MutexLock lock(mPublishMutex);
+    mTransManager.swap(transport);
+}
+
+int LumoraServerModule::StopTransport() {
+    const std::shared_ptr<LumoraTransManager> transport = Transport();
+    if (transport == nullptr) {
+        return 0;
+    }
+    if (transport->StopTransports() == -1) {
+        LUMORA_ERROR("StopTransports failed!\n");
+        return -1;
+    }
+    PublishTransport(nullptr);
+    return 0;
+}
+
+LumoraServerModule::ServiceMap LumoraServerModule::Services() {
+    const MutexLock lock(mPublishMutex);
+    return mServiceMap;
+}
+
+std::shared_ptr<LumoraServiceManager> LumoraServerModule::FindService(const std::string& serviceName) {
+    const MutexLock lock(mPublishMutex);
+    const auto found = mServiceMap.find(serviceName);
+    return found != mServiceMap.end() ? found->second : nullptr;
+}
+
+bool LumoraServerModule::Subscribers(const std::string& serviceName, std::vector<unsigned int>& clientIDs) {
+    const MutexLock lock(mPublishMutex);
+    const auto found = mServiceMap.find(serviceName);
+    if (found == mServiceMap.end()) {
+        return false;
+    }
+    clientIDs = found->second->mClientIds;
+    return true;
+}
+
+void LumoraServerModule::PublishSubscribers(LumoraServiceManager& service,
+                                            std::vector<unsigned int> clientIDs) {
+    const MutexLock lock(mPublishMutex);
+    service.mClientIds.swap(clientIDs);
+}
+
+void LumoraServerModule::PublishServices(ServiceMap services) {
+    const MutexLock lock(mPublishMutex);
+    mServiceMap.swap(services);
+}
+
+std::string LumoraServerModule::RemoteAddress() {
+    const MutexLock lock(mPublishMutex);
+    return mRemoteAddress;
+}
+
+void LumoraServerModule::PublishRemoteAddress(const std::string& address) {
+    const MutexLock lock(mPublishMutex);
+    mRemoteAddress = address;
+}
+
+}  // namespace lumoraAiModule

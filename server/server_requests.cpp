@@ -1,0 +1,300 @@
+// The server module's answers to the requests of clients, and to devices that leave the network.
+#include <algorithm>
+
+#include "base/callback_scope.h"
+#include "base/log.h"
+#include "link/smart_home_link.h"
+#include "securec.h"
+#include "server/control_protocol.h"
+#include "server/server_module.h"
+#include "transport/transport_config.h"
+#include "version/lumora_version.h"
+
+namespace lumoraAiModule {
+
+using lumora::MutexLock;
+
+namespace {
+
+bool Contains(const std::vector<unsigned int>& ids, int clientID) {
+    return std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)) != ids.end();
+}
+
+void EraseFirst(std::vector<unsigned int>& ids, int clientID) {
+    ids.erase(std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)));
+}
+
+}  // namespace
+
+int LumoraServerModule::OnCoapGet(const std::string& key, std::string& reply) {
+    LUMORA_TRACE("Enter\n");
+    const MutexLock lock(mMutex);
+    if (key == SERVICE_INFO_KEY) {
+        reply = mLocalServiceInfo;
+    } else if (key == TRANS_STATUS_KEY) {
+        LUM_TRANSPORT_STATUS_E status = LUM_TRANSPORT_STATUS_FREE;
+        const std::shared_ptr<LumoraTransManager> transport = Transport();
+        if (transport != nullptr && transport->GetTransStatus(status) == -1) {
+            LUMORA_ERROR("GetTransStatus failed!\n");
+            return -1;
+        }
+        reply = status == LUM_TRANSPORT_STATUS_BUSY ? TRANSPORT_BUSY_REPLY : TRANSPORT_FREE_REPLY;
+    } else if (key == GET_VERSION_KEY) {
+        if (LumoraVersion::GetVersion(reply) != 0) {
+            LUMORA_ERROR("GetVersion failed!\n");
+            return -1;
+        }
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
+    LUMORA_TRACE("Enter\n");
+    LUMORA_DETAIL("cmd:%s\n", key.c_str());
+    const MutexLock lock(mMutex);
+    if (key == STOP_TRANSPORT_KEY && StopTransport() != 0) {
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::OnCoapPost(const std::string& key, const std::string& value) {
+    LUMORA_TRACE("Enter\n");
+    LUMORA_STATE("Received coap request: [cmd:%s, value:%s].\n", key.c_str(), value.c_str());
+    const MutexLock lock(mMutex);
+    int ret = 0;
+    if (key == COMMAND_KEY) {
+        return HandleCommand(value);
+    }
+    // stoi throws for what is no number: the request then fails at the boundary to the platform.
+    if (key == DESTROY_KEY) {
+        ret = HandleDestroy(std::stoi(value));
+    } else if (key == CONNECT_KEY) {
+        const int clientID = std::stoi(value);
+        mClientList.push_back(static_cast<unsigned int>(clientID));
+        LUMORA_DETAIL("client %d  on us!\n", clientID);
+    }
+    if (ret != 0) {
+        return ret;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::OnCoapDelete(const std::string&, const std::string&) {
+    const MutexLock lock(mMutex);
+    return 0;
+}
+
+int LumoraServerModule::HandleCommand(const std::string& value) {
+    CommandParam param;
+    if (memset_s(&param, sizeof(param), 0, sizeof(param)) != 0) {
+        LUMORA_ERROR("memset_s failed!\n");
+        return -1;
+    }
+    int clientID = 0;
+    std::string cmd;
+    if (ParseJsonCmd(value, &clientID, &cmd, &param) != 0) {
+        LUMORA_ERROR("ParseJsonCmd failed!\n");
+        return -1;
+    }
+    if (mDevInfo.OnCommand == nullptr || mDevInfo.OnEventNotify == nullptr) {
+        LUMORA_ERROR("User register mDevInfo error!\n");
+        return 0;
+    }
+    const LUM_SUBSCRIBE_SERVICE_S& subscription = param.subscription;
+    if (cmd == SUBSCRIBE_COMMAND) {
+        if (ProcessSubscribe(clientID, subscription) != 0) {
+            LUMORA_ERROR("Process Subscribe %s failed\n", subscription.serviceName);
+            return -1;
+        }
+    } else if (cmd == UNSUBSCRIBE_COMMAND) {
+        if (ProcessUnSubscribe(clientID, subscription) != 0) {
+            LUMORA_ERROR("Process UnSubscribe %s failed\n", subscription.serviceName);
+            return -1;
+        }
+    } else {
+        const lumora::CallbackScope scope(lumora::Side::SERVER);
+        mDevInfo.OnCommand(cmd.c_str(), param.text);
+        return 0;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::HandleDestroy(int clientID) {
+    if (!Contains(mClientList, clientID)) {
+        LUMORA_ERROR("No such clientID : %d connect on us!!\n", clientID);
+        return -1;
+    }
+    EraseFirst(mClientList, clientID);
+    LUMORA_STATE("There are %d clients connected.\n", static_cast<int>(mClientList.size()));
+    if (ClearOneServerInfo(clientID) != 0) {
+        LUMORA_ERROR("ClearOneServerInfo : %d failed!!\n", clientID);
+        return -1;
+    }
+    return 0;
+}
+
+int LumoraServerModule::ProcessSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) {
+    const std::shared_ptr<LumoraServiceManager> service = FindService(record.serviceName);
+    if (service == nullptr) {
+        LUMORA_ERROR("Device can't support %s service\n", record.serviceName);
+        return -1;
+    }
+    if (Contains(service->mClientIds, clientID)) {
+        LUMORA_STATE("Client[%d] has subscribed %s service.\n", clientID, record.serviceName);
+        return 0;
+    }
+    std::vector<unsigned int> subscribers = service->mClientIds;
+    subscribers.push_back(static_cast<unsigned int>(clientID));
+    PublishSubscribers(*service, std::move(subscribers));
+    LUMORA_DETAIL("clientID = %d is stored in %s space!\n", clientID, record.serviceName);
+    return NotifyApplication(clientID, LUM_NOTIFY_SUBSCRIBED, record);
+}
+
+int LumoraServerModule::ProcessUnSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) {
+    const std::shared_ptr<LumoraServiceManager> service = FindService(record.serviceName);
+    if (service == nullptr) {
+        LUMORA_ERROR("Device can't support %s service\n", record.serviceName);
+        return -1;
+    }
+    if (!Contains(service->mClientIds, clientID)) {
+        LUMORA_ERROR("Client : %d has not subscribed %s service!!\n", clientID, record.serviceName);
+        return -1;
+    }
+    RemoveSubscriber(*service, clientID);
+    return NotifyApplication(clientID, LUM_NOTIFY_UNSUBSCRIBED, record);
+}
+
+void LumoraServerModule::RemoveSubscriber(LumoraServiceManager& service, int clientID) {
+    std::vector<unsigned int> subscribers = service.mClientIds;
+    EraseFirst(subscribers, clientID);
+    PublishSubscribers(service, std::move(subscribers));
+}
+
+int LumoraServerModule::NotifyApplication(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) {
+    LUM_SUBSCRIBE_SERVICE_S copy = {};
+    if (memcpy_s(&copy, sizeof(copy), &record, sizeof(record)) != 0) {
+        LUMORA_ERROR("memcpy_s failed\n");
+        return -1;
+    }
+    CallOnEventNotify(clientID, event, copy);
+    return 0;
+}
+
+void LumoraServerModule::CallOnEventNotify(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) {
+    if (mDevInfo.OnEventNotify != nullptr) {
+        const lumora::CallbackScope scope(lumora::Side::SERVER);
+        mDevInfo.OnEventNotify(clientID, event, record);
+    }
+}
+
+int LumoraServerModule::ClearOneServerInfo(int clientID) {
+    LUMORA_TRACE("Enter\n");
+    LUMORA_STATE("Client[%d] will be cleared.\n", clientID);
+    LUM_SUBSCRIBE_SERVICE_S record = {};
+    for (const auto& [serviceName, service] : Services()) {
+        if (!Contains(service->mClientIds, clientID)) {
+            continue;
+        }
+        if (strncpy_s(record.serviceName, sizeof(record.serviceName), serviceName.c_str(),
+                      serviceName.length()) != 0) {
+            LUMORA_ERROR("strncpy_s failed\n");
+            return -1;
+        }
+        CallOnEventNotify(clientID, LUM_NOTIFY_UNSUBSCRIBED, record);
+        LUMORA_DETAIL("will erase clientID = %d is stored in %s space!\n", clientID, serviceName.c_str());
+        RemoveSubscriber(*service, clientID);
+    }
+    LUMORA_STATE("There are %d clients connected.\n", static_cast<int>(mClientList.size()));
+    if (mClientList.empty()) {
+        LUMORA_STATE("No client connected, the transport will be stopped.\n");
+        if (StopTransport() != 0) {
+            return -1;
+        }
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::Port& port,
+                                            std::string& setup) {
+    LUMORA_TRACE("Enter\n");
+    LUMORA_STATE("Reveived remote transport info: %s.\n", setup.c_str());
+    const MutexLock lock(mMutex);
+    LUM_TRANSPORT_E protocol = LUM_TRANSPORT_NONE;
+    // There is no factory when a start failed but the platform goes on delivering requests.
+    const int parsed =
+        mTransFactory != nullptr ? mTransFactory->ParseTransportsProtocol(setup, protocol) : -1;
+    if (parsed != 0) {
+        LUMORA_ERROR("ParseTransportsProtocol failed!\n");
+        return parsed;
+    }
+    if (StopTransport() != 0) {
+        return -1;
+    }
+    const std::shared_ptr<LumoraTransManager> transport = mTransFactory->CreateTransportsManager(protocol);
+    PublishTransport(transport);
+    if (transport == nullptr) {
+        LUMORA_ERROR("CreateTransportsManager failed!\n");
+        return -1;
+    }
+    lumora::LumoraTransportConfig config;
+    if (config.ParseSetupString(setup) == 0) {
+        LUMORA_ERROR("Setup String EROR: %s\n", setup.c_str());
+        return 0;  // not a failure of the request: the client sees it by the missing word of success
+    }
+    std::string address = port.GetAddress();
+    const int opened = OpenDataChannel(*transport, address, config.GetPort());
+    if (opened != 0) {
+        return opened;
+    }
+    setup = SETUP_SUCCESS_REPLY;
+    PublishRemoteAddress(address);
+    mSmartHomeLink->SetConnectDevice(address, config.GetPort());
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+// Our receiving half comes first: the client connects to it as soon as we have answered.
+int LumoraServerModule::OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) {
+    LUM_OBSERVER_S observer = {mDevInfo.OnCommand, mDevInfo.OnEventNotify, mDevInfo.OnData};
+    const int receiving = transport.CreateTransports(TransType::SERVER_RECEIVE, address, port, observer);
+    if (receiving != 0) {
+        LUMORA_ERROR("CreateTransports failed!\n");
+        return receiving;
+    }
+    LUM_OBSERVER_S none;
+    const int sending = transport.CreateTransports(TransType::SERVER_SEND, address, port + 1, none);
+    if (sending != 0) {
+        LUMORA_ERROR("CreateTransports failed,will stop transport!\n");
+        transport.StopTransports();
+    }
+    return sending;
+}
+
+int LumoraServerModule::OnAddDevice(unsigned int, const std::string&, int, const std::string&) { return 0; }
+
+int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, int, const std::string&) {
+    LUMORA_TRACE("Enter\n");
+    if (addr != RemoteAddress()) {
+        LUMORA_TRACE("Out\n");
+        return 0;
+    }
+    const MutexLock lock(mMutex);
+    LUMORA_STATE("The transport will be destoried while removing device.\n");
+    for (const unsigned int clientID : mClientList) {
+        ClearOneServerInfo(static_cast<int>(clientID));
+    }
+    mClientList.clear();
+    if (StopTransport() != 0) {
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,98 @@
+// The server module's way of sending data to the subscribers of a service.
+#include "base/log.h"
+#include "securec.h"
+#include "server/server_module.h"
+#include "transport/data_frame.h"
+
+namespace lumoraAiModule {
+
+using lumora::MutexLock;
+
+int LumoraServerModule::SendDataToClient(const std::string& serviceName, const char* data,
+                                         unsigned int dataLen, unsigned int* sendLength,
+                                         unsigned int timeoutMs) {
+    if (data == nullptr) {
+        LUMORA_ERROR("input buffer is nullptr!\n");
+        return -1;
+    }
+    if (sendLength == nullptr) {
+        LUMORA_ERROR("sendLength is nullptr!\n");
+        return -1;
+    }
+    if (dataLen == 0) {
+        LUMORA_ERROR("payload dataLen is 0!\n");
+        return -1;
+    }
+    const MutexLock lock(mSendMutex);
+    LUMORA_TRACE("Enter\n");
+    *sendLength = 0;
+    if (Transport() == nullptr) {
+        LUMORA_ERROR("no transport created , please connect first!\n");
+        return -1;
+    }
+    if (PacketAndSendData(serviceName, data, dataLen, sendLength, timeoutMs) != 0) {
+        LUMORA_ERROR("PacketAndSendData failed!\n");
+        return -1;
+    }
+    LUMORA_TRACE("Out\n");
+    return 0;
+}
+
+int LumoraServerModule::PacketAndSendData(const std::string& serviceName, const char* data,
+                                          unsigned int dataLen, unsigned int* sendLength,
+                                          unsigned int timeoutMs) {
+    std::vector<unsigned int> clientIDs;
+    if (!Subscribers(serviceName, clientIDs)) {
+        LUMORA_ERROR("serviceName is illegal\n");
+        return -1;
+    }
+    const auto headLen =
+        static_cast<unsigned int>(clientIDs.size() + serviceName.length() + SERVER_FRAME_FIXED_HEAD_LENGTH);
+    if (headLen > MAX_SERVER_FRAME_HEAD_LENGTH) {
+        LUMORA_ERROR("headLen %d illegal\n", static_cast<int>(headLen));
+        return -1;
+    }
+    FrameBuffer frame;
+    if (BuildServerFrame(serviceName, clientIDs, data, dataLen, frame) != 0) {
+        return -1;
+    }
+    const std::shared_ptr<LumoraTransManager> transport = Transport();
+    if (transport != nullptr &&
+        transport->SendData(frame.Bytes(), headLen + dataLen, sendLength, timeoutMs) != 0) {
+        LUMORA_ERROR("SendDataToClient failed!\n");
+        *sendLength = 0;
+        return -1;
+    }
+    *sendLength = PayloadWritten(*sendLength, headLen);
+    return 0;
+}
+
+int LumoraServerModule::BuildServerFrame(const std::string& serviceName,
+                                         const std::vector<unsigned int>& clientIDs, const char* data,
+                                         unsigned int dataLen, FrameBuffer& frame) {
+    const auto headLen =
+        static_cast<unsigned int>(clientIDs.size() + serviceName.length() + SERVER_FRAME_FIXED_HEAD_LENGTH);
+    // A bounded copy may write to the whole of its destination: there is room for that behind the name,
+    // however short the payload.
+    if (!frame.Allocate(headLen + dataLen + LUM_NAME_SIZE)) {
+        LUMORA_ERROR("memory malloc error\n");
+        return -1;
+    }
+    // Only the head: the payload is about to be overwritten.
+    if (memset_s(frame.Bytes(), headLen, 0, headLen) != 0) {
+        LUMORA_ERROR("memset_s failed\n");
+        return -1;
+    }
+    char* name = WriteServerFrameHead(frame.Bytes(), dataLen, clientIDs, serviceName);
+    if (strncpy_s(name, LUM_NAME_SIZE, serviceName.c_str(), serviceName.length()) != 0) {
+        LUMORA_ERROR("strncpy_s failed!\n");
+        return -1;
+    }
+    if (memcpy_s(frame.Bytes() + headLen, dataLen, data, dataLen) != 0) {
+        LUMORA_ERROR("memcpy_s failed!\n");
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace lumoraAiModule

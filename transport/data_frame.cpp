@@ -1,0 +1,61 @@
+#include "transport/data_frame.h"
+
+namespace lumoraAiModule {
+
+std::uint32_t ReadLittleEndian32(const char* bytes) {
+    const auto* octets = reinterpret_cast<const unsigned char*>(bytes);
+    return static_cast<std::uint32_t>(octets[0]) | static_cast<std::uint32_t>(octets[1]) << 8 |
+           static_cast<std::uint32_t>(octets[2]) << 16 | static_cast<std::uint32_t>(octets[3]) << 24;
+}
+
+void WriteLittleEndian32(char* bytes, std::uint32_t value) {
+    for (unsigned int i = 0; i < 4; ++i) {
+        bytes[i] = static_cast<char>(static_cast<unsigned char>(value >> (8 * i)));
+    }
+}
+
+void WriteClientFrameHead(char* frame, std::uint32_t payloadLen, int clientID) {
+    frame[0] = static_cast<char>(CLIENT_FRAME_HEAD_LENGTH);
+    WriteLittleEndian32(frame + 1, payloadLen);
+    frame[COMMON_HEAD_LENGTH] = static_cast<char>(static_cast<unsigned char>(clientID));
+}
+
+char* WriteServerFrameHead(char* frame, std::uint32_t payloadLen, const std::vector<unsigned int>& clientIDs,
+                           const std::string& serviceName) {
+    const std::size_t headLen = SERVER_FRAME_FIXED_HEAD_LENGTH + clientIDs.size() + serviceName.size();
+    frame[0] = static_cast<char>(static_cast<unsigned char>(headLen));
+    WriteLittleEndian32(frame + 1, payloadLen);
+    char* position = frame + COMMON_HEAD_LENGTH;
+    *position++ = static_cast<char>(static_cast<unsigned char>(clientIDs.size()));
+    for (const unsigned int clientID : clientIDs) {
+        *position++ = static_cast<char>(static_cast<unsigned char>(clientID));
+    }
+    *position++ = static_cast<char>(static_cast<unsigned char>(serviceName.size()));
+    return position;
+}
+
+FrameDamage ReadServerFrame(char* frame, unsigned int length, ServerFrame& fields) {
+    if (length < MIN_SERVER_FRAME_LENGTH) {
+        return FrameDamage::TOO_SHORT;
+    }
+    fields.payloadLen = PayloadLengthOf(frame);
+    if (fields.payloadLen > MAX_SERVER_FRAME_PAYLOAD) {
+        return FrameDamage::PAYLOAD_LENGTH;
+    }
+    char* position = frame + COMMON_HEAD_LENGTH;
+    fields.clientNum = static_cast<unsigned char>(*position++);
+    if (fields.clientNum > MAX_FRAME_CLIENTS) {
+        return FrameDamage::CLIENT_COUNT;
+    }
+    fields.clientIDs = reinterpret_cast<const unsigned char*>(position);
+    position += fields.clientNum;
+    fields.nameLen = static_cast<unsigned char>(*position++);
+    if (fields.nameLen > MAX_FRAME_NAME_LENGTH) {
+        return FrameDamage::NAME_LENGTH;
+    }
+    fields.name = position;
+    fields.payload = position + fields.nameLen;
+    return FrameDamage::NONE;
+}
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,81 @@
+#include "transport/reassembly.h"
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+
+#include "base/log.h"
+#include "securec.h"
+#include "transport/data_frame.h"
+
+namespace lumoraAiModule {
+
+bool Reassembly::Allocate() {
+    mLength = 0;
+    if (!mBuffer.Allocate(mCapacity + FRAME_SPARE_LENGTH)) {
+        return false;
+    }
+    std::memset(Spare(), 0, FRAME_SPARE_LENGTH);
+    return true;
+}
+
+void Reassembly::Release() {
+    mBuffer.Release();
+    mLength = 0;
+}
+
+int Reassembly::Append(const char* data, unsigned int length) {
+    const int ret = Owns(data) ? MoveToEnd(data, length) : memcpy_s(End(), Room(), data, length);
+    if (ret != 0) {
+        LUMORA_ERROR("memcpy_s failed!\n");
+        return -1;
+    }
+    mLength += length;
+    ZeroBehindData();
+    return 0;
+}
+
+int Reassembly::CopyLeftDataToBuffer(unsigned int consumed) {
+    if (consumed == 0) {
+        return 0;
+    }
+    char* const rest = Data() + consumed;
+    if (mLength < consumed) {
+        if (memcpy_s(Data(), mCapacity, rest, mLength) != 0) {
+            LUMORA_ERROR("memcpy_s failed!\n");
+            return -1;
+        }
+        ZeroBehindData();
+        return 0;
+    }
+    // The regions may overlap, which a bounded copy refuses.
+    FrameBuffer temporary;
+    if (!temporary.Allocate(mLength)) {
+        LUMORA_ERROR("malloc failed!\n");
+        return -1;
+    }
+    if (memcpy_s(temporary.Bytes(), mLength, rest, mLength) != 0 ||
+        memcpy_s(Data(), mCapacity, temporary.Bytes(), mLength) != 0) {
+        LUMORA_ERROR("memcpy_s failed!\n");
+        return -1;
+    }
+    ZeroBehindData();
+    return 0;
+}
+
+bool Reassembly::Owns(const char* data) const {
+    const std::less<const char*> before;
+    return !before(data, mBuffer.Bytes()) && before(data, mBuffer.Bytes() + mCapacity);
+}
+
+int Reassembly::MoveToEnd(const char* data, unsigned int length) {
+    if (length > Room()) {
+        return -1;
+    }
+    std::memmove(End(), data, length);
+    return 0;
+}
+
+void Reassembly::ZeroBehindData() { std::memset(End(), 0, std::min(Room(), FRAME_SPARE_LENGTH)); }
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,139 @@
+#include "transport/socket.h"
+
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+namespace lumoraAiModule {
+
+namespace {
+
+// A silent peer is given up after idle + count * interval = 14 s.
+constexpr int KEEPALIVE_IDLE_SECONDS = 5;
+constexpr int KEEPALIVE_INTERVAL_SECONDS = 3;
+constexpr int KEEPALIVE_COUNT = 3;
+
+int SetOption(const Descriptor& socket, int level, int name, int value) {
+    return setsockopt(socket.Number(), level, name, &value, sizeof(value));
+}
+
+// connect goes on after a signal interrupted it; this waits for how it ends.
+int FinishInterruptedConnect(const Descriptor& socket, int seconds) {
+    PauseUntilReady(socket.Number(), POLLOUT, seconds * 1000);
+    int error = 0;
+    socklen_t size = sizeof(error);
+    sockaddr_in peer = {};
+    socklen_t peerSize = sizeof(peer);
+    if (getsockopt(socket.Number(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0 &&
+        getpeername(socket.Number(), reinterpret_cast<sockaddr*>(&peer), &peerSize) == 0) {
+        return 0;
+    }
+    errno = error != 0 ? error : ETIMEDOUT;
+    return -1;
+}
+
+}  // namespace
+
+Descriptor::Descriptor(Descriptor&& other) noexcept : mNumber(std::exchange(other.mNumber, 0)) {}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+        Close();
+        mNumber = std::exchange(other.mNumber, 0);
+    }
+    return *this;
+}
+
+Descriptor Descriptor::Adopt(int fd) {
+    Descriptor descriptor;
+    if (fd < 0) {
+        return descriptor;
+    }
+    if (fd == 0) {
+        fd = fcntl(0, F_DUPFD_CLOEXEC, 1);
+        const int error = errno;
+        close(0);
+        errno = error;
+        if (fd < 0) {
+            return descriptor;
+        }
+    }
+    if (fd >= FD_SETSIZE) {
+        close(fd);
+        errno = EMFILE;
+        return descriptor;
+    }
+    descriptor.mNumber = fd;
+    return descriptor;
+}
+
+void Descriptor::Close() {
+    if (mNumber != 0) {
+        close(std::exchange(mNumber, 0));
+    }
+}
+
+Descriptor OpenStreamSocket() { return Descriptor::Adopt(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)); }
+
+Descriptor AcceptConnection(const Descriptor& listenSocket) {
+    return Descriptor::Adopt(accept4(listenSocket.Number(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+}
+
+Descriptor OpenWakeup() { return Descriptor::Adopt(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)); }
+
+void Wake(const Descriptor& wakeup) {
+    const std::uint64_t one = 1;
+    if (wakeup.IsOpen() && write(wakeup.Number(), &one, sizeof(one)) < 0) {
+        return;  // only a full counter refuses, and that is readable already
+    }
+}
+
+int SetNonBlocking(const Descriptor& socket) {
+    const int flags = fcntl(socket.Number(), F_GETFL);
+    return flags < 0 ? -1 : fcntl(socket.Number(), F_SETFL, flags | O_NONBLOCK);
+}
+
+int SetReuseAddress(const Descriptor& socket) { return SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1); }
+
+int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seconds) {
+    timeval limit = {};
+    limit.tv_sec = seconds;
+    setsockopt(socket.Number(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    if (connect(socket.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        return 0;
+    }
+    if (errno == EINTR) {
+        return FinishInterruptedConnect(socket, seconds);
+    }
+    if (errno == EINPROGRESS) {
+        errno = ETIMEDOUT;  // how Linux reports that SO_SNDTIMEO ran out
+    }
+    return -1;
+}
+
+void TuneConnection(const Descriptor& socket) {
+    SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+    SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
+}
+
+void PauseUntilReady(int fd, short events, int milliseconds) {
+    pollfd watched = {fd, events, 0};
+    poll(&watched, 1, milliseconds);
+}
+
+std::string ErrorText(int error) { return std::system_category().message(error); }
+
+}  // namespace lumoraAiModule

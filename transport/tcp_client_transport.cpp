@@ -1,0 +1,167 @@
+#include "transport/tcp_client_transport.h"
+
+#include "base/log.h"
+#include "transport/data_frame.h"
+
+namespace lumoraAiModule {
+
+namespace {
+
+// One maximal frame and one maximal read.
+constexpr unsigned int REASSEMBLY_SIZE = MAX_SERVER_FRAME_HEAD_LENGTH + MAX_SERVER_FRAME_PAYLOAD + READ_SIZE;
+
+}  // namespace
+
+std::atomic<bool> LumoraTCPTransClient::mLeftOverPending{false};
+
+LumoraTCPTransClient::LumoraTCPTransClient(LumoraTransCallback& callback, unsigned int handle)
+    : TcpTransport(REASSEMBLY_SIZE), mCallback(callback), mHandle(handle) {}
+
+int LumoraTCPTransClient::CreateTransports(TransType type, const std::string& addr, int port,
+                                           LUM_OBSERVER_S&) {
+    switch (type) {
+        case TransType::CLIENT_RECEIVE:
+            return CreateReceiveDirection(port);
+        case TransType::CLIENT_SEND:
+            return BeginSending(addr, port);
+        default:
+            return 0;
+    }
+}
+
+int LumoraTCPTransClient::CreateReceiveDirection(int port) {
+    if (BeginReceiving(port) != 0) {
+        return -1;
+    }
+    if (!mReassembly.Allocate()) {
+        LUMORA_ERROR("new memory failed, low memory!\n");
+        return -1;
+    }
+    if (StartReceiveThread() != 0) {
+        return -1;
+    }
+    LUMORA_DETAIL("===ClientReceiveThread create succ=========\n");
+    return 0;
+}
+
+void LumoraTCPTransClient::LogBindError(int error) {
+    LUMORA_ERROR("bind socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+    LUMORA_ERROR("will stop transport\n");
+}
+
+void LumoraTCPTransClient::LogBound(in_port_t) { LUMORA_DETAIL("----bind sucess--will lissten--\n"); }
+
+void LumoraTCPTransClient::LogListenError(int error) {
+    LUMORA_ERROR("listen socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+    LUMORA_ERROR("will stop transport\n");
+}
+
+void LumoraTCPTransClient::ClientReceiveThread() {
+    FrameBuffer readBuffer;
+    if (AllocateReadBuffer(readBuffer) && AcceptAndReceive(readBuffer)) {
+        LUMORA_STATE("The client reveived thread exit.\n");
+    }
+}
+
+bool LumoraTCPTransClient::OnReceived(char* data, unsigned int length) {
+    if (ParseAndSendData(data, length) != 0) {
+        LUMORA_ERROR("ParseAndSendData failed!\n");
+        return false;
+    }
+    return true;
+}
+
+bool LumoraTCPTransClient::OnReceiveTimeout() {
+    LUMORA_ERROR("Recv Data timeout error.\n");
+    return true;
+}
+
+void LumoraTCPTransClient::OnConnectionLost() {
+    ClearRunning();
+    mBroken = true;
+    mCallback.OnDisconnect(mHandle);
+}
+
+void LumoraTCPTransClient::CutFrames(char* data, unsigned int length, unsigned int& consumed) {
+    ClientParseAndSendData(data, length, consumed);
+}
+
+int LumoraTCPTransClient::ClientParseAndSendData(char* data, unsigned int length, unsigned int& consumed) {
+    consumed = 0;
+    unsigned int headLen = HeadLengthOf(data);
+    if (headLen == 0 || headLen > MAX_SERVER_FRAME_HEAD_LENGTH) {
+        LUMORA_DETAIL("headLen:%d, illegal.\n", static_cast<int>(headLen));
+        return 0;
+    }
+    unsigned int frameLength = 0;
+    while (consumed + headLen < length && length - consumed >= COMMON_HEAD_LENGTH) {
+        ParseDataHead(data + consumed, headLen, frameLength);
+        // A frame of no length would be cut off for ever.
+        if (frameLength == 0 || frameLength > length - consumed) {
+            break;
+        }
+        mCallback.OnRecvData(data + consumed, frameLength);
+        consumed += frameLength;
+    }
+    return 0;
+}
+
+void LumoraTCPTransClient::ParseDataHead(const char* data, unsigned int& headLen, unsigned int& frameLength) {
+    headLen = HeadLengthOf(data);
+    if (headLen > MAX_SERVER_FRAME_HEAD_LENGTH) {
+        LUMORA_DETAIL("headLen = %d, illegal.\n", static_cast<int>(headLen));
+        return;
+    }
+    const unsigned int payloadLen = PayloadLengthOf(data);
+    if (payloadLen > MAX_SERVER_FRAME_PAYLOAD) {
+        LUMORA_ERROR("payloadLen = %d, illegal.\n", static_cast<int>(payloadLen));
+        headLen = 0;
+        frameLength = 0;
+        return;
+    }
+    frameLength = headLen + payloadLen;
+}
+
+unsigned int LumoraTCPTransClient::PendingFrameLength() {
+    unsigned int headLen = 0;
+    unsigned int frameLength = 0;
+    ParseDataHead(mReassembly.Data(), headLen, frameLength);
+    return frameLength;
+}
+
+unsigned int LumoraTCPTransClient::MinimumHeadLength() const { return COMMON_HEAD_LENGTH; }
+
+int LumoraTCPTransClient::SendData(const void* data, unsigned int length, unsigned int* written,
+                                   unsigned int) {
+    const lumora::MutexLock lock(mMutex);
+    if (SendSocket() == nullptr || mBroken) {
+        LUMORA_ERROR("No transport channel created, please connect first.\n");
+        *written = 0;
+        return -1;
+    }
+    if (WriteAll(static_cast<const char*>(data), length, written) != 0) {
+        return -1;
+    }
+    LUMORA_DETAIL("write length = %d.\n", static_cast<int>(*written));
+    return 0;
+}
+
+void LumoraTCPTransClient::LogWriteError(int error) {
+    LUMORA_ERROR("write failed error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(), error);
+}
+
+int LumoraTCPTransClient::StopTransports() {
+    {
+        const lumora::MutexLock lock(mMutex);
+        LUMORA_STATE("The transport will be stopped.\n");
+        ClearRunning();
+        SetSendSocket(nullptr);
+        mBroken = false;
+    }
+    // Outside of the mutex: a callback on the receive thread may be about to send.
+    JoinReceiveThread();
+    LUMORA_STATE("The transport has been stopped.\n");
+    return 0;
+}
+
+}  // namespace lumoraAiModule

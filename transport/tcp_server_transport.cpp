@@ -1,0 +1,201 @@
+#include "transport/tcp_server_transport.h"
+
+#include "base/callback_scope.h"
+#include "base/log.h"
+#include "securec.h"
+#include "transport/data_frame.h"
+
+namespace lumoraAiModule {
+
+namespace {
+
+// One maximal frame and one maximal read.
+constexpr unsigned int REASSEMBLY_SIZE = MAX_CLIENT_FRAME_PAYLOAD + READ_SIZE;
+
+}  // namespace
+
+std::atomic<bool> LumoraTCPTransServer::mLeftOverPending{false};
+
+LumoraTCPTransServer::LumoraTCPTransServer() : TcpTransport(REASSEMBLY_SIZE) {}
+
+int LumoraTCPTransServer::CreateTransports(TransType type, const std::string& addr, int port,
+                                           LUM_OBSERVER_S& observer) {
+    switch (type) {
+        case TransType::SERVER_RECEIVE:
+            return CreateReceiveDirection(port, observer);
+        case TransType::SERVER_SEND:
+            return CreateSendDirection(addr, port);
+        default:
+            return 0;
+    }
+}
+
+int LumoraTCPTransServer::CreateReceiveDirection(int port, const LUM_OBSERVER_S& observer) {
+    if (BeginReceiving(port) != 0) {
+        return -1;
+    }
+    SetObserver(observer);
+    if (!mReassembly.Allocate()) {
+        LUMORA_ERROR("new memory failed, low memory!\n");
+        return -1;
+    }
+    // Everything before the spare bytes is written before it is read: zeroing it would only cost memory.
+    if (memset_s(mReassembly.Spare(), FRAME_SPARE_LENGTH, 0, FRAME_SPARE_LENGTH) != 0) {
+        LUMORA_ERROR("memset_s failed\n");
+        mReassembly.Release();
+        return -1;
+    }
+    if (StartReceiveThread() != 0) {
+        return -1;
+    }
+    LUMORA_STATE("Start reveived thread success in server.\n");
+    return 0;
+}
+
+int LumoraTCPTransServer::CreateSendDirection(const std::string& addr, int port) {
+    if (BeginSending(addr, port) != 0) {
+        return -1;
+    }
+    mConnected = true;
+    return 0;
+}
+
+void LumoraTCPTransServer::LogBindError(int error) {
+    LUMORA_ERROR("bind socket error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(), error);
+}
+
+// The port is logged as it stands in the socket address.
+void LumoraTCPTransServer::LogBound(in_port_t networkPort) {
+    LUMORA_STATE("After bind socket success, start to listen at port %d.\n", static_cast<int>(networkPort));
+}
+
+void LumoraTCPTransServer::LogListenError(int error) {
+    LUMORA_ERROR("listen socket error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(),
+                 error);
+}
+
+void LumoraTCPTransServer::ServerReceiveThread() {
+    FrameBuffer readBuffer;
+    if (!AllocateReadBuffer(readBuffer)) {
+        return;
+    }
+    if (memset_s(readBuffer.Bytes() + READ_SIZE, FRAME_SPARE_LENGTH, 0, FRAME_SPARE_LENGTH) != 0) {
+        LUMORA_ERROR("memset_s failed!\n");
+        return;
+    }
+    if (AcceptAndReceive(readBuffer)) {
+        LUMORA_STATE("The server reveived thread exit.\n");
+    }
+}
+
+bool LumoraTCPTransServer::OnReceived(char* data, unsigned int length) {
+    ParseAndSendData(data, length);
+    mWouldBlockReads = 0;
+    return true;
+}
+
+bool LumoraTCPTransServer::OnReceiveTimeout() {
+    LUMORA_ERROR("Recv Data timeout error, will exit.\n");
+    return false;
+}
+
+// Nobody is told: the next SendData shows it.
+void LumoraTCPTransServer::OnConnectionLost() {
+    ClearRunning();
+    mBroken = true;
+    mWouldBlockReads = 0;
+}
+
+void LumoraTCPTransServer::CutFrames(char* data, unsigned int length, unsigned int& consumed) {
+    ServerParseAndSendData(data, length, consumed);
+}
+
+int LumoraTCPTransServer::ServerParseAndSendData(char* data, unsigned int length, unsigned int& consumed) {
+    const lumora::DataCallbackScope scope(mRunning);
+    consumed = 0;
+    while (consumed + CLIENT_FRAME_HEAD_LENGTH < length) {
+        int clientID = 0;
+        unsigned int payloadLen = 0;
+        ParseDataHead(data + consumed, length - consumed, &clientID, &payloadLen);
+        const unsigned int frameLength = payloadLen + CLIENT_FRAME_HEAD_LENGTH;
+        if (frameLength > length - consumed) {
+            LUMORA_DETAIL("payloadLen  = %d, length = %d, we will not parse\n", static_cast<int>(payloadLen),
+                          static_cast<int>(length));
+            break;
+        }
+        if (mObserver.OnData != nullptr) {
+            mObserver.OnData(clientID, data + consumed + CLIENT_FRAME_HEAD_LENGTH, payloadLen);
+        }
+        consumed += frameLength;
+    }
+    return 0;
+}
+
+// The head has a fixed length here: what a client says of it is only checked.
+void LumoraTCPTransServer::ParseDataHead(const char* data, unsigned int length, int* clientID,
+                                         unsigned int* payloadLength) {
+    *clientID = 0;
+    *payloadLength = 0;
+    if (length < CLIENT_FRAME_HEAD_LENGTH) {
+        return;
+    }
+    const unsigned int headLen = HeadLengthOf(data);
+    if (headLen > CLIENT_FRAME_HEAD_LENGTH) {
+        LUMORA_ERROR("headLen error: %d\n", static_cast<int>(headLen));
+        return;
+    }
+    const unsigned int payloadLen = PayloadLengthOf(data);
+    if (payloadLen > MAX_CLIENT_FRAME_PAYLOAD) {
+        LUMORA_ERROR("payloadLen error: %d\n", static_cast<int>(payloadLen));
+        return;
+    }
+    *payloadLength = payloadLen;
+    *clientID = static_cast<unsigned char>(data[COMMON_HEAD_LENGTH]);
+}
+
+unsigned int LumoraTCPTransServer::PendingFrameLength() {
+    int clientID = 0;
+    unsigned int payloadLen = 0;
+    ParseDataHead(mReassembly.Data(), mReassembly.Length(), &clientID, &payloadLen);
+    return payloadLen;
+}
+
+unsigned int LumoraTCPTransServer::MinimumHeadLength() const { return CLIENT_FRAME_HEAD_LENGTH; }
+
+int LumoraTCPTransServer::SendData(const void* data, unsigned int length, unsigned int* written,
+                                   unsigned int) {
+    const lumora::MutexLock lock(mMutex);
+    if (!mConnected) {
+        LUMORA_ERROR("No transport channel created, please connect first.\n");
+        return -1;
+    }
+    if (SendSocket() == nullptr || mBroken) {
+        LUMORA_ERROR("No transport channel created, please connect first.\n");
+        *written = 0;
+        return -1;
+    }
+    return WriteAll(static_cast<const char*>(data), length, written);
+}
+
+void LumoraTCPTransServer::LogWriteError(int error) {
+    LUMORA_ERROR("write failed error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+    LUMORA_ERROR("SendData will stop transport\n");
+}
+
+int LumoraTCPTransServer::StopTransports() {
+    LUMORA_DETAIL("will stop transport\n");
+    ClearRunning();  // before the mutex: a send in progress stops at its next pass
+    {
+        const lumora::MutexLock lock(mMutex);
+        if (SendSocket() != nullptr) {
+            SetSendSocket(nullptr);
+            mBroken = false;
+        }
+    }
+    // Outside of the mutex: OnData on the receive thread may be about to send.
+    JoinReceiveThread();
+    LUMORA_TRACE("stop transport out\n");
+    return 0;
+}
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,424 @@
+#include "transport/tcp_transport.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "base/log.h"
+#include "securec.h"
+#include "transport/data_frame.h"
+
+namespace lumoraAiModule {
+
+namespace {
+
+constexpr int LISTEN_BACKLOG = 10;
+constexpr int CONNECT_LIMIT_SECONDS = 5;
+constexpr int SELECT_TIMEOUT_US = 500000;
+constexpr int ACCEPT_PAUSE_MS = 2;
+constexpr int WOULD_BLOCK_PAUSE_MS = 1;
+constexpr unsigned int WOULD_BLOCK_LIMIT = 500;
+
+// Threads inherit the signal mask of their creator. The application's signals belong to its own threads.
+class AllSignalsBlocked {
+public:
+    AllSignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &mBefore);
+    }
+    ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+    AllSignalsBlocked(const AllSignalsBlocked&) = delete;
+    AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
+
+private:
+    sigset_t mBefore;
+};
+
+in_port_t NetworkPort(int port) { return htons(static_cast<std::uint16_t>(port)); }
+
+bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
+
+}  // namespace
+
+TcpTransport::~TcpTransport() {
+    // The thread holds a reference while it runs: it has either ended or runs this destructor.
+    if (!mReceiveThread.joinable()) {
+        return;
+    }
+    if (mReceiveThread.get_id() == std::this_thread::get_id()) {
+        mReceiveThread.detach();
+    } else {
+        mReceiveThread.join();
+    }
+}
+
+int TcpTransport::DestoryTransports() {
+    SetSendSocket(nullptr);
+    ClearRunning();
+    mBroken = false;
+    return 0;
+}
+
+int TcpTransport::GetTransStatus(LUM_TRANSPORT_STATUS_E& status) {
+    status = mTransStatus;
+    LUMORA_DETAIL("mTransStatus :%d \n", static_cast<int>(status));
+    return 0;
+}
+
+// ---- Setting up ----
+
+int TcpTransport::BeginReceiving(int port) {
+    ClearRunning();
+    JoinReceiveThread();  // of a receive direction that was created before
+    mRunning = true;
+    int error = 0;
+    if (SetupReceiverSocket(port, mListenSocket, error) != 0) {
+        LUMORA_ERROR("SetupSocket error: %d\n", error);
+        return -1;
+    }
+    return 0;
+}
+
+int TcpTransport::BeginSending(const std::string& addr, int port) {
+    int error = 0;
+    if (SetupSenderSocket(port, addr, error) != 0) {
+        LUMORA_ERROR("SetupSocket error: %d\n", error);
+        return -1;
+    }
+    return 0;
+}
+
+int TcpTransport::SetupReceiverSocket(int port, Descriptor& listenSocket, int& error) {
+    Descriptor socket = OpenStreamSocket();
+    if (socket.IsOpen()) {
+        mWakeup = OpenWakeup();
+    }
+    if (!socket.IsOpen() || !mWakeup.IsOpen()) {
+        error = errno;
+        LUMORA_ERROR("create socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+        return -1;
+    }
+    SetNonBlocking(socket);
+    LUMORA_DETAIL("set non-blocking socket Succ, port = : %d\n", port);
+
+    sockaddr_in address;
+    if (FillListenAddress(port, address) != 0) {
+        return -1;
+    }
+    if (SetReuseAddress(socket) != 0) {
+        LUMORA_ERROR("setsockopt error :%s(errno:%d)\n", ErrorText(errno).c_str(), errno);
+        return -1;
+    }
+    if (BindAndListen(socket, address, error) != 0) {
+        StopTransports();
+        return -1;
+    }
+    listenSocket = std::move(socket);
+    return 0;
+}
+
+int TcpTransport::FillListenAddress(int port, sockaddr_in& address) {
+    if (memset_s(&address, sizeof(address), 0, sizeof(address)) != 0) {
+        LUMORA_ERROR("memset_s failed\n");
+        return -1;
+    }
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = NetworkPort(port);
+    return 0;
+}
+
+int TcpTransport::BindAndListen(const Descriptor& socket, const sockaddr_in& address, int& error) {
+    if (bind(socket.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        error = errno;
+        LogBindError(error);
+        return -1;
+    }
+    LogBound(address.sin_port);
+    if (listen(socket.Number(), LISTEN_BACKLOG) != 0) {
+        error = errno;
+        LogListenError(error);
+        return -1;
+    }
+    return 0;
+}
+
+int TcpTransport::SetupSenderSocket(int port, const std::string& addr, int& error) {
+    auto socket = std::make_shared<Descriptor>(OpenStreamSocket());
+    if (!socket->IsOpen()) {
+        error = errno;
+        LUMORA_ERROR("create socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+        return -1;
+    }
+    sockaddr_in address;
+    if (memset_s(&address, sizeof(address), 0, sizeof(address)) != 0) {
+        LUMORA_ERROR("memset_s failed\n");
+        return -1;
+    }
+    address.sin_family = AF_INET;
+    address.sin_port = NetworkPort(port);
+    LUMORA_DETAIL("addr: %s\n", addr.c_str());
+    if (inet_pton(AF_INET, addr.c_str(), &address.sin_addr) <= 0) {
+        LUMORA_ERROR("inet_pton error for %s\n", addr.c_str());
+        return -1;
+    }
+    if (ConnectWithin(*socket, address, CONNECT_LIMIT_SECONDS) != 0) {
+        error = errno;
+        LUMORA_ERROR("connect error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+        return -1;
+    }
+    TuneConnection(*socket);
+    SetNonBlocking(*socket);
+    LUMORA_DETAIL("set non-blocking socket\n");
+    SetSendSocket(std::move(socket));
+    return 0;
+}
+
+int TcpTransport::StartReceiveThread() {
+    const lumora::MutexLock lock(mThreadMutex);
+    const AllSignalsBlocked blocked;
+    try {
+        mReceiveThread = std::thread([self = shared_from_this()] {
+            self->mReceiveThreadId = std::this_thread::get_id();
+            self->ReceiveThread();
+            self->mReceiveThreadId = std::thread::id();
+        });
+    } catch (const std::system_error& failure) {
+        LUMORA_ERROR("create receive thread error: %s\n", failure.what());
+        mRunning = false;
+        CloseSocket();
+        return -1;
+    }
+    return 0;
+}
+
+// ---- Receiving ----
+
+bool TcpTransport::AllocateReadBuffer(FrameBuffer& readBuffer) {
+    if (!readBuffer.Allocate(READ_SIZE + FRAME_SPARE_LENGTH)) {
+        LUMORA_ERROR("new memory failed, low memory!\n");
+        return false;
+    }
+    return true;
+}
+
+bool TcpTransport::AcceptAndReceive(FrameBuffer& readBuffer) {
+    if (WaitForConnect(mReceiveSocket, mListenSocket) != 0) {
+        CloseSocket();
+        readBuffer.Release();
+        LUMORA_ERROR("WaitForConnect failed!\n");
+        return false;
+    }
+    ReceiveLoop(readBuffer.Bytes());
+    readBuffer.Release();
+    CloseSocket();
+    ClearRunning();
+    return true;
+}
+
+int TcpTransport::WaitForConnect(Descriptor& receiveSocket, const Descriptor& listenSocket) {
+    while (mRunning) {
+        receiveSocket = AcceptConnection(listenSocket);
+        if (receiveSocket.IsOpen()) {
+            TuneConnection(receiveSocket);
+            return 0;
+        }
+        const int error = errno;
+        if (error != EAGAIN) {
+            LUMORA_ERROR("accept socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+            return -1;
+        }
+        LUMORA_DETAIL("wait for connections\n");
+        PauseUntilReady(listenSocket.Number(), POLLIN, ACCEPT_PAUSE_MS);
+    }
+    return 0;
+}
+
+void TcpTransport::ReceiveLoop(char* readBuffer) {
+    mWouldBlockReads = 0;
+    while (mRunning) {
+        const Readiness readiness = WaitUntilReadable();
+        if (readiness == Readiness::FAILED) {
+            return;
+        }
+        if (readiness == Readiness::NOT_YET) {
+            continue;
+        }
+        char* data = nullptr;
+        const ssize_t count = ReadSome(readBuffer, data);
+        if (count > 0) {
+            if (!OnReceived(data, static_cast<unsigned int>(count))) {
+                return;
+            }
+            continue;
+        }
+        if (errno == EAGAIN) {
+            PauseUntilReady(mReceiveSocket.Number(), POLLIN, WOULD_BLOCK_PAUSE_MS);
+            if (mWouldBlockReads++ <= WOULD_BLOCK_LIMIT) {
+                continue;
+            }
+            if (!OnReceiveTimeout()) {
+                return;
+            }
+        }
+        OnConnectionLost();
+    }
+}
+
+TcpTransport::Readiness TcpTransport::WaitUntilReadable() {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(mReceiveSocket.Number(), &readable);
+    FD_SET(mWakeup.Number(), &readable);
+    timeval timeout = {0, SELECT_TIMEOUT_US};
+    const int highest = std::max(mReceiveSocket.Number(), mWakeup.Number());
+    const int ret = select(highest + 1, &readable, nullptr, nullptr, &timeout);
+    if (ret < 0) {
+        LUMORA_ERROR("select error, ret = %d(%s)\n", ret, ErrorText(errno).c_str());
+        return Readiness::FAILED;
+    }
+    return ret > 0 && FD_ISSET(mReceiveSocket.Number(), &readable) ? Readiness::READABLE : Readiness::NOT_YET;
+}
+
+ssize_t TcpTransport::ReadSome(char* readBuffer, char*& data) {
+    // The rest of a pending frame goes straight to where it is needed when there is room for a whole read.
+    const bool continues = LeftOverPending() && mReassembly.Room() >= READ_SIZE;
+    data = continues ? mReassembly.End() : readBuffer;
+    errno = 0;  // the end of the stream leaves it alone, and must not look like a read that would block
+    const ssize_t count = read(mReceiveSocket.Number(), data, READ_SIZE);
+    if (count > 0) {
+        std::memset(data + count, 0, FRAME_SPARE_LENGTH);
+    }
+    return count;
+}
+
+void TcpTransport::CloseSocket() {
+    mReceiveSocket.Close();
+    mListenSocket.Close();
+}
+
+int TcpTransport::ParseAndSendData(char* data, unsigned int length) {
+    unsigned int consumed = 0;
+    std::atomic<bool>& pending = LeftOverPending();
+    if (!pending) {
+        CutFrames(data, length, consumed);
+        if (consumed < length) {
+            if (mReassembly.Append(data + consumed, length - consumed) != 0) {
+                return -1;
+            }
+            pending = true;
+        }
+        return 0;
+    }
+    if (mReassembly.Append(data, length) != 0) {
+        return -1;
+    }
+    const unsigned int headLength = std::max(HeadLengthOf(mReassembly.Data()), MinimumHeadLength());
+    if (headLength > mReassembly.Length()) {
+        return 0;
+    }
+    if (mReassembly.Length() >= PendingFrameLength()) {
+        CutFrames(mReassembly.Data(), mReassembly.Length(), consumed);
+        mReassembly.Consume(consumed);
+        if (mReassembly.Length() == 0) {
+            pending = false;
+            return 0;
+        }
+        if (mReassembly.CopyLeftDataToBuffer(consumed) != 0) {
+            LUMORA_ERROR("CopyLeftDataToBuffer failed!\n");
+            return -1;
+        }
+    }
+    pending = true;
+    return 0;
+}
+
+// ---- Sending ----
+
+int TcpTransport::WriteAll(const char* data, unsigned int length, unsigned int* written) {
+    unsigned int wouldBlockWrites = 0;
+    *written = 0;
+    while (*written < length && MayWrite()) {
+        const std::shared_ptr<Descriptor> socket = SendSocket();
+        if (socket == nullptr) {
+            return 0;
+        }
+        const ssize_t count = send(socket->Number(), data + *written, length - *written, MSG_NOSIGNAL);
+        if (count >= 0) {
+            wouldBlockWrites = 0;
+            *written += static_cast<unsigned int>(count);
+            continue;
+        }
+        const int error = errno;
+        if (!WouldBlock(error)) {
+            LogWriteError(error);
+            ClearRunning();
+            SetSendSocket(nullptr);
+            return -1;
+        }
+        if (!PauseBeforeNextWrite(*socket, error, wouldBlockWrites)) {
+            return 0;
+        }
+    }
+    return 0;
+}
+
+bool TcpTransport::PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites) {
+    PauseUntilReady(socket.Number(), POLLOUT, WOULD_BLOCK_PAUSE_MS);
+    if (wouldBlockWrites++ <= WOULD_BLOCK_LIMIT) {
+        return true;
+    }
+    LUMORA_ERROR("SendData timeout: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+    mBroken = true;
+    ClearRunning();
+    SetSendSocket(nullptr);
+    return false;
+}
+
+std::shared_ptr<Descriptor> TcpTransport::SendSocket() {
+    const lumora::MutexLock lock(mSendSocketMutex);
+    return mSendSocket;
+}
+
+// A writer that is in the middle of a send keeps the old socket open until it has noticed.
+void TcpTransport::SetSendSocket(std::shared_ptr<Descriptor> socket) {
+    {
+        const lumora::MutexLock lock(mSendSocketMutex);
+        mSendSocket.swap(socket);
+    }
+    if (socket != nullptr && socket->IsOpen()) {
+        shutdown(socket->Number(), SHUT_RDWR);
+    }
+}
+
+// ---- Stopping ----
+
+void TcpTransport::ClearRunning() {
+    mRunning = false;
+    Wake(mWakeup);
+}
+
+void TcpTransport::JoinReceiveThread() {
+    if (mReceiveThreadId == std::this_thread::get_id()) {
+        return;
+    }
+    const lumora::MutexLock lock(mThreadMutex);
+    if (mReceiveThread.joinable()) {
+        LUMORA_DETAIL("joinable will join.\n");
+        mReceiveThread.join();
+    }
+    CloseSocket();
+}
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,38 @@
+// What the current thread is in the middle of: calls that would have to wait for themselves are told apart
+// by it.
+#pragma once
+
+#include <atomic>
+
+namespace lumora {
+
+enum class Side { CLIENT, SERVER };
+
+// While one lives, its thread runs an application callback of the given side with that side's mMutex held.
+class CallbackScope {
+public:
+    explicit CallbackScope(Side side);
+    ~CallbackScope();
+    CallbackScope(const CallbackScope&) = delete;
+    CallbackScope& operator=(const CallbackScope&) = delete;
+
+    static bool Inside(Side side);
+
+private:
+    const Side mSide;
+};
+
+// While one lives, its thread is a server transport's receive thread that runs the application's OnData.
+class DataCallbackScope {
+public:
+    // running turns false when somebody begins to stop the transport, and so to wait for this thread.
+    explicit DataCallbackScope(const std::atomic<bool>& running);
+    ~DataCallbackScope();
+    DataCallbackScope(const DataCallbackScope&) = delete;
+    DataCallbackScope& operator=(const DataCallbackScope&) = delete;
+
+    // Null outside of OnData.
+    static const std::atomic<bool>* TransportRunning();
+};
+
+}  // namespace lumora

@@ -1,0 +1,129 @@
+// The one object behind the server side's exported functions.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/mutex.h"
+#include "base/never_destroyed.h"
+#include "link/callbacks.h"
+#include "link/lumora_ai_descriptor.h"
+#include "link/smart_home_link.h"
+#include "lumora.h"
+#include "transport/frame_buffer.h"
+#include "transport/transport_manager.h"
+
+namespace lumoraAiModule {
+
+// The subscribers of one service, in the order in which they subscribed, each at most once.
+struct LumoraServiceManager {
+    std::vector<unsigned int> mClientIds;
+};
+
+// The device: its services and their subscribers, the clients that connected, the data channel to them, and
+// the application's callbacks.
+//
+// Operations return 0 or -1 and log their failures. Requests and the lifecycle run under mMutex, one after
+// the other; application callbacks are called with it held and must not call back. Sending runs under
+// mSendMutex and never waits for a request: what both need is published under mPublishMutex, which is held
+// for a swap or a copy only.
+//
+// Order of locks: server API mutex, then mMutex or mSendMutex (never both), then mPublishMutex or a
+// transport's own.
+class LumoraServerModule : public LumoraCoapCallback, public LumoraNotifyCallback {
+public:
+    explicit LumoraServerModule(const std::string& devType);
+    ~LumoraServerModule() override;
+    LumoraServerModule(const LumoraServerModule&) = delete;
+    LumoraServerModule& operator=(const LumoraServerModule&) = delete;
+
+    // ---- Requests of clients (server_requests.cpp), on the platform's threads ----
+
+    int OnCoapGet(const std::string& key, std::string& reply) override;
+    int OnCoapPut(const std::string& key, const std::string& value) override;
+    int OnCoapPost(const std::string& key, const std::string& value) override;
+    int OnCoapDelete(const std::string& key, const std::string& value) override;
+    int OnSetupMediaService(const lumora::LinkDeviceDescriptor::Port& port, std::string& setup) override;
+    int OnAddDevice(unsigned int id, const std::string& addr, int port, const std::string& devType) override;
+    int OnRemoveDevice(unsigned int id, const std::string& addr, int port,
+                       const std::string& devType) override;
+
+    // ---- Lifecycle and registration (server_module.cpp). The caller holds the server API mutex. ----
+
+    // Makes the instance, or gives the existing one.
+    static LumoraServerModule* CreateInstance(const std::string& devType);
+    static int DestoryInstance();
+
+    int InitLumoraModule();
+    int DeInitLumoraModule();
+    int RegisterLocalDeviceInfo(const LUM_DEVICE_INFO_S* devInfo);
+
+    // ---- Data to clients (server_send.cpp) ----
+
+    // *sendLength receives the number of payload bytes that went out.
+    int SendDataToClient(const std::string& serviceName, const char* data, unsigned int dataLen,
+                         unsigned int* sendLength, unsigned int timeoutMs);
+
+private:
+    using ServiceMap = std::map<std::string, std::shared_ptr<LumoraServiceManager>>;
+
+    int InitializeCoapService() REQUIRES(mMutex);
+    int StartCoapService() REQUIRES(mMutex);
+    int CloseCoapService();
+    int GetServiceInfoString(std::string& out) REQUIRES(mMutex);
+    int RegisterServices(const LUM_DEVICE_INFO_S& devInfo) REQUIRES(mMutex);
+
+    int HandleCommand(const std::string& value) REQUIRES(mMutex);
+    int HandleDestroy(int clientID) REQUIRES(mMutex);
+    int ProcessSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
+    int ProcessUnSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
+    int ClearOneServerInfo(int clientID) REQUIRES(mMutex);
+    int NotifyApplication(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
+    void CallOnEventNotify(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
+    int OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) REQUIRES(mMutex);
+
+    int PacketAndSendData(const std::string& serviceName, const char* data, unsigned int dataLen,
+                          unsigned int* sendLength, unsigned int timeoutMs) REQUIRES(mSendMutex);
+    int BuildServerFrame(const std::string& serviceName, const std::vector<unsigned int>& clientIDs,
+                         const char* data, unsigned int dataLen, FrameBuffer& frame) REQUIRES(mSendMutex);
+
+    // What is published. Only holders of mMutex change it (or the one thread that starts or ends the
+    // module), so they may read a service's subscribers without mPublishMutex.
+    std::shared_ptr<LumoraTransManager> Transport();
+    void PublishTransport(std::shared_ptr<LumoraTransManager> transport);
+    // Stops the transport and drops it. On failure it logs and keeps it.
+    int StopTransport();
+    ServiceMap Services();
+    std::shared_ptr<LumoraServiceManager> FindService(const std::string& serviceName);
+    // False when the service does not exist.
+    bool Subscribers(const std::string& serviceName, std::vector<unsigned int>& clientIDs);
+    void PublishSubscribers(LumoraServiceManager& service, std::vector<unsigned int> clientIDs);
+    void RemoveSubscriber(LumoraServiceManager& service, int clientID);
+    void PublishServices(ServiceMap services);
+    std::string RemoteAddress();
+    void PublishRemoteAddress(const std::string& address);
+
+    lumora::Mutex mMutex;
+    lumora::Mutex mSendMutex;
+    lumora::Mutex mPublishMutex;
+    ServiceMap mServiceMap GUARDED_BY(mPublishMutex);
+    std::atomic<bool> mIsInit{false};
+    std::string mDevType GUARDED_BY(mMutex);
+    // Replaced only under the server API mutex and mMutex; either one is enough to use it.
+    std::shared_ptr<lumora::SmartHomeLink> mSmartHomeLink;
+    std::shared_ptr<LumoraAiDescriptor> mDevDescriptor GUARDED_BY(mMutex);
+    std::vector<LUM_SERVICE_INFO_S> mServiceInfos GUARDED_BY(mMutex);
+    std::shared_ptr<LumoraTransManager> mTransManager GUARDED_BY(mPublishMutex);
+    std::shared_ptr<LumoraTransManagerFactory> mTransFactory GUARDED_BY(mMutex);
+    std::string mLocalServiceInfo GUARDED_BY(mMutex);
+    LUM_DEVICE_INFO_S mDevInfo GUARDED_BY(mMutex) = {};
+    std::vector<unsigned int> mClientList GUARDED_BY(mMutex);
+    std::string mRemoteAddress GUARDED_BY(mPublishMutex);
+
+    static LumoraServerModule* mInstance;  // under the server API mutex
+};
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,44 @@
+// Holds the beginning of a frame until the rest of it has arrived.
+#pragma once
+
+#include "transport/frame_buffer.h"
+
+namespace lumoraAiModule {
+
+// Bytes that the next read continues, in a buffer of fixed size: a peer cannot make it grow. Behind the
+// buffered bytes FRAME_SPARE_LENGTH zeroed ones can always be read.
+class Reassembly {
+public:
+    explicit Reassembly(unsigned int capacity) : mCapacity(capacity) {}
+
+    // False when memory ran out.
+    bool Allocate();
+    // The bytes behind the capacity: nobody else ever writes them.
+    char* Spare() { return mBuffer.Bytes() + mCapacity; }
+    void Release();
+
+    char* Data() { return mBuffer.Bytes(); }
+    char* End() { return mBuffer.Bytes() + mLength; }
+    unsigned int Length() const { return mLength; }
+    unsigned int Room() const { return mCapacity - mLength; }
+
+    // Takes length more bytes, which may have been read to End() or behind. -1 when they do not fit.
+    int Append(const char* data, unsigned int length);
+
+    // Drops the first bytes, of which only the count changes; CopyLeftDataToBuffer moves the rest.
+    void Consume(unsigned int count) { mLength -= count; }
+
+    // Moves the buffered bytes, which start at offset consumed, to the front. 0 or -1.
+    int CopyLeftDataToBuffer(unsigned int consumed);
+
+private:
+    bool Owns(const char* data) const;
+    int MoveToEnd(const char* data, unsigned int length);
+    void ZeroBehindData();
+
+    const unsigned int mCapacity;
+    FrameBuffer mBuffer;
+    unsigned int mLength = 0;
+};
+
+}  // namespace lumoraAiModule

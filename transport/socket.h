@@ -1,0 +1,58 @@
+// Descriptors with an owner, and the socket calls that both transports make.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <string>
+
+namespace lumoraAiModule {
+
+// Owns a descriptor. 0 means none: a descriptor of that number is never held.
+class Descriptor {
+public:
+    Descriptor() = default;
+    ~Descriptor() { Close(); }
+    Descriptor(Descriptor&& other) noexcept;
+    Descriptor& operator=(Descriptor&& other) noexcept;
+
+    // Takes over fd, the result of a system call that may have failed: then none is held and errno tells
+    // why. The number is kept between 1 and FD_SETSIZE - 1, so that it can stand for itself and be
+    // selected on.
+    static Descriptor Adopt(int fd);
+
+    int Number() const { return mNumber; }
+    bool IsOpen() const { return mNumber != 0; }
+    void Close();
+
+private:
+    int mNumber = 0;
+};
+
+// A new IPv4 stream socket that programs started by this one do not inherit.
+Descriptor OpenStreamSocket();
+
+// A connection from the backlog of a listening socket, made non-blocking.
+Descriptor AcceptConnection(const Descriptor& listenSocket);
+
+// A counter that turns readable when Wake is called, and stays so.
+Descriptor OpenWakeup();
+void Wake(const Descriptor& wakeup);
+
+// 0 or -1 with errno.
+int SetNonBlocking(const Descriptor& socket);
+int SetReuseAddress(const Descriptor& socket);
+
+// Waits until the connection stands, but not for minutes on a peer that has left. 0 or -1 with errno.
+int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seconds);
+
+// Small frames go out at once instead of waiting for an acknowledgement of the one before, and a peer that
+// vanished without a word is noticed. Best effort: the connection works without.
+void TuneConnection(const Descriptor& socket);
+
+// Waits until the descriptor is ready for events (POLLIN, POLLOUT), at most so long.
+void PauseUntilReady(int fd, short events, int milliseconds);
+
+// What strerror says, without its shared buffer.
+std::string ErrorText(int error);
+
+}  // namespace lumoraAiModule

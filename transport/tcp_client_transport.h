@@ -1,0 +1,51 @@
+// The client's half of a data channel: server frames come in, client frames go out.
+#pragma once
+
+#include "transport/tcp_transport.h"
+
+namespace lumoraAiModule {
+
+class LumoraTCPTransClient : public TcpTransport {
+public:
+    // callback must outlive the receive thread; handle is passed back in OnDisconnect.
+    LumoraTCPTransClient(LumoraTransCallback& callback, unsigned int handle);
+
+    // CLIENT_RECEIVE listens on port, CLIENT_SEND connects to addr and port. The observer is not used.
+    int CreateTransports(TransType type, const std::string& addr, int port,
+                         LUM_OBSERVER_S& observer) override;
+    int StopTransports() override;
+    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
+
+    // Public for those who check them over bytes alone.
+    int ClientParseAndSendData(char* data, unsigned int length, unsigned int& consumed);
+    static void ParseDataHead(const char* data, unsigned int& headLen, unsigned int& frameLength);
+
+protected:
+    void LogBindError(int error) override;
+    void LogBound(in_port_t networkPort) override;
+    void LogListenError(int error) override;
+
+    void ReceiveThread() override { ClientReceiveThread(); }
+    void ClientReceiveThread();
+    bool OnReceived(char* data, unsigned int length) override;
+    bool OnReceiveTimeout() override;
+    void OnConnectionLost() override;
+
+    void CutFrames(char* data, unsigned int length, unsigned int& consumed) override;
+    unsigned int PendingFrameLength() override;
+    unsigned int MinimumHeadLength() const override;
+    std::atomic<bool>& LeftOverPending() override { return mLeftOverPending; }
+
+    bool MayWrite() const override { return !mBroken; }
+    void LogWriteError(int error) override;
+
+private:
+    int CreateReceiveDirection(int port);
+
+    static std::atomic<bool> mLeftOverPending;
+
+    LumoraTransCallback& mCallback;
+    const unsigned int mHandle;
+};
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,55 @@
+// The server's half of a data channel: client frames come in, server frames go out.
+#pragma once
+
+#include "transport/tcp_transport.h"
+
+namespace lumoraAiModule {
+
+class LumoraTCPTransServer : public TcpTransport {
+public:
+    LumoraTCPTransServer();
+
+    // SERVER_RECEIVE listens on port and hands payloads to the observer's OnData, of which it keeps a copy;
+    // SERVER_SEND connects to addr and port.
+    int CreateTransports(TransType type, const std::string& addr, int port,
+                         LUM_OBSERVER_S& observer) override;
+    int StopTransports() override;
+    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
+
+    // Public for those who check them over bytes alone.
+    int ServerParseAndSendData(char* data, unsigned int length, unsigned int& consumed);
+    static void ParseDataHead(const char* data, unsigned int length, int* clientID,
+                              unsigned int* payloadLength);
+    void SetObserver(const LUM_OBSERVER_S& observer) { mObserver = observer; }
+
+protected:
+    void LogBindError(int error) override;
+    void LogBound(in_port_t networkPort) override;
+    void LogListenError(int error) override;
+
+    void ReceiveThread() override { ServerReceiveThread(); }
+    void ServerReceiveThread();
+    bool OnReceived(char* data, unsigned int length) override;
+    bool OnReceiveTimeout() override;
+    void OnConnectionLost() override;
+
+    void CutFrames(char* data, unsigned int length, unsigned int& consumed) override;
+    unsigned int PendingFrameLength() override;
+    unsigned int MinimumHeadLength() const override;
+    std::atomic<bool>& LeftOverPending() override { return mLeftOverPending; }
+
+    // A channel whose receiving direction has ended can no longer send.
+    bool MayWrite() const override { return !mBroken && mRunning; }
+    void LogWriteError(int error) override;
+
+private:
+    int CreateReceiveDirection(int port, const LUM_OBSERVER_S& observer);
+    int CreateSendDirection(const std::string& addr, int port);
+
+    static std::atomic<bool> mLeftOverPending;
+
+    LUM_OBSERVER_S mObserver;
+    std::atomic<bool> mConnected{false};  // set once the sending direction has been created
+};
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,28 @@
+// The setup string: the text by which a client tells a device where their data channel goes.
+#pragma once
+
+#include <string>
+
+namespace lumora {
+
+// {"p":2,"ep":{"addr":"192.168.1.20","port":6666}}
+class LumoraTransportConfig {
+public:
+    void SetEndpoint(std::string address, int portNumber);
+
+    // Empty when memory ran out.
+    std::string GetSetupString();
+
+    // 1 for success, 0 for failure, which leaves address and port as they were.
+    int ParseSetupString(const std::string& setupString);
+
+    const std::string& GetAddr() const { return addr; }
+    // Not checked for its range.
+    int GetPort() const { return port; }
+
+private:
+    std::string addr = "0";
+    int port = 0;
+};
+
+}  // namespace lumora

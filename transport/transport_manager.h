@@ -1,0 +1,67 @@
+// What the modules know of transports: one interface, its callbacks, and the factory.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "lumora.h"
+
+namespace lumoraAiModule {
+
+// Which direction of a data channel is set up, and on which side. Sending connects, receiving listens.
+enum class TransType { CLIENT_SEND = 1, SERVER_RECEIVE = 2, CLIENT_RECEIVE = 3, SERVER_SEND = 4 };
+
+// Hears from a client transport, on its receive thread. Results are not used.
+class LumoraTransCallback {
+public:
+    virtual ~LumoraTransCallback() = default;
+    // One whole frame, head included, valid only during the call.
+    virtual int OnRecvData(char* data, unsigned int length) = 0;
+    // The receiving connection broke or timed out; handle is the one the transport was created with.
+    virtual int OnDisconnect(unsigned int handle) = 0;
+};
+
+// The application's callbacks, as a transport is handed them.
+struct LUM_OBSERVER_S {
+    LUM_COMMAND_CALLBACK OnCommand = nullptr;
+    LUM_NOTIFY_CALLBACK OnEventNotify = nullptr;
+    LUM_DATA_CALLBACK OnData = nullptr;
+};
+
+// A data channel. Operations return 0 or -1; here they only say that they cannot be called, and return 0.
+class LumoraTransManager {
+public:
+    virtual ~LumoraTransManager() = default;
+    // Sets up one direction; a type of the other side is ignored.
+    virtual int CreateTransports(TransType type, const std::string& addr, int port, LUM_OBSERVER_S& observer);
+    // Closes the sending direction only, and waits for nothing.
+    virtual int DestoryTransports();
+    virtual int StartTransports(TransType type);
+    // Ends both directions; when it returns no callback runs any more.
+    virtual int StopTransports();
+    virtual int GetTransStatus(LUM_TRANSPORT_STATUS_E& status);
+    // Sends one frame. *written receives the number of bytes that went out.
+    virtual int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout);
+};
+
+// Makes transports by protocol. Has no state: any thread may use it.
+class LumoraTransManagerFactory {
+public:
+    virtual ~LumoraTransManagerFactory() = default;
+
+    // For the client side. Empty for a protocol that is not served.
+    std::shared_ptr<LumoraTransManager> CreateTransportsManager(LUM_TRANSPORT_E protocol,
+                                                                LumoraTransCallback& callback,
+                                                                unsigned int handle);
+    // For the server side. Empty for a protocol that is not served.
+    std::shared_ptr<LumoraTransManager> CreateTransportsManager(LUM_TRANSPORT_E protocol);
+    int DestoryTransportsManager() { return 0; }
+
+    // Reads the protocol out of a setup string. 0 or -1.
+    int ParseTransportsProtocol(const std::string& setupString, LUM_TRANSPORT_E& protocol);
+};
+
+// Empty when memory ran out, like the factory's transports.
+std::shared_ptr<LumoraTransManagerFactory> CreateLumTransManagerFactory();
+
+}  // namespace lumoraAiModule
