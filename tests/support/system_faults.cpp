@@ -1,0 +1,183 @@
+#include "tests/support/system_faults.h"
+
+#include <fcntl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+
+namespace lumora_test {
+
+namespace {
+
+struct Fault {
+    std::atomic<int> error{0};
+    std::atomic<int> times{0};
+    std::atomic<int> passBefore{0};
+    std::atomic<int> calls{0};
+};
+
+Fault g_faults[static_cast<int>(SystemCall::COUNT)];
+std::atomic<int> g_number{0};
+std::atomic<int> g_numberTimes{0};
+
+bool TakeOne(std::atomic<int>& counter) {
+    int left = counter;
+    while (left != 0 && left != ALWAYS && !counter.compare_exchange_weak(left, left - 1)) {
+    }
+    return left != 0;
+}
+
+// Whether this call fails; errno is set then.
+bool FailsNow(SystemCall call) {
+    Fault& fault = g_faults[static_cast<int>(call)];
+    ++fault.calls;
+    if (TakeOne(fault.passBefore) || !TakeOne(fault.times)) {
+        return false;
+    }
+    errno = fault.error;
+    return true;
+}
+
+int Renumbered(int fd) {
+    if (fd < 0 || !TakeOne(g_numberTimes)) {
+        return fd;
+    }
+    const int moved = dup2(fd, g_number);
+    close(fd);
+    return moved;
+}
+
+thread_local int t_allocationsUntilFailure = 0;
+thread_local int t_allocationFailures = 0;
+
+bool AllocationFailsNow() {
+    if (t_allocationFailures == 0 || --t_allocationsUntilFailure > 0) {
+        return false;
+    }
+    t_allocationsUntilFailure = 1;
+    if (t_allocationFailures != ALWAYS) {
+        --t_allocationFailures;
+    }
+    return true;
+}
+
+}  // namespace
+
+void FailSystemCall(SystemCall call, int error, int times, int passBefore) {
+    Fault& fault = g_faults[static_cast<int>(call)];
+    fault.error = error;
+    fault.passBefore = passBefore;
+    fault.times = times;
+}
+
+void GiveDescriptorNumber(int number, int times) {
+    g_number = number;
+    g_numberTimes = times;
+}
+
+int SystemCallCount(SystemCall call) { return g_faults[static_cast<int>(call)].calls; }
+
+void ResetSystemFaults() {
+    for (Fault& fault : g_faults) {
+        fault.times = 0;
+        fault.passBefore = 0;
+        fault.calls = 0;
+    }
+    g_numberTimes = 0;
+}
+
+void FailAllocation(int n, int times) {
+    t_allocationsUntilFailure = n;
+    t_allocationFailures = times;
+}
+
+void ResetAllocationFaults() { t_allocationFailures = 0; }
+
+}  // namespace lumora_test
+
+using lumora_test::FailsNow;
+using lumora_test::SystemCall;
+
+// The linker gives every call of f to __wrap_f, and the real f the name __real_f.
+extern "C" {
+
+int __real_socket(int, int, int);
+int __wrap_socket(int domain, int type, int protocol) {
+    return FailsNow(SystemCall::SOCKET) ? -1 : lumora_test::Renumbered(__real_socket(domain, type, protocol));
+}
+
+int __real_setsockopt(int, int, int, const void*, socklen_t);
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
+    return FailsNow(SystemCall::SETSOCKOPT) ? -1 : __real_setsockopt(fd, level, name, value, size);
+}
+
+int __real_bind(int, const sockaddr*, socklen_t);
+int __wrap_bind(int fd, const sockaddr* address, socklen_t size) {
+    return FailsNow(SystemCall::BIND) ? -1 : __real_bind(fd, address, size);
+}
+
+int __real_listen(int, int);
+int __wrap_listen(int fd, int backlog) {
+    return FailsNow(SystemCall::LISTEN) ? -1 : __real_listen(fd, backlog);
+}
+
+int __real_accept4(int, sockaddr*, socklen_t*, int);
+int __wrap_accept4(int fd, sockaddr* address, socklen_t* size, int flags) {
+    return FailsNow(SystemCall::ACCEPT4) ? -1
+                                         : lumora_test::Renumbered(__real_accept4(fd, address, size, flags));
+}
+
+int __real_connect(int, const sockaddr*, socklen_t);
+int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
+    return FailsNow(SystemCall::CONNECT) ? -1 : __real_connect(fd, address, size);
+}
+
+int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
+int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) {
+    return FailsNow(SystemCall::SELECT) ? -1 : __real_select(count, readable, writable, failed, timeout);
+}
+
+ssize_t __real_read(int, void*, size_t);
+ssize_t __wrap_read(int fd, void* buffer, size_t size) {
+    return FailsNow(SystemCall::READ) ? -1 : __real_read(fd, buffer, size);
+}
+
+ssize_t __real_send(int, const void*, size_t, int);
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
+    return FailsNow(SystemCall::SEND) ? -1 : __real_send(fd, data, size, flags);
+}
+
+int __real_eventfd(unsigned int, int);
+int __wrap_eventfd(unsigned int value, int flags) {
+    return FailsNow(SystemCall::EVENTFD) ? -1 : lumora_test::Renumbered(__real_eventfd(value, flags));
+}
+
+void* __real_malloc(size_t);
+void* __wrap_malloc(size_t size) { return FailsNow(SystemCall::MALLOC) ? nullptr : __real_malloc(size); }
+
+}  // extern "C"
+
+// Replacements for the whole test program: allocation by operator new can be made to fail.
+void* operator new(std::size_t size) {
+    void* memory = lumora_test::AllocationFailsNow() ? nullptr : std::malloc(size != 0 ? size : 1);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return lumora_test::AllocationFailsNow() ? nullptr : std::malloc(size != 0 ? size : 1);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }

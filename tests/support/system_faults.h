@@ -1,0 +1,37 @@
+// System calls of the code under test that fail on demand. The tests are linked with --wrap for each of
+// them, so only calls out of the library are caught, not those of the test's own peer.
+#pragma once
+
+namespace lumora_test {
+
+enum class SystemCall {
+    SOCKET,
+    SETSOCKOPT,
+    BIND,
+    LISTEN,
+    ACCEPT4,
+    CONNECT,
+    SELECT,
+    READ,
+    SEND,
+    EVENTFD,
+    MALLOC,
+    COUNT
+};
+
+constexpr int ALWAYS = -1;
+
+// Makes the next so many calls of any thread fail with this errno, after letting some pass.
+void FailSystemCall(SystemCall call, int error, int times = 1, int passBefore = 0);
+// The next so many calls that make a descriptor give it this number, where it is free.
+void GiveDescriptorNumber(int number, int times = 1);
+// How often a call was made since the reset.
+int SystemCallCount(SystemCall call);
+void ResetSystemFaults();
+
+// Makes the n-th allocation by operator new from now on (1 is the next) of this thread fail, once, and all of
+// them with times ALWAYS. Nothrow allocations give null, others throw std::bad_alloc.
+void FailAllocation(int n = 1, int times = 1);
+void ResetAllocationFaults();
+
+}  // namespace lumora_test
