@@ -1,0 +1,87 @@
+// CoAP messages (RFC 7252, section 3) as values, and their form on the wire.
+//
+// libcoap keeps its own codec to itself; what goes over the multicast sockets is coded here. The
+// decoder reads bytes that anybody on the network may have sent.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace lumora_link {
+
+enum class MessageType : std::uint8_t { Confirmable = 0, NonConfirmable = 1, Acknowledgement = 2, Reset = 3 };
+
+constexpr std::uint8_t MakeCode(unsigned codeClass, unsigned detail) {
+    return static_cast<std::uint8_t>(codeClass << 5 | detail);
+}
+
+namespace code {
+constexpr std::uint8_t kEmpty = 0;
+constexpr std::uint8_t kGet = MakeCode(0, 1);
+constexpr std::uint8_t kPost = MakeCode(0, 2);
+constexpr std::uint8_t kPut = MakeCode(0, 3);
+constexpr std::uint8_t kDelete = MakeCode(0, 4);
+constexpr std::uint8_t kDeleted = MakeCode(2, 2);
+constexpr std::uint8_t kChanged = MakeCode(2, 4);
+constexpr std::uint8_t kContent = MakeCode(2, 5);
+constexpr std::uint8_t kContinue = MakeCode(2, 31);
+constexpr std::uint8_t kBadRequest = MakeCode(4, 0);
+constexpr std::uint8_t kNotFound = MakeCode(4, 4);
+constexpr std::uint8_t kNotAllowed = MakeCode(4, 5);
+constexpr std::uint8_t kIncomplete = MakeCode(4, 8);
+constexpr std::uint8_t kTooLarge = MakeCode(4, 13);
+constexpr std::uint8_t kInternalError = MakeCode(5, 0);
+constexpr std::uint8_t kUnavailable = MakeCode(5, 3);
+
+constexpr bool IsRequest(std::uint8_t value) { return value >= kGet && value <= kDelete; }
+constexpr bool IsSuccess(std::uint8_t value) { return value >> 5 == 2; }
+}  // namespace code
+
+namespace option {
+constexpr std::uint16_t kUriPath = 11;
+constexpr std::uint16_t kContentFormat = 12;
+constexpr std::uint16_t kUriQuery = 15;
+constexpr std::uint16_t kBlock1 = 27;
+constexpr std::uint16_t kNoResponse = 258;
+// Of the range for experiments; even and thus elective, so foreign servers may ignore them.
+constexpr std::uint16_t kRequester = 65000;
+constexpr std::uint16_t kKnownNodes = 65008;
+}  // namespace option
+
+struct CoapOption {
+    std::uint16_t number = 0;
+    std::string value;
+
+    bool operator==(const CoapOption& other) const { return number == other.number && value == other.value; }
+};
+
+struct CoapMessage {
+    MessageType type = MessageType::NonConfirmable;
+    std::uint8_t code = code::kEmpty;
+    std::uint16_t messageId = 0;
+    std::string token;
+    std::vector<CoapOption> options;  // ascending by number once serialised
+    std::string payload;
+
+    // The first option of that number, or null.
+    const std::string* Find(std::uint16_t number) const;
+    // The values of that number, put together with the separator between them.
+    std::string Joined(std::uint16_t number, std::string_view separator) const;
+    void Add(std::uint16_t number, std::string value) { options.push_back({number, std::move(value)}); }
+};
+
+// Options may stand in any order; those of one number keep theirs.
+std::string SerializeMessage(const CoapMessage& message);
+
+// Nothing where the bytes are not one whole well-formed message of version 1.
+std::optional<CoapMessage> ParseMessage(std::string_view bytes);
+
+// The shortest big-endian form, as options carry numbers (RFC 7252, section 3.2).
+std::string EncodeUint(std::uint32_t value);
+std::uint32_t DecodeUint(std::string_view bytes);
+
+}  // namespace lumora_link

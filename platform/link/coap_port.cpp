@@ -1,0 +1,297 @@
+#include "coap_port.h"
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "log.h"
+#include "messages.h"
+
+namespace lumora_link {
+
+namespace {
+
+// What libcoap reads of one datagram.
+constexpr std::size_t kMaxDatagram = 1472;
+// Sessions of requesters that have been served; libcoap frees the oldest beyond this.
+constexpr unsigned kMaxIdleSessions = 128;
+constexpr unsigned kSessionSeconds = 30;
+// Our own code repeats; libcoap's first repetition lies beyond the end of every conversation.
+constexpr coap_fixed_point_t kNeverRepeat = {120, 0};
+constexpr std::uint16_t kUnlimited = 1000;
+
+void Log(coap_log_t, const char* message) {
+    const int error = errno;
+    LINK_LOG(2, "libcoap: %s", message);
+    errno = error;
+}
+
+void StartLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        coap_startup();
+        coap_set_log_handler(Log);
+        coap_set_log_level(LOG_EMERG);
+    });
+}
+
+coap_address_t AddressOf(const Endpoint& endpoint) {
+    coap_address_t address;
+    coap_address_init(&address);
+    address.size = sizeof address.addr.sin;
+    address.addr.sin.sin_family = AF_INET;
+    address.addr.sin.sin_addr.s_addr = endpoint.host;
+    address.addr.sin.sin_port = htons(endpoint.port);
+    return address;
+}
+
+Endpoint EndpointOf(const coap_address_t* address) {
+    return {address->addr.sin.sin_addr.s_addr, ntohs(address->addr.sin.sin_port)};
+}
+
+CoapMessage MessageOf(const coap_pdu_t* pdu) {
+    CoapMessage message;
+    message.type = static_cast<MessageType>(coap_pdu_get_type(pdu));
+    message.code = static_cast<std::uint8_t>(coap_pdu_get_code(pdu));
+    message.messageId = static_cast<std::uint16_t>(coap_pdu_get_mid(pdu));
+    const coap_bin_const_t token = coap_pdu_get_token(pdu);
+    message.token.assign(reinterpret_cast<const char*>(token.s), token.length);
+
+    coap_opt_iterator_t iterator;
+    coap_option_iterator_init(pdu, &iterator, COAP_OPT_ALL);
+    while (const coap_opt_t* at = coap_option_next(&iterator)) {
+        const char* value = reinterpret_cast<const char*>(coap_opt_value(at));
+        message.Add(iterator.number, std::string(value, coap_opt_length(at)));
+    }
+    std::size_t length = 0;
+    const std::uint8_t* data = nullptr;
+    if (coap_get_data(pdu, &length, &data) != 0) {
+        message.payload.assign(reinterpret_cast<const char*>(data), length);
+    }
+    return message;
+}
+
+const std::uint8_t* BytesOf(const std::string& text) {
+    return reinterpret_cast<const std::uint8_t*>(text.data());
+}
+
+// The options must stand in ascending order. Null where memory is short or the message too long.
+coap_pdu_t* PduOf(const CoapMessage& message, std::uint16_t messageId) {
+    coap_pdu_t* pdu = coap_pdu_init(static_cast<coap_pdu_type_t>(message.type),
+                                    static_cast<coap_pdu_code_t>(message.code), messageId, kMaxDatagram);
+    bool whole = pdu != nullptr && (message.token.empty() ||
+                                    coap_add_token(pdu, message.token.size(), BytesOf(message.token)) != 0);
+    for (const CoapOption& option : message.options) {
+        whole = whole && coap_add_option(pdu, option.number, option.value.size(), BytesOf(option.value)) != 0;
+    }
+    whole = whole && (message.payload.empty() ||
+                      coap_add_data(pdu, message.payload.size(), BytesOf(message.payload)) != 0);
+    if (!whole) {
+        coap_delete_pdu(pdu);
+        return nullptr;
+    }
+    return pdu;
+}
+
+// libcoap's frames must not be unwound by an exception; a message lost to one is like any lost one.
+template <typename Work>
+void Contain(const Work& work) {
+    try {
+        work();
+    } catch (...) {
+        LINK_LOG(kLogError, "a message is dropped for want of memory\n");
+    }
+}
+
+}  // namespace
+
+CoapPort::CoapPort(Listener listener) : listener_(std::move(listener)) {}
+
+CoapPort::~CoapPort() {
+    while (!conversations_.empty()) {
+        Hang(conversations_.begin()->first);
+    }
+    refused_.clear();
+    Settle();
+    for (const auto& [path, session] : paths_) {
+        coap_session_release(session);
+    }
+}
+
+bool CoapPort::Open() {
+    StartLibrary();
+    context_.reset(coap_new_context(nullptr));
+    if (context_ == nullptr) {
+        return false;
+    }
+    coap_set_app_data(context_.get(), this);
+    coap_context_set_max_idle_sessions(context_.get(), kMaxIdleSessions);
+    coap_context_set_session_timeout(context_.get(), kSessionSeconds);
+    coap_register_response_handler(context_.get(), OnResponse);
+    coap_register_nack_handler(context_.get(), OnNack);
+    for (const char* path : {kResourcePath, kHelloPath, kGoodbyePath, kWellKnownPath}) {
+        AddResource(path);
+    }
+    return Descriptor() >= 0;
+}
+
+void CoapPort::AddResource(const char* path) {
+    // The library keeps the pointer; these are constants.
+    coap_str_const_t name = {std::strlen(path), reinterpret_cast<const std::uint8_t*>(path)};
+    coap_resource_t* resource = coap_resource_init(&name, 0);
+    if (resource == nullptr) {
+        return;
+    }
+    for (const coap_request_t method :
+         {COAP_REQUEST_GET, COAP_REQUEST_PUT, COAP_REQUEST_POST, COAP_REQUEST_DELETE}) {
+        coap_register_handler(resource, method, OnRequestOf);
+    }
+    coap_add_resource(context_.get(), resource);
+}
+
+int CoapPort::Descriptor() const { return coap_context_get_coap_fd(context_.get()); }
+
+bool CoapPort::Listen(const Endpoint& endpoint) {
+    if (endpoints_.count(endpoint) != 0) {
+        return true;
+    }
+    const coap_address_t address = AddressOf(endpoint);
+    coap_endpoint_t* made = coap_new_endpoint(context_.get(), &address, COAP_PROTO_UDP);
+    if (made == nullptr) {
+        LINK_LOG(kLogWarning, "cannot listen on %s\n", EndpointText(endpoint).c_str());
+        return false;
+    }
+    endpoints_.emplace(endpoint, made);
+    return true;
+}
+
+void CoapPort::Process() { coap_io_process(context_.get(), COAP_IO_NO_WAIT); }
+
+void CoapPort::Settle() {
+    std::vector<ConversationId> refused;
+    refused.swap(refused_);
+    for (const ConversationId conversation : refused) {
+        listener_.onRefused(conversation);
+    }
+    for (const auto& conversation : ended_) {
+        // Without this, what waits for its acknowledgement would keep the session and its socket.
+        coap_session_disconnected(conversation->session, COAP_NACK_NOT_DELIVERABLE);
+        coap_session_release(conversation->session);
+    }
+    ended_.clear();
+}
+
+void CoapPort::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
+    coap_session_t* session = SessionFor(conversation, to);
+    coap_pdu_t* pdu = session == nullptr ? nullptr : PduOf(message, message.messageId);
+    if (pdu == nullptr) {
+        Refuse(conversation);
+        return;
+    }
+    errno = 0;
+    if (coap_send(session, pdu) == COAP_INVALID_MID && errno == ECONNREFUSED) {
+        Refuse(conversation);
+    }
+}
+
+coap_session_t* CoapPort::SessionFor(ConversationId conversation, const Endpoint& to) {
+    const auto known = conversations_.find(conversation);
+    if (known != conversations_.end()) {
+        return known->second->session;
+    }
+    // No local address: libcoap would bind with SO_REUSEADDR, and then the kernel may give the port
+    // of another node's endpoint to this socket.
+    const coap_address_t address = AddressOf(to);
+    auto made = std::make_unique<Conversation>();
+    made->id = conversation;
+    made->session = coap_new_client_session(context_.get(), nullptr, &address, COAP_PROTO_UDP);
+    if (made->session == nullptr) {
+        return nullptr;
+    }
+    coap_session_set_app_data(made->session, made.get());
+    coap_session_set_ack_timeout(made->session, kNeverRepeat);
+    coap_session_set_nstart(made->session, kUnlimited);
+    return conversations_.emplace(conversation, std::move(made)).first->second->session;
+}
+
+void CoapPort::Hang(ConversationId conversation) {
+    const auto known = conversations_.find(conversation);
+    if (known == conversations_.end()) {
+        return;
+    }
+    // libcoap may hold events of this session that it has not looked at yet; Settle closes it.
+    coap_session_set_app_data(known->second->session, nullptr);
+    ended_.push_back(std::move(known->second));
+    conversations_.erase(known);
+}
+
+void CoapPort::Refuse(ConversationId conversation) { refused_.push_back(conversation); }
+
+void CoapPort::Reply(ReplyPath path, const CoapMessage& message) {
+    const auto at = paths_.find(path);
+    if (at == paths_.end()) {
+        return;
+    }
+    coap_session_t* session = at->second;
+    const bool own = message.type == MessageType::Acknowledgement;
+    const std::uint16_t messageId = own ? message.messageId : coap_new_message_id(session);
+    if (coap_pdu_t* pdu = PduOf(message, messageId)) {
+        coap_session_set_ack_timeout(session, {1, 0});
+        coap_session_set_nstart(session, kUnlimited);
+        coap_send(session, pdu);
+    }
+}
+
+void CoapPort::Forget(ReplyPath path) {
+    const auto at = paths_.find(path);
+    if (at != paths_.end()) {
+        coap_session_release(at->second);
+        paths_.erase(at);
+    }
+}
+
+void CoapPort::SetLogLevel(int level) {
+    static const coap_log_t kLevels[] = {LOG_EMERG, LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG};
+    const int last = static_cast<int>(sizeof kLevels / sizeof kLevels[0]) - 1;
+    StartLibrary();
+    coap_set_log_level(kLevels[level < 0 ? 0 : level > last ? last : level]);
+}
+
+void CoapPort::OnRequestOf(coap_resource_t*, coap_session_t* session, const coap_pdu_t* request,
+                           const coap_string_t*, coap_pdu_t* response) {
+    // An empty response that is not confirmable is not sent: the real one follows by Reply.
+    coap_pdu_set_type(response, COAP_MESSAGE_NON);
+    Contain([&] {
+        auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+        const ReplyPath path = ++port->lastPath_;
+        port->paths_.emplace(path, coap_session_reference(session));
+        port->listener_.onRequest(MessageOf(request), EndpointOf(coap_session_get_addr_remote(session)),
+                                  EndpointOf(coap_session_get_addr_local(session)).host, path);
+    });
+}
+
+coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*, const coap_pdu_t* received,
+                                     coap_mid_t) {
+    Contain([&] {
+        auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+        if (const auto* conversation = static_cast<Conversation*>(coap_session_get_app_data(session))) {
+            port->listener_.onAnswer(conversation->id, MessageOf(received));
+        }
+    });
+    return COAP_RESPONSE_OK;
+}
+
+void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reason_t reason, coap_mid_t) {
+    if (reason != COAP_NACK_ICMP_ISSUE && reason != COAP_NACK_RST) {
+        return;
+    }
+    Contain([&] {
+        auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+        // Told later: libcoap is walking through the very messages that the listener may end.
+        if (const auto* conversation = static_cast<Conversation*>(coap_session_get_app_data(session))) {
+            port->Refuse(conversation->id);
+        }
+    });
+}
+
+}  // namespace lumora_link

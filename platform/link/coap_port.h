@@ -1,0 +1,81 @@
+// libcoap as the carrier of unicast messages: the node's own endpoints, where requests arrive, and
+// one socket per conversation that this node began.
+//
+// libcoap brings the codec, the sessions and the acknowledgements. Repeating is left to our own
+// code, because libcoap repeats after a second at the earliest and forgets what it has answered.
+// A context of libcoap belongs to one thread; so does this.
+#pragma once
+
+#include <coap3/coap.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "surroundings.h"
+#include "types.h"
+
+namespace lumora_link {
+
+class CoapPort {
+public:
+    struct Listener {
+        std::function<void(const CoapMessage&, const Endpoint& source, in_addr_t localHost, ReplyPath path)>
+            onRequest;
+        std::function<void(ConversationId, const CoapMessage&)> onAnswer;
+        std::function<void(ConversationId)> onRefused;
+    };
+
+    explicit CoapPort(Listener listener);
+    ~CoapPort();
+    CoapPort(const CoapPort&) = delete;
+    CoapPort& operator=(const CoapPort&) = delete;
+
+    bool Open();
+    int Descriptor() const;
+    // Serves that address too; one that is served already stays as it is.
+    bool Listen(const Endpoint& endpoint);
+    // Reads what has come. To be called when the descriptor is readable.
+    void Process();
+    // Lets go of what ended, outside of libcoap's own calls. To be called after every turn.
+    void Settle();
+
+    void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message);
+    void Hang(ConversationId conversation);
+    void Reply(ReplyPath path, const CoapMessage& message);
+    void Forget(ReplyPath path);
+
+    // libcoap has one level for the whole process.
+    static void SetLogLevel(int level);
+
+private:
+    struct ContextCloser {
+        void operator()(coap_context_t* context) const { coap_free_context(context); }
+    };
+    struct Conversation {
+        ConversationId id = 0;
+        coap_session_t* session = nullptr;
+    };
+
+    static void OnRequestOf(coap_resource_t*, coap_session_t* session, const coap_pdu_t* request,
+                            const coap_string_t*, coap_pdu_t* response);
+    static coap_response_t OnResponse(coap_session_t* session, const coap_pdu_t*, const coap_pdu_t* received,
+                                      coap_mid_t);
+    static void OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reason_t reason, coap_mid_t);
+
+    void AddResource(const char* path);
+    coap_session_t* SessionFor(ConversationId conversation, const Endpoint& to);
+    void Refuse(ConversationId conversation);
+
+    const Listener listener_;
+    std::unique_ptr<coap_context_t, ContextCloser> context_;
+    std::map<Endpoint, coap_endpoint_t*> endpoints_;
+    std::map<ConversationId, std::unique_ptr<Conversation>> conversations_;
+    std::vector<std::unique_ptr<Conversation>> ended_;
+    std::vector<ConversationId> refused_;
+    std::map<ReplyPath, coap_session_t*> paths_;
+    ReplyPath lastPath_ = 0;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,46 @@
+// One thread's waiting: for descriptors, for a moment, and for work from other threads.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <vector>
+
+#include "mutex.h"
+#include "types.h"
+#include "unique_fd.h"
+
+namespace lumora_link {
+
+class EventLoop {
+public:
+    using Task = std::function<void()>;
+
+    // False where the system refused a descriptor.
+    bool Open();
+
+    // On the loop's own thread.
+    void Watch(int fd, Task onReadable);
+    void Unwatch(int fd);
+    void WakeAt(TimePoint deadline);
+    // Waits once and runs what is due: posted work first, then readable descriptors.
+    void RunOnce();
+
+    // From any thread. False once Shut was called; the task is then dropped.
+    bool Post(Task task);
+    void Shut();
+
+private:
+    void RunPosted();
+
+    UniqueFd epoll_;
+    UniqueFd wake_;
+    UniqueFd timer_;
+    std::map<int, Task> watched_;
+    TimePoint armed_ = TimePoint::max();
+
+    Mutex mutex_;
+    std::vector<Task> posted_ LINK_GUARDED_BY(mutex_);
+    bool shut_ LINK_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,132 @@
+#include "link_format.h"
+
+#include <charconv>
+#include <cinttypes>
+#include <cstdio>
+
+namespace lumora_link {
+
+namespace {
+
+constexpr std::string_view kScheme = "coap://";
+constexpr std::string_view kPath = "/lumora";
+
+std::string Quoted(const std::string& text) {
+    std::string out = "\"";
+    for (const char byte : text) {
+        if (byte == '"' || byte == '\\') {
+            out.push_back('\\');
+        }
+        out.push_back(byte);
+    }
+    return out + "\"";
+}
+
+bool TakePrefix(std::string_view& text, std::string_view prefix) {
+    if (text.substr(0, prefix.size()) != prefix) {
+        return false;
+    }
+    text.remove_prefix(prefix.size());
+    return true;
+}
+
+// The text of a quoted string that begins at the front, or nothing where it does not end.
+std::optional<std::string> TakeQuoted(std::string_view& text) {
+    if (!TakePrefix(text, "\"")) {
+        return std::nullopt;
+    }
+    std::string value;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '"') {
+            text.remove_prefix(at + 1);
+            return value;
+        }
+        if (text[at] == '\\' && ++at == text.size()) {
+            break;
+        }
+        value.push_back(text[at]);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> TakeValue(std::string_view& text) {
+    if (text.substr(0, 1) == "\"") {
+        return TakeQuoted(text);
+    }
+    const std::string_view value = text.substr(0, text.find_first_of(";,"));
+    text.remove_prefix(value.size());
+    return std::string(value);
+}
+
+template <typename Number>
+bool ReadNumber(const std::string& text, int base, Number& number) {
+    const char* last = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), last, number, base);
+    return error == std::errc() && end == last;
+}
+
+std::optional<Endpoint> TakeUri(std::string_view& text) {
+    if (!TakePrefix(text, "<") || !TakePrefix(text, kScheme)) {
+        return std::nullopt;
+    }
+    const std::size_t end = text.find(kPath);
+    if (end == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const auto endpoint = ParseEndpoint(std::string(text.substr(0, end)), MulticastGroup().port);
+    text.remove_prefix(end + kPath.size());
+    return TakePrefix(text, ">") ? endpoint : std::nullopt;
+}
+
+struct Attributes {
+    bool id = false;
+    bool instance = false;
+};
+
+bool Apply(const std::string& name, const std::string& value, NodeDescription& into, Attributes& seen) {
+    if (name == "ep") {
+        return seen.id = ReadNumber(value, 16, into.identity.id);
+    }
+    if (name == "ins") {
+        return seen.instance = ReadNumber(value, 10, into.identity.instance);
+    }
+    if (name == "rt") {
+        into.deviceType = value;
+    }
+    return value.size() <= kMaxTextBytes;
+}
+
+}  // namespace
+
+std::string FormatLink(const NodeDescription& description) {
+    char id[17];
+    std::snprintf(id, sizeof id, "%016" PRIx64, description.identity.id);
+    std::string text = "<";
+    text.append(kScheme).append(EndpointText(description.endpoint)).append(kPath).append(">");
+    if (description.deviceType) {
+        text += ";rt=" + Quoted(*description.deviceType);
+    }
+    return text + ";ep=\"" + id + "\";ins=" + std::to_string(description.identity.instance);
+}
+
+std::optional<NodeDescription> ParseLink(std::string_view text) {
+    NodeDescription description;
+    Attributes seen;
+    const auto endpoint = TakeUri(text);
+    if (!endpoint) {
+        return std::nullopt;
+    }
+    description.endpoint = *endpoint;
+    while (TakePrefix(text, ";")) {
+        const std::string name(text.substr(0, text.find_first_of("=;,")));
+        text.remove_prefix(name.size());
+        const auto value = TakePrefix(text, "=") ? TakeValue(text) : std::make_optional<std::string>();
+        if (!value || !Apply(name, *value, description, seen)) {
+            return std::nullopt;
+        }
+    }
+    const bool whole = text.empty() && seen.id && seen.instance;
+    return whole ? std::make_optional(std::move(description)) : std::nullopt;
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,51 @@
+// A mutex whose users clang's thread-safety analysis checks; other compilers see a plain one.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+#if defined(__clang__)
+#define LINK_THREAD_ATTRIBUTE(x) __attribute__((x))
+#else
+#define LINK_THREAD_ATTRIBUTE(x)
+#endif
+#define LINK_CAPABILITY LINK_THREAD_ATTRIBUTE(capability("mutex"))
+#define LINK_SCOPED_CAPABILITY LINK_THREAD_ATTRIBUTE(scoped_lockable)
+#define LINK_GUARDED_BY(x) LINK_THREAD_ATTRIBUTE(guarded_by(x))
+#define LINK_REQUIRES(x) LINK_THREAD_ATTRIBUTE(requires_capability(x))
+#define LINK_ACQUIRE(...) LINK_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define LINK_RELEASE(...) LINK_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+
+namespace lumora_link {
+
+class LINK_CAPABILITY Mutex {
+public:
+    void lock() LINK_ACQUIRE() { mutex_.lock(); }
+    void unlock() LINK_RELEASE() { mutex_.unlock(); }
+
+private:
+    std::mutex mutex_;
+};
+
+class LINK_SCOPED_CAPABILITY MutexLock {
+public:
+    explicit MutexLock(Mutex& mutex) LINK_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    ~MutexLock() LINK_RELEASE() { mutex_.unlock(); }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+private:
+    Mutex& mutex_;
+};
+
+// Waits with a Mutex held; the lock is let go meanwhile and held again afterwards.
+class Condition {
+public:
+    void Wait(Mutex& mutex) LINK_REQUIRES(mutex) { condition_.wait(mutex); }
+    void NotifyAll() { condition_.notify_all(); }
+
+private:
+    std::condition_variable_any condition_;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,65 @@
+// One node, from its start to its end: the I/O thread, the application's two threads, and those
+// who wait for answers.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "config.h"
+#include "link_platform.h"
+#include "mutex.h"
+#include "node_io.h"
+#include "surroundings.h"
+#include "waiting_room.h"
+#include "worker.h"
+
+namespace lumora_link {
+
+// What RegisterResource was given, read once: the record may be gone later.
+struct Registration {
+    AppResource* resource = nullptr;  // only passed back
+    AppResource handlers = {};
+    DeviceEventFunction onDeviceEvent = nullptr;
+    std::optional<std::string> deviceType;
+};
+
+class Node : private Application {
+public:
+    Node(Config config, NodeIdentity identity, Registration registration);
+    ~Node() override;
+
+    bool Start() { return io_.Start(); }
+    // Waits for handlers and events that run, says goodbye, ends. Nothing is called afterwards.
+    void Stop();
+    // Whether this is a thread that Stop would wait for.
+    bool IsOwnThread() const { return handlers_.IsCurrentThread() || events_.IsCurrentThread(); }
+
+    void Register(Registration registration);
+
+    // These wait. After Stop has begun there is no answer and nothing found.
+    Outcome Request(const Endpoint& to, std::uint8_t method, std::string key, std::string value);
+    std::vector<NodeDescription> Find(const std::string& deviceType);
+
+private:
+    bool Handle(HandlerCall call) override;
+    void Notify(DeviceEvent event) override;
+    void RequestEnded(std::uint64_t ticket, Outcome outcome) override;
+    void SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) override;
+
+    Registration CurrentRegistration();
+
+    std::atomic<bool> accepting_{true};
+    Mutex mutex_;
+    Registration registration_ LINK_GUARDED_BY(mutex_);
+    WaitingRoom<Outcome> requests_;
+    WaitingRoom<std::vector<NodeDescription>> searches_;
+    // The threads end before what they use.
+    NodeIo io_;
+    Worker handlers_;
+    Worker events_;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,181 @@
+#include "node_io.h"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <future>
+
+#include "interface_list.h"
+#include "log.h"
+#include "worker.h"
+
+namespace lumora_link {
+
+std::uint64_t RandomNumber() {
+    std::random_device device;
+    return static_cast<std::uint64_t>(device()) << 32 | device();
+}
+
+std::uint64_t NodeIo::SystemRandom::Seed() { return RandomNumber(); }
+
+NodeIo::NodeIo(Config config, NodeIdentity identity, std::optional<std::string> deviceType,
+               Application& application)
+    : config_(std::move(config)), core_(identity, config_.peers, random_, *this, application) {
+    core_.SetDeviceType(std::move(deviceType), Clock::now());
+}
+
+NodeIo::~NodeIo() { Stop(); }
+
+bool NodeIo::Start() {
+    std::promise<bool> opened;
+    std::future<bool> ready = opened.get_future();
+    thread_ = StartQuietThread("lumora-link-io", [this, &opened] {
+        bool open = false;
+        try {
+            open = Open();
+        } catch (...) {
+            LINK_LOG(kLogError, "no memory to start a node\n");
+        }
+        opened.set_value(open);
+        if (open) {
+            Run();
+        }
+        coap_.reset();
+        group_.reset();
+    });
+    const bool open = ready.get();
+    if (!open) {
+        thread_.join();
+    }
+    return open;
+}
+
+void NodeIo::Stop() {
+    if (!thread_.joinable()) {
+        return;
+    }
+    Post([this](NodeCore& core, TimePoint now) {
+        core.Close(now);
+        running_ = false;
+    });
+    thread_.join();
+    loop_.Shut();
+}
+
+bool NodeIo::Post(Work work) {
+    return loop_.Post([this, work = std::move(work)] { work(core_, Clock::now()); });
+}
+
+bool NodeIo::Open() {
+    port_ = ReservePort(config_.port);
+    if (!port_.socket) {
+        LINK_LOG(kLogError, "UDP port %u is taken\n", static_cast<unsigned>(config_.port));
+        return false;
+    }
+    if (!loop_.Open()) {
+        LINK_LOG(kLogError, "no descriptors left for a node\n");
+        return false;
+    }
+    coap_ = std::make_unique<CoapPort>(CoapPort::Listener{
+        [this](const CoapMessage& message, const Endpoint& source, in_addr_t local, ReplyPath path) {
+            core_.OnRequest(message, source, local, path, Clock::now());
+        },
+        [this](ConversationId conversation, const CoapMessage& answer) {
+            core_.OnAnswer(conversation, answer, Clock::now());
+        },
+        [this](ConversationId conversation) { core_.OnRefused(conversation, Clock::now()); }});
+    group_ = std::make_unique<GroupSockets>(
+        loop_, GroupSockets::Listener{
+                   [this](const CoapMessage& message, const Endpoint& source, unsigned interface) {
+                       core_.OnGroupMessage(message, source, interface, Clock::now());
+                   },
+                   [this](const CoapMessage& message, const Endpoint& source) {
+                       core_.OnSearchAnswer(message, source, Clock::now());
+                   }});
+    if (!coap_->Open() || !group_->Open()) {
+        LINK_LOG(kLogError, "the sockets of a node cannot be opened\n");
+        return false;
+    }
+    loop_.Watch(coap_->Descriptor(), [this] { coap_->Process(); });
+    OpenRouteSocket();
+    FollowInterfaces();
+    return true;
+}
+
+void NodeIo::Run() {
+    while (running_) {
+        try {
+            Turn();
+        } catch (...) {
+            LINK_LOG(kLogError, "a message is dropped for want of memory\n");
+        }
+    }
+}
+
+void NodeIo::Turn() {
+    coap_->Settle();
+    core_.Tick(Clock::now());
+    coap_->Settle();
+    loop_.WakeAt(core_.NextDeadline(Clock::now()));
+    loop_.RunOnce();
+}
+
+// The kernel tells when links and addresses change. Without that the node stays with what it has.
+void NodeIo::OpenRouteSocket() {
+    routes_ = UniqueFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+    sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
+    if (!routes_ || bind(routes_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        LINK_LOG(kLogWarning, "changes of the interfaces cannot be followed\n");
+        return;
+    }
+    loop_.Watch(routes_.Get(), [this] {
+        // What changed is read anew; the messages, or their loss, only tell that something did.
+        std::array<char, 8192> ignored;
+        while (recv(routes_.Get(), ignored.data(), ignored.size(), 0) > 0) {
+        }
+        FollowInterfaces();
+    });
+}
+
+void NodeIo::FollowInterfaces() {
+    std::vector<LocalInterface> used = SelectInterfaces(ListSystemInterfaces(), config_.interfaces);
+    WarnOfMissing(used);
+    const auto refused = [this](const LocalInterface& local) {
+        return !coap_->Listen({local.host, port_.port});
+    };
+    used.erase(std::remove_if(used.begin(), used.end(), refused), used.end());
+    group_->Use(used);
+    core_.SetInterfaces(std::move(used), port_.port, Clock::now());
+}
+
+void NodeIo::WarnOfMissing(const std::vector<LocalInterface>& used) const {
+    for (const std::string& name : config_.interfaces) {
+        const bool found = std::any_of(used.begin(), used.end(),
+                                       [&](const LocalInterface& local) { return local.name == name; });
+        if (!found) {
+            LINK_LOG(kLogWarning, "LUMORA_LINK_INTERFACE: \"%s\" is not up with an IPv4 address\n",
+                     name.c_str());
+        }
+    }
+}
+
+void NodeIo::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {
+    group_->Send(via, to, message);
+}
+
+void NodeIo::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
+    coap_->Transmit(conversation, to, message);
+}
+
+void NodeIo::Hang(ConversationId conversation) { coap_->Hang(conversation); }
+
+void NodeIo::Reply(ReplyPath path, const CoapMessage& message) { coap_->Reply(path, message); }
+
+void NodeIo::Forget(ReplyPath path) { coap_->Forget(path); }
+
+}  // namespace lumora_link

@@ -1,0 +1,76 @@
+// A node's I/O thread: the sockets, libcoap and the protocol, all of them touched here only.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "coap_port.h"
+#include "config.h"
+#include "event_loop.h"
+#include "group_sockets.h"
+#include "node_core.h"
+#include "port_guard.h"
+
+namespace lumora_link {
+
+class NodeIo : private Network {
+public:
+    using Work = std::function<void(NodeCore& core, TimePoint now)>;
+
+    NodeIo(Config config, NodeIdentity identity, std::optional<std::string> deviceType,
+           Application& application);
+    ~NodeIo() override;
+    NodeIo(const NodeIo&) = delete;
+    NodeIo& operator=(const NodeIo&) = delete;
+
+    // Returns when the node can be found, or false where it cannot run.
+    bool Start();
+    // Says goodbye and joins.
+    void Stop();
+    // Runs the work on the I/O thread, some time later. False once the node has stopped.
+    bool Post(Work work);
+
+private:
+    class SystemRandom : public RandomSource {
+    public:
+        std::uint64_t Next() override { return generator_(); }
+
+    private:
+        static std::uint64_t Seed();
+        std::mt19937_64 generator_{Seed()};
+    };
+
+    bool Open();
+    void Run();
+    void Turn();
+    void FollowInterfaces();
+    void OpenRouteSocket();
+    void WarnOfMissing(const std::vector<LocalInterface>& used) const;
+
+    void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) override;
+    void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override;
+    void Hang(ConversationId conversation) override;
+    void Reply(ReplyPath path, const CoapMessage& message) override;
+    void Forget(ReplyPath path) override;
+
+    const Config config_;
+    SystemRandom random_;
+    NodeCore core_;
+    EventLoop loop_;
+    PortGuard port_;
+    UniqueFd routes_;
+    std::unique_ptr<GroupSockets> group_;
+    std::unique_ptr<CoapPort> coap_;
+    bool running_ = true;
+    std::thread thread_;
+};
+
+// For node ids and instance numbers.
+std::uint64_t RandomNumber();
+
+}  // namespace lumora_link

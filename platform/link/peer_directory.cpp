@@ -1,0 +1,157 @@
+#include "peer_directory.h"
+
+#include <algorithm>
+
+namespace lumora_link {
+
+namespace {
+
+// Bounds what a flood of invented nodes can cost.
+constexpr std::size_t kMaxPeers = 4096;
+constexpr std::size_t kMaxWays = 16;
+constexpr std::size_t kMaxGraves = 1024;
+constexpr Milliseconds kGraveTime{10000};
+
+}  // namespace
+
+bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
+    if (node.identity.id == ownId_ || IsBuried(node.identity, now)) {
+        return false;
+    }
+    auto known = peers_.find(node.identity.id);
+    if (known != peers_.end() && known->second.node.identity != node.identity) {
+        Bury(known->second.node.identity, now);
+        Remove(known);
+        known = peers_.end();
+    }
+    if (known != peers_.end() && !Refresh(known->second, node, now)) {
+        // It has moved to another address or offers something else: for others, a new device.
+        Remove(known);
+        known = peers_.end();
+    }
+    if (known != peers_.end()) {
+        known->second.unicast = known->second.unicast || unicast;
+        return false;
+    }
+    if (peers_.size() >= kMaxPeers) {
+        return false;
+    }
+    RemoveFormerOwner(node.endpoint, node.identity.id);
+    Add(node, unicast, now);
+    return true;
+}
+
+// A node on several interfaces is heard under several addresses. It keeps the one under which it
+// was seen first for as long as that one is alive, so that all who ask here name it alike.
+bool PeerDirectory::Refresh(Peer& peer, const NodeDescription& node, TimePoint now) {
+    if (peer.ways.size() < kMaxWays || peer.ways.count(node.endpoint) != 0) {
+        peer.ways[node.endpoint] = now;
+    }
+    const bool sameWay = node.endpoint == peer.node.endpoint;
+    const bool wayAlive = sameWay || now - peer.ways[peer.node.endpoint] < kDoubtAfter + kGiveUpAfter;
+    if (!wayAlive || node.deviceType != peer.node.deviceType) {
+        return false;
+    }
+    peer.heard = now;
+    peer.doubtedSince.reset();
+    return true;
+}
+
+void PeerDirectory::Leave(const NodeIdentity& identity, TimePoint now) {
+    Bury(identity, now);
+    const auto known = peers_.find(identity.id);
+    if (known != peers_.end() && known->second.node.identity == identity) {
+        Remove(known);
+    }
+}
+
+void PeerDirectory::Refuse(std::uint64_t nodeId) {
+    const auto known = peers_.find(nodeId);
+    if (known != peers_.end()) {
+        // No grave: the same instance may live on under another address.
+        Remove(known);
+    }
+}
+
+void PeerDirectory::Tick(TimePoint now) {
+    for (auto at = peers_.begin(); at != peers_.end();) {
+        Peer& peer = at->second;
+        if (!peer.doubtedSince && now - peer.heard >= kDoubtAfter) {
+            peer.doubtedSince = now;
+        }
+        // The link may only have been cut: no grave, the same instance may come back.
+        const bool gone = peer.doubtedSince && now - *peer.doubtedSince >= kGiveUpAfter;
+        at = gone ? Remove(at) : std::next(at);
+    }
+}
+
+TimePoint PeerDirectory::NextDeadline() const {
+    TimePoint next = TimePoint::max();
+    for (const auto& [id, peer] : peers_) {
+        next =
+            std::min(next, peer.doubtedSince ? *peer.doubtedSince + kGiveUpAfter : peer.heard + kDoubtAfter);
+    }
+    return next;
+}
+
+const Peer* PeerDirectory::Find(std::uint64_t nodeId) const {
+    const auto known = peers_.find(nodeId);
+    return known == peers_.end() ? nullptr : &known->second;
+}
+
+std::vector<const Peer*> PeerDirectory::OfType(const std::string& deviceType) const {
+    std::vector<const Peer*> found;
+    for (const auto& [id, peer] : peers_) {
+        if (peer.node.deviceType == deviceType) {
+            found.push_back(&peer);
+        }
+    }
+    return found;
+}
+
+std::vector<DeviceEvent> PeerDirectory::TakeEvents() {
+    std::vector<DeviceEvent> events;
+    events.swap(events_);
+    return events;
+}
+
+bool PeerDirectory::IsBuried(const NodeIdentity& identity, TimePoint now) {
+    while (!graves_.empty() && graves_.front().until <= now) {
+        graves_.pop_front();
+    }
+    return std::any_of(graves_.begin(), graves_.end(),
+                       [&](const Grave& grave) { return grave.identity == identity; });
+}
+
+void PeerDirectory::Bury(const NodeIdentity& identity, TimePoint now) {
+    if (graves_.size() >= kMaxGraves) {
+        graves_.pop_front();
+    }
+    graves_.push_back({identity, now + kGraveTime});
+}
+
+void PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now) {
+    Peer peer;
+    peer.node = node;
+    peer.number = ++lastNumber_;
+    peer.heard = now;
+    peer.unicast = unicast;
+    peer.ways[node.endpoint] = now;
+    events_.push_back({true, peer.number, node});
+    peers_.emplace(node.identity.id, std::move(peer));
+}
+
+PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator peer) {
+    events_.push_back({false, peer->second.number, peer->second.node});
+    return peers_.erase(peer);
+}
+
+// Two nodes cannot listen at one endpoint: the earlier one has gone without a word.
+void PeerDirectory::RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner) {
+    for (auto at = peers_.begin(); at != peers_.end();) {
+        const bool former = at->second.node.endpoint == endpoint && at->first != newOwner;
+        at = former ? Remove(at) : std::next(at);
+    }
+}
+
+}  // namespace lumora_link

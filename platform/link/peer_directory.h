@@ -1,0 +1,76 @@
+// The nodes that this one knows, and the decision which of them are still there.
+//
+// A node is known by its id. It is added at first sight and removed after a goodbye, when another
+// instance or another node appears in its place, or when it has been silent and a ping failed.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "surroundings.h"
+#include "types.h"
+
+namespace lumora_link {
+
+struct Peer {
+    NodeDescription node;
+    unsigned number = 0;
+    TimePoint heard;
+    // Its notices come by unicast; it must be told of us in the same way.
+    bool unicast = false;
+    std::map<Endpoint, TimePoint> ways;  // every address under which it was heard
+    std::optional<TimePoint> doubtedSince;
+};
+
+class PeerDirectory {
+public:
+    // One hello may be lost and the next be late before anybody asks.
+    static constexpr Milliseconds kDoubtAfter{1200};
+    // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
+    static constexpr Milliseconds kGiveUpAfter{1400};
+
+    explicit PeerDirectory(std::uint64_t ownId) : ownId_(ownId) {}
+
+    // True where the node was not known before.
+    bool Hear(const NodeDescription& node, bool unicast, TimePoint now);
+    void Leave(const NodeIdentity& identity, TimePoint now);
+    // Nobody listens any more where the node was.
+    void Refuse(std::uint64_t nodeId);
+    // Doubts silent nodes and removes those that stayed silent.
+    void Tick(TimePoint now);
+    TimePoint NextDeadline() const;
+
+    const Peer* Find(std::uint64_t nodeId) const;
+    std::vector<const Peer*> OfType(const std::string& deviceType) const;
+    const std::map<std::uint64_t, Peer>& Peers() const { return peers_; }
+
+    // The additions and removals since the last call, in order.
+    std::vector<DeviceEvent> TakeEvents();
+
+private:
+    using Peers_t = std::map<std::uint64_t, Peer>;
+
+    bool IsBuried(const NodeIdentity& identity, TimePoint now);
+    void Bury(const NodeIdentity& identity, TimePoint now);
+    void Add(const NodeDescription& node, bool unicast, TimePoint now);
+    Peers_t::iterator Remove(Peers_t::iterator peer);
+    void RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner);
+    bool Refresh(Peer& peer, const NodeDescription& node, TimePoint now);
+
+    const std::uint64_t ownId_;
+    Peers_t peers_;
+    unsigned lastNumber_ = 0;
+    std::vector<DeviceEvent> events_;
+    // Instances that ended for good: a hello that was delayed on its way must not revive them.
+    struct Grave {
+        NodeIdentity identity;
+        TimePoint until;
+    };
+    std::deque<Grave> graves_;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,148 @@
+#include "presence.h"
+
+#include <algorithm>
+
+#include "link_format.h"
+
+namespace lumora_link {
+
+namespace {
+
+constexpr Milliseconds kNewcomerJitter{50};
+
+}  // namespace
+
+Presence::Presence(const Self& self, Labels& labels, Network& network, std::vector<Endpoint> peers)
+    : self_(self),
+      labels_(labels),
+      network_(network),
+      configured_(std::move(peers)),
+      directory_(self.identity.id) {}
+
+void Presence::HelloSoon(TimePoint now) {
+    const TimePoint soon = std::max(now + labels_.Jitter(kNewcomerJitter), lastHello_ + kShortestInterval);
+    nextHello_ = std::min(nextHello_, soon);
+}
+
+void Presence::OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now) {
+    auto node = ParseLink(notice.payload);
+    if (!node) {
+        return;
+    }
+    if (PathOf(notice) == kGoodbyePath) {
+        directory_.Leave(node->identity, now);
+        return;
+    }
+    // The address that reaches the node is the one that its datagrams come from.
+    node->endpoint.host = source.host;
+    Hear(*node, unicast, now);
+}
+
+void Presence::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
+    if (directory_.Hear(node, unicast, now)) {
+        HelloSoon(now);
+    }
+}
+
+bool Presence::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
+    for (const auto& [nodeId, ping] : pings_) {
+        if (ping.conversation != conversation) {
+            continue;
+        }
+        const Peer* peer = directory_.Find(nodeId);
+        auto node = ParseLink(answer.payload);
+        if (peer != nullptr && node && answer.token == ping.token) {
+            node->endpoint.host = peer->node.endpoint.host;
+            Hear(*node, peer->unicast, now);
+        }
+        return true;
+    }
+    return false;
+}
+
+bool Presence::OnRefused(ConversationId conversation) {
+    for (const auto& [nodeId, ping] : pings_) {
+        if (ping.conversation == conversation) {
+            directory_.Refuse(nodeId);
+            return true;
+        }
+    }
+    return false;
+}
+
+void Presence::Tick(TimePoint now) {
+    if (now >= nextHello_) {
+        Tell(kHelloPath);
+        lastHello_ = now;
+        nextHello_ = now + kHelloInterval;
+    }
+    directory_.Tick(now);
+    PingDoubted(now);
+}
+
+TimePoint Presence::NextDeadline() const {
+    TimePoint next = std::min(nextHello_, directory_.NextDeadline());
+    for (const auto& [nodeId, ping] : pings_) {
+        next = std::min(next, ping.next);
+    }
+    return next;
+}
+
+void Presence::SayGoodbye() {
+    // Twice, because nobody repeats it later.
+    Tell(kGoodbyePath);
+    Tell(kGoodbyePath);
+}
+
+std::vector<Endpoint> Presence::UnicastTargets() const {
+    std::vector<Endpoint> targets = configured_;
+    for (const auto& [id, peer] : directory_.Peers()) {
+        const bool listed = std::find(targets.begin(), targets.end(), peer.node.endpoint) != targets.end();
+        if (peer.unicast && !listed) {
+            targets.push_back(peer.node.endpoint);
+        }
+    }
+    return targets;
+}
+
+void Presence::Tell(const char* path) {
+    const std::vector<Endpoint> targets = UnicastTargets();
+    for (const LocalInterface& local : self_.interfaces) {
+        CoapMessage notice = MakeNotice(path, FormatLink(self_.DescribedAt(local.host)));
+        notice.messageId = labels_.NextMessageId();
+        network_.Send(local, MulticastGroup(), notice);
+        for (const Endpoint& target : targets) {
+            network_.Send(local, target, notice);
+        }
+    }
+}
+
+void Presence::PingDoubted(TimePoint now) {
+    for (auto at = pings_.begin(); at != pings_.end();) {
+        const Peer* peer = directory_.Find(at->first);
+        const bool settled = peer == nullptr || !peer->doubtedSince;
+        if (settled) {
+            network_.Hang(at->second.conversation);
+        }
+        at = settled ? pings_.erase(at) : std::next(at);
+    }
+    for (const auto& [nodeId, peer] : directory_.Peers()) {
+        if (!peer.doubtedSince) {
+            continue;
+        }
+        const auto [at, isNew] = pings_.try_emplace(nodeId);
+        Ping& ping = at->second;
+        if (isNew) {
+            ping = {labels_.NextConversation(), labels_.NextToken(), now};
+        }
+        if (now >= ping.next) {
+            CoapMessage message = MakePing();
+            message.token = ping.token;
+            message.messageId = labels_.NextMessageId();
+            network_.Transmit(ping.conversation, peer.node.endpoint, message);
+            ping.next = now + kPingInterval;
+        }
+    }
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,61 @@
+// Tells the others that this node is here, and finds out which of them still are.
+#pragma once
+
+#include <map>
+#include <vector>
+
+#include "messages.h"
+#include "peer_directory.h"
+#include "self.h"
+#include "surroundings.h"
+
+namespace lumora_link {
+
+class Presence {
+public:
+    static constexpr Milliseconds kHelloInterval{750};
+    // A newcomer makes the others speak at once, but never more often than this.
+    static constexpr Milliseconds kShortestInterval{250};
+    static constexpr Milliseconds kPingInterval{100};
+
+    // The peers are asked and told by unicast, where multicast does not get through.
+    Presence(const Self& self, Labels& labels, Network& network, std::vector<Endpoint> peers);
+
+    void HelloSoon(TimePoint now);
+    void OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now);
+    void Hear(const NodeDescription& node, bool unicast, TimePoint now);
+
+    // False where the conversation is not one of ours.
+    bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
+    bool OnRefused(ConversationId conversation);
+
+    void Tick(TimePoint now);
+    TimePoint NextDeadline() const;
+    void SayGoodbye();
+
+    PeerDirectory& Directory() { return directory_; }
+    const PeerDirectory& Directory() const { return directory_; }
+    // Where unicast copies of what goes to the group must be sent besides.
+    std::vector<Endpoint> UnicastTargets() const;
+
+private:
+    struct Ping {
+        ConversationId conversation = 0;
+        std::string token;
+        TimePoint next;
+    };
+
+    void Tell(const char* path);
+    void PingDoubted(TimePoint now);
+
+    const Self& self_;
+    Labels& labels_;
+    Network& network_;
+    const std::vector<Endpoint> configured_;
+    PeerDirectory directory_;
+    std::map<std::uint64_t, Ping> pings_;  // by the id of the node in doubt
+    TimePoint lastHello_{};
+    TimePoint nextHello_{};
+};
+
+}  // namespace lumora_link

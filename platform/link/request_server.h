@@ -1,0 +1,70 @@
+// The requests of others to this node: each reaches the handlers once, and is answered.
+//
+// A quick handler's answer rides on the acknowledgement. When it takes longer, the request is
+// acknowledged first and answered separately (RFC 7252, section 5.2.2).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "peer_directory.h"
+#include "request_table.h"
+#include "self.h"
+#include "surroundings.h"
+
+namespace lumora_link {
+
+class RequestServer {
+public:
+    // Shorter than the requester's first pause, so a slow handler causes no second datagram.
+    static constexpr Milliseconds kAcknowledgeAfter{150};
+
+    RequestServer(const PeerDirectory& directory, Network& network, Application& application);
+
+    void OnRequest(const CoapMessage& request, const Endpoint& source, ReplyPath path, TimePoint now);
+    void OnHandled(std::uint64_t ticket, Outcome outcome, TimePoint now);
+    // From here on every new request is refused.
+    void Refuse() { closed_ = true; }
+    // Answers what the handlers have not got to.
+    void Close(TimePoint now);
+
+    void Tick(TimePoint now);
+    TimePoint NextDeadline() const;
+
+private:
+    struct Open {
+        RequestKey key;
+        CoapMessage request;  // without its payload
+        ReplyPath path = 0;
+        bool acknowledged = false;
+        TimePoint acknowledgeAt;
+    };
+    struct Body {
+        std::string text;
+        std::uint32_t blocks = 0;
+        TimePoint since;
+    };
+    using BodyKey = std::tuple<std::uint64_t, std::uint32_t, std::uint32_t>;
+
+    void Run(const RequestKey& key, const CoapMessage& request, const std::optional<Requester>& requester,
+             const Endpoint& source, ReplyPath path, TimePoint now);
+    std::uint8_t Assemble(const CoapMessage& request, const std::optional<Requester>& requester,
+                          std::string& value, TimePoint now);
+    void Repeat(const RequestKey& key, const CoapMessage& request, ReplyPath path);
+    void Acknowledge(Open& open);
+    void Reply(ReplyPath path, const CoapMessage& request, bool separate, const Outcome& outcome);
+    Endpoint EndpointOf(const std::optional<Requester>& requester, const Endpoint& source) const;
+
+    const PeerDirectory& directory_;
+    Network& network_;
+    Application& application_;
+    RequestTable table_;
+    std::uint64_t lastTicket_ = 0;
+    std::map<std::uint64_t, Open> open_;  // by ticket
+    std::map<BodyKey, Body> bodies_;
+    bool closed_ = false;
+};
+
+}  // namespace lumora_link

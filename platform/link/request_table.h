@@ -1,0 +1,87 @@
+// Which requests have been seen, so that each runs once however often its datagram comes.
+//
+// A requester of our own kind numbers its messages and tells, with each, from which number on they
+// are still open. Answers below that are dropped, and so is a datagram that turns up below it: the
+// table stays as small as what is under way. Foreign requesters tell nothing; theirs age out.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "messages.h"
+#include "surroundings.h"
+#include "types.h"
+
+namespace lumora_link {
+
+struct RequestKey {
+    std::uint64_t node = 0;
+    std::uint32_t instance = 0;
+    std::uint16_t messageId = 0;
+    std::string token;
+
+    bool operator<(const RequestKey& other) const {
+        return std::tie(node, instance, messageId, token) <
+               std::tie(other.node, other.instance, other.messageId, other.token);
+    }
+};
+
+RequestKey KeyFor(const CoapMessage& message, const std::optional<Requester>& requester,
+                  const Endpoint& source);
+
+class RequestTable {
+public:
+    enum class Verdict { kNew, kPending, kAnswered, kStale, kFull };
+
+    struct Limits {
+        std::size_t entries = 8192;
+        std::size_t bytes = 4U << 20;
+        std::size_t requesters = 4096;
+        // Longer than any requester repeats a message (RFC 7252's EXCHANGE_LIFETIME on a LAN).
+        Milliseconds age{60000};
+    };
+
+    RequestTable() : RequestTable(Limits()) {}
+    explicit RequestTable(Limits limits) : limits_(limits) {}
+
+    // kNew enters the request as pending.
+    Verdict Admit(const RequestKey& key, const std::optional<Requester>& requester, TimePoint now);
+    void Answer(const RequestKey& key, const Outcome& outcome, TimePoint now);
+    // The stored answer of a request that Admit found answered.
+    const Outcome& StoredAnswer(const RequestKey& key) const;
+
+    std::size_t Entries() const { return entries_.size(); }
+    std::size_t Bytes() const { return bytes_; }
+
+private:
+    struct Entry {
+        std::uint32_t sequence = 0;
+        bool numbered = false;
+        TimePoint since;
+        std::optional<Outcome> answer;
+    };
+    struct Progress {
+        std::uint32_t oldestOpen = 0;
+        TimePoint heard;
+    };
+    using Entries_t = std::map<RequestKey, Entry>;
+    using Start = std::pair<std::uint64_t, std::uint32_t>;  // one start of one node: id and instance
+
+    void Advance(const Start& start, std::uint32_t oldestOpen, TimePoint now);
+    bool IsClosed(const RequestKey& key, std::uint32_t sequence) const;
+    void DropClosed(const Start& start);
+    void Sweep(TimePoint now);
+    Entries_t::iterator Erase(Entries_t::iterator entry);
+
+    const Limits limits_;
+    Entries_t entries_;
+    std::size_t bytes_ = 0;
+    std::map<Start, Progress> progress_;
+    TimePoint lastSweep_{};
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,58 @@
+// What a node knows of itself, and the labels that it puts on its messages.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "byte_reader.h"
+#include "surroundings.h"
+#include "types.h"
+
+namespace lumora_link {
+
+struct Self {
+    NodeIdentity identity;
+    std::optional<std::string> deviceType;
+    std::vector<LocalInterface> interfaces;
+    std::uint16_t port = 0;
+
+    // As seen by those who reach it through that address of this host.
+    NodeDescription DescribedAt(in_addr_t host) const { return {identity, {host, port}, deviceType}; }
+
+    const LocalInterface* InterfaceOf(unsigned index) const {
+        for (const LocalInterface& local : interfaces) {
+            if (local.index == index) {
+                return &local;
+            }
+        }
+        return nullptr;
+    }
+};
+
+class Labels {
+public:
+    explicit Labels(RandomSource& random)
+        : random_(random), messageId_(static_cast<std::uint16_t>(random.Next())) {}
+
+    ConversationId NextConversation() { return ++conversation_; }
+    std::uint16_t NextMessageId() { return ++messageId_; }
+    // Not to be guessed by those who do not see the request.
+    std::string NextToken() {
+        std::string token;
+        AppendBigEndian(token, random_.Next(), 8);
+        return token;
+    }
+    // Spreads what many nodes would otherwise send at the same moment.
+    Milliseconds Jitter(Milliseconds upTo) {
+        const auto range = static_cast<std::uint64_t>(upTo.count()) + 1;
+        return Milliseconds(random_.Next() % range);
+    }
+
+private:
+    RandomSource& random_;
+    ConversationId conversation_ = 0;
+    std::uint16_t messageId_;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,68 @@
+// The small values that every part of the link platform speaks of.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <tuple>
+
+namespace lumora_link {
+
+using Clock = std::chrono::steady_clock;
+using TimePoint = Clock::time_point;
+using Milliseconds = std::chrono::milliseconds;
+
+// Keys, values and device types are C strings of at most this many bytes.
+constexpr std::size_t kMaxTextBytes = 1023;
+
+struct Endpoint {
+    in_addr_t host = 0;      // network byte order, as in struct in_addr
+    std::uint16_t port = 0;  // host order
+
+    bool operator==(const Endpoint& other) const { return host == other.host && port == other.port; }
+    bool operator!=(const Endpoint& other) const { return !(*this == other); }
+    // By the dotted form's numbers, so that lists come in the order a reader expects.
+    bool operator<(const Endpoint& other) const {
+        return std::make_tuple(ntohl(host), port) < std::make_tuple(ntohl(other.host), other.port);
+    }
+};
+
+std::string HostText(in_addr_t host);
+std::string EndpointText(const Endpoint& endpoint);
+// Accepts "a.b.c.d" and "a.b.c.d:port"; the port is defaultPort where none is given.
+std::optional<Endpoint> ParseEndpoint(const std::string& text, std::uint16_t defaultPort);
+
+// RFC 7252's group of all CoAP nodes and the port that is registered for it.
+Endpoint MulticastGroup();
+
+struct LocalInterface {
+    unsigned index = 0;
+    std::string name;
+    in_addr_t host = 0;
+
+    bool operator==(const LocalInterface& other) const {
+        return index == other.index && name == other.name && host == other.host;
+    }
+};
+
+// A node keeps its id while its handle lives; each start gives it another instance number.
+struct NodeIdentity {
+    std::uint64_t id = 0;
+    std::uint32_t instance = 0;
+
+    bool operator==(const NodeIdentity& other) const { return id == other.id && instance == other.instance; }
+    bool operator!=(const NodeIdentity& other) const { return !(*this == other); }
+};
+
+struct NodeDescription {
+    NodeIdentity identity;
+    Endpoint endpoint;
+    // Absent where the node offers no resource; it then takes part only as a requester.
+    std::optional<std::string> deviceType;
+};
+
+}  // namespace lumora_link
