@@ -1,0 +1,107 @@
+#include "link_log.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "log_settings.h"
+#include "log_writer.h"
+
+namespace lumora_log {
+namespace {
+
+constexpr int LOWEST_LEVEL = 0;
+constexpr int HIGHEST_LEVEL = 4;
+constexpr size_t LONGEST_LINE = 2048;
+constexpr char CUT_MARK[] = "...";
+
+// Until the environment has been read, every line takes the long way. Constant-initialised, so that lines
+// from constructors of other libraries find it in order.
+constexpr int NOT_READ = INT_MIN;
+std::atomic<int> threshold{NOT_READ};
+
+std::unique_ptr<LogWriter> MakeWriter() {
+    LogSettings settings = ReadLogSettings();
+    const int level = settings.threshold;
+    auto writer = std::make_unique<LogWriter>(std::move(settings));
+    threshold.store(level, std::memory_order_relaxed);
+    return writer;
+}
+
+// Never destroyed: threads and static objects log until the process is gone.
+LogWriter& Writer() {
+    static LogWriter& writer = *MakeWriter().release();
+    return writer;
+}
+
+// A caller logs what failed and looks at errno afterwards.
+class ErrnoKeeper {
+public:
+    ErrnoKeeper() : mValue(errno) {}
+    ~ErrnoKeeper() { errno = mValue; }
+    ErrnoKeeper(const ErrnoKeeper&) = delete;
+    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+private:
+    const int mValue;
+};
+
+__attribute__((format(printf, 2, 0))) std::string_view FormatLine(char (&buffer)[LONGEST_LINE],
+                                                                  const char* format, va_list arguments) {
+    if (format == nullptr) {
+        return {};
+    }
+    const int wanted = vsnprintf(buffer, sizeof(buffer), format, arguments);
+    if (wanted < 0) {
+        return format;
+    }
+    auto length = static_cast<size_t>(wanted);
+    if (length >= sizeof(buffer)) {
+        length = sizeof(buffer) - 1;
+        memcpy(buffer + length - (sizeof(CUT_MARK) - 1), CUT_MARK, sizeof(CUT_MARK) - 1);
+    } else if (length > 0 && buffer[length - 1] == '\n') {
+        --length;
+    }
+    return {buffer, length};
+}
+
+const char* OrEmpty(const char* text) { return text == nullptr ? "" : text; }
+
+// Out of line, so that a call that is filtered pays for no stack buffer.
+__attribute__((noinline, format(printf, 5, 0))) void WriteLine(int level, const char* tag,
+                                                               const char* function, int line,
+                                                               const char* format, va_list arguments) {
+    const ErrnoKeeper keeper;
+    LogWriter& writer = Writer();
+    level = std::min(level, HIGHEST_LEVEL);
+    if (level < threshold.load(std::memory_order_relaxed)) {
+        return;
+    }
+    char buffer[LONGEST_LINE];
+    const std::string_view text = FormatLine(buffer, format, arguments);
+    writer.Write({std::max(level, LOWEST_LEVEL), OrEmpty(tag), OrEmpty(function), line, text});
+}
+
+}  // namespace
+}  // namespace lumora_log
+
+__attribute__((visibility("default"))) void LogInfo(int level, const char* tag, const char* function,
+                                                    int line, const char* format, ...) {
+    if (level < lumora_log::threshold.load(std::memory_order_relaxed)) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    try {
+        lumora_log::WriteLine(level, tag, function, line, format, arguments);
+    } catch (...) {
+        // No memory for a line: the caller's work goes on without it.
+    }
+    va_end(arguments);
+}

@@ -41,9 +41,7 @@ private:
     std::array<int, 2> mEnds{-1, -1};
 };
 
-Variables LogTo(const std::string& file) {
-    return {{"LUMORA_LOG_PATTERN", "%v"}, {"LUMORA_LOG_FILE", file}};
-}
+Variables LogTo(const std::string& file) { return {{"LUMORA_LOG_PATTERN", "%v"}, {"LUMORA_LOG_FILE", file}}; }
 
 TEST(LogFault, AClosedPipeKillsNobody) {
     Pipe pipe;

@@ -66,9 +66,7 @@ TEST(LogLine, TakesMissingNamesAndLines) {
     EXPECT_THAT(probe.err, ElementsAre("[||] no names", "[PROBE||] no line"));
 }
 
-TEST(LogLine, LeavesErrnoAsItWas) {
-    EXPECT_EQ(RunProbe({"errno"}).exitCode, 0);
-}
+TEST(LogLine, LeavesErrnoAsItWas) { EXPECT_EQ(RunProbe({"errno"}).exitCode, 0); }
 
 TEST(LogLine, OfOneThreadIsNotMixedWithThoseOfOthers) {
     const ProbeResult probe = RunProbe({"threads"}, TEXT_ONLY);

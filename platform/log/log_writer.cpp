@@ -1,0 +1,169 @@
+#include "log_writer.h"
+
+#include <fcntl.h>
+#include <spdlog/details/null_mutex.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/syslog_sink.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <utility>
+
+#include "signal_shield.h"
+#include "stderr_output.h"
+
+namespace lumora_log {
+namespace {
+
+constexpr std::chrono::seconds ATTEMPT_INTERVAL(1);
+constexpr std::chrono::minutes COMPLAINT_INTERVAL(1);
+
+// Time, level, thread, tag, function and line; syslog knows the time and the level itself.
+constexpr char DEFAULT_PATTERN[] = "%Y-%m-%d %H:%M:%S.%e %L %t %n %!:%# %v";
+constexpr char SYSLOG_PATTERN[] = "%t %n %!:%# %v";
+
+class StderrSink final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+protected:
+    void sink_it_(const spdlog::details::log_msg& message) override {
+        spdlog::memory_buf_t line;
+        formatter_->format(message, line);
+        if (!WriteToStderr(line.data(), line.size())) {
+            spdlog::throw_spdlog_ex("standard error", errno);
+        }
+    }
+    void flush_() override {}
+};
+
+// Throws unless the path is that of a file, or of a device that takes text like one. A pipe without a reader
+// would hold up the caller for ever, and putting a device aside like a full file would take it from
+// everybody.
+bool IsPlainFile(const std::string& path) {
+    const int descriptor =
+        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
+    if (descriptor < 0) {
+        spdlog::throw_spdlog_ex("cannot be opened", errno);
+    }
+    struct stat status {};
+    const bool known = fstat(descriptor, &status) == 0;
+    close(descriptor);
+    if (!known || !(S_ISREG(status.st_mode) || S_ISCHR(status.st_mode))) {
+        spdlog::throw_spdlog_ex("is no file");
+    }
+    return S_ISREG(status.st_mode);
+}
+
+std::unique_ptr<spdlog::sinks::sink> MakeFileSink(const LogSettings& settings) {
+    spdlog::details::os::create_dir(spdlog::details::os::dir_name(settings.file));
+    if (!IsPlainFile(settings.file)) {
+        return std::make_unique<spdlog::sinks::basic_file_sink_st>(settings.file);
+    }
+    return std::make_unique<spdlog::sinks::rotating_file_sink_st>(settings.file, settings.fileSize,
+                                                                  settings.fileCount - 1);
+}
+
+std::unique_ptr<spdlog::sinks::sink> MakeSink(const LogSettings& settings) {
+    if (!settings.file.empty()) {
+        return MakeFileSink(settings);
+    }
+    if (settings.useSyslog) {
+        // Without a name of its own the program's is taken.
+        return std::make_unique<spdlog::sinks::syslog_sink_st>("", LOG_PID, LOG_USER, true);
+    }
+    return std::make_unique<StderrSink>();
+}
+
+std::unique_ptr<spdlog::formatter> MakeFormatter(const LogSettings& settings) {
+    const char* const fallback = settings.useSyslog ? SYSLOG_PATTERN : DEFAULT_PATTERN;
+    return std::make_unique<spdlog::pattern_formatter>(settings.pattern.empty() ? fallback : settings.pattern,
+                                                       spdlog::pattern_time_type::local,
+                                                       settings.useSyslog ? "" : "\n");
+}
+
+}  // namespace
+
+LogWriter::LogWriter(LogSettings settings) : mSettings(std::move(settings)) {
+    const SignalShield shield;
+    OpenFirst();
+}
+
+LogWriter::~LogWriter() = default;
+
+// A file that was no good from the start is a mistake in the settings: somebody should see the lines.
+void LogWriter::OpenFirst() {
+    try {
+        Open();
+    } catch (const std::exception& failure) {
+        Complain("LUMORA_LOG_FILE: \"%s\" %s; standard error is taken", mSettings.file.c_str(),
+                 failure.what());
+        mSettings.file.clear();
+        Open();
+    }
+}
+
+void LogWriter::Open() {
+    auto sink = MakeSink(mSettings);
+    sink->set_formatter(MakeFormatter(mSettings));
+    mSink = std::move(sink);
+}
+
+bool LogWriter::OpenAgain() {
+    if (Clock::now() < mNextAttempt) {
+        return false;
+    }
+    Open();
+    ReportLostLines();
+    return true;
+}
+
+void LogWriter::Write(const LogLine& line) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    const SignalShield shield;
+    try {
+        if (mSink == nullptr && !OpenAgain()) {
+            ++mLostLines;
+            return;
+        }
+        Put(line);
+    } catch (const std::exception& failure) {
+        ++mLostLines;
+        Fail(failure.what());
+    }
+}
+
+void LogWriter::Put(const LogLine& line) {
+    const spdlog::source_loc place("", line.line, line.function);
+    const auto level = static_cast<spdlog::level::level_enum>(line.level);
+    const spdlog::details::log_msg message(place, line.tag, level,
+                                           spdlog::string_view_t(line.text.data(), line.text.size()));
+    mSink->log(message);
+    // The last lines before a crash are the ones that are needed most.
+    mSink->flush();
+}
+
+void LogWriter::ReportLostLines() {
+    char text[64];
+    const int length = snprintf(text, sizeof(text), "%" PRIu64 " log lines were lost", mLostLines);
+    Put({3, "link_log", __func__, __LINE__, std::string_view(text, static_cast<size_t>(length))});
+    mLostLines = 0;
+}
+
+// What failed once is not written to again: it may have been left without an open file.
+void LogWriter::Fail(const char* reason) {
+    mSink.reset();
+    const auto now = Clock::now();
+    mNextAttempt = now + ATTEMPT_INTERVAL;
+    if (!mSettings.file.empty() && now >= mNextComplaint) {
+        mNextComplaint = now + COMPLAINT_INTERVAL;
+        Complain("LUMORA_LOG_FILE: \"%s\" %s; log lines are lost", mSettings.file.c_str(), reason);
+    }
+}
+
+}  // namespace lumora_log

@@ -1,0 +1,17 @@
+// Standard error as a place to write to that neither blocks for long nor kills.
+#pragma once
+
+#include <cstddef>
+
+namespace lumora_log {
+
+// False, with errno set, when standard error did not take everything. The caller holds a SignalShield.
+bool WriteToStderr(const char* data, size_t size);
+
+// Says on standard error, in one line, what is wrong with the log itself.
+#if defined(__GNUC__)
+__attribute__((format(printf, 1, 2)))
+#endif
+void Complain(const char* format, ...);
+
+}  // namespace lumora_log
