@@ -3,9 +3,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <utility>
 
 #include "link_log.h"
 #include "tests/support/eventually.h"
+#include "tests/support/system_faults.h"
 
 namespace lumora_test {
 
@@ -14,6 +16,7 @@ namespace {
 std::mutex g_mutex;
 std::vector<LogLine> g_lines;
 bool g_capturing = false;
+std::function<void(const LogLine&)> g_hook;
 
 }  // namespace
 
@@ -26,6 +29,7 @@ CapturedLog::CapturedLog() {
 CapturedLog::~CapturedLog() {
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_capturing = false;
+    g_hook = nullptr;
 }
 
 std::vector<LogLine> CapturedLog::Lines() const {
@@ -71,6 +75,11 @@ void CapturedLog::Clear() {
     g_lines.clear();
 }
 
+void CapturedLog::OnLine(std::function<void(const LogLine&)> hook) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_hook = std::move(hook);
+}
+
 std::string CapturedLog::Dump() const {
     std::string all;
     for (const LogLine& line : Lines()) {
@@ -87,8 +96,18 @@ extern "C" void LogInfo(int level, const char*, const char* function, int, const
     va_start(arguments, format);
     std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
-    const std::lock_guard<std::mutex> lock(lumora_test::g_mutex);
-    if (lumora_test::g_capturing) {
-        lumora_test::g_lines.push_back({level, function, text});
+    const lumora_test::AllocationFaultsPaused paused;
+    const lumora_test::LogLine line = {level, function, text};
+    std::function<void(const lumora_test::LogLine&)> hook;
+    {
+        const std::lock_guard<std::mutex> lock(lumora_test::g_mutex);
+        if (!lumora_test::g_capturing) {
+            return;
+        }
+        lumora_test::g_lines.push_back(line);
+        hook = lumora_test::g_hook;
+    }
+    if (hook) {
+        hook(line);
     }
 }

@@ -1,6 +1,7 @@
 // The log of the code under test, as a test reads it. Linking this defines LogInfo.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ public:
     // Waits for another thread to log it.
     bool WaitFor(int level, const std::string& text) const;
     void Clear();
+    // Calls hook for every line, on the thread that logs it and before that thread goes on: so a test can
+    // hold a thread at a known place. Set it while nothing logs.
+    void OnLine(std::function<void(const LogLine&)> hook);
     // Everything, one line each, for a failing test's message.
     std::string Dump() const;
 };

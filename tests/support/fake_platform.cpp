@@ -6,6 +6,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "tests/support/system_faults.h"
+
 namespace lumora_test {
 
 namespace {
@@ -30,12 +32,14 @@ struct Proxy {
 
 Proxy& Self(AppResourceProxy* proxy) { return *reinterpret_cast<Proxy*>(proxy); }
 
-void Record(const std::string& call) {
+void Record(const char* call) {
+    const AllocationFaultsPaused paused;
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_calls.push_back(call);
 }
 
 int Send(AppResourceProxy* proxy, const char* verb, const char* key, const char* value, std::string& reply) {
+    const AllocationFaultsPaused paused;
     const Request request{verb, key, value};
     {
         const std::lock_guard<std::mutex> lock(g_mutex);
@@ -45,6 +49,7 @@ int Send(AppResourceProxy* proxy, const char* verb, const char* key, const char*
 }
 
 int ProxyGet(AppResourceProxy* proxy, const char* key, char* buffer, unsigned int capacity) {
+    const AllocationFaultsPaused paused;
     std::string reply;
     const int ret = Send(proxy, "Get", key, buffer, reply);
     if (ret == 0) {
@@ -56,16 +61,19 @@ int ProxyGet(AppResourceProxy* proxy, const char* key, char* buffer, unsigned in
 }
 
 int ProxyPut(AppResourceProxy* proxy, const char* key, const char* value, unsigned int length) {
+    const AllocationFaultsPaused paused;
     std::string unused;
     return Send(proxy, "Put", key, std::string(value, length).c_str(), unused);
 }
 
 int ProxyPost(AppResourceProxy* proxy, const char* key, const char* value, unsigned int length) {
+    const AllocationFaultsPaused paused;
     std::string unused;
     return Send(proxy, "Post", key, std::string(value, length).c_str(), unused);
 }
 
 int ProxyDelete(AppResourceProxy* proxy, const char* key, const char* value, unsigned int length) {
+    const AllocationFaultsPaused paused;
     std::string unused;
     return Send(proxy, "Delete", key, std::string(value, length).c_str(), unused);
 }
@@ -79,7 +87,8 @@ int Init(LinkPlatform*) {
 }
 
 int SetDebugLevel(LinkPlatform*, int level) {
-    Record("SetDebugLevel " + std::to_string(level));
+    const AllocationFaultsPaused paused;
+    Record(("SetDebugLevel " + std::to_string(level)).c_str());
     return 0;
 }
 
@@ -104,7 +113,8 @@ int Exit(LinkPlatform*) {
 }
 
 AppResourceProxy* FindResource(LinkPlatform*, const char* devType) {
-    Record(std::string("FindResource ") + devType);
+    const AllocationFaultsPaused paused;
+    Record((std::string("FindResource ") + devType).c_str());
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_searches.push_back(devType);
     Proxy* first = nullptr;
@@ -127,6 +137,11 @@ RemoteEndpoint Endpoint(const std::string& address, int port) {
 AppResource Handlers() {
     const std::lock_guard<std::mutex> lock(g_mutex);
     return g_handlers;
+}
+
+DeviceEventFunction EventFunction() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_onEvent;
 }
 
 }  // namespace
@@ -196,10 +211,10 @@ AppResource* FakePlatform::Resource() const {
 int FakePlatform::SendEvent(unsigned int event, unsigned int id, const std::string& addr, int port,
                             const std::string& devType) {
     NotifyDeviceInfo info = {event, id, addr.c_str(), port, devType.c_str()};
-    return g_onEvent(&info);
+    return EventFunction()(&info);
 }
 
-int FakePlatform::SendNullEvent() { return g_onEvent(nullptr); }
+int FakePlatform::SendNullEvent() { return EventFunction()(nullptr); }
 
 Answer FakePlatform::Get(const std::string& key, const std::string& value, unsigned int bufferSize,
                          const std::string& requester, int requesterPort) {
@@ -259,6 +274,7 @@ std::string ServiceInfo(const std::string& type, const std::string& name) {
 using namespace lumora_test;
 
 extern "C" LinkPlatform* GetLinkPlatform(void) {
+    const AllocationFaultsPaused paused;
     Record("GetLinkPlatform");
     const std::lock_guard<std::mutex> lock(g_mutex);
     if (g_platform == nullptr || !g_platform->givesHandles) {

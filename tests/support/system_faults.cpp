@@ -54,9 +54,10 @@ int Renumbered(int fd) {
 
 thread_local int t_allocationsUntilFailure = 0;
 thread_local int t_allocationFailures = 0;
+thread_local int t_allocationFaultsPaused = 0;
 
 bool AllocationFailsNow() {
-    if (t_allocationFailures == 0 || --t_allocationsUntilFailure > 0) {
+    if (t_allocationFaultsPaused != 0 || t_allocationFailures == 0 || --t_allocationsUntilFailure > 0) {
         return false;
     }
     t_allocationsUntilFailure = 1;
@@ -97,6 +98,11 @@ void FailAllocation(int n, int times) {
 }
 
 void ResetAllocationFaults() { t_allocationFailures = 0; }
+
+bool AllocationFailurePending() { return t_allocationFailures != 0; }
+
+AllocationFaultsPaused::AllocationFaultsPaused() { ++t_allocationFaultsPaused; }
+AllocationFaultsPaused::~AllocationFaultsPaused() { --t_allocationFaultsPaused; }
 
 }  // namespace lumora_test
 

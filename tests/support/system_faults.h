@@ -33,5 +33,16 @@ void ResetSystemFaults();
 // them with times ALWAYS. Nothrow allocations give null, others throw std::bad_alloc.
 void FailAllocation(int n = 1, int times = 1);
 void ResetAllocationFaults();
+// Whether the failure that this thread asked for is still to come.
+bool AllocationFailurePending();
+
+// While one lives, the allocations of this thread neither fail nor count: fakes wrap their own in it.
+class AllocationFaultsPaused {
+public:
+    AllocationFaultsPaused();
+    ~AllocationFaultsPaused();
+    AllocationFaultsPaused(const AllocationFaultsPaused&) = delete;
+    AllocationFaultsPaused& operator=(const AllocationFaultsPaused&) = delete;
+};
 
 }  // namespace lumora_test
