@@ -99,7 +99,7 @@ void Contain(const Work& work) {
     try {
         work();
     } catch (...) {
-        LINK_LOG(kLogError, "a message is dropped for want of memory\n");
+        LINK_LOG_LIMITED(kLogError, "a message is dropped for want of memory\n");
     }
 }
 
@@ -158,7 +158,7 @@ bool CoapPort::Listen(const Endpoint& endpoint) {
     const coap_address_t address = AddressOf(endpoint);
     coap_endpoint_t* made = coap_new_endpoint(context_.get(), &address, COAP_PROTO_UDP);
     if (made == nullptr) {
-        LINK_LOG(kLogWarning, "cannot listen on %s\n", EndpointText(endpoint).c_str());
+        LINK_LOG_LIMITED(kLogWarning, "cannot listen on %s\n", EndpointText(endpoint).c_str());
         return false;
     }
     endpoints_.emplace(endpoint, made);

@@ -151,7 +151,9 @@ void Discovery::Probe(const Running& running, unsigned number) {
         probe.messageId = labels_.NextMessageId();
         network_.Send(local, MulticastGroup(), probe);
         for (const Endpoint& target : targets) {
-            network_.Send(local, target, probe);
+            if (local.Reaches(target)) {
+                network_.Send(local, target, probe);
+            }
         }
     }
 }

@@ -37,7 +37,8 @@ UniqueFd BoundSocket(const Endpoint& endpoint, bool shared) {
     const bool ready = fd && (!shared || SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1)) &&
                        bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     if (!ready) {
-        LINK_LOG(kLogWarning, "no socket on %s: %s\n", EndpointText(endpoint).c_str(), std::strerror(errno));
+        LINK_LOG_LIMITED(kLogWarning, "no socket on %s: %s\n", EndpointText(endpoint).c_str(),
+                         std::strerror(errno));
         return UniqueFd();
     }
     SetOption(fd, SOL_SOCKET, SO_RCVBUF, kReceiveBuffer);
@@ -157,7 +158,7 @@ void GroupSockets::Join(const LocalInterface& local) {
                        SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_TTL, 1) &&
                        SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1);
     if (!ready) {
-        LINK_LOG(kLogWarning, "interface %s cannot be used\n", local.name.c_str());
+        LINK_LOG_LIMITED(kLogWarning, "interface %s cannot be used\n", local.name.c_str());
         return;
     }
     Membership(local, IP_ADD_MEMBERSHIP);
@@ -181,7 +182,8 @@ void GroupSockets::Membership(const LocalInterface& local, int option) {
     request.imr_ifindex = static_cast<int>(local.index);
     // Leaving fails where the interface has gone; the membership went with it.
     if (!SetOption(group_, IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
-        LINK_LOG(kLogWarning, "cannot join the group on %s: %s\n", local.name.c_str(), std::strerror(errno));
+        LINK_LOG_LIMITED(kLogWarning, "cannot join the group on %s: %s\n", local.name.c_str(),
+                         std::strerror(errno));
     }
 }
 

@@ -1,6 +1,10 @@
 // This library's way into the device's log. Quiet by default: 0 and 1 are for those who look.
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
 #include "link_log.h"
 
 namespace lumora_link {
@@ -10,6 +14,27 @@ constexpr int kLogDetail = 1;
 constexpr int kLogWarning = 3;
 constexpr int kLogError = 4;
 
+// Lets one line per minute through; the same trouble needs no second line at once.
+class LogLimit {
+public:
+    bool Permits() {
+        const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                             std::chrono::steady_clock::now().time_since_epoch())
+                             .count();
+        auto next = next_.load(std::memory_order_relaxed);
+        return now >= next && next_.compare_exchange_strong(next, now + kSeconds, std::memory_order_relaxed);
+    }
+
+private:
+    static constexpr std::int64_t kSeconds = 60;
+    std::atomic<std::int64_t> next_{0};
+};
+
 }  // namespace lumora_link
 
+#define LINK_LOG_LIMITED(level, ...)                          \
+    do {                                                      \
+        static lumora_link::LogLimit limit;                   \
+        LINK_LOG(limit.Permits() ? (level) : 0, __VA_ARGS__); \
+    } while (false)
 #define LINK_LOG(level, ...) LogInfo((level), "LINK", __func__, __LINE__, __VA_ARGS__)

@@ -110,7 +110,7 @@ void NodeIo::Run() {
         try {
             Turn();
         } catch (...) {
-            LINK_LOG(kLogError, "a message is dropped for want of memory\n");
+            LINK_LOG_LIMITED(kLogError, "a message is dropped for want of memory\n");
         }
     }
 }
@@ -130,7 +130,7 @@ void NodeIo::OpenRouteSocket() {
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
     if (!routes_ || bind(routes_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        LINK_LOG(kLogWarning, "changes of the interfaces cannot be followed\n");
+        LINK_LOG_LIMITED(kLogWarning, "changes of the interfaces cannot be followed\n");
         return;
     }
     loop_.Watch(routes_.Get(), [this] {
@@ -158,8 +158,8 @@ void NodeIo::WarnOfMissing(const std::vector<LocalInterface>& used) const {
         const bool found = std::any_of(used.begin(), used.end(),
                                        [&](const LocalInterface& local) { return local.name == name; });
         if (!found) {
-            LINK_LOG(kLogWarning, "LUMORA_LINK_INTERFACE: \"%s\" is not up with an IPv4 address\n",
-                     name.c_str());
+            LINK_LOG_LIMITED(kLogWarning, "LUMORA_LINK_INTERFACE: \"%s\" is not up with an IPv4 address\n",
+                             name.c_str());
         }
     }
 }

@@ -57,10 +57,16 @@ bool PeerDirectory::Refresh(Peer& peer, const NodeDescription& node, TimePoint n
     return true;
 }
 
-void PeerDirectory::Leave(const NodeIdentity& identity, TimePoint now) {
-    Bury(identity, now);
+void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now) {
     const auto known = peers_.find(identity.id);
-    if (known != peers_.end() && known->second.node.identity == identity) {
+    if (known == peers_.end() || known->second.node.identity != identity) {
+        return;
+    }
+    const auto& ways = known->second.ways;
+    const bool own =
+        std::any_of(ways.begin(), ways.end(), [source](const auto& way) { return way.first.host == source; });
+    if (own) {
+        Bury(identity, now);
         Remove(known);
     }
 }

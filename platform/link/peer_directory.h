@@ -37,7 +37,8 @@ public:
 
     // True where the node was not known before.
     bool Hear(const NodeDescription& node, bool unicast, TimePoint now);
-    void Leave(const NodeIdentity& identity, TimePoint now);
+    // Believed only when it comes from where the node was heard.
+    void Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now);
     // Nobody listens any more where the node was.
     void Refuse(std::uint64_t nodeId);
     // Doubts silent nodes and removes those that stayed silent.

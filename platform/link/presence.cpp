@@ -30,7 +30,7 @@ void Presence::OnNotice(const CoapMessage& notice, const Endpoint& source, bool 
         return;
     }
     if (PathOf(notice) == kGoodbyePath) {
-        directory_.Leave(node->identity, now);
+        directory_.Leave(node->identity, source.host, now);
         return;
     }
     // The address that reaches the node is the one that its datagrams come from.
@@ -112,7 +112,9 @@ void Presence::Tell(const char* path) {
         notice.messageId = labels_.NextMessageId();
         network_.Send(local, MulticastGroup(), notice);
         for (const Endpoint& target : targets) {
-            network_.Send(local, target, notice);
+            if (local.Reaches(target)) {
+                network_.Send(local, target, notice);
+            }
         }
     }
 }

@@ -41,6 +41,7 @@ RequestTable::Verdict RequestTable::Admit(const RequestKey& key, const std::opti
     if (requester && IsClosed(key, requester->sequence)) {
         return Verdict::kStale;
     }
+    MakeRoomForForeign();
     if (entries_.size() >= limits_.entries || bytes_ >= limits_.bytes ||
         progress_.size() > limits_.requesters) {
         return Verdict::kFull;
@@ -65,6 +66,9 @@ void RequestTable::Answer(const RequestKey& key, const Outcome& outcome, TimePoi
     }
     bytes_ += CostOf(outcome);
     known->second.answer = outcome;
+    if (!known->second.numbered) {
+        foreign_.push_back(key);
+    }
     known->second.since = now;
 }
 
@@ -93,6 +97,16 @@ void RequestTable::DropClosed(const Start& start) {
         const bool drop =
             at->second.numbered && at->second.answer && IsClosed(at->first, at->second.sequence);
         at = drop ? Erase(at) : std::next(at);
+    }
+}
+
+void RequestTable::MakeRoomForForeign() {
+    while (foreign_.size() >= limits_.foreign) {
+        const auto oldest = entries_.find(foreign_.front());
+        if (oldest != entries_.end()) {
+            Erase(oldest);
+        }
+        foreign_.pop_front();
     }
 }
 

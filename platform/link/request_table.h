@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -41,6 +42,8 @@ public:
         std::size_t entries = 8192;
         std::size_t bytes = 4U << 20;
         std::size_t requesters = 4096;
+        // Foreign requesters cannot tell what has ended; the oldest of theirs make room for new ones.
+        std::size_t foreign = 1024;
         // Longer than any requester repeats a message (RFC 7252's EXCHANGE_LIFETIME on a LAN).
         Milliseconds age{60000};
     };
@@ -74,6 +77,7 @@ private:
     void Advance(const Start& start, std::uint32_t oldestOpen, TimePoint now);
     bool IsClosed(const RequestKey& key, std::uint32_t sequence) const;
     void DropClosed(const Start& start);
+    void MakeRoomForForeign();
     void Sweep(TimePoint now);
     Entries_t::iterator Erase(Entries_t::iterator entry);
 
@@ -81,6 +85,7 @@ private:
     Entries_t entries_;
     std::size_t bytes_ = 0;
     std::map<Start, Progress> progress_;
+    std::deque<RequestKey> foreign_;  // those answered, oldest first
     TimePoint lastSweep_{};
 };
 

@@ -44,6 +44,10 @@ struct LocalInterface {
     std::string name;
     in_addr_t host = 0;
 
+    // What is bound to a loopback address reaches loopback addresses, and nothing else does.
+    bool Reaches(const Endpoint& endpoint) const { return IsLoopback(host) == IsLoopback(endpoint.host); }
+    static bool IsLoopback(in_addr_t address) { return ntohl(address) >> 24 == IN_LOOPBACKNET; }
+
     bool operator==(const LocalInterface& other) const {
         return index == other.index && name == other.name && host == other.host;
     }

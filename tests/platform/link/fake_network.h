@@ -1,0 +1,139 @@
+// Nodes, the network between them and the time, all inside one test and one thread.
+//
+// Datagrams can be lost, doubled, delayed and thus reordered; nodes can be cut off or killed. The
+// random numbers are seeded, so a run that fails fails again.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "node_core.h"
+
+namespace lumora_link::test {
+
+class FakeNetwork;
+
+class FakeNode : private Network, private Application {
+public:
+    FakeNode(FakeNetwork& network, NodeIdentity identity, std::vector<LocalInterface> interfaces,
+             std::uint16_t port, std::optional<std::string> deviceType, std::vector<Endpoint> peers);
+
+    // What the application saw.
+    struct Calls {
+        std::vector<HandlerCall> handled;
+        std::vector<DeviceEvent> events;
+        std::map<std::uint64_t, Outcome> outcomes;
+        std::map<std::uint64_t, TimePoint> ended;
+        std::map<std::uint64_t, std::vector<NodeDescription>> found;
+    };
+    const Calls& Seen() const { return calls_; }
+    void ForgetEvents() { calls_.events.clear(); }
+
+    std::uint64_t Ask(const Endpoint& to, std::uint8_t method, const std::string& key,
+                      const std::string& value);
+    std::uint64_t Find(const std::string& deviceType);
+    void Exit();
+
+    // How a handler answers and how long it takes; at once with the value itself by default.
+    std::function<Outcome(const HandlerCall&)> handler;
+    Milliseconds handlerTime{0};
+    bool queueFull = false;
+
+    Endpoint At(std::size_t interface = 0) const { return {interfaces_.at(interface).host, port_}; }
+    NodeCore& Core() { return core_; }
+    NodeIdentity Identity() const { return identity_; }
+    unsigned Datagrams() const { return datagrams_; }
+
+private:
+    friend class FakeNetwork;
+
+    class Random : public RandomSource {
+    public:
+        explicit Random(std::uint64_t seed) : generator_(seed) {}
+        std::uint64_t Next() override { return generator_(); }
+
+    private:
+        std::mt19937_64 generator_;
+    };
+    struct Way {
+        FakeNode* asker = nullptr;
+        std::optional<ConversationId> conversation;  // else the socket of an interface asked
+        Endpoint from;
+    };
+
+    void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) override;
+    void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override;
+    void Hang(ConversationId conversation) override;
+    void Reply(ReplyPath path, const CoapMessage& message) override;
+    void Forget(ReplyPath path) override;
+    bool Handle(HandlerCall call) override;
+    void Notify(DeviceEvent event) override;
+    void RequestEnded(std::uint64_t ticket, Outcome outcome) override;
+    void SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) override;
+
+    FakeNetwork& network_;
+    const NodeIdentity identity_;
+    const std::vector<LocalInterface> interfaces_;
+    const std::uint16_t port_;
+    Random random_;
+    Calls calls_;
+    std::map<ReplyPath, Way> ways_;
+    ReplyPath lastPath_ = 0;
+    std::set<ConversationId> hung_;
+    std::uint64_t lastTicket_ = 0;
+    unsigned datagrams_ = 0;
+    bool alive_ = true;
+    bool reachable_ = true;
+    NodeCore core_;
+};
+
+class FakeNetwork {
+public:
+    explicit FakeNetwork(std::uint64_t seed = 1) : generator_(seed) {}
+
+    // A node on one segment, with an address of its own there.
+    FakeNode& Add(std::optional<std::string> deviceType, std::vector<Endpoint> peers = {});
+    // A node with these addresses; interfaces of one name hear each other.
+    FakeNode& AddAt(NodeIdentity identity, std::vector<LocalInterface> interfaces, std::uint16_t port,
+                    std::optional<std::string> deviceType, std::vector<Endpoint> peers = {});
+
+    void Run(Milliseconds time);
+    // Until the condition holds; false after the limit.
+    bool RunUntil(const std::function<bool()>& condition, Milliseconds limit);
+    TimePoint Now() const { return now_; }
+
+    unsigned lossPercent = 0;
+    unsigned duplicatePercent = 0;
+    Milliseconds longestDelay{0};
+    bool multicastBlocked = false;
+    // For one message in particular; true lets it pass.
+    std::function<bool(const CoapMessage&)> filter;
+
+    // The process is gone, its host refuses.
+    void Kill(FakeNode& node) { node.alive_ = false; }
+    // The host is cut off, nothing comes back.
+    void Cut(FakeNode& node) { node.reachable_ = false; }
+    void Restore(FakeNode& node) { node.reachable_ = true; }
+
+private:
+    friend class FakeNode;
+
+    bool Chance(unsigned percent) { return generator_() % 100 < percent; }
+    // Delivers never, once or twice, as the settings and chance will have it.
+    void Carry(FakeNode& from, FakeNode& to, const CoapMessage& message, std::function<void()> deliver);
+    void At(TimePoint time, std::function<void()> event) { events_.emplace(time, std::move(event)); }
+    FakeNode* ListenerAt(const Endpoint& endpoint);
+    bool Step(TimePoint end);
+
+    TimePoint now_{std::chrono::hours(1)};
+    std::mt19937_64 generator_;
+    std::multimap<TimePoint, std::function<void()>> events_;
+    std::vector<std::unique_ptr<FakeNode>> nodes_;
+};
+
+}  // namespace lumora_link::test

@@ -1,0 +1,115 @@
+#include "messages.h"
+
+#include <gmock/gmock.h>
+
+namespace lumora_link::test {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+bool Asks(const std::string& query, const std::optional<std::string>& deviceType) {
+    CoapMessage probe;
+    probe.Add(option::kUriQuery, query);
+    return IsAskedFor(probe, deviceType);
+}
+
+}  // namespace
+
+TEST(MessagesTest, AProbeAsksForOneType) {
+    const CoapMessage probe = MakeProbe("camera", "token", {});
+    EXPECT_EQ(probe.type, MessageType::NonConfirmable);
+    EXPECT_EQ(PathOf(probe), ".well-known/core");
+    EXPECT_EQ(*probe.Find(option::kUriQuery), "rt=camera");
+    EXPECT_EQ(probe.Find(option::kKnownNodes), nullptr);
+    EXPECT_TRUE(IsAskedFor(probe, "camera"));
+    EXPECT_FALSE(IsAskedFor(probe, "camera2"));
+    EXPECT_FALSE(IsAskedFor(probe, std::nullopt));
+}
+
+TEST(MessagesTest, TheQueryIsAFilterOfTheLinkFormat) {
+    EXPECT_TRUE(Asks("rt=cam*", "camera"));
+    EXPECT_TRUE(Asks("rt=*", "camera"));
+    EXPECT_TRUE(Asks("rt=cam*", "cam*"));
+    EXPECT_TRUE(Asks("rt=", ""));
+    EXPECT_FALSE(Asks("rt=cam", "camera"));
+    EXPECT_FALSE(Asks("rt=camera*", "camer"));
+    EXPECT_FALSE(Asks("if=camera", "camera"));
+    EXPECT_TRUE(IsAskedFor(CoapMessage(), std::nullopt)) << "who asks for everything";
+}
+
+TEST(MessagesTest, ATypeThatDoesNotFitIsAskedForByItsBeginning) {
+    const std::string fits(252, 't');
+    EXPECT_EQ(*MakeProbe(fits, "", {}).Find(option::kUriQuery), "rt=" + fits);
+    const std::string tooLong(253, 't');
+    EXPECT_EQ(*MakeProbe(tooLong, "", {}).Find(option::kUriQuery), "rt=" + std::string(251, 't') + "*");
+}
+
+TEST(MessagesTest, AProbeNamesTheNodesThatNeedNotAnswer) {
+    EXPECT_THAT(KnownNodes(MakeProbe("t", "", {7, 0xffffffff})), ElementsAre(7, 0xffffffff));
+    EXPECT_THAT(KnownNodes(MakeProbe("t", "", std::vector<NodeHint>(1000, 1))), SizeIs(1));
+    EXPECT_LE(SerializeMessage(MakeProbe("t", "", std::vector<NodeHint>(1000, 1))).size(), 1472U);
+}
+
+TEST(MessagesTest, TheRequesterIsReadBackAndNothingShorterIs) {
+    Requester requester{{0x0102030405060708, 0x090a0b0c}, 0x0d0e, 0x0f101112, 0x13141516, 0x1718191a};
+    const std::string bytes = EncodeRequester(requester);
+    ASSERT_EQ(bytes.size(), 26U);
+    for (std::size_t at = 0; at < bytes.size(); ++at) {
+        EXPECT_EQ(static_cast<std::size_t>(bytes[at]), at + 1);
+    }
+    CoapMessage message;
+    message.Add(option::kRequester, bytes);
+    const auto read = DecodeRequester(message);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->identity, requester.identity);
+    EXPECT_EQ(read->port, requester.port);
+    EXPECT_EQ(read->sequence, requester.sequence);
+    EXPECT_EQ(read->oldestOpen, requester.oldestOpen);
+    EXPECT_EQ(read->firstOfBody, requester.firstOfBody);
+
+    message.options.front().value.pop_back();
+    EXPECT_FALSE(DecodeRequester(message));
+    EXPECT_FALSE(DecodeRequester(CoapMessage()));
+}
+
+TEST(MessagesTest, BlocksAreNumberedAsInBlockwiseTransfer) {
+    EXPECT_EQ(EncodeBlock({0, true, 4}), "\x0c");
+    EXPECT_EQ(EncodeBlock({3, false, 4}), "\x34");
+    CoapMessage message;
+    message.Add(option::kBlock1, "\x34");
+    const auto block = FindBlock(message);
+    ASSERT_TRUE(block);
+    EXPECT_EQ(block->number, 3U);
+    EXPECT_FALSE(block->more);
+    EXPECT_EQ(block->sizeExponent, 4U);
+}
+
+TEST(MessagesTest, KeysOfAnyLengthAndBytesAreReadBack) {
+    for (const std::size_t length : {0U, 1U, 254U, 255U, 256U, 510U, 511U, 1023U}) {
+        std::string key(length, '&');
+        if (!key.empty()) {
+            key.back() = '\xff';
+        }
+        CoapMessage message;
+        AddKey(message, key);
+        EXPECT_EQ(KeyOf(message), key);
+        EXPECT_EQ(PathOf(message), "lumora");
+        for (const CoapOption& option : message.options) {
+            EXPECT_THAT(option.value, Not(IsEmpty()));
+            EXPECT_LE(option.value.size(), 255U);
+        }
+    }
+}
+
+TEST(MessagesTest, NoticesWantNoAnswerOfAnyKind) {
+    const CoapMessage notice = MakeNotice(kHelloPath, "link");
+    EXPECT_EQ(notice.type, MessageType::NonConfirmable);
+    EXPECT_EQ(PathOf(notice), "lumora/hello");
+    EXPECT_EQ(DecodeUint(*notice.Find(option::kNoResponse)), 26U);
+    EXPECT_EQ(notice.payload, "link");
+}
+
+}  // namespace lumora_link::test

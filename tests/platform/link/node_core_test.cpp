@@ -1,0 +1,399 @@
+// The whole protocol between two to fifty nodes, in no time.
+#include "node_core.h"
+
+#include <gmock/gmock.h>
+
+#include <set>
+
+#include "fake_network.h"
+
+namespace lumora_link::test {
+
+namespace {
+
+using std::chrono::hours;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+std::vector<Endpoint> EndpointsOf(const std::vector<NodeDescription>& nodes) {
+    std::vector<Endpoint> endpoints;
+    for (const NodeDescription& node : nodes) {
+        endpoints.push_back(node.endpoint);
+    }
+    return endpoints;
+}
+
+// "+2" for the addition, "-2" for the removal of the device that was counted second.
+std::vector<std::string> EventsOf(const FakeNode& node) {
+    std::vector<std::string> texts;
+    for (const DeviceEvent& event : node.Seen().events) {
+        texts.push_back((event.added ? "+" : "-") + std::to_string(event.number));
+    }
+    return texts;
+}
+
+struct NodeCoreTest : testing::Test {
+    std::vector<Endpoint> Search(FakeNode& node, const std::string& deviceType) {
+        const TimePoint start = network.Now();
+        const std::uint64_t ticket = node.Find(deviceType);
+        EXPECT_TRUE(network.RunUntil([&] { return node.Seen().found.count(ticket) != 0; }, seconds(2)));
+        searchTime = std::chrono::duration_cast<Milliseconds>(network.Now() - start);
+        return EndpointsOf(node.Seen().found.at(ticket));
+    }
+
+    Outcome Ask(FakeNode& node, const Endpoint& to, std::uint8_t method, const std::string& key,
+                const std::string& value) {
+        const TimePoint start = network.Now();
+        const std::uint64_t ticket = node.Ask(to, method, key, value);
+        EXPECT_TRUE(network.RunUntil([&] { return node.Seen().outcomes.count(ticket) != 0; }, seconds(70)));
+        requestTime = std::chrono::duration_cast<Milliseconds>(network.Now() - start);
+        return node.Seen().outcomes.at(ticket);
+    }
+
+    FakeNetwork network;
+    Milliseconds searchTime{};
+    Milliseconds requestTime{};
+};
+
+}  // namespace
+
+TEST_F(NodeCoreTest, FindsTheNodesOfThatTypeInOrderOfTheirAddresses) {
+    FakeNode& asker = network.Add("camera");
+    FakeNode& first = network.Add("camera");
+    network.Add("came");
+    network.Add("camera2");
+    network.Add(std::nullopt);
+    FakeNode& last = network.Add("camera");
+
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(first.At(), last.At()));
+    EXPECT_LE(searchTime, Milliseconds(300));
+}
+
+TEST_F(NodeCoreTest, FindsNothingWithinTheLongestSearch) {
+    FakeNode& asker = network.Add("camera");
+    network.Run(seconds(1));
+    EXPECT_THAT(Search(asker, "camera"), IsEmpty());
+    EXPECT_LE(searchTime, Milliseconds(600));
+}
+
+TEST_F(NodeCoreTest, FindsTypesThatDoNotFitIntoOneOption) {
+    const std::string type(kMaxTextBytes, 't');
+    FakeNode& asker = network.Add("camera");
+    FakeNode& device = network.Add(type);
+    network.Add(type.substr(1));
+    EXPECT_THAT(Search(asker, type), ElementsAre(device.At()));
+}
+
+TEST_F(NodeCoreTest, FindsTypesOfAnyBytes) {
+    std::string type;
+    for (int byte = 1; byte < 256; ++byte) {
+        type.push_back(static_cast<char>(byte));
+    }
+    FakeNode& asker = network.Add("");
+    FakeNode& device = network.Add(type);
+    EXPECT_THAT(Search(asker, type), ElementsAre(device.At()));
+}
+
+TEST_F(NodeCoreTest, FindsFiftyNodesThroughLossRightAfterTheStart) {
+    for (std::uint64_t seed = 1; seed <= 4; ++seed) {
+        FakeNetwork lossy(seed);
+        lossy.lossPercent = 20;
+        lossy.duplicatePercent = 10;
+        lossy.longestDelay = Milliseconds(10);
+        FakeNode& asker = lossy.Add("reader");
+        for (int count = 0; count < 49; ++count) {
+            lossy.Add("camera");
+        }
+        const std::uint64_t ticket = asker.Find("camera");
+        ASSERT_TRUE(lossy.RunUntil([&] { return asker.Seen().found.count(ticket) != 0; }, Milliseconds(610)));
+        EXPECT_THAT(asker.Seen().found.at(ticket), SizeIs(49)) << "seed " << seed;
+    }
+}
+
+TEST_F(NodeCoreTest, NodesOnTwoCommonNetworksAreFoundOnceAndNamedAlikeEverywhere) {
+    const std::vector<LocalInterface> left{{2, "eth0", htonl(0x0a000001)}, {3, "wlan0", htonl(0x0b000001)}};
+    const std::vector<LocalInterface> right{{2, "eth0", htonl(0x0a000002)}, {3, "wlan0", htonl(0x0b000002)}};
+    FakeNode& asker = network.AddAt({1, 1}, left, 4001, "reader");
+    FakeNode& device = network.AddAt({2, 1}, right, 4002, "camera");
+
+    const std::vector<Endpoint> found = Search(asker, "camera");
+    ASSERT_THAT(found, SizeIs(1));
+    ASSERT_THAT(asker.Seen().events, SizeIs(1));
+    EXPECT_EQ(asker.Seen().events.front().node.endpoint, found.front());
+
+    Ask(asker, found.front(), code::kGet, "key", "");
+    ASSERT_THAT(device.Seen().handled, SizeIs(1));
+    ASSERT_THAT(device.Seen().events, SizeIs(1));
+    EXPECT_EQ(device.Seen().handled.front().requester, device.Seen().events.front().node.endpoint);
+}
+
+TEST_F(NodeCoreTest, AnnouncesNodesOnceAndTheirGoodbyeAtOnce) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(5));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1"));
+    EXPECT_EQ(watcher.Seen().events.front().node.deviceType, "camera");
+
+    device.Exit();
+    network.Run(Milliseconds(5));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1"));
+}
+
+TEST_F(NodeCoreTest, NoticesWithinThreeSecondsThatANodeWasKilled) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(5));
+    network.Kill(device);
+    EXPECT_TRUE(network.RunUntil([&] { return watcher.Seen().events.size() == 2; }, seconds(3)));
+}
+
+TEST_F(NodeCoreTest, NoticesWithinThreeSecondsThatALinkWasCutAndThatItIsBack) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(5));
+    for (int round = 0; round < 2; ++round) {
+        watcher.ForgetEvents();
+        network.Cut(device);
+        EXPECT_TRUE(network.RunUntil([&] { return watcher.Seen().events.size() == 1; }, seconds(3)));
+        network.Restore(device);
+        EXPECT_TRUE(network.RunUntil([&] { return watcher.Seen().events.size() == 2; }, seconds(2)));
+        EXPECT_FALSE(watcher.Seen().events[0].added);
+        EXPECT_TRUE(watcher.Seen().events[1].added);
+    }
+}
+
+TEST_F(NodeCoreTest, LossRemovesNobodyInAnHour) {
+    network.lossPercent = 20;
+    FakeNode& watcher = network.Add(std::nullopt);
+    network.Add("camera");
+    network.Add("camera");
+    network.Run(hours(1));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "+2"));
+}
+
+TEST_F(NodeCoreTest, ANewInstanceIsRemovedAndAdded) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    const LocalInterface local{2, "eth0", htonl(0x0a000063)};
+    FakeNode& before = network.AddAt({99, 1}, {local}, 4001, "camera");
+    network.Run(seconds(2));
+    network.Kill(before);
+    network.AddAt({99, 2}, {local}, 4002, "camera");
+    network.Run(seconds(10));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1", "+2"));
+}
+
+TEST_F(NodeCoreTest, ANodeInThePlaceOfAnotherEndsTheOther) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    const LocalInterface local{2, "eth0", htonl(0x0a000063)};
+    FakeNode& before = network.AddAt({98, 1}, {local}, 4001, "camera");
+    network.Run(seconds(2));
+    network.Kill(before);
+    network.AddAt({99, 1}, {local}, 4001, "camera");
+    network.Run(seconds(10));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1", "+2"));
+}
+
+TEST_F(NodeCoreTest, AHelloThatComesAfterTheGoodbyeRevivesNobody) {
+    network.longestDelay = Milliseconds(200);
+    for (int round = 0; round < 20; ++round) {
+        FakeNode& watcher = network.Add(std::nullopt);
+        FakeNode& device = network.Add("camera");
+        network.Run(Milliseconds(2000 + 37 * round));
+        watcher.ForgetEvents();
+        device.Exit();
+        network.Run(seconds(5));
+        EXPECT_THAT(watcher.Seen().events, SizeIs(1));
+        watcher.Exit();
+    }
+}
+
+TEST_F(NodeCoreTest, MulticastBlockedStaticPeersFindAndNoticeEachOther) {
+    network.multicastBlocked = true;
+    FakeNode& device = network.Add("camera");
+    FakeNode& asker = network.Add("reader", {device.At()});
+
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
+    network.Run(seconds(1));
+    EXPECT_THAT(EventsOf(device), ElementsAre("+1"));
+    network.Kill(device);
+    EXPECT_TRUE(network.RunUntil([&] { return asker.Seen().events.size() == 2; }, seconds(3)));
+}
+
+TEST_F(NodeCoreTest, CarriesKeysAndValuesOfEveryLengthUpToTheLimit) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    for (const std::size_t keyBytes : {0U, 1U, 255U, 256U, 510U, 1022U, 1023U}) {
+        for (const std::size_t valueBytes : {0U, 1U, 255U, 256U, 257U, 1022U, 1023U}) {
+            const std::string key(keyBytes, '\xfe');
+            const std::string value(valueBytes, '\x01');
+            const Outcome outcome = Ask(asker, device.At(), code::kPut, key, value);
+            EXPECT_EQ(outcome.code, code::kContent);
+            EXPECT_EQ(outcome.payload, value);
+            EXPECT_EQ(device.Seen().handled.back().key, key);
+        }
+    }
+    EXPECT_THAT(device.Seen().handled, SizeIs(49));
+}
+
+TEST_F(NodeCoreTest, EveryPostRunsOnceThoughDatagramsAreLostAndDoubled) {
+    network.lossPercent = 20;
+    network.duplicatePercent = 10;
+    network.longestDelay = Milliseconds(30);
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    int succeeded = 0;
+    for (int number = 0; number < 2000; ++number) {
+        const Outcome outcome = Ask(asker, device.At(), code::kPost, std::to_string(number), "");
+        succeeded += outcome.code == code::kContent;
+    }
+    std::multiset<std::string> run;
+    for (const HandlerCall& call : device.Seen().handled) {
+        run.insert(call.key);
+        EXPECT_EQ(run.count(call.key), 1U) << call.key;
+    }
+    EXPECT_GE(run.size(), static_cast<std::size_t>(succeeded));
+    EXPECT_GE(succeeded, 1998);
+}
+
+TEST_F(NodeCoreTest, LongRequestsRunOnceThroughLossToo) {
+    network.lossPercent = 20;
+    network.duplicatePercent = 10;
+    network.longestDelay = Milliseconds(30);
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    const std::string key(kMaxTextBytes, 'k');
+    const std::string value(kMaxTextBytes, 'v');
+    int succeeded = 0;
+    for (int number = 0; number < 100; ++number) {
+        succeeded += Ask(asker, device.At(), code::kPost, key, value).payload == value;
+    }
+    EXPECT_GE(succeeded, 99);
+    EXPECT_LE(device.Seen().handled.size(), 100U);
+}
+
+TEST_F(NodeCoreTest, ASlowHandlerIsWaitedForThroughLoss) {
+    network.lossPercent = 20;
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    device.handlerTime = seconds(10);
+    for (int round = 0; round < 20; ++round) {
+        EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "value").payload, "value");
+    }
+    EXPECT_THAT(device.Seen().handled, SizeIs(20));
+}
+
+TEST_F(NodeCoreTest, AHandlerThatNeverEndsIsGivenUp) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    device.handlerTime = hours(2);
+    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kEmpty);
+    EXPECT_LE(requestTime, seconds(60));
+}
+
+TEST_F(NodeCoreTest, AnAbsentPeerFailsInSevenSecondsAndARefusedPortAtOnce) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Cut(device);
+    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kEmpty);
+    EXPECT_LE(requestTime, seconds(7));
+    network.Restore(device);
+    network.Kill(device);
+    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kEmpty);
+    EXPECT_LE(requestTime, Milliseconds(10));
+}
+
+TEST_F(NodeCoreTest, APeerThatGoesWhileItHandlesFailsInSevenSeconds) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    device.handlerTime = seconds(30);
+    const std::uint64_t ticket = asker.Ask(device.At(), code::kPost, "key", "");
+    network.Run(seconds(10));
+    EXPECT_THAT(asker.Seen().outcomes, IsEmpty());
+    network.Cut(device);
+    EXPECT_TRUE(network.RunUntil([&] { return asker.Seen().outcomes.count(ticket) != 0; }, seconds(7)));
+}
+
+TEST_F(NodeCoreTest, AnAnswerWhoseDatagramsAreLostIsAskedForWithTheSameId) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    int lost = 0;
+    network.filter = [&lost](const CoapMessage& message) {
+        const bool answer = message.type == MessageType::Acknowledgement && message.payload == "value";
+        return !answer || ++lost > 3;
+    };
+    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "value").payload, "value");
+    EXPECT_THAT(device.Seen().handled, SizeIs(1));
+    EXPECT_EQ(lost, 4);
+}
+
+TEST_F(NodeCoreTest, AFullQueueIsAnsweredAsUnavailable) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    device.queueFull = true;
+    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kUnavailable);
+}
+
+TEST_F(NodeCoreTest, AnEndingNodeAnswersWhatItDoesNotHandleAnyMore) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    device.handlerTime = seconds(5);
+    const std::uint64_t ticket = asker.Ask(device.At(), code::kPost, "key", "");
+    network.Run(Milliseconds(50));
+    device.Core().RefuseRequests();
+    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "other", "").code, code::kUnavailable);
+    device.Exit();
+    network.Run(Milliseconds(50));
+    EXPECT_EQ(asker.Seen().outcomes.at(ticket).code, code::kUnavailable);
+    EXPECT_THAT(device.Seen().handled, SizeIs(1));
+}
+
+TEST_F(NodeCoreTest, ClosingEndsTheNodesOwnRequestsAndSearches) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    device.handlerTime = seconds(5);
+    const std::uint64_t request = asker.Ask(device.At(), code::kPost, "key", "");
+    const std::uint64_t search = asker.Find("camera");
+    asker.Exit();
+    EXPECT_EQ(asker.Seen().outcomes.at(request).code, code::kEmpty);
+    EXPECT_THAT(asker.Seen().found.at(search), IsEmpty());
+}
+
+TEST_F(NodeCoreTest, RequestsOfOneRequesterAreHandledInTheirOrder) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    for (int number = 0; number < 50; ++number) {
+        asker.Ask(device.At(), code::kPost, std::to_string(number), "");
+    }
+    network.Run(seconds(1));
+    ASSERT_THAT(device.Seen().handled, SizeIs(50));
+    for (std::size_t number = 0; number < 50; ++number) {
+        EXPECT_EQ(device.Seen().handled[number].key, std::to_string(number));
+    }
+}
+
+TEST_F(NodeCoreTest, WhoAsksWithoutAnEndIsNotAnsweredWithoutAnEnd) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(1));
+    const unsigned before = device.Datagrams();
+    for (int count = 0; count < 100; ++count) {
+        asker.Find("camera");
+    }
+    network.Run(seconds(1));
+    EXPECT_LT(device.Datagrams() - before, 200U) << "of 400 probes in the first second alone";
+}
+
+TEST_F(NodeCoreTest, FiftyNodesKnowEachOther) {
+    std::vector<FakeNode*> nodes;
+    for (int count = 0; count < 50; ++count) {
+        nodes.push_back(&network.Add("camera"));
+    }
+    network.Run(seconds(2));
+    for (const FakeNode* node : nodes) {
+        EXPECT_THAT(node->Seen().events, SizeIs(49));
+    }
+}
+
+}  // namespace lumora_link::test

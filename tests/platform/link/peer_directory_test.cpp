@@ -1,0 +1,147 @@
+#include "peer_directory.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+
+namespace lumora_link::test {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+constexpr std::uint64_t kOwnId = 7;
+
+NodeDescription Node(std::uint64_t id, std::uint32_t instance, const char* endpoint,
+                     const char* type = "camera") {
+    return {{id, instance}, *ParseEndpoint(endpoint, 0), type};
+}
+
+struct PeerDirectoryTest : testing::Test {
+    bool Hear(const NodeDescription& node) { return directory.Hear(node, false, now); }
+    void Wait(Milliseconds time) {
+        now += time;
+        directory.Tick(now);
+    }
+    std::vector<std::string> Events() {
+        std::vector<std::string> texts;
+        for (const DeviceEvent& event : directory.TakeEvents()) {
+            texts.push_back((event.added ? "+" : "-") + std::to_string(event.number) + " " +
+                            EndpointText(event.node.endpoint));
+        }
+        return texts;
+    }
+
+    TimePoint now{std::chrono::hours(1)};
+    PeerDirectory directory{kOwnId};
+};
+
+}  // namespace
+
+TEST_F(PeerDirectoryTest, AddsANodeAtFirstSightOnly) {
+    EXPECT_TRUE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, DoesNotKnowItself) {
+    EXPECT_FALSE(Hear(Node(kOwnId, 1, "10.0.0.1:1")));
+    EXPECT_THAT(Events(), IsEmpty());
+}
+
+TEST_F(PeerDirectoryTest, DoubtsASilentNodeBeforeItRemovesIt) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Wait(PeerDirectory::kDoubtAfter - Milliseconds(1));
+    EXPECT_FALSE(directory.Find(1)->doubtedSince);
+    Wait(Milliseconds(1));
+    EXPECT_TRUE(directory.Find(1)->doubtedSince);
+    Wait(PeerDirectory::kGiveUpAfter - Milliseconds(1));
+    EXPECT_NE(directory.Find(1), nullptr);
+    Wait(Milliseconds(1));
+    EXPECT_EQ(directory.Find(1), nullptr);
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1"));
+    EXPECT_LE(PeerDirectory::kDoubtAfter + PeerDirectory::kGiveUpAfter, Milliseconds(3000));
+}
+
+TEST_F(PeerDirectoryTest, AWordEndsTheDoubt) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Wait(PeerDirectory::kDoubtAfter);
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_FALSE(directory.Find(1)->doubtedSince);
+    Wait(PeerDirectory::kGiveUpAfter - Milliseconds(1));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, TellsWhenItWantsToBeAskedNext) {
+    EXPECT_EQ(directory.NextDeadline(), TimePoint::max());
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::kDoubtAfter);
+    Wait(PeerDirectory::kDoubtAfter);
+    EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::kGiveUpAfter);
+}
+
+TEST_F(PeerDirectoryTest, AGoodbyeRemovesAndItsInstanceStaysAway) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    directory.Leave({1, 1}, inet_addr("10.0.0.1"), now);
+    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_TRUE(Hear(Node(1, 2, "10.0.0.1:1")));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, AGoodbyeOfAnotherInstanceOrFromElsewhereIsNotBelieved) {
+    Hear(Node(1, 2, "10.0.0.1:1"));
+    directory.Leave({1, 1}, inet_addr("10.0.0.1"), now);
+    directory.Leave({1, 2}, inet_addr("10.0.0.9"), now);
+    EXPECT_NE(directory.Find(1), nullptr);
+}
+
+TEST_F(PeerDirectoryTest, ALateHelloOfTheInstanceBeforeChangesNothing) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Hear(Node(1, 2, "10.0.0.1:1"));
+    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, ARefusedNodeIsRemovedButMayComeBack) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    directory.Refuse(1);
+    EXPECT_TRUE(Hear(Node(1, 1, "10.0.0.2:1")));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.2:1"));
+}
+
+TEST_F(PeerDirectoryTest, ANodeKeepsItsFirstAddressWhileThatIsAlive) {
+    for (int round = 0; round < 10; ++round) {
+        Hear(Node(1, 1, "10.0.0.1:1"));
+        Hear(Node(1, 1, "11.0.0.1:1"));
+        Wait(Milliseconds(750));
+    }
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, ANodeWhoseAddressDiesMovesToTheOther) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    for (int round = 0; round < 10; ++round) {
+        Hear(Node(1, 1, "11.0.0.1:1"));
+        Wait(Milliseconds(300));
+    }
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 11.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, ANodeThatOffersSomethingElseIsAnotherDevice) {
+    Hear(Node(1, 1, "10.0.0.1:1", "camera"));
+    Hear(Node(1, 1, "10.0.0.1:1", "reader"));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
+    EXPECT_THAT(directory.OfType("reader"), SizeIs(1));
+    EXPECT_THAT(directory.OfType("camera"), IsEmpty());
+}
+
+TEST_F(PeerDirectoryTest, AFloodOfNodesIsBounded) {
+    for (std::uint64_t id = 100; id < 6000; ++id) {
+        const auto port = std::to_string(id);
+        Hear(Node(id, 1, ("10.0.0.1:" + port).c_str()));
+    }
+    EXPECT_THAT(directory.Peers(), SizeIs(4096));
+}
+
+}  // namespace lumora_link::test

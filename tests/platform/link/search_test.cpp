@@ -1,0 +1,96 @@
+#include "search.h"
+
+#include <gmock/gmock.h>
+
+namespace lumora_link::test {
+
+using testing::ElementsAre;
+using testing::SizeIs;
+
+namespace {
+
+NodeDescription Camera(std::uint64_t id) { return {{id, 1}, {htonl(0x0a000001), 4000}, "camera"}; }
+
+struct SearchTest : testing::Test {
+    // Lets the time pass as the node does it; returns when the probes left.
+    std::vector<int> Run(Search& search, const std::function<void(unsigned)>& onProbe = {}) {
+        std::vector<int> times;
+        for (;;) {
+            while (const auto probe = search.TakeDueProbe(now)) {
+                times.push_back(SinceStart());
+                if (onProbe) {
+                    onProbe(*probe);
+                }
+            }
+            if (search.IsOver(now)) {
+                return times;
+            }
+            const TimePoint next = search.NextDeadline(now);
+            EXPECT_GT(next, now) << "it would wait without an end";
+            now = next;
+        }
+    }
+    int SinceStart() const {
+        return static_cast<int>(std::chrono::duration_cast<Milliseconds>(now - start).count());
+    }
+
+    const TimePoint start{std::chrono::hours(1)};
+    TimePoint now = start;
+};
+
+}  // namespace
+
+TEST_F(SearchTest, EndsEarlyWhenEveryDeviceAnswersEverything) {
+    Search search("camera", {}, now);
+    const std::vector<int> probes =
+        Run(search, [&](unsigned probe) { search.OnAnswer(probe, Camera(1), now); });
+    EXPECT_THAT(probes, ElementsAre(0, 30, 100, 130));
+    EXPECT_EQ(SinceStart(), 230);
+    EXPECT_THAT(search.Found(), SizeIs(1));
+}
+
+TEST_F(SearchTest, AsksToTheEndWhenNothingAnswers) {
+    Search search("camera", {}, now);
+    EXPECT_THAT(Run(search), ElementsAre(0, 30, 100, 130, 300, 350, 400, 450, 500));
+    EXPECT_EQ(SinceStart(), 600);
+}
+
+TEST_F(SearchTest, AMissingAnswerTellsThatDatagramsGetLost) {
+    Search search("camera", {}, now);
+    Run(search, [&](unsigned probe) {
+        if (probe != 2) {
+            search.OnAnswer(probe, Camera(1), now);
+        }
+    });
+    EXPECT_EQ(SinceStart(), 600);
+}
+
+TEST_F(SearchTest, AnExpectedNodeIsWaitedFor) {
+    Search search("camera", {1, 2}, now);
+    const std::vector<int> probes =
+        Run(search, [&](unsigned probe) { search.OnAnswer(probe, Camera(1), now); });
+    EXPECT_EQ(SinceStart(), 600);
+    EXPECT_THAT(probes, SizeIs(9));
+    EXPECT_THAT(search.Missing(), ElementsAre(2));
+}
+
+TEST_F(SearchTest, OnlyTheRescueNamesWhatIsKnown) {
+    Search search("camera", {}, now);
+    search.TakeDueProbe(now);
+    search.OnAnswer(0, Camera(1), now);
+    EXPECT_FALSE(search.IsRescue(3));
+    EXPECT_TRUE(search.IsRescue(4));
+    EXPECT_THAT(search.Known(), ElementsAre(HintOf(1)));
+}
+
+TEST_F(SearchTest, TakesNoAnswerOfAnotherTypeOrToAProbeThatWasNotSent) {
+    Search search("camera", {}, now);
+    search.TakeDueProbe(now);
+    NodeDescription other = Camera(1);
+    other.deviceType = "camera2";
+    search.OnAnswer(0, other, now);
+    search.OnAnswer(1, Camera(2), now);
+    EXPECT_TRUE(search.Found().empty());
+}
+
+}  // namespace lumora_link::test
