@@ -5,25 +5,44 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <mutex>
 #include <new>
 
 namespace lumora_test {
 
 namespace {
 
+constexpr std::size_t NO_LIMIT = ~std::size_t{0};
+constexpr std::size_t LARGE = 65536;
+
 struct Fault {
     std::atomic<int> error{0};
     std::atomic<int> times{0};
     std::atomic<int> passBefore{0};
     std::atomic<int> calls{0};
+    std::atomic<int> failInTurn{0};
+    std::atomic<int> passInTurn{0};
+    std::atomic<int> turns{0};
+    std::atomic<std::size_t> transferLimit{NO_LIMIT};
 };
 
 Fault g_faults[static_cast<int>(SystemCall::COUNT)];
 std::atomic<int> g_number{0};
 std::atomic<int> g_numberTimes{0};
+std::atomic<int> g_numberPassBefore{0};
+std::atomic<bool> g_ignoreSelectTimeouts{false};
+std::mutex g_readMutex;
+std::deque<std::string> g_reads;
+std::atomic<std::size_t> g_failingSize{NO_LIMIT};
+std::atomic<int> g_largeBeforeFailure{0};
+std::atomic<int> g_largeFailures{0};
+std::atomic<int> g_largeAllocations{0};
 
 bool TakeOne(std::atomic<int>& counter) {
     int left = counter;
@@ -36,7 +55,12 @@ bool TakeOne(std::atomic<int>& counter) {
 bool FailsNow(SystemCall call) {
     Fault& fault = g_faults[static_cast<int>(call)];
     ++fault.calls;
-    if (TakeOne(fault.passBefore) || !TakeOne(fault.times)) {
+    const int failInTurn = fault.failInTurn;
+    if (failInTurn != 0) {
+        if (fault.turns++ % (failInTurn + fault.passInTurn) >= failInTurn) {
+            return false;
+        }
+    } else if (TakeOne(fault.passBefore) || !TakeOne(fault.times)) {
         return false;
     }
     errno = fault.error;
@@ -44,7 +68,7 @@ bool FailsNow(SystemCall call) {
 }
 
 int Renumbered(int fd) {
-    if (fd < 0 || !TakeOne(g_numberTimes)) {
+    if (fd < 0 || fd == g_number || TakeOne(g_numberPassBefore) || !TakeOne(g_numberTimes)) {
         return fd;
     }
     const int moved = dup2(fd, g_number);
@@ -55,6 +79,28 @@ int Renumbered(int fd) {
 thread_local int t_allocationsUntilFailure = 0;
 thread_local int t_allocationFailures = 0;
 thread_local int t_allocationFaultsPaused = 0;
+
+std::size_t Limited(SystemCall call, std::size_t size) {
+    return std::min<std::size_t>(size, g_faults[static_cast<int>(call)].transferLimit);
+}
+
+bool TakeFedRead(std::string& piece) {
+    const std::lock_guard<std::mutex> lock(g_readMutex);
+    if (g_reads.empty()) {
+        return false;
+    }
+    piece = std::move(g_reads.front());
+    g_reads.pop_front();
+    return true;
+}
+
+bool LargeAllocationFailsNow(std::size_t size) {
+    if (t_allocationFaultsPaused != 0) {
+        return false;
+    }
+    g_largeAllocations += size >= LARGE ? 1 : 0;
+    return size >= g_failingSize && !TakeOne(g_largeBeforeFailure) && TakeOne(g_largeFailures);
+}
 
 bool AllocationFailsNow() {
     if (t_allocationFaultsPaused != 0 || t_allocationFailures == 0 || --t_allocationsUntilFailure > 0) {
@@ -76,10 +122,30 @@ void FailSystemCall(SystemCall call, int error, int times, int passBefore) {
     fault.times = times;
 }
 
-void GiveDescriptorNumber(int number, int times) {
+void FailSystemCallInTurns(SystemCall call, int error, int fail, int pass) {
+    Fault& fault = g_faults[static_cast<int>(call)];
+    fault.error = error;
+    fault.turns = 0;
+    fault.passInTurn = pass;
+    fault.failInTurn = fail;
+}
+
+void GiveDescriptorNumber(int number, int times, int passBefore) {
     g_number = number;
+    g_numberPassBefore = passBefore;
     g_numberTimes = times;
 }
+
+void LimitTransfer(SystemCall call, std::size_t bytes) {
+    g_faults[static_cast<int>(call)].transferLimit = bytes;
+}
+
+void FeedReads(std::vector<std::string> pieces) {
+    const std::lock_guard<std::mutex> lock(g_readMutex);
+    g_reads.assign(pieces.begin(), pieces.end());
+}
+
+void IgnoreSelectTimeouts() { g_ignoreSelectTimeouts = true; }
 
 int SystemCallCount(SystemCall call) { return g_faults[static_cast<int>(call)].calls; }
 
@@ -88,8 +154,13 @@ void ResetSystemFaults() {
         fault.times = 0;
         fault.passBefore = 0;
         fault.calls = 0;
+        fault.failInTurn = 0;
+        fault.transferLimit = NO_LIMIT;
     }
     g_numberTimes = 0;
+    g_numberPassBefore = 0;
+    g_ignoreSelectTimeouts = false;
+    FeedReads({});
 }
 
 void FailAllocation(int n, int times) {
@@ -97,7 +168,20 @@ void FailAllocation(int n, int times) {
     t_allocationFailures = times;
 }
 
-void ResetAllocationFaults() { t_allocationFailures = 0; }
+void ResetAllocationFaults() {
+    t_allocationFailures = 0;
+    g_largeFailures = 0;
+    g_failingSize = NO_LIMIT;
+    g_largeAllocations = 0;
+}
+
+void FailLargeAllocation(std::size_t atLeast, int n, int times) {
+    g_largeBeforeFailure = n - 1;
+    g_largeFailures = times;
+    g_failingSize = atLeast;
+}
+
+int LargeAllocationCount() { return g_largeAllocations; }
 
 bool AllocationFailurePending() { return t_allocationFailures != 0; }
 
@@ -145,17 +229,30 @@ int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
 
 int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) {
-    return FailsNow(SystemCall::SELECT) ? -1 : __real_select(count, readable, writable, failed, timeout);
+    timeval* const limit = lumora_test::g_ignoreSelectTimeouts ? nullptr : timeout;
+    return FailsNow(SystemCall::SELECT) ? -1 : __real_select(count, readable, writable, failed, limit);
 }
 
 ssize_t __real_read(int, void*, size_t);
 ssize_t __wrap_read(int fd, void* buffer, size_t size) {
-    return FailsNow(SystemCall::READ) ? -1 : __real_read(fd, buffer, size);
+    if (FailsNow(SystemCall::READ)) {
+        return -1;
+    }
+    std::string piece;
+    char triggered = 0;
+    if (!lumora_test::TakeFedRead(piece) || __real_read(fd, &triggered, 1) != 1) {
+        return __real_read(fd, buffer, lumora_test::Limited(SystemCall::READ, size));
+    }
+    const size_t count = std::min(size, piece.size());
+    std::memcpy(buffer, piece.data(), count);
+    return static_cast<ssize_t>(count);
 }
 
 ssize_t __real_send(int, const void*, size_t, int);
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
-    return FailsNow(SystemCall::SEND) ? -1 : __real_send(fd, data, size, flags);
+    return FailsNow(SystemCall::SEND)
+               ? -1
+               : __real_send(fd, data, lumora_test::Limited(SystemCall::SEND, size), flags);
 }
 
 int __real_eventfd(unsigned int, int);
@@ -169,8 +266,11 @@ void* __wrap_malloc(size_t size) { return FailsNow(SystemCall::MALLOC) ? nullptr
 }  // extern "C"
 
 // Replacements for the whole test program: allocation by operator new can be made to fail.
+static bool AllocationFails(std::size_t size) {
+    return lumora_test::AllocationFailsNow() || lumora_test::LargeAllocationFailsNow(size);
+}
 void* operator new(std::size_t size) {
-    void* memory = lumora_test::AllocationFailsNow() ? nullptr : std::malloc(size != 0 ? size : 1);
+    void* memory = AllocationFails(size) ? nullptr : std::malloc(size != 0 ? size : 1);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
@@ -178,7 +278,7 @@ void* operator new(std::size_t size) {
 }
 void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return lumora_test::AllocationFailsNow() ? nullptr : std::malloc(size != 0 ? size : 1);
+    return AllocationFails(size) ? nullptr : std::malloc(size != 0 ? size : 1);
 }
 void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
 void operator delete(void* memory) noexcept { std::free(memory); }

@@ -2,6 +2,10 @@
 // them, so only calls out of the library are caught, not those of the test's own peer.
 #pragma once
 
+#include <cstddef>
+#include <string>
+#include <vector>
+
 namespace lumora_test {
 
 enum class SystemCall {
@@ -23,8 +27,18 @@ constexpr int ALWAYS = -1;
 
 // Makes the next so many calls of any thread fail with this errno, after letting some pass.
 void FailSystemCall(SystemCall call, int error, int times = 1, int passBefore = 0);
-// The next so many calls that make a descriptor give it this number, where it is free.
-void GiveDescriptorNumber(int number, int times = 1);
+// Makes fail calls fail with this errno, lets pass calls pass, and so on in turns.
+void FailSystemCallInTurns(SystemCall call, int error, int fail, int pass);
+// The next so many calls that make a descriptor give it this number, where it is free, after letting some
+// pass.
+void GiveDescriptorNumber(int number, int times = 1, int passBefore = 0);
+// No single READ or SEND moves more bytes than this.
+void LimitTransfer(SystemCall call, std::size_t bytes);
+// The next reads return these pieces, one each, so that a test knows where the stream is cut. Each of them
+// takes one byte out of the connection: the peer has to send one for every piece.
+void FeedReads(std::vector<std::string> pieces);
+// Lets select wait for its descriptors alone: who is not woken by one of them waits for ever.
+void IgnoreSelectTimeouts();
 // How often a call was made since the reset.
 int SystemCallCount(SystemCall call);
 void ResetSystemFaults();
@@ -33,6 +47,10 @@ void ResetSystemFaults();
 // them with times ALWAYS. Nothrow allocations give null, others throw std::bad_alloc.
 void FailAllocation(int n = 1, int times = 1);
 void ResetAllocationFaults();
+// The same for allocations of at least so many bytes, of any thread.
+void FailLargeAllocation(std::size_t atLeast, int n = 1, int times = 1);
+// How many allocations of at least 64 KiB any thread made since the reset.
+int LargeAllocationCount();
 // Whether the failure that this thread asked for is still to come.
 bool AllocationFailurePending();
 
