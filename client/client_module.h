@@ -89,6 +89,8 @@ public:
     int OnDisconnect(unsigned int handle) override;
 
 private:
+    friend struct ClientModuleProbe;  // tests reach through it what no device can make happen
+
     int InitializeCoapService() REQUIRES(mMutex);
     int StartCoapService() REQUIRES(mMutex);
     int CloseCoapService();

@@ -1,0 +1,253 @@
+// Start and stop of the link that all clients share.
+#include <thread>
+
+#include "tests/client/client_fixture.h"
+#include "tests/support/system_faults.h"
+
+namespace lumoraAiModule {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class LinkLifecycleTest : public ClientTest {
+protected:
+    // What a failed start logs at level 4, in order.
+    std::vector<std::string> FailToStart(int clientID) {
+        mLog.Clear();
+        EXPECT_EQ(-1, mModule->InitLumoraModule(clientID)) << mLog.Dump();
+        return mLog.Texts(4);
+    }
+    // Where memory runs out in a place without a message, the exported functions turn the exception into -1.
+    int InitOrThrow(int clientID) {
+        try {
+            return mModule->InitLumoraModule(clientID);
+        } catch (const std::bad_alloc&) {
+            return -1;
+        }
+    }
+};
+
+TEST_F(LinkLifecycleTest, FirstClientStartsTheLink) {
+    const int clientID = TakeId();
+    EXPECT_THAT(mPlatform.Calls(), IsEmpty());
+    mLog.Clear();
+    EXPECT_EQ(0, mModule->InitLumoraModule(clientID));
+    EXPECT_THAT(mPlatform.Calls(), ElementsAre("GetLinkPlatform", "Init", "RegisterResource", "Run"));
+    EXPECT_EQ("client [1] Enter.\n", mLog.Texts(0).front());
+    EXPECT_EQ("Out\n", mLog.Texts(0).back());
+    EXPECT_THAT(mLog.Texts(4), IsEmpty());
+}
+
+TEST_F(LinkLifecycleTest, ProcessAnnouncesItselfByTheFirstClientsType) {
+    const int clientID = TakeId("phone");
+    EXPECT_EQ(0, mModule->InitLumoraModule(clientID));
+    ASSERT_NE(nullptr, mPlatform.Resource());
+    EXPECT_STREQ("phone", mPlatform.Resource()->DoGetDescriptor(mPlatform.Resource()));
+}
+
+TEST_F(LinkLifecycleTest, FurtherClientsUseTheRunningLink) {
+    NewClient();
+    const int second = TakeId();
+    mLog.Clear();
+    EXPECT_EQ(0, mModule->InitLumoraModule(second));
+    EXPECT_THAT(mLog.Texts(3), ElementsAre("Lumora Module has been initiliazed!\n"));
+    EXPECT_EQ(1, mPlatform.CallCount("Run"));
+    EXPECT_EQ(1, mPlatform.CallCount("RegisterResource"));
+}
+
+TEST_F(LinkLifecycleTest, MissingPlatformFailsTheStart) {
+    mPlatform.givesHandles = false;
+    EXPECT_THAT(FailToStart(TakeId()),
+                ElementsAre("Create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"));
+}
+
+TEST_F(LinkLifecycleTest, PlatformThatDoesNotInitialiseFailsTheStart) {
+    mPlatform.initResult = -1;
+    EXPECT_THAT(FailToStart(TakeId()),
+                ElementsAre("Create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"));
+    EXPECT_EQ(0, mPlatform.LiveHandles());
+}
+
+TEST_F(LinkLifecycleTest, RefusedRegistrationFailsTheStartBeforeItRuns) {
+    mPlatform.registerResult = -1;
+    EXPECT_THAT(FailToStart(TakeId()), ElementsAre("mSmartHomeLink registerDeviceDescriptor failed!\n",
+                                                   "StartCoapService failed!\n"));
+    EXPECT_EQ(0, mPlatform.CallCount("Run"));
+    EXPECT_EQ(0, mPlatform.LiveHandles());
+}
+
+TEST_F(LinkLifecycleTest, LinkThatDoesNotRunFailsTheStart) {
+    mPlatform.runResult = -1;
+    EXPECT_THAT(FailToStart(TakeId()),
+                ElementsAre("mSmartHomeLink running failed!!\n", "StartCoapService failed!\n"));
+    EXPECT_EQ(0, mPlatform.LiveHandles());
+}
+
+// Whichever allocation of the start fails, the start fails as a whole and can be repeated.
+TEST_F(LinkLifecycleTest, LackOfMemoryAtAnyPointOfTheStartFailsItAsAWhole) {
+    bool reachedEnd = false;
+    for (int n = 1; !reachedEnd; ++n) {
+        const int clientID = TakeId();
+        const int runs = mPlatform.CallCount("Run");
+        lumora_test::FailAllocation(n);
+        const int result = InitOrThrow(clientID);
+        reachedEnd = lumora_test::AllocationFailurePending();
+        lumora_test::ResetAllocationFaults();
+        EXPECT_EQ(reachedEnd ? 0 : -1, result) << "allocation " << n;
+        EXPECT_EQ(reachedEnd ? 1 : 0, mPlatform.CallCount("Run") - runs) << "allocation " << n;
+        EXPECT_EQ(0, mModule->InitLumoraModule(clientID));
+        EndEverything();
+    }
+    EXPECT_TRUE(mLog.Has(4, "Create mDevDescriptor failure!\n")) << mLog.Dump();
+    EXPECT_TRUE(mLog.Has(4, "Create TransManagerFactory failure!\n"));
+    EXPECT_TRUE(mLog.Has(4, "InitializeCoapService failed!\n"));
+}
+
+TEST_F(LinkLifecycleTest, FailedStartKeepsTheClientsRecordAndId) {
+    mPlatform.runResult = -1;
+    FailToStart(TakeId());
+    EXPECT_EQ(-1, LumoraClientModule::DestoryInstance());
+    EXPECT_THAT(ClientModuleProbe::IdsInUse(), ElementsAre(1U));
+    EXPECT_EQ(0, mModule->RegisterEvent(1, RemovalCallback));
+}
+
+TEST_F(LinkLifecycleTest, NextClientStartsAgainAfterAFailedStart) {
+    mPlatform.runResult = -1;
+    FailToStart(TakeId());
+    mPlatform.runResult = 0;
+    AddDevice("camera");
+    EXPECT_EQ(2, NewClient());
+    EXPECT_EQ(2, mPlatform.CallCount("Run"));
+    EXPECT_EQ(1, mPlatform.LiveHandles());
+    EXPECT_EQ(0, Search());
+}
+
+TEST_F(LinkLifecycleTest, SameClientStartsAgainAfterAFailedStart) {
+    mPlatform.registerResult = -1;
+    FailToStart(TakeId());
+    mPlatform.registerResult = 0;
+    mLog.Clear();
+    EXPECT_EQ(0, mModule->InitLumoraModule(1));
+    EXPECT_THAT(mLog.Texts(3), IsEmpty());
+    EXPECT_EQ(1, mPlatform.CallCount("Run"));
+}
+
+TEST_F(LinkLifecycleTest, ClientOfAFailedStartCannotBeTheLastToLeave) {
+    mPlatform.runResult = -1;
+    FailToStart(TakeId());
+    mLog.Clear();
+    EXPECT_EQ(-1, RemoveClient(1));
+    EXPECT_EQ(0U, mClientsLeft);
+    EXPECT_THAT(mLog.Texts(4), ElementsAre("mSmartHomeLink is not running, you can't close it!\n",
+                                           "CloseCoapService failed!!\n"));
+    EXPECT_EQ(0, mPlatform.CallCount("Exit"));
+}
+
+TEST_F(LinkLifecycleTest, OnlyTheLastClientStopsTheLink) {
+    NewClients(2);
+    mLog.Clear();
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_THAT(mLog.Texts(0), ElementsAre("Out\n"));
+    EXPECT_EQ(0, mPlatform.CallCount("Exit"));
+    mLog.Clear();
+    EXPECT_EQ(0, RemoveClient(2));
+    EXPECT_EQ(1, mPlatform.CallCount("Exit"));
+    EXPECT_THAT(mLog.Texts(0), ElementsAre("No client Instance Out\n"));
+    EXPECT_LT(mLog.IndexOf(1, "CloseCoapService --out!\n"), mLog.IndexOf(1, "will unlock\n"));
+    EXPECT_THAT(mLog.Texts(4), IsEmpty());
+}
+
+TEST_F(LinkLifecycleTest, ClientsMayLeaveInAnyOrder) {
+    NewClients(3);
+    EXPECT_EQ(0, RemoveClient(3));
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_EQ(0, mPlatform.CallCount("Exit"));
+    EXPECT_EQ(0, RemoveClient(2));
+    EXPECT_EQ(1, mPlatform.CallCount("Exit"));
+}
+
+TEST_F(LinkLifecycleTest, StoppedLinkFindsNothingAndGivesNoHandles) {
+    AddDevice("camera");
+    NewClient();
+    EXPECT_EQ(0, Search());
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_EQ(0, mPlatform.LiveProxies());
+    mLog.Clear();
+    EXPECT_EQ(-1, Search());
+    ExpectOnlyError("mSmartHomeLink is not running, you can't GetNetDevices\n");
+}
+
+TEST_F(LinkLifecycleTest, LinkThatDoesNotExitFailsTheLastRemovalButTheIdIsFree) {
+    NewClient();
+    mPlatform.exitResult = -1;
+    mLog.Clear();
+    EXPECT_EQ(-1, RemoveClient(1));
+    EXPECT_THAT(mLog.Texts(4),
+                ElementsAre("mSmartHomeLink->Exit() failed!\n", "CloseCoapService failed!!\n"));
+    EXPECT_EQ(0U, mClientsLeft);
+    EXPECT_THAT(ClientModuleProbe::IdsInUse(), IsEmpty());
+    mLog.Clear();
+    EXPECT_EQ(-1, Search());
+    ExpectOnlyError("mSmartHomeLink is not running, you can't GetNetDevices\n");
+}
+
+TEST_F(LinkLifecycleTest, LinkStartsAgainAfterAFailedExit) {
+    NewClient();
+    mPlatform.exitResult = -1;
+    EXPECT_EQ(-1, RemoveClient(1));
+    mPlatform.exitResult = 0;
+    AddDevice("camera");
+    EXPECT_EQ(1, NewClient());
+    EXPECT_EQ(2, mPlatform.CallCount("Run"));
+    EXPECT_EQ(1, mPlatform.LiveHandles());
+    EXPECT_EQ(0, Search());
+}
+
+TEST_F(LinkLifecycleTest, LinkStartsAgainAfterTheLastClientLeft) {
+    AddDevice("camera");
+    NewClient();
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_EQ(1, NewClient());
+    EXPECT_EQ(2, mPlatform.CallCount("Run"));
+    EXPECT_EQ(0, Search());
+}
+
+TEST_F(LinkLifecycleTest, HandlesEndWithTheLastClient) {
+    AddDevice("camera");
+    AddDevice("reader", 5684);
+    NewClient();
+    EXPECT_EQ(0, Search());
+    EXPECT_EQ(1U, Handle(1, "camera"));
+    EXPECT_EQ(0, RemoveClient(1));
+    NewClient();
+    EXPECT_EQ(0, Search());
+    EXPECT_EQ(1U, Handle(1, "reader"));
+}
+
+// The platform hands out events until its Exit has returned, and its Exit waits for them.
+TEST_F(LinkLifecycleTest, RemovalEventWhileTheLinkExitsIsHandled) {
+    AddDevice("camera");
+    NewClient();
+    EXPECT_EQ(0, Search());
+    EXPECT_EQ(1U, Handle(1, "camera"));
+    int result = -1;
+    mPlatform.onExit = [&] {
+        std::thread([&] { result = mModule->OnRemoveDevice(7, "127.0.0.1", 5683, "camera"); }).join();
+    };
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_EQ(0, result);
+    EXPECT_TRUE(mLog.Has(1, "We will clear camera 's resource, handle = 1!\n"));
+}
+
+TEST_F(LinkLifecycleTest, EventAfterTheInstancesEndFindsNobody) {
+    NewClient();
+    EXPECT_EQ(0, RemoveClient(1));
+    mModule.reset();
+    EXPECT_EQ(0, LumoraClientModule::DestoryInstance());
+    EXPECT_EQ(-1, mPlatform.SendEvent(2, 7, "127.0.0.1", 5683, "camera"));
+    EXPECT_TRUE(mLog.Has(1, "g_mNotifyCallback is nullptr, can't callback!\n"));
+}
+
+}  // namespace
+}  // namespace lumoraAiModule
