@@ -6,6 +6,7 @@
 #include "api/api_guard.h"
 #include "base/names.h"
 #include "base/never_destroyed.h"
+#include "base/transport_kind.h"
 #include "lumora.h"
 #include "server/server_module.h"
 
@@ -68,8 +69,7 @@ int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S* devInfo) try {
     for (unsigned int i = 0; i < devInfo->serviceNum; ++i) {
         const LUM_SERVICE_INFO_S& service = devInfo->serviceInfo[i];
         const std::size_t length = NameLength(&service, offsetof(LUM_SERVICE_INFO_S, serviceName));
-        // A C enumeration without negative members is unsigned here, but negative values pass.
-        const int transport = static_cast<int>(service.transport);
+        const int transport = lumora::TransportKind(service);  // signed: negative values pass
         LUMORA_REQUIRE(length != 0, "service name is empty\n");
         LUMORA_REQUIRE(length <= LUM_MAX_SERVICE_NAME_LENGTH, "service name 's length illegal\n");
         LUMORA_REQUIRE(transport <= LUM_TRANSPORT_RESERVED_5, "transport :%d is illegal\n", transport);

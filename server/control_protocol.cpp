@@ -5,6 +5,7 @@
 
 #include "base/log.h"
 #include "base/names.h"
+#include "base/transport_kind.h"
 #include "securec.h"
 
 namespace lumoraAiModule {
@@ -193,7 +194,7 @@ int GetServiceInfoString(const std::string& devServiceType, const std::vector<LU
         cJSON* object = lumora::AddJsonObject(root.get(), ServiceKey(index++));
         const std::string name = lumora::NameText(service.serviceName);
         if (object == nullptr || cJSON_AddStringToObject(object, "Name", name.c_str()) == nullptr ||
-            cJSON_AddNumberToObject(object, "transport", static_cast<int>(service.transport)) == nullptr ||
+            cJSON_AddNumberToObject(object, "transport", lumora::TransportKind(service)) == nullptr ||
             cJSON_AddNumberToObject(object, "output-len-bytes", service.outputLenBytes) == nullptr) {
             return -1;
         }
