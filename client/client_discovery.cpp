@@ -131,7 +131,7 @@ int LumoraClientModule::CreateAiDevice(int clientID, std::string& serviceType, u
     if (taken != mHandleServiceMap.end()) {
         LUMORA_WARNING("Devtype %s has been created handle\n", serviceType.c_str());
     } else {
-        mHandleServiceMap[candidate] = serviceType;
+        mHandleServiceMap.emplace(candidate, serviceType);  // whole or, without memory, not at all
     }
     *handle = candidate;
     LUMORA_TRACE("Out\n");
