@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
+#include <utility>
 
 #include "securec.h"
 
@@ -11,7 +13,26 @@ namespace {
 
 std::atomic<int> g_callsUntilFailure[3];  // 0: none fails
 
+std::mutex g_actionMutex;
+std::function<void()> g_actions[3];
+std::atomic<bool> g_hasActions{false};
+
+void RunAction(Bounded function) {
+    if (!g_hasActions) {
+        return;
+    }
+    std::function<void()> action;
+    {
+        const std::lock_guard<std::mutex> lock(g_actionMutex);
+        action = std::exchange(g_actions[static_cast<int>(function)], nullptr);
+    }
+    if (action) {
+        action();
+    }
+}
+
 bool FailsNow(Bounded function) {
+    RunAction(function);
     std::atomic<int>& calls = g_callsUntilFailure[static_cast<int>(function)];
     int left = calls;
     while (left > 0 && !calls.compare_exchange_weak(left, left - 1)) {
@@ -23,7 +44,18 @@ bool FailsNow(Bounded function) {
 
 void FailBoundedCall(Bounded function, int n) { g_callsUntilFailure[static_cast<int>(function)] = n; }
 
+void RunInBoundedCall(Bounded function, std::function<void()> action) {
+    const std::lock_guard<std::mutex> lock(g_actionMutex);
+    g_actions[static_cast<int>(function)] = std::move(action);
+    g_hasActions = true;
+}
+
 void ResetBoundedCalls() {
+    const std::lock_guard<std::mutex> lock(g_actionMutex);
+    for (std::function<void()>& action : g_actions) {
+        action = nullptr;
+    }
+    g_hasActions = false;
     for (std::atomic<int>& calls : g_callsUntilFailure) {
         calls = 0;
     }
