@@ -60,13 +60,13 @@ extern "C" {
 #endif
 
 /* Limits. */
-#define LUM_NAME_SIZE 40                  /* bytes of a name field */
-#define LUM_MAX_SERVICES 8                /* services of a device */
-#define LUM_MAX_DEVICES 4                 /* devices of one search */
-#define LUM_MAX_CLIENTS 20                /* clients of a process, and the highest client ID */
-#define LUM_MAX_DEV_TYPE_LENGTH 40        /* characters of a device type */
-#define LUM_MAX_SERVICE_NAME_LENGTH 40    /* characters of a service name */
-#define LUM_MAX_CMD_LENGTH 400            /* characters of a command, of its parameter, and of both together */
+#define LUM_NAME_SIZE 40               /* bytes of a name field */
+#define LUM_MAX_SERVICES 8             /* services of a device */
+#define LUM_MAX_DEVICES 4              /* devices of one search */
+#define LUM_MAX_CLIENTS 20             /* clients of a process, and the highest client ID */
+#define LUM_MAX_DEV_TYPE_LENGTH 40     /* characters of a device type */
+#define LUM_MAX_SERVICE_NAME_LENGTH 40 /* characters of a service name */
+#define LUM_MAX_CMD_LENGTH 400         /* characters of a command, of its parameter, and of both together */
 #define LUM_MAX_CLIENT_DATA_LENGTH 5242880 /* bytes of one LUM_SendData */
 #define LUM_MAX_SERVER_DATA_LENGTH 1024000 /* bytes of one LUM_SendDataToClient */
 #define LUM_MAX_CLIENT_TIMEOUT_MS 2000
@@ -107,9 +107,9 @@ enum {
 
 /* One named service of a device. */
 typedef struct LUM_SERVICE_INFO_S {
-    unsigned int outputLenBytes;     /* length of the output that the service produces */
+    unsigned int outputLenBytes; /* length of the output that the service produces */
     char serviceName[LUM_NAME_SIZE];
-    LUM_TRANSPORT_E transport;       /* 0 to 5 */
+    LUM_TRANSPORT_E transport; /* 0 to 5 */
 } LUM_SERVICE_INFO_S;
 
 /*
@@ -124,13 +124,13 @@ typedef struct LUM_SUBSCRIBE_SERVICE_S {
 } LUM_SUBSCRIBE_SERVICE_S;
 
 /* A client's command other than "subscribe" and "unsubscribe"; param may be empty, never null. */
-typedef int (*LUM_COMMAND_CALLBACK)(const char *cmd, const char *param);
+typedef int (*LUM_COMMAND_CALLBACK)(const char* cmd, const char* param);
 
 /* A client subscribed to a service or no longer does; event is LUM_NOTIFY_... */
 typedef int (*LUM_NOTIFY_CALLBACK)(int clientID, int event, LUM_SUBSCRIBE_SERVICE_S subscription);
 
 /* One block that a client sent with LUM_SendData; length may be 0. */
-typedef int (*LUM_DATA_CALLBACK)(int clientID, const char *data, unsigned int length);
+typedef int (*LUM_DATA_CALLBACK)(int clientID, const char* data, unsigned int length);
 
 /* One device and its services. The callbacks are set on the server side only. */
 typedef struct LUM_DEVICE_INFO_S {
@@ -156,13 +156,14 @@ typedef struct LUM_DEVICE_EVENT_S {
     int eventType;                   /* LUM_DEVICE_EVENT_DATA */
     int result;                      /* 0 */
     unsigned int dataLen;
-    char *data;                      /* valid only during the callback */
+    char* data; /* valid only during the callback */
 } LUM_DEVICE_EVENT_S;
 
 typedef int (*LUM_EVENT_CALLBACK)(int clientID, LUM_EVENT_E event);
 typedef int (*LUM_DEVICE_EVENT_CALLBACK)(LUM_DEVICE_EVENT_S event);
 
-/* ---- Client side ---------------------------------------------------------------------------------------- */
+/* ---- Client side ----------------------------------------------------------------------------------------
+ */
 
 /*
  * Makes this application a client and, for the first client of the process, joins the network as a device
@@ -170,7 +171,7 @@ typedef int (*LUM_DEVICE_EVENT_CALLBACK)(LUM_DEVICE_EVENT_S event);
  * free ID from 1 to 20. Fails when 20 clients exist (*clientID is then 0) or when the network cannot be
  * joined; such an ID stays taken.
  */
-LUM_EXPORT int LUM_InitClient(int *clientID, const char *devType);
+LUM_EXPORT int LUM_InitClient(int* clientID, const char* devType);
 
 /*
  * Ends a client. The last one stops the connection, leaves the network and frees everything; the call waits
@@ -188,19 +189,20 @@ LUM_EXPORT int LUM_RegisterEvent(int clientID, LUM_EVENT_CALLBACK callback);
  * found answered. Blocks for some hundred milliseconds. Forgets the devices of an earlier search, but not
  * the handles.
  */
-LUM_EXPORT int LUM_GetAiDeviceList(const char *devType, LUM_DEVICES_INFO_S *devsInfo);
+LUM_EXPORT int LUM_GetAiDeviceList(const char* devType, LUM_DEVICES_INFO_S* devsInfo);
 
 /*
  * Gives the handle of a device that the last search found; devType is the devServiceType of its entry.
  * All clients share one handle per device.
  */
-LUM_EXPORT int LUM_CreateAiDevice(int clientID, const char *devType, unsigned int *handle);
+LUM_EXPORT int LUM_CreateAiDevice(int clientID, const char* devType, unsigned int* handle);
 
 /*
  * Sets the callback that receives what the device sends to this client. The first one set stays until the
  * client ends; a later call succeeds and changes nothing.
  */
-LUM_EXPORT int LUM_RegisterAiDeviceEvent(int clientID, unsigned int handle, LUM_DEVICE_EVENT_CALLBACK callback);
+LUM_EXPORT int LUM_RegisterAiDeviceEvent(int clientID, unsigned int handle,
+                                         LUM_DEVICE_EVENT_CALLBACK callback);
 
 /*
  * Connects the client to the device; the first client on a handle opens the data channel, which uses the
@@ -221,36 +223,37 @@ LUM_EXPORT int LUM_DestoryAiDevice(int clientID, unsigned int handle);
  * application does not answer; what it has to say comes as data. The whole message must fit into 1,022
  * characters: texts that need escaping in JSON take more room.
  */
-LUM_EXPORT int LUM_SendCmd(int clientID, unsigned int handle, const char *cmd, const char *param);
+LUM_EXPORT int LUM_SendCmd(int clientID, unsigned int handle, const char* cmd, const char* param);
 
 /*
  * Sends one block of 1 to 5,242,880 bytes to the device. *sendLength receives the number of bytes that were
  * written, 0 on failure. timeoutMs may be 0 to 2000; the actual limit is half a second without any progress:
  * the call then succeeds with a short *sendLength, and the next one fails.
  */
-LUM_EXPORT int LUM_SendData(int clientID, unsigned int handle, const void *data, unsigned int length,
-                            unsigned int *sendLength, unsigned int timeoutMs);
+LUM_EXPORT int LUM_SendData(int clientID, unsigned int handle, const void* data, unsigned int length,
+                            unsigned int* sendLength, unsigned int timeoutMs);
 
 /* The version of this library, terminated. buffLen must be 64 or more. */
-LUM_EXPORT int LUM_GetClientVersion(int clientID, char *buff, unsigned int buffLen);
+LUM_EXPORT int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen);
 
 /* The version of the device's library; asks the device. buffLen must be 64 or more. */
-LUM_EXPORT int LUM_GetServerVersion(int clientID, unsigned int handle, char *buff, unsigned int buffLen);
+LUM_EXPORT int LUM_GetServerVersion(int clientID, unsigned int handle, char* buff, unsigned int buffLen);
 
-/* ---- Server side ---------------------------------------------------------------------------------------- */
+/* ---- Server side ----------------------------------------------------------------------------------------
+ */
 
 /*
  * Makes this process a device of type devType (1 to 40 characters) that clients can find. A second call
  * succeeds and changes nothing. After a failed start the call may be repeated.
  */
-LUM_EXPORT int LUM_InitServer(const char *devType);
+LUM_EXPORT int LUM_InitServer(const char* devType);
 
 /*
  * Sets the device's services and callbacks (all three are needed); the record is copied. Replaces an earlier
  * registration and drops its subscriptions. Fails when the description of the services exceeds 1,024
  * characters: names that are long and many.
  */
-LUM_EXPORT int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S *devInfo);
+LUM_EXPORT int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S* devInfo);
 
 /*
  * Sends one block of 1 to 1,024,000 bytes to every client that subscribed to the service. *sendLength
@@ -258,8 +261,8 @@ LUM_EXPORT int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S *devInfo);
  * limit is half a second without any progress: the call then succeeds with a short *sendLength. Fails while
  * no client has opened a data channel. May be called from OnData.
  */
-LUM_EXPORT int LUM_SendDataToClient(const char *serviceName, const void *data, unsigned int dataLen,
-                                    unsigned int *sendLength, unsigned int timeoutMs);
+LUM_EXPORT int LUM_SendDataToClient(const char* serviceName, const void* data, unsigned int dataLen,
+                                    unsigned int* sendLength, unsigned int timeoutMs);
 
 /* Leaves the network and frees everything; waits for callbacks in progress. Succeeds without a server. */
 LUM_EXPORT int LUM_DeInitServer(void);

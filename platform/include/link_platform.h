@@ -26,9 +26,9 @@ enum { NOTIFY_DEVICE_ADDED = 1, NOTIFY_DEVICE_REMOVED = 2 };
 
 /* A device came or went. Valid only during the call that hands it over. */
 typedef struct NotifyDeviceInfo {
-    unsigned int event;  /* NOTIFY_DEVICE_ADDED; every other value means removed */
-    unsigned int id;     /* the platform's number for the device */
-    const char* addr;    /* never null */
+    unsigned int event; /* NOTIFY_DEVICE_ADDED; every other value means removed */
+    unsigned int id;    /* the platform's number for the device */
+    const char* addr;   /* never null */
     int port;
     const char* devType; /* never null */
 } NotifyDeviceInfo;
@@ -43,8 +43,8 @@ typedef int (*DeviceEventFunction)(NotifyDeviceInfo* info);
  */
 typedef struct AppResource {
     /* buffer holds the value of the request and takes the reply; size is its whole size. */
-    int (*DoGET)(struct AppResource* resource, const RemoteEndpoint* requester, const char* key,
-                 char* buffer, unsigned int size);
+    int (*DoGET)(struct AppResource* resource, const RemoteEndpoint* requester, const char* key, char* buffer,
+                 unsigned int size);
     int (*DoPUT)(struct AppResource* resource, const RemoteEndpoint* requester, const char* key,
                  const char* value, unsigned int length);
     int (*DoPOST)(struct AppResource* resource, const RemoteEndpoint* requester, const char* key,

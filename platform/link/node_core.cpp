@@ -46,8 +46,8 @@ void NodeCore::StartRequest(OutgoingRequest request, TimePoint now) {
     client_.Start(std::move(request), now);
 }
 
-void NodeCore::OnHandled(std::uint64_t ticket, Outcome outcome, TimePoint now) {
-    server_.OnHandled(ticket, std::move(outcome), now);
+void NodeCore::OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now) {
+    server_.OnHandled(ticket, outcome, now);
 }
 
 void NodeCore::Close(TimePoint now) {

@@ -27,7 +27,7 @@ public:
     void SetInterfaces(std::vector<LocalInterface> interfaces, std::uint16_t port, TimePoint now);
     void StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now);
     void StartRequest(OutgoingRequest request, TimePoint now);
-    void OnHandled(std::uint64_t ticket, Outcome outcome, TimePoint now);
+    void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
     void RefuseRequests() { server_.Refuse(); }
     // Says goodbye and ends everything that is still waited for.
     void Close(TimePoint now);

@@ -98,7 +98,7 @@ std::uint8_t RequestServer::Assemble(const CoapMessage& request, const std::opti
     return kWhole;
 }
 
-void RequestServer::OnHandled(std::uint64_t ticket, Outcome outcome, TimePoint now) {
+void RequestServer::OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now) {
     const auto at = open_.find(ticket);
     if (at == open_.end()) {
         return;

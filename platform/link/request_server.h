@@ -24,7 +24,7 @@ public:
     RequestServer(const PeerDirectory& directory, Network& network, Application& application);
 
     void OnRequest(const CoapMessage& request, const Endpoint& source, ReplyPath path, TimePoint now);
-    void OnHandled(std::uint64_t ticket, Outcome outcome, TimePoint now);
+    void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
     // From here on every new request is refused.
     void Refuse() { closed_ = true; }
     // Answers what the handlers have not got to.

@@ -105,6 +105,7 @@ std::unique_ptr<Proxy> MakeProxy(const std::shared_ptr<Node>& node, const NodeDe
 AppResourceProxy* MakeProxyChain(const std::shared_ptr<Node>& node,
                                  const std::vector<NodeDescription>& found) {
     std::vector<std::unique_ptr<Proxy>> proxies;
+    proxies.reserve(found.size());
     for (const NodeDescription& description : found) {
         proxies.push_back(MakeProxy(node, description));
     }
