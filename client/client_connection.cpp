@@ -65,7 +65,8 @@ int LumoraClientModule::ConnectAiDevice(int clientID, unsigned int handle) {
 
 int LumoraClientModule::AnnounceClient(int clientID, unsigned int handle, LinkDevice& device) {
     LumoraClientManager* client = FindClient(clientID);
-    if (client == nullptr) {
+    if (client == nullptr) {  // it ended while mMutex was free
+        LUMORA_DETAIL("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
     client->connectedHandle = handle;
