@@ -11,8 +11,8 @@ namespace lumora_link {
 
 namespace {
 
-// What libcoap reads of one datagram.
-constexpr std::size_t kMaxDatagram = 1472;
+// What libcoap reads of one datagram at most; by default it takes less.
+constexpr unsigned kMaxDatagram = 1472;
 // Sessions of requesters that have been served; libcoap frees the oldest beyond this.
 constexpr unsigned kMaxIdleSessions = 128;
 constexpr unsigned kSessionSeconds = 30;
@@ -161,6 +161,7 @@ bool CoapPort::Listen(const Endpoint& endpoint) {
         LINK_LOG_LIMITED(kLogWarning, "cannot listen on %s\n", EndpointText(endpoint).c_str());
         return false;
     }
+    coap_endpoint_set_default_mtu(made, kMaxDatagram);
     endpoints_.emplace(endpoint, made);
     return true;
 }
@@ -209,6 +210,7 @@ coap_session_t* CoapPort::SessionFor(ConversationId conversation, const Endpoint
         return nullptr;
     }
     coap_session_set_app_data(made->session, made.get());
+    coap_session_set_mtu(made->session, kMaxDatagram);
     coap_session_set_ack_timeout(made->session, kNeverRepeat);
     coap_session_set_nstart(made->session, kUnlimited);
     return conversations_.emplace(conversation, std::move(made)).first->second->session;
