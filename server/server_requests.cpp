@@ -254,7 +254,9 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
     }
     setup = SETUP_SUCCESS_REPLY;
     PublishRemoteAddress(address);
-    mSmartHomeLink->SetConnectDevice(address, config.GetPort());
+    if (mSmartHomeLink != nullptr) {  // a start that failed leaves none, and requests may still come
+        mSmartHomeLink->SetConnectDevice(address, config.GetPort());
+    }
     LUMORA_TRACE("Out\n");
     return 0;
 }
