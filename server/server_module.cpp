@@ -1,6 +1,7 @@
 // Lifecycle of the server module, and the registration of the local device's services.
 #include "server/server_module.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <utility>
 
@@ -57,8 +58,10 @@ LumoraServerModule::LumoraServerModule(const std::string& devType) : mDevType(de
 LumoraServerModule::~LumoraServerModule() {
     // Late events and requests must find nobody.
     lumora::SmartHomeLinkHybird::WithdrawNotifyCallback(this);
-    if (mDevDescriptor != nullptr) {
-        mDevDescriptor->WithdrawCallback(this);
+    for (const auto& reachable : mReachableDescriptors) {
+        if (const std::shared_ptr<LumoraAiDescriptor> descriptor = reachable.lock()) {
+            descriptor->WithdrawCallback(this);
+        }
     }
     mSmartHomeLink.reset();
     mDevDescriptor.reset();
@@ -101,6 +104,7 @@ int LumoraServerModule::InitializeCoapService() {
         LUMORA_ERROR("create mDevDescriptor failure!\n");
         return -1;
     }
+    RememberDescriptor();
     mTransFactory = CreateLumTransManagerFactory();
     if (mTransFactory == nullptr) {
         LUMORA_ERROR("create TransManagerFactory failure!\n");
@@ -108,6 +112,14 @@ int LumoraServerModule::InitializeCoapService() {
     }
     LUMORA_TRACE("Out\n");
     return 0;
+}
+
+void LumoraServerModule::RememberDescriptor() {
+    auto& reachable = mReachableDescriptors;
+    reachable.erase(std::remove_if(reachable.begin(), reachable.end(),
+                                   [](const auto& descriptor) { return descriptor.expired(); }),
+                    reachable.end());
+    reachable.push_back(mDevDescriptor);
 }
 
 int LumoraServerModule::StartCoapService() {

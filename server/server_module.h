@@ -71,6 +71,7 @@ private:
     using ServiceMap = std::map<std::string, std::shared_ptr<LumoraServiceManager>>;
 
     int InitializeCoapService() REQUIRES(mMutex);
+    void RememberDescriptor() REQUIRES(mMutex);
     int StartCoapService() REQUIRES(mMutex);
     int CloseCoapService();
     int GetServiceInfoString(std::string& out) REQUIRES(mMutex);
@@ -115,6 +116,8 @@ private:
     // Replaced only under the server API mutex and mMutex; either one is enough to use it.
     std::shared_ptr<lumora::SmartHomeLink> mSmartHomeLink;
     std::shared_ptr<LumoraAiDescriptor> mDevDescriptor GUARDED_BY(mMutex);
+    // All that requests may still come through: also one whose start failed, or that a restart replaced.
+    std::vector<std::weak_ptr<LumoraAiDescriptor>> mReachableDescriptors GUARDED_BY(mMutex);
     std::vector<LUM_SERVICE_INFO_S> mServiceInfos GUARDED_BY(mMutex);
     std::shared_ptr<LumoraTransManager> mTransManager GUARDED_BY(mPublishMutex);
     std::shared_ptr<LumoraTransManagerFactory> mTransFactory GUARDED_BY(mMutex);
