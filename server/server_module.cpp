@@ -219,6 +219,7 @@ int LumoraServerModule::RegisterServices(const LUM_DEVICE_INFO_S& devInfo) {
         auto manager = lumora::MakeSharedOrNull<LumoraServiceManager>();
         if (manager == nullptr) {
             LUMORA_ERROR("new memory LumoraServiceManager error!\n");
+            PublishServices(std::move(services));
             return -1;
         }
         services.emplace(lumora::NameText(devInfo.serviceInfo[i].serviceName), std::move(manager));
