@@ -257,9 +257,10 @@ LUM_EXPORT int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S* devInfo);
 
 /*
  * Sends one block of 1 to 1,024,000 bytes to every client that subscribed to the service. *sendLength
- * receives the number of bytes that were written, 0 on failure. timeoutMs above 3000 means 3000; the actual
- * limit is half a second without any progress: the call then succeeds with a short *sendLength. Fails while
- * no client has opened a data channel. May be called from OnData.
+ * receives the number of bytes that were written, 0 when sending failed; a call that is refused leaves it
+ * alone. timeoutMs above 3000 means 3000; the actual limit is half a second without any progress: the call
+ * then succeeds with a short *sendLength. Fails while no client has opened a data channel. May be called from
+ * OnData.
  */
 LUM_EXPORT int LUM_SendDataToClient(const char* serviceName, const void* data, unsigned int dataLen,
                                     unsigned int* sendLength, unsigned int timeoutMs);

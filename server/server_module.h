@@ -63,7 +63,8 @@ public:
 
     // ---- Data to clients (server_send.cpp) ----
 
-    // *sendLength receives the number of payload bytes that went out.
+    // *sendLength receives the number of payload bytes that went out; a call that is refused before its frame
+    // is built leaves it alone.
     int SendDataToClient(const std::string& serviceName, const char* data, unsigned int dataLen,
                          unsigned int* sendLength, unsigned int timeoutMs);
 
@@ -88,8 +89,10 @@ private:
 
     int PacketAndSendData(const std::string& serviceName, const char* data, unsigned int dataLen,
                           unsigned int* sendLength, unsigned int timeoutMs) REQUIRES(mSendMutex);
-    int BuildServerFrame(const std::string& serviceName, const std::vector<unsigned int>& clientIDs,
-                         const char* data, unsigned int dataLen, FrameBuffer& frame) REQUIRES(mSendMutex);
+    static int AllocateServerFrame(FrameBuffer& frame, unsigned int headLen, unsigned int dataLen);
+    // Addressed to mAddressees.
+    int FillServerFrame(FrameBuffer& frame, const std::string& serviceName, unsigned int headLen,
+                        const char* data, unsigned int dataLen) REQUIRES(mSendMutex);
 
     // What is published. Only holders of mMutex change it (or the one thread that starts or ends the
     // module), so they may read a service's subscribers without mPublishMutex.
@@ -110,6 +113,8 @@ private:
     lumora::Mutex mMutex;
     lumora::Mutex mSendMutex;
     lumora::Mutex mPublishMutex;
+    // Whom the frame in hand is for. A member for its memory: a send allocates nothing but the frame.
+    std::vector<unsigned int> mAddressees GUARDED_BY(mSendMutex);
     ServiceMap mServiceMap GUARDED_BY(mPublishMutex);
     std::atomic<bool> mIsInit{false};
     std::string mDevType GUARDED_BY(mMutex);

@@ -25,7 +25,6 @@ int LumoraServerModule::SendDataToClient(const std::string& serviceName, const c
     }
     const MutexLock lock(mSendMutex);
     LUMORA_TRACE("Enter\n");
-    *sendLength = 0;
     if (Transport() == nullptr) {
         LUMORA_ERROR("no transport created , please connect first!\n");
         return -1;
@@ -41,19 +40,22 @@ int LumoraServerModule::SendDataToClient(const std::string& serviceName, const c
 int LumoraServerModule::PacketAndSendData(const std::string& serviceName, const char* data,
                                           unsigned int dataLen, unsigned int* sendLength,
                                           unsigned int timeoutMs) {
-    std::vector<unsigned int> clientIDs;
-    if (!Subscribers(serviceName, clientIDs)) {
+    if (!Subscribers(serviceName, mAddressees)) {
         LUMORA_ERROR("serviceName is illegal\n");
         return -1;
     }
     const auto headLen =
-        static_cast<unsigned int>(clientIDs.size() + serviceName.length() + SERVER_FRAME_FIXED_HEAD_LENGTH);
+        static_cast<unsigned int>(mAddressees.size() + serviceName.length() + SERVER_FRAME_FIXED_HEAD_LENGTH);
     if (headLen > MAX_SERVER_FRAME_HEAD_LENGTH) {
         LUMORA_ERROR("headLen %d illegal\n", static_cast<int>(headLen));
         return -1;
     }
     FrameBuffer frame;
-    if (BuildServerFrame(serviceName, clientIDs, data, dataLen, frame) != 0) {
+    if (AllocateServerFrame(frame, headLen, dataLen) != 0) {
+        return -1;
+    }
+    *sendLength = 0;  // a call that was refused before has left it alone
+    if (FillServerFrame(frame, serviceName, headLen, data, dataLen) != 0) {
         return -1;
     }
     const std::shared_ptr<LumoraTransManager> transport = Transport();
@@ -67,11 +69,7 @@ int LumoraServerModule::PacketAndSendData(const std::string& serviceName, const 
     return 0;
 }
 
-int LumoraServerModule::BuildServerFrame(const std::string& serviceName,
-                                         const std::vector<unsigned int>& clientIDs, const char* data,
-                                         unsigned int dataLen, FrameBuffer& frame) {
-    const auto headLen =
-        static_cast<unsigned int>(clientIDs.size() + serviceName.length() + SERVER_FRAME_FIXED_HEAD_LENGTH);
+int LumoraServerModule::AllocateServerFrame(FrameBuffer& frame, unsigned int headLen, unsigned int dataLen) {
     // A bounded copy may write to the whole of its destination: there is room for that behind the name,
     // however short the payload.
     if (!frame.Allocate(headLen + dataLen + LUM_NAME_SIZE)) {
@@ -83,7 +81,12 @@ int LumoraServerModule::BuildServerFrame(const std::string& serviceName,
         LUMORA_ERROR("memset_s failed\n");
         return -1;
     }
-    char* name = WriteServerFrameHead(frame.Bytes(), dataLen, clientIDs, serviceName);
+    return 0;
+}
+
+int LumoraServerModule::FillServerFrame(FrameBuffer& frame, const std::string& serviceName,
+                                        unsigned int headLen, const char* data, unsigned int dataLen) {
+    char* name = WriteServerFrameHead(frame.Bytes(), dataLen, mAddressees, serviceName);
     if (strncpy_s(name, LUM_NAME_SIZE, serviceName.c_str(), serviceName.length()) != 0) {
         LUMORA_ERROR("strncpy_s failed!\n");
         return -1;
