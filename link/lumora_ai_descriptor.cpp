@@ -6,8 +6,7 @@ namespace lumoraAiModule {
 
 namespace {
 
-// What a request comes to when nobody is there to answer it; no callback returns it.
-constexpr int NO_CALLBACK = -2;
+enum class Outcome { HANDLED, FAILED, NO_CALLBACK };
 
 }  // namespace
 
@@ -22,11 +21,15 @@ void LumoraAiDescriptor::WithdrawCallback(LumoraCoapCallback* callback) { mCoapC
 
 template <typename Request>
 bool LumoraAiDescriptor::Forward(Request request) {
-    const int ret = mCoapCallback.Call(request, NO_CALLBACK);
-    if (ret == NO_CALLBACK) {
+    const Outcome outcome = mCoapCallback.Call(
+        [&](LumoraCoapCallback& callback) {
+            return request(callback) == 0 ? Outcome::HANDLED : Outcome::FAILED;
+        },
+        Outcome::NO_CALLBACK);
+    if (outcome == Outcome::NO_CALLBACK) {
         LUMORA_DETAIL("please register mCoapCallback\n");
     }
-    return ret == 0;
+    return outcome == Outcome::HANDLED;
 }
 
 bool LumoraAiDescriptor::OnGet(const Port&, const std::string& key, std::string& value) {

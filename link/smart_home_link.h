@@ -11,7 +11,7 @@
 
 namespace lumora {
 
-enum LinkMode { LINK_ROUTER = 0, LINK_CLIENT = 1, LINK_HYBIRD = 2 };
+enum LinkMode : int { LINK_ROUTER = 0, LINK_CLIENT = 1, LINK_HYBIRD = 2 };
 
 // Operations return true on success, except SetConnectDevice.
 class SmartHomeLink {
