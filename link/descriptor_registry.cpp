@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "base/log.h"
@@ -29,11 +30,8 @@ void SetRemoteAddress(LinkDeviceDescriptor::Port& port, const RemoteEndpoint* re
 
 // Writes as much of the reply as the requester has room for.
 int CopyReply(const std::string& reply, char* buffer, unsigned int size) {
-    if (size == 0) {
-        return -1;
-    }
-    const std::size_t length = std::min<std::size_t>(reply.length(), size - 1);
-    if (length > 0 && memcpy_s(buffer, size, reply.data(), length) != 0) {
+    const std::size_t length = size > 0 ? std::min<std::size_t>(reply.length(), size - 1) : 0;
+    if (size == 0 || (length > 0 && memcpy_s(buffer, size, reply.data(), length) != 0)) {
         LUMORA_DETAIL("memcpy_s failed\n");
         return -1;
     }
@@ -112,19 +110,47 @@ static int DoDELETE(AppResource* resource, const RemoteEndpoint* requester, cons
 }
 
 static const char* DoGetDescriptor(AppResource* resource) {
-    const std::shared_ptr<LinkDeviceDescriptor> descriptor =
-        LinkDeviceDescriptorWrapper::Get()->Find(resource);
-    return descriptor != nullptr ? descriptor->GetDescriptor().c_str() : nullptr;
+    try {
+        const std::shared_ptr<LinkDeviceDescriptor> descriptor =
+            LinkDeviceDescriptorWrapper::Get()->Find(resource);
+        return descriptor != nullptr ? descriptor->GetDescriptor().c_str() : nullptr;
+    } catch (...) {
+        return nullptr;
+    }
 }
 
 }  // extern "C"
 
+namespace {
+
+struct RecordDeleter {
+    void operator()(AppResource* record) const { std::free(record); }
+};
+
+// Empty when it cannot be made. Throws when there is memory for the record and none for its owner.
+std::shared_ptr<AppResource> MakeRecord() {
+    void* memory = std::malloc(sizeof(AppResource));
+    if (memory == nullptr) {
+        LUMORA_DETAIL("malloc Doorbell failure\n");
+        return nullptr;
+    }
+    std::shared_ptr<AppResource> record(static_cast<AppResource*>(memory), RecordDeleter());
+    if (memset_s(record.get(), sizeof(AppResource), 0, sizeof(AppResource)) != 0) {
+        LUMORA_DETAIL("memset_s failed\n");
+        return nullptr;
+    }
+    record->DoGET = DoGET;
+    record->DoPUT = DoPUT;
+    record->DoPOST = DoPOST;
+    record->DoDELETE = DoDELETE;
+    record->DoGetDescriptor = DoGetDescriptor;
+    return record;
+}
+
+}  // namespace
+
 Mutex LinkDeviceDescriptorWrapper::mInstanceMutex;
 NeverDestroyed<std::shared_ptr<LinkDeviceDescriptorWrapper>> LinkDeviceDescriptorWrapper::mInstance;
-
-void LinkDeviceDescriptorWrapper::ResourceDeleter::operator()(AppResource* resource) const {
-    std::free(resource);
-}
 
 LinkDeviceDescriptorWrapper::~LinkDeviceDescriptorWrapper() { Clear(); }
 
@@ -136,30 +162,20 @@ std::shared_ptr<LinkDeviceDescriptorWrapper> LinkDeviceDescriptorWrapper::Get() 
     return *mInstance;
 }
 
-AppResource* LinkDeviceDescriptorWrapper::RegisterDeviceDescriptor(
+std::shared_ptr<AppResource> LinkDeviceDescriptorWrapper::RegisterDeviceDescriptor(
     std::shared_ptr<LinkDeviceDescriptor>& descriptor) {
-    // Freed only at the end: a record at the same address would answer for one that was withdrawn.
-    const Registrations withdrawn = TakeAll();
-    std::unique_ptr<AppResource, ResourceDeleter> resource(
-        static_cast<AppResource*>(std::malloc(sizeof(AppResource))));
-    if (resource == nullptr) {
+    Clear();
+    try {
+        std::shared_ptr<AppResource> record = MakeRecord();
+        if (record != nullptr) {
+            const MutexLock lock(mMutex);
+            mDescriptors[record.get()] = Registration{record, descriptor};
+        }
+        return record;
+    } catch (const std::bad_alloc&) {
         LUMORA_DETAIL("malloc Doorbell failure\n");
         return nullptr;
     }
-    if (memset_s(resource.get(), sizeof(AppResource), 0, sizeof(AppResource)) != 0) {
-        LUMORA_DETAIL("memset_s failed\n");
-        return nullptr;
-    }
-    resource->DoGET = DoGET;
-    resource->DoPUT = DoPUT;
-    resource->DoPOST = DoPOST;
-    resource->DoDELETE = DoDELETE;
-    resource->DoGetDescriptor = DoGetDescriptor;
-
-    AppResource* const record = resource.get();
-    const MutexLock lock(mMutex);
-    mDescriptors[record] = Registration{std::move(resource), descriptor};
-    return record;
 }
 
 std::shared_ptr<LinkDeviceDescriptor> LinkDeviceDescriptorWrapper::Find(AppResource* resource) {

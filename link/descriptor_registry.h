@@ -23,8 +23,9 @@ public:
     // The one registry; made on first use, alive until the program ends.
     static std::shared_ptr<LinkDeviceDescriptorWrapper> Get();
 
-    // Replaces every earlier registration, whose records are freed. Null when memory ran out.
-    AppResource* RegisterDeviceDescriptor(std::shared_ptr<LinkDeviceDescriptor>& descriptor);
+    // Replaces every earlier registration. Null when memory ran out. Hold the record for as long as the
+    // platform knows it: its address, by which requests are told apart, is then given to no other.
+    std::shared_ptr<AppResource> RegisterDeviceDescriptor(std::shared_ptr<LinkDeviceDescriptor>& descriptor);
 
     // Empty for a record that is not, or no longer, registered.
     std::shared_ptr<LinkDeviceDescriptor> Find(AppResource* resource);
@@ -32,11 +33,8 @@ public:
     void Clear();
 
 private:
-    struct ResourceDeleter {
-        void operator()(AppResource* resource) const;
-    };
     struct Registration {
-        std::unique_ptr<AppResource, ResourceDeleter> resource;
+        std::shared_ptr<AppResource> record;
         std::shared_ptr<LinkDeviceDescriptor> descriptor;
     };
     using Registrations = std::map<AppResource*, Registration>;

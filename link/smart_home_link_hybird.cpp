@@ -1,11 +1,29 @@
 #include "link/smart_home_link_hybird.h"
 
+#include <utility>
+
 #include "base/log.h"
 #include "link/descriptor_registry.h"
 
 namespace lumora {
 
 using lumoraAiModule::LumoraNotifyCallback;
+
+namespace {
+
+// The found devices that have no handle yet: they are freed when memory runs out half-way.
+struct ProxyChainDeleter {
+    void operator()(AppResourceProxy* proxy) const {
+        while (proxy != nullptr) {
+            AppResourceProxy* next = GetNextAppResourceProxy(proxy);
+            FreeAppResourceProxy2(proxy);
+            proxy = next;
+        }
+    }
+};
+using ProxyChain = std::unique_ptr<AppResourceProxy, ProxyChainDeleter>;
+
+}  // namespace
 
 Mutex SmartHomeLinkHybird::g_mConnectMutex;
 NeverDestroyed<std::string> SmartHomeLinkHybird::g_mConnectAddr("0");
@@ -39,25 +57,27 @@ bool SmartHomeLinkHybird::Initialize() {
 
 bool SmartHomeLinkHybird::RegisterDeviceDescriptor(std::shared_ptr<LinkDeviceDescriptor> descriptor,
                                                    LumoraNotifyCallback* callback) {
-    AppResource* resource = LinkDeviceDescriptorWrapper::Get()->RegisterDeviceDescriptor(descriptor);
-    if (resource == nullptr) {
+    const std::shared_ptr<AppResource> record =
+        LinkDeviceDescriptorWrapper::Get()->RegisterDeviceDescriptor(descriptor);
+    if (record == nullptr) {
         LUMORA_DETAIL("Register device descriptor failure\n");
         return false;
     }
     int ret = 0;
     if (mPlatform != nullptr) {
-        ret = mPlatform->RegisterResource(mPlatform, resource, RemoteDeviceNotifyCallback);
+        ret = mPlatform->RegisterResource(mPlatform, record.get(), RemoteDeviceNotifyCallback);
     }
+    mRecord = record;
     g_mNotifyCallback->Set(callback);
     return ret == 0;
 }
 
 bool SmartHomeLinkHybird::FindDevice(std::string& devType, std::list<std::shared_ptr<LinkDevice>>& devices) {
-    AppResourceProxy* proxy =
-        mPlatform != nullptr ? mPlatform->FindResource(mPlatform, devType.c_str()) : nullptr;
-    while (proxy != nullptr) {
-        devices.push_back(std::make_shared<LinkDeviceImpl>(*proxy));
-        proxy = GetNextAppResourceProxy(proxy);
+    ProxyChain rest(mPlatform != nullptr ? mPlatform->FindResource(mPlatform, devType.c_str()) : nullptr);
+    while (rest != nullptr) {
+        auto device = std::make_shared<LinkDeviceImpl>(*rest);
+        rest.reset(GetNextAppResourceProxy(rest.release()));
+        devices.push_back(std::move(device));
     }
     return !devices.empty();
 }

@@ -1,6 +1,7 @@
 // The link mode that does the work: it finds others and can be found.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "base/mutex.h"
@@ -39,6 +40,8 @@ private:
     static std::string ConnectAddr();
 
     LinkPlatform* mPlatform = nullptr;
+    // Outlives the handle, which passes its address back.
+    std::shared_ptr<AppResource> mRecord;
 
     // Shared by every link of the process: events come from the platform's threads, also when the link
     // that registered for them is gone.
