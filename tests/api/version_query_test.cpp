@@ -1,0 +1,140 @@
+// The version queries beside other calls: they take no API mutex, and outlive the last client.
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "tests/api/api_fixture.h"
+
+namespace lumora_test {
+namespace {
+
+class VersionQueryTest : public ApiTest {
+protected:
+    // Holds a thread that logs this until the returned signal is set; held is set once it is there.
+    Signal HoldAt(const std::string& function, const std::string& text, const Signal& held) {
+        const Signal mayGo;
+        mLog.OnLine([=](const LogLine& line) {
+            if (line.function == function && line.text == text) {
+                Signal(held).Set();
+                mayGo.Wait();
+            }
+        });
+        return mayGo;
+    }
+
+    int AskClientVersion() { return LUM_GetClientVersion(1, mText, sizeof(mText)); }
+    int AskServerVersion() { return LUM_GetServerVersion(1, 1, mText, sizeof(mText)); }
+
+    // The query has found the module, but the last client leaves before it looks any further.
+    void LeaveDuring(const std::string& moduleFunction, const std::function<int()>& query) {
+        InitClient();
+        FindCamera(1);
+        Signal inside;
+        Signal mayGo = HoldAt(moduleFunction, "client [1] Enter\n", inside);
+        int result = -77;
+        std::thread other([&] { result = query(); });
+        inside.Wait();
+        EXPECT_EQ(0, LUM_DeInitClient(1)) << mLog.Dump();
+        mLog.Clear();
+        mayGo.Set();
+        other.join();
+        EXPECT_EQ(-1, result);
+        EXPECT_EQ((Texts{"ClientID : 1 no resource!!\n", "LUM_SendData failed!\n"}), mLog.Texts(4));
+        EXPECT_EQ(0, mPlatform.LiveHandles());
+    }
+
+    char mText[64] = {};
+};
+
+TEST_F(VersionQueryTest, ClientVersionOutlivesTheLastClient) {
+    LeaveDuring("GetClientVersion", [this] { return AskClientVersion(); });
+}
+
+TEST_F(VersionQueryTest, ServerVersionOutlivesTheLastClient) {
+    LeaveDuring("GetServerVersion", [this] { return AskServerVersion(); });
+}
+
+TEST_F(VersionQueryTest, LateQueryDoesNotSeeTheClientThatCameAfter) {
+    InitClient("viewer");
+    Signal inside;
+    Signal mayGo = HoldAt("GetClientVersion", "client [1] Enter\n", inside);
+    int result = -77;
+    std::thread other([&] { result = AskClientVersion(); });
+    inside.Wait();
+    ASSERT_EQ(0, LUM_DeInitClient(1));
+    ASSERT_EQ(1, InitClient("printer"));
+    mayGo.Set();
+    other.join();
+    EXPECT_EQ(-1, result);
+    mLog.OnLine(nullptr);
+    // The old instance, gone only now, has taken nothing of the new one's along.
+    EXPECT_EQ(1U, FindCamera(1));
+    EXPECT_EQ(0, AskServerVersion());
+    EXPECT_EQ(1, mPlatform.LiveHandles());
+}
+
+TEST_F(VersionQueryTest, QueriesDoNotWaitForACallThatHoldsTheApiMutex) {
+    InitClient();
+    // Leaving the network takes a while; the call holds the API mutex, not the module's.
+    bool inExit = false;
+    mPlatform.onExit = [this, &inExit] {
+        inExit = true;
+        std::thread other([this] {
+            EXPECT_EQ(-1, AskClientVersion());
+            EXPECT_EQ(-1, AskServerVersion());
+        });
+        other.join();
+    };
+    mLog.Clear();
+    EXPECT_EQ(0, LUM_DeInitClient(1));
+    EXPECT_TRUE(inExit);
+    EXPECT_EQ(2, mLog.Count(4, "ClientID : 1 no resource!!\n")) << mLog.Dump();
+}
+
+TEST_F(VersionQueryTest, QueriesSucceedWhileAnotherClientWaitsForTheApiMutex) {
+    InitClient();
+    ASSERT_EQ(2, InitClient());
+    // With the API mutex held, before the module's: as far as another client's call has come.
+    Signal inside;
+    Signal mayGo = HoldAt("DisconnectAiDevice", "DisconnectAiDevice handle = 1 !\n", inside);
+    std::thread holder([] { LUM_DisconnectAiDevice(2, 1); });
+    inside.Wait();
+    EXPECT_EQ(0, AskClientVersion());
+    EXPECT_STREQ("1.1.1", mText);
+    mayGo.Set();
+    holder.join();
+}
+
+TEST_F(VersionQueryTest, ServerVersionAnswersWhileTheLastClientWaitsToLeave) {
+    InitClient();
+    FakeDevice camera = DescribedDevice(ServiceInfo("camera"));
+    const auto described = camera.answer;
+    Signal asked;
+    Signal mayAnswer;
+    camera.answer = [=](const Request& request, std::string& reply) {
+        if (request.key == "GetVersion") {
+            Signal(asked).Set();
+            mayAnswer.Wait();
+        }
+        return described(request, reply);
+    };
+    mPlatform.devices = {camera};
+    LUM_DEVICES_INFO_S found;
+    unsigned int handle = 0;
+    ASSERT_EQ(0, LUM_GetAiDeviceList("camera", &found));
+    ASSERT_EQ(0, LUM_CreateAiDevice(1, "camera", &handle));
+    int result = -77;
+    std::thread query([&] { result = AskServerVersion(); });
+    asked.Wait();
+    mLog.Clear();
+    std::thread leaving([] { EXPECT_EQ(0, LUM_DeInitClient(1)); });
+    EXPECT_TRUE(mLog.WaitFor(0, "Enter\n"));
+    mayAnswer.Set();
+    query.join();
+    leaving.join();
+    EXPECT_EQ(0, result) << mLog.Dump();
+    EXPECT_STREQ("1.1.1", mText);
+}
+
+}  // namespace
+}  // namespace lumora_test
