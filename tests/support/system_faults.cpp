@@ -30,6 +30,8 @@ struct Fault {
     std::atomic<int> passInTurn{0};
     std::atomic<int> turns{0};
     std::atomic<std::size_t> transferLimit{NO_LIMIT};
+    std::atomic<bool> hooked{false};
+    std::function<void()> hook;
 };
 
 Fault g_faults[static_cast<int>(SystemCall::COUNT)];
@@ -55,6 +57,9 @@ bool TakeOne(std::atomic<int>& counter) {
 bool FailsNow(SystemCall call) {
     Fault& fault = g_faults[static_cast<int>(call)];
     ++fault.calls;
+    if (fault.hooked) {
+        fault.hook();
+    }
     const int failInTurn = fault.failInTurn;
     if (failInTurn != 0) {
         if (fault.turns++ % (failInTurn + fault.passInTurn) >= failInTurn) {
@@ -147,6 +152,13 @@ void FeedReads(std::vector<std::string> pieces) {
 
 void IgnoreSelectTimeouts() { g_ignoreSelectTimeouts = true; }
 
+void BeforeSystemCall(SystemCall call, std::function<void()> hook) {
+    Fault& fault = g_faults[static_cast<int>(call)];
+    fault.hooked = false;
+    fault.hook = std::move(hook);
+    fault.hooked = true;
+}
+
 int SystemCallCount(SystemCall call) { return g_faults[static_cast<int>(call)].calls; }
 
 void ResetSystemFaults() {
@@ -154,6 +166,7 @@ void ResetSystemFaults() {
         fault.times = 0;
         fault.passBefore = 0;
         fault.calls = 0;
+        fault.hooked = false;
         fault.failInTurn = 0;
         fault.transferLimit = NO_LIMIT;
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,9 @@ void LimitTransfer(SystemCall call, std::size_t bytes);
 void FeedReads(std::vector<std::string> pieces);
 // Lets select wait for its descriptors alone: who is not woken by one of them waits for ever.
 void IgnoreSelectTimeouts();
+// Calls hook before every such call, on the thread that makes it: so a test can hold a thread at a known
+// place. Set it while nobody makes such calls.
+void BeforeSystemCall(SystemCall call, std::function<void()> hook);
 // How often a call was made since the reset.
 int SystemCallCount(SystemCall call);
 void ResetSystemFaults();
