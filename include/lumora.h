@@ -162,8 +162,7 @@ typedef struct LUM_DEVICE_EVENT_S {
 typedef int (*LUM_EVENT_CALLBACK)(int clientID, LUM_EVENT_E event);
 typedef int (*LUM_DEVICE_EVENT_CALLBACK)(LUM_DEVICE_EVENT_S event);
 
-/* ---- Client side ----------------------------------------------------------------------------------------
- */
+/* ---- Client side ---- */
 
 /*
  * Makes this application a client and, for the first client of the process, joins the network as a device
@@ -239,8 +238,7 @@ LUM_EXPORT int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffL
 /* The version of the device's library; asks the device. buffLen must be 64 or more. */
 LUM_EXPORT int LUM_GetServerVersion(int clientID, unsigned int handle, char* buff, unsigned int buffLen);
 
-/* ---- Server side ----------------------------------------------------------------------------------------
- */
+/* ---- Server side ---- */
 
 /*
  * Makes this process a device of type devType (1 to 40 characters) that clients can find. A second call
