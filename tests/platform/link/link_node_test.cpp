@@ -569,7 +569,7 @@ TEST(LinkHandleTest, AnInterfaceThatAppearsLateIsUsed) {
     setenv("LUMORA_LINK_INTERFACE", "lo", 1);
     ASSERT_TRUE(started);
     const bool made = std::system(
-                          "ip link add lumora0 type dummy 2>/dev/null && "
+                          "ip link add lumora0 type veth peer name lumora1 && ip link set lumora1 up && "
                           "ip address add 10.99.0.1/24 dev lumora0 && ip link set lumora0 up") == 0;
     if (!made) {
         GTEST_SKIP() << "no right to make an interface";
