@@ -1,6 +1,8 @@
 // The client module's connection to a device: data channel, commands, data both ways, versions.
 #include <poll.h>
 
+#include <climits>
+
 #include "base/callback_scope.h"
 #include "base/log.h"
 #include "client/client_module.h"
@@ -320,6 +322,7 @@ int LumoraClientModule::SendData(int clientID, unsigned int handle, SendDataInfo
         LUMORA_ERROR("No such ClientID : %d!!\n", clientID);
         return -1;
     }
+    sendLength = 0;  // a call that was refused before has left it alone
     FrameBuffer frame;
     if (BuildClientFrame(clientID, info, frame) != 0) {
         return -1;
@@ -327,7 +330,6 @@ int LumoraClientModule::SendData(int clientID, unsigned int handle, SendDataInfo
     const auto transport = mTransportMap.find(handle);
     if (transport == mTransportMap.end()) {
         LUMORA_ERROR("This Handle has no transport.\n");
-        sendLength = 0;
         return -1;
     }
     const int ret = transport->second->SendData(frame.Bytes(), info.length + CLIENT_FRAME_HEAD_LENGTH,
@@ -344,7 +346,8 @@ int LumoraClientModule::SendData(int clientID, unsigned int handle, SendDataInfo
 }
 
 int LumoraClientModule::BuildClientFrame(int clientID, const SendDataInfo& info, FrameBuffer& frame) {
-    if (!frame.Allocate(info.length + CLIENT_FRAME_HEAD_LENGTH)) {
+    if (info.length > UINT_MAX - CLIENT_FRAME_HEAD_LENGTH ||
+        !frame.Allocate(info.length + CLIENT_FRAME_HEAD_LENGTH)) {
         LUMORA_ERROR("dataBuff memory malloc error\n");
         return -1;
     }
@@ -354,7 +357,9 @@ int LumoraClientModule::BuildClientFrame(int clientID, const SendDataInfo& info,
         return -1;
     }
     WriteClientFrameHead(frame.Bytes(), info.length, clientID);
-    if (memcpy_s(frame.Bytes() + CLIENT_FRAME_HEAD_LENGTH, info.length, info.data, info.length) != 0) {
+    // A bounded copy to where there is no room is an error, also of nothing.
+    if (info.length != 0 &&
+        memcpy_s(frame.Bytes() + CLIENT_FRAME_HEAD_LENGTH, info.length, info.data, info.length) != 0) {
         LUMORA_DETAIL("memcpy_s failed\n");
         return -1;
     }
