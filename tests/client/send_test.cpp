@@ -1,0 +1,342 @@
+// SendCmd and SendData: the text and the bytes that leave, and everything that is refused.
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "tests/client/client_fixture.h"
+#include "tests/support/system_faults.h"
+
+namespace lumoraAiModule {
+namespace {
+
+using lumora_test::ClientFrame;
+using lumora_test::SystemCall;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class SendTest : public ChannelTest {
+protected:
+    unsigned int ConnectToCamera() {
+        const unsigned int camera = Camera();
+        Connect(1, camera);
+        ForgetAsked();
+        mLog.Clear();
+        return camera;
+    }
+    void LoseTheCamera() {
+        mPlatform.devices = {Device("reader", 5684)};
+        EXPECT_EQ(0, Search());
+        ForgetAsked();
+        mLog.Clear();
+    }
+    int Command(unsigned int handle, const char* cmd, const char* param, int clientID = 1) {
+        return mModule->SendCmd(clientID, handle, cmd, param);
+    }
+};
+
+using SendCmdTest = SendTest;
+
+TEST_F(SendCmdTest, CommandAndParameterTravelAsADocument) {
+    const unsigned int camera = ConnectToCamera();
+    EXPECT_EQ(0, Command(camera, "SetMode", "night"));
+    EXPECT_THAT(Asked(),
+                ElementsAre(R"(camera Post Command {"ClientID":1,"cmd":"SetMode","param":"night"})"));
+    EXPECT_THAT(mLog.Texts(0), ElementsAre("client [1] Enter\n", "Out\n"));
+    EXPECT_THAT(mLog.Texts(4), IsEmpty());
+}
+
+TEST_F(SendCmdTest, EmptyParameterTravelsToo) {
+    EXPECT_EQ(0, Command(ConnectToCamera(), "Hello", ""));
+    EXPECT_THAT(Asked(), ElementsAre(R"(camera Post Command {"ClientID":1,"cmd":"Hello","param":""})"));
+}
+
+TEST_F(SendCmdTest, EachClientSendsItsOwnId) {
+    NewClients(2);
+    const unsigned int camera = ConnectToCamera();
+    EXPECT_EQ(0, TryToConnect(3, camera));
+    ForgetAsked();
+    EXPECT_EQ(0, Command(camera, "Hello", "", 3));
+    EXPECT_THAT(Asked(), ElementsAre(R"(camera Post Command {"ClientID":3,"cmd":"Hello","param":""})"));
+}
+
+TEST_F(SendCmdTest, SubscriptionTravelsAsAnObject) {
+    const unsigned int camera = ConnectToCamera();
+    LUM_SUBSCRIBE_SERVICE_S subscription = {};
+    std::strcpy(subscription.serviceName, "faceDetect");
+    subscription.transport = 1;
+    EXPECT_EQ(0, Command(camera, "subscribe", reinterpret_cast<const char*>(&subscription)));
+    EXPECT_THAT(Asked(), ElementsAre(R"(camera Post Command {"ClientID":1,"cmd":"subscribe",)"
+                                     R"("subscribe":{"Service":"faceDetect","DataSource":0,"TrasType":1}})"));
+}
+
+TEST_F(SendCmdTest, CancellationTravelsAsAPlainParameter) {
+    EXPECT_EQ(0, Command(ConnectToCamera(), "unsubscribe", "faceDetect"));
+    EXPECT_THAT(
+        Asked(),
+        ElementsAre(R"(camera Post Command {"ClientID":1,"cmd":"unsubscribe","param":"faceDetect"})"));
+}
+
+TEST_F(SendCmdTest, SubscriptionThatIsNotValidIsNotSent) {
+    const unsigned int camera = ConnectToCamera();
+    const LUM_SUBSCRIBE_SERVICE_S subscription = {};
+    EXPECT_EQ(-1, Command(camera, "subscribe", reinterpret_cast<const char*>(&subscription)));
+    EXPECT_THAT(mLog.Texts(4),
+                ElementsAre("ERROR:subscribe serviceName length illegal.\n", "GetJsonCmd failed!\n"));
+    EXPECT_THAT(Asked(), IsEmpty());
+}
+
+TEST_F(SendCmdTest, MissingCommandIsRefusedFirst) {
+    EXPECT_EQ(-1, Command(NO_HANDLE, nullptr, nullptr, NO_CLIENT));
+    ExpectOnlyError("cmd is null!\n");
+}
+
+TEST_F(SendCmdTest, MissingParameterIsRefusedNext) {
+    EXPECT_EQ(-1, Command(NO_HANDLE, "Hello", nullptr, NO_CLIENT));
+    ExpectOnlyError("param is nullptr!\n");
+}
+
+TEST_F(SendCmdTest, UnknownHandleIsRefusedBeforeTheClient) {
+    EXPECT_EQ(-1, Command(NO_HANDLE, "Hello", "", NO_CLIENT));
+    ExpectOnlyError("Handle error: 4711, no such device!\n");
+}
+
+TEST_F(SendCmdTest, DeviceThatWasNotFoundAgainIsRefusedInTheSameWords) {
+    const unsigned int camera = ConnectToCamera();
+    LoseTheCamera();
+    EXPECT_EQ(-1, Command(camera, "Hello", "", NO_CLIENT));
+    ExpectOnlyError("Handle error: 1, no such device!\n");
+}
+
+TEST_F(SendCmdTest, UnknownClientIsRefused) {
+    const unsigned int camera = ConnectToCamera();
+    EXPECT_EQ(-1, Command(camera, "Hello", "", NO_CLIENT));
+    ExpectOnlyError("No such ClientID : 17!!\n");
+}
+
+TEST_F(SendCmdTest, ClientWithAnIdButNoRecordIsRefused) {
+    const unsigned int camera = ConnectToCamera();
+    const int second = TakeId();
+    mLog.Clear();
+    EXPECT_EQ(-1, Command(camera, "Hello", "", second));
+    ExpectOnlyError("ClientID : 2 no resource!!\n");
+}
+
+TEST_F(SendCmdTest, ClientThatIsNotConnectedToTheHandleIsRefused) {
+    const unsigned int camera = ConnectToCamera();
+    const unsigned int reader = Reader();
+    mLog.Clear();
+    EXPECT_EQ(-1, Command(reader, "Hello", ""));
+    ExpectOnlyError("This client did't connect on handle: 2!\n");
+    EXPECT_THAT(Asked(), IsEmpty());
+    EXPECT_EQ(0, Command(camera, "Hello", ""));
+}
+
+TEST_F(SendCmdTest, DevicesRefusalIsLoggedInHexadecimal) {
+    const unsigned int camera = ConnectToCamera();
+    mResults["Command"] = 0x2a;
+    EXPECT_EQ(-1, Command(camera, "Hello", ""));
+    ExpectOnlyError("Post command ERROR ! ret = 0x2a\n");
+}
+
+TEST_F(SendCmdTest, CommandIsSentWithTheModuleLocked) {
+    const unsigned int camera = ConnectToCamera();
+    bool locked = false;
+    mDuring["Command"] = [&] { locked = ClientModuleProbe::IsLocked(*mModule); };
+    EXPECT_EQ(0, Command(camera, "Hello", ""));
+    EXPECT_TRUE(locked);
+}
+
+// ---- SendData ----
+
+// A refused call leaves the count alone, one that fails while it builds or sends the frame reports 0.
+constexpr unsigned int UNTOUCHED = 99;
+
+class SendDataTest : public SendTest {
+protected:
+    // Sends whatever the record says.
+    int SendRaw(const void* data, unsigned int length, unsigned int handle, int clientID = 1) {
+        SendDataInfo info(data, length, 1000);
+        return mModule->SendData(clientID, handle, info, mSent);
+    }
+    void ExpectNothingSent(unsigned int handle) {
+        EXPECT_EQ(0U, mSent);
+        ASSERT_EQ(0, SendData(1, handle, "after"));
+        EXPECT_EQ(ClientFrame(1, "after"), mFromClient.Receive(11)) << "bytes of the refused frame went out";
+    }
+};
+
+TEST_F(SendDataTest, HundredBytesTravelInAFrameOf106) {
+    const unsigned int camera = ConnectToCamera();
+    const Bytes payload(100, 'p');
+    EXPECT_EQ(0, SendData(1, camera, payload));
+    EXPECT_EQ(100U, mSent);
+    EXPECT_EQ(Bytes("\x06\x64\0\0\0\x01", 6) + payload, mFromClient.Receive(106));
+    EXPECT_TRUE(mLog.Has(1, "headLen = 6, payloadLen = 100\n"));
+    EXPECT_TRUE(mLog.Has(1, "write length = 106.\n"));
+    EXPECT_THAT(mLog.Texts(0), ElementsAre("client [1] Enter\n", "Out\n"));
+}
+
+TEST_F(SendDataTest, LengthIsLittleEndianAndPayloadUnchanged) {
+    const unsigned int camera = ConnectToCamera();
+    Bytes payload;
+    for (int i = 0; i < 0x010203; ++i) {
+        payload += static_cast<char>(i);
+    }
+    std::thread sender([&] { EXPECT_EQ(0, SendData(1, camera, payload)); });
+    EXPECT_EQ(Bytes("\x06\x03\x02\x01\0\x01", 6), mFromClient.Receive(6));
+    EXPECT_EQ(payload, mFromClient.Receive(payload.size()));
+    sender.join();
+    EXPECT_EQ(0x010203U, mSent);
+}
+
+TEST_F(SendDataTest, FiveMebibytesTravelInOneFrame) {
+    const unsigned int camera = ConnectToCamera();
+    const Bytes payload(5242880, 'm');
+    std::thread sender([&] { EXPECT_EQ(0, SendData(1, camera, payload)); });
+    EXPECT_EQ(Bytes("\x06\0\0\x50\0\x01", 6), mFromClient.Receive(6));
+    EXPECT_TRUE(payload == mFromClient.Receive(payload.size()));
+    sender.join();
+    EXPECT_EQ(5242880U, mSent);
+}
+
+TEST_F(SendDataTest, EmptyPayloadTravelsInAFrameOfSix) {
+    const unsigned int camera = ConnectToCamera();
+    EXPECT_EQ(0, SendRaw("", 0, camera));
+    EXPECT_EQ(0U, mSent);
+    EXPECT_EQ(Bytes("\x06\0\0\0\0\x01", 6), mFromClient.Receive(6));
+}
+
+TEST_F(SendDataTest, FrameCarriesTheSendersId) {
+    NewClients(19);
+    const unsigned int camera = ConnectToCamera();
+    EXPECT_EQ(0, SendData(20, camera, "x"));
+    EXPECT_EQ(ClientFrame(20, "x"), mFromClient.Receive(7));
+}
+
+TEST_F(SendDataTest, ClientNeedNotBeConnected) {
+    NewClients(1);
+    const unsigned int camera = ConnectToCamera();
+    EXPECT_EQ(0, SendData(2, camera, "x"));
+    EXPECT_EQ(1U, mSent);
+    EXPECT_EQ(ClientFrame(2, "x"), mFromClient.Receive(7));
+}
+
+TEST_F(SendDataTest, ClientNeedsAnIdButNoRecord) {
+    const unsigned int camera = ConnectToCamera();
+    EXPECT_EQ(0, SendData(TakeId(), camera, "x"));
+}
+
+TEST_F(SendDataTest, MissingDataIsRefusedFirst) {
+    EXPECT_EQ(-1, SendRaw(nullptr, 3, NO_HANDLE, NO_CLIENT));
+    ExpectOnlyError("buffer is nullptr!\n");
+    EXPECT_EQ(UNTOUCHED, mSent);
+}
+
+TEST_F(SendDataTest, UnknownHandleIsRefusedNext) {
+    EXPECT_EQ(-1, SendData(NO_CLIENT, NO_HANDLE, "x"));
+    ExpectOnlyError("Error: 4711,no such device!\n");
+    EXPECT_EQ(UNTOUCHED, mSent);
+}
+
+TEST_F(SendDataTest, DeviceThatWasNotFoundAgainIsRefused) {
+    const unsigned int camera = ConnectToCamera();
+    LoseTheCamera();
+    EXPECT_EQ(-1, SendData(NO_CLIENT, camera, "x"));
+    ExpectOnlyError("Error:1, no such Handle!\n");
+    EXPECT_EQ(UNTOUCHED, mSent);
+}
+
+TEST_F(SendDataTest, UnknownClientIsRefused) {
+    const unsigned int camera = ConnectToCamera();
+    EXPECT_EQ(-1, SendData(NO_CLIENT, camera, "x"));
+    ExpectOnlyError("No such ClientID : 17!!\n");
+    EXPECT_EQ(UNTOUCHED, mSent);
+}
+
+TEST_F(SendDataTest, HandleWithoutATransportIsRefused) {
+    const unsigned int camera = Camera();
+    mLog.Clear();
+    EXPECT_EQ(-1, SendData(1, camera, "x"));
+    ExpectOnlyError("This Handle has no transport.\n");
+    EXPECT_EQ(0U, mSent);
+}
+
+TEST_F(SendDataTest, LackOfMemoryForTheFrame) {
+    const unsigned int camera = ConnectToCamera();
+    lumora_test::FailAllocation();
+    EXPECT_EQ(-1, SendRaw("x", 1, camera));
+    lumora_test::ResetAllocationFaults();
+    ExpectOnlyError("dataBuff memory malloc error\n");
+    ExpectNothingSent(camera);
+}
+
+TEST_F(SendDataTest, LengthThatNoFrameCanHoldIsLackOfMemory) {
+    const unsigned int camera = ConnectToCamera();
+    for (const unsigned int length : {0xffffffffU, 0xfffffffaU}) {
+        mLog.Clear();
+        EXPECT_EQ(-1, SendRaw("x", length, camera));
+        ExpectOnlyError("dataBuff memory malloc error\n");
+    }
+    ExpectNothingSent(camera);
+}
+
+TEST_F(SendDataTest, FailedClearingOfTheFrame) {
+    const unsigned int camera = ConnectToCamera();
+    FailBoundedCall(Bounded::MEMSET);
+    EXPECT_EQ(-1, SendData(1, camera, "x"));
+    ExpectOnlyError("memset_s failed\n");
+    ExpectNothingSent(camera);
+}
+
+TEST_F(SendDataTest, FailedCopyOfThePayload) {
+    const unsigned int camera = ConnectToCamera();
+    FailBoundedCall(Bounded::MEMCPY);
+    EXPECT_EQ(-1, SendData(1, camera, "x"));
+    EXPECT_EQ("memcpy_s failed\n", mLog.Texts(1).back());
+    EXPECT_THAT(mLog.Texts(4), IsEmpty());
+    ExpectNothingSent(camera);
+}
+
+TEST_F(SendDataTest, BrokenWriteFailsAndLaterOnesFindNoChannel) {
+    const unsigned int camera = ConnectToCamera();
+    lumora_test::FailSystemCall(SystemCall::SEND, ECONNRESET);
+    EXPECT_EQ(-1, SendData(1, camera, "x"));
+    EXPECT_EQ(0U, mSent);
+    EXPECT_THAT(mLog.Texts(4),
+                ElementsAre("write failed error: Connection reset by peer(errno: 104), will stop transport\n",
+                            "SendData failed!\n"));
+    EXPECT_EQ("ERROR Out\n", mLog.Texts(0).back());
+    mLog.Clear();
+    mSent = 99;
+    EXPECT_EQ(-1, SendData(1, camera, "x"));
+    EXPECT_EQ(0U, mSent);
+    EXPECT_THAT(mLog.Texts(4),
+                ElementsAre("No transport channel created, please connect first.\n", "SendData failed!\n"));
+}
+
+TEST_F(SendDataTest, DeviceThatStopsReadingMakesTheCountShortAndTheNextCallFail) {
+    const unsigned int camera = ConnectToCamera();
+    const Bytes payload(5242880, 's');  // more than the socket buffers hold
+    EXPECT_EQ(0, SendData(1, camera, payload));
+    EXPECT_LT(0U, mSent);
+    EXPECT_GT(5242880U, mSent);
+    const unsigned int shortCount = mSent;
+    EXPECT_EQ(1, mLog.Count(4, "SendData timeout: Resource temporarily unavailable(errno: 11)\n"));
+    EXPECT_EQ(shortCount + 6, mFromClient.Receive(shortCount + 6).size());
+    EXPECT_TRUE(mFromClient.SeesEnd()) << "more bytes went out than the caller was told";
+    mLog.Clear();
+    EXPECT_EQ(-1, SendData(1, camera, "x"));
+    EXPECT_EQ(0U, mSent);
+    EXPECT_THAT(mLog.Texts(4),
+                ElementsAre("No transport channel created, please connect first.\n", "SendData failed!\n"));
+}
+
+TEST_F(SendDataTest, CountIsNotBelowZeroWhenNotEvenTheHeadWentOut) {
+    const unsigned int camera = ConnectToCamera();
+    lumora_test::FailSystemCall(SystemCall::SEND, EAGAIN, lumora_test::ALWAYS);
+    EXPECT_EQ(0, SendData(1, camera, "hello"));
+    EXPECT_EQ(0U, mSent);
+}
+
+}  // namespace
+}  // namespace lumoraAiModule
