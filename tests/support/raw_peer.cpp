@@ -12,6 +12,8 @@
 #include <thread>
 #include <utility>
 
+#include "tests/support/system_faults.h"
+
 namespace lumora_test {
 
 namespace {
@@ -36,6 +38,7 @@ void WaitFor(int fd, short events, const char* what) {
 }
 
 int NewSocket() {
+    const SystemFaultsPaused paused;
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         Fail("no socket");
@@ -54,6 +57,7 @@ RawConnection& RawConnection::operator=(RawConnection&& other) noexcept {
 }
 
 RawConnection RawConnection::To(int port) {
+    const SystemFaultsPaused paused;
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(LIMIT_MS);
     const sockaddr_in address = Loopback(port);
     while (std::chrono::steady_clock::now() < end) {
@@ -69,6 +73,7 @@ RawConnection RawConnection::To(int port) {
 }
 
 void RawConnection::Send(const Bytes& bytes) {
+    const SystemFaultsPaused paused;
     size_t sent = 0;
     while (sent < bytes.size()) {
         WaitFor(mFd, POLLOUT, "send");
@@ -133,16 +138,19 @@ void RawConnection::Close() {
 }
 
 void RawConnection::Reset() {
+    const SystemFaultsPaused paused;
     const linger abort = {1, 0};
     setsockopt(mFd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
     Close();
 }
 
 void RawConnection::SetReceiveBuffer(int bytes) {
+    const SystemFaultsPaused paused;
     setsockopt(mFd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
 }
 
 RawListener::RawListener(int port) : mFd(NewSocket()) {
+    const SystemFaultsPaused paused;
     const int on = 1;
     setsockopt(mFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     sockaddr_in address = Loopback(port);
@@ -158,6 +166,7 @@ RawListener::RawListener(int port) : mFd(NewSocket()) {
 RawListener::~RawListener() { Close(); }
 
 RawConnection RawListener::Accept() {
+    const SystemFaultsPaused paused;
     WaitFor(mFd, POLLIN, "accept");
     const int fd = accept4(mFd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {

@@ -46,6 +46,8 @@ std::atomic<int> g_largeBeforeFailure{0};
 std::atomic<int> g_largeFailures{0};
 std::atomic<int> g_largeAllocations{0};
 
+thread_local int t_systemFaultsPaused = 0;
+
 bool TakeOne(std::atomic<int>& counter) {
     int left = counter;
     while (left != 0 && left != ALWAYS && !counter.compare_exchange_weak(left, left - 1)) {
@@ -55,6 +57,9 @@ bool TakeOne(std::atomic<int>& counter) {
 
 // Whether this call fails; errno is set then.
 bool FailsNow(SystemCall call) {
+    if (t_systemFaultsPaused != 0) {
+        return false;
+    }
     Fault& fault = g_faults[static_cast<int>(call)];
     ++fault.calls;
     if (fault.hooked) {
@@ -73,7 +78,8 @@ bool FailsNow(SystemCall call) {
 }
 
 int Renumbered(int fd) {
-    if (fd < 0 || fd == g_number || TakeOne(g_numberPassBefore) || !TakeOne(g_numberTimes)) {
+    if (t_systemFaultsPaused != 0 || fd < 0 || fd == g_number || TakeOne(g_numberPassBefore) ||
+        !TakeOne(g_numberTimes)) {
         return fd;
     }
     const int moved = dup2(fd, g_number);
@@ -86,7 +92,9 @@ thread_local int t_allocationFailures = 0;
 thread_local int t_allocationFaultsPaused = 0;
 
 std::size_t Limited(SystemCall call, std::size_t size) {
-    return std::min<std::size_t>(size, g_faults[static_cast<int>(call)].transferLimit);
+    return t_systemFaultsPaused != 0
+               ? size
+               : std::min<std::size_t>(size, g_faults[static_cast<int>(call)].transferLimit);
 }
 
 bool TakeFedRead(std::string& piece) {
@@ -175,6 +183,9 @@ void ResetSystemFaults() {
     g_ignoreSelectTimeouts = false;
     FeedReads({});
 }
+
+SystemFaultsPaused::SystemFaultsPaused() { ++t_systemFaultsPaused; }
+SystemFaultsPaused::~SystemFaultsPaused() { --t_systemFaultsPaused; }
 
 void FailAllocation(int n, int times) {
     t_allocationsUntilFailure = n;

@@ -1,5 +1,5 @@
 // System calls of the code under test that fail on demand. The tests are linked with --wrap for each of
-// them, so only calls out of the library are caught, not those of the test's own peer.
+// them, so the calls of the whole program are caught; only those of the raw peers are left alone.
 #pragma once
 
 #include <cstddef>
@@ -46,6 +46,15 @@ void BeforeSystemCall(SystemCall call, std::function<void()> hook);
 // How often a call was made since the reset.
 int SystemCallCount(SystemCall call);
 void ResetSystemFaults();
+
+// While one lives, the calls of this thread neither fail nor count: peers of the code under test wrap theirs.
+class SystemFaultsPaused {
+public:
+    SystemFaultsPaused();
+    ~SystemFaultsPaused();
+    SystemFaultsPaused(const SystemFaultsPaused&) = delete;
+    SystemFaultsPaused& operator=(const SystemFaultsPaused&) = delete;
+};
 
 // Makes the n-th allocation by operator new from now on (1 is the next) of this thread fail, once, and all of
 // them with times ALWAYS. Nothrow allocations give null, others throw std::bad_alloc.
