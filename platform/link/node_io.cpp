@@ -117,9 +117,12 @@ void NodeIo::Run() {
 
 void NodeIo::Turn() {
     coap_->Settle();
-    core_.Tick(Clock::now());
-    coap_->Settle();
-    loop_.WakeAt(core_.NextDeadline(Clock::now()));
+    const TimePoint now = Clock::now();
+    if (core_.NextDeadline(now) <= now) {
+        core_.Tick(now);
+        coap_->Settle();
+    }
+    loop_.WakeAt(core_.NextDeadline(now));
     loop_.RunOnce();
 }
 

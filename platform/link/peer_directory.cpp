@@ -54,6 +54,7 @@ bool PeerDirectory::Refresh(Peer& peer, const NodeDescription& node, TimePoint n
     }
     peer.heard = now;
     peer.doubtedSince.reset();
+    doubted_.erase(node.identity.id);
     return true;
 }
 
@@ -79,25 +80,29 @@ void PeerDirectory::Refuse(std::uint64_t nodeId) {
     }
 }
 
+// Looks at every node only when the earliest can be due: with many nodes, most calls come from
+// their hellos.
 void PeerDirectory::Tick(TimePoint now) {
+    if (now < nextCheck_) {
+        return;
+    }
+    nextCheck_ = TimePoint::max();
     for (auto at = peers_.begin(); at != peers_.end();) {
         Peer& peer = at->second;
         if (!peer.doubtedSince && now - peer.heard >= kDoubtAfter) {
             peer.doubtedSince = now;
+            doubted_.insert(at->first);
         }
-        // The link may only have been cut: no grave, the same instance may come back.
-        const bool gone = peer.doubtedSince && now - *peer.doubtedSince >= kGiveUpAfter;
-        at = gone ? Remove(at) : std::next(at);
+        const TimePoint due =
+            peer.doubtedSince ? *peer.doubtedSince + kGiveUpAfter : peer.heard + kDoubtAfter;
+        if (due <= now) {
+            // The link may only have been cut: no grave, the same instance may come back.
+            at = Remove(at);
+            continue;
+        }
+        nextCheck_ = std::min(nextCheck_, due);
+        ++at;
     }
-}
-
-TimePoint PeerDirectory::NextDeadline() const {
-    TimePoint next = TimePoint::max();
-    for (const auto& [id, peer] : peers_) {
-        next =
-            std::min(next, peer.doubtedSince ? *peer.doubtedSince + kGiveUpAfter : peer.heard + kDoubtAfter);
-    }
-    return next;
 }
 
 const Peer* PeerDirectory::Find(std::uint64_t nodeId) const {
@@ -143,12 +148,14 @@ void PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now
     peer.heard = now;
     peer.unicast = unicast;
     peer.ways[node.endpoint] = now;
+    nextCheck_ = std::min(nextCheck_, now + kDoubtAfter);
     events_.push_back({true, peer.number, node});
     peers_.emplace(node.identity.id, std::move(peer));
 }
 
 PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator peer) {
     events_.push_back({false, peer->second.number, peer->second.node});
+    doubted_.erase(peer->first);
     return peers_.erase(peer);
 }
 

@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,11 +44,14 @@ public:
     void Refuse(std::uint64_t nodeId);
     // Doubts silent nodes and removes those that stayed silent.
     void Tick(TimePoint now);
-    TimePoint NextDeadline() const;
+    // At the latest; hearing from nodes only puts off what is due.
+    TimePoint NextDeadline() const { return nextCheck_; }
 
     const Peer* Find(std::uint64_t nodeId) const;
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return peers_; }
+    // The ids of silent nodes, which should be pinged.
+    const std::set<std::uint64_t>& Doubted() const { return doubted_; }
 
     // The additions and removals since the last call, in order.
     std::vector<DeviceEvent> TakeEvents();
@@ -64,6 +68,8 @@ private:
 
     const std::uint64_t ownId_;
     Peers_t peers_;
+    std::set<std::uint64_t> doubted_;
+    TimePoint nextCheck_ = TimePoint::max();
     unsigned lastNumber_ = 0;
     std::vector<DeviceEvent> events_;
     // Instances that ended for good: a hello that was delayed on its way must not revive them.

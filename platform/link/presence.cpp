@@ -9,6 +9,7 @@ namespace lumora_link {
 namespace {
 
 constexpr Milliseconds kNewcomerJitter{50};
+constexpr std::size_t kMaxTexts = 8192;
 
 }  // namespace
 
@@ -25,17 +26,34 @@ void Presence::HelloSoon(TimePoint now) {
 }
 
 void Presence::OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now) {
-    auto node = ParseLink(notice.payload);
-    if (!node) {
+    const bool goodbye = PathOf(notice) == kGoodbyePath;
+    const NodeDescription* node = Read(notice.payload, source);
+    if (node == nullptr) {
         return;
     }
-    if (PathOf(notice) == kGoodbyePath) {
+    if (goodbye) {
         directory_.Leave(node->identity, source.host, now);
-        return;
+    } else {
+        Hear(*node, unicast, now);
     }
-    // The address that reaches the node is the one that its datagrams come from.
-    node->endpoint.host = source.host;
-    Hear(*node, unicast, now);
+}
+
+// A node sends the same hello over and over from the same socket; it is taken apart once.
+const NodeDescription* Presence::Read(const std::string& link, const Endpoint& source) {
+    if (texts_.size() >= kMaxTexts) {
+        texts_.clear();
+    }
+    const auto [at, isNew] = texts_.try_emplace(source);
+    Text& text = at->second;
+    if (isNew || text.link != link) {
+        text.link = link;
+        text.node = ParseLink(link);
+        if (text.node) {
+            // The address that reaches the node is the one that its datagrams come from.
+            text.node->endpoint.host = source.host;
+        }
+    }
+    return text.node ? &*text.node : nullptr;
 }
 
 void Presence::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
@@ -128,10 +146,7 @@ void Presence::PingDoubted(TimePoint now) {
         }
         at = settled ? pings_.erase(at) : std::next(at);
     }
-    for (const auto& [nodeId, peer] : directory_.Peers()) {
-        if (!peer.doubtedSince) {
-            continue;
-        }
+    for (const std::uint64_t nodeId : directory_.Doubted()) {
         const auto [at, isNew] = pings_.try_emplace(nodeId);
         Ping& ping = at->second;
         if (isNew) {
@@ -141,7 +156,7 @@ void Presence::PingDoubted(TimePoint now) {
             CoapMessage message = MakePing();
             message.token = ping.token;
             message.messageId = labels_.NextMessageId();
-            network_.Transmit(ping.conversation, peer.node.endpoint, message);
+            network_.Transmit(ping.conversation, directory_.Find(nodeId)->node.endpoint, message);
             ping.next = now + kPingInterval;
         }
     }

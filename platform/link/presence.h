@@ -2,6 +2,8 @@
 #pragma once
 
 #include <map>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "messages.h"
@@ -45,6 +47,12 @@ private:
         TimePoint next;
     };
 
+    struct Text {
+        std::string link;
+        std::optional<NodeDescription> node;
+    };
+
+    const NodeDescription* Read(const std::string& link, const Endpoint& source);
     void Tell(const char* path);
     void PingDoubted(TimePoint now);
 
@@ -54,6 +62,7 @@ private:
     const std::vector<Endpoint> configured_;
     PeerDirectory directory_;
     std::map<std::uint64_t, Ping> pings_;  // by the id of the node in doubt
+    std::map<Endpoint, Text> texts_;       // the latest from each socket
     TimePoint lastHello_{};
     TimePoint nextHello_{};
 };

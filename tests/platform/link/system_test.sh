@@ -1,0 +1,257 @@
+#!/bin/bash
+# Hosts joined by a bridge, each a network namespace: searches, cuts, loss, and a foreign client.
+#
+# usage: system_test.sh PATH-OF-LINK_TEST_TOOL [CHECK...]
+# Ends with 77 where namespaces are not permitted. Nothing leaves the namespaces it makes.
+set -u
+
+tool=$(realpath "$1")
+shift
+if [ -z "${LINK_SYSTEM_TEST_INSIDE:-}" ]; then
+    unshare -n true 2>/dev/null || exit 77
+    exec env LINK_SYSTEM_TEST_INSIDE=1 unshare -n "$0" "$tool" "$@"
+fi
+
+work=$(mktemp -d)
+hosts=()     # process that keeps the namespace of host N
+children=()
+failures=0
+
+finish() {
+    for pid in ${children[@]+"${children[@]}"} ${hosts[@]+"${hosts[@]}"}; do
+        kill -9 "$pid" 2>/dev/null
+    done
+    rm -rf "$work"
+}
+trap finish EXIT
+
+check() {
+    if [ "$2" = "$3" ]; then
+        echo "ok      $1"
+    else
+        echo "FAILED  $1: expected $3, got $2"
+        failures=$((failures + 1))
+    fi
+}
+
+# At most so many milliseconds, and what LINK_TEST_SLACK grants a busy machine.
+check_time() {
+    if [ "$2" -le $(($3 + ${LINK_TEST_SLACK:-0})) ]; then
+        echo "ok      $1: $2 ms"
+    else
+        echo "FAILED  $1: $2 ms, more than $3"
+        failures=$((failures + 1))
+    fi
+}
+
+now() { echo $(($(date +%s%N) / 1000000)); }
+
+make_bridge() {
+    ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up
+    ip link set lo up
+}
+
+# Host N has the address 10.77.0.N and is joined to the bridge by port hN.
+make_host() {
+    unshare -n sleep infinity &
+    hosts[$1]=$!
+    while [ "$(readlink /proc/self/ns/net)" = "$(readlink "/proc/${hosts[$1]}/ns/net")" ]; do
+        sleep 0.01
+    done
+    ip link add "h$1" type veth peer name eth0 netns "${hosts[$1]}"
+    ip link set "h$1" master br0 up
+    on "$1" ip link set lo up
+    on "$1" ip address add "10.77.0.$1/24" dev eth0
+    on "$1" ip link set eth0 up
+}
+
+on() {
+    local host=$1
+    shift
+    nsenter --net="/proc/${hosts[$host]}/ns/net" "$@"
+}
+
+# Starts the tool on a host with its input held open; its output goes to $work/NAME.
+start() {
+    local host=$1 name=$2
+    shift 2
+    mkfifo "$work/$name.in"
+    : >"$work/$name"
+    # exec: the process id must be the tool's own.
+    (exec nsenter --net="/proc/${hosts[$host]}/ns/net" env LUMORA_LINK_INTERFACE="${interface:-eth0}" \
+        "$tool" "$@" <"$work/$name.in" >"$work/$name" 2>&1) &
+    started=$!
+    children+=("$started")
+    exec {hold}>"$work/$name.in"
+    until grep -q ready "$work/$name"; do
+        kill -0 "$started" || { cat "$work/$name"; exit 1; }
+        sleep 0.01
+    done
+}
+
+find_on() {
+    on "$1" env LUMORA_LINK_INTERFACE="${interface:-eth0}" "$tool" find "$2" >"$work/found"
+    found=$(grep -c : "$work/found")
+    duration=$(sed -n 's/found in \(.*\) ms/\1/p' "$work/found")
+}
+
+# The time until the file has so many lines with the word, or 20 s.
+wait_for() {
+    local begin
+    begin=$(now)
+    while [ "$(grep -c "$2" "$1")" -lt "$3" ] && [ $(($(now) - begin)) -lt 20000 ]; do
+        sleep 0.01
+    done
+    waited=$(($(now) - begin))
+}
+
+stop_all() {
+    for pid in ${children[@]+"${children[@]}"}; do
+        kill -9 "$pid" 2>/dev/null
+        wait "$pid" 2>/dev/null
+    done
+    children=()
+    rm -f "$work"/*.in
+}
+
+lose() {
+    nft -f - <<END
+table bridge faults {
+    chain forward {
+        type filter hook forward priority 0;
+        ether type ip numgen random mod 100 < $1 drop
+    }
+}
+table netdev faults {
+    chain ingress {
+        type filter hook ingress device "h1" priority 0;
+        ip protocol udp numgen random mod 100 < $2 dup to "h2"
+    }
+}
+END
+}
+
+be_sound() { nft flush ruleset; }
+
+five_hosts() {
+    for host in 1 2 3 4 5; do
+        start $host "serve$host" serve camera 4
+    done
+    find_on 1 camera
+    check "20 nodes of five hosts are found" "$found" 20
+    check "in the order of their addresses" "$(sort -c -V <(grep : "$work/found") && echo yes)" yes
+    for try in 1 2 3 4 5; do
+        find_on 1 camera
+        [ "$duration" -le 300 ] && break
+    done
+    check_time "a search, when all answer at once" "$duration" 300
+    stop_all
+}
+
+killed_and_cut() {
+    start 1 watch watch
+    start 2 killed serve camera 3
+    killed=$started
+    start 3 cut serve printer 1
+    wait_for "$work/watch" added 4
+    check "devices of two hosts are announced" "$(grep -c added "$work/watch")" 4
+    kill -9 "$killed"
+    wait_for "$work/watch" removed 3
+    check_time "three nodes of a killed process are removed" "$waited" 3100
+    for round in 1 2; do
+        ip link set h3 down
+        wait_for "$work/watch" "removed.*printer" $round
+        check_time "cut number $round is noticed" "$waited" 3100
+        ip link set h3 up
+        wait_for "$work/watch" "added.*printer" $((round + 1))
+        check_time "link number $round is back" "$waited" 3100
+    done
+    check "every event came once" "$(grep -c -E 'added|removed' "$work/watch")" 11
+    stop_all
+}
+
+lossy() {
+    start 2 serve serve camera 1
+    start 3 watch watch
+    lose 20 10
+    on 1 env LUMORA_LINK_INTERFACE=eth0 "$tool" post camera 300 >"$work/post"
+    cat "$work/post"
+    read -r _ answered _ counted <"$work/post"
+    check "every POST was answered in spite of loss" "$answered" 300
+    check "and every one was counted once" "$counted" "$answered"
+    check "nobody was removed wrongly" "$(grep -c 'removed.*camera' "$work/watch")" 0
+    be_sound
+    stop_all
+}
+
+two_hundred() {
+    interface=lo
+    for process in 1 2 3 4 5 6 7 8 9 10; do
+        start 1 "serve$process" serve camera 20
+    done
+    sleep 2
+    find_on 1 camera
+    check "200 nodes of one host are found" "$found" 200
+    echo "        in $duration ms"
+    on 1 nft -f - <<END
+table ip faults {
+    chain input {
+        type filter hook input priority 0;
+        ip protocol udp numgen random mod 100 < 20 drop
+    }
+}
+END
+    for try in 1 2 3; do
+        find_on 1 camera
+        check "200 nodes of one host are found through 20 % loss" "$found" 200
+    done
+    on 1 nft flush ruleset
+    interface=
+    stop_all
+}
+
+blocked_multicast() {
+    nft add table bridge blocked
+    nft 'add chain bridge blocked forward { type filter hook forward priority 0; }'
+    nft add rule bridge blocked forward ip daddr 224.0.0.0/4 drop
+    LUMORA_LINK_PORT=7000 start 2 serve serve camera 1
+    find_on 1 camera
+    check "without multicast nobody is found" "$found" 0
+    export LUMORA_LINK_PEERS=10.77.0.2:7000
+    find_on 1 camera
+    check "but a static peer is" "$found" 1
+    unset LUMORA_LINK_PEERS
+    be_sound
+    stop_all
+}
+
+foreign_client() {
+    local client
+    client=$(command -v coap-client || command -v coap-client-notls)
+    if [ -z "$client" ]; then
+        echo "skip    no coap-client"
+        return
+    fi
+    start 2 serve serve camera 1
+    on 1 ip route add 224.0.0.0/4 dev eth0
+    link=$(on 1 timeout 10 "$client" -N -B 2 -m get 'coap://224.0.1.187/.well-known/core?rt=camera' 2>/dev/null)
+    uri=$(sed -n 's/.*<\(coap:[^>]*\)>.*/\1/p' <<<"$link" | head -1)
+    check "a foreign client finds the node by multicast" "$(cut -d: -f1-2 <<<"$uri")" "coap://10.77.0.2"
+    reply=$(on 1 timeout 10 "$client" -B 5 -m get "$uri?count" 2>/dev/null | tr -d '\n')
+    check "and reads from it" "$reply" 0
+    on 1 timeout 10 "$client" -B 5 -m post -e 1 "$uri?add" >/dev/null 2>&1
+    reply=$(on 1 timeout 10 "$client" -B 5 -m get "$uri?count" 2>/dev/null | tr -d '\n')
+    check "and writes to it" "$reply" 1
+    stop_all
+}
+
+make_bridge || exit 77
+for host in 1 2 3 4 5; do
+    make_host $host
+done
+nft list ruleset >/dev/null 2>&1 || exit 77
+for name in ${@:-five_hosts killed_and_cut lossy two_hundred blocked_multicast foreign_client}; do
+    echo "== $name"
+    $name
+done
+[ "$failures" -eq 0 ]
