@@ -1,0 +1,72 @@
+// Transports without sockets, and a version query that fails. Linking this catches the calls of the server
+// module that would make a transport or ask for the version.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "transport/transport_manager.h"
+
+namespace lumora_test {
+
+using lumoraAiModule::LUM_OBSERVER_S;
+using lumoraAiModule::TransType;
+
+// Does what it is told and remembers how it was called.
+class FakeTransport : public lumoraAiModule::LumoraTransManager {
+public:
+    struct Direction {
+        TransType type;
+        std::string address;
+        int port;
+        LUM_OBSERVER_S observer;
+    };
+
+    int CreateTransports(TransType type, const std::string& address, int port,
+                         LUM_OBSERVER_S& observer) override;
+    int StopTransports() override;
+    int GetTransStatus(LUM_TRANSPORT_STATUS_E& status) override;
+    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
+
+    int receiveResult = 0;  // of CreateTransports for SERVER_RECEIVE
+    int sendingResult = 0;  // and for SERVER_SEND
+    int stopResult = 0;
+    int statusResult = 0;
+    LUM_TRANSPORT_STATUS_E status = LUM_TRANSPORT_STATUS_UNKNOWN;
+    // How a send ends; by default everything is written.
+    std::function<int(unsigned int length, unsigned int* written)> send = [](unsigned int length,
+                                                                             unsigned int* written) {
+        *written = length;
+        return 0;
+    };
+
+    std::vector<Direction> directions;
+    int stops = 0;
+    std::vector<std::string> sent;
+    std::vector<unsigned int> timeouts;
+};
+
+// While one lives, the server module's factory gives `next` instead of a TCP transport.
+class FakeTransports {
+public:
+    FakeTransports();
+    ~FakeTransports();
+    FakeTransports(const FakeTransports&) = delete;
+    FakeTransports& operator=(const FakeTransports&) = delete;
+
+    std::shared_ptr<FakeTransport> next = std::make_shared<FakeTransport>();
+    std::vector<LUM_TRANSPORT_E> protocols;  // of the transports that were asked for
+};
+
+// While one lives, the version cannot be told.
+class VersionFailure {
+public:
+    VersionFailure();
+    ~VersionFailure();
+    VersionFailure(const VersionFailure&) = delete;
+    VersionFailure& operator=(const VersionFailure&) = delete;
+};
+
+}  // namespace lumora_test
