@@ -270,7 +270,9 @@ int LumoraServerModule::OpenDataChannel(LumoraTransManager& transport, const std
         return receiving;
     }
     LUM_OBSERVER_S none;
-    const int sending = transport.CreateTransports(TransType::SERVER_SEND, address, port + 1, none);
+    // Any number may come in a setup string, also the highest.
+    const int clientPort = static_cast<int>(static_cast<unsigned int>(port) + 1);
+    const int sending = transport.CreateTransports(TransType::SERVER_SEND, address, clientPort, none);
     if (sending != 0) {
         LUMORA_ERROR("CreateTransports failed,will stop transport!\n");
         transport.StopTransports();
