@@ -9,6 +9,7 @@
 
 #include "tests/support/eventually.h"
 #include "tests/support/raw_peer.h"
+#include "tests/support/system_faults.h"
 #include "transport/data_frame.h"
 #include "transport/tcp_client_transport.h"
 #include "transport/tcp_server_transport.h"
@@ -19,6 +20,7 @@ namespace lumora_test {
 class Inbox {
 public:
     void Put(std::string item) {
+        const AllocationFaultsPaused paused;
         const std::lock_guard<std::mutex> lock(mMutex);
         mItems.push_back(std::move(item));
     }
@@ -26,7 +28,10 @@ public:
         const std::lock_guard<std::mutex> lock(mMutex);
         return mItems;
     }
-    size_t Count() const { return Items().size(); }
+    size_t Count() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mItems.size();
+    }
     bool WaitForCount(size_t count) const {
         return Eventually([&] { return Count() >= count; });
     }
@@ -40,7 +45,7 @@ private:
 class RecordingCallback : public lumoraAiModule::LumoraTransCallback {
 public:
     int OnRecvData(char* data, unsigned int length) override {
-        mFrames.Put(std::string(data, length));
+        Keep(data, length);
         if (mOnData) {
             mOnData(data, length);
         }
@@ -59,6 +64,12 @@ public:
     std::function<void(char*, unsigned int)> mOnData;
     std::function<void()> mOnDisconnect;
     int mResult = 0;
+
+private:
+    void Keep(const char* data, unsigned int length) {
+        const AllocationFaultsPaused paused;
+        mFrames.Put(std::string(data, length));
+    }
 };
 
 // Keeps what the plain function of an observer gets: the client ID as one byte, then the payload.
@@ -83,13 +94,17 @@ public:
     int mResult = 0;
 
 private:
+    void Keep(int clientID, const char* data, unsigned int length) {
+        const AllocationFaultsPaused paused;
+        mBlocks.Put(Item(clientID, Bytes(data, length)));
+    }
     static RecordingObserver*& Current() {
         static RecordingObserver* current = nullptr;
         return current;
     }
     static int OnData(int clientID, const char* data, unsigned int length) {
         RecordingObserver& self = *Current();
-        self.mBlocks.Put(Item(clientID, Bytes(data, length)));
+        self.Keep(clientID, data, length);
         if (self.mOnData) {
             self.mOnData(data, length);
         }

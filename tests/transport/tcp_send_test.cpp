@@ -1,0 +1,225 @@
+// What both sides share in sending.
+#include <cerrno>
+#include <csignal>
+#include <thread>
+
+#include "tests/transport/tcp_fixture.h"
+
+namespace lumora_test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char TIMED_OUT[] = "SendData timeout: Resource temporarily unavailable(errno: 11)\n";
+
+template <typename Side>
+class TcpSendTest : public TcpFixture<Side> {
+protected:
+    void ExpectRefused() {
+        this->mLog.Clear();
+        this->mWritten = 4711;
+        EXPECT_EQ(-1, this->Send("refused"));
+        EXPECT_EQ(0U, this->mWritten);
+        EXPECT_THAT(this->mLog.Texts(4), ElementsAre(NO_CHANNEL));
+    }
+    void ExpectTimedOut() {
+        EXPECT_TRUE(this->mTransport->IsBroken());
+        EXPECT_FALSE(this->mTransport->IsRunning());
+        EXPECT_FALSE(this->mTransport->HasSendSocket());
+        EXPECT_TRUE(this->ThreadExits());
+        ExpectRefused();
+    }
+};
+
+TYPED_TEST_SUITE(TcpSendTest, Sides);
+
+TYPED_TEST(TcpSendTest, BytesGoOutAsTheyAre) {
+    this->Connect();
+    const Bytes bytes("\0\xff\n\x06 any", 8);
+    EXPECT_EQ(0, this->Send(bytes));
+    EXPECT_EQ(8U, this->mWritten);
+    EXPECT_EQ(bytes, this->mSinkPeer.Receive(8));
+}
+
+TYPED_TEST(TcpSendTest, NothingIsSentForNothing) {
+    this->Connect();
+    EXPECT_EQ(0, this->Send(""));
+    EXPECT_EQ(0U, this->mWritten);
+    EXPECT_EQ(0, SystemCallCount(SystemCall::SEND));
+}
+
+TYPED_TEST(TcpSendTest, LargeBlocksGoOutWhole) {
+    this->Connect();
+    const Bytes bytes(8000000, 'x');
+    std::thread reader([this, &bytes] { EXPECT_TRUE(bytes == this->mSinkPeer.Receive(bytes.size())); });
+    EXPECT_EQ(0, this->Send(bytes));
+    reader.join();
+    EXPECT_EQ(bytes.size(), this->mWritten);
+}
+
+TYPED_TEST(TcpSendTest, ShortWritesAreContinued) {
+    this->Connect();
+    LimitTransfer(SystemCall::SEND, 3);
+    EXPECT_EQ(0, this->Send("0123456789"));
+    EXPECT_EQ(10U, this->mWritten);
+    EXPECT_EQ(4, SystemCallCount(SystemCall::SEND));
+    EXPECT_EQ("0123456789", this->mSinkPeer.Receive(10));
+}
+
+TYPED_TEST(TcpSendTest, After501WritesThatWouldBlockItStillGoesOn) {
+    this->Connect();
+    FailSystemCall(SystemCall::SEND, EAGAIN, 501);
+    EXPECT_EQ(0, this->Send("payload"));
+    EXPECT_EQ(7U, this->mWritten);
+    EXPECT_EQ(502, SystemCallCount(SystemCall::SEND));
+    EXPECT_THAT(this->mLog.Texts(4), IsEmpty());
+}
+
+TYPED_TEST(TcpSendTest, OnlyConsecutiveWritesThatWouldBlockCount) {
+    this->Connect();
+    LimitTransfer(SystemCall::SEND, 4);
+    FailSystemCallInTurns(SystemCall::SEND, EINTR, 501, 1);
+    EXPECT_EQ(0, this->Send("0123456789"));
+    EXPECT_EQ(10U, this->mWritten);
+    EXPECT_EQ(3 * 502, SystemCallCount(SystemCall::SEND));
+    EXPECT_EQ("0123456789", this->mSinkPeer.Receive(10));
+}
+
+TYPED_TEST(TcpSendTest, The502ndWriteThatWouldBlockIsATimeOut) {
+    this->Connect();
+    FailSystemCall(SystemCall::SEND, EAGAIN, 502);
+    EXPECT_EQ(0, this->Send("payload"));
+    EXPECT_EQ(0U, this->mWritten);
+    EXPECT_EQ(502, SystemCallCount(SystemCall::SEND));
+    EXPECT_THAT(this->mLog.Texts(4), ElementsAre(TIMED_OUT));
+    EXPECT_TRUE(this->mSinkPeer.SeesEnd());
+    this->ExpectTimedOut();
+}
+
+TYPED_TEST(TcpSendTest, InterruptedWritesCountLikeThoseThatWouldBlock) {
+    this->Connect();
+    FailSystemCall(SystemCall::SEND, EINTR, 502);
+    EXPECT_EQ(0, this->Send("payload"));
+    EXPECT_THAT(this->mLog.Texts(4), ElementsAre("SendData timeout: Interrupted system call(errno: 4)\n"));
+    this->ExpectTimedOut();
+}
+
+TYPED_TEST(TcpSendTest, TimeOutShowsInAShortCount) {
+    this->Connect();
+    LimitTransfer(SystemCall::SEND, 4);
+    FailSystemCall(SystemCall::SEND, EAGAIN, 502, 1);
+    EXPECT_EQ(0, this->Send("payload"));
+    EXPECT_EQ(4U, this->mWritten);
+    EXPECT_THAT(this->mLog.Texts(4), ElementsAre(TIMED_OUT));
+}
+
+TYPED_TEST(TcpSendTest, PeerThatReadsNothingTimesOut) {
+    this->Connect();
+    const Bytes bytes(32000000, 'x');
+    EXPECT_EQ(0, this->Send(bytes));
+    EXPECT_LT(0U, this->mWritten);
+    EXPECT_GT(bytes.size(), this->mWritten);
+    EXPECT_THAT(this->mLog.Texts(4), ElementsAre(TIMED_OUT));
+    this->ExpectTimedOut();
+}
+
+TYPED_TEST(TcpSendTest, TimeOutArgumentIsIgnored) {
+    this->Connect();
+    FailSystemCall(SystemCall::SEND, EAGAIN, 501);
+    EXPECT_EQ(0, this->mTransport->SendData("x", 1, &this->mWritten, 1));
+    EXPECT_EQ(1U, this->mWritten);
+}
+
+TYPED_TEST(TcpSendTest, FailedWriteEndsBothDirections) {
+    this->Connect();
+    FailSystemCall(SystemCall::SEND, ENOBUFS);
+    EXPECT_EQ(-1, this->Send("payload"));
+    EXPECT_EQ(0U, this->mWritten);
+    EXPECT_TRUE(this->mSinkPeer.SeesEnd());
+    EXPECT_TRUE(this->ThreadExits());
+    EXPECT_TRUE(this->mPeer.SeesEnd());
+    EXPECT_FALSE(this->mTransport->IsBroken());
+    this->ExpectRefused();
+}
+
+TYPED_TEST(TcpSendTest, FailedWriteWakesTheReceiveThread) {
+    IgnoreSelectTimeouts();
+    this->Connect();
+    FailSystemCall(SystemCall::SEND, ENOBUFS);
+    EXPECT_EQ(-1, this->Send("payload"));
+    EXPECT_TRUE(this->ThreadExits());
+}
+
+TYPED_TEST(TcpSendTest, PeerThatLeavesDoesNotEndTheProcess) {
+    struct sigaction disposition = {};
+    sigaction(SIGPIPE, nullptr, &disposition);
+    ASSERT_EQ(SIG_DFL, disposition.sa_handler);
+    this->Connect();
+    this->mSinkPeer.Close();
+    EXPECT_TRUE(Eventually([this] { return this->Send("payload") == -1; }));
+    EXPECT_EQ(1U, this->mLog.Texts(4).front().find("rite failed error: Broken pipe(errno: 32)"))
+        << this->mLog.Dump();
+    sigaction(SIGPIPE, nullptr, &disposition);
+    EXPECT_EQ(SIG_DFL, disposition.sa_handler);
+}
+
+TYPED_TEST(TcpSendTest, PeerThatResetsDoesNotEndTheProcess) {
+    this->Connect();
+    this->mSinkPeer.Reset();
+    EXPECT_TRUE(Eventually([this] { return this->Send("payload") == -1; }));
+    this->ExpectRefused();
+}
+
+TYPED_TEST(TcpSendTest, SecondSendingDirectionReplacesTheFirst) {
+    this->Connect();
+    RawConnection first = std::move(this->mSinkPeer);
+    this->ConnectSending();
+    EXPECT_TRUE(first.SeesEnd());
+    EXPECT_EQ(0, this->Send("payload"));
+    EXPECT_EQ("payload", this->mSinkPeer.Receive(7));
+}
+
+TYPED_TEST(TcpSendTest, SendersTakeTurns) {
+    this->Connect();
+    LimitTransfer(SystemCall::SEND, 100);
+    std::vector<std::thread> senders;
+    for (char fill = 'a'; fill < 'e'; ++fill) {
+        senders.emplace_back([this, fill] {
+            unsigned int written = 0;
+            const Bytes block(1000, fill);
+            EXPECT_EQ(0, this->mTransport->SendData(block.data(), 1000, &written, 0));
+            EXPECT_EQ(1000U, written);
+        });
+    }
+    for (int i = 0; i < 4; ++i) {
+        const Bytes block = this->mSinkPeer.Receive(1000);
+        EXPECT_EQ(Bytes(1000, block[0]), block);
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+}
+
+TYPED_TEST(TcpSendTest, DestroyingClosesTheSendingDirectionOnly) {
+    IgnoreSelectTimeouts();
+    this->Connect();
+    EXPECT_EQ(0, this->mTransport->DestoryTransports());
+    EXPECT_TRUE(this->mSinkPeer.SeesEnd());
+    EXPECT_FALSE(this->mTransport->IsRunning());
+    EXPECT_FALSE(this->mTransport->IsBroken());
+    EXPECT_TRUE(this->ThreadExits());
+    this->ExpectRefused();
+}
+
+TYPED_TEST(TcpSendTest, DestroyingForgetsThatTheChannelWasBroken) {
+    this->Connect();
+    this->mPeer.Close();
+    EXPECT_TRUE(this->ThreadExits());
+    EXPECT_TRUE(this->mTransport->IsBroken());
+    EXPECT_EQ(0, this->mTransport->DestoryTransports());
+    EXPECT_FALSE(this->mTransport->IsBroken());
+}
+
+}  // namespace
+}  // namespace lumora_test
