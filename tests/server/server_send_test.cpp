@@ -301,6 +301,14 @@ TEST_F(ServerSendTest, FrameWithoutMemoryFailsTheSend) {
     EXPECT_EQ(1U, Frames().size());
 }
 
+TEST_F(ServerSendTest, FrameOfTheLongestPayloadWithoutMemoryFailsTheSend) {
+    OpenFakeChannel();
+    FailLargeAllocation(LUM_MAX_SERVER_DATA_LENGTH);
+    EXPECT_EQ(-1, mModule->SendDataToClient("face", "abc", LUM_MAX_SERVER_DATA_LENGTH, &mSent, 0));
+    EXPECT_THAT(Errors(), ElementsAre("memory malloc error\n", "PacketAndSendData failed!\n"));
+    EXPECT_EQ(4711U, mSent);
+}
+
 TEST_F(ServerSendTest, SendAllocatesOnce) {
     const std::string name = "face";
     OpenFakeChannel();

@@ -59,6 +59,14 @@ TEST_F(FakeSetupTest, BothDirectionsAreCreatedForTheRequester) {
     EXPECT_EQ(nullptr, directions[1].observer.OnData);
 }
 
+// Nothing checks the range of the port, and any device on the network may send one.
+TEST_F(FakeSetupTest, HighestPortIsCountedOnWithoutHarm) {
+    EXPECT_EQ("Succ", RequestSetup(SetupString(2, 70000)).reply);
+    EXPECT_EQ(70001, mTransports.next->directions.back().port);
+    EXPECT_EQ("Succ", RequestSetup(R"({"p":2,"ep":{"addr":"a","port":99999999999}})").reply);
+    EXPECT_EQ("Succ", RequestSetup(R"({"p":2,"ep":{"addr":"a","port":-99999999999}})").reply);
+}
+
 TEST_F(FakeSetupTest, SuccessIsLoggedAndSelectsTheConnectedDevice) {
     RequestSetup(SetupString(2, 7000), "127.0.0.5");
     EXPECT_THAT(mLog.Texts(2),
@@ -219,6 +227,7 @@ TEST_F(ServerSetupTest, ProtocolsOneToThreeAreCarriedOverTcp) {
 TEST_F(ServerSetupTest, ServerListensAndConnectsBack) {
     OpenChannel();
     EXPECT_TRUE(IsListening());
+    EXPECT_EQ("free", mPlatform.Get("TransStatus").reply);
     EXPECT_TRUE(mLog.Has(2, "Start reveived thread success in server.\n"));
     EXPECT_TRUE(mLog.Has(2, "After bind socket success, start to listen at port 2586.\n")) << mLog.Dump();
 }

@@ -1,3 +1,5 @@
+#include <stdexcept>
+
 #include "tests/server/server_fixture.h"
 
 namespace lumora_test {
@@ -235,6 +237,15 @@ TEST_F(ServerSubscriptionTest, DocumentThatCannotBeReadFails) {
     mLog.Clear();
     EXPECT_EQ(-1, mPlatform.Post("Command", R"({"cmd":"SetMode"})"));
     EXPECT_THAT(Errors(), ElementsAre("ParseJsonCmd failed!\n"));
+}
+
+TEST_F(ServerSubscriptionTest, CallbackThatThrowsFailsTheRequestAndNothingStaysLocked) {
+    mApplication.onCommand = [] { throw std::runtime_error("of the application"); };
+    mApplication.onNotify = mApplication.onCommand;
+    EXPECT_EQ(-1, Cmd(3, "SetMode", "night"));
+    EXPECT_EQ(-1, Subscribe(3, "face"));
+    mApplication.onNotify = [] {};
+    EXPECT_EQ(0, Unsubscribe(3, "face"));
 }
 
 // ---- Without callbacks ----
