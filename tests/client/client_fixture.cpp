@@ -55,6 +55,12 @@ std::string ClientModuleProbe::InsertServiceDevMap(LumoraClientModule& module, s
     return serviceType;
 }
 
+void ClientModuleProbe::SetTransport(LumoraClientModule& module, unsigned int handle,
+                                     std::shared_ptr<LumoraTransManager> transport) {
+    const lumora::MutexLock lock(module.mMutex);
+    module.mTransportMap[handle] = std::move(transport);
+}
+
 bool ClientModuleProbe::IsLocked(LumoraClientModule& module) {
     bool locked = true;
     std::thread([&] {

@@ -40,10 +40,36 @@ struct ClientModuleProbe {
                                       std::shared_ptr<lumora::LinkDevice> device, LUM_DEVICE_INFO_S* devInfo);
     static std::string InsertServiceDevMap(LumoraClientModule& module, std::string serviceType,
                                            std::shared_ptr<lumora::LinkDevice> device);
+    // Puts a transport in the place of the handle's.
+    static void SetTransport(LumoraClientModule& module, unsigned int handle,
+                             std::shared_ptr<LumoraTransManager> transport);
     // Whether some thread, the caller included, holds the module's lock.
     static bool IsLocked(LumoraClientModule& module);
     // Inside callbacks only, which run under the module's lock, or while nothing else runs.
     static unsigned int ConnectedHandle(LumoraClientModule& module, int clientID) NO_THREAD_SAFETY_ANALYSIS;
+};
+
+// A transport that does as it is told.
+class ScriptedTransport : public LumoraTransManager {
+public:
+    int DestoryTransports() override {
+        ++destroyed;
+        return destroyResult;
+    }
+    int SendData(const void* data, unsigned int length, unsigned int* written,
+                 unsigned int timeout) override {
+        frame.assign(static_cast<const char*>(data), length);
+        usedTimeout = timeout;
+        *written = reportedWritten;
+        return sendResult;
+    }
+
+    int destroyResult = 0;
+    int destroyed = 0;
+    int sendResult = 0;
+    unsigned int reportedWritten = 0;
+    Bytes frame;
+    unsigned int usedTimeout = 0;
 };
 
 // Device events, with their payloads, in the order in which the callbacks below were called.

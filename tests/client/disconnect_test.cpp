@@ -222,6 +222,24 @@ TEST_F(DestoryTransportTest, DeviceThatWasNotFoundAgainCannotBeAsked) {
     EXPECT_TRUE(mFromClient.SeesEnd()) << "the sending half was closed before that";
 }
 
+TEST_F(DestoryTransportTest, TransportThatCannotBeDestroyedFailsBeforeTheDeviceIsAsked) {
+    const auto transport = std::make_shared<ScriptedTransport>();
+    transport->destroyResult = 1;
+    ClientModuleProbe::SetTransport(*mModule, NO_HANDLE, transport);
+    EXPECT_EQ(-1, mModule->DestoryTransport(NO_HANDLE));
+    ExpectOnlyError("DestoryTransports!\n");
+}
+
+TEST_F(DestoryTransportTest, TransportOfAHandleThatIsGoneCannotBeFinished) {
+    const auto transport = std::make_shared<ScriptedTransport>();
+    ClientModuleProbe::SetTransport(*mModule, NO_HANDLE, transport);
+    EXPECT_EQ(-1, mModule->DestoryTransport(NO_HANDLE));
+    ExpectOnlyError("Handle error: 4711, no such device!\n");
+    EXPECT_EQ(1, transport->destroyed);
+    EXPECT_EQ(-1, mModule->DestoryTransport(NO_HANDLE));
+    EXPECT_EQ(2, transport->destroyed) << "it stays with its handle";
+}
+
 TEST_F(DestoryTransportTest, TransportIsReplacedByTheNextConnection) {
     const unsigned int camera = ConnectToCamera();
     EXPECT_EQ(0, mModule->DestoryTransport(camera));

@@ -249,5 +249,77 @@ TEST_F(LinkLifecycleTest, EventAfterTheInstancesEndFindsNobody) {
     EXPECT_TRUE(mLog.Has(1, "g_mNotifyCallback is nullptr, can't callback!\n"));
 }
 
+// ---- With a data channel ----
+
+using LastClientTest = ChannelTest;
+
+TEST_F(LastClientTest, TransportIsStoppedAfterTheLinkHasLeftAndWithoutTheLock) {
+    Connect(1, Camera());
+    mLog.Clear();
+    bool locked = true;
+    bool leftFirst = false;
+    WhenLogged(2, "The transport will be stopped.\n", [&] {
+        locked = ClientModuleProbe::IsLocked(*mModule);
+        leftFirst = mPlatform.CallCount("Exit") == 1 && mLog.Has(1, "will unlock\n");
+    });
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_FALSE(locked);
+    EXPECT_TRUE(leftFirst);
+    EXPECT_TRUE(mLog.Has(2, "The transport has been stopped.\n"));
+    EXPECT_TRUE(mToClient.SeesEnd());
+    EXPECT_TRUE(mFromClient.SeesEnd());
+    EXPECT_EQ(0, mPlatform.LiveProxies());
+}
+
+TEST_F(LastClientTest, LinkIsLeftWithoutTheLock) {
+    bool locked = true;
+    mPlatform.onExit = [&] { locked = ClientModuleProbe::IsLocked(*mModule); };
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_FALSE(locked);
+}
+
+TEST_F(LastClientTest, FrameThatArrivesDuringTheStopFindsNoCallback) {
+    const unsigned int camera = Camera();
+    RegisterEvents(1, camera);
+    Connect(1, camera);
+    WhenLogged(1, "CloseCoapService --out!\n", [&] {
+        mToClient.Send(lumora_test::ServerFrameBytes("\x01", "face", "late"));
+        EXPECT_TRUE(mLog.WaitFor(4, "ClientID : 1 has no Register Event Callback!!\n"));
+    });
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_THAT(ReceivedEvents(), IsEmpty());
+}
+
+TEST_F(LastClientTest, ConnectedClientThatIsNotTheLastLeavesWithoutAWord) {
+    NewClients(1);
+    const unsigned int camera = Camera();
+    Connect(1, camera);
+    ForgetAsked();
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_THAT(Asked(), IsEmpty());
+    EXPECT_EQ(0, SendData(2, camera, "x"));
+    EXPECT_EQ(lumora_test::ClientFrame(2, "x"), mFromClient.Receive(7));
+}
+
+TEST_F(LastClientTest, NewClientUnderTheSameIdIsNotConnected) {
+    NewClients(1);
+    const unsigned int camera = Camera(2);
+    Connect(1, camera);
+    EXPECT_EQ(0, RemoveClient(1));
+    EXPECT_EQ(1, NewClient());
+    EXPECT_FALSE(IsConnected(1, camera));
+}
+
+TEST_F(LastClientTest, TransportThatAFailedExitLeftRunningEndsWithTheInstance) {
+    Connect(1, Camera());
+    mPlatform.exitResult = -1;
+    EXPECT_EQ(-1, RemoveClient(1));
+    EXPECT_FALSE(mLog.Has(2, "The transport will be stopped.\n"));
+    mModule.reset();
+    EXPECT_EQ(0, LumoraClientModule::DestoryInstance());
+    EXPECT_TRUE(mToClient.SeesEnd());
+    EXPECT_TRUE(mLog.Has(2, "The client reveived thread exit.\n"));
+}
+
 }  // namespace
 }  // namespace lumoraAiModule

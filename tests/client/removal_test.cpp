@@ -153,6 +153,21 @@ TEST_F(RemovalTest, TransportIsDestroyedButNotStopped) {
     EXPECT_EQ(0, mPlatform.CallCount("Exit"));
 }
 
+TEST_F(RemovalTest, TransportThatCannotBeDestroyedStaysAfterEverythingElseIsGone) {
+    const unsigned int camera = Camera();
+    const auto transport = std::make_shared<ScriptedTransport>();
+    transport->destroyResult = 1;
+    ClientModuleProbe::SetTransport(*mModule, camera, transport);
+    mLog.Clear();
+    EXPECT_EQ(-1, Remove(5683));
+    ExpectOnlyError("DestoryTransports!\n");
+    EXPECT_EQ(1, transport->destroyed);
+    EXPECT_EQ(1, mPlatform.LiveProxies());
+    EXPECT_EQ(-1, mModule->DisconnectAiDevice(1, camera));
+    EXPECT_EQ(camera, Reader()) << "the handle is free";
+    EXPECT_EQ(0, SendData(1, camera, "x")) << "the transport is still there";
+}
+
 TEST_F(RemovalTest, DeviceCanBeFoundAndConnectedAgain) {
     const unsigned int camera = Camera();
     for (int round = 0; round < 3; ++round) {

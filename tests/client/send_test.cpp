@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include "tests/client/client_fixture.h"
 #include "tests/support/system_faults.h"
@@ -329,6 +330,42 @@ TEST_F(SendDataTest, DeviceThatStopsReadingMakesTheCountShortAndTheNextCallFail)
     EXPECT_EQ(0U, mSent);
     EXPECT_THAT(mLog.Texts(4),
                 ElementsAre("No transport channel created, please connect first.\n", "SendData failed!\n"));
+}
+
+TEST_F(SendDataTest, TransportGetsTheWholeFrameAndTheCallersTimeOut) {
+    const unsigned int camera = Camera();
+    const auto transport = std::make_shared<ScriptedTransport>();
+    transport->reportedWritten = 11;
+    ClientModuleProbe::SetTransport(*mModule, camera, transport);
+    SendDataInfo info("hello", 5, 1234);
+    EXPECT_EQ(0, mModule->SendData(1, camera, info, mSent));
+    EXPECT_EQ(ClientFrame(1, "hello"), transport->frame);
+    EXPECT_EQ(1234U, transport->usedTimeout);
+    EXPECT_EQ(5U, mSent);
+}
+
+TEST_F(SendDataTest, OnlyPayloadBytesCount) {
+    const unsigned int camera = Camera();
+    const auto transport = std::make_shared<ScriptedTransport>();
+    ClientModuleProbe::SetTransport(*mModule, camera, transport);
+    const std::pair<unsigned int, unsigned int> counts[] = {{0, 0}, {1, 0}, {5, 0}, {6, 0}, {7, 1}, {10, 4}};
+    for (const auto& [written, reported] : counts) {
+        transport->reportedWritten = written;
+        EXPECT_EQ(0, SendData(1, camera, "hello"));
+        EXPECT_EQ(reported, mSent) << written << " bytes went out";
+    }
+}
+
+TEST_F(SendDataTest, FailedSendReportsNothingWhateverWentOut) {
+    const unsigned int camera = Camera();
+    const auto transport = std::make_shared<ScriptedTransport>();
+    transport->reportedWritten = 9;
+    transport->sendResult = 1;
+    ClientModuleProbe::SetTransport(*mModule, camera, transport);
+    mLog.Clear();
+    EXPECT_EQ(-1, SendData(1, camera, "hello"));
+    EXPECT_EQ(0U, mSent);
+    ExpectOnlyError("SendData failed!\n");
 }
 
 TEST_F(SendDataTest, CountIsNotBelowZeroWhenNotEvenTheHeadWentOut) {
