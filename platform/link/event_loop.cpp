@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <array>
 
+#include "log.h"
+
 namespace lumora_link {
 
 namespace {
@@ -71,7 +73,7 @@ void EventLoop::RunOnce() {
         const auto watched = watched_.find(events[static_cast<std::size_t>(at)].data.fd);
         if (watched != watched_.end()) {
             const Task task = watched->second;
-            task();
+            RunContained(task);
         }
     }
 }
@@ -92,6 +94,9 @@ void EventLoop::Shut() {
     MutexLock lock(mutex_);
     shut_ = true;
     dropped.swap(posted_);
+    epoll_ = UniqueFd();
+    wake_ = UniqueFd();
+    timer_ = UniqueFd();
 }
 
 void EventLoop::RunPosted() {
@@ -101,7 +106,16 @@ void EventLoop::RunPosted() {
         tasks.swap(posted_);
     }
     for (const Task& task : tasks) {
+        RunContained(task);
+    }
+}
+
+// What one task lacks must not cost the others their turn.
+void EventLoop::RunContained(const Task& task) {
+    try {
         task();
+    } catch (...) {
+        LINK_LOG_LIMITED(kLogError, "a message is dropped for want of memory\n");
     }
 }
 

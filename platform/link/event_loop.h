@@ -27,10 +27,12 @@ public:
 
     // From any thread. False once Shut was called; the task is then dropped.
     bool Post(Task task);
+    // Closes the descriptors too; the loop must not be running any more.
     void Shut();
 
 private:
     void RunPosted();
+    static void RunContained(const Task& task);
 
     UniqueFd epoll_;
     UniqueFd wake_;

@@ -47,9 +47,14 @@ Outcome Node::Request(const Endpoint& to, std::uint8_t method, std::string key, 
         return {};
     }
     OutgoingRequest request{*ticket, to, method, std::move(key), std::move(value)};
-    if (!io_.Post([request = std::move(request)](NodeCore& core, TimePoint now) {
+    const bool posted = io_.Post([this, request = std::move(request)](NodeCore& core, TimePoint now) {
+        try {
             core.StartRequest(request, now);
-        })) {
+        } catch (...) {
+            requests_.Tell(request.ticket, {});
+        }
+    });
+    if (!posted) {
         requests_.Tell(*ticket, {});
     }
     return requests_.Wait(*ticket);
@@ -60,9 +65,14 @@ std::vector<NodeDescription> Node::Find(const std::string& deviceType) {
     if (!ticket) {
         return {};
     }
-    if (!io_.Post([ticket, deviceType](NodeCore& core, TimePoint now) {
+    const bool posted = io_.Post([this, ticket, deviceType](NodeCore& core, TimePoint now) {
+        try {
             core.StartSearch(*ticket, deviceType, now);
-        })) {
+        } catch (...) {
+            searches_.Tell(*ticket, {});
+        }
+    });
+    if (!posted) {
         searches_.Tell(*ticket, {});
     }
     return searches_.Wait(*ticket);

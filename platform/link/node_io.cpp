@@ -43,8 +43,11 @@ bool NodeIo::Start() {
         if (open) {
             Run();
         }
+        // All of them now: proxies may keep this object, and the port must refuse.
         coap_.reset();
         group_.reset();
+        port_ = PortGuard();
+        routes_ = UniqueFd();
     });
     const bool open = ready.get();
     if (!open) {

@@ -9,7 +9,7 @@ namespace lumora_link {
 namespace {
 
 constexpr Milliseconds kNewcomerJitter{50};
-constexpr std::size_t kMaxTexts = 8192;
+constexpr std::size_t kMaxTexts = 2048;
 
 }  // namespace
 

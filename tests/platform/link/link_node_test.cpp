@@ -335,14 +335,26 @@ TEST_F(LinkNodeTest, DamagedDatagramsDisturbNobody) {
     EXPECT_EQ(device.Requests().back().key, "after");
 }
 
-TEST_F(LinkNodeTest, ARefusedPortFailsAtOnce) {
+TEST_F(LinkNodeTest, APortThatIsLeftRefusesAtOnceThoughProxiesKeepWhatIsLeftOfTheNode) {
     Start();
-    device.Free();
-    milliseconds time{};
+    Found readers(device, "reader");
+    ASSERT_EQ(readers.Size(), 1U);
+    ASSERT_EQ(device.Platform()->Exit(device.Platform()), 0);
     int result = 0;
-    time = TimeOf([&] { result = Put(proxy, "key", "value"); });
+    const milliseconds time = TimeOf([&] { result = Put(proxy, "key", "value"); });
     EXPECT_NE(result, 0);
     EXPECT_LT(time, seconds(3));
+}
+
+TEST_F(LinkNodeTest, EndedNodesThatProxiesKeepHoldNoDescriptors) {
+    Start();
+    const std::size_t before = OpenDescriptors();
+    TestNode other("printer");
+    ASSERT_TRUE(other.Start());
+    Found cameras(other, "camera");
+    ASSERT_EQ(cameras.Size(), 1U);
+    other.Free();
+    EXPECT_EQ(OpenDescriptors(), before);
 }
 
 TEST(LinkProxyTest, AreFreedInAnyOrderAndTheRestOfTheChainStaysValid) {

@@ -131,7 +131,7 @@ TEST(LinkProcessTest, AProcessThatEndsIsGoneAtOnce) {
     ServingProcess process("camera");
     ASSERT_TRUE(HasEvents(watcher, 1));
     process.End();
-    EXPECT_TRUE(Eventually([&] { return watcher.Events().size() == 2; }, std::chrono::milliseconds(700)))
+    EXPECT_TRUE(Eventually([&] { return watcher.Events().size() == 2; }, std::chrono::milliseconds(1100)))
         << "before a hello was missed";
     EXPECT_THAT(Found(watcher, "camera").Endpoints(), SizeIs(0));
 }
