@@ -90,7 +90,7 @@ std::string FirstWithText(const LUM_DEVICES_INFO_S& devices) {
 void SetLanguage(TextSession& session, const Options& options) {
     const Step step("language");
     session.SendCommand(SET_LANGUAGE_COMMAND, options.language.c_str());
-    step.Done(TextSession::Await(Answer::Kind::NOTE, options.answerSeconds).text);
+    step.Done(session.Await(Answer::Kind::NOTE, options.answerSeconds).text);
 }
 
 Answer ReadPicture(TextSession& session, const std::string& picture, const Options& options) {
@@ -98,7 +98,7 @@ Answer ReadPicture(TextSession& session, const std::string& picture, const Optio
     const Step sending("send");
     session.Send(picture);
     sending.Done(std::to_string(picture.size()) + " bytes");
-    Answer answer = TextSession::Await(Answer::Kind::TEXT, options.answerSeconds);
+    Answer answer = session.Await(Answer::Kind::TEXT, options.answerSeconds);
     answering.Done(std::to_string(answer.milliseconds) + " ms of it to read the picture");
     return answer;
 }

@@ -62,7 +62,7 @@ public:
         return mQueue.TryPush(Work{kind, std::move(content)});
     }
 
-    // A picture that is being read is given up: its sender gets an answer that says so.
+    // Pictures that wait or are being read are given up: their senders get an answer that says so.
     void Stop() {
         mQueue.Close();
         mRecognizer.Cancel();
@@ -139,8 +139,9 @@ int OnEventNotify(int clientID, int event, LUM_SUBSCRIBE_SERVICE_S subscription)
 
 // The bytes are valid until it returns, so they are copied.
 int OnData(int clientID, const char* data, unsigned int length) try {
-    std::printf("client %d sent %u bytes\n", clientID, length);
-    if (!g_reader->TryAdd(Work::Kind::PICTURE, std::string(data, length))) {
+    const bool taken = g_reader->TryAdd(Work::Kind::PICTURE, std::string(data, length));
+    std::printf("client %d sent %u bytes%s\n", clientID, length, taken ? "" : ", refused");
+    if (!taken) {
         SendAnswer(
             {Answer::Kind::ERROR, "the device takes no more pictures just now: send this one again later"});
         return -1;

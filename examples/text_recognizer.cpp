@@ -114,7 +114,14 @@ void TextRecognizer::SetLanguage(const std::string& language) {
     mTesseract = Load(language);
 }
 
+void TextRecognizer::RequireGoingOn() const {
+    if (mCancelled) {
+        throw std::runtime_error("the device is going away");
+    }
+}
+
 std::string TextRecognizer::Read(const std::string& picture) {
+    RequireGoingOn();
     const PixOwner pix = Decode(picture);
     tesseract::ETEXT_DESC monitor;
     monitor.cancel = IsCancelled;
@@ -127,9 +134,7 @@ std::string TextRecognizer::Read(const std::string& picture) {
     if (text != nullptr) {
         return text.get();
     }
-    if (mCancelled) {
-        throw std::runtime_error("the device is going away");
-    }
+    RequireGoingOn();
     if (monitor.deadline_exceeded()) {
         throw std::runtime_error("the picture takes too long to read: send a smaller part of it");
     }

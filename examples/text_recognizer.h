@@ -33,6 +33,7 @@ public:
 private:
     static std::unique_ptr<tesseract::TessBaseAPI> Load(const std::string& language);
     std::vector<std::string> InstalledLanguages() const;
+    void RequireGoingOn() const;
     void RequireInstalled(const std::string& language) const;
 
     const std::chrono::milliseconds mLimit;  // for one picture

@@ -5,6 +5,7 @@
 #include <deque>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -33,18 +34,21 @@ public:
         mChanged.notify_one();
     }
 
-    Answer Take(int seconds) {
+    // Nothing when none comes in time, or when the device has left.
+    std::optional<Answer> Take(std::chrono::milliseconds limit) {
         std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait_for(lock, std::chrono::seconds(seconds),
-                          [this] { return mDeviceLeft || !mAnswers.empty(); });
-        if (!mAnswers.empty()) {
-            Answer answer = std::move(mAnswers.front());
-            mAnswers.pop_front();
-            return answer;
+        mChanged.wait_for(lock, limit, [this] { return mDeviceLeft || !mAnswers.empty(); });
+        if (mAnswers.empty()) {
+            return std::nullopt;
         }
-        throw Failure(NO_ANSWER, mDeviceLeft ? "the device has left the network; start it again and repeat"
-                                             : "no answer within " + std::to_string(seconds) +
-                                                   " s; the device may be busy: allow more with --timeout");
+        Answer answer = std::move(mAnswers.front());
+        mAnswers.pop_front();
+        return answer;
+    }
+
+    bool HasDeviceLeft() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mDeviceLeft;
     }
 
 private:
@@ -143,15 +147,28 @@ void TextSession::Send(const std::string& picture) {
     }
 }
 
-Answer TextSession::Await(Answer::Kind kind, int seconds) {
-    while (true) {
-        Answer answer = g_inbox.Take(seconds);
-        if (answer.kind == Answer::Kind::ERROR) {
-            throw Failure(DEVICE_REFUSED, "the device says: " + answer.text);
+Answer TextSession::Await(Answer::Kind kind, int seconds) const {
+    constexpr auto BETWEEN_CHECKS = std::chrono::seconds(1);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < end) {
+        const std::optional<Answer> answer = g_inbox.Take(BETWEEN_CHECKS);
+        if (!answer) {
+            RequireDevice();
+        } else if (answer->kind == Answer::Kind::ERROR) {
+            throw Failure(DEVICE_REFUSED, "the device says: " + answer->text);
+        } else if (answer->kind == kind) {
+            return *answer;
         }
-        if (answer.kind == kind) {
-            return answer;
-        }
+    }
+    throw Failure(NO_ANSWER, "no answer within " + std::to_string(seconds) +
+                                 " s; the device may be busy: allow more with --timeout");
+}
+
+// No event tells of a broken connection, but every call that needs the device fails from then on.
+void TextSession::RequireDevice() const {
+    char version[LUM_MIN_VERSION_BUFFER_LENGTH];
+    if (g_inbox.HasDeviceLeft() || LUM_GetServerVersion(mClient, mHandle, version, sizeof(version)) != 0) {
+        throw Failure(NO_ANSWER, "the device has left the network; start it again and repeat");
     }
 }
 

@@ -50,9 +50,11 @@ public:
     void Send(const std::string& picture);
 
     // The next answer of this kind. One that is an error is a failure.
-    static Answer Await(Answer::Kind kind, int seconds);
+    Answer Await(Answer::Kind kind, int seconds) const;
 
 private:
+    void RequireDevice() const;
+
     int mClient = 0;
     unsigned int mHandle = 0;
     bool mConnected = false;

@@ -28,11 +28,11 @@ public:
         return true;
     }
 
-    // Waits for an item; nothing once the queue is closed.
+    // Waits for an item; nothing once the queue is closed and empty.
     std::optional<Item> Pop() {
         std::unique_lock<std::mutex> lock(mMutex);
         mChanged.wait(lock, [this] { return mClosed || !mItems.empty(); });
-        if (mClosed) {
+        if (mItems.empty()) {
             return std::nullopt;
         }
         Item item = std::move(mItems.front());
@@ -40,12 +40,11 @@ public:
         return item;
     }
 
-    // Ends Pop; what still waits is dropped.
+    // Takes no more.
     void Close() {
         {
             const std::lock_guard<std::mutex> lock(mMutex);
             mClosed = true;
-            mItems.clear();
         }
         mChanged.notify_all();
     }
