@@ -1,0 +1,155 @@
+// The two examples in C, and a client that outlives devices, as processes over our link platform.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <string>
+
+#include "process.h"
+
+namespace lumora_test {
+namespace {
+
+using testing::HasSubstr;
+
+class EchoDevice : public Process {
+public:
+    EchoDevice() : Process({DEVICE_PROGRAM}) { WaitForLine("ready"); }
+
+    int End() {
+        Signal(SIGTERM);
+        return WaitForEnd();
+    }
+};
+
+void ExpectEcho(const std::string& text) {
+    Process client({CLIENT_PROGRAM, text});
+    EXPECT_EQ(0, client.WaitForEnd());
+    EXPECT_EQ("echo: " + text + "\n", client.Output());
+}
+
+class LastingClient : public Process {
+public:
+    LastingClient() : Process({LASTING_CLIENT_PROGRAM}) {}
+
+    bool Do(const std::string& command) {
+        WriteLine(command);
+        return WaitForLine(command + " ") == command + " done";
+    }
+
+    // A removal that comes late ends a connection to the next device of this type: it has to be waited for.
+    void WaitForRemoval() { WaitForLog("Received request to remove device"); }
+
+    void ExpectEcho(const std::string& text) {
+        WriteLine(text);
+        EXPECT_EQ("echo: " + text, WaitForLine("echo: "));
+    }
+
+    int End() {
+        CloseInput();
+        return WaitForEnd();
+    }
+};
+
+TEST(EchoTest, ClientGetsBackWhatItSent) {
+    EchoDevice device;
+    ExpectEcho("hello");
+    device.WaitForLine("client 1 subscribed to echo");
+    device.WaitForLine("client 1 sent 5 bytes, 5 went back");
+    device.WaitForLine("client 1 left echo");
+    EXPECT_EQ(0, device.End());
+}
+
+TEST(EchoTest, ClientWithoutDeviceFails) {
+    Process client({CLIENT_PROGRAM});
+    EXPECT_EQ(1, client.WaitForEnd());
+    EXPECT_THAT(client.Errors(), HasSubstr("is an echo device running in this network?"));
+}
+
+TEST(EchoTest, RestartedClientWorksAgain) {
+    EchoDevice device;
+    ExpectEcho("first");
+    ExpectEcho("second");
+    ExpectEcho("third");
+    EXPECT_EQ(0, device.End());
+}
+
+TEST(EchoTest, RestartedDeviceWorksAgain) {
+    for (const std::string text : {"first", "second", "third"}) {
+        EchoDevice device;
+        ExpectEcho(text);
+        EXPECT_EQ(0, device.End());
+    }
+}
+
+TEST(EchoTest, DeviceThatReplacesKilledOneWorks) {
+    {
+        EchoDevice killed;
+        ExpectEcho("before");
+        killed.Signal(SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, killed.WaitForEnd());
+    }
+    EchoDevice device;
+    ExpectEcho("after");
+    EXPECT_EQ(0, device.End());
+}
+
+TEST(EchoTest, DeviceEndsWhileClientIsConnected) {
+    EchoDevice device;
+    LastingClient client;
+    ASSERT_TRUE(client.Do("connect"));
+    EXPECT_EQ(0, device.End());
+    EXPECT_EQ(0, client.End());
+}
+
+TEST(EchoTest, ConnectedClientReturnsToDeviceThatWasRestarted) {
+    LastingClient client;
+    for (const std::string text : {"first", "second", "third"}) {
+        EchoDevice device;
+        ASSERT_TRUE(client.Do("connect"));
+        client.ExpectEcho(text);
+        EXPECT_EQ(0, device.End());
+        client.WaitForRemoval();
+    }
+    EXPECT_EQ(0, client.End());
+}
+
+TEST(EchoTest, ConnectedClientReturnsAfterDeviceWasKilled) {
+    LastingClient client;
+    for (const std::string text : {"first", "second", "third"}) {
+        EchoDevice device;
+        ASSERT_TRUE(client.Do("connect"));
+        client.ExpectEcho(text);
+        device.Signal(SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, device.WaitForEnd());
+        client.WaitForRemoval();
+    }
+    EXPECT_EQ(0, client.End());
+}
+
+TEST(EchoTest, CallsFailOnceDeviceWasKilled) {
+    LastingClient client;
+    EchoDevice device;
+    ASSERT_TRUE(client.Do("connect"));
+    EXPECT_TRUE(client.Do("version"));
+    device.Signal(SIGKILL);
+    EXPECT_EQ(128 + SIGKILL, device.WaitForEnd());
+    EXPECT_FALSE(client.Do("version"));
+    EXPECT_FALSE(client.Do("text"));
+    EXPECT_EQ(0, client.End());
+}
+
+TEST(EchoTest, DeviceForgetsKilledClientAndServesTheNext) {
+    EchoDevice device;
+    {
+        LastingClient client;
+        ASSERT_TRUE(client.Do("connect"));
+        client.Signal(SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, client.WaitForEnd());
+    }
+    device.WaitForLine("client 1 left echo");
+    ExpectEcho("next");
+    EXPECT_EQ(0, device.End());
+}
+
+}  // namespace
+}  // namespace lumora_test
