@@ -46,7 +46,6 @@ constexpr std::uint16_t kUriPath = 11;
 constexpr std::uint16_t kContentFormat = 12;
 constexpr std::uint16_t kUriQuery = 15;
 constexpr std::uint16_t kBlock1 = 27;
-constexpr std::uint16_t kNoResponse = 258;
 // Of the range for experiments; even and thus elective, so foreign servers may ignore them.
 constexpr std::uint16_t kRequester = 65000;
 constexpr std::uint16_t kKnownNodes = 65008;

@@ -14,8 +14,6 @@ namespace {
 constexpr std::size_t kMaxOptionBytes = 255;
 constexpr std::string_view kTypeQuery = "rt=";
 constexpr std::uint32_t kLinkFormat = 40;
-// No answer of any class is wanted: a foreign server need not object to our notices (RFC 7967).
-constexpr std::uint32_t kNoAnswerAtAll = 2 + 8 + 16;
 // Keeps a probe within one Ethernet frame.
 constexpr std::size_t kMaxKnownNodes = 250;
 
@@ -138,7 +136,6 @@ CoapMessage MakeNotice(const char* path, const std::string& link) {
     notice.code = code::kPost;
     AddPath(notice, path);
     notice.Add(option::kContentFormat, EncodeUint(kLinkFormat));
-    notice.Add(option::kNoResponse, EncodeUint(kNoAnswerAtAll));
     notice.payload = link;
     return notice;
 }

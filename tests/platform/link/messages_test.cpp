@@ -104,11 +104,11 @@ TEST(MessagesTest, KeysOfAnyLengthAndBytesAreReadBack) {
     }
 }
 
-TEST(MessagesTest, NoticesWantNoAnswerOfAnyKind) {
+TEST(MessagesTest, NoticesNeedNoAnswerAndCarryTheLink) {
     const CoapMessage notice = MakeNotice(kHelloPath, "link");
     EXPECT_EQ(notice.type, MessageType::NonConfirmable);
     EXPECT_EQ(PathOf(notice), "lumora/hello");
-    EXPECT_EQ(DecodeUint(*notice.Find(option::kNoResponse)), 26U);
+    EXPECT_EQ(DecodeUint(*notice.Find(option::kContentFormat)), 40U);
     EXPECT_EQ(notice.payload, "link");
 }
 

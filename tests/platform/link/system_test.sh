@@ -245,12 +245,38 @@ foreign_client() {
     stop_all
 }
 
+decoded() {
+    if ! command -v tshark >/dev/null; then
+        echo "skip    no tshark"
+        return
+    fi
+    # Started through a bridge port, tshark sees what both hosts send.
+    tshark -i h1 -w "$work/traffic" -q 2>"$work/capture" &
+    local capture=$!
+    children+=("$capture")
+    until grep -q "Capturing on" "$work/capture"; do
+        kill -0 "$capture" || { cat "$work/capture"; break; }
+        sleep 0.01
+    done
+    sleep 1
+    start 2 serve serve camera 1
+    on 1 env LUMORA_LINK_INTERFACE=eth0 "$tool" post camera 20 >/dev/null
+    stop_all
+    tshark -r "$work/traffic" -d udp.port==1-65535,coap -Y coap >"$work/decoded" 2>/dev/null
+    check "tshark knows hellos, probes, answers and requests" \
+        "$(for word in POST GET 2.05 2.04 lumora/hello lumora/goodbye .well-known/core; do
+            grep -q -F "$word" "$work/decoded" || echo "not $word"
+        done)" ""
+    check "and finds nothing malformed" \
+        "$(tshark -r "$work/traffic" -d udp.port==1-65535,coap -Y '_ws.malformed || _ws.expert.severity==8388608' 2>/dev/null | wc -l)" 0
+}
+
 make_bridge || exit 77
 for host in 1 2 3 4 5; do
     make_host $host
 done
 nft list ruleset >/dev/null 2>&1 || exit 77
-for name in ${@:-five_hosts killed_and_cut lossy two_hundred blocked_multicast foreign_client}; do
+for name in ${@:-five_hosts killed_and_cut lossy two_hundred blocked_multicast foreign_client decoded}; do
     echo "== $name"
     $name
 done
