@@ -32,6 +32,11 @@ public:
         const std::lock_guard<std::mutex> lock(mMutex);
         return mItems.size();
     }
+    // Leaves nothing.
+    std::vector<std::string> Take() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return std::exchange(mItems, {});
+    }
     bool WaitForCount(size_t count) const {
         return Eventually([&] { return Count() >= count; });
     }

@@ -19,6 +19,7 @@ constexpr unsigned int HANDLE = 9;
 constexpr char NO_CHANNEL[] = "No transport channel created, please connect first.\n";
 
 struct ClientSide {
+    static constexpr char NAME[] = "Client";
     using Transport = OpenClient;
     static constexpr auto RECEIVE = lumoraAiModule::TransType::CLIENT_RECEIVE;
     static constexpr auto SEND = lumoraAiModule::TransType::CLIENT_SEND;
@@ -41,6 +42,7 @@ struct ClientSide {
 };
 
 struct ServerSide {
+    static constexpr char NAME[] = "Server";
     using Transport = OpenServer;
     static constexpr auto RECEIVE = lumoraAiModule::TransType::SERVER_RECEIVE;
     static constexpr auto SEND = lumoraAiModule::TransType::SERVER_SEND;
@@ -146,5 +148,12 @@ protected:
 };
 
 using Sides = testing::Types<ClientSide, ServerSide>;
+
+struct SideNames {
+    template <typename Side>
+    static std::string GetName(int) {
+        return Side::NAME;
+    }
+};
 
 }  // namespace lumora_test

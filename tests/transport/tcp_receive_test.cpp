@@ -17,7 +17,7 @@ constexpr size_t READ_SIZE = 1048576;
 template <typename Side>
 class TcpReceiveTest : public TcpFixture<Side> {};
 
-TYPED_TEST_SUITE(TcpReceiveTest, Sides);
+TYPED_TEST_SUITE(TcpReceiveTest, Sides, SideNames);
 
 TYPED_TEST(TcpReceiveTest, WaitsForAConnection) {
     ASSERT_EQ(0, this->CreateReceiving());

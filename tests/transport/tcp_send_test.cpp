@@ -32,7 +32,7 @@ protected:
     }
 };
 
-TYPED_TEST_SUITE(TcpSendTest, Sides);
+TYPED_TEST_SUITE(TcpSendTest, Sides, SideNames);
 
 TYPED_TEST(TcpSendTest, BytesGoOutAsTheyAre) {
     this->Connect();

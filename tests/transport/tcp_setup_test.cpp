@@ -52,7 +52,7 @@ private:
     const std::set<int> mSocketsAtStart = OpenSockets();
 };
 
-TYPED_TEST_SUITE(TcpSetupTest, Sides);
+TYPED_TEST_SUITE(TcpSetupTest, Sides, SideNames);
 
 TYPED_TEST(TcpSetupTest, DirectionsOfTheOtherSideAreIgnored) {
     EXPECT_EQ(0, this->Create(TypeParam::OTHER_RECEIVE, "127.0.0.1", this->mPort));
@@ -223,7 +223,7 @@ private:
     const int mStandardInput;
 };
 
-TYPED_TEST_SUITE(DescriptorZeroTest, Sides);
+TYPED_TEST_SUITE(DescriptorZeroTest, Sides, SideNames);
 
 TYPED_TEST(DescriptorZeroTest, ListenerIsMovedUp) {
     this->WithZero(0, [this] { ASSERT_EQ(0, this->CreateReceiving()); });
@@ -281,7 +281,7 @@ private:
     bool mMayRaise = false;
 };
 
-TYPED_TEST_SUITE(HighDescriptorTest, Sides);
+TYPED_TEST_SUITE(HighDescriptorTest, Sides, SideNames);
 
 TYPED_TEST(HighDescriptorTest, ListenerIsRefused) {
     GiveDescriptorNumber(FD_SETSIZE);

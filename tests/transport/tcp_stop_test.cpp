@@ -44,7 +44,7 @@ protected:
     }
 };
 
-TYPED_TEST_SUITE(TcpStopTest, Sides);
+TYPED_TEST_SUITE(TcpStopTest, Sides, SideNames);
 
 TYPED_TEST(TcpStopTest, WithoutAnyDirectionThereIsNothingToJoin) {
     this->Stop();
@@ -230,7 +230,7 @@ protected:
     }
 };
 
-TYPED_TEST_SUITE(TcpLifetimeTest, Sides);
+TYPED_TEST_SUITE(TcpLifetimeTest, Sides, SideNames);
 
 TYPED_TEST(TcpLifetimeTest, UnusedTransportGoesAtOnce) { EXPECT_TRUE(this->Drop().expired()); }
 
