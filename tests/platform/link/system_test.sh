@@ -82,6 +82,7 @@ start() {
         "$tool" "$@" <"$work/$name.in" >"$work/$name" 2>&1) &
     started=$!
     children+=("$started")
+    # shellcheck disable=SC2034 # held open, or the tool would see the end of its input
     exec {hold}>"$work/$name.in"
     until grep -q ready "$work/$name"; do
         kill -0 "$started" || { cat "$work/$name"; exit 1; }
@@ -140,7 +141,7 @@ five_hosts() {
     find_on 1 camera
     check "20 nodes of five hosts are found" "$found" 20
     check "in the order of their addresses" "$(sort -c -V <(grep : "$work/found") && echo yes)" yes
-    for try in 1 2 3 4 5; do
+    for _ in 1 2 3 4 5; do
         find_on 1 camera
         [ "$duration" -le 300 ] && break
     done
@@ -201,7 +202,7 @@ table ip faults {
     }
 }
 END
-    for try in 1 2 3; do
+    for _ in 1 2 3; do
         find_on 1 camera
         check "200 nodes of one host are found through 20 % loss" "$found" 200
     done
@@ -276,7 +277,8 @@ for host in 1 2 3 4 5; do
     make_host $host
 done
 nft list ruleset >/dev/null 2>&1 || exit 77
-for name in ${@:-five_hosts killed_and_cut lossy two_hundred blocked_multicast foreign_client decoded}; do
+[ $# -gt 0 ] || set -- five_hosts killed_and_cut lossy two_hundred blocked_multicast foreign_client decoded
+for name in "$@"; do
     echo "== $name"
     $name
 done
