@@ -258,6 +258,22 @@ TEST_F(TcpClientTest, LargeRestTakesNoFurtherBuffer) {
     EXPECT_EQ(2, LargeAllocationCount());
 }
 
+// A frame's fields may reach 66 bytes beyond it: what an earlier read left there must not be taken for them.
+TEST_F(TcpClientTest, NothingOfAnEarlierReadFollowsALyingFrame) {
+    const Bytes lying = "\x01" + LittleEndian32(9) + "\x14" + Bytes(4, 'x');
+    mSide.mCallback.mOnData = [&lying](char* data, unsigned int length) {
+        if (length == lying.size()) {
+            EXPECT_EQ(Bytes(66, '\0'), Bytes(data + length, 66));
+        }
+    };
+    Receive();
+    const Bytes frame = ClientSide::Frame(Bytes(300, 'y'));
+    const Bytes rest = frame.substr(9);
+    Feed({frame, lying, frame.substr(0, 9), rest, lying.substr(0, 3), lying.substr(3)});
+    EXPECT_TRUE(mSide.Delivered().WaitForCount(4));
+    EXPECT_THAT(mSide.Delivered().Items(), ElementsAre(frame, lying, frame, lying));
+}
+
 TEST_F(TcpClientTest, OneTransportsFrameEndsTheOthersPendingOne) {
     RecordingCallback otherCallback;
     auto other = std::make_shared<OpenClient>(otherCallback, 10U);
