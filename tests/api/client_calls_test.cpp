@@ -61,6 +61,14 @@ TEST_F(ClientCallsTest, RegisterEventLogsItsSuccess) {
     EXPECT_EQ(Texts{"2 Client[1] register event success. \n"}, LogOf("LUM_RegisterEvent"));
 }
 
+TEST_F(ClientCallsTest, RegisterEventReportsTheModulesRefusal) {
+    InitClient();
+    mLog.Clear();
+    EXPECT_EQ(-1, LUM_RegisterEvent(2, OnClientEvent));
+    EXPECT_EQ(Texts{"4 LUM_RegisterEvent failed!\n"}, LogOf("LUM_RegisterEvent"));
+    EXPECT_TRUE(mLog.Has(4, "ClientID : 2 no resource!!\n"));
+}
+
 TEST_F(ClientCallsTest, GetAiDeviceListHasNoMessageOfItsOwn) {
     InitClient();
     mPlatform.devices = {DescribedDevice(ServiceInfo("camera"))};

@@ -99,6 +99,25 @@ TEST_F(InitClientOutOfMemoryTest, InitClientFailsAndTheNextOneWorks) {
     EXPECT_EXIT(FailEachInit(), testing::ExitedWithCode(0), "");
 }
 
+TEST_F(OutOfMemoryTest, ClientModuleThatCannotBeMadeIsReported) {
+    int clientID = -77;
+    FailAllocation(1);
+    EXPECT_EQ(-1, LUM_InitClient(&clientID, "viewer"));
+    EXPECT_EQ((Texts{"0 Enter\n", "0 Enter\n", "4 malloc LumoraClientModule failed!\n",
+                     "4 LumoraClientModule CreateInstance failed!\n"}),
+              Log());
+    EXPECT_EQ(-77, clientID);
+    EXPECT_EQ(1, InitClient());
+}
+
+TEST_F(OutOfMemoryTest, ServerModuleThatCannotBeMadeIsReported) {
+    FailAllocation(1);
+    EXPECT_EQ(-1, LUM_InitServer("camera"));
+    EXPECT_EQ((Texts{"0 Enter\n", "0 Enter\n", "0 Out\n", "4 LumoraServerModule CreateInstance failed!\n"}),
+              Log());
+    InitServer();
+}
+
 TEST_F(OutOfMemoryTest, SecondClientFailsAndTheFirstOneGoesOn) {
     InitClient();
     int clientID = 0;
