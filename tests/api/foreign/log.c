@@ -3,7 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
-void LogInfo(int level, const char* tag, const char* function, int line, const char* format, ...);
+__attribute__((format(printf, 5, 6))) void LogInfo(int level, const char* tag, const char* function, int line,
+                                                   const char* format, ...);
 int ForeignLogErrors(void);
 int ForeignLogLines(void);
 
