@@ -12,29 +12,39 @@ constexpr std::chrono::milliseconds STOP_CHECK_INTERVAL(2);
 
 }  // namespace
 
+bool ApiMutex::TryLock() {
+    int expected = FREE;
+    return mState.compare_exchange_strong(expected, HELD, std::memory_order_acquire);
+}
+
 void ApiMutex::Lock() {
+    if (TryLock()) {
+        return;
+    }
     std::unique_lock<std::mutex> lock(mMutex);
-    mReleased.wait(lock, [this] { return !mHeld; });
-    mHeld = true;
+    mReleased.wait(lock, [this] { return mState.exchange(CONTENDED, std::memory_order_acquire) == FREE; });
 }
 
 bool ApiMutex::LockWhile(const std::atomic<bool>& wanted) {
+    if (TryLock()) {
+        return true;
+    }
     std::unique_lock<std::mutex> lock(mMutex);
-    while (mHeld) {
+    while (mState.exchange(CONTENDED, std::memory_order_acquire) != FREE) {
         if (!wanted) {
             return false;
         }
         mReleased.wait_for(lock, STOP_CHECK_INTERVAL);
     }
-    mHeld = true;
     return true;
 }
 
 void ApiMutex::Unlock() {
-    {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mHeld = false;
+    if (mState.exchange(FREE, std::memory_order_release) == HELD) {
+        return;
     }
+    // Between a waiter's look at the state and its sleep it holds the mutex.
+    { const std::lock_guard<std::mutex> lock(mMutex); }
     mReleased.notify_one();
 }
 

@@ -29,9 +29,15 @@ public:
     void Unlock();
 
 private:
-    std::mutex mMutex;  // guards mHeld; a leaf lock
+    // Somebody waits as long as it is CONTENDED; whoever gets it after waiting leaves it so, because others
+    // may wait too.
+    enum State { FREE, HELD, CONTENDED };
+
+    bool TryLock();
+
+    std::atomic<int> mState{FREE};
+    std::mutex mMutex;  // of those who wait; a leaf lock
     std::condition_variable mReleased;
-    bool mHeld = false;
 };
 
 // Whether a function may be called from the OnData callback.

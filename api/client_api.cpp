@@ -21,11 +21,11 @@ namespace {
 
 lumora::NeverDestroyed<lumora::ApiMutex> g_lumoraClientMutex;
 
-// Read by the version queries without the API mutex, hence through Client and SetClient only. Whoever holds
-// a copy keeps the module alive while another thread removes the last client.
+// Changed under the API mutex, by SetClient. The version queries read it without, by HoldClient: their copy
+// keeps the module alive while another thread removes the last client.
 lumora::NeverDestroyed<std::shared_ptr<LumoraClientModule>> g_lumoraClient;
 
-std::shared_ptr<LumoraClientModule> Client() { return std::atomic_load(&*g_lumoraClient); }
+std::shared_ptr<LumoraClientModule> HoldClient() { return std::atomic_load(&*g_lumoraClient); }
 void SetClient(std::shared_ptr<LumoraClientModule> client) {
     std::atomic_store(&*g_lumoraClient, std::move(client));
 }
@@ -63,7 +63,7 @@ int CopyVersion(const char* function, const std::string& version, char* buff, un
     if (!lock.IsHeld()) {                                                       \
         return -1;                                                              \
     }                                                                           \
-    const std::shared_ptr<LumoraClientModule> lumora = Client()
+    [[maybe_unused]] LumoraClientModule* const lumora = g_lumoraClient->get()
 
 int LUM_InitClient(int* clientID, const char* devType) try {
     LUMORA_TRACE("Enter\n");
@@ -243,7 +243,7 @@ int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen) try {
     if (lumora::WouldWaitForItself(Side::CLIENT, __func__, __LINE__)) {
         return -1;
     }
-    const std::shared_ptr<LumoraClientModule> lumora = Client();
+    const std::shared_ptr<LumoraClientModule> lumora = HoldClient();
     LUMORA_REQUIRE(clientID >= 0, "clientID is illegal.\n");
     LUMORA_REQUIRE(lumora != nullptr, "please call LUM_ConnectAiDevice first.\n");
     LUMORA_REQUIRE(buff != nullptr, "input data buffer is nullptr.\n");
@@ -259,7 +259,7 @@ int LUM_GetServerVersion(int clientID, unsigned int handle, char* buff, unsigned
     if (lumora::WouldWaitForItself(Side::CLIENT, __func__, __LINE__)) {
         return -1;
     }
-    const std::shared_ptr<LumoraClientModule> lumora = Client();
+    const std::shared_ptr<LumoraClientModule> lumora = HoldClient();
     LUMORA_REQUIRE(clientID >= 0, "clientID is illegal.\n");
     LUMORA_REQUIRE(lumora != nullptr, "please call LUM_ConnectAiDevice first.\n");
     LUMORA_REQUIRE(buff != nullptr, "input data buffer is nullptr.\n");

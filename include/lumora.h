@@ -206,7 +206,8 @@ LUM_EXPORT int LUM_RegisterAiDeviceEvent(int clientID, unsigned int handle,
 /*
  * Connects the client to the device; the first client on a handle opens the data channel, which uses the
  * TCP ports 6666 (on the device) and 6667 (here). Connecting twice succeeds. A process has one data channel
- * at a time: connecting to another device closes the channel to the one before.
+ * at a time: connecting to another device closes the channel to the one before. A channel that breaks is not
+ * reported: from then on the calls that need the device fail, and it has to be searched for again.
  */
 LUM_EXPORT int LUM_ConnectAiDevice(int clientID, unsigned int handle);
 
@@ -249,7 +250,7 @@ LUM_EXPORT int LUM_InitServer(const char* devType);
 /*
  * Sets the device's services and callbacks (all three are needed); the record is copied. Replaces an earlier
  * registration and drops its subscriptions. Fails when the description of the services exceeds 1,024
- * characters: names that are long and many.
+ * characters, which only names with characters that JSON escapes can reach.
  */
 LUM_EXPORT int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S* devInfo);
 

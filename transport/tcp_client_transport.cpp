@@ -134,12 +134,13 @@ unsigned int LumoraTCPTransClient::MinimumHeadLength() const { return COMMON_HEA
 int LumoraTCPTransClient::SendData(const void* data, unsigned int length, unsigned int* written,
                                    unsigned int) {
     const lumora::MutexLock lock(mMutex);
-    if (SendSocket() == nullptr || mBroken) {
+    const std::shared_ptr<Descriptor> socket = SendSocket();
+    if (socket == nullptr || mBroken) {
         LUMORA_ERROR("No transport channel created, please connect first.\n");
         *written = 0;
         return -1;
     }
-    if (WriteAll(static_cast<const char*>(data), length, written) != 0) {
+    if (WriteAll(socket, static_cast<const char*>(data), length, written) != 0) {
         return -1;
     }
     LUMORA_DETAIL("write length = %d.\n", static_cast<int>(*written));

@@ -169,12 +169,13 @@ int LumoraTCPTransServer::SendData(const void* data, unsigned int length, unsign
         LUMORA_ERROR("No transport channel created, please connect first.\n");
         return -1;
     }
-    if (SendSocket() == nullptr || mBroken) {
+    const std::shared_ptr<Descriptor> socket = SendSocket();
+    if (socket == nullptr || mBroken) {
         LUMORA_ERROR("No transport channel created, please connect first.\n");
         *written = 0;
         return -1;
     }
-    return WriteAll(static_cast<const char*>(data), length, written);
+    return WriteAll(socket, static_cast<const char*>(data), length, written);
 }
 
 void LumoraTCPTransServer::LogWriteError(int error) {

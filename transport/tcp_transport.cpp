@@ -346,28 +346,28 @@ int TcpTransport::ParseAndSendData(char* data, unsigned int length) {
 
 // ---- Sending ----
 
-int TcpTransport::WriteAll(const char* data, unsigned int length, unsigned int* written) {
+int TcpTransport::WriteAll(const std::shared_ptr<Descriptor>& socket, const char* data, unsigned int length,
+                           unsigned int* written) {
     unsigned int wouldBlockWrites = 0;
     *written = 0;
     while (*written < length && MayWrite()) {
-        const std::shared_ptr<Descriptor> socket = SendSocket();
-        if (socket == nullptr) {
-            return 0;
-        }
         const ssize_t count = send(socket->Number(), data + *written, length - *written, MSG_NOSIGNAL);
         if (count >= 0) {
             wouldBlockWrites = 0;
             *written += static_cast<unsigned int>(count);
-            continue;
+        } else {
+            const int error = errno;
+            if (!WouldBlock(error)) {
+                LogWriteError(error);
+                ClearRunning();
+                SetSendSocket(nullptr);
+                return -1;
+            }
+            if (!PauseBeforeNextWrite(*socket, error, wouldBlockWrites)) {
+                return 0;
+            }
         }
-        const int error = errno;
-        if (!WouldBlock(error)) {
-            LogWriteError(error);
-            ClearRunning();
-            SetSendSocket(nullptr);
-            return -1;
-        }
-        if (!PauseBeforeNextWrite(*socket, error, wouldBlockWrites)) {
+        if (*written < length && SendSocket() != socket) {  // it was closed meanwhile
             return 0;
         }
     }

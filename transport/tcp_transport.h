@@ -75,7 +75,8 @@ protected:
 
     // Sending. Writes until all is written or the channel breaks: a retry budget bounds it, not a time-out.
     // -1 only for a broken connection; a spent budget shows in *written.
-    int WriteAll(const char* data, unsigned int length, unsigned int* written) REQUIRES(mMutex);
+    int WriteAll(const std::shared_ptr<Descriptor>& socket, const char* data, unsigned int length,
+                 unsigned int* written) REQUIRES(mMutex);
     virtual bool MayWrite() const = 0;
     virtual void LogWriteError(int error) = 0;
     std::shared_ptr<Descriptor> SendSocket();
