@@ -95,7 +95,7 @@ protected:
 
     // ---- Log ----
 
-    // Every line as "level text", in order.
+    // Every line as "level text", in order, but for those of a receive thread that waits to be connected to.
     Texts Log() const;
     // Those of one function.
     Texts LogOf(const std::string& function) const;
