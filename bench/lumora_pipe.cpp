@@ -1,0 +1,132 @@
+#include <cstring>
+
+#include "bench/pipe.h"
+#include "lumora.h"
+
+namespace lumora_bench {
+
+namespace {
+
+constexpr const char* DEVICE_TYPE = "bench-device";
+constexpr const char* SERVICE = "bench";
+constexpr unsigned int TIMEOUT_MS = 2000;
+
+// Callbacks of a C interface carry no context, and a process has one pipe.
+Handler g_handler;
+Signal g_subscribed;
+Signal g_answered;
+bool g_exchanging = false;
+
+int OnCommand(const char*, const char*) { return 0; }
+
+int OnEventNotify(int, int event, LUM_SUBSCRIBE_SERVICE_S) {
+    if (event == LUM_NOTIFY_SUBSCRIBED) {
+        g_subscribed.Raise();
+    }
+    return 0;
+}
+
+int OnData(int, const char* data, unsigned int length) {
+    if (g_handler) {
+        g_handler(data, length);
+    }
+    return 0;
+}
+
+int OnDeviceEvent(LUM_DEVICE_EVENT_S event) {
+    if (g_handler) {
+        g_handler(event.data, event.dataLen);
+    }
+    if (g_exchanging) {
+        g_answered.Raise();
+    }
+    return 0;
+}
+
+void Check(int result, const char* what) {
+    if (result != 0) {
+        Fail(std::string("lumora: ") + what + " failed");
+    }
+}
+
+class LumoraPipe : public Pipe {
+public:
+    void Open(Role role, Flow, Handler handler) override {
+        mRole = role;
+        g_handler = std::move(handler);
+        if (role == Role::DEVICE) {
+            OpenDevice();
+        } else {
+            OpenClient();
+        }
+    }
+
+    void Send(const char* data, std::size_t length) override {
+        const auto count = static_cast<unsigned int>(length);
+        unsigned int sent = 0;
+        if (mRole == Role::DEVICE) {
+            Check(LUM_SendDataToClient(SERVICE, data, count, &sent, TIMEOUT_MS), "LUM_SendDataToClient");
+        } else {
+            Check(LUM_SendData(mClient, mHandle, data, count, &sent, TIMEOUT_MS), "LUM_SendData");
+        }
+        if (sent != count) {
+            Fail("lumora: the peer is too slow");
+        }
+    }
+
+    void Exchange(const char* data, std::size_t length) override {
+        g_exchanging = true;
+        Send(data, length);
+        g_answered.Wait();
+    }
+
+    void Close() override {
+        if (mRole == Role::DEVICE) {
+            Check(LUM_DeInitServer(), "LUM_DeInitServer");
+        } else {
+            Check(LUM_DeInitClient(mClient), "LUM_DeInitClient");
+        }
+    }
+
+private:
+    static void OpenDevice() {
+        LUM_DEVICE_INFO_S device = {};
+        device.serviceNum = 1;
+        std::strcpy(device.devServiceType, DEVICE_TYPE);
+        std::strcpy(device.serviceInfo[0].serviceName, SERVICE);
+        device.serviceInfo[0].outputLenBytes = LUM_MAX_SERVER_DATA_LENGTH;
+        device.serviceInfo[0].transport = LUM_TRANSPORT_TCP;
+        device.OnCommand = OnCommand;
+        device.OnEventNotify = OnEventNotify;
+        device.OnData = OnData;
+        Check(LUM_InitServer(DEVICE_TYPE), "LUM_InitServer");
+        Check(LUM_RegisterAiDevInfo(&device), "LUM_RegisterAiDevInfo");
+        g_subscribed.Wait();
+    }
+
+    void OpenClient() {
+        Check(LUM_InitClient(&mClient, "bench-client"), "LUM_InitClient");
+        LUM_DEVICES_INFO_S found = {};
+        for (int i = 0; i < 20 && found.devNum == 0; ++i) {
+            LUM_GetAiDeviceList(DEVICE_TYPE, &found);
+        }
+        Check(LUM_CreateAiDevice(mClient, DEVICE_TYPE, &mHandle), "LUM_CreateAiDevice");
+        Check(LUM_RegisterAiDeviceEvent(mClient, mHandle, OnDeviceEvent), "LUM_RegisterAiDeviceEvent");
+        Check(LUM_ConnectAiDevice(mClient, mHandle), "LUM_ConnectAiDevice");
+        LUM_SUBSCRIBE_SERVICE_S subscription = {};
+        std::strcpy(subscription.serviceName, SERVICE);
+        subscription.transport = LUM_TRANSPORT_TCP;
+        Check(LUM_SendCmd(mClient, mHandle, "subscribe", reinterpret_cast<const char*>(&subscription)),
+              "LUM_SendCmd");
+    }
+
+    Role mRole = Role::DEVICE;
+    int mClient = 0;
+    unsigned int mHandle = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<Pipe> MakeLumoraPipe() { return std::make_unique<LumoraPipe>(); }
+
+}  // namespace lumora_bench

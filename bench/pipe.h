@@ -1,0 +1,62 @@
+// A pipe for messages between two processes, over one of the libraries that are compared.
+#pragma once
+
+#include <semaphore.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace lumora_bench {
+
+enum class Role { DEVICE, CLIENT };
+enum class Flow { UP, DOWN, BOTH };  // UP: client to device
+
+// Gets every message on a thread of the library's choice; false means that no more are wanted.
+using Handler = std::function<bool(const char* data, std::size_t length)>;
+
+// Failures end the process with a message: a benchmark that half works measures nothing.
+class Pipe {
+public:
+    virtual ~Pipe() = default;
+    // Returns when messages can flow. The device is started first; handler may be empty.
+    virtual void Open(Role role, Flow flow, Handler handler) = 0;
+    virtual void Send(const char* data, std::size_t length) = 0;
+    // Sends, and returns when one message has come back, the way a program of this library would wait for it.
+    virtual void Exchange(const char* data, std::size_t length) = 0;
+    virtual void Close() = 0;
+};
+
+std::unique_ptr<Pipe> MakeLumoraPipe();
+std::unique_ptr<Pipe> MakeFramedTcpPipe();    // the framing of Lumora's client frames, select, reads of 1 MiB
+std::unique_ptr<Pipe> MakeUnframedTcpPipe();  // bytes without boundaries: what the machine can do at all
+#ifdef LUMORA_BENCH_ZMQ
+std::unique_ptr<Pipe> MakeZmqPipe(bool pair);  // PAIR, or PUSH and PULL
+#endif
+#ifdef LUMORA_BENCH_NNG
+std::unique_ptr<Pipe> MakeNngPipe(bool pair);
+#endif
+
+// By name: "lumora", "tcp-framed", "tcp-unframed", "zmq-pushpull", "zmq-pair", "nng-pushpull", "nng-pair".
+std::unique_ptr<Pipe> MakePipe(const std::string& name);
+std::vector<std::string> PipeNames();
+
+[[noreturn]] void Fail(const std::string& what);
+
+// Where a thread waits for the callback of another.
+class Signal {
+public:
+    Signal() { sem_init(&mSemaphore, 0, 0); }
+    ~Signal() { sem_destroy(&mSemaphore); }
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+    void Raise() { sem_post(&mSemaphore); }
+    void Wait();
+
+private:
+    sem_t mSemaphore;
+};
+
+}  // namespace lumora_bench
