@@ -75,6 +75,7 @@ void Discovery::Tick(TimePoint now) {
     SendDueAnswers(now);
     for (auto running = searches_.begin(); running != searches_.end();) {
         SendDueProbes(*running, now);
+        DismissRemoved(running->search);
         const bool over = running->search.IsOver(now);
         if (over) {
             application_.SearchEnded(running->ticket, ResultOf(running->search, now));
@@ -131,6 +132,20 @@ void Discovery::SendDueAnswers(TimePoint now) {
 void Discovery::SendDueProbes(Running& running, TimePoint now) {
     while (const auto number = running.search.TakeDueProbe(now)) {
         Probe(running, *number);
+        if (running.search.IsReminder(*number)) {
+            // A ping finds out at once where nobody listens any more; a device that is gone is no result.
+            for (const std::uint64_t id : running.search.Missing()) {
+                presence_.Directory().Suspect(id, now);
+            }
+        }
+    }
+}
+
+void Discovery::DismissRemoved(Search& search) {
+    for (const std::uint64_t id : search.Missing()) {
+        if (presence_.Directory().Find(id) == nullptr) {
+            search.Dismiss(id);
+        }
     }
 }
 

@@ -45,6 +45,7 @@ private:
     void Schedule(const CoapMessage& probe, const Endpoint& to, unsigned interface, TimePoint at);
     void SendDueAnswers(TimePoint now);
     void SendDueProbes(Running& running, TimePoint now);
+    void DismissRemoved(Search& search);
     void Probe(const Running& running, unsigned number);
     std::vector<NodeDescription> ResultOf(const Search& search, TimePoint now) const;
 

@@ -110,8 +110,10 @@ void NodeCore::OnAnswer(ConversationId conversation, const CoapMessage& answer, 
     PassEvents();
 }
 
-void NodeCore::OnRefused(ConversationId conversation, TimePoint) {
-    if (!client_.OnRefused(conversation)) {
+void NodeCore::OnRefused(ConversationId conversation, TimePoint now) {
+    if (const auto refusing = client_.OnRefused(conversation)) {
+        presence_.Directory().SuspectAt(*refusing, now);
+    } else {
         presence_.OnRefused(conversation);
     }
     PassEvents();

@@ -9,8 +9,14 @@ namespace {
 // Bounds what a flood of invented nodes can cost.
 constexpr std::size_t kMaxPeers = 4096;
 constexpr std::size_t kMaxWays = 16;
+constexpr std::size_t kMaxSuspects = 512;
 constexpr std::size_t kMaxGraves = 1024;
 constexpr Milliseconds kGraveTime{10000};
+
+bool WasHeardFrom(const Peer& peer, in_addr_t host) {
+    return std::any_of(peer.ways.begin(), peer.ways.end(),
+                       [host](const auto& way) { return way.first.host == host; });
+}
 
 }  // namespace
 
@@ -55,6 +61,7 @@ bool PeerDirectory::Refresh(Peer& peer, const NodeDescription& node, TimePoint n
     peer.heard = now;
     peer.doubtedSince.reset();
     doubted_.erase(node.identity.id);
+    suspects_.erase(node.identity.id);
     return true;
 }
 
@@ -63,10 +70,7 @@ void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePo
     if (known == peers_.end() || known->second.node.identity != identity) {
         return;
     }
-    const auto& ways = known->second.ways;
-    const bool own =
-        std::any_of(ways.begin(), ways.end(), [source](const auto& way) { return way.first.host == source; });
-    if (own) {
+    if (WasHeardFrom(known->second, source)) {
         Bury(identity, now);
         Remove(known);
     }
@@ -80,6 +84,21 @@ void PeerDirectory::Refuse(std::uint64_t nodeId) {
     }
 }
 
+void PeerDirectory::Suspect(std::uint64_t nodeId, TimePoint now) {
+    if (peers_.count(nodeId) != 0 && suspects_.size() < kMaxSuspects) {
+        suspects_[nodeId] = now + kSuspicion;
+        CheckAt(now);
+    }
+}
+
+void PeerDirectory::SuspectAt(const Endpoint& endpoint, TimePoint now) {
+    for (const auto& [id, peer] : peers_) {
+        if (peer.node.endpoint == endpoint) {
+            Suspect(id, now);
+        }
+    }
+}
+
 // Looks at every node only when the earliest can be due: with many nodes, most calls come from
 // their hellos.
 void PeerDirectory::Tick(TimePoint now) {
@@ -87,21 +106,75 @@ void PeerDirectory::Tick(TimePoint now) {
         return;
     }
     nextCheck_ = TimePoint::max();
+    DoubtSuspects(now);
+    Announce(now);
     for (auto at = peers_.begin(); at != peers_.end();) {
         Peer& peer = at->second;
         if (!peer.doubtedSince && now - peer.heard >= kDoubtAfter) {
-            peer.doubtedSince = now;
-            doubted_.insert(at->first);
+            Doubt(peer, now);
         }
+        // A suspect that merely does not answer gets as long as anybody.
+        const TimePoint silent = peer.heard + kDoubtAfter;
         const TimePoint due =
-            peer.doubtedSince ? *peer.doubtedSince + kGiveUpAfter : peer.heard + kDoubtAfter;
+            peer.doubtedSince ? std::max(*peer.doubtedSince, silent) + kGiveUpAfter : silent;
         if (due <= now) {
             // The link may only have been cut: no grave, the same instance may come back.
             at = Remove(at);
             continue;
         }
-        nextCheck_ = std::min(nextCheck_, due);
+        CheckAt(due);
         ++at;
+    }
+}
+
+void PeerDirectory::Doubt(Peer& peer, TimePoint now) {
+    peer.doubtedSince = now;
+    doubted_.insert(peer.node.identity.id);
+}
+
+void PeerDirectory::DoubtSuspects(TimePoint now) {
+    for (auto at = suspects_.begin(); at != suspects_.end();) {
+        at = at->second <= now ? suspects_.erase(at) : std::next(at);
+    }
+    if (now - askedSince_ >= kAskAgainAfter) {
+        askedSince_ = now;
+        asked_ = 0;
+    }
+    Peer* suspect = LongestSilentSuspect();
+    for (; suspect != nullptr && asked_ < kAskedAtOnce; suspect = LongestSilentSuspect()) {
+        Doubt(*suspect, now);
+        ++asked_;
+    }
+    if (suspect != nullptr) {
+        CheckAt(askedSince_ + kAskAgainAfter);
+    }
+    for (const auto& [id, until] : suspects_) {
+        CheckAt(until);
+    }
+}
+
+// Of those who are not in doubt yet.
+Peer* PeerDirectory::LongestSilentSuspect() {
+    Peer* longest = nullptr;
+    for (const auto& [id, until] : suspects_) {
+        Peer& peer = peers_.at(id);
+        if (!peer.doubtedSince && (longest == nullptr || peer.heard < longest->heard)) {
+            longest = &peer;
+        }
+    }
+    return longest;
+}
+
+void PeerDirectory::Announce(TimePoint now) {
+    for (auto at = heldBack_.begin(); at != heldBack_.end();) {
+        if (!suspects_.empty() && now < at->second) {
+            CheckAt(at->second);
+            ++at;
+            continue;
+        }
+        const Peer& peer = peers_.at(at->first);
+        events_.push_back({true, peer.number, peer.node});
+        at = heldBack_.erase(at);
     }
 }
 
@@ -121,6 +194,9 @@ std::vector<const Peer*> PeerDirectory::OfType(const std::string& deviceType) co
 }
 
 std::vector<DeviceEvent> PeerDirectory::TakeEvents() {
+    if (suspects_.empty()) {
+        Announce(TimePoint::max());
+    }
     std::vector<DeviceEvent> events;
     events.swap(events_);
     return events;
@@ -148,14 +224,34 @@ void PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now
     peer.heard = now;
     peer.unicast = unicast;
     peer.ways[node.endpoint] = now;
-    nextCheck_ = std::min(nextCheck_, now + kDoubtAfter);
-    events_.push_back({true, peer.number, node});
+    CheckAt(now + kDoubtAfter);
+    if (SuspectNeighbours(node, now)) {
+        heldBack_[node.identity.id] = now + kHoldBack;
+        CheckAt(now + kHoldBack);
+    } else {
+        events_.push_back({true, peer.number, node});
+    }
     peers_.emplace(node.identity.id, std::move(peer));
 }
 
+bool PeerDirectory::SuspectNeighbours(const NodeDescription& newcomer, TimePoint now) {
+    bool any = false;
+    for (const auto& [id, peer] : peers_) {
+        if (WasHeardFrom(peer, newcomer.endpoint.host)) {
+            Suspect(id, now);
+            any = true;
+        }
+    }
+    return any;
+}
+
 PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator peer) {
-    events_.push_back({false, peer->second.number, peer->second.node});
+    const bool announced = heldBack_.erase(peer->first) == 0;
+    if (announced) {
+        events_.push_back({false, peer->second.number, peer->second.node});
+    }
     doubted_.erase(peer->first);
+    suspects_.erase(peer->first);
     return peers_.erase(peer);
 }
 

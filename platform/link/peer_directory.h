@@ -2,8 +2,13 @@
 //
 // A node is known by its id. It is added at first sight and removed after a goodbye, when another
 // instance or another node appears in its place, or when it has been silent and a ping failed.
+//
+// A process that is killed and started again leaves a dead node behind, at the address where the new
+// one appears. So whoever appears makes its neighbours suspects, who are pinged at once, and is
+// announced when they have answered or are gone: nobody shall take the old one's end for its own.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -33,6 +38,13 @@ public:
     static constexpr Milliseconds kDoubtAfter{1200};
     // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
     static constexpr Milliseconds kGiveUpAfter{1400};
+    // An answer of a neighbour is not waited for any longer.
+    static constexpr Milliseconds kHoldBack{100};
+    // By then every suspect that is alive has said hello to the newcomer, though pings were short.
+    static constexpr Milliseconds kSuspicion{600};
+    // With many nodes on one host those that have been silent longest are asked first.
+    static constexpr unsigned kAskedAtOnce = 16;
+    static constexpr Milliseconds kAskAgainAfter{500};
 
     explicit PeerDirectory(std::uint64_t ownId) : ownId_(ownId) {}
 
@@ -42,7 +54,10 @@ public:
     void Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now);
     // Nobody listens any more where the node was.
     void Refuse(std::uint64_t nodeId);
-    // Doubts silent nodes and removes those that stayed silent.
+    // Something tells that the node may be gone: to be pinged now, although it has not been silent.
+    void Suspect(std::uint64_t nodeId, TimePoint now);
+    void SuspectAt(const Endpoint& endpoint, TimePoint now);
+    // Doubts silent nodes and suspects, and removes those that stayed silent.
     void Tick(TimePoint now);
     // At the latest; hearing from nodes only puts off what is due.
     TimePoint NextDeadline() const { return nextCheck_; }
@@ -50,7 +65,7 @@ public:
     const Peer* Find(std::uint64_t nodeId) const;
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return peers_; }
-    // The ids of silent nodes, which should be pinged.
+    // The ids of those who should be pinged.
     const std::set<std::uint64_t>& Doubted() const { return doubted_; }
 
     // The additions and removals since the last call, in order.
@@ -65,10 +80,20 @@ private:
     Peers_t::iterator Remove(Peers_t::iterator peer);
     void RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner);
     bool Refresh(Peer& peer, const NodeDescription& node, TimePoint now);
+    bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
+    void Doubt(Peer& peer, TimePoint now);
+    void DoubtSuspects(TimePoint now);
+    Peer* LongestSilentSuspect();
+    void Announce(TimePoint now);
+    void CheckAt(TimePoint time) { nextCheck_ = std::min(nextCheck_, time); }
 
     const std::uint64_t ownId_;
     Peers_t peers_;
     std::set<std::uint64_t> doubted_;
+    std::map<std::uint64_t, TimePoint> suspects_;  // until when they are
+    std::map<std::uint64_t, TimePoint> heldBack_;  // newcomers, and until when
+    TimePoint askedSince_{};
+    unsigned asked_ = 0;
     TimePoint nextCheck_ = TimePoint::max();
     unsigned lastNumber_ = 0;
     std::vector<DeviceEvent> events_;

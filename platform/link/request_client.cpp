@@ -72,13 +72,14 @@ bool RequestClient::OnAnswer(ConversationId conversation, const CoapMessage& ans
     return true;
 }
 
-bool RequestClient::OnRefused(ConversationId conversation) {
+std::optional<Endpoint> RequestClient::OnRefused(ConversationId conversation) {
     const auto at = exchanges_.find(conversation);
     if (at == exchanges_.end()) {
-        return false;
+        return std::nullopt;
     }
+    const Endpoint to = at->second.request.to;
     End(at, {});
-    return true;
+    return to;
 }
 
 void RequestClient::Tick(TimePoint now) {

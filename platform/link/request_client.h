@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,8 @@ public:
     void Start(OutgoingRequest request, TimePoint now);
     // False where the conversation is not one of ours.
     bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
-    bool OnRefused(ConversationId conversation);
+    // Whom the request was for; nothing where the conversation is not one of ours.
+    std::optional<Endpoint> OnRefused(ConversationId conversation);
     void Tick(TimePoint now);
     TimePoint NextDeadline() const;
     // Ends every request without an answer.

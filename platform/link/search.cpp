@@ -11,6 +11,7 @@ namespace {
 constexpr std::array<Milliseconds, 9> kProbes = {Milliseconds(0),   Milliseconds(30),  Milliseconds(100),
                                                  Milliseconds(130), Milliseconds(300), Milliseconds(350),
                                                  Milliseconds(400), Milliseconds(450), Milliseconds(500)};
+constexpr unsigned kReminder = 2;
 constexpr unsigned kFirstRescue = 4;
 constexpr unsigned kAllRegular = (1U << kFirstRescue) - 1;
 
@@ -27,6 +28,8 @@ std::optional<unsigned> Search::TakeDueProbe(TimePoint now) {
 }
 
 bool Search::IsRescue(unsigned probe) const { return probe >= kFirstRescue; }
+
+bool Search::IsReminder(unsigned probe) const { return probe == kReminder; }
 
 void Search::OnAnswer(unsigned probe, const NodeDescription& node, TimePoint now) {
     if (probe >= nextProbe_ || node.deviceType != deviceType_) {

@@ -28,6 +28,8 @@ public:
     // The number of the probe copy that is due, once.
     std::optional<unsigned> TakeDueProbe(TimePoint now);
     bool IsRescue(unsigned probe) const;
+    // When this probe is due, whoever is there has had the time to answer an earlier one.
+    bool IsReminder(unsigned probe) const;
     void OnAnswer(unsigned probe, const NodeDescription& node, TimePoint now);
 
     bool IsOver(TimePoint now) const;
@@ -35,7 +37,10 @@ public:
 
     const std::string& DeviceType() const { return deviceType_; }
     std::vector<NodeHint> Known() const;
+    // Those expected who have not answered.
     std::set<std::uint64_t> Missing() const;
+    // The node turned out to be gone: not expected any more.
+    void Dismiss(std::uint64_t nodeId) { expected_.erase(nodeId); }
     const std::map<std::uint64_t, NodeDescription>& Found() const { return found_; }
 
 private:
@@ -43,7 +48,7 @@ private:
     TimePoint QuietSince() const;
 
     const std::string deviceType_;
-    const std::set<std::uint64_t> expected_;
+    std::set<std::uint64_t> expected_;
     const TimePoint start_;
     unsigned nextProbe_ = 0;
     TimePoint lastNew_;

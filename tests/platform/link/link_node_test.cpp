@@ -432,6 +432,7 @@ TEST_F(LinkNodeTest, ExitEndsTheRequestsThatWait) {
     EXPECT_EQ(platform->Exit(platform), 0);
     EXPECT_NE(waiting.get(), 0);
     release.set_value();
+    device.Free();  // the handler uses what ends with this function
 }
 
 TEST_F(LinkNodeTest, ExitOnAThreadThatItWouldWaitForFails) {

@@ -25,10 +25,11 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 using testing::SizeIs;
 
-// Another process that serves devices of a type; it ends with this object.
+// Another process that serves devices of a type, or does what else the command says; it ends with
+// this object.
 class ServingProcess {
 public:
-    explicit ServingProcess(const std::string& deviceType) {
+    explicit ServingProcess(const std::string& deviceType, const char* command = "serve") {
         std::array<int, 2> input = {};
         std::array<int, 2> output = {};
         EXPECT_EQ(pipe2(input.data(), O_CLOEXEC), 0);
@@ -41,7 +42,7 @@ public:
         if (pid_ == 0) {
             dup2(childInput.Get(), STDIN_FILENO);
             dup2(childOutput.Get(), STDOUT_FILENO);
-            execl(LINK_TEST_TOOL, LINK_TEST_TOOL, "serve", deviceType.c_str(), nullptr);
+            execl(LINK_TEST_TOOL, LINK_TEST_TOOL, command, deviceType.c_str(), nullptr);
             _exit(127);
         }
         childOutput = UniqueFd();
@@ -145,6 +146,22 @@ TEST(LinkProcessTest, AProcessThatIsStartedAgainIsAnotherDevice) {
     process = std::make_unique<ServingProcess>("camera");
     ASSERT_TRUE(HasEvents(watcher, 3));
     EXPECT_THAT(Found(watcher, "camera").Endpoints(), SizeIs(1));
+}
+
+TEST(LinkProcessTest, AKilledProcessIsGoneBeforeTheOneStartedInItsPlaceHasSearched) {
+    TestNode device("camera");
+    ASSERT_TRUE(device.Start());
+    auto client = std::make_unique<ServingProcess>("reader");
+    ASSERT_TRUE(HasEvents(device, 1));
+    client->Kill();
+    client = std::make_unique<ServingProcess>("camera", "find");
+    // Its search has ended now.
+    const std::vector<Event> events = device.Events();
+    ASSERT_GE(events.size(), 3U);
+    EXPECT_FALSE(events[1].added);
+    EXPECT_EQ(events[1].id, events[0].id);
+    EXPECT_TRUE(events[2].added);
+    EXPECT_NE(events[2].id, events[0].id);
 }
 
 TEST(LinkProcessTest, AHandlerOfFiveSecondsInAnotherProcessIsAnswered) {

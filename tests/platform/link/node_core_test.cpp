@@ -195,6 +195,67 @@ TEST_F(NodeCoreTest, ANodeInThePlaceOfAnotherEndsTheOther) {
     EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1", "+2"));
 }
 
+TEST_F(NodeCoreTest, AKilledNodeIsRemovedBeforeItsSuccessorOnTheHostHasSearched) {
+    FakeNode& device = network.Add("camera");
+    const LocalInterface local{2, "eth0", htonl(0x0a000063)};
+    for (std::uint64_t start = 1; start <= 20; ++start) {
+        const auto port = static_cast<std::uint16_t>(5000 + start);
+        FakeNode& client = network.AddAt({100 + start, 1}, {local}, port, "reader");
+        EXPECT_THAT(Search(client, "camera"), ElementsAre(device.At()));
+        EXPECT_EQ(device.Seen().events.back().node.endpoint, client.At());
+        EXPECT_THAT(device.Seen().events, SizeIs(2 * start - 1)) << "-old +new";
+        network.Run(Milliseconds(37 * start));
+        network.Kill(client);
+    }
+}
+
+TEST_F(NodeCoreTest, NeighboursThatAreAliveAreAskedOnceAndStay) {
+    std::vector<FakeNode*> nodes;
+    for (std::uint16_t number = 1; number <= 8; ++number) {
+        const LocalInterface local{2, "eth0", htonl(0x0a000063)};
+        nodes.push_back(&network.AddAt({100U + number, 1}, {local}, number, "camera"));
+    }
+    FakeNode& watcher = network.Add(std::nullopt);
+    network.Run(seconds(3));
+    EXPECT_THAT(watcher.Seen().events, SizeIs(8));
+
+    int pings = 0;
+    network.filter = [&pings](const CoapMessage& message) {
+        pings += message.type == MessageType::Confirmable && PathOf(message) == kWellKnownPath;
+        return true;
+    };
+    network.AddAt({200, 1}, {LocalInterface{2, "eth0", htonl(0x0a000063)}}, 9, "camera");
+    network.Run(seconds(3));
+    // The watcher asks 8, each neighbour the 7 others; the newcomer asks each, whoever speaks first.
+    EXPECT_LE(pings, 8 + 8 * 7 + 2 * 8);
+    EXPECT_GE(pings, 8 + 8 * 7);
+    for (const FakeNode* node : nodes) {
+        EXPECT_THAT(node->Seen().events, SizeIs(9));
+    }
+    EXPECT_THAT(watcher.Seen().events, SizeIs(9));
+}
+
+TEST_F(NodeCoreTest, ARequestThatIsRefusedRemovesTheNodeAtOnce) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    network.Kill(device);
+    Ask(asker, device.At(), code::kPost, "key", "");
+    network.Run(Milliseconds(10));
+    EXPECT_THAT(EventsOf(asker), ElementsAre("+1", "-1"));
+}
+
+TEST_F(NodeCoreTest, ASearchLeavesOutTheNodeThatRefuses) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& gone = network.Add("camera");
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    network.Kill(gone);
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
+    EXPECT_LE(searchTime, Milliseconds(300)) << "nobody is missing any more";
+    EXPECT_THAT(EventsOf(asker), ElementsAre("+1", "+2", "-1"));
+}
+
 TEST_F(NodeCoreTest, AHelloThatComesAfterTheGoodbyeRevivesNobody) {
     network.longestDelay = Milliseconds(200);
     for (int round = 0; round < 20; ++round) {

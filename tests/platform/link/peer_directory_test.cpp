@@ -136,6 +136,89 @@ TEST_F(PeerDirectoryTest, ANodeThatOffersSomethingElseIsAnotherDevice) {
     EXPECT_THAT(directory.OfType("camera"), IsEmpty());
 }
 
+TEST_F(PeerDirectoryTest, ANewcomerIsAnnouncedWhenItsNeighboursHaveAnswered) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Hear(Node(2, 1, "10.0.0.2:1"));
+    Events();
+    Hear(Node(3, 1, "10.0.0.1:2"));
+    Wait(Milliseconds(1));
+    EXPECT_THAT(directory.Doubted(), ElementsAre(1));
+    EXPECT_THAT(Events(), IsEmpty());
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_THAT(directory.Doubted(), IsEmpty());
+    EXPECT_THAT(Events(), ElementsAre("+3 10.0.0.1:2"));
+}
+
+TEST_F(PeerDirectoryTest, ANeighbourThatRefusesIsRemovedBeforeTheNewcomerIsAdded) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Hear(Node(2, 1, "10.0.0.1:2"));
+    Wait(Milliseconds(1));
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Events();
+    Hear(Node(3, 1, "10.0.0.1:3"));
+    Wait(Milliseconds(1));
+    directory.Refuse(1);
+    Hear(Node(2, 1, "10.0.0.1:2"));
+    EXPECT_THAT(Events(), ElementsAre("-1 10.0.0.1:1", "+3 10.0.0.1:3"));
+}
+
+TEST_F(PeerDirectoryTest, ANeighbourOnAnyOfItsAddressesIsSuspected) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Hear(Node(1, 1, "11.0.0.1:1"));
+    Hear(Node(2, 1, "11.0.0.1:2"));
+    Wait(Milliseconds(1));
+    EXPECT_THAT(directory.Doubted(), ElementsAre(1));
+}
+
+TEST_F(PeerDirectoryTest, ANewcomerIsNotHeldBackForLong) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Hear(Node(2, 1, "10.0.0.1:2"));
+    EXPECT_EQ(directory.NextDeadline(), now);
+    Wait(PeerDirectory::kHoldBack - Milliseconds(1));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
+    EXPECT_LE(directory.NextDeadline(), now + Milliseconds(1));
+    Wait(Milliseconds(1));
+    EXPECT_THAT(Events(), ElementsAre("+2 10.0.0.1:2"));
+}
+
+TEST_F(PeerDirectoryTest, ANewcomerThatGoesBeforeItIsAnnouncedIsNeverMentioned) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Hear(Node(2, 1, "10.0.0.1:2"));
+    directory.Leave({2, 1}, inet_addr("10.0.0.1"), now);
+    Wait(PeerDirectory::kHoldBack);
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, ASuspectThatDoesNotAnswerGetsAsLongAsAnySilentNode) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    directory.Suspect(1, now);
+    Wait(Milliseconds(0));
+    EXPECT_THAT(directory.Doubted(), ElementsAre(1));
+    Wait(PeerDirectory::kDoubtAfter + PeerDirectory::kGiveUpAfter - Milliseconds(1));
+    EXPECT_NE(directory.Find(1), nullptr);
+    Wait(Milliseconds(1));
+    EXPECT_EQ(directory.Find(1), nullptr);
+}
+
+TEST_F(PeerDirectoryTest, OfManyNeighboursThoseThatWereSilentLongestAreAskedFirst) {
+    for (std::uint64_t id = 100; id < 120; ++id) {
+        Hear(Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
+    }
+    for (std::uint64_t id = 119; id >= 100; --id) {
+        Wait(Milliseconds(30));
+        Hear(Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
+    }
+    Wait(PeerDirectory::kAskAgainAfter);
+    EXPECT_THAT(directory.Doubted(), IsEmpty());
+    Hear(Node(200, 1, "10.0.0.1:200"));
+    Wait(Milliseconds(0));
+    EXPECT_THAT(directory.Doubted(), SizeIs(PeerDirectory::kAskedAtOnce));
+    EXPECT_EQ(directory.Doubted().count(103), 0U) << "heard after the sixteenth";
+    EXPECT_EQ(directory.Doubted().count(104), 1U);
+    Wait(PeerDirectory::kAskAgainAfter);
+    EXPECT_THAT(directory.Doubted(), SizeIs(20));
+}
+
 TEST_F(PeerDirectoryTest, AFloodOfNodesIsBounded) {
     for (std::uint64_t id = 100; id < 6000; ++id) {
         const auto port = std::to_string(id);
