@@ -227,8 +227,9 @@ LUM_EXPORT int LUM_SendCmd(int clientID, unsigned int handle, const char* cmd, c
 
 /*
  * Sends one block of 1 to 5,242,880 bytes to the device. *sendLength receives the number of bytes that were
- * written, 0 on failure. timeoutMs may be 0 to 2000; the actual limit is half a second without any progress:
- * the call then succeeds with a short *sendLength, and the next one fails.
+ * written, 0 when sending failed; a call that is refused leaves it alone. timeoutMs may be 0 to 2000; the
+ * actual limit is half a second without any progress: the call then succeeds with a short *sendLength, and
+ * the next one fails.
  */
 LUM_EXPORT int LUM_SendData(int clientID, unsigned int handle, const void* data, unsigned int length,
                             unsigned int* sendLength, unsigned int timeoutMs);
