@@ -1,4 +1,5 @@
 // The search: who is asked, what is listed and under which type.
+#include <cstddef>
 #include <cstring>
 
 #include "tests/client/client_fixture.h"
@@ -23,10 +24,12 @@ protected:
         mPlatform.devices.push_back(lumora_test::DescribedDevice(reply, "127.0.0.1", port));
     }
     // Whether no byte of the entry is set.
+    // The bytes between the services and the callbacks belong to no field.
     bool IsClear(const LUM_DEVICE_INFO_S& entry) const {
-        LUM_DEVICE_INFO_S clear;
-        std::memset(static_cast<void*>(&clear), 0, sizeof(clear));
-        return std::memcmp(&clear, &entry, sizeof(clear)) == 0;
+        const LUM_DEVICE_INFO_S clear = {};
+        return std::memcmp(&clear, &entry,
+                           offsetof(LUM_DEVICE_INFO_S, serviceInfo) + sizeof(entry.serviceInfo)) == 0 &&
+               entry.OnCommand == nullptr && entry.OnEventNotify == nullptr && entry.OnData == nullptr;
     }
 };
 

@@ -91,7 +91,8 @@ protected:
         mPeer.Close();
         mSinkPeer.Close();
         mSink.Close();
-        EXPECT_TRUE(Eventually([this] { return OpenDescriptors() == mDescriptorsBefore; }));
+        Eventually([this] { return OpenDescriptors() == mDescriptorsBefore; });
+        EXPECT_EQ(mDescriptorsBefore, OpenDescriptors());
     }
 
     int Create(lumoraAiModule::TransType type, const std::string& addr, int port) {
