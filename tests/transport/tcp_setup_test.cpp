@@ -210,7 +210,9 @@ protected:
         GiveDescriptorNumber(0, 1, passBefore);
         action();
         EXPECT_EQ(0U, OpenDescriptors().count(0));
-        dup2(mStandardInput, 0);
+        // accept reserves a number before it looks for a connection, and dup2 does not wait for it.
+        while (dup2(mStandardInput, 0) < 0 && errno == EBUSY) {
+        }
     }
     void ExpectDataBothWays() {
         this->mPeer.Send(this->mSide.Frame("payload"));
