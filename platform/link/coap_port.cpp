@@ -93,6 +93,13 @@ coap_pdu_t* PduOf(const CoapMessage& message, std::uint16_t messageId) {
     return pdu;
 }
 
+coap_bin_const_t BinaryOf(const std::string& text) { return {text.size(), BytesOf(text)}; }
+
+bool IsPath(coap_resource_t* resource, std::string_view path) {
+    const coap_str_const_t* own = coap_resource_get_uri_path(resource);
+    return path == std::string_view(reinterpret_cast<const char*>(own->s), own->length);
+}
+
 // libcoap's frames must not be unwound by an exception; a message lost to one is like any lost one.
 template <typename Work>
 void Contain(const Work& work) {
@@ -118,8 +125,14 @@ CoapPort::~CoapPort() {
     }
 }
 
-bool CoapPort::Open() {
+bool CoapPort::CanSecure() {
     StartLibrary();
+    return coap_dtls_is_supported() != 0;
+}
+
+bool CoapPort::Open(std::optional<Psk> psk) {
+    StartLibrary();
+    psk_ = std::move(psk);
     context_.reset(coap_new_context(nullptr));
     if (context_ == nullptr) {
         return false;
@@ -132,7 +145,24 @@ bool CoapPort::Open() {
     for (const char* path : {kResourcePath, kHelloPath, kGoodbyePath, kWellKnownPath}) {
         AddResource(path);
     }
-    return Descriptor() >= 0;
+    return Descriptor() >= 0 && (!psk_ || ServeSecurely());
+}
+
+bool CoapPort::ServeSecurely() {
+    key_ = BinaryOf(psk_->key);
+    coap_register_event_handler(context_.get(), OnEvent);
+    coap_dtls_spsk_t setup = {};
+    setup.version = COAP_DTLS_SPSK_SETUP_VERSION;
+    setup.validate_id_call_back = KeyOf;
+    setup.id_call_back_arg = this;
+    setup.psk_info.key = key_;
+    return coap_context_set_psk2(context_.get(), &setup) != 0;
+}
+
+const coap_bin_const_t* CoapPort::KeyOf(coap_bin_const_t* identity, coap_session_t*, void* port) {
+    const auto* own = static_cast<CoapPort*>(port);
+    const std::string_view name(reinterpret_cast<const char*>(identity->s), identity->length);
+    return name == own->psk_->identity ? &own->key_ : nullptr;
 }
 
 void CoapPort::AddResource(const char* path) {
@@ -155,14 +185,22 @@ bool CoapPort::Listen(const Endpoint& endpoint) {
     if (endpoints_.count(endpoint) != 0) {
         return true;
     }
+    const bool listens =
+        ListenBy(COAP_PROTO_UDP, endpoint) && (!psk_ || ListenBy(COAP_PROTO_DTLS, SecuredPortOf(endpoint)));
+    if (listens) {
+        endpoints_.insert(endpoint);
+    }
+    return listens;
+}
+
+bool CoapPort::ListenBy(coap_proto_t protocol, const Endpoint& endpoint) {
     const coap_address_t address = AddressOf(endpoint);
-    coap_endpoint_t* made = coap_new_endpoint(context_.get(), &address, COAP_PROTO_UDP);
+    coap_endpoint_t* made = coap_new_endpoint(context_.get(), &address, protocol);
     if (made == nullptr) {
         LINK_LOG_LIMITED(kLogWarning, "cannot listen on %s\n", EndpointText(endpoint).c_str());
         return false;
     }
     coap_endpoint_set_default_mtu(made, kMaxDatagram);
-    endpoints_.emplace(endpoint, made);
     return true;
 }
 
@@ -200,12 +238,9 @@ coap_session_t* CoapPort::SessionFor(ConversationId conversation, const Endpoint
     if (known != conversations_.end()) {
         return known->second->session;
     }
-    // No local address: libcoap would bind with SO_REUSEADDR, and then the kernel may give the port
-    // of another node's endpoint to this socket.
-    const coap_address_t address = AddressOf(to);
     auto made = std::make_unique<Conversation>();
     made->id = conversation;
-    made->session = coap_new_client_session(context_.get(), nullptr, &address, COAP_PROTO_UDP);
+    made->session = NewSession(to);
     if (made->session == nullptr) {
         return nullptr;
     }
@@ -214,6 +249,21 @@ coap_session_t* CoapPort::SessionFor(ConversationId conversation, const Endpoint
     coap_session_set_ack_timeout(made->session, kNeverRepeat);
     coap_session_set_nstart(made->session, kUnlimited);
     return conversations_.emplace(conversation, std::move(made)).first->second->session;
+}
+
+// No local address: libcoap would bind with SO_REUSEADDR, and then the kernel may give the port of
+// another node's endpoint to this socket.
+coap_session_t* CoapPort::NewSession(const Endpoint& to) {
+    if (!psk_) {
+        const coap_address_t address = AddressOf(to);
+        return coap_new_client_session(context_.get(), nullptr, &address, COAP_PROTO_UDP);
+    }
+    const coap_address_t address = AddressOf(SecuredPortOf(to));
+    coap_dtls_cpsk_t setup = {};
+    setup.version = COAP_DTLS_CPSK_SETUP_VERSION;
+    setup.psk_info.identity = BinaryOf(psk_->identity);
+    setup.psk_info.key = key_;
+    return coap_new_client_session_psk2(context_.get(), nullptr, &address, COAP_PROTO_DTLS, &setup);
 }
 
 void CoapPort::Hang(ConversationId conversation) {
@@ -259,12 +309,16 @@ void CoapPort::SetLogLevel(int level) {
     coap_set_log_level(kLevels[level < 0 ? 0 : level > last ? last : level]);
 }
 
-void CoapPort::OnRequestOf(coap_resource_t*, coap_session_t* session, const coap_pdu_t* request,
+void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, const coap_pdu_t* request,
                            const coap_string_t*, coap_pdu_t* response) {
+    auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+    if (port->psk_ && coap_session_get_proto(session) != COAP_PROTO_DTLS && IsPath(resource, kResourcePath)) {
+        coap_pdu_set_code(response, COAP_RESPONSE_CODE_UNAUTHORIZED);
+        return;
+    }
     // An empty response that is not confirmable is not sent: the real one follows by Reply.
     coap_pdu_set_type(response, COAP_MESSAGE_NON);
     Contain([&] {
-        auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
         const ReplyPath path = ++port->lastPath_;
         port->paths_.emplace(path, coap_session_reference(session));
         port->listener_.onRequest(MessageOf(request), EndpointOf(coap_session_get_addr_remote(session)),
@@ -284,7 +338,7 @@ coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*,
 }
 
 void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reason_t reason, coap_mid_t) {
-    if (reason != COAP_NACK_ICMP_ISSUE && reason != COAP_NACK_RST) {
+    if (reason != COAP_NACK_ICMP_ISSUE && reason != COAP_NACK_RST && reason != COAP_NACK_TLS_FAILED) {
         return;
     }
     Contain([&] {
@@ -294,6 +348,19 @@ void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reas
             port->Refuse(conversation->id);
         }
     });
+}
+
+// The other end does not know the key, or has ended the session before it answered.
+int CoapPort::OnEvent(coap_session_t* session, coap_event_t event) {
+    const auto* conversation = static_cast<Conversation*>(coap_session_get_app_data(session));
+    const bool failed = event == COAP_EVENT_DTLS_ERROR || event == COAP_EVENT_DTLS_CLOSED;
+    if (failed && conversation != nullptr) {
+        Contain([&] {
+            auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+            port->Refuse(conversation->id);
+        });
+    }
+    return 0;
 }
 
 }  // namespace lumora_link

@@ -11,8 +11,11 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <vector>
 
+#include "psk.h"
 #include "surroundings.h"
 #include "types.h"
 
@@ -32,7 +35,10 @@ public:
     CoapPort(const CoapPort&) = delete;
     CoapPort& operator=(const CoapPort&) = delete;
 
-    bool Open();
+    // Whether the libcoap that this was built with has DTLS.
+    static bool CanSecure();
+    // With a key every conversation is by DTLS, and the resource is served to nobody else.
+    bool Open(std::optional<Psk> psk);
     int Descriptor() const;
     // Serves that address too; one that is served already stays as it is.
     bool Listen(const Endpoint& endpoint);
@@ -58,19 +64,27 @@ private:
         coap_session_t* session = nullptr;
     };
 
-    static void OnRequestOf(coap_resource_t*, coap_session_t* session, const coap_pdu_t* request,
+    static void OnRequestOf(coap_resource_t* resource, coap_session_t* session, const coap_pdu_t* request,
                             const coap_string_t*, coap_pdu_t* response);
     static coap_response_t OnResponse(coap_session_t* session, const coap_pdu_t*, const coap_pdu_t* received,
                                       coap_mid_t);
     static void OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reason_t reason, coap_mid_t);
 
+    static int OnEvent(coap_session_t* session, coap_event_t event);
+    static const coap_bin_const_t* KeyOf(coap_bin_const_t* identity, coap_session_t*, void* port);
+
+    bool ServeSecurely();
+    bool ListenBy(coap_proto_t protocol, const Endpoint& endpoint);
+    coap_session_t* NewSession(const Endpoint& to);
     void AddResource(const char* path);
     coap_session_t* SessionFor(ConversationId conversation, const Endpoint& to);
     void Refuse(ConversationId conversation);
 
     const Listener listener_;
+    std::optional<Psk> psk_;
+    coap_bin_const_t key_ = {};
     std::unique_ptr<coap_context_t, ContextCloser> context_;
-    std::map<Endpoint, coap_endpoint_t*> endpoints_;
+    std::set<Endpoint> endpoints_;
     std::map<ConversationId, std::unique_ptr<Conversation>> conversations_;
     std::vector<std::unique_ptr<Conversation>> ended_;
     std::vector<ConversationId> refused_;

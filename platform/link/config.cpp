@@ -76,6 +76,9 @@ Config ReadConfig(const Environment& environment) {
     // Nodes behind the same firewall commonly share one port setting.
     const std::uint16_t peerPort = config.port != 0 ? config.port : MulticastGroup().port;
     config.peers = ReadPeers(environment("LUMORA_LINK_PEERS"), peerPort);
+    if (const char* pskFile = environment("LUMORA_LINK_PSK_FILE")) {
+        config.pskFile = pskFile;
+    }
     return config;
 }
 

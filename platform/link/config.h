@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,8 @@ struct Config {
     std::vector<std::string> interfaces;  // LUMORA_LINK_INTERFACE; all where empty
     std::vector<Endpoint> peers;          // LUMORA_LINK_PEERS
     std::uint16_t port = 0;               // LUMORA_LINK_PORT; the system's choice where 0
+    // LUMORA_LINK_PSK_FILE; an empty name counts, so that nobody is unsecured by mistake.
+    std::optional<std::string> pskFile;
 };
 
 using Environment = std::function<const char*(const char* name)>;

@@ -59,7 +59,7 @@ void Discovery::OnProbe(const CoapMessage& probe, const Endpoint& source, const 
 void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, TimePoint now) {
     auto node = ParseLink(answer.payload);
     if (!node || !code::IsSuccess(answer.code) || answer.token.size() != kTokenBytes + 1 ||
-        node->identity.id == self_.identity.id) {
+        node->identity.id == self_.identity.id || node->secured != self_.secured) {
         return;
     }
     node->endpoint.host = source.host;

@@ -9,6 +9,7 @@ namespace lumora_link {
 namespace {
 
 constexpr std::string_view kScheme = "coap://";
+constexpr std::string_view kSecuredScheme = "coaps://";
 constexpr std::string_view kPath = "/lumora";
 
 std::string Quoted(const std::string& text) {
@@ -65,17 +66,24 @@ bool ReadNumber(const std::string& text, int base, Number& number) {
     return error == std::errc() && end == last;
 }
 
-std::optional<Endpoint> TakeUri(std::string_view& text) {
-    if (!TakePrefix(text, "<") || !TakePrefix(text, kScheme)) {
-        return std::nullopt;
+bool TakeUri(std::string_view& text, NodeDescription& into) {
+    if (!TakePrefix(text, "<")) {
+        return false;
     }
+    into.secured = TakePrefix(text, kSecuredScheme);
     const std::size_t end = text.find(kPath);
-    if (end == std::string_view::npos) {
-        return std::nullopt;
+    if (end == std::string_view::npos || (!into.secured && !TakePrefix(text, kScheme))) {
+        return false;
     }
-    const auto endpoint = ParseEndpoint(std::string(text.substr(0, end)), MulticastGroup().port);
-    text.remove_prefix(end + kPath.size());
-    return TakePrefix(text, ">") ? endpoint : std::nullopt;
+    const std::string_view authority = text.substr(0, text.find(kPath));
+    const auto endpoint = ParseEndpoint(std::string(authority), MulticastGroup().port);
+    text.remove_prefix(authority.size() + kPath.size());
+    if (!endpoint || !TakePrefix(text, ">") || (into.secured && endpoint->port < 2)) {
+        return false;
+    }
+    into.endpoint = *endpoint;
+    into.endpoint.port = static_cast<std::uint16_t>(endpoint->port - (into.secured ? 1 : 0));
+    return true;
 }
 
 struct Attributes {
@@ -102,7 +110,9 @@ std::string FormatLink(const NodeDescription& description) {
     char id[17];
     std::snprintf(id, sizeof id, "%016" PRIx64, description.identity.id);
     std::string text = "<";
-    text.append(kScheme).append(EndpointText(description.endpoint)).append(kPath).append(">");
+    const bool secured = description.secured;
+    const Endpoint endpoint = secured ? SecuredPortOf(description.endpoint) : description.endpoint;
+    text.append(secured ? kSecuredScheme : kScheme).append(EndpointText(endpoint)).append(kPath).append(">");
     if (description.deviceType) {
         text += ";rt=" + Quoted(*description.deviceType);
     }
@@ -112,11 +122,9 @@ std::string FormatLink(const NodeDescription& description) {
 std::optional<NodeDescription> ParseLink(std::string_view text) {
     NodeDescription description;
     Attributes seen;
-    const auto endpoint = TakeUri(text);
-    if (!endpoint) {
+    if (!TakeUri(text, description)) {
         return std::nullopt;
     }
-    description.endpoint = *endpoint;
     while (TakePrefix(text, ";")) {
         const std::string name(text.substr(0, text.find_first_of("=;,")));
         text.remove_prefix(name.size());

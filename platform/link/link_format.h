@@ -4,7 +4,8 @@
 //
 // The URI names the node's own unicast address and port; ep is its id, ins its instance number; rt
 // is left out where it offers no resource. In rt, '"' and '\' are escaped by '\'; every other byte
-// of a device type stands as it is.
+// of a device type stands as it is. The URI of a secured node begins with coaps:// and has the port
+// for DTLS, which is the node's own plus one.
 #pragma once
 
 #include <optional>

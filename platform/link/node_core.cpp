@@ -8,19 +8,20 @@ namespace lumora_link {
 
 namespace {
 
-Self SelfOf(NodeIdentity identity) {
+Self SelfOf(NodeIdentity identity, bool secured) {
     Self self;
+    self.secured = secured;
     self.identity = identity;
     return self;
 }
 
 }  // namespace
 
-NodeCore::NodeCore(NodeIdentity identity, std::vector<Endpoint> peers, RandomSource& random, Network& network,
-                   Application& application)
+NodeCore::NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> peers, RandomSource& random,
+                   Network& network, Application& application)
     : application_(application),
       network_(network),
-      self_(SelfOf(identity)),
+      self_(SelfOf(identity, secured)),
       labels_(random),
       presence_(self_, labels_, network, std::move(peers)),
       discovery_(self_, labels_, network, application, presence_),
@@ -114,7 +115,7 @@ void NodeCore::OnRefused(ConversationId conversation, TimePoint now) {
     if (const auto refusing = client_.OnRefused(conversation)) {
         presence_.Directory().SuspectAt(*refusing, now);
     } else {
-        presence_.OnRefused(conversation);
+        presence_.OnRefused(conversation, now);
     }
     PassEvents();
 }

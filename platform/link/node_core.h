@@ -19,8 +19,9 @@ namespace lumora_link {
 
 class NodeCore {
 public:
-    NodeCore(NodeIdentity identity, std::vector<Endpoint> peers, RandomSource& random, Network& network,
-             Application& application);
+    // Secured where the network's conversations are, and others' shall be.
+    NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> peers, RandomSource& random,
+             Network& network, Application& application);
 
     // From the application.
     void SetDeviceType(std::optional<std::string> deviceType, TimePoint now);

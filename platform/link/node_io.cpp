@@ -23,7 +23,8 @@ std::uint64_t NodeIo::SystemRandom::Seed() { return RandomNumber(); }
 
 NodeIo::NodeIo(Config config, NodeIdentity identity, std::optional<std::string> deviceType,
                Application& application)
-    : config_(std::move(config)), core_(identity, config_.peers, random_, *this, application) {
+    : config_(std::move(config)),
+      core_(identity, config_.pskFile.has_value(), config_.peers, random_, *this, application) {
     core_.SetDeviceType(std::move(deviceType), Clock::now());
 }
 
@@ -47,6 +48,7 @@ bool NodeIo::Start() {
         coap_.reset();
         group_.reset();
         port_ = PortGuard();
+        securedPort_ = PortGuard();
         routes_ = UniqueFd();
     });
     const bool open = ready.get();
@@ -72,10 +74,41 @@ bool NodeIo::Post(Work work) {
     return loop_.Post([this, work = std::move(work)] { work(core_, Clock::now()); });
 }
 
+bool NodeIo::OpenPorts() {
+    constexpr int kAttempts = 100;
+    const bool secured = config_.pskFile.has_value();
+    // A port of the system's choice may have a neighbour that is taken.
+    for (int attempt = 0; attempt < (config_.port == 0 ? kAttempts : 1); ++attempt) {
+        port_ = ReservePort(config_.port);
+        if (!port_.socket || !secured) {
+            break;
+        }
+        const std::uint16_t next = SecuredPortOf({0, port_.port}).port;
+        securedPort_ = next == 0 ? PortGuard() : ReservePort(next);
+        if (securedPort_.socket) {
+            return true;
+        }
+    }
+    if (!port_.socket || secured) {
+        LINK_LOG(kLogError, "UDP port %u%s is taken\n", static_cast<unsigned>(config_.port),
+                 secured ? " or the next one" : "");
+        return false;
+    }
+    return true;
+}
+
 bool NodeIo::Open() {
-    port_ = ReservePort(config_.port);
-    if (!port_.socket) {
-        LINK_LOG(kLogError, "UDP port %u is taken\n", static_cast<unsigned>(config_.port));
+    if (config_.pskFile) {
+        if (!CoapPort::CanSecure()) {
+            LINK_LOG(kLogError, "LUMORA_LINK_PSK_FILE is set, but this library was built without DTLS\n");
+            return false;
+        }
+        psk_ = ReadPskFile(*config_.pskFile);
+        if (!psk_) {
+            return false;
+        }
+    }
+    if (!OpenPorts()) {
         return false;
     }
     if (!loop_.Open()) {
@@ -98,7 +131,7 @@ bool NodeIo::Open() {
                    [this](const CoapMessage& message, const Endpoint& source) {
                        core_.OnSearchAnswer(message, source, Clock::now());
                    }});
-    if (!coap_->Open() || !group_->Open()) {
+    if (!coap_->Open(psk_) || !group_->Open()) {
         LINK_LOG(kLogError, "the sockets of a node cannot be opened\n");
         return false;
     }

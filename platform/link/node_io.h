@@ -15,6 +15,7 @@
 #include "group_sockets.h"
 #include "node_core.h"
 #include "port_guard.h"
+#include "psk.h"
 
 namespace lumora_link {
 
@@ -46,6 +47,7 @@ private:
     };
 
     bool Open();
+    bool OpenPorts();
     void Run();
     void Turn();
     void FollowInterfaces();
@@ -59,10 +61,12 @@ private:
     void Forget(ReplyPath path) override;
 
     const Config config_;
+    std::optional<Psk> psk_;
     SystemRandom random_;
     NodeCore core_;
     EventLoop loop_;
     PortGuard port_;
+    PortGuard securedPort_;
     UniqueFd routes_;
     std::unique_ptr<GroupSockets> group_;
     std::unique_ptr<CoapPort> coap_;

@@ -20,18 +20,22 @@ bool WasHeardFrom(const Peer& peer, in_addr_t host) {
 
 }  // namespace
 
-bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
+bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now, Source source) {
+    const bool believed = !secured_ || source == Source::kPing;
     if (node.identity.id == ownId_ || IsBuried(node.identity, now)) {
         return false;
     }
     auto known = peers_.find(node.identity.id);
-    if (known != peers_.end() && known->second.node.identity != node.identity) {
+    const bool restarted = known != peers_.end() && known->second.node.identity != node.identity;
+    if (restarted && believed) {
         Bury(known->second.node.identity, now);
-        Remove(known);
-        known = peers_.end();
     }
-    if (known != peers_.end() && !Refresh(known->second, node, now)) {
+    if (restarted || (known != peers_.end() && !Refresh(known->second, node, now))) {
         // It has moved to another address or offers something else: for others, a new device.
+        if (!believed) {
+            Suspect(node.identity.id, now);
+            return false;
+        }
         Remove(known);
         known = peers_.end();
     }
@@ -40,6 +44,10 @@ bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint no
         return false;
     }
     if (peers_.size() >= kMaxPeers) {
+        return false;
+    }
+    if (!believed && HasOwner(node.endpoint)) {
+        SuspectAt(node.endpoint, now);
         return false;
     }
     RemoveFormerOwner(node.endpoint, node.identity.id);
@@ -60,6 +68,7 @@ bool PeerDirectory::Refresh(Peer& peer, const NodeDescription& node, TimePoint n
     }
     peer.heard = now;
     peer.doubtedSince.reset();
+    peer.saidGoodbye = false;
     doubted_.erase(node.identity.id);
     suspects_.erase(node.identity.id);
     return true;
@@ -70,18 +79,28 @@ void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePo
     if (known == peers_.end() || known->second.node.identity != identity) {
         return;
     }
-    if (WasHeardFrom(known->second, source)) {
+    if (!WasHeardFrom(known->second, source)) {
+        return;
+    }
+    if (secured_) {
+        known->second.saidGoodbye = true;
+        Suspect(identity.id, now);
+    } else {
         Bury(identity, now);
         Remove(known);
     }
 }
 
-void PeerDirectory::Refuse(std::uint64_t nodeId) {
+void PeerDirectory::Refuse(std::uint64_t nodeId, TimePoint now) {
     const auto known = peers_.find(nodeId);
-    if (known != peers_.end()) {
-        // No grave: the same instance may live on under another address.
-        Remove(known);
+    if (known == peers_.end()) {
+        return;
     }
+    // Else no grave: the same instance may live on under another address.
+    if (known->second.saidGoodbye) {
+        Bury(known->second.node.identity, now);
+    }
+    Remove(known);
 }
 
 void PeerDirectory::Suspect(std::uint64_t nodeId, TimePoint now) {
@@ -253,6 +272,11 @@ PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator peer) {
     doubted_.erase(peer->first);
     suspects_.erase(peer->first);
     return peers_.erase(peer);
+}
+
+bool PeerDirectory::HasOwner(const Endpoint& endpoint) const {
+    return std::any_of(peers_.begin(), peers_.end(),
+                       [&](const auto& peer) { return peer.second.node.endpoint == endpoint; });
 }
 
 // Two nodes cannot listen at one endpoint: the earlier one has gone without a word.

@@ -30,6 +30,7 @@ struct Peer {
     bool unicast = false;
     std::map<Endpoint, TimePoint> ways;  // every address under which it was heard
     std::optional<TimePoint> doubtedSince;
+    bool saidGoodbye = false;
 };
 
 class PeerDirectory {
@@ -46,14 +47,18 @@ public:
     static constexpr unsigned kAskedAtOnce = 16;
     static constexpr Milliseconds kAskAgainAfter{500};
 
-    explicit PeerDirectory(std::uint64_t ownId) : ownId_(ownId) {}
+    // Anybody can say hello, but only who holds the key answers a secured ping.
+    enum class Source { kHello, kPing };
+
+    // Where nodes are secured, what only a hello or goodbye says removes nobody: the node is pinged.
+    explicit PeerDirectory(std::uint64_t ownId, bool secured = false) : ownId_(ownId), secured_(secured) {}
 
     // True where the node was not known before.
-    bool Hear(const NodeDescription& node, bool unicast, TimePoint now);
+    bool Hear(const NodeDescription& node, bool unicast, TimePoint now, Source source = Source::kHello);
     // Believed only when it comes from where the node was heard.
     void Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now);
     // Nobody listens any more where the node was.
-    void Refuse(std::uint64_t nodeId);
+    void Refuse(std::uint64_t nodeId, TimePoint now);
     // Something tells that the node may be gone: to be pinged now, although it has not been silent.
     void Suspect(std::uint64_t nodeId, TimePoint now);
     void SuspectAt(const Endpoint& endpoint, TimePoint now);
@@ -78,6 +83,7 @@ private:
     void Bury(const NodeIdentity& identity, TimePoint now);
     void Add(const NodeDescription& node, bool unicast, TimePoint now);
     Peers_t::iterator Remove(Peers_t::iterator peer);
+    bool HasOwner(const Endpoint& endpoint) const;
     void RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner);
     bool Refresh(Peer& peer, const NodeDescription& node, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
@@ -88,6 +94,7 @@ private:
     void CheckAt(TimePoint time) { nextCheck_ = std::min(nextCheck_, time); }
 
     const std::uint64_t ownId_;
+    const bool secured_;
     Peers_t peers_;
     std::set<std::uint64_t> doubted_;
     std::map<std::uint64_t, TimePoint> suspects_;  // until when they are

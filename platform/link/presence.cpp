@@ -9,6 +9,8 @@ namespace lumora_link {
 namespace {
 
 constexpr Milliseconds kNewcomerJitter{50};
+// A lost datagram of a handshake is repeated after a second only: to begin another is quicker.
+constexpr std::size_t kMaxHandshakes = 8;
 constexpr std::size_t kMaxTexts = 2048;
 
 }  // namespace
@@ -18,7 +20,7 @@ Presence::Presence(const Self& self, Labels& labels, Network& network, std::vect
       labels_(labels),
       network_(network),
       configured_(std::move(peers)),
-      directory_(self.identity.id) {}
+      directory_(self.identity.id, self.secured) {}
 
 void Presence::HelloSoon(TimePoint now) {
     const TimePoint soon = std::max(now + labels_.Jitter(kNewcomerJitter), lastHello_ + kShortestInterval);
@@ -57,35 +59,41 @@ const NodeDescription* Presence::Read(const std::string& link, const Endpoint& s
 }
 
 void Presence::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
-    if (directory_.Hear(node, unicast, now)) {
+    if (node.secured == self_.secured && directory_.Hear(node, unicast, now)) {
         HelloSoon(now);
     }
 }
 
 bool Presence::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
-    for (const auto& [nodeId, ping] : pings_) {
-        if (ping.conversation != conversation) {
-            continue;
-        }
-        const Peer* peer = directory_.Find(nodeId);
-        auto node = ParseLink(answer.payload);
-        if (peer != nullptr && node && answer.token == ping.token) {
-            node->endpoint.host = peer->node.endpoint.host;
-            Hear(*node, peer->unicast, now);
-        }
-        return true;
+    const auto ping = PingOf(conversation);
+    if (ping == pings_.end()) {
+        return false;
     }
-    return false;
+    const Peer* peer = directory_.Find(ping->first);
+    auto node = ParseLink(answer.payload);
+    if (peer != nullptr && node && answer.token == ping->second.token && node->secured == self_.secured) {
+        node->endpoint.host = peer->node.endpoint.host;
+        if (directory_.Hear(*node, peer->unicast, now, PeerDirectory::Source::kPing)) {
+            HelloSoon(now);
+        }
+    }
+    return true;
 }
 
-bool Presence::OnRefused(ConversationId conversation) {
-    for (const auto& [nodeId, ping] : pings_) {
-        if (ping.conversation == conversation) {
-            directory_.Refuse(nodeId);
-            return true;
-        }
+bool Presence::OnRefused(ConversationId conversation, TimePoint now) {
+    const auto ping = PingOf(conversation);
+    if (ping == pings_.end()) {
+        return false;
     }
-    return false;
+    directory_.Refuse(ping->first, now);
+    return true;
+}
+
+Presence::Pings::const_iterator Presence::PingOf(ConversationId conversation) const {
+    return std::find_if(pings_.begin(), pings_.end(), [conversation](const auto& ping) {
+        const auto& own = ping.second.conversations;
+        return std::find(own.begin(), own.end(), conversation) != own.end();
+    });
 }
 
 void Presence::Tick(TimePoint now) {
@@ -141,8 +149,10 @@ void Presence::PingDoubted(TimePoint now) {
     for (auto at = pings_.begin(); at != pings_.end();) {
         const Peer* peer = directory_.Find(at->first);
         const bool settled = peer == nullptr || !peer->doubtedSince;
-        if (settled) {
-            network_.Hang(at->second.conversation);
+        for (const ConversationId conversation : at->second.conversations) {
+            if (settled) {
+                network_.Hang(conversation);
+            }
         }
         at = settled ? pings_.erase(at) : std::next(at);
     }
@@ -150,16 +160,27 @@ void Presence::PingDoubted(TimePoint now) {
         const auto [at, isNew] = pings_.try_emplace(nodeId);
         Ping& ping = at->second;
         if (isNew) {
-            ping = {labels_.NextConversation(), labels_.NextToken(), now};
+            ping = {{}, labels_.NextToken(), now};
         }
         if (now >= ping.next) {
-            CoapMessage message = MakePing();
-            message.token = ping.token;
-            message.messageId = labels_.NextMessageId();
-            network_.Transmit(ping.conversation, directory_.Find(nodeId)->node.endpoint, message);
-            ping.next = now + kPingInterval;
+            Send(ping, directory_.Find(nodeId)->node.endpoint, now);
         }
     }
+}
+
+void Presence::Send(Ping& ping, const Endpoint& to, TimePoint now) {
+    if (ping.conversations.empty() || self_.secured) {
+        ping.conversations.push_back(labels_.NextConversation());
+    }
+    if (ping.conversations.size() > kMaxHandshakes) {
+        network_.Hang(ping.conversations.front());
+        ping.conversations.pop_front();
+    }
+    CoapMessage message = MakePing();
+    message.token = ping.token;
+    message.messageId = labels_.NextMessageId();
+    network_.Transmit(ping.conversations.back(), to, message);
+    ping.next = now + kPingInterval;
 }
 
 }  // namespace lumora_link

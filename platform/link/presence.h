@@ -1,6 +1,7 @@
 // Tells the others that this node is here, and finds out which of them still are.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -29,7 +30,7 @@ public:
 
     // False where the conversation is not one of ours.
     bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
-    bool OnRefused(ConversationId conversation);
+    bool OnRefused(ConversationId conversation, TimePoint now);
 
     void Tick(TimePoint now);
     TimePoint NextDeadline() const;
@@ -42,10 +43,11 @@ public:
 
 private:
     struct Ping {
-        ConversationId conversation = 0;
+        std::deque<ConversationId> conversations;  // more than one where each begins with a handshake
         std::string token;
         TimePoint next;
     };
+    using Pings = std::map<std::uint64_t, Ping>;  // by the id of the node in doubt
 
     struct Text {
         std::string link;
@@ -55,14 +57,16 @@ private:
     const NodeDescription* Read(const std::string& link, const Endpoint& source);
     void Tell(const char* path);
     void PingDoubted(TimePoint now);
+    void Send(Ping& ping, const Endpoint& to, TimePoint now);
+    Pings::const_iterator PingOf(ConversationId conversation) const;
 
     const Self& self_;
     Labels& labels_;
     Network& network_;
     const std::vector<Endpoint> configured_;
     PeerDirectory directory_;
-    std::map<std::uint64_t, Ping> pings_;  // by the id of the node in doubt
-    std::map<Endpoint, Text> texts_;       // the latest from each socket
+    Pings pings_;
+    std::map<Endpoint, Text> texts_;  // the latest from each socket
     TimePoint lastHello_{};
     TimePoint nextHello_{};
 };

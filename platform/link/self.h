@@ -16,9 +16,13 @@ struct Self {
     std::optional<std::string> deviceType;
     std::vector<LocalInterface> interfaces;
     std::uint16_t port = 0;
+    // Holds a key: speaks with those who hold it too, and with nobody else.
+    bool secured = false;
 
     // As seen by those who reach it through that address of this host.
-    NodeDescription DescribedAt(in_addr_t host) const { return {identity, {host, port}, deviceType}; }
+    NodeDescription DescribedAt(in_addr_t host) const {
+        return {identity, {host, port}, deviceType, secured};
+    }
 
     const LocalInterface* InterfaceOf(unsigned index) const {
         for (const LocalInterface& local : interfaces) {

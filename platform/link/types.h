@@ -39,6 +39,12 @@ std::optional<Endpoint> ParseEndpoint(const std::string& text, std::uint16_t def
 // RFC 7252's group of all CoAP nodes and the port that is registered for it.
 Endpoint MulticastGroup();
 
+// A node that holds a key is asked by DTLS, on the port behind the one that it is known by; CoAP's own
+// two ports lie side by side in the same way.
+constexpr Endpoint SecuredPortOf(const Endpoint& endpoint) {
+    return {endpoint.host, static_cast<std::uint16_t>(endpoint.port + 1)};
+}
+
 struct LocalInterface {
     unsigned index = 0;
     std::string name;
@@ -67,6 +73,7 @@ struct NodeDescription {
     Endpoint endpoint;
     // Absent where the node offers no resource; it then takes part only as a requester.
     std::optional<std::string> deviceType;
+    bool secured = false;
 };
 
 }  // namespace lumora_link

@@ -27,6 +27,12 @@ TEST(ConfigTest, NothingSetMeansEveryInterfaceAndAnyPort) {
     EXPECT_EQ(config.port, 0);
 }
 
+TEST(ConfigTest, AnEmptyNameOfTheKeyFileIsNotTakenForNone) {
+    EXPECT_FALSE(Read({}).pskFile);
+    EXPECT_EQ(Read({{"LUMORA_LINK_PSK_FILE", "/key"}}).pskFile, "/key");
+    EXPECT_EQ(Read({{"LUMORA_LINK_PSK_FILE", ""}}).pskFile, "");
+}
+
 TEST(ConfigTest, ReadsListsWithCommasAndBlanks) {
     const Config config = Read({{"LUMORA_LINK_INTERFACE", "eth0, wlan0,,lo"},
                                 {"LUMORA_LINK_PEERS", "192.0.2.1,192.0.2.2:7000"},

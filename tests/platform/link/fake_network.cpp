@@ -20,7 +20,7 @@ FakeNode::FakeNode(FakeNetwork& network, NodeIdentity identity, std::vector<Loca
       interfaces_(std::move(interfaces)),
       port_(port),
       random_(identity.id * 31 + identity.instance),
-      core_(identity, std::move(peers), random_, *this, *this) {
+      core_(identity, network.secured, std::move(peers), random_, *this, *this) {
     handler = [](const HandlerCall& call) { return Outcome{code::kContent, call.value}; };
     core_.SetDeviceType(std::move(deviceType), network_.Now());
     core_.SetInterfaces(interfaces_, port_, network_.Now());

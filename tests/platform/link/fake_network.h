@@ -107,6 +107,8 @@ public:
     bool RunUntil(const std::function<bool()>& condition, Milliseconds limit);
     TimePoint Now() const { return now_; }
 
+    // To be set before nodes are added: all conversations count as secured.
+    bool secured = false;
     unsigned lossPercent = 0;
     unsigned duplicatePercent = 0;
     Milliseconds longestDelay{0};

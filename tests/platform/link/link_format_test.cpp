@@ -74,6 +74,19 @@ TEST(LinkFormatTest, RefusesWhatIsNotTheLinkOfANode) {
     }
 }
 
+TEST(LinkFormatTest, ASecuredNodeNamesThePortBehindItsOwn) {
+    NodeDescription node = Camera();
+    node.endpoint = {htonl(0xc0000207), 40001};
+    node.secured = true;
+    const std::string text = FormatLink(node);
+    EXPECT_EQ(text.substr(0, text.find(';')), "<coaps://192.0.2.7:40002/lumora>");
+    const auto read = ParseLink(text);
+    ASSERT_TRUE(read);
+    EXPECT_TRUE(read->secured);
+    EXPECT_EQ(read->endpoint, node.endpoint);
+    EXPECT_FALSE(ParseLink("<coaps://192.0.2.7:1/lumora>;ep=1;ins=1")) << "there is no port before it";
+}
+
 TEST(LinkFormatTest, RefusesATypeThatIsTooLong) {
     NodeDescription node = Camera();
     node.deviceType = std::string(kMaxTextBytes + 1, 't');

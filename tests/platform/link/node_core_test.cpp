@@ -256,6 +256,32 @@ TEST_F(NodeCoreTest, ASearchLeavesOutTheNodeThatRefuses) {
     EXPECT_THAT(EventsOf(asker), ElementsAre("+1", "+2", "-1"));
 }
 
+TEST_F(NodeCoreTest, SecuredNodesAreNoticedAndRemovedLikeOthers) {
+    network.secured = true;
+    FakeNode& watcher = network.Add(std::nullopt);
+    const LocalInterface local{2, "eth0", htonl(0x0a000063)};
+    FakeNode& before = network.AddAt({99, 1}, {local}, 4001, "camera");
+    network.Run(seconds(2));
+    EXPECT_THAT(Search(watcher, "camera"), ElementsAre(before.At()));
+    network.Kill(before);
+    FakeNode& after = network.AddAt({99, 2}, {local}, 4003, "camera");
+    network.Run(seconds(3));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1", "+2"));
+    after.Exit();
+    network.Run(Milliseconds(10));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1", "+2", "-2"));
+}
+
+TEST_F(NodeCoreTest, SecuredAndOtherNodesDoNotSeeEachOther) {
+    FakeNode& open = network.Add("camera");
+    network.secured = true;
+    FakeNode& closed = network.Add("camera");
+    EXPECT_THAT(Search(open, "camera"), IsEmpty());
+    EXPECT_THAT(Search(closed, "camera"), IsEmpty());
+    EXPECT_THAT(EventsOf(open), IsEmpty());
+    EXPECT_THAT(EventsOf(closed), IsEmpty());
+}
+
 TEST_F(NodeCoreTest, AHelloThatComesAfterTheGoodbyeRevivesNobody) {
     network.longestDelay = Milliseconds(200);
     for (int round = 0; round < 20; ++round) {

@@ -105,7 +105,7 @@ TEST_F(PeerDirectoryTest, ALateHelloOfTheInstanceBeforeChangesNothing) {
 
 TEST_F(PeerDirectoryTest, ARefusedNodeIsRemovedButMayComeBack) {
     Hear(Node(1, 1, "10.0.0.1:1"));
-    directory.Refuse(1);
+    directory.Refuse(1, now);
     EXPECT_TRUE(Hear(Node(1, 1, "10.0.0.2:1")));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.2:1"));
 }
@@ -157,7 +157,7 @@ TEST_F(PeerDirectoryTest, ANeighbourThatRefusesIsRemovedBeforeTheNewcomerIsAdded
     Events();
     Hear(Node(3, 1, "10.0.0.1:3"));
     Wait(Milliseconds(1));
-    directory.Refuse(1);
+    directory.Refuse(1, now);
     Hear(Node(2, 1, "10.0.0.1:2"));
     EXPECT_THAT(Events(), ElementsAre("-1 10.0.0.1:1", "+3 10.0.0.1:3"));
 }
@@ -217,6 +217,64 @@ TEST_F(PeerDirectoryTest, OfManyNeighboursThoseThatWereSilentLongestAreAskedFirs
     EXPECT_EQ(directory.Doubted().count(104), 1U);
     Wait(PeerDirectory::kAskAgainAfter);
     EXPECT_THAT(directory.Doubted(), SizeIs(20));
+}
+
+namespace {
+
+struct SecuredDirectoryTest : PeerDirectoryTest {
+    SecuredDirectoryTest() { Hello(Node(1, 1, "10.0.0.1:1")); }
+    bool Hello(const NodeDescription& node) { return secured.Hear(node, false, now); }
+    bool Ping(const NodeDescription& node) {
+        return secured.Hear(node, false, now, PeerDirectory::Source::kPing);
+    }
+    bool IsInDoubt() {
+        secured.Tick(now);
+        return secured.Doubted().count(1) != 0;
+    }
+    PeerDirectory secured{kOwnId, true};
+};
+
+}  // namespace
+
+TEST_F(SecuredDirectoryTest, AGoodbyeIsBelievedOnlyWhenThePortRefuses) {
+    secured.Leave({1, 1}, inet_addr("10.0.0.1"), now);
+    EXPECT_TRUE(IsInDoubt());
+    EXPECT_NE(secured.Find(1), nullptr);
+    secured.Refuse(1, now);
+    EXPECT_EQ(secured.Find(1), nullptr);
+    EXPECT_FALSE(Hello(Node(1, 1, "10.0.0.1:1"))) << "a hello that was late";
+}
+
+TEST_F(SecuredDirectoryTest, ANodeThatAnswersAfterItsGoodbyeStays) {
+    secured.Leave({1, 1}, inet_addr("10.0.0.1"), now);
+    EXPECT_TRUE(IsInDoubt());
+    Ping(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_FALSE(IsInDoubt());
+    EXPECT_THAT(secured.TakeEvents(), SizeIs(1));
+}
+
+TEST_F(SecuredDirectoryTest, AHelloOfAnotherInstanceIsBelievedOnlyFromAPing) {
+    EXPECT_FALSE(Hello(Node(1, 2, "10.0.0.1:1")));
+    EXPECT_TRUE(IsInDoubt());
+    EXPECT_EQ(secured.Find(1)->node.identity.instance, 1U);
+    EXPECT_TRUE(Ping(Node(1, 2, "10.0.0.1:1")));
+    EXPECT_EQ(secured.Find(1)->node.identity.instance, 2U);
+}
+
+TEST_F(SecuredDirectoryTest, AHelloThatOffersSomethingElseIsBelievedOnlyFromAPing) {
+    EXPECT_FALSE(Hello(Node(1, 1, "10.0.0.1:1", "printer")));
+    EXPECT_TRUE(IsInDoubt());
+    EXPECT_EQ(secured.Find(1)->node.deviceType, "camera");
+    EXPECT_TRUE(Ping(Node(1, 1, "10.0.0.1:1", "printer")));
+    EXPECT_EQ(secured.Find(1)->node.deviceType, "printer");
+}
+
+TEST_F(SecuredDirectoryTest, WhoClaimsTheEndpointOfAnotherMustProveIt) {
+    EXPECT_FALSE(Hello(Node(2, 1, "10.0.0.1:1")));
+    EXPECT_TRUE(IsInDoubt());
+    EXPECT_NE(secured.Find(1), nullptr);
+    EXPECT_TRUE(Ping(Node(2, 1, "10.0.0.1:1")));
+    EXPECT_EQ(secured.Find(1), nullptr);
 }
 
 TEST_F(PeerDirectoryTest, AFloodOfNodesIsBounded) {
