@@ -159,8 +159,10 @@ void PeerDirectory::DoubtSuspects(TimePoint now) {
         askedSince_ = now;
         asked_ = 0;
     }
+    const std::size_t share = kAskedByAll / std::max<std::size_t>(peers_.size(), 1);
+    const std::size_t most = std::clamp<std::size_t>(share, 1, kAskedAtOnce);
     Peer* suspect = LongestSilentSuspect();
-    for (; suspect != nullptr && asked_ < kAskedAtOnce; suspect = LongestSilentSuspect()) {
+    for (; suspect != nullptr && asked_ < most; suspect = LongestSilentSuspect()) {
         Doubt(*suspect, now);
         ++asked_;
     }

@@ -44,7 +44,9 @@ public:
     // By then every suspect that is alive has said hello to the newcomer, though pings were short.
     static constexpr Milliseconds kSuspicion{600};
     // With many nodes on one host those that have been silent longest are asked first.
-    static constexpr unsigned kAskedAtOnce = 16;
+    static constexpr std::size_t kAskedAtOnce = 16;
+    // Every node asks, so where there are many each asks fewer: the answers must not choke the host.
+    static constexpr std::size_t kAskedByAll = 400;
     static constexpr Milliseconds kAskAgainAfter{500};
 
     // Anybody can say hello, but only who holds the key answers a secured ping.
@@ -100,7 +102,7 @@ private:
     std::map<std::uint64_t, TimePoint> suspects_;  // until when they are
     std::map<std::uint64_t, TimePoint> heldBack_;  // newcomers, and until when
     TimePoint askedSince_{};
-    unsigned asked_ = 0;
+    std::size_t asked_ = 0;
     TimePoint nextCheck_ = TimePoint::max();
     unsigned lastNumber_ = 0;
     std::vector<DeviceEvent> events_;
