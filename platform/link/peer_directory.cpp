@@ -10,6 +10,8 @@ namespace {
 constexpr std::size_t kMaxPeers = 4096;
 constexpr std::size_t kMaxWays = 16;
 constexpr std::size_t kMaxSuspects = 512;
+// Among more nodes the work of asking would cost more answers than it saves time.
+constexpr std::size_t kMostNeighbours = 64;
 constexpr std::size_t kMaxGraves = 1024;
 constexpr Milliseconds kGraveTime{10000};
 
@@ -256,6 +258,9 @@ void PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now
 }
 
 bool PeerDirectory::SuspectNeighbours(const NodeDescription& newcomer, TimePoint now) {
+    if (peers_.size() > kMostNeighbours) {
+        return false;
+    }
     bool any = false;
     for (const auto& [id, peer] : peers_) {
         if (WasHeardFrom(peer, newcomer.endpoint.host)) {
