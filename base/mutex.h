@@ -12,7 +12,7 @@ public:
     void lock() ACQUIRE() { mMutex.lock(); }
     void unlock() RELEASE() { mMutex.unlock(); }
 
-    // For a std::condition_variable, which only waits on the standard type.
+    // For those who ask whether it is held, which the analysis has no word for.
     std::mutex& Native() { return mMutex; }
 
 private:

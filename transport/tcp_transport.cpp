@@ -113,7 +113,7 @@ int TcpTransport::SetupReceiverSocket(int port, Descriptor& listenSocket, int& e
     LUMORA_DETAIL("set non-blocking socket Succ, port = : %d\n", port);
 
     sockaddr_in address;
-    if (FillListenAddress(port, address) != 0) {
+    if (FillAddress(port, address) != 0) {
         return -1;
     }
     if (SetReuseAddress(socket) != 0) {
@@ -128,7 +128,8 @@ int TcpTransport::SetupReceiverSocket(int port, Descriptor& listenSocket, int& e
     return 0;
 }
 
-int TcpTransport::FillListenAddress(int port, sockaddr_in& address) {
+// Any local address, until another one is put in.
+int TcpTransport::FillAddress(int port, sockaddr_in& address) {
     if (memset_s(&address, sizeof(address), 0, sizeof(address)) != 0) {
         LUMORA_ERROR("memset_s failed\n");
         return -1;
@@ -162,12 +163,9 @@ int TcpTransport::SetupSenderSocket(int port, const std::string& addr, int& erro
         return -1;
     }
     sockaddr_in address;
-    if (memset_s(&address, sizeof(address), 0, sizeof(address)) != 0) {
-        LUMORA_ERROR("memset_s failed\n");
+    if (FillAddress(port, address) != 0) {
         return -1;
     }
-    address.sin_family = AF_INET;
-    address.sin_port = NetworkPort(port);
     LUMORA_DETAIL("addr: %s\n", addr.c_str());
     if (inet_pton(AF_INET, addr.c_str(), &address.sin_addr) <= 0) {
         LUMORA_ERROR("inet_pton error for %s\n", addr.c_str());

@@ -100,7 +100,7 @@ protected:
 private:
     enum class Readiness { READABLE, NOT_YET, FAILED };
 
-    int FillListenAddress(int port, sockaddr_in& address);
+    static int FillAddress(int port, sockaddr_in& address);
     int BindAndListen(const Descriptor& socket, const sockaddr_in& address, int& error);
     void ReceiveLoop(char* readBuffer);
     Readiness WaitUntilReadable();
