@@ -10,8 +10,11 @@ if(LUMORA_WARNINGS_AS_ERRORS)
     list(APPEND lumora_warnings -Werror)
 endif()
 
+# What is built does not tell in which folders that was; of two that match, the compiler takes the latter.
+set(lumora_paths $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.;-ffile-prefix-map=${CMAKE_BINARY_DIR}=./build>)
+
 function(lumora_compile_options target)
-    target_compile_options(${target} PRIVATE ${lumora_warnings})
+    target_compile_options(${target} PRIVATE ${lumora_warnings} "${lumora_paths}")
     if(LUMORA_SANITIZE)
         target_compile_options(${target} PRIVATE -fsanitize=${LUMORA_SANITIZE} -fno-omit-frame-pointer
                                -fno-sanitize-recover=all)
