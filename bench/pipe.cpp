@@ -16,27 +16,18 @@ void Signal::Wait() {
     }
 }
 
-std::vector<std::string> PipeNames() {
-    return {
-        "lumora",       "tcp-framed", "tcp-unframed",
-#ifdef LUMORA_BENCH_ZMQ
-        "zmq-pushpull", "zmq-pair",
-#endif
-#ifdef LUMORA_BENCH_NNG
-        "nng-pushpull", "nng-pair",
-#endif
-    };
-}
-
 std::unique_ptr<Pipe> MakePipe(const std::string& name) {
     if (name == "lumora") {
         return MakeLumoraPipe();
     }
     if (name == "tcp-framed") {
-        return MakeFramedTcpPipe();
+        return MakeTcpPipe(TcpKind::FRAMED);
+    }
+    if (name == "tcp-direct") {
+        return MakeTcpPipe(TcpKind::FRAMED_DIRECT);
     }
     if (name == "tcp-unframed") {
-        return MakeUnframedTcpPipe();
+        return MakeTcpPipe(TcpKind::UNFRAMED);
     }
 #ifdef LUMORA_BENCH_ZMQ
     if (name == "zmq-pushpull" || name == "zmq-pair") {

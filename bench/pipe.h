@@ -7,15 +7,20 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace lumora_bench {
 
 enum class Role { DEVICE, CLIENT };
 enum class Flow { UP, DOWN, BOTH };  // UP: client to device
 
-// Gets every message on a thread of the library's choice; false means that no more are wanted.
-using Handler = std::function<bool(const char* data, std::size_t length)>;
+// Gets every message on a thread of the library's choice.
+using Handler = std::function<void(const char* data, std::size_t length)>;
+
+enum class TcpKind {
+    FRAMED,         // the framing of Lumora's client frames; a thread receives, as with Lumora
+    FRAMED_DIRECT,  // the same, but who exchanges a message receives the answer without a thread in between
+    UNFRAMED        // bytes without boundaries: what the machine can do at all
+};
 
 // Failures end the process with a message: a benchmark that half works measures nothing.
 class Pipe {
@@ -30,8 +35,7 @@ public:
 };
 
 std::unique_ptr<Pipe> MakeLumoraPipe();
-std::unique_ptr<Pipe> MakeFramedTcpPipe();    // the framing of Lumora's client frames, select, reads of 1 MiB
-std::unique_ptr<Pipe> MakeUnframedTcpPipe();  // bytes without boundaries: what the machine can do at all
+std::unique_ptr<Pipe> MakeTcpPipe(TcpKind kind);
 #ifdef LUMORA_BENCH_ZMQ
 std::unique_ptr<Pipe> MakeZmqPipe(bool pair);  // PAIR, or PUSH and PULL
 #endif
@@ -39,9 +43,8 @@ std::unique_ptr<Pipe> MakeZmqPipe(bool pair);  // PAIR, or PUSH and PULL
 std::unique_ptr<Pipe> MakeNngPipe(bool pair);
 #endif
 
-// By name: "lumora", "tcp-framed", "tcp-unframed", "zmq-pushpull", "zmq-pair", "nng-pushpull", "nng-pair".
+// By one of the names in pipe.cpp.
 std::unique_ptr<Pipe> MakePipe(const std::string& name);
-std::vector<std::string> PipeNames();
 
 [[noreturn]] void Fail(const std::string& what);
 

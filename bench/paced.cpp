@@ -1,0 +1,67 @@
+// So many messages a second from the client to the device, each with the time at which it was sent.
+#include <ctime>
+
+#include <cstring>
+#include <vector>
+
+#include "bench/latencies.h"
+#include "bench/measurement.h"
+#include "bench/process_cost.h"
+
+namespace lumora_bench {
+
+namespace {
+
+void SleepUntil(Clock::time_point when) {
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(when - Clock::now()).count();
+    if (left > 0) {
+        const timespec pause = {static_cast<time_t>(left / 1000000000), static_cast<long>(left % 1000000000)};
+        nanosleep(&pause, nullptr);
+    }
+}
+
+void SendPaced(Pipe& pipe, const Measurement& what) {
+    std::vector<char> message(what.size, 'x');
+    const auto interval = std::chrono::nanoseconds(static_cast<std::int64_t>(1e9 / what.number));
+    const auto count = static_cast<std::uint64_t>(what.seconds * what.number) + 1;
+    Clock::time_point next = Clock::now();
+    for (std::uint64_t i = 0; i < count; ++i, next += interval) {
+        SleepUntil(next);
+        const std::int64_t now = Nanoseconds();
+        std::memcpy(message.data(), &now, sizeof(now));
+        message[what.size - 1] = i + 1 == count ? LAST : MORE;
+        pipe.Send(message.data(), message.size());
+    }
+    WaitForEndOfInput();
+    pipe.Close();
+}
+
+void ReceivePaced(Pipe& pipe) {
+    Signal ended;
+    Latencies latencies;
+    pipe.Open(Role::DEVICE, Flow::UP, [&](const char* data, std::size_t length) {
+        std::int64_t sent = 0;
+        std::memcpy(&sent, data, sizeof(sent));
+        latencies.Add(Nanoseconds() - sent);
+        if (data[length - 1] == LAST) {
+            ended.Raise();
+        }
+    });
+    ended.Wait();
+    latencies.Print();
+    WaitForEndOfInput();
+    pipe.Close();
+}
+
+}  // namespace
+
+void RunPaced(Pipe& pipe, const Measurement& what) {
+    if (what.role == Role::DEVICE) {
+        ReceivePaced(pipe);
+        return;
+    }
+    pipe.Open(Role::CLIENT, Flow::UP, nullptr);
+    SendPaced(pipe, what);
+}
+
+}  // namespace lumora_bench
