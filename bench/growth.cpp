@@ -10,9 +10,11 @@ namespace lumora_bench {
 
 namespace {
 
-constexpr long MESSAGES_BEFORE = 10000;  // until buffers have the size that they keep
 constexpr int UNDER_WAY = 32;
 constexpr std::size_t LONGEST = 300000;
+
+// How many pass before anybody looks: until reads of every length have touched the buffers that they go to.
+long Before(long messages) { return messages / 10 + 1000; }
 
 // Mostly short; now and then one that does not fit into a read.
 std::size_t LengthOf(long number) {
@@ -60,8 +62,8 @@ void SendAll(Pipe& pipe, long messages) {
     const std::vector<char> message(LONGEST, 'x');
     pipe.Open(Role::CLIENT, Flow::BOTH, [&](const char*, std::size_t) { window.Give(); });
     window.Fill();
-    for (long i = 0; i < MESSAGES_BEFORE + messages; ++i) {
-        if (i == MESSAGES_BEFORE) {
+    for (long i = 0; i < Before(messages) + messages; ++i) {
+        if (i == Before(messages)) {
             window.Drain();
             heap.Before();
             window.Fill();
@@ -82,9 +84,9 @@ void ReturnAll(Pipe& pipe, long messages) {
     pipe.Open(Role::DEVICE, Flow::BOTH, [&](const char* data, std::size_t length) {
         pipe.Send(data, length);
         ++count;
-        if (count == MESSAGES_BEFORE) {
+        if (count == Before(messages)) {
             heap.Before();
-        } else if (count == MESSAGES_BEFORE + messages) {
+        } else if (count == Before(messages) + messages) {
             heap.PrintGrowth(messages);
             ended.Raise();
         }

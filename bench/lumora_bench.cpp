@@ -132,7 +132,7 @@ BENCHMARK(ParseCommand);
 
 void ServiceDocumentThereAndBack(benchmark::State& state) {
     LUM_SERVICE_INFO_S service = {};
-    std::strcpy(service.serviceName, "faceDetect");
+    std::strncpy(service.serviceName, "faceDetect", sizeof(service.serviceName) - 1);
     service.transport = LUM_TRANSPORT_TCP;
     const std::vector<LUM_SERVICE_INFO_S> services(LUM_MAX_SERVICES, service);
     std::string document;

@@ -1,6 +1,5 @@
-#include <cstring>
-
 #include "bench/pipe.h"
+#include "bench/records.h"
 #include "lumora.h"
 
 namespace lumora_bench {
@@ -8,7 +7,6 @@ namespace lumora_bench {
 namespace {
 
 constexpr const char* DEVICE_TYPE = "bench-device";
-constexpr const char* SERVICE = "bench";
 constexpr unsigned int TIMEOUT_MS = 2000;
 
 // Callbacks of a C interface carry no context, and a process has one pipe.
@@ -16,8 +14,6 @@ Handler g_handler;
 Signal g_subscribed;
 Signal g_answered;
 bool g_exchanging = false;
-
-int OnCommand(const char*, const char*) { return 0; }
 
 int OnEventNotify(int, int event, LUM_SUBSCRIBE_SERVICE_S) {
     if (event == LUM_NOTIFY_SUBSCRIBED) {
@@ -90,15 +86,7 @@ public:
 
 private:
     static void OpenDevice() {
-        LUM_DEVICE_INFO_S device = {};
-        device.serviceNum = 1;
-        std::strcpy(device.devServiceType, DEVICE_TYPE);
-        std::strcpy(device.serviceInfo[0].serviceName, SERVICE);
-        device.serviceInfo[0].outputLenBytes = LUM_MAX_SERVER_DATA_LENGTH;
-        device.serviceInfo[0].transport = LUM_TRANSPORT_TCP;
-        device.OnCommand = OnCommand;
-        device.OnEventNotify = OnEventNotify;
-        device.OnData = OnData;
+        const LUM_DEVICE_INFO_S device = DeviceRecord(DEVICE_TYPE, OnEventNotify, OnData);
         Check(LUM_InitServer(DEVICE_TYPE), "LUM_InitServer");
         Check(LUM_RegisterAiDevInfo(&device), "LUM_RegisterAiDevInfo");
         g_subscribed.Wait();
@@ -113,9 +101,7 @@ private:
         Check(LUM_CreateAiDevice(mClient, DEVICE_TYPE, &mHandle), "LUM_CreateAiDevice");
         Check(LUM_RegisterAiDeviceEvent(mClient, mHandle, OnDeviceEvent), "LUM_RegisterAiDeviceEvent");
         Check(LUM_ConnectAiDevice(mClient, mHandle), "LUM_ConnectAiDevice");
-        LUM_SUBSCRIBE_SERVICE_S subscription = {};
-        std::strcpy(subscription.serviceName, SERVICE);
-        subscription.transport = LUM_TRANSPORT_TCP;
+        const LUM_SUBSCRIBE_SERVICE_S subscription = Subscription();
         Check(LUM_SendCmd(mClient, mHandle, "subscribe", reinterpret_cast<const char*>(&subscription)),
               "LUM_SendCmd");
     }

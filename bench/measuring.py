@@ -53,7 +53,7 @@ def enter_own_network():
 
 
 class Peer:
-    """A process that prints lines of JSON, goes on when it gets a line, and ends when its input does."""
+    """A process that prints lines of JSON, and ends when its input does."""
 
     def __init__(self, command, environment=None, core=None):
         self.output = tempfile.TemporaryFile("w+")
@@ -92,17 +92,21 @@ class Peer:
     def figures(self):
         return json.loads(self.line())
 
-    def go_on(self):
-        self.process.stdin.write(b"\n")
-        self.process.stdin.flush()
-
     def end_input(self):
         if not self.process.stdin.closed:
             self.process.stdin.close()
 
     def last_figures(self):
         """What it prints when its input has ended."""
+        return self.all_figures()[-1]
+
+    def all_figures(self):
+        """Everything that it has not yet been asked for, until it ends by itself."""
         self.end_input()
         if self.process.wait(timeout=TIME_LIMIT_S) != 0:
             die(f"{' '.join(self.process.args)} ended with {self.process.returncode}, see above")
-        return self.figures()
+        self.output.seek(self.position)
+        lines = self.output.readlines()
+        if not lines:
+            die(f"{' '.join(self.process.args)} told no figures")
+        return [json.loads(line) for line in lines]

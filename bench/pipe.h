@@ -1,12 +1,12 @@
 // A pipe for messages between two processes, over one of the libraries that are compared.
 #pragma once
 
-#include <semaphore.h>
-
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
+
+#include "bench/signal.h"
 
 namespace lumora_bench {
 
@@ -45,21 +45,5 @@ std::unique_ptr<Pipe> MakeNngPipe(bool pair);
 
 // By one of the names in pipe.cpp.
 std::unique_ptr<Pipe> MakePipe(const std::string& name);
-
-[[noreturn]] void Fail(const std::string& what);
-
-// Where a thread waits for the callback of another.
-class Signal {
-public:
-    Signal() { sem_init(&mSemaphore, 0, 0); }
-    ~Signal() { sem_destroy(&mSemaphore); }
-    Signal(const Signal&) = delete;
-    Signal& operator=(const Signal&) = delete;
-    void Raise() { sem_post(&mSemaphore); }
-    void Wait();
-
-private:
-    sem_t mSemaphore;
-};
 
 }  // namespace lumora_bench

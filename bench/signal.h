@@ -1,0 +1,26 @@
+// How threads of a bench wait for each other, and how they give up.
+#pragma once
+
+#include <semaphore.h>
+
+#include <string>
+
+namespace lumora_bench {
+
+[[noreturn]] void Fail(const std::string& what);
+
+// Where a thread waits for the callback of another.
+class Signal {
+public:
+    Signal() { sem_init(&mSemaphore, 0, 0); }
+    ~Signal() { sem_destroy(&mSemaphore); }
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+    void Raise() { sem_post(&mSemaphore); }
+    void Wait();
+
+private:
+    sem_t mSemaphore;
+};
+
+}  // namespace lumora_bench
