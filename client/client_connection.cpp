@@ -388,6 +388,9 @@ int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {
         case FrameDamage::NAME_LENGTH:
             LUMORA_ERROR("NameLen exceed the max value!\n");
             return -1;
+        case FrameDamage::PAYLOAD_MISSING:
+            LUMORA_ERROR("payloadLen = %d reaches beyond the frame.\n", static_cast<int>(fields.payloadLen));
+            return -1;
         case FrameDamage::NONE:
             break;
     }

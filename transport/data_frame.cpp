@@ -55,7 +55,10 @@ FrameDamage ReadServerFrame(char* frame, unsigned int length, ServerFrame& field
     }
     fields.name = position;
     fields.payload = position + fields.nameLen;
-    return FrameDamage::NONE;
+    // A frame that was cut by its own lengths never gets here; one behind which nobody knows what is does.
+    const auto offset = static_cast<unsigned int>(fields.payload - frame);
+    return fields.payloadLen > length + FRAME_SPARE_LENGTH - offset ? FrameDamage::PAYLOAD_MISSING
+                                                                    : FrameDamage::NONE;
 }
 
 }  // namespace lumoraAiModule

@@ -56,7 +56,7 @@ struct ServerFrame {
     char* payload = nullptr;
 };
 
-enum class FrameDamage { NONE, TOO_SHORT, PAYLOAD_LENGTH, CLIENT_COUNT, NAME_LENGTH };
+enum class FrameDamage { NONE, TOO_SHORT, PAYLOAD_LENGTH, CLIENT_COUNT, NAME_LENGTH, PAYLOAD_MISSING };
 
 // Reads the fields up to the first damaged one, which is still stored. Up to FRAME_SPARE_LENGTH bytes behind
 // length may be looked at.

@@ -278,6 +278,16 @@ TEST_F(ReceiveTest, NameThatLeadsBehindTheFrameEndsWithTheSpareZeros) {
     EXPECT_THAT(ReceivedPayloads(), ElementsAre(""));
 }
 
+TEST_F(ReceiveTest, PayloadThatIsNotThereIsNotDelivered) {
+    Register(1);
+    mLog.Clear();
+    EXPECT_EQ(-1, Receive(Frame(101, 1024000,
+                                Byte(1) + "\x01\x04"
+                                          "facedata")));
+    ExpectOnlyError("payloadLen = 1024000 reaches beyond the frame.\n");
+    EXPECT_THAT(Receivers(), ElementsAre());
+}
+
 // ---- Over the wire ----
 
 TEST_F(ReceiveTest, FramesAreDeliveredInTheOrderSent) {
@@ -326,6 +336,19 @@ TEST_F(ReceiveTest, LyingFrameOverTheWireFindsZerosBehindItself) {
     ASSERT_TRUE(Eventually([] { return ReceivedEvents().size() == 2; }));
     EXPECT_STREQ("abc", ReceivedEvents()[1].event.serviceName);
     EXPECT_EQ(Byte(0), ReceivedPayloads()[1]);
+}
+
+// The second head is illegal, so it is cut at the first one's length, whatever length it claims itself.
+TEST_F(ReceiveTest, FrameOverTheWireThatClaimsMoreThanWasCutIsRefused) {
+    Register(1);
+    Connect(1, mCamera);
+    const Bytes frame = ServerFrameBytes("\x01", "face", "data");
+    Bytes lying = frame;
+    lying[0] = 101;
+    lying.replace(1, 4, LittleEndian32(1024000));
+    mToClient.Send(frame + lying);
+    ASSERT_TRUE(mLog.WaitFor(4, "payloadLen = 1024000 reaches beyond the frame.\n"));
+    EXPECT_THAT(ReceivedPayloads(), ElementsAre("data"));
 }
 
 }  // namespace

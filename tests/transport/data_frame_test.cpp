@@ -120,7 +120,7 @@ TEST_F(ReadServerFrameTest, TenBytesAreTheLeast) {
 }
 
 TEST_F(ReadServerFrameTest, PayloadOf1024000BytesIsTheMost) {
-    const Bytes rest("\0\0___", 5);
+    const Bytes rest = Bytes("\0\0", 2) + Bytes(1024000, 'p');
     EXPECT_EQ(FrameDamage::NONE, Read("\x07" + lumora_test::LittleEndian32(1024000) + rest));
     EXPECT_EQ(1024000U, mFields.payloadLen);
     EXPECT_EQ(FrameDamage::PAYLOAD_LENGTH, Read("\x07" + lumora_test::LittleEndian32(1024001) + rest));
@@ -169,6 +169,19 @@ TEST_F(ReadServerFrameTest, LyingFrameIsReadFromTheSpareBytes) {
     EXPECT_EQ(0, mFields.clientIDs[19]);
     EXPECT_EQ(0U, mFields.nameLen);
     EXPECT_LE(mFields.payload, mBytes.data() + 67);
+}
+
+// A receiver cuts by the length of the frame before when a head is illegal: then nothing says that the
+// payload is there.
+TEST_F(ReadServerFrameTest, PayloadMustEndWithinTheFrameAndItsSpareBytes) {
+    const Bytes fields = Bytes("\x01\x01\x04", 3) + "face";
+    for (const unsigned int missing : {0U, FRAME_SPARE_LENGTH}) {
+        EXPECT_EQ(FrameDamage::NONE,
+                  Read("\x65" + lumora_test::LittleEndian32(20 + missing) + fields + Bytes(20, 'p')));
+    }
+    const Bytes head = "\x65" + lumora_test::LittleEndian32(21 + FRAME_SPARE_LENGTH);
+    EXPECT_EQ(FrameDamage::PAYLOAD_MISSING, Read(head + fields + Bytes(20, 'p')));
+    EXPECT_EQ(FrameDamage::PAYLOAD_MISSING, Read("\x65" + lumora_test::LittleEndian32(1024000) + fields));
 }
 
 }  // namespace
