@@ -71,14 +71,14 @@ bool TakeUri(std::string_view& text, NodeDescription& into) {
         return false;
     }
     into.secured = TakePrefix(text, kSecuredScheme);
-    const std::size_t end = text.find(kPath);
-    if (end == std::string_view::npos || (!into.secured && !TakePrefix(text, kScheme))) {
+    if (!into.secured && !TakePrefix(text, kScheme)) {
         return false;
     }
     const std::string_view authority = text.substr(0, text.find(kPath));
     const auto endpoint = ParseEndpoint(std::string(authority), MulticastGroup().port);
-    text.remove_prefix(authority.size() + kPath.size());
-    if (!endpoint || !TakePrefix(text, ">") || (into.secured && endpoint->port < 2)) {
+    text.remove_prefix(authority.size());
+    const bool path = TakePrefix(text, kPath) && TakePrefix(text, ">");
+    if (!endpoint || !path || (into.secured && endpoint->port < 2)) {
         return false;
     }
     into.endpoint = *endpoint;

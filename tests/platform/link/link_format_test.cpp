@@ -69,6 +69,9 @@ TEST(LinkFormatTest, RefusesWhatIsNotTheLinkOfANode) {
              "<coap://192.0.2.7:1/other>;ep=1;ins=1",
              "<coap://192.0.2.7:1/lumora;ep=1;ins=1",
              "</lumora>;ep=1;ins=1",
+             "<coap://lumora>;ep=1;ins=1",
+             "<coap://192.0.2.7:1",
+             "<coap://",
          }) {
         EXPECT_FALSE(ParseLink(text)) << text;
     }
