@@ -31,8 +31,8 @@ RequestTable::Verdict RequestTable::Admit(const RequestKey& key, const std::opti
     if (now - lastSweep_ >= kSweepInterval) {
         Sweep(now);
     }
-    if (requester) {
-        Advance({key.node, key.instance}, requester->oldestOpen, now);
+    if (requester && !Advance({key.node, key.instance}, requester->oldestOpen, now)) {
+        return Verdict::kFull;
     }
     const auto known = entries_.find(key);
     if (known != entries_.end()) {
@@ -42,8 +42,7 @@ RequestTable::Verdict RequestTable::Admit(const RequestKey& key, const std::opti
         return Verdict::kStale;
     }
     MakeRoomForForeign();
-    if (entries_.size() >= limits_.entries || bytes_ >= limits_.bytes ||
-        progress_.size() > limits_.requesters) {
+    if (entries_.size() >= limits_.entries || bytes_ >= limits_.bytes) {
         return Verdict::kFull;
     }
     Entry entry;
@@ -74,7 +73,11 @@ void RequestTable::Answer(const RequestKey& key, const Outcome& outcome, TimePoi
 
 const Outcome& RequestTable::StoredAnswer(const RequestKey& key) const { return *entries_.at(key).answer; }
 
-void RequestTable::Advance(const Start& start, std::uint32_t oldestOpen, TimePoint now) {
+// Invented requesters must find no room either: false where there is none for another.
+bool RequestTable::Advance(const Start& start, std::uint32_t oldestOpen, TimePoint now) {
+    if (progress_.size() >= limits_.requesters && progress_.count(start) == 0) {
+        return false;
+    }
     const auto [at, isNew] = progress_.try_emplace(start);
     Progress& progress = at->second;
     progress.heard = now;
@@ -82,6 +85,7 @@ void RequestTable::Advance(const Start& start, std::uint32_t oldestOpen, TimePoi
         progress.oldestOpen = oldestOpen;
         DropClosed(start);
     }
+    return true;
 }
 
 bool RequestTable::IsClosed(const RequestKey& key, std::uint32_t sequence) const {

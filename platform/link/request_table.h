@@ -59,6 +59,7 @@ public:
 
     std::size_t Entries() const { return entries_.size(); }
     std::size_t Bytes() const { return bytes_; }
+    std::size_t Requesters() const { return progress_.size(); }
 
 private:
     struct Entry {
@@ -74,7 +75,7 @@ private:
     using Entries_t = std::map<RequestKey, Entry>;
     using Start = std::pair<std::uint64_t, std::uint32_t>;  // one start of one node: id and instance
 
-    void Advance(const Start& start, std::uint32_t oldestOpen, TimePoint now);
+    bool Advance(const Start& start, std::uint32_t oldestOpen, TimePoint now);
     bool IsClosed(const RequestKey& key, std::uint32_t sequence) const;
     void DropClosed(const Start& start);
     void MakeRoomForForeign();

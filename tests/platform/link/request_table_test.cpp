@@ -150,4 +150,18 @@ TEST_F(RequestTableTest, ForeignFloodsTakeNoRoomFromOthers) {
     EXPECT_LE(shared.Entries(), 20U);
 }
 
+TEST_F(RequestTableTest, InventedRequestersAreBoundedAndThoseKnownAreServedOn) {
+    limits.requesters = 3;
+    RequestTable small(limits);
+    const auto admit = [&](std::uint64_t node, std::uint32_t sequence) {
+        const Requester requester{{node, 1}, 4000, sequence, sequence, sequence};
+        return small.Admit(KeyFor(Message(sequence), requester, Endpoint()), requester, now);
+    };
+    for (std::uint64_t node = 1; node <= 1000; ++node) {
+        EXPECT_EQ(admit(node, 1), node <= 3 ? Verdict::kNew : Verdict::kFull);
+    }
+    EXPECT_EQ(small.Requesters(), 3U);
+    EXPECT_EQ(admit(2, 2), Verdict::kNew);
+}
+
 }  // namespace lumora_link::test
