@@ -79,6 +79,7 @@ private:
     int RegisterServices(const LUM_DEVICE_INFO_S& devInfo) REQUIRES(mMutex);
 
     int HandleCommand(const std::string& value) REQUIRES(mMutex);
+    void RememberClient(int clientID) REQUIRES(mMutex);
     int HandleDestroy(int clientID) REQUIRES(mMutex);
     int ProcessSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     int ProcessUnSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);

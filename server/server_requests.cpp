@@ -20,6 +20,10 @@ bool Contains(const std::vector<unsigned int>& ids, int clientID) {
     return std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)) != ids.end();
 }
 
+// Requests come from anybody, so what they are remembered in has an end. Real clients stay far below.
+constexpr std::size_t MAX_CONNECTIONS = 1024;
+constexpr std::size_t MAX_SUBSCRIBERS = 1024;
+
 void EraseFirst(std::vector<unsigned int>& ids, int clientID) {
     ids.erase(std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)));
 }
@@ -73,7 +77,7 @@ int LumoraServerModule::OnCoapPost(const std::string& key, const std::string& va
         ret = HandleDestroy(std::stoi(value));
     } else if (key == CONNECT_KEY) {
         const int clientID = std::stoi(value);
-        mClientList.push_back(static_cast<unsigned int>(clientID));
+        RememberClient(clientID);
         LUMORA_DETAIL("client %d  on us!\n", clientID);
     }
     if (ret != 0) {
@@ -124,6 +128,17 @@ int LumoraServerModule::HandleCommand(const std::string& value) {
     return 0;
 }
 
+// A client that connects without ever saying goodbye stands in the list each time. The full list loses such a
+// repetition, or else its oldest entry.
+void LumoraServerModule::RememberClient(int clientID) {
+    if (mClientList.size() >= MAX_CONNECTIONS) {
+        const auto earlier =
+            std::find(mClientList.begin(), mClientList.end(), static_cast<unsigned int>(clientID));
+        mClientList.erase(earlier != mClientList.end() ? earlier : mClientList.begin());
+    }
+    mClientList.push_back(static_cast<unsigned int>(clientID));
+}
+
 int LumoraServerModule::HandleDestroy(int clientID) {
     if (!Contains(mClientList, clientID)) {
         LUMORA_ERROR("No such clientID : %d connect on us!!\n", clientID);
@@ -147,6 +162,10 @@ int LumoraServerModule::ProcessSubscribe(int clientID, const LUM_SUBSCRIBE_SERVI
     if (Contains(service->mClientIds, clientID)) {
         LUMORA_STATE("Client[%d] has subscribed %s service.\n", clientID, record.serviceName);
         return 0;
+    }
+    if (service->mClientIds.size() >= MAX_SUBSCRIBERS) {
+        LUMORA_ERROR("%s has too many subscribers\n", record.serviceName);
+        return -1;
     }
     std::vector<unsigned int> subscribers = service->mClientIds;
     subscribers.push_back(static_cast<unsigned int>(clientID));

@@ -197,6 +197,27 @@ TEST_F(ServerRequestsTest, ClientThatConnectedTwiceStaysOnceAfterOneDestroy) {
     EXPECT_EQ(-1, Destroy(3));
 }
 
+TEST_F(ServerRequestsTest, ListOfClientsHasAnEndAndLosesRepetitionsFirst) {
+    Connect(1);
+    Connect(2);
+    for (int i = 0; i < 5000; ++i) {
+        EXPECT_EQ(0, Connect(3));
+    }
+    mLog.Clear();
+    EXPECT_EQ(0, Destroy(1));
+    EXPECT_TRUE(mLog.Has(2, "There are 1023 clients connected.\n"));
+    EXPECT_EQ(0, Destroy(2));
+}
+
+TEST_F(ServerRequestsTest, FullListOfClientsLosesTheOldest) {
+    for (int client = 0; client <= 1024; ++client) {
+        EXPECT_EQ(0, Connect(client));
+    }
+    EXPECT_EQ(-1, Destroy(0));
+    EXPECT_EQ(0, Destroy(1));
+    EXPECT_EQ(0, Destroy(1024));
+}
+
 TEST_F(ServerRequestsTest, LastDestroyStopsAndDropsTheTransport) {
     const auto transport = OpenFakeChannel();
     transport->status = LUM_TRANSPORT_STATUS_BUSY;

@@ -44,6 +44,18 @@ TEST_F(ServerSubscriptionTest, SecondSubscriptionSucceedsWithoutAnEvent) {
     EXPECT_EQ(1, mLog.Count(2, "Client[3] has subscribed face service.\n"));
 }
 
+TEST_F(ServerSubscriptionTest, ListOfSubscribersHasAnEnd) {
+    for (int client = 1; client <= 1024; ++client) {
+        ASSERT_EQ(0, Subscribe(client, "face"));
+    }
+    mLog.Clear();
+    EXPECT_EQ(-1, Subscribe(1025, "face"));
+    EXPECT_THAT(Errors(), ElementsAre("face has too many subscribers\n", "Process Subscribe face failed\n"));
+    EXPECT_EQ(0, Subscribe(1024, "face")) << "who is in it is still known";
+    EXPECT_EQ(0, Unsubscribe(1, "face"));
+    EXPECT_EQ(0, Subscribe(1025, "face"));
+}
+
 TEST_F(ServerSubscriptionTest, ServiceThatIsNotOfferedFails) {
     EXPECT_EQ(-1, Subscribe(3, "Face"));
     EXPECT_THAT(Errors(),
