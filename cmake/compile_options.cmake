@@ -18,6 +18,7 @@ function(lumora_compile_options target)
     if(LUMORA_SANITIZE)
         target_compile_options(${target} PRIVATE -fsanitize=${LUMORA_SANITIZE} -fno-omit-frame-pointer
                                -fno-sanitize-recover=all)
+        target_compile_definitions(${target} PRIVATE _GLIBCXX_ASSERTIONS)
         target_link_options(${target} PUBLIC -fsanitize=${LUMORA_SANITIZE})
     endif()
 endfunction()

@@ -1,20 +1,21 @@
 // What the two receiving sides deliver of a stream that comes in given pieces, written down a second time
-// and as plainly as possible: whole strings, no offsets kept, no buffers shared.
+// and as plainly as possible: whole strings and views of them, no offsets kept.
 #pragma once
 
 #include <algorithm>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tests/support/raw_peer.h"
 
 namespace lumora_test {
 
-inline unsigned int ByteAt(const Bytes& bytes, size_t index) {
+inline unsigned int ByteAt(std::string_view bytes, size_t index) {
     return static_cast<unsigned char>(bytes[index]);
 }
 
-inline unsigned int PayloadLengthIn(const Bytes& head) {
+inline unsigned int PayloadLengthIn(std::string_view head) {
     return ByteAt(head, 1) + (ByteAt(head, 2) << 8) + (ByteAt(head, 3) << 16) + (ByteAt(head, 4) << 24);
 }
 
@@ -74,7 +75,7 @@ protected:
     size_t Cut(const Bytes& data) override {
         size_t head = ByteAt(data, 0);
         size_t frame = 0;
-        Bytes left = data;
+        std::string_view left = data;
         if (head == 0 || head > 100) {
             return 0;
         }
@@ -87,8 +88,8 @@ protected:
             if (frame == 0 || frame > left.size()) {
                 break;
             }
-            mDelivered.push_back(left.substr(0, frame));
-            left.erase(0, frame);
+            mDelivered.emplace_back(left.substr(0, frame));
+            left.remove_prefix(frame);
         }
         return data.size() - left.size();
     }
@@ -105,18 +106,19 @@ public:
     ServerStreamModel() : StreamModel(6291462, 6) {}
 
 protected:
-    static bool Legal(const Bytes& data) { return ByteAt(data, 0) <= 6 && PayloadLengthIn(data) <= 5242886; }
+    static bool Legal(std::string_view data) {
+        return ByteAt(data, 0) <= 6 && PayloadLengthIn(data) <= 5242886;
+    }
 
     size_t Cut(const Bytes& data) override {
-        Bytes left = data;
+        std::string_view left = data;
         while (left.size() > 6) {
             const size_t payload = Legal(left) ? PayloadLengthIn(left) : 0;
             if (payload + 6 > left.size()) {
                 break;
             }
-            mDelivered.push_back((Legal(left) ? left.substr(5, 1) : Bytes(1, '\0')) +
-                                 left.substr(6, payload));
-            left.erase(0, payload + 6);
+            mDelivered.push_back(Bytes(1, Legal(left) ? left[5] : '\0') + Bytes(left.substr(6, payload)));
+            left.remove_prefix(payload + 6);
         }
         return data.size() - left.size();
     }
