@@ -15,9 +15,11 @@ namespace {
 constexpr unsigned kMaxDatagram = 1472;
 // Sessions of requesters that have been served; libcoap frees the oldest beyond this.
 constexpr unsigned kMaxIdleSessions = 128;
+// Others may begin several handshakes at once where datagrams get lost; libcoap takes less by default.
+constexpr unsigned kMaxHandshakes = 256;
 constexpr unsigned kSessionSeconds = 30;
-// Our own code repeats; libcoap's first repetition lies beyond the end of every conversation.
-constexpr coap_fixed_point_t kNeverRepeat = {120, 0};
+// Our own code repeats; libcoap's first repetition lies beyond the end of every session.
+constexpr coap_fixed_point_t kNeverRepeat = {600, 0};
 constexpr std::uint16_t kUnlimited = 1000;
 
 void Log(coap_log_t, const char* message) {
@@ -115,11 +117,10 @@ void Contain(const Work& work) {
 CoapPort::CoapPort(Listener listener) : listener_(std::move(listener)) {}
 
 CoapPort::~CoapPort() {
-    while (!conversations_.empty()) {
-        Hang(conversations_.begin()->first);
+    while (!channels_.empty()) {
+        CloseChannel(channels_.begin()->first);
     }
-    refused_.clear();
-    Settle();
+    ReleaseEnded();
     for (const auto& [path, session] : paths_) {
         coap_session_release(session);
     }
@@ -139,6 +140,7 @@ bool CoapPort::Open(std::optional<Psk> psk) {
     }
     coap_set_app_data(context_.get(), this);
     coap_context_set_max_idle_sessions(context_.get(), kMaxIdleSessions);
+    coap_context_set_max_handshake_sessions(context_.get(), kMaxHandshakes);
     coap_context_set_session_timeout(context_.get(), kSessionSeconds);
     coap_register_response_handler(context_.get(), OnResponse);
     coap_register_nack_handler(context_.get(), OnNack);
@@ -207,48 +209,104 @@ bool CoapPort::ListenBy(coap_proto_t protocol, const Endpoint& endpoint) {
 void CoapPort::Process() { coap_io_process(context_.get(), COAP_IO_NO_WAIT); }
 
 void CoapPort::Settle() {
+    std::vector<ChannelId> connected;
+    connected.swap(connected_);
+    for (const ChannelId channel : connected) {
+        sessions_.OnConnected(channel, Clock::now());
+    }
+    sessions_.Tick(Clock::now());
     std::vector<ConversationId> refused;
     refused.swap(refused_);
     for (const ConversationId conversation : refused) {
         listener_.onRefused(conversation);
     }
-    for (const auto& conversation : ended_) {
+    ReleaseEnded();
+}
+
+void CoapPort::ReleaseEnded() {
+    for (const auto& channel : ended_) {
         // Without this, what waits for its acknowledgement would keep the session and its socket.
-        coap_session_disconnected(conversation->session, COAP_NACK_NOT_DELIVERABLE);
-        coap_session_release(conversation->session);
+        coap_session_disconnected(channel->session, COAP_NACK_NOT_DELIVERABLE);
+        coap_session_release(channel->session);
     }
     ended_.clear();
 }
 
 void CoapPort::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
-    coap_session_t* session = SessionFor(conversation, to);
-    coap_pdu_t* pdu = session == nullptr ? nullptr : PduOf(message, message.messageId);
-    if (pdu == nullptr) {
-        Refuse(conversation);
+    if (psk_) {
+        sessions_.Transmit(conversation, to, message, Clock::now());
         return;
     }
-    errno = 0;
-    if (coap_send(session, pdu) == COAP_INVALID_MID && errno == ECONNREFUSED) {
-        Refuse(conversation);
+    // Without a descriptor for it the message is lost: that says nothing about the peer.
+    const bool open = channels_.count(conversation) != 0 || OpenChannel(conversation, to);
+    if (open && !Send(conversation, message)) {
+        OnRefused(conversation);
     }
 }
 
-coap_session_t* CoapPort::SessionFor(ConversationId conversation, const Endpoint& to) {
-    const auto known = conversations_.find(conversation);
-    if (known != conversations_.end()) {
-        return known->second->session;
+void CoapPort::Hang(ConversationId conversation) {
+    if (psk_) {
+        sessions_.Hang(conversation);
+    } else {
+        CloseChannel(conversation);
     }
-    auto made = std::make_unique<Conversation>();
-    made->id = conversation;
+}
+
+void CoapPort::OnPeerGone(const Endpoint& endpoint) { sessions_.OnPeerGone(endpoint, Clock::now()); }
+
+bool CoapPort::Open(SecuredSessions::SessionId session, const Endpoint& to) {
+    return OpenChannel(session, to);
+}
+
+void CoapPort::Probe(SecuredSessions::SessionId session) {
+    const auto channel = channels_.find(session);
+    if (channel == channels_.end()) {
+        return;
+    }
+    CoapMessage ping = MakePing();
+    ping.token = "probe";  // of a length that no conversation's tokens have
+    ping.messageId = coap_new_message_id(channel->second->session);
+    Write(session, ping);
+}
+
+void CoapPort::Write(SecuredSessions::SessionId session, const CoapMessage& message) {
+    if (channels_.count(session) != 0 && !Send(session, message)) {
+        sessions_.OnFailed(session, true);
+    }
+}
+
+bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
+    auto made = std::make_unique<Channel>();
+    made->id = channel;
     made->session = NewSession(to);
     if (made->session == nullptr) {
-        return nullptr;
+        return false;
     }
     coap_session_set_app_data(made->session, made.get());
     coap_session_set_mtu(made->session, kMaxDatagram);
     coap_session_set_ack_timeout(made->session, kNeverRepeat);
     coap_session_set_nstart(made->session, kUnlimited);
-    return conversations_.emplace(conversation, std::move(made)).first->second->session;
+    channels_.emplace(channel, std::move(made));
+    return true;
+}
+
+// Where memory is short the message is lost like any other.
+bool CoapPort::Send(ChannelId channel, const CoapMessage& message) {
+    coap_pdu_t* pdu = PduOf(message, message.messageId);
+    errno = 0;
+    return pdu == nullptr || coap_send(channels_.at(channel)->session, pdu) != COAP_INVALID_MID ||
+           errno != ECONNREFUSED;
+}
+
+void CoapPort::CloseChannel(ChannelId channel) {
+    const auto known = channels_.find(channel);
+    if (known == channels_.end()) {
+        return;
+    }
+    // libcoap may hold events of this session that it has not looked at yet; Settle closes it.
+    coap_session_set_app_data(known->second->session, nullptr);
+    ended_.push_back(std::move(known->second));
+    channels_.erase(known);
 }
 
 // No local address: libcoap would bind with SO_REUSEADDR, and then the kernel may give the port of
@@ -265,19 +323,6 @@ coap_session_t* CoapPort::NewSession(const Endpoint& to) {
     setup.psk_info.key = key_;
     return coap_new_client_session_psk2(context_.get(), nullptr, &address, COAP_PROTO_DTLS, &setup);
 }
-
-void CoapPort::Hang(ConversationId conversation) {
-    const auto known = conversations_.find(conversation);
-    if (known == conversations_.end()) {
-        return;
-    }
-    // libcoap may hold events of this session that it has not looked at yet; Settle closes it.
-    coap_session_set_app_data(known->second->session, nullptr);
-    ended_.push_back(std::move(known->second));
-    conversations_.erase(known);
-}
-
-void CoapPort::Refuse(ConversationId conversation) { refused_.push_back(conversation); }
 
 void CoapPort::Reply(ReplyPath path, const CoapMessage& message) {
     const auto at = paths_.find(path);
@@ -326,40 +371,60 @@ void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, c
     });
 }
 
+CoapPort::ChannelId CoapPort::ChannelOf(const coap_session_t* session) {
+    const auto* channel = static_cast<const Channel*>(coap_session_get_app_data(session));
+    return channel == nullptr ? 0 : channel->id;
+}
+
 coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*, const coap_pdu_t* received,
                                      coap_mid_t) {
     Contain([&] {
         auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
-        if (const auto* conversation = static_cast<Conversation*>(coap_session_get_app_data(session))) {
-            port->listener_.onAnswer(conversation->id, MessageOf(received));
+        const ChannelId channel = ChannelOf(session);
+        if (channel == 0) {
+            return;
+        }
+        const CoapMessage answer = MessageOf(received);
+        const auto conversation = port->psk_ ? port->sessions_.OnAnswer(channel, answer.token, Clock::now())
+                                             : std::make_optional(channel);
+        if (conversation) {
+            port->listener_.onAnswer(*conversation, answer);
         }
     });
     return COAP_RESPONSE_OK;
 }
 
 void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reason_t reason, coap_mid_t) {
-    if (reason != COAP_NACK_ICMP_ISSUE && reason != COAP_NACK_RST && reason != COAP_NACK_TLS_FAILED) {
+    const ChannelId channel = ChannelOf(session);
+    const bool refused = reason == COAP_NACK_ICMP_ISSUE || reason == COAP_NACK_RST;
+    if (!refused || channel == 0) {
         return;
     }
+    // Told later: libcoap is walking through the very messages that the listener may end.
     Contain([&] {
         auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
-        // Told later: libcoap is walking through the very messages that the listener may end.
-        if (const auto* conversation = static_cast<Conversation*>(coap_session_get_app_data(session))) {
-            port->Refuse(conversation->id);
+        if (port->psk_) {
+            port->sessions_.OnFailed(channel, reason == COAP_NACK_ICMP_ISSUE);
+        } else {
+            port->OnRefused(channel);
         }
     });
 }
 
-// The other end does not know the key, or has ended the session before it answered.
+// Every end of a session is told here first, whatever the reason.
 int CoapPort::OnEvent(coap_session_t* session, coap_event_t event) {
-    const auto* conversation = static_cast<Conversation*>(coap_session_get_app_data(session));
-    const bool failed = event == COAP_EVENT_DTLS_ERROR || event == COAP_EVENT_DTLS_CLOSED;
-    if (failed && conversation != nullptr) {
-        Contain([&] {
-            auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
-            port->Refuse(conversation->id);
-        });
+    const ChannelId channel = ChannelOf(session);
+    if (channel == 0) {
+        return 0;
     }
+    auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+    Contain([&] {
+        if (event == COAP_EVENT_DTLS_CONNECTED) {
+            port->connected_.push_back(channel);
+        } else if (event == COAP_EVENT_DTLS_ERROR || event == COAP_EVENT_DTLS_CLOSED) {
+            port->sessions_.OnFailed(channel, false);
+        }
+    });
     return 0;
 }
 

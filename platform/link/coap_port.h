@@ -1,5 +1,5 @@
 // libcoap as the carrier of unicast messages: the node's own endpoints, where requests arrive, and
-// one socket per conversation that this node began.
+// one socket per conversation that this node began, or with a key one per session.
 //
 // libcoap brings the codec, the sessions and the acknowledgements. Repeating is left to our own
 // code, because libcoap repeats after a second at the earliest and forgets what it has answered.
@@ -16,22 +16,25 @@
 #include <vector>
 
 #include "psk.h"
+#include "secured_sessions.h"
 #include "surroundings.h"
 #include "types.h"
 
 namespace lumora_link {
 
-class CoapPort {
+class CoapPort : private SecuredSessions::Carrier {
 public:
     struct Listener {
         std::function<void(const CoapMessage&, const Endpoint& source, in_addr_t localHost, ReplyPath path)>
             onRequest;
         std::function<void(ConversationId, const CoapMessage&)> onAnswer;
         std::function<void(ConversationId)> onRefused;
+        // What was kept back until a session was there has been sent.
+        std::function<void(ConversationId)> onReached;
     };
 
     explicit CoapPort(Listener listener);
-    ~CoapPort();
+    ~CoapPort() override;
     CoapPort(const CoapPort&) = delete;
     CoapPort& operator=(const CoapPort&) = delete;
 
@@ -46,9 +49,12 @@ public:
     void Process();
     // Lets go of what ended, outside of libcoap's own calls. To be called after every turn.
     void Settle();
+    // When Settle is due at the latest.
+    TimePoint NextDeadline() const { return sessions_.NextDeadline(); }
 
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message);
     void Hang(ConversationId conversation);
+    void OnPeerGone(const Endpoint& endpoint);
     void Reply(ReplyPath path, const CoapMessage& message);
     void Forget(ReplyPath path);
 
@@ -59,8 +65,10 @@ private:
     struct ContextCloser {
         void operator()(coap_context_t* context) const { coap_free_context(context); }
     };
-    struct Conversation {
-        ConversationId id = 0;
+    // A socket of ours: a conversation's, or with a key a session's.
+    using ChannelId = std::uint64_t;
+    struct Channel {
+        ChannelId id = 0;
         coap_session_t* session = nullptr;
     };
 
@@ -75,19 +83,32 @@ private:
 
     bool ServeSecurely();
     bool ListenBy(coap_proto_t protocol, const Endpoint& endpoint);
-    coap_session_t* NewSession(const Endpoint& to);
+    bool Open(SecuredSessions::SessionId session, const Endpoint& to) override;
+    void Probe(SecuredSessions::SessionId session) override;
+    void Write(SecuredSessions::SessionId session, const CoapMessage& message) override;
+    void Close(SecuredSessions::SessionId session) override { CloseChannel(session); }
+    void OnReached(ConversationId conversation) override { listener_.onReached(conversation); }
+    void OnRefused(ConversationId conversation) override { refused_.push_back(conversation); }
+
+    static ChannelId ChannelOf(const coap_session_t* session);
     void AddResource(const char* path);
-    coap_session_t* SessionFor(ConversationId conversation, const Endpoint& to);
-    void Refuse(ConversationId conversation);
+    coap_session_t* NewSession(const Endpoint& to);
+    bool OpenChannel(ChannelId channel, const Endpoint& to);
+    // False where the port was refused.
+    bool Send(ChannelId channel, const CoapMessage& message);
+    void CloseChannel(ChannelId channel);
+    void ReleaseEnded();
 
     const Listener listener_;
     std::optional<Psk> psk_;
     coap_bin_const_t key_ = {};
     std::unique_ptr<coap_context_t, ContextCloser> context_;
     std::set<Endpoint> endpoints_;
-    std::map<ConversationId, std::unique_ptr<Conversation>> conversations_;
-    std::vector<std::unique_ptr<Conversation>> ended_;
+    std::map<ChannelId, std::unique_ptr<Channel>> channels_;
+    std::vector<std::unique_ptr<Channel>> ended_;
     std::vector<ConversationId> refused_;
+    std::vector<ChannelId> connected_;  // libcoap sends by them when it has returned from telling so
+    SecuredSessions sessions_{*this};
     std::map<ReplyPath, coap_session_t*> paths_;
     ReplyPath lastPath_ = 0;
 };

@@ -135,6 +135,9 @@ TimePoint NodeCore::NextDeadline(TimePoint now) const {
 
 void NodeCore::PassEvents() {
     for (DeviceEvent& event : presence_.Directory().TakeEvents()) {
+        if (!event.added) {
+            network_.OnPeerGone(event.node.endpoint);
+        }
         application_.Notify(std::move(event));
     }
 }

@@ -41,6 +41,8 @@ public:
                    TimePoint now);
     void OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
     void OnRefused(ConversationId conversation, TimePoint now);
+    // The first message had to wait for a way to the peer, and has left now.
+    void OnReached(ConversationId conversation, TimePoint now) { client_.OnReached(conversation, now); }
 
     void Tick(TimePoint now);
     TimePoint NextDeadline(TimePoint now) const;

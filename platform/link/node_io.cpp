@@ -122,7 +122,8 @@ bool NodeIo::Open() {
         [this](ConversationId conversation, const CoapMessage& answer) {
             core_.OnAnswer(conversation, answer, Clock::now());
         },
-        [this](ConversationId conversation) { core_.OnRefused(conversation, Clock::now()); }});
+        [this](ConversationId conversation) { core_.OnRefused(conversation, Clock::now()); },
+        [this](ConversationId conversation) { core_.OnReached(conversation, Clock::now()); }});
     group_ = std::make_unique<GroupSockets>(
         loop_, GroupSockets::Listener{
                    [this](const CoapMessage& message, const Endpoint& source, unsigned interface) {
@@ -158,7 +159,7 @@ void NodeIo::Turn() {
         core_.Tick(now);
         coap_->Settle();
     }
-    loop_.WakeAt(core_.NextDeadline(now));
+    loop_.WakeAt(std::min(core_.NextDeadline(now), coap_->NextDeadline()));
     loop_.RunOnce();
 }
 
@@ -212,6 +213,8 @@ void NodeIo::Transmit(ConversationId conversation, const Endpoint& to, const Coa
 }
 
 void NodeIo::Hang(ConversationId conversation) { coap_->Hang(conversation); }
+
+void NodeIo::OnPeerGone(const Endpoint& endpoint) { coap_->OnPeerGone(endpoint); }
 
 void NodeIo::Reply(ReplyPath path, const CoapMessage& message) { coap_->Reply(path, message); }
 

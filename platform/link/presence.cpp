@@ -9,8 +9,6 @@ namespace lumora_link {
 namespace {
 
 constexpr Milliseconds kNewcomerJitter{50};
-// A lost datagram of a handshake is repeated after a second only: to begin another is quicker.
-constexpr std::size_t kMaxHandshakes = 8;
 constexpr std::size_t kMaxTexts = 2048;
 
 }  // namespace
@@ -91,8 +89,7 @@ bool Presence::OnRefused(ConversationId conversation, TimePoint now) {
 
 Presence::Pings::const_iterator Presence::PingOf(ConversationId conversation) const {
     return std::find_if(pings_.begin(), pings_.end(), [conversation](const auto& ping) {
-        const auto& own = ping.second.conversations;
-        return std::find(own.begin(), own.end(), conversation) != own.end();
+        return ping.second.conversation == conversation;
     });
 }
 
@@ -149,10 +146,8 @@ void Presence::PingDoubted(TimePoint now) {
     for (auto at = pings_.begin(); at != pings_.end();) {
         const Peer* peer = directory_.Find(at->first);
         const bool settled = peer == nullptr || !peer->doubtedSince;
-        for (const ConversationId conversation : at->second.conversations) {
-            if (settled) {
-                network_.Hang(conversation);
-            }
+        if (settled) {
+            network_.Hang(at->second.conversation);
         }
         at = settled ? pings_.erase(at) : std::next(at);
     }
@@ -160,7 +155,7 @@ void Presence::PingDoubted(TimePoint now) {
         const auto [at, isNew] = pings_.try_emplace(nodeId);
         Ping& ping = at->second;
         if (isNew) {
-            ping = {{}, labels_.NextToken(), now};
+            ping = {labels_.NextConversation(), labels_.NextToken(), now};
         }
         if (now >= ping.next) {
             Send(ping, directory_.Find(nodeId)->node.endpoint, now);
@@ -169,17 +164,10 @@ void Presence::PingDoubted(TimePoint now) {
 }
 
 void Presence::Send(Ping& ping, const Endpoint& to, TimePoint now) {
-    if (ping.conversations.empty() || self_.secured) {
-        ping.conversations.push_back(labels_.NextConversation());
-    }
-    if (ping.conversations.size() > kMaxHandshakes) {
-        network_.Hang(ping.conversations.front());
-        ping.conversations.pop_front();
-    }
     CoapMessage message = MakePing();
     message.token = ping.token;
     message.messageId = labels_.NextMessageId();
-    network_.Transmit(ping.conversations.back(), to, message);
+    network_.Transmit(ping.conversation, to, message);
     ping.next = now + kPingInterval;
 }
 

@@ -1,7 +1,6 @@
 // Tells the others that this node is here, and finds out which of them still are.
 #pragma once
 
-#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -43,7 +42,7 @@ public:
 
 private:
     struct Ping {
-        std::deque<ConversationId> conversations;  // more than one where each begins with a handshake
+        ConversationId conversation = 0;
         std::string token;
         TimePoint next;
     };

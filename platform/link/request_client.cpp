@@ -72,6 +72,16 @@ bool RequestClient::OnAnswer(ConversationId conversation, const CoapMessage& ans
     return true;
 }
 
+// To be reached is a word of the peer, and the time for the answer begins with the first copy.
+void RequestClient::OnReached(ConversationId conversation, TimePoint now) {
+    const auto at = exchanges_.find(conversation);
+    if (at != exchanges_.end()) {
+        at->second.heard = now;
+        at->second.copies = 1;
+        at->second.nextCopy = now + kPauses.front();
+    }
+}
+
 std::optional<Endpoint> RequestClient::OnRefused(ConversationId conversation) {
     const auto at = exchanges_.find(conversation);
     if (at == exchanges_.end()) {

@@ -36,6 +36,7 @@ public:
     void Start(OutgoingRequest request, TimePoint now);
     // False where the conversation is not one of ours.
     bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
+    void OnReached(ConversationId conversation, TimePoint now);
     // Whom the request was for; nothing where the conversation is not one of ours.
     std::optional<Endpoint> OnRefused(ConversationId conversation);
     void Tick(TimePoint now);
@@ -53,7 +54,6 @@ private:
         std::uint32_t firstOfBody = 0;
         TimePoint start;
         TimePoint heard;
-        TimePoint messageStart;
         unsigned copies = 0;
         TimePoint nextCopy;
         std::string pingToken;

@@ -26,6 +26,8 @@ public:
     // Opens the conversation when it is new. Never repeats by itself.
     virtual void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) = 0;
     virtual void Hang(ConversationId conversation) = 0;
+    // The node that was there has been removed: what was kept of it is of no use to another.
+    virtual void OnPeerGone(const Endpoint& endpoint) = 0;
 
     // Confirmable replies are repeated until they are acknowledged.
     virtual void Reply(ReplyPath path, const CoapMessage& message) = 0;

@@ -69,6 +69,7 @@ private:
     void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) override;
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override;
     void Hang(ConversationId conversation) override;
+    void OnPeerGone(const Endpoint&) override {}
     void Reply(ReplyPath path, const CoapMessage& message) override;
     void Forget(ReplyPath path) override;
     bool Handle(HandlerCall call) override;

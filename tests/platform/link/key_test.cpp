@@ -17,6 +17,7 @@ namespace lumora_link::test {
 namespace {
 
 using lumora_test::Eventually;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -37,6 +38,14 @@ struct KeyTest : testing::Test {
         std::ofstream(path) << "lumora:" << key << "\n";
         EXPECT_EQ(chmod(path.c_str(), mode), 0);
         setenv("LUMORA_LINK_PSK_FILE", path.c_str(), 1);
+    }
+
+    // A device at a port that its next start takes again.
+    bool StartAtPort(const char* port) {
+        setenv("LUMORA_LINK_PORT", port, 1);
+        const bool started = device.Start();
+        unsetenv("LUMORA_LINK_PORT");
+        return started;
     }
 
     std::string folder;
@@ -114,6 +123,36 @@ TEST_F(SecuredNodeTest, AnotherKeyIsOfNoUse) {
         return found.Size() == 1 && Post(found.At(0), "key", "value") != 0;
     }));
     EXPECT_THAT(device.Requests(), IsEmpty());
+}
+
+TEST_F(SecuredNodeTest, RequestsToOneNodeShareASession) {
+    UseKey("secret");
+    ASSERT_TRUE(asker.Start());
+    ASSERT_TRUE(device.Start());
+    Found found(asker, "camera");
+    ASSERT_EQ(found.Size(), 1U);
+    const std::size_t before = OpenDescriptors();
+    for (int count = 0; count < 50; ++count) {
+        EXPECT_EQ(Post(found.At(0), "key", "value"), 0);
+    }
+    EXPECT_GT(OpenDescriptors(), before) << "the session stays";
+    EXPECT_LT(OpenDescriptors(), before + 10) << "with the sessions of pings, where the machine is slow";
+    EXPECT_THAT(device.Requests(), SizeIs(50));
+}
+
+TEST_F(SecuredNodeTest, ANodeThatWasStartedAgainIsAskedByANewSession) {
+    UseKey("secret");
+    ASSERT_TRUE(asker.Start());
+    ASSERT_TRUE(StartAtPort("6200"));
+    Found found(asker, "camera");
+    ASSERT_EQ(found.Size(), 1U);
+    ASSERT_EQ(Post(found.At(0), "before", ""), 0);
+    ASSERT_EQ(device.Platform()->Exit(device.Platform()), 0);
+    EXPECT_NE(Post(found.At(0), "meanwhile", ""), 0);
+    ASSERT_EQ(device.Platform()->Run(device.Platform()), 0);
+    EXPECT_EQ(Post(found.At(0), "after", ""), 0);
+    EXPECT_THAT(device.Requests(),
+                ElementsAre(Request{"POST", "", "before", ""}, Request{"POST", "", "after", ""}));
 }
 
 TEST_F(SecuredNodeTest, AForgedGoodbyeRemovesNobody) {

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <future>
 #include <memory>
 #include <thread>
@@ -41,11 +40,6 @@ milliseconds TimeOf(const std::function<void()>& work) {
     const auto start = std::chrono::steady_clock::now();
     work();
     return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
-}
-
-std::size_t OpenDescriptors() {
-    const std::filesystem::directory_iterator first("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(first, std::filesystem::directory_iterator()));
 }
 
 // One asking node and one device, found.

@@ -185,6 +185,34 @@ lossy() {
     stop_all
 }
 
+# With a key: through one session, and with a handshake for every request.
+secured_lossy() {
+    echo "lumora:for tests only" >"$work/key"
+    chmod 600 "$work/key"
+    export LUMORA_LINK_PSK_FILE=$work/key
+    if ! on 1 env LUMORA_LINK_INTERFACE=eth0 "$tool" find camera >/dev/null 2>&1; then
+        echo "skip    built without DTLS"
+        unset LUMORA_LINK_PSK_FILE
+        return
+    fi
+    lossy
+    local begin answered counted=0 sum=0
+    start 2 serve_secured serve camera 1
+    lose 20 10
+    begin=$(now)
+    for _ in $(seq 40); do
+        on 1 env LUMORA_LINK_INTERFACE=eth0 "$tool" post camera 1 >"$work/post"
+        read -r _ answered _ counted <"$work/post"
+        sum=$((sum + answered))
+    done
+    check "each of 40 requests with a handshake of its own was answered" "$sum" 40
+    check "and counted once" "$counted" "$sum"
+    echo "        in $((($(now) - begin) / 40)) ms each, with a search before and another request behind"
+    be_sound
+    stop_all
+    unset LUMORA_LINK_PSK_FILE
+}
+
 two_hundred() {
     interface=lo
     for process in 1 2 3 4 5 6 7 8 9 10; do

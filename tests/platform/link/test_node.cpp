@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <utility>
 
@@ -186,6 +187,11 @@ int Post(AppResourceProxy* proxy, const std::string& key, const std::string& val
 
 int Delete(AppResourceProxy* proxy, const std::string& key, const std::string& value) {
     return proxy->Delete(proxy, key.c_str(), value.c_str(), static_cast<unsigned>(value.size()));
+}
+
+std::size_t OpenDescriptors() {
+    const std::filesystem::directory_iterator first("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(first, std::filesystem::directory_iterator()));
 }
 
 }  // namespace lumora_link::test

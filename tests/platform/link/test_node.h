@@ -102,4 +102,7 @@ int Put(AppResourceProxy* proxy, const std::string& key, const std::string& valu
 int Post(AppResourceProxy* proxy, const std::string& key, const std::string& value);
 int Delete(AppResourceProxy* proxy, const std::string& key, const std::string& value);
 
+// Of this process.
+std::size_t OpenDescriptors();
+
 }  // namespace lumora_link::test
