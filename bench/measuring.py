@@ -52,6 +52,17 @@ def enter_own_network():
     print("no network namespace here: measuring on the host's loopback", file=sys.stderr)
 
 
+def machine():
+    """What the figures are worth: processor, cores, kernel, and who is compared."""
+    models = [line.split(":")[1].strip() for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
+              if line.startswith("model name")]
+    query = ["dpkg-query", "-W", "-f", "${source:Package} ${source:Upstream-Version}, ", "libzmq3-dev", "libnng-dev"]
+    libraries = subprocess.run(query, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+    system = os.uname()
+    return (f"{models[0] if models else system.machine}, {os.cpu_count()} cores, Linux {system.release}, "
+            f"{libraries}{system.machine}")
+
+
 class Peer:
     """A process that prints lines of JSON, and ends when its input does."""
 

@@ -1,6 +1,7 @@
 // So many messages a second from the client to the device, each with the time at which it was sent.
 #include <ctime>
 
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -11,6 +12,13 @@
 namespace lumora_bench {
 
 namespace {
+
+std::uint64_t Counted(const Measurement& what) {
+    return static_cast<std::uint64_t>(what.seconds * what.number) + 1;
+}
+
+// The first messages are not counted: some pipes are still connecting when they take them.
+std::uint64_t LeftOut(const Measurement& what) { return Counted(what) / 4; }
 
 void SleepUntil(Clock::time_point when) {
     const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(when - Clock::now()).count();
@@ -23,7 +31,7 @@ void SleepUntil(Clock::time_point when) {
 void SendPaced(Pipe& pipe, const Measurement& what) {
     std::vector<char> message(what.size, 'x');
     const auto interval = std::chrono::nanoseconds(static_cast<std::int64_t>(1e9 / what.number));
-    const auto count = static_cast<std::uint64_t>(what.seconds * what.number) + 1;
+    const std::uint64_t count = LeftOut(what) + Counted(what);
     Clock::time_point next = Clock::now();
     for (std::uint64_t i = 0; i < count; ++i, next += interval) {
         SleepUntil(next);
@@ -36,13 +44,16 @@ void SendPaced(Pipe& pipe, const Measurement& what) {
     pipe.Close();
 }
 
-void ReceivePaced(Pipe& pipe) {
+void ReceivePaced(Pipe& pipe, const Measurement& what) {
     Signal ended;
     Latencies latencies;
+    std::uint64_t received = 0;
     pipe.Open(Role::DEVICE, Flow::UP, [&](const char* data, std::size_t length) {
         std::int64_t sent = 0;
         std::memcpy(&sent, data, sizeof(sent));
-        latencies.Add(Nanoseconds() - sent);
+        if (received++ >= LeftOut(what)) {
+            latencies.Add(Nanoseconds() - sent);
+        }
         if (data[length - 1] == LAST) {
             ended.Raise();
         }
@@ -57,7 +68,7 @@ void ReceivePaced(Pipe& pipe) {
 
 void RunPaced(Pipe& pipe, const Measurement& what) {
     if (what.role == Role::DEVICE) {
-        ReceivePaced(pipe);
+        ReceivePaced(pipe, what);
         return;
     }
     pipe.Open(Role::CLIENT, Flow::UP, nullptr);

@@ -12,6 +12,9 @@ std::unique_ptr<Pipe> MakePipe(const std::string& name) {
     if (name == "tcp-direct") {
         return MakeTcpPipe(TcpKind::FRAMED_DIRECT);
     }
+    if (name == "tcp-pair") {
+        return MakeTcpPipe(TcpKind::FRAMED_PAIR);
+    }
     if (name == "tcp-unframed") {
         return MakeTcpPipe(TcpKind::UNFRAMED);
     }

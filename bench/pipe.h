@@ -19,6 +19,7 @@ using Handler = std::function<void(const char* data, std::size_t length)>;
 enum class TcpKind {
     FRAMED,         // the framing of Lumora's client frames; a thread receives, as with Lumora
     FRAMED_DIRECT,  // the same, but who exchanges a message receives the answer without a thread in between
+    FRAMED_PAIR,    // as FRAMED, with a connection for each direction, which is how Lumora does it
     UNFRAMED        // bytes without boundaries: what the machine can do at all
 };
 

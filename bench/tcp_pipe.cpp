@@ -1,6 +1,6 @@
-// Hand-made sockets, as good as plain code gets them: one connection for both directions, TCP_NODELAY, one
-// blocking write per message, and a thread that waits in select and reads as much as 1 MiB at a time. A frame
-// that is whole is handed on where it lies.
+// Hand-made sockets, as good as plain code gets them: TCP_NODELAY, one blocking write per message, and a
+// thread that waits in select and reads as much as 1 MiB at a time. A frame that is whole is handed on where
+// it lies.
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/select.h>
@@ -36,12 +36,12 @@ Buffer AllocateBuffer(std::size_t size) {
     return Buffer(static_cast<char*>(std::aligned_alloc(ALIGNMENT, size)));
 }
 
-sockaddr_in DeviceAddress() {
+sockaddr_in DeviceAddress(int port) {
     const char* host = std::getenv("LUMORA_BENCH_HOST");
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = inet_addr(host != nullptr ? host : "127.0.0.1");
-    address.sin_port = htons(PORT);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
     return address;
 }
 
@@ -51,9 +51,7 @@ public:
 
     void Open(Role role, Flow flow, Handler handler) override {
         mHandler = std::move(handler);
-        mSocket = role == Role::DEVICE ? Accept() : Connect();
-        const int on = 1;
-        setsockopt(mSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        OpenSockets(role);
         const bool receives = flow == Flow::BOTH || (flow == Flow::UP) == (role == Role::DEVICE);
         if (receives && (mHandler || mKind != TcpKind::FRAMED_DIRECT)) {
             mThread = std::thread([this] {
@@ -91,19 +89,37 @@ public:
     }
 
     void Close() override {
-        shutdown(mSocket, SHUT_RDWR);
+        shutdown(mReceiveSocket, SHUT_RDWR);
+        shutdown(mSendSocket, SHUT_RDWR);
         if (mThread.joinable()) {
             mThread.join();
         }
-        close(mSocket);
+        close(mReceiveSocket);
+        if (mSendSocket != mReceiveSocket) {
+            close(mSendSocket);
+        }
     }
 
 private:
-    static int Accept() {
+    void OpenSockets(Role role) {
+        if (role == Role::DEVICE) {
+            mReceiveSocket = Accept(PORT);
+            mSendSocket = mKind == TcpKind::FRAMED_PAIR ? Connect(PORT + 1) : mReceiveSocket;
+        } else {
+            mSendSocket = Connect(PORT);
+            mReceiveSocket = mKind == TcpKind::FRAMED_PAIR ? Accept(PORT + 1) : mSendSocket;
+        }
+        for (const int fd : {mSendSocket, mReceiveSocket}) {
+            const int on = 1;
+            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        }
+    }
+
+    static int Accept(int port) {
         const int listening = socket(AF_INET, SOCK_STREAM, 0);
         const int on = 1;
         setsockopt(listening, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        sockaddr_in address = DeviceAddress();
+        sockaddr_in address = DeviceAddress(port);
         address.sin_addr.s_addr = INADDR_ANY;
         if (bind(listening, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
             listen(listening, 1) != 0) {
@@ -114,8 +130,8 @@ private:
         return accepted;
     }
 
-    static int Connect() {
-        const sockaddr_in address = DeviceAddress();
+    static int Connect(int port) {
+        const sockaddr_in address = DeviceAddress(port);
         for (int i = 0; i < 5000; ++i) {
             const int fd = socket(AF_INET, SOCK_STREAM, 0);
             if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
@@ -129,7 +145,7 @@ private:
 
     void WriteAll(const char* data, std::size_t length) const {
         while (length > 0) {
-            const ssize_t count = send(mSocket, data, length, MSG_NOSIGNAL);
+            const ssize_t count = send(mSendSocket, data, length, MSG_NOSIGNAL);
             if (count <= 0) {
                 Fail("send failed");
             }
@@ -141,11 +157,11 @@ private:
     ssize_t Read(char* to) const {
         fd_set readable;
         FD_ZERO(&readable);
-        FD_SET(mSocket, &readable);
-        if (select(mSocket + 1, &readable, nullptr, nullptr, nullptr) <= 0) {
+        FD_SET(mReceiveSocket, &readable);
+        if (select(mReceiveSocket + 1, &readable, nullptr, nullptr, nullptr) <= 0) {
             return 0;
         }
-        return read(mSocket, to, READ_SIZE);
+        return read(mReceiveSocket, to, READ_SIZE);
     }
 
     // False when nothing will come any more.
@@ -190,7 +206,8 @@ private:
 
     const TcpKind mKind;
     Handler mHandler;
-    int mSocket = -1;
+    int mSendSocket = -1;
+    int mReceiveSocket = -1;
     std::thread mThread;
     Buffer mOut = AllocateBuffer(READ_SIZE + LONGEST_MESSAGE);
     Buffer mIn = AllocateBuffer(READ_SIZE + LONGEST_MESSAGE + READ_SIZE);
