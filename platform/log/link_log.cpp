@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cinttypes>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -10,6 +12,7 @@
 #include <memory>
 #include <string_view>
 
+#include "line_limit.h"
 #include "log_settings.h"
 #include "log_writer.h"
 
@@ -18,6 +21,8 @@ namespace {
 
 constexpr int LOWEST_LEVEL = 0;
 constexpr int HIGHEST_LEVEL = 4;
+// Who lowers the threshold wants to see every line of the levels below.
+constexpr int LOWEST_LIMITED_LEVEL = 2;
 constexpr size_t LONGEST_LINE = 2048;
 constexpr char CUT_MARK[] = "...";
 
@@ -26,18 +31,24 @@ constexpr char CUT_MARK[] = "...";
 constexpr int NOT_READ = INT_MIN;
 std::atomic<int> threshold{NOT_READ};
 
-std::unique_ptr<LogWriter> MakeWriter() {
-    LogSettings settings = ReadLogSettings();
-    const int level = settings.threshold;
-    auto writer = std::make_unique<LogWriter>(std::move(settings));
-    threshold.store(level, std::memory_order_relaxed);
-    return writer;
+struct Log {
+    explicit Log(const LogSettings& settings) : limit(settings.limit), writer(settings) {}
+
+    LineLimit limit;
+    LogWriter writer;
+};
+
+std::unique_ptr<Log> MakeLog() {
+    const LogSettings settings = ReadLogSettings();
+    auto log = std::make_unique<Log>(settings);
+    threshold.store(settings.threshold, std::memory_order_relaxed);
+    return log;
 }
 
 // Never destroyed: threads and static objects log until the process is gone.
-LogWriter& Writer() {
-    static LogWriter& writer = *MakeWriter().release();
-    return writer;
+Log& TheLog() {
+    static Log& log = *MakeLog().release();
+    return log;
 }
 
 // A caller logs what failed and looks at errno afterwards.
@@ -71,6 +82,24 @@ __attribute__((format(printf, 2, 0))) std::string_view FormatLine(char (&buffer)
     return {buffer, length};
 }
 
+// Whether the line may be written. The first one after others were left out is told of them.
+bool IsAdmitted(Log& log, const LogLine& place) {
+    if (place.level < LOWEST_LIMITED_LEVEL) {
+        return true;
+    }
+    const auto leftOut =
+        log.limit.Admit({place.tag, place.function, place.line}, std::chrono::steady_clock::now());
+    if (leftOut && *leftOut != 0) {
+        char text[80];
+        const int length =
+            snprintf(text, sizeof(text), "%" PRIu64 " more lines from here were left out", *leftOut);
+        LogLine summary = place;
+        summary.text = std::string_view(text, static_cast<size_t>(length));
+        log.writer.Write(summary);
+    }
+    return leftOut.has_value();
+}
+
 const char* OrEmpty(const char* text) { return text == nullptr ? "" : text; }
 
 // Out of line, so that a call that is filtered pays for no stack buffer.
@@ -78,14 +107,18 @@ __attribute__((noinline, format(printf, 5, 0))) void WriteLine(int level, const 
                                                                const char* function, int line,
                                                                const char* format, va_list arguments) {
     const ErrnoKeeper keeper;
-    LogWriter& writer = Writer();
+    Log& log = TheLog();
     level = std::min(level, HIGHEST_LEVEL);
     if (level < threshold.load(std::memory_order_relaxed)) {
         return;
     }
+    LogLine written = {std::max(level, LOWEST_LEVEL), OrEmpty(tag), OrEmpty(function), line, {}};
+    if (!IsAdmitted(log, written)) {
+        return;
+    }
     char buffer[LONGEST_LINE];
-    const std::string_view text = FormatLine(buffer, format, arguments);
-    writer.Write({std::max(level, LOWEST_LEVEL), OrEmpty(tag), OrEmpty(function), line, text});
+    written.text = FormatLine(buffer, format, arguments);
+    log.writer.Write(written);
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ LogSettings ReadLogSettings() {
     ReadNumber("LUMORA_LOG_LEVEL", 0, 5, settings.threshold);
     ReadNumber<size_t>("LUMORA_LOG_FILE_SIZE", 4096, 1U << 30, settings.fileSize);
     ReadNumber<size_t>("LUMORA_LOG_FILE_COUNT", 1, 100, settings.fileCount);
+    ReadNumber("LUMORA_LOG_LIMIT", 0U, 1000000U, settings.limit);
     int useSyslog = 0;
     ReadNumber("LUMORA_LOG_SYSLOG", 0, 1, useSyslog);
     settings.useSyslog = useSyslog == 1;

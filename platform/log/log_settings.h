@@ -12,6 +12,9 @@ namespace lumora_log {
 //  LUMORA_LOG_FILE_COUNT  files kept, the current one included, 1 to 100. Default 3.
 //  LUMORA_LOG_SYSLOG      1 writes to syslog instead of standard error; LUMORA_LOG_FILE goes first.
 //  LUMORA_LOG_PATTERN     spdlog's pattern of a line; %n is the tag, %! the function, %# the line.
+//  LUMORA_LOG_LIMIT       lines of levels 2 to 4 that one place in the code may write in a minute; 0: as many
+//  as
+//                         it likes. Default 30.
 // A value that means nothing is named on standard error and its default taken. Programs that run with more
 // rights than their caller has do not listen to the environment at all.
 struct LogSettings {
@@ -20,6 +23,7 @@ struct LogSettings {
     size_t fileSize = 1U << 20;
     size_t fileCount = 3;
     bool useSyslog = false;
+    unsigned limit = 30;
     std::string pattern;
 };
 

@@ -41,12 +41,16 @@ private:
     std::array<int, 2> mEnds{-1, -1};
 };
 
-Variables LogTo(const std::string& file) { return {{"LUMORA_LOG_PATTERN", "%v"}, {"LUMORA_LOG_FILE", file}}; }
+const Variables EVERY_LINE{{"LUMORA_LOG_LIMIT", "0"}};
+
+Variables LogTo(const std::string& file) {
+    return {{"LUMORA_LOG_PATTERN", "%v"}, {"LUMORA_LOG_FILE", file}, {"LUMORA_LOG_LIMIT", "0"}};
+}
 
 TEST(LogFault, AClosedPipeKillsNobody) {
     Pipe pipe;
     pipe.CloseReader();
-    EXPECT_EQ(RunProbe({"broken-pipe"}, {}, pipe.Writer()).exitCode, 0);
+    EXPECT_EQ(RunProbe({"broken-pipe"}, EVERY_LINE, pipe.Writer()).exitCode, 0);
 }
 
 TEST(LogFault, ASignalThatTheApplicationHoldsBackStaysItsOwn) {
@@ -57,18 +61,18 @@ TEST(LogFault, ASignalThatTheApplicationHoldsBackStaysItsOwn) {
 
 TEST(LogFault, AReaderThatDoesNotReadHoldsUpNobodyForEver) {
     const Pipe pipe;
-    EXPECT_EQ(RunProbe({"stalled-reader"}, {}, pipe.Writer()).exitCode, 0);
+    EXPECT_EQ(RunProbe({"stalled-reader"}, EVERY_LINE, pipe.Writer()).exitCode, 0);
 }
 
 TEST(LogFault, ClosedStandardErrorIsNoFault) {
     const int closedInChild = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(RunProbe({"many", "10"}, {}, closedInChild).exitCode, 0);
+    EXPECT_EQ(RunProbe({"many", "10"}, EVERY_LINE, closedInChild).exitCode, 0);
     close(closedInChild);
 }
 
 TEST(LogFault, AFullDeviceBehindStandardErrorLosesLines) {
     const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-    EXPECT_EQ(RunProbe({"many", "100"}, {}, full).exitCode, 0);
+    EXPECT_EQ(RunProbe({"many", "100"}, EVERY_LINE, full).exitCode, 0);
     close(full);
 }
 

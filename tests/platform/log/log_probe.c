@@ -110,6 +110,14 @@ static int RunMany(const char* count) {
     return 0;
 }
 
+static int RunManyDetails(const char* count) {
+    const long lines = strtol(count, NULL, 10);
+    for (long i = 0; i < lines; ++i) {
+        LOG(1, "detail %06ld", i);
+    }
+    return 0;
+}
+
 static void* LogFromThread(void* name) {
     for (int i = 0; i < 250; ++i) {
         LOG(4, "thread %s line %03d end", (const char*)name, i);
@@ -166,6 +174,7 @@ static const struct {
     {"filtered", RunFiltered},
     {"errno", RunErrno},
     {"many", RunMany},
+    {"many-details", RunManyDetails},
     {"threads", RunThreads},
     {"descriptors", RunDescriptors},
     {"broken-pipe", RunBrokenPipe},

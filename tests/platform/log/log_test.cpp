@@ -17,8 +17,8 @@ using ::testing::MatchesRegex;
 using ::testing::SizeIs;
 using ::testing::UnorderedElementsAreArray;
 
-// Text only, for the tests that look at nothing else.
-const Variables TEXT_ONLY{{"LUMORA_LOG_PATTERN", "%v"}};
+// Text only and every line, for the tests that look at nothing else.
+const Variables TEXT_ONLY{{"LUMORA_LOG_PATTERN", "%v"}, {"LUMORA_LOG_LIMIT", "0"}};
 
 Variables TextOnlyAnd(Variables more) {
     more.insert(TEXT_ONLY.begin(), TEXT_ONLY.end());
@@ -196,7 +196,7 @@ class LogBadValue : public ::testing::TestWithParam<BadValue> {};
 
 TEST_P(LogBadValue, IsNamedOnceAndTheDefaultTaken) {
     const auto& [variable, value, complaint] = GetParam();
-    const ProbeResult probe = RunProbe({"levels"}, TextOnlyAnd({{variable, value}}));
+    const ProbeResult probe = RunProbe({"levels"}, {{"LUMORA_LOG_PATTERN", "%v"}, {variable, value}});
     EXPECT_THAT(probe.err,
                 ElementsAre(std::string("link_log: ") + variable + ": \"" + value + "\" " + complaint,
                             "level 2", "level 3", "level 4", "level 5"));
@@ -215,6 +215,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadValue{"LUMORA_LOG_FILE_SIZE", "-1", "is no number from 4096 to 1073741824; 1048576 is taken"},
         BadValue{"LUMORA_LOG_FILE_COUNT", "0", "is no number from 1 to 100; 3 is taken"},
         BadValue{"LUMORA_LOG_FILE_COUNT", "101", "is no number from 1 to 100; 3 is taken"},
+        BadValue{"LUMORA_LOG_LIMIT", "-1", "is no number from 0 to 1000000; 30 is taken"},
+        BadValue{"LUMORA_LOG_LIMIT", "none", "is no number from 0 to 1000000; 30 is taken"},
         BadValue{"LUMORA_LOG_SYSLOG", "yes", "is no number from 0 to 1; 0 is taken"}));
 
 TEST(LogSettings, AnEmptyValueIsNone) {
