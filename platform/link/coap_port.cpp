@@ -1,5 +1,6 @@
 #include "coap_port.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -351,7 +352,7 @@ void CoapPort::SetLogLevel(int level) {
     static const coap_log_t kLevels[] = {LOG_EMERG, LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG};
     const int last = static_cast<int>(sizeof kLevels / sizeof kLevels[0]) - 1;
     StartLibrary();
-    coap_set_log_level(kLevels[level < 0 ? 0 : level > last ? last : level]);
+    coap_set_log_level(kLevels[std::clamp(level, 0, last)]);
 }
 
 void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, const coap_pdu_t* request,

@@ -49,7 +49,7 @@ public:
     };
 
     RequestTable() : RequestTable(Limits()) {}
-    explicit RequestTable(Limits limits) : limits_(limits) {}
+    explicit RequestTable(const Limits& limits) : limits_(limits) {}
 
     // kNew enters the request as pending.
     Verdict Admit(const RequestKey& key, const std::optional<Requester>& requester, TimePoint now);
