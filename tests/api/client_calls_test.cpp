@@ -1,5 +1,6 @@
 // The client side's functions: what passes their checks, what they log and what they hand out.
 #include <cstring>
+#include <stdexcept>
 
 #include "tests/api/api_fixture.h"
 #include "tests/support/fake_securec.h"
@@ -326,6 +327,35 @@ TEST_F(ClientCallsTest, VersionQueriesReportFailedFillsAndCopies) {
     FailBoundedCall(Bounded::MEMCPY);
     EXPECT_EQ(-1, LUM_GetServerVersion(1, 1, text, sizeof(text)));
     EXPECT_EQ((Texts{"4 memset_s failed!\n", "4 memcpy_s failed!\n"}), LogOf("LUM_GetServerVersion"));
+}
+
+TEST_F(ClientCallsTest, WhateverThePlatformThrowsIsAFailureOfTheCall) {
+    InitClient();
+    bool broken = false;
+    FakeDevice device = DescribedDevice(ServiceInfo("camera"));
+    device.answer = [&broken, answer = device.answer](const Request& request, std::string& reply) {
+        return broken ? throw 1 : answer(request, reply);
+    };
+    mPlatform.devices = {device};
+    LUM_DEVICES_INFO_S found;
+    unsigned int handle = 0;
+    ASSERT_EQ(0, LUM_GetAiDeviceList("camera", &found));
+    ASSERT_EQ(0, LUM_CreateAiDevice(1, "camera", &handle));
+    mLog.Clear();
+    broken = true;
+    EXPECT_EQ(-1, LUM_DestoryAiDevice(1, handle));
+    EXPECT_EQ(Texts{"4 failed by an unknown exception.\n"}, LogOf("LUM_DestoryAiDevice"));
+    broken = false;
+    EXPECT_EQ(0, LUM_DestoryAiDevice(1, handle));
+}
+
+TEST_F(ClientCallsTest, StopThatThrowsIsAFailureOfTheCall) {
+    InitClient();
+    mPlatform.onExit = [] { throw std::runtime_error("the platform is broken"); };
+    mLog.Clear();
+    EXPECT_EQ(-1, LUM_DeInitClient(1));
+    EXPECT_THAT(mLog.Texts(4), testing::Contains("failed: the platform is broken\n"));
+    mPlatform.onExit = [] {};
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The server side's functions: what passes their checks, what they log, and their states.
 #include <cstring>
+#include <stdexcept>
 
 #include "tests/api/api_fixture.h"
 
@@ -221,6 +222,15 @@ TEST_F(ServerCallsTest, NewServerKnowsNothingOfTheOneBefore) {
     InitServer("printer");
     EXPECT_EQ("", mPlatform.Get("ServiceInfo").reply);
     EXPECT_EQ("printer", std::string(mPlatform.Resource()->DoGetDescriptor(mPlatform.Resource())));
+}
+
+TEST_F(ServerCallsTest, StopThatThrowsIsAFailureOfTheCall) {
+    InitServer();
+    mPlatform.onExit = [] { throw std::runtime_error("the platform is broken"); };
+    mLog.Clear();
+    EXPECT_EQ(-1, LUM_DeInitServer());
+    EXPECT_THAT(mLog.Texts(4), testing::Contains("failed: the platform is broken\n"));
+    mPlatform.onExit = [] {};
 }
 
 }  // namespace

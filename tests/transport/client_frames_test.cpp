@@ -293,6 +293,13 @@ TEST_F(ClientFramesTest, HeadOfFewerThanFiveBytesIsIncomplete) {
     EXPECT_THAT(mLog.Lines(), IsEmpty());
 }
 
+TEST_F(ClientFramesTest, BeginningThatCannotBeKeptFails) {
+    lumora_test::FailBoundedCall(lumora_test::Bounded::MEMCPY);
+    EXPECT_EQ(-1, Receive(ServerFrameBytes("\x01", "text", "12345").substr(0, 7)));
+    EXPECT_THAT(mLog.Texts(4), ElementsAre("memcpy_s failed!\n"));
+    EXPECT_FALSE(mClient->Pending());
+}
+
 TEST_F(ClientFramesTest, RestThatCannotBeMovedFails) {
     const Bytes frame = ServerFrameBytes("\x01", "text", "12345");
     Receive(frame.substr(0, 5));

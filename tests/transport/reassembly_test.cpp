@@ -108,6 +108,13 @@ TEST_F(ReassemblyTest, TakesBytesThatWereReadBehindTheHeldOnes) {
     EXPECT_EQ("abcdef", Held());
 }
 
+TEST_F(ReassemblyTest, RefusesBytesThatWereReadBehindTheHeldOnesAndBeyondTheCapacity) {
+    Append("abc");
+    EXPECT_EQ(-1, mHeld.Append(mHeld.End(), 98));
+    EXPECT_EQ("abc", Held());
+    EXPECT_THAT(mLog.Texts(4), ElementsAre("memcpy_s failed!\n"));
+}
+
 TEST_F(ReassemblyTest, TakesTheRestOfBytesThatWereReadBehindTheHeldOnes) {
     std::copy_n("abcdef", 6, mHeld.End());
     EXPECT_EQ(0, mHeld.Append(mHeld.End() + 2, 4));
