@@ -1,0 +1,200 @@
+"""Words, help, manual and completions: what needs no network."""
+
+import os
+import shutil
+import subprocess
+import unittest
+
+from lumora_case import PROGRAM, SOURCES, LumoraCase, OnTerminal, lumora
+
+COMMANDS = ["find", "info", "version", "cmd", "subscribe", "send", "ping", "serve", "doctor"]
+
+
+class Help(LumoraCase):
+    def test_names_every_command_and_exit_code(self):
+        result = lumora("--help")
+        self.assert_succeeds(result)
+        for command in COMMANDS:
+            self.assertRegex(result.stdout, rf"(?m)^  {command} ")
+        for code in ["0", "1", "2", "3", "4", "5", "6", "128\\+N"]:
+            self.assertRegex(result.stdout, rf"(?m)^  {code} ")
+
+    def test_of_each_command_shows_how_it_is_used(self):
+        for command in COMMANDS:
+            with self.subTest(command):
+                result = lumora(command, "--help")
+                self.assert_succeeds(result)
+                self.assertTrue(result.stdout.startswith(f"Usage: lumora {command} [OPTION...]"))
+                self.assertIn("--interface", result.stdout)
+
+    def test_keeps_to_the_width_of_a_page(self):
+        for command in COMMANDS:
+            lines = lumora(command, "--help").stdout.splitlines()
+            self.assertLessEqual(max(map(len, lines)), 100, command)
+
+    def test_version_option(self):
+        result = lumora("--version")
+        self.assert_succeeds(result)
+        self.assertRegex(result.stdout, r"^lumora \d+\.\d+\.\d+\n$")
+
+
+class WrongWords(LumoraCase):
+    def test_no_command(self):
+        self.assert_fails(lumora(), 2, "lumora --help")
+
+    def test_unknown_command(self):
+        self.assert_fails(lumora("fnid"), 2, "fnid", "lumora --help")
+
+    def test_unknown_option(self):
+        self.assert_fails(lumora("find", "--wach"), 2, "--wach", "lumora find --help")
+
+    def test_missing_argument(self):
+        self.assert_fails(lumora("subscribe", "camera"), 2, "SERVICE", "lumora subscribe --help")
+
+    def test_one_argument_too_many(self):
+        self.assert_fails(lumora("find", "camera", "reader"), 2, "reader")
+
+    def test_values_out_of_their_bounds(self):
+        for words, part in [
+            (["subscribe", "T", "S", "--count", "0"], "1 to 1,000,000,000"),
+            (["subscribe", "T", "S", "--count", "three"], "three"),
+            (["subscribe", "T", "S", "--timeout", "-1"], "seconds"),
+            (["subscribe", "T", "S", "--as", "octal"], "auto, text, hex, raw"),
+            (["send", "T", "-", "--split", "6M"], "5,242,880"),
+            (["send", "T", "-", "--split", "0"], "5,242,880"),
+            (["ping", "T", "--size", "15"], "16 to 1,024,000"),
+            (["find", "--log", "loud"], "trace, detail, state, warning, error, off"),
+        ]:
+            with self.subTest(words):
+                self.assert_fails(lumora(*words), 2, part, "--help")
+
+    def test_values_that_only_the_command_understands(self):
+        for words, part in [
+            (["cmd", "T", "subscribe", "x"], "lumora subscribe"),
+            (["cmd", "T", "unsubscribe", "x"], "lumora subscribe"),
+            (["cmd", "T", "N" * 200, "P" * 201], "400"),
+            (["cmd", "T" * 40, "N"], "39"),
+            (["subscribe", "T", "S" * 40], "39"),
+            (["subscribe", "T", "S", "--as", "raw", "--json"], "--as raw"),
+            (["serve", "T"], "--service"),
+            (["serve", "T", "--echo", "--exec", "cat"], "--echo"),
+            (["serve", "T", "--service", "a:quic"], "a:quic"),
+            (["serve", "T", "--service", "a:tcp:much"], "a:tcp:much"),
+            (["serve", "T", *["--service", "s"] * 9], "1 to 8"),
+        ]:
+            with self.subTest(words):
+                result = lumora(*words)
+                self.assertEqual(result.returncode, 2, result)
+                self.assertIn(part, result.stderr)
+
+    def test_an_interface_that_is_not_there(self):
+        self.assert_fails(lumora("find", "--interface", "lo,none9"), 2, '"none9"', "it has lo")
+
+    def test_as_json(self):
+        result = lumora("--json", "find", "--interface", "none9")
+        self.assertEqual(result.returncode, 2)
+        self.assertRegex(result.stderr, r'^\{"error":".*none9.*","exit":2\}\n$')
+
+
+class Pages(LumoraCase):
+    def test_those_with_the_sources_are_what_the_program_says(self):
+        pages = {"docs/cli.md": ["markdown"], "tools/pages/lumora.bash": ["bash"], "tools/pages/_lumora": ["zsh"]}
+        pages["tools/pages/lumora.1"] = ["man"]
+        pages.update({f"tools/pages/lumora-{command}.1": ["man", command] for command in COMMANDS})
+        for name, words in pages.items():
+            with self.subTest(name):
+                written = (SOURCES / name).read_text(encoding="utf-8")
+                self.assertEqual(written, lumora("--print", *words).stdout, "the target lumora_pages writes it anew")
+
+    @unittest.skipUnless(shutil.which("man"), "needs man")
+    def test_manual_pages_have_no_faults(self):
+        for command in [None, *COMMANDS]:
+            with self.subTest(command):
+                page = lumora("--print", "man", *([command] if command else [])).stdout
+                shown = subprocess.run(
+                    ["man", "--warnings", "-E", "UTF-8", "-l", "-"],
+                    input=page, capture_output=True, text=True, check=True,
+                    env={**os.environ, "MANWIDTH": "80", "LC_ALL": "C.UTF-8"},
+                )
+                self.assertEqual(shown.stderr, "")
+                self.assertRegex(shown.stdout, r"EXIT STATUS")
+
+    def test_a_page_of_something_else(self):
+        self.assert_fails(lumora("--print", "man", "nothing"), 2, "--print")
+
+
+class BashCompletion(LumoraCase):
+    def complete(self, *words):
+        """The proposals for the last of the words."""
+        script = lumora("--print", "bash").stdout + (
+            'COMP_WORDS=(lumora "$@"); COMP_CWORD=$#\n'
+            "compopt() { :; }\n"  # there is nothing to set outside of a completion
+            '_lumora; printf "%s\\n" "${COMPREPLY[@]}"\n'
+        )
+        result = subprocess.run(
+            ["bash", "-s", "--", *words], input=script, capture_output=True, text=True, check=True
+        )
+        self.assertEqual(result.stderr, "")
+        return result.stdout.split()
+
+    def test_commands(self):
+        self.assertEqual(self.complete("s"), ["subscribe", "send", "serve"])
+
+    def test_commands_behind_options(self):
+        self.assertEqual(self.complete("--json", "--interface", "lo", "doc"), ["doctor"])
+
+    def test_options_of_a_command(self):
+        self.assertEqual(self.complete("find", "--w"), ["--watch", "--wait"])
+
+    def test_words_of_an_option(self):
+        self.assertEqual(self.complete("subscribe", "T", "S", "--as", "h"), ["hex"])
+
+    def test_interfaces(self):
+        self.assertEqual(self.complete("find", "--interface", "l"), ["lo"])
+
+    def test_files(self):
+        proposals = self.complete("send", "T", str(SOURCES / "READ"))
+        self.assertEqual(proposals, [str(SOURCES / "README.md")])
+
+    def test_nothing_where_only_the_user_knows(self):
+        self.assertEqual(self.complete("subscribe", "T", "S", "--count", ""), [])
+
+
+@unittest.skipUnless(shutil.which("zsh"), "needs zsh")
+class ZshCompletion(LumoraCase):
+    def setUp(self):
+        folder = self.folder()
+        (folder / "_lumora").write_text(lumora("--print", "zsh").stdout, encoding="utf-8")
+        self.shell = OnTerminal("zsh", "-f", "-i", environment={"PS1": "", "HOME": str(folder)})
+        self.addCleanup(self.shell.close)
+        path = os.path.dirname(PROGRAM)
+        self.shell.type(f"path=({path} $path) fpath=({folder} $fpath); autoload -U compinit; compinit -u -D\n")
+        self.shell.type("echo rea''dy\n")
+        self.shell.read_until("\nready")
+        self.shell.text = ""
+
+    def test_completes_a_command(self):
+        self.shell.type("lumora doc\t")
+        self.shell.read_until("tor")
+
+    def test_lists_commands_with_what_they_do(self):
+        self.shell.type("lumora se\t")
+        self.shell.read_until("sends files to a device")
+
+    def test_completes_an_option_of_a_command(self):
+        self.shell.type("lumora subscribe T S --tim\t")
+        self.shell.read_until("eout")
+
+    def test_completes_a_word_of_an_option(self):
+        self.shell.type("lumora subscribe T S --as h\t")
+        self.shell.read_until("ex")
+
+    def test_script_is_sound(self):
+        result = subprocess.run(
+            ["zsh", "-n"], input=lumora("--print", "zsh").stdout, capture_output=True, text=True, check=False
+        )
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,119 @@
+"""lumora doctor: what it sees, and what it says of it."""
+
+import json
+import os
+import re
+import shutil
+import socket
+import subprocess
+import unittest
+
+from lumora_case import LumoraCase, lumora
+
+GROUP = "224.0.1.187"
+
+
+def in_own_network():
+    """Whether this network may be changed: nobody else's interfaces are in it."""
+    return [name for _, name in socket.if_nameindex()] == ["lo"] and os.geteuid() == 0
+
+
+class DoctorCase(LumoraCase):
+    def findings(self, listen="0"):
+        result = lumora("doctor", "--json", "--listen", listen)
+        report = json.loads(result.stdout)
+        self.assertEqual(result.returncode, 1 if report["faults"] else 0)
+        for level in ["fault", "warning"]:
+            self.assertEqual(
+                report[level + "s"], sum(finding["level"] == level for finding in report["findings"])
+            )
+        return report["findings"]
+
+    def of(self, area, findings):
+        return [(finding["level"], finding["text"]) for finding in findings if finding["area"] == area]
+
+
+class HealthyHost(DoctorCase):
+    def test_has_no_faults(self):
+        findings = self.findings()
+        self.assertIn(("ok", "lo, 127.0.0.1"), self.of("interfaces", findings))
+        self.assertEqual(self.of("ports", findings), [("ok", "TCP port 6666 is free"), ("ok", "TCP port 6667 is free")])
+        ((level, text),) = self.of("self-test", findings)
+        self.assertEqual(level, "ok")
+        self.assertIn("3 sent, 0 lost", text)
+        self.assertNotIn("fault", {finding["level"] for finding in findings})
+
+    def test_for_people(self):
+        result = lumora("doctor", "--listen", "0")
+        self.assert_succeeds(result)
+        for area in ["Interfaces", "Multicast", "Ports", "Firewall", "Libraries", "Self-test over lo"]:
+            self.assertRegex(result.stdout, rf"(?m)^{area}$")
+        self.assertRegex(result.stdout, r"(?m)^  ok       lo, 127\.0\.0\.1$")
+        for file in ["liblumora_cpp.so", "liblumora.so", "liblink_log.so", "libsecurec.so"]:
+            self.assertRegex(result.stdout, rf"(?m)^  ok       {re.escape(file)}:\s+/")
+
+
+class Peculiarities(DoctorCase):
+    def test_names_a_vendors_files(self):
+        foreign = os.environ.get("LUMORA_FOREIGN_LIBRARIES")
+        if not foreign:
+            self.skipTest("needs libraries of somebody else's")
+        result = lumora("doctor", "--json", "--listen", "0", env={**os.environ, "LD_LIBRARY_PATH": foreign})
+        lines = self.of("libraries", json.loads(result.stdout)["findings"])
+        for file in ["liblumora.so", "liblink_log.so", "libsecurec.so"]:
+            (text,) = [text for _, text in lines if text.startswith(file)]
+            self.assertIn(f"{file}: {foreign}/{file}", text)
+            self.assertIn("a vendor's?", text)
+
+    def test_hears_other_nodes(self):
+        self.device("camera", "--echo")
+        self.assertIn(("ok", "lo: joined, 1 node was heard"), self.of("multicast", self.findings("1.7")))
+
+    def test_port_that_is_taken(self):
+        listener = socket.create_server(("", 6666))
+        self.addCleanup(listener.close)
+        findings = self.findings()
+        self.assertEqual(self.of("ports", findings)[0], ("warning", "TCP port 6666 is taken"))
+        self.assertEqual(self.of("self-test", findings)[0][0], "note")
+
+    def test_group_port_that_somebody_keeps_for_himself(self):
+        holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(holder.close)
+        holder.bind(("", 5683))
+        ((level, text), *_) = self.of("multicast", self.findings())
+        self.assertEqual(level, "fault")
+        self.assertIn("5683 cannot be joined: Address already in use", text)
+
+    def test_interface_that_is_not_there(self):
+        self.assert_fails(lumora("doctor", "--interface", "none9"), 2, '"none9"')
+
+
+@unittest.skipUnless(in_own_network(), "needs a network that it may change")
+class BrokenNetwork(DoctorCase):
+    def ip(self, *words):
+        subprocess.run(["ip", *words], check=True)
+
+    def test_interface_that_is_down(self):
+        self.ip("link", "set", "lo", "down")
+        self.addCleanup(self.ip, "link", "set", "lo", "up")
+        findings = self.findings()
+        self.assertIn(("note", "lo is down: it is not used"), self.of("interfaces", findings))
+        self.assertIn(
+            ("fault", "no interface is up and has an IPv4 address"), self.of("interfaces", findings)
+        )
+
+    @unittest.skipUnless(shutil.which("nft"), "needs nft")
+    def test_firewall_that_drops_multicast(self):
+        rules = f"table ip t {{ chain c {{ type filter hook input priority 0\n ip daddr {GROUP} drop\n }}\n }}\n"
+        subprocess.run(["nft", "-f", "-"], input=rules, text=True, check=True)
+        self.addCleanup(subprocess.run, ["nft", "flush", "ruleset"], check=True)
+        findings = self.findings()
+        self.assertEqual(
+            self.of("multicast", findings)[0], ("fault", "lo: what this host sends does not come back")
+        )
+        self.assertEqual(self.of("firewall", findings), [("warning", "1 rule of nft drops something")])
+        self.assertEqual(self.of("self-test", findings), [("fault", "a device on lo is not found")])
+
+
+if __name__ == "__main__":
+    unittest.main()

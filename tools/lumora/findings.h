@@ -1,0 +1,28 @@
+// What lumora doctor finds. Each of these looks at one thing, and adds what it has to say.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace lumora_cli {
+
+struct Finding {
+    enum class Level { GOOD, NOTE, WARNING, FAULT };
+
+    Level level;
+    std::string area;
+    std::string text;
+    std::string wayOut;
+};
+
+using Findings = std::vector<Finding>;
+
+void LookAtInterfaces(Findings& findings);
+void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening);
+void LookAtPorts(Findings& findings);
+void LookAtFirewall(Findings& findings);
+void LookAtLibraries(Findings& findings);
+void TryOnLoopback(Findings& findings);
+
+}  // namespace lumora_cli

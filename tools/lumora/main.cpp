@@ -1,0 +1,136 @@
+// The program: which command, what holds for all of them, and how it ends.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <map>
+
+#include "command.h"
+#include "command_line.h"
+#include "failure.h"
+#include "interfaces.h"
+#include "output.h"
+#include "pages.h"
+#include "signals.h"
+#include "terminal.h"
+
+namespace lumora_cli {
+
+namespace {
+
+struct Globals {
+    bool json = false;
+    std::string interfaces;
+    std::string logLevel;
+};
+
+Globals g_globals;
+
+const std::vector<std::string> LOG_LEVELS = {"trace", "detail", "state", "warning", "error", "off"};
+
+// The libraries read the environment when they start; no thread runs yet.
+void Apply(const Globals& globals) {
+    if (globals.json) {
+        UseJson();
+    }
+    if (!globals.interfaces.empty()) {
+        CheckInterfaceNames(globals.interfaces);
+        setenv("LUMORA_LINK_INTERFACE", globals.interfaces.c_str(), 1);
+    }
+    // What goes wrong is told in one line; the log is for those who ask for it.
+    std::string level = "5";
+    for (std::size_t i = 0; i < LOG_LEVELS.size(); ++i) {
+        if (globals.logLevel == LOG_LEVELS[i]) {
+            level = std::to_string(i);
+        }
+    }
+    setenv("LUMORA_LOG_LEVEL", level.c_str(), globals.logLevel.empty() ? 0 : 1);
+}
+
+// --print PAGE [COMMAND]: what is installed or checked when the program is built.
+int PrintPage(const Manual& manual, int count, const char* const* words) {
+    const std::string page = count > 2 ? words[2] : "";
+    const Command* about = nullptr;
+    for (const Command& command : manual.commands) {
+        if (count > 3 && command.name == words[3]) {
+            about = &command;
+        }
+    }
+    const bool found = count < 4 || about != nullptr;
+    if (page == "man" && found) {
+        Print(ManPage(manual, about));
+    } else if (page == "markdown") {
+        Print(MarkdownPage(manual));
+    } else if (page == "bash") {
+        Print(BashCompletion(manual));
+    } else if (page == "zsh") {
+        Print(ZshCompletion(manual));
+    } else {
+        throw Failure(EXIT_USAGE, "--print takes man [COMMAND], markdown, bash or zsh");
+    }
+    return EXIT_OK;
+}
+
+int Run(int count, const char* const* words) {
+    Manual manual = {GlobalOptions(), AllCommands()};
+    if (count > 1 && std::strcmp(words[1], "--print") == 0) {
+        return PrintPage(manual, count, words);
+    }
+    const Choice choice = ParseCommandLine(count, words, manual.globals, manual.commands);
+    if (choice.page == Page::HELP) {
+        Print(HelpPage(manual, choice.command, Width(STDOUT_FILENO)));
+        return EXIT_OK;
+    }
+    if (choice.page == Page::VERSION) {
+        PrintLine("lumora " LUMORA_VERSION);
+        return EXIT_OK;
+    }
+    if (choice.command == nullptr) {
+        throw Failure(EXIT_USAGE, "no command is named", "lumora --help lists them");
+    }
+    Apply(g_globals);
+    const StopSignals signals;
+    return choice.command->run();
+}
+
+}  // namespace
+
+int RunToTheEnd(int count, const char* const* words) {
+    try {
+        return Run(count, words);
+    } catch (const QuietEnd& end) {
+        return end.Code();
+    } catch (const Failure& failure) {
+        PrintFailure(failure.what(), failure.Code());
+        return failure.Code();
+    } catch (const std::exception& problem) {
+        PrintFailure(problem.what(), EXIT_FAILED);
+        return EXIT_FAILED;
+    }
+}
+
+Command GlobalOptions() {
+    Command command("lumora",
+                    "finds devices on the local network, exchanges commands and data with them, or is one");
+    command.Flag("--json", g_globals.json,
+                 "results as JSON, one document, or one to a line where they come one after the other; the "
+                 "message of a failure too, on standard error");
+    command
+        .Text(
+            "--interface", "NAMES", g_globals.interfaces,
+            "uses only these network interfaces, separated by commas. Sets LUMORA_LINK_INTERFACE, which our "
+            "link platform reads; a vendor's may not, and then goes on using what it uses")
+        .offer = Option::Offer::INTERFACES;
+    command.Choice("--log", g_globals.logLevel, LOG_LEVELS,
+                   "what the libraries log to standard error. Sets LUMORA_LOG_LEVEL");
+    command.Show("lumora find", "who is there?");
+    command.Show("lumora serve echo-device --echo", "a device to try things on");
+    command.Show("lumora ping echo-device", "how long is the way there and back?");
+    command.Show("lumora doctor", "what is in the way?");
+    return command;
+}
+
+}  // namespace lumora_cli
+
+int main(int count, char** words) { return lumora_cli::RunToTheEnd(count, words); }

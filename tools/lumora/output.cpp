@@ -1,0 +1,57 @@
+#include "output.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "failure.h"
+#include "json.h"
+#include "terminal.h"
+#include "text.h"
+
+namespace lumora_cli {
+
+namespace {
+
+bool g_json = false;
+
+// 0, or the error.
+int WriteAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = write(fd, bytes.data(), bytes.size());
+        if (count >= 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+void UseJson() { g_json = true; }
+bool IsJson() { return g_json; }
+
+void Print(std::string_view text) {
+    const int error = WriteAll(STDOUT_FILENO, text);
+    if (error == EPIPE) {
+        throw QuietEnd(EXIT_BY_SIGNAL + SIGPIPE);
+    }
+    if (error != 0) {
+        throw Failure(EXIT_FILE, "standard output cannot be written: " + SystemError(error));
+    }
+}
+
+void Remark(const std::string& line) { WriteAll(STDERR_FILENO, "lumora: " + line + '\n'); }
+
+void PrintFailure(const std::string& what, int code) {
+    if (g_json) {
+        WriteAll(STDERR_FILENO, JsonObject().Add("error", what).Add("exit", code).Text() + '\n');
+    } else {
+        WriteAll(STDERR_FILENO, Coloured("lumora:", Colour::RED, STDERR_FILENO) + ' ' + OneLine(what) + '\n');
+    }
+}
+
+}  // namespace lumora_cli

@@ -1,0 +1,23 @@
+// Standard output that notices when it cannot be written, and standard error for people.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace lumora_cli {
+
+// Throws a Failure when the output is full, a QuietEnd when its reader has left.
+void Print(std::string_view text);
+inline void PrintLine(const std::string& line) { Print(line + '\n'); }
+
+// A remark beside the results; lost when nobody can read it.
+void Remark(const std::string& line);
+
+// The last words of a command that failed.
+void PrintFailure(const std::string& what, int code);
+
+// --json: results, and the last words, are JSON.
+void UseJson();
+bool IsJson();
+
+}  // namespace lumora_cli
