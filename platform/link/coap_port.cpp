@@ -74,6 +74,9 @@ CoapMessage MessageOf(const coap_pdu_t* pdu) {
     return message;
 }
 
+// libcoap reads the beginning of a longer datagram and hands it on as if it were the whole.
+bool MayBeCut(const CoapMessage& message) { return SerializeMessage(message).size() >= kMaxDatagram; }
+
 const std::uint8_t* BytesOf(const std::string& text) {
     return reinterpret_cast<const std::uint8_t*>(text.data());
 }
@@ -362,12 +365,19 @@ void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, c
         coap_pdu_set_code(response, COAP_RESPONSE_CODE_UNAUTHORIZED);
         return;
     }
+    const coap_pdu_type_t answerType = coap_pdu_get_type(response);
     // An empty response that is not confirmable is not sent: the real one follows by Reply.
     coap_pdu_set_type(response, COAP_MESSAGE_NON);
     Contain([&] {
+        const CoapMessage message = MessageOf(request);
+        if (MayBeCut(message)) {
+            coap_pdu_set_type(response, answerType);
+            coap_pdu_set_code(response, COAP_RESPONSE_CODE_REQUEST_TOO_LARGE);
+            return;
+        }
         const ReplyPath path = ++port->lastPath_;
         port->paths_.emplace(path, coap_session_reference(session));
-        port->listener_.onRequest(MessageOf(request), EndpointOf(coap_session_get_addr_remote(session)),
+        port->listener_.onRequest(message, EndpointOf(coap_session_get_addr_remote(session)),
                                   EndpointOf(coap_session_get_addr_local(session)).host, path);
     });
 }
@@ -386,6 +396,9 @@ coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*,
             return;
         }
         const CoapMessage answer = MessageOf(received);
+        if (MayBeCut(answer)) {
+            return;
+        }
         const auto conversation = port->psk_ ? port->sessions_.OnAnswer(channel, answer.token, Clock::now())
                                              : std::make_optional(channel);
         if (conversation) {

@@ -256,6 +256,24 @@ TEST_F(LinkNodeTest, ADatagramThatComesTwiceRunsOnceAndIsAnsweredTwice) {
     EXPECT_THAT(device.Requests(), ElementsAre(Request{"POST", "", "key", "value"}));
 }
 
+// libcoap reads no more than 1,472 bytes of a datagram: what is cut off must not be missing silently.
+TEST_F(LinkNodeTest, ADatagramThatIsCutIsRefused) {
+    Start();
+    RawPeer peer(proxy);
+    const std::string key(600, 'k');
+    for (const std::size_t length : {std::size_t{1000}, std::size_t{1023}}) {
+        peer.Send(RawPost(key, std::string(length, 'v')));
+        const auto answer = peer.Receive();
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->code, code::kTooLarge);
+        EXPECT_EQ(answer->token, "raw");
+    }
+    EXPECT_THAT(device.Requests(), IsEmpty());
+    peer.Send(RawPost(key, std::string(800, 'v')));
+    EXPECT_EQ(peer.Receive()->code, code::kChanged);
+    EXPECT_THAT(device.Requests(), ElementsAre(Request{"POST", "", key, std::string(800, 'v')}));
+}
+
 TEST_F(LinkNodeTest, ASlowRequestIsAcknowledgedFirstAndRunsOnceToo) {
     std::promise<void> release;
     auto released = release.get_future().share();
