@@ -46,6 +46,7 @@ public:
     void Hang(ConversationId conversation) override {
         Require(mHung.insert(conversation).second, "a conversation ends once");
     }
+    void OnPeerGone(const Endpoint&) override {}
     void Reply(ReplyPath path, const CoapMessage& message) override {
         Require(mPaths.count(path) != 0, "a reply has a way back");
         RequireReadable(message);

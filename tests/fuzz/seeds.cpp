@@ -141,6 +141,9 @@ void AddDatagrams(Seeds& seeds) {
     const auto datagram = [](NodeStep step, const CoapMessage& message, unsigned char source = 0) {
         return Record{step, static_cast<char>(source) + SerializeMessage(message)};
     };
+    seeds["link_port"] = {
+        WriteScript({datagram(REQUEST_DATAGRAM, MakePing()), datagram(REQUEST_DATAGRAM, request),
+                     datagram(REQUEST_DATAGRAM, hello), datagram(CONVERSATION_DATAGRAM, answer, AS_ANSWER)})};
     const Record pause = {TIME_PASSES, "\x14"};
     seeds["link_node"] = {
         WriteScript({datagram(GROUP_DATAGRAM, hello),

@@ -1,0 +1,158 @@
+// Datagrams at the sockets of libcoap: what it makes of them, and what our side of it hands on and answers.
+// Both codecs must agree. Everything stays between three sockets on 127.0.0.1.
+#include <sys/socket.h>
+
+#include <array>
+#include <memory>
+#include <optional>
+
+#include "coap_port.h"
+#include "messages.h"
+#include "port_guard.h"
+#include "tests/fuzz/mutation.h"
+#include "tests/fuzz/node_script.h"
+#include "tests/fuzz/require.h"
+
+using lumora_fuzz::Record;
+using lumora_fuzz::Require;
+using namespace lumora_link;
+
+namespace {
+
+constexpr ConversationId CONVERSATION = 1;
+
+sockaddr_in AddressOf(std::uint16_t port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
+// The other end.
+class Peer {
+public:
+    Peer() : mGuard(ReservePort(0)), mSocket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+        const sockaddr_in own = AddressOf(mGuard.port);
+        const int on = 1;
+        setsockopt(mSocket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        Require(bind(mSocket.Get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0,
+                "a port is free");
+    }
+
+    Endpoint At() const { return {htonl(INADDR_LOOPBACK), mGuard.port}; }
+    void Send(const std::string& bytes, std::uint16_t to) {
+        const sockaddr_in address = AddressOf(to);
+        sendto(mSocket.Get(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+               sizeof address);
+    }
+    // Reads what has come; the port that it came from stays for answers.
+    std::optional<std::string> Receive() {
+        std::array<char, 4096> buffer;
+        sockaddr_in source = {};
+        socklen_t size = sizeof source;
+        const ssize_t count = recvfrom(mSocket.Get(), buffer.data(), buffer.size(), 0,
+                                       reinterpret_cast<sockaddr*>(&source), &size);
+        if (count < 0) {
+            return std::nullopt;
+        }
+        mSource = ntohs(source.sin_port);
+        return std::string(buffer.data(), static_cast<std::size_t>(count));
+    }
+    std::uint16_t Source() const { return mSource; }
+
+private:
+    PortGuard mGuard;
+    UniqueFd mSocket;
+    std::uint16_t mSource = 0;
+};
+
+class FuzzedPort {
+public:
+    FuzzedPort()
+        : mPort({[this](const CoapMessage& message, const Endpoint& source, in_addr_t, ReplyPath path) {
+                     Require(source == mPeer.At(), "the source is the peer");
+                     RequireAgreement(message);
+                     Answer(message, path);
+                 },
+                 [this](ConversationId conversation, const CoapMessage& message) {
+                     Require(conversation == CONVERSATION, "the conversation is the one that was begun");
+                     RequireAgreement(message);
+                 },
+                 [](ConversationId) {}, [](ConversationId) {}}) {
+        Require(mPort.Open(std::nullopt) && mPort.Listen({htonl(INADDR_LOOPBACK), mGuard.port}),
+                "it listens");
+        CoapMessage ping = MakePing();
+        ping.token = "12345678";
+        mPort.Transmit(CONVERSATION, mPeer.At(), ping);
+        Require(mPeer.Receive().has_value(), "the conversation has begun");
+        mConversationPort = mPeer.Source();
+        mToken = ping.token;
+    }
+    FuzzedPort(const FuzzedPort&) = delete;
+    FuzzedPort& operator=(const FuzzedPort&) = delete;
+
+    void Play(const Record& record) {
+        const bool answer = record.kind % lumora_fuzz::NODE_STEPS == lumora_fuzz::CONVERSATION_DATAGRAM;
+        const std::string bytes = record.bytes.substr(record.bytes.empty() ? 0 : 1);
+        const unsigned char choice =
+            record.bytes.empty() ? '\0' : static_cast<unsigned char>(record.bytes[0]);
+        mSent = bytes;
+        auto message = ParseMessage(bytes);
+        if (message && (choice & lumora_fuzz::AS_ANSWER) != 0) {
+            message->token = mToken;
+            mSent = SerializeMessage(*message);
+        }
+        mPeer.Send(mSent, answer ? mConversationPort : mGuard.port);
+        mPort.Process();
+        mPort.Settle();
+        while (const auto reply = mPeer.Receive()) {
+            Require(ParseMessage(*reply).has_value(), "what is answered can be read");
+        }
+    }
+
+private:
+    void RequireAgreement(const CoapMessage& message) const {
+        const auto own = ParseMessage(mSent);
+        Require(own.has_value(), "what libcoap reads we can read");
+        Require(own->code == message.code && own->messageId == message.messageId &&
+                    own->token == message.token && own->options == message.options &&
+                    own->payload == message.payload,
+                "and it is the same");
+    }
+
+    void Answer(const CoapMessage& request, ReplyPath path) {
+        CoapMessage reply = MakeLinkAnswer(request, request.payload.substr(0, 100));
+        mPort.Reply(path, reply);
+        mPort.Forget(path);
+    }
+
+    PortGuard mGuard = ReservePort(0);
+    Peer mPeer;
+    std::string mSent;
+    std::string mToken;
+    std::uint16_t mConversationPort = 0;
+    CoapPort mPort;
+};
+
+std::string MutateStep(const std::string& bytes, lumora_fuzz::Dice& dice) {
+    if (bytes.empty() || dice.OneIn(8)) {
+        return lumora_fuzz::MutateBytes(bytes, dice);
+    }
+    return bytes.substr(0, 1) + lumora_fuzz::MutateDatagram(bytes.substr(1), dice);
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    FuzzedPort port;
+    for (const Record& record : lumora_fuzz::ReadScript(data, size)) {
+        port.Play(record);
+    }
+    return 0;
+}
+
+std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most,
+                                    unsigned int seed) {
+    return lumora_fuzz::MutateScriptInput(data, size, most, seed, lumora_fuzz::NODE_STEPS, MutateStep);
+}
