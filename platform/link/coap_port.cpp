@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "close_on_exec.h"
 #include "log.h"
 #include "messages.h"
 
@@ -206,6 +207,7 @@ bool CoapPort::ListenBy(coap_proto_t protocol, const Endpoint& endpoint) {
         LINK_LOG_LIMITED(kLogWarning, "cannot listen on %s\n", EndpointText(endpoint).c_str());
         return false;
     }
+    CloseOnExec(Descriptor());
     coap_endpoint_set_default_mtu(made, kMaxDatagram);
     return true;
 }
@@ -286,6 +288,7 @@ bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
     if (made->session == nullptr) {
         return false;
     }
+    CloseOnExec(Descriptor());
     coap_session_set_app_data(made->session, made.get());
     coap_session_set_mtu(made->session, kMaxDatagram);
     coap_session_set_ack_timeout(made->session, kNeverRepeat);

@@ -1,11 +1,14 @@
 // Several handles of one process, by real sockets on the loopback interface.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <future>
 #include <memory>
+#include <set>
 #include <thread>
 
 #include "coap_message.h"
@@ -40,6 +43,18 @@ milliseconds TimeOf(const std::function<void()>& work) {
     const auto start = std::chrono::steady_clock::now();
     work();
     return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
+}
+
+std::set<int> InheritedDescriptors() {
+    std::set<int> inherited;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(entry.path().filename());
+        const int flags = fcntl(fd, F_GETFD);
+        if (flags >= 0 && (flags & FD_CLOEXEC) == 0) {
+            inherited.insert(fd);
+        }
+    }
+    return inherited;
 }
 
 // One asking node and one device, found.
@@ -480,6 +495,18 @@ TEST_F(LinkNodeTest, ManyRequestsLeaveNoDescriptorBehind) {
         ASSERT_EQ(Put(proxy, "key", "value"), 0);
     }
     EXPECT_TRUE(Eventually([&] { return OpenDescriptors() <= before + 2; }));
+}
+
+TEST_F(LinkNodeTest, ProgramsThatTheProcessStartsInheritNoDescriptor) {
+    const std::set<int> before = InheritedDescriptors();
+    std::set<int> during;
+    device.handler = [&](const Request&, std::string&) {
+        during = InheritedDescriptors();
+        return 0;
+    };
+    Start();
+    ASSERT_EQ(Put(proxy, "while it waits its socket is open", ""), 0);
+    EXPECT_EQ(during, before);
 }
 
 TEST_F(LinkNodeTest, HandlesLeaveNoDescriptorBehind) {

@@ -1,0 +1,39 @@
+#include "close_on_exec.h"
+
+#include <fcntl.h>
+
+#include <array>
+#include <cstdlib>
+#include <string>
+
+#include "unique_fd.h"
+
+namespace lumora_link {
+
+namespace {
+
+std::string ReadWhole(const std::string& path) {
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    std::array<char, 4096> part;
+    for (ssize_t bytes = 1; file && bytes > 0;) {
+        bytes = read(file.Get(), part.data(), part.size());
+        text.append(part.data(), bytes > 0 ? static_cast<std::size_t>(bytes) : 0);
+    }
+    return text;
+}
+
+}  // namespace
+
+void CloseOnExec(int epoll) {
+    fcntl(epoll, F_SETFD, FD_CLOEXEC);
+    // A line for each: "tfd:       14 events: ...".
+    static const std::string kWatched = "tfd:";
+    const std::string info = ReadWhole("/proc/self/fdinfo/" + std::to_string(epoll));
+    for (std::size_t at = info.find(kWatched); at != std::string::npos; at = info.find(kWatched, at + 1)) {
+        fcntl(static_cast<int>(std::strtol(info.c_str() + at + kWatched.size(), nullptr, 10)), F_SETFD,
+              FD_CLOEXEC);
+    }
+}
+
+}  // namespace lumora_link
