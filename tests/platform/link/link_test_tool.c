@@ -5,6 +5,10 @@
  *                        GET "count" tells how many, PUT "sleep" takes as many ms as its value says
  *   find TYPE            prints the time and the devices found
  *   post TYPE N          sends N POSTs to the first device; prints how many were answered
+ *   both TYPE N          offers a node of that type; with the first line of the standard input sends N POSTs
+ *                        to every other, with further ones prints how many it has counted itself
+ *   put TYPE             finds the first device; sends it a PUT for each line "KEY VALUE" of the standard
+ *                        input, and prints result and time
  *   watch                prints device events until the standard input ends
  */
 #include <pthread.h>
@@ -153,6 +157,55 @@ static int PostMany(LinkPlatform* platform, const char* wanted, int posts) {
     return 0;
 }
 
+static int PostToAll(LinkPlatform* platform, const char* wanted, int posts) {
+    AppResourceProxy* proxy = platform->FindResource(platform, wanted);
+    int others = 0;
+    int answered = 0;
+    while (proxy != NULL) {
+        AppResourceProxy* next = GetNextAppResourceProxy(proxy);
+        int at;
+        for (at = 0; at < posts; ++at) {
+            answered += proxy->Post(proxy, "add", "1", 1) == 0;
+        }
+        ++others;
+        FreeAppResourceProxy2(proxy);
+        proxy = next;
+    }
+    printf("others %d answered %d\n", others, answered);
+    return 0;
+}
+
+/* Begins with the first line, so that several may start before they look for each other. */
+static int BeBoth(LinkPlatform* platform, const char* type, int posts) {
+    char line[64];
+    printf("ready\n");
+    if (fgets(line, sizeof line, stdin) != NULL) {
+        PostToAll(platform, type, posts);
+    }
+    while (fgets(line, sizeof line, stdin) != NULL) {
+        printf("counted %u\n", Count(0));
+    }
+    return 0;
+}
+
+static int PutLines(LinkPlatform* platform, const char* wanted) {
+    AppResourceProxy* proxy = platform->FindResource(platform, wanted);
+    char key[64];
+    char value[64];
+    if (proxy == NULL) {
+        printf("nobody\n");
+        return 1;
+    }
+    printf("ready\n");
+    while (scanf("%63s %63s", key, value) == 2) {
+        const double start = Milliseconds();
+        const int result = proxy->Put(proxy, key, value, (unsigned int)strlen(value));
+        printf("%s in %.0f ms\n", result == 0 ? "accepted" : "failed", Milliseconds() - start);
+    }
+    FreeAppResourceProxy2(proxy);
+    return 0;
+}
+
 int main(int argc, char** argv) {
     const char* command = argc > 1 ? argv[1] : "";
     AppResource resource = {OnGet, OnPut, OnPost, OnPut, Describe};
@@ -164,11 +217,18 @@ int main(int argc, char** argv) {
         deviceType = argv[2];
         return Serve(&resource, argc > 3 ? atoi(argv[3]) : 1);
     }
+    if (strcmp(command, "both") == 0 && argc > 3) {
+        deviceType = argv[2];
+    }
     platform = Start(&resource, strcmp(command, "watch") == 0 ? OnEvent : NULL);
     if (strcmp(command, "find") == 0 && argc > 2) {
         result = Find(platform, argv[2]);
     } else if (strcmp(command, "post") == 0 && argc > 3) {
         result = PostMany(platform, argv[2], atoi(argv[3]));
+    } else if (strcmp(command, "both") == 0 && argc > 3) {
+        result = BeBoth(platform, argv[2], atoi(argv[3]));
+    } else if (strcmp(command, "put") == 0 && argc > 2) {
+        result = PutLines(platform, argv[2]);
     } else {
         WaitForEndOfInput();
     }

@@ -379,6 +379,18 @@ TEST_F(NodeCoreTest, AHandlerThatNeverEndsIsGivenUp) {
     EXPECT_LE(requestTime, seconds(60));
 }
 
+TEST_F(NodeCoreTest, APeerThatAnswersPingsButNeverTheRequestIsGivenUp) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.filter = [](const CoapMessage& message) {
+        return PathOf(message) != kResourcePath || message.code == code::kEmpty;
+    };
+    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kEmpty);
+    EXPECT_GT(requestTime, seconds(7)) << "it is alive";
+    EXPECT_LE(requestTime, seconds(60));
+    EXPECT_THAT(device.Seen().handled, IsEmpty());
+}
+
 TEST_F(NodeCoreTest, AnAbsentPeerFailsInSevenSecondsAndARefusedPortAtOnce) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
