@@ -1,6 +1,7 @@
 #include "close_on_exec.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <array>
 #include <cstdlib>
@@ -34,6 +35,16 @@ void CloseOnExec(int epoll) {
         fcntl(static_cast<int>(std::strtol(info.c_str() + at + kWatched.size(), nullptr, 10)), F_SETFD,
               FD_CLOEXEC);
     }
+}
+
+int NextDescriptor(int any) { return UniqueFd(fcntl(any, F_DUPFD_CLOEXEC, 0)).Get(); }
+
+bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
+    sockaddr_in peer = {};
+    socklen_t size = sizeof peer;
+    const bool known = getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
+    return known && Endpoint{peer.sin_addr.s_addr, ntohs(peer.sin_port)} == to &&
+           fcntl(socket, F_SETFD, FD_CLOEXEC) == 0;
 }
 
 }  // namespace lumora_link

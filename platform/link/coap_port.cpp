@@ -284,11 +284,14 @@ void CoapPort::Write(SecuredSessions::SessionId session, const CoapMessage& mess
 bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
     auto made = std::make_unique<Channel>();
     made->id = channel;
+    const int descriptor = NextDescriptor(Descriptor());
     made->session = NewSession(to);
     if (made->session == nullptr) {
         return false;
     }
-    CloseOnExec(Descriptor());
+    if (!CloseOnExecIfConnected(descriptor, psk_ ? SecuredPortOf(to) : to)) {
+        CloseOnExec(Descriptor());
+    }
     coap_session_set_app_data(made->session, made.get());
     coap_session_set_mtu(made->session, kMaxDatagram);
     coap_session_set_ack_timeout(made->session, kNeverRepeat);
