@@ -26,6 +26,9 @@ class Comparison:
         seen = {key[0] for key in self.series}
         return [placement for placement in ("one-core", "two-cores") if placement in seen]
 
+    def rounds(self):
+        return max(len(values) for values in self.series.values())
+
     def values(self, placement, point, pipe, name):
         return self.series.get((placement, point, pipe, name), [])
 
