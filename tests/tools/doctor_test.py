@@ -69,6 +69,10 @@ class Peculiarities(DoctorCase):
         self.device("camera", "--echo")
         self.assertIn(("ok", "lo: joined, 1 node was heard"), self.of("multicast", self.findings("1.7")))
 
+    def test_self_test_has_ports_of_its_own(self):
+        result = lumora("doctor", "--json", "--listen", "0", env={**os.environ, "LUMORA_LINK_PORT": "7000"})
+        self.assertEqual(self.of("self-test", json.loads(result.stdout)["findings"])[0][0], "ok")
+
     def test_port_that_is_taken(self):
         listener = socket.create_server(("", 6666))
         self.addCleanup(listener.close)

@@ -137,6 +137,17 @@ class Output(LumoraCase):
         self.assertEqual(result.returncode, 6)
         self.assertEqual(result.stderr, "lumora: standard output cannot be written: No space left on device\n")
 
+    def test_an_output_that_is_closed_is_told(self):
+        script = 'exec "$0" version >&-'
+        result = subprocess.run(["sh", "-c", script, PROGRAM], stderr=subprocess.PIPE, text=True, check=False)
+        self.assert_fails(result, 6, "standard output cannot be written")
+
+    def test_an_input_that_is_closed_is_empty(self):
+        self.device("archive", "--echo")
+        script = 'exec "$0" send archive - <&-'
+        result = subprocess.run(["sh", "-c", script, PROGRAM], stderr=subprocess.PIPE, text=True, check=False)
+        self.assert_fails(result, 6, "standard input is empty")
+
     def test_a_closed_pipe_is_not(self):
         version = self.start("version")
         version.process.stdout.close()

@@ -33,6 +33,13 @@ class Serve(LumoraCase):
                 self.assertEqual(device.end(number), 0)
                 self.assertIn("  - ", watching.line())
 
+    def test_signals_that_it_was_told_to_ignore_do_not_end_it(self):
+        device = self.device("camera", "--echo", preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+        device.process.send_signal(signal.SIGHUP)
+        self.assert_succeeds(lumora("cmd", "camera", "Stop"))
+        device.event("command")
+        self.assertEqual(device.end(), 0)
+
     def test_ends_quietly_when_its_reader_has_left(self):
         device = self.device("camera", "--echo")
         device.process.stdout.close()

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -148,6 +149,7 @@ void TryOnLoopback(Findings& findings) {
                             "end what is connected and repeat"});
         return;
     }
+    unsetenv("LUMORA_LINK_PORT");  // two nodes on one host cannot have the same
     const std::string program = "/proc/self/exe";
     const std::string type = "lumora-doctor-" + std::to_string(getpid());
     Child device({program, "--interface", "lo", "serve", type, "--echo"});

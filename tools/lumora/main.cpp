@@ -98,6 +98,7 @@ int Run(int count, const char* const* words) {
 
 int RunToTheEnd(int count, const char* const* words) {
     try {
+        HoldStandardDescriptors();
         return Run(count, words);
     } catch (const QuietEnd& end) {
         return end.Code();

@@ -1,9 +1,11 @@
 #include "output.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 #include "failure.h"
 #include "json.h"
@@ -33,6 +35,18 @@ int WriteAll(int fd, std::string_view bytes) {
 
 void UseJson() { g_json = true; }
 bool IsJson() { return g_json; }
+
+void HoldStandardDescriptors() {
+    // Standard output stays one that cannot be written: results must not be lost in silence.
+    const std::pair<int, int> modes[] = {
+        {STDIN_FILENO, O_RDONLY}, {STDOUT_FILENO, O_RDONLY}, {STDERR_FILENO, O_WRONLY}};
+    for (const auto& [fd, mode] : modes) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            [[maybe_unused]] const int held =
+                open("/dev/null", mode);  // takes the lowest number that is free
+        }
+    }
+}
 
 void Print(std::string_view text) {
     const int error = WriteAll(STDOUT_FILENO, text);

@@ -6,6 +6,9 @@
 
 namespace lumora_cli {
 
+// Where one of the standard descriptors is closed, no file of ours may take its number.
+void HoldStandardDescriptors();
+
 // Throws a Failure when the output is full, a QuietEnd when its reader has left.
 void Print(std::string_view text);
 inline void PrintLine(const std::string& line) { Print(line + '\n'); }

@@ -21,11 +21,20 @@ std::atomic<int> g_eventFd{-1};
 // Wakes the thread when all is done; nobody else sends it.
 constexpr int END_OF_WORK = SIGUSR1;
 
+// nohup, and a shell that starts something in the background, have signals ignored that are not meant for it.
+bool IsIgnored(int number) {
+    struct sigaction action = {};
+    return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 sigset_t Watched() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, END_OF_WORK}) {
-        sigaddset(&set, number);
+    sigaddset(&set, END_OF_WORK);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        if (!IsIgnored(number)) {
+            sigaddset(&set, number);
+        }
     }
     return set;
 }
