@@ -129,15 +129,16 @@ void PeerDirectory::Tick(TimePoint now) {
     nextCheck_ = TimePoint::max();
     DoubtSuspects(now);
     Announce(now);
+    const Milliseconds doubtAfter = IsCrowd() ? kDoubtInCrowdAfter : kDoubtAfter;
+    const Milliseconds giveUpAfter = IsCrowd() ? kGiveUpInCrowdAfter : kGiveUpAfter;
     for (auto at = peers_.begin(); at != peers_.end();) {
         Peer& peer = at->second;
-        if (!peer.doubtedSince && now - peer.heard >= kDoubtAfter) {
+        if (!peer.doubtedSince && now - peer.heard >= doubtAfter) {
             Doubt(peer, now);
         }
         // A suspect that merely does not answer gets as long as anybody.
-        const TimePoint silent = peer.heard + kDoubtAfter;
-        const TimePoint due =
-            peer.doubtedSince ? std::max(*peer.doubtedSince, silent) + kGiveUpAfter : silent;
+        const TimePoint silent = peer.heard + doubtAfter;
+        const TimePoint due = peer.doubtedSince ? std::max(*peer.doubtedSince, silent) + giveUpAfter : silent;
         if (due <= now) {
             // The link may only have been cut: no grave, the same instance may come back.
             at = Remove(at);

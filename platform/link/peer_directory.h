@@ -39,6 +39,10 @@ public:
     static constexpr Milliseconds kDoubtAfter{1200};
     // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
     static constexpr Milliseconds kGiveUpAfter{1400};
+    // Where many nodes lose a hello each, their pings would choke the network: two must be missing.
+    static constexpr std::size_t kCrowd = 32;
+    static constexpr Milliseconds kDoubtInCrowdAfter{1650};
+    static constexpr Milliseconds kGiveUpInCrowdAfter{1250};
     // An answer of a neighbour is not waited for any longer.
     static constexpr Milliseconds kHoldBack{100};
     // By then every suspect that is alive has said hello to the newcomer, though pings were short.
@@ -89,6 +93,7 @@ private:
     void RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner);
     bool Refresh(Peer& peer, const NodeDescription& node, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
+    bool IsCrowd() const { return peers_.size() > kCrowd; }
     void Doubt(Peer& peer, TimePoint now);
     void DoubtSuspects(TimePoint now);
     Peer* LongestSilentSuspect();

@@ -484,6 +484,25 @@ TEST_F(NodeCoreTest, WhoAsksWithoutAnEndIsNotAnsweredWithoutAnEnd) {
     EXPECT_LT(device.Datagrams() - before, 200U) << "of 400 probes in the first second alone";
 }
 
+TEST_F(NodeCoreTest, FiftyNodesPingLittleThroughLossAndRemoveNobody) {
+    std::vector<FakeNode*> nodes;
+    for (int count = 0; count < 50; ++count) {
+        nodes.push_back(&network.Add("camera"));
+    }
+    network.Run(seconds(2));
+    network.lossPercent = 20;
+    unsigned pings = 0;
+    network.filter = [&pings](const CoapMessage& message) {
+        pings += message.type == MessageType::Confirmable && PathOf(message) == kWellKnownPath;
+        return true;
+    };
+    network.Run(seconds(10));
+    EXPECT_LT(pings, 10 * 50 * 10U) << "ten per node and second";
+    for (const FakeNode* node : nodes) {
+        EXPECT_THAT(node->Seen().events, SizeIs(49));
+    }
+}
+
 TEST_F(NodeCoreTest, FiftyNodesKnowEachOther) {
     std::vector<FakeNode*> nodes;
     for (int count = 0; count < 50; ++count) {

@@ -64,6 +64,27 @@ TEST_F(PeerDirectoryTest, DoubtsASilentNodeBeforeItRemovesIt) {
     EXPECT_LE(PeerDirectory::kDoubtAfter + PeerDirectory::kGiveUpAfter, Milliseconds(3000));
 }
 
+TEST_F(PeerDirectoryTest, InACrowdNobodyIsDoubtedForOneLostHello) {
+    constexpr std::size_t kNodes = PeerDirectory::kCrowd + 1;
+    const auto hearAll = [this] {
+        for (std::uint64_t id = 0; id < kNodes; ++id) {
+            Hear(Node(101 + id, 1, ("10.0.0.1:" + std::to_string(101 + id)).c_str()));
+        }
+    };
+    hearAll();
+    Wait(PeerDirectory::kSuspicion);
+    hearAll();
+    Wait(PeerDirectory::kDoubtInCrowdAfter - Milliseconds(1));
+    EXPECT_THAT(directory.Doubted(), IsEmpty());
+    Wait(Milliseconds(1));
+    EXPECT_EQ(directory.Doubted().size(), kNodes);
+    Wait(PeerDirectory::kGiveUpInCrowdAfter - Milliseconds(1));
+    EXPECT_EQ(directory.Peers().size(), kNodes);
+    Wait(Milliseconds(1));
+    EXPECT_EQ(directory.Peers().size(), 0U);
+    EXPECT_LT(PeerDirectory::kDoubtInCrowdAfter + PeerDirectory::kGiveUpInCrowdAfter, Milliseconds(3000));
+}
+
 TEST_F(PeerDirectoryTest, AWordEndsTheDoubt) {
     Hear(Node(1, 1, "10.0.0.1:1"));
     Wait(PeerDirectory::kDoubtAfter);

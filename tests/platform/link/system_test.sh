@@ -340,6 +340,10 @@ decoded() {
     sleep 1
     start 2 serve serve camera 1
     on 1 env LUMORA_LINK_INTERFACE=eth0 "$tool" post camera 20 >/dev/null
+    sleep 1
+    # It still holds what it has not written; killed, it would lose it.
+    kill -INT "$capture"
+    wait "$capture"
     stop_all
     tshark -r "$work/traffic" -d udp.port==1-65535,coap -Y coap >"$work/decoded" 2>/dev/null
     check "tshark knows hellos, probes, answers and requests" \
