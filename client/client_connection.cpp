@@ -49,11 +49,12 @@ int LumoraClientModule::ConnectAiDevice(int clientID, unsigned int handle) {
             LUMORA_DETAIL("This client has connected handle: %d!\n", static_cast<int>(handle));
             return 0;
         }
+        const std::shared_ptr<LinkDevice> device = HoldDevice(handle);
         if (SetupTransport(handle) != 0) {
             LUMORA_DETAIL("SetupTransport failed!\n");
             return -1;
         }
-        if (AnnounceClient(clientID, handle, *resolved.device) == 0) {
+        if (AnnounceClient(clientID, handle, *device) == 0) {
             return 0;
         }
         failedTransport = mTransManager;
@@ -99,6 +100,7 @@ int LumoraClientModule::SetupTransport(unsigned int handle) {
         LUMORA_ERROR("Handle error, no such handle!\n");
         return -1;
     }
+    const std::shared_ptr<LinkDevice> device = HoldDevice(handle);
     StopCurrentTransport();
     if (mHandleServiceMap.count(handle) == 0) {  // the device left while mMutex was free
         LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
@@ -109,7 +111,7 @@ int LumoraClientModule::SetupTransport(unsigned int handle) {
         LUMORA_ERROR("CreateTransportsManager failed!\n");
         return -1;
     }
-    if (OpenDataChannel(*resolved.device) != 0) {
+    if (OpenDataChannel(*device) != 0) {
         return -1;
     }
     mTransportMap[handle] = mTransManager;
@@ -397,7 +399,7 @@ int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {
     LUMORA_DETAIL("payloadLen = %d , clientNum = %d , serviceNameLen = %d\n",
                   static_cast<int>(fields.payloadLen), static_cast<int>(fields.clientNum),
                   static_cast<int>(fields.nameLen));
-    const MutexLock lock(mMutex);
+    const MutexLock delivery(mDeliveryMutex);
     for (unsigned int i = 0; i < fields.clientNum; ++i) {
         if (DeliverToClient(fields.clientIDs[i], fields) != 0) {
             return -1;
@@ -408,19 +410,11 @@ int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {
 }
 
 int LumoraClientModule::DeliverToClient(int clientID, const ServerFrame& frame) {
-    const auto callback = mDeviceEventMap.find(clientID);
-    if (callback == mDeviceEventMap.end()) {
-        LUMORA_ERROR("ClientID : %d has no Register Event Callback!!\n", clientID);
-        return -1;
-    }
-    const LumoraClientManager* client = FindClient(clientID);
-    if (client == nullptr) {
-        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
-        return -1;
-    }
+    LUM_DEVICE_EVENT_CALLBACK callback = nullptr;
     LUM_DEVICE_EVENT_S event = {};
-    event.clientID = clientID;
-    event.handle = client->connectedHandle;
+    if (AddressEvent(clientID, event, callback) != 0) {
+        return -1;
+    }
     if (strncpy_s(event.serviceName, sizeof(event.serviceName), frame.name, frame.nameLen) != 0) {
         LUMORA_ERROR("strncpy_s failed\n");
         return -1;
@@ -430,7 +424,26 @@ int LumoraClientModule::DeliverToClient(int clientID, const ServerFrame& frame) 
     event.dataLen = frame.payloadLen;
     event.data = frame.payload;
     const lumora::CallbackScope scope(lumora::Side::CLIENT);
-    callback->second(event);
+    callback(event);
+    return 0;
+}
+
+int LumoraClientModule::AddressEvent(int clientID, LUM_DEVICE_EVENT_S& event,
+                                     LUM_DEVICE_EVENT_CALLBACK& callback) {
+    const MutexLock lock(mMutex);
+    const auto registered = mDeviceEventMap.find(clientID);
+    if (registered == mDeviceEventMap.end()) {
+        LUMORA_ERROR("ClientID : %d has no Register Event Callback!!\n", clientID);
+        return -1;
+    }
+    const LumoraClientManager* client = FindClient(clientID);
+    if (client == nullptr) {
+        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+        return -1;
+    }
+    callback = registered->second;
+    event.clientID = clientID;
+    event.handle = client->connectedHandle;
     return 0;
 }
 

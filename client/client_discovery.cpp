@@ -177,6 +177,7 @@ int LumoraClientModule::OnAddDevice(unsigned int id, const std::string& addr, in
 
 int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, int port, const std::string&) {
     LUMORA_TRACE("Enter\n");
+    const MutexLock delivery(mDeliveryMutex);
     const MutexLock lock(mMutex);
     LUMORA_STATE("Received request to remove device[%s:%d].\n", addr.c_str(), port);
     const auto known = mAddrServiceMap.find(AddressKey(addr, port));
@@ -237,9 +238,13 @@ LumoraClientModule::ResolvedHandle LumoraClientModule::ResolveHandle(unsigned in
     resolved.serviceType = &type->second;
     const auto device = mServiceDevMap.find(type->second);
     if (device != mServiceDevMap.end()) {
-        resolved.device = device->second;
+        resolved.device = device->second.get();
     }
     return resolved;
+}
+
+std::shared_ptr<LinkDevice> LumoraClientModule::HoldDevice(unsigned int handle) {
+    return mServiceDevMap.at(mHandleServiceMap.at(handle));
 }
 
 }  // namespace lumoraAiModule

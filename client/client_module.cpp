@@ -78,7 +78,6 @@ int LumoraClientModule::DestoryInstance() {
 }
 
 bool LumoraClientModule::IsClientInstance(int clientID) {
-    const MutexLock lock(mInstanceMutex);
     return std::binary_search(mClientInstance->begin(), mClientInstance->end(),
                               static_cast<unsigned int>(clientID));
 }
@@ -213,6 +212,7 @@ int LumoraClientModule::DeInitLumoraModule(int clientID, unsigned int* clientNum
 }
 
 int LumoraClientModule::RemoveClient(int clientID) {
+    const MutexLock delivery(mDeliveryMutex);
     const MutexLock lock(mMutex);
     if (mClientManagerMap.erase(static_cast<unsigned int>(clientID)) == 0) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);

@@ -43,7 +43,7 @@ struct SendDataInfo {
 // handles that were given out for them, and the data channel.
 //
 // Operations return 0 or -1 and log their failures. Those without another word take mMutex, and hold it also
-// while they ask a device or call back into the application: application callbacks must not call back.
+// while they ask a device. Application callbacks run under mDeliveryMutex, and must not call back.
 class LumoraClientModule : public LumoraTransCallback, public LumoraNotifyCallback {
 public:
     explicit LumoraClientModule(const std::string& devType);
@@ -97,22 +97,25 @@ private:
     int RemoveClient(int clientID);
     static int ReleaseClientId(int clientID, unsigned int* clientNum);
     void ReleaseResources();
-    static bool IsClientInstance(int clientID);
+    // The caller holds the client API mutex, under which alone the IDs change.
+    static bool IsClientInstance(int clientID) NO_THREAD_SAFETY_ANALYSIS;
     static std::vector<unsigned int> ClientInstances();
 
     int StoreRemoteServiceInfo(std::string& remoteInfo, std::shared_ptr<lumora::LinkDevice> device,
                                LUM_DEVICE_INFO_S* devInfo) REQUIRES(mMutex);
     int InsertServiceDevMap(std::string& serviceType, std::shared_ptr<lumora::LinkDevice> device)
         REQUIRES(mMutex);
-    void TellDeviceRemoved(unsigned int handle) REQUIRES(mMutex);
+    void TellDeviceRemoved(unsigned int handle) REQUIRES(mDeliveryMutex, mMutex);
 
-    // A device as its handle leads to it. Both are null when the handle is unknown, device alone when the
-    // handle's device is gone.
+    // A device as its handle leads to it, as long as mMutex is held. Both are null when the handle is
+    // unknown, device alone when the handle's device is gone.
     struct ResolvedHandle {
         const std::string* serviceType = nullptr;
-        std::shared_ptr<lumora::LinkDevice> device;
+        lumora::LinkDevice* device = nullptr;
     };
     ResolvedHandle ResolveHandle(unsigned int handle) REQUIRES(mMutex);
+    // For those who let mMutex go meanwhile. The handle's device is known.
+    std::shared_ptr<lumora::LinkDevice> HoldDevice(unsigned int handle) REQUIRES(mMutex);
     LumoraClientManager* FindClient(int clientID) REQUIRES(mMutex);
 
     int SetupTransport(unsigned int handle) REQUIRES(mMutex);
@@ -123,8 +126,13 @@ private:
     void DropTransport() REQUIRES(mMutex);
     static int WaitUntilFree(lumora::LinkDevice& device);
     static int BuildClientFrame(int clientID, const SendDataInfo& info, FrameBuffer& frame);
-    int DeliverToClient(int clientID, const ServerFrame& frame) REQUIRES(mMutex);
+    int DeliverToClient(int clientID, const ServerFrame& frame) REQUIRES(mDeliveryMutex);
+    int AddressEvent(int clientID, LUM_DEVICE_EVENT_S& event, LUM_DEVICE_EVENT_CALLBACK& callback);
 
+    // Held while the application is called back, so that its callbacks come one at a time and none comes
+    // after its client is gone. Taken before mMutex, which a data callback leaves free: whoever was waiting
+    // for that data can go on at once.
+    lumora::Mutex mDeliveryMutex;
     lumora::Mutex mMutex;
     std::map<unsigned int, std::shared_ptr<LumoraClientManager>> mClientManagerMap GUARDED_BY(mMutex);
     std::atomic<bool> mIsRunning{false};  // read by searches before they take the mutex

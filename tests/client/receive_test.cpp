@@ -1,4 +1,7 @@
 // OnRecvData: frames from the device.
+#include <atomic>
+#include <thread>
+
 #include "base/callback_scope.h"
 #include "tests/client/client_fixture.h"
 #include "tests/support/eventually.h"
@@ -116,18 +119,44 @@ TEST_F(ReceiveTest, IdsAreUnsignedBytes) {
     ExpectOnlyError("ClientID : 255 has no Register Event Callback!!\n");
 }
 
-TEST_F(ReceiveTest, CallbackRunsUnderTheLockAndInsideACallbackScope) {
+TEST_F(ReceiveTest, CallbackRunsInsideACallbackScope) {
     Register(1);
-    bool locked = false;
     bool inside = false;
-    DuringNextEvent([&] {
-        locked = ClientModuleProbe::IsLocked(*mModule);
-        inside = lumora::CallbackScope::Inside(lumora::Side::CLIENT);
-    });
+    DuringNextEvent([&] { inside = lumora::CallbackScope::Inside(lumora::Side::CLIENT); });
     EXPECT_EQ(0, Receive(ServerFrameBytes("\x01", "face", "data")));
-    EXPECT_TRUE(locked);
     EXPECT_TRUE(inside);
     EXPECT_FALSE(lumora::CallbackScope::Inside(lumora::Side::CLIENT));
+}
+
+TEST_F(ReceiveTest, OtherThreadsMaySendWhileACallbackRuns) {
+    Register(1);
+    const auto transport = std::make_shared<ScriptedTransport>();
+    transport->reportedWritten = 6 + 4;
+    ClientModuleProbe::SetTransport(*mModule, mCamera, transport);
+    int sent = -1;
+    DuringNextEvent([&] { std::thread([&] { sent = SendData(1, mCamera, "ping"); }).join(); });
+    EXPECT_EQ(0, Receive(ServerFrameBytes("\x01", "face", "data")));
+    EXPECT_EQ(0, sent);
+}
+
+TEST_F(ReceiveTest, ClientEndsOnlyAfterItsCallbackInProgress) {
+    NewClients(1);
+    Register(2);
+    std::atomic<bool> returned{false};
+    bool waited = false;
+    std::thread removal;
+    DuringNextEvent([&] {
+        removal = std::thread([&] {
+            EXPECT_EQ(0, RemoveClient(2));
+            waited = returned;
+        });
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(20));  // enough for a removal that does not wait
+        returned = true;
+    });
+    EXPECT_EQ(0, Receive(ServerFrameBytes("\x02", "face", "data")));
+    removal.join();
+    EXPECT_TRUE(waited);
 }
 
 int FailingCallback(LUM_DEVICE_EVENT_S event) {
