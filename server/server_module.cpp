@@ -268,16 +268,6 @@ std::shared_ptr<LumoraServiceManager> LumoraServerModule::FindService(const std:
     return found != mServiceMap.end() ? found->second : nullptr;
 }
 
-bool LumoraServerModule::Subscribers(const std::string& serviceName, std::vector<unsigned int>& clientIDs) {
-    const MutexLock lock(mPublishMutex);
-    const auto found = mServiceMap.find(serviceName);
-    if (found == mServiceMap.end()) {
-        return false;
-    }
-    clientIDs = found->second->mClientIds;
-    return true;
-}
-
 void LumoraServerModule::PublishSubscribers(LumoraServiceManager& service,
                                             std::vector<unsigned int> clientIDs) {
     const MutexLock lock(mPublishMutex);

@@ -88,8 +88,16 @@ private:
     void CallOnEventNotify(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     int OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) REQUIRES(mMutex);
 
-    int PacketAndSendData(const std::string& serviceName, const char* data, unsigned int dataLen,
-                          unsigned int* sendLength, unsigned int timeoutMs) REQUIRES(mSendMutex);
+    // Whether a frame can go out, as it was published when the send began.
+    struct Destination {
+        bool isConnected = false;
+        bool isService = false;
+    };
+    // Also fills mAddressees, for a service.
+    Destination FindDestination(const std::string& serviceName) REQUIRES(mSendMutex);
+    int PacketAndSendData(bool isService, const std::string& serviceName, const char* data,
+                          unsigned int dataLen, unsigned int* sendLength, unsigned int timeoutMs)
+        REQUIRES(mSendMutex);
     static int AllocateServerFrame(FrameBuffer& frame, unsigned int headLen, unsigned int dataLen);
     // Addressed to mAddressees.
     int FillServerFrame(FrameBuffer& frame, const std::string& serviceName, unsigned int headLen,
@@ -103,8 +111,6 @@ private:
     int StopTransport();
     ServiceMap Services();
     std::shared_ptr<LumoraServiceManager> FindService(const std::string& serviceName);
-    // False when the service does not exist.
-    bool Subscribers(const std::string& serviceName, std::vector<unsigned int>& clientIDs);
     void PublishSubscribers(LumoraServiceManager& service, std::vector<unsigned int> clientIDs);
     void RemoveSubscriber(LumoraServiceManager& service, int clientID);
     void PublishServices(ServiceMap services);

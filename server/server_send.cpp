@@ -25,11 +25,12 @@ int LumoraServerModule::SendDataToClient(const std::string& serviceName, const c
     }
     const MutexLock lock(mSendMutex);
     LUMORA_TRACE("Enter\n");
-    if (Transport() == nullptr) {
+    const Destination destination = FindDestination(serviceName);
+    if (!destination.isConnected) {
         LUMORA_ERROR("no transport created , please connect first!\n");
         return -1;
     }
-    if (PacketAndSendData(serviceName, data, dataLen, sendLength, timeoutMs) != 0) {
+    if (PacketAndSendData(destination.isService, serviceName, data, dataLen, sendLength, timeoutMs) != 0) {
         LUMORA_ERROR("PacketAndSendData failed!\n");
         return -1;
     }
@@ -37,10 +38,23 @@ int LumoraServerModule::SendDataToClient(const std::string& serviceName, const c
     return 0;
 }
 
-int LumoraServerModule::PacketAndSendData(const std::string& serviceName, const char* data,
+// Transport and subscribers in one go: a small frame costs little more than its locks.
+LumoraServerModule::Destination LumoraServerModule::FindDestination(const std::string& serviceName) {
+    const MutexLock lock(mPublishMutex);
+    Destination destination;
+    destination.isConnected = mTransManager != nullptr;
+    const auto service = mServiceMap.find(serviceName);
+    if (service != mServiceMap.end()) {
+        destination.isService = true;
+        mAddressees = service->second->mClientIds;
+    }
+    return destination;
+}
+
+int LumoraServerModule::PacketAndSendData(bool isService, const std::string& serviceName, const char* data,
                                           unsigned int dataLen, unsigned int* sendLength,
                                           unsigned int timeoutMs) {
-    if (!Subscribers(serviceName, mAddressees)) {
+    if (!isService) {
         LUMORA_ERROR("serviceName is illegal\n");
         return -1;
     }
