@@ -2,12 +2,6 @@
 
 namespace lumoraAiModule {
 
-std::uint32_t ReadLittleEndian32(const char* bytes) {
-    const auto* octets = reinterpret_cast<const unsigned char*>(bytes);
-    return static_cast<std::uint32_t>(octets[0]) | static_cast<std::uint32_t>(octets[1]) << 8 |
-           static_cast<std::uint32_t>(octets[2]) << 16 | static_cast<std::uint32_t>(octets[3]) << 24;
-}
-
 void WriteLittleEndian32(char* bytes, std::uint32_t value) {
     for (unsigned int i = 0; i < 4; ++i) {
         bytes[i] = static_cast<char>(static_cast<unsigned char>(value >> (8 * i)));

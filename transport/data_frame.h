@@ -29,7 +29,12 @@ constexpr unsigned int MAX_FRAME_NAME_LENGTH = 40;
 constexpr unsigned int FRAME_SPARE_LENGTH =
     SERVER_FRAME_FIXED_HEAD_LENGTH + MAX_FRAME_CLIENTS + MAX_FRAME_NAME_LENGTH;
 
-std::uint32_t ReadLittleEndian32(const char* bytes);
+// Here, where every compiler sees that it is one load on a little-endian host.
+inline std::uint32_t ReadLittleEndian32(const char* bytes) {
+    const auto* octets = reinterpret_cast<const unsigned char*>(bytes);
+    return static_cast<std::uint32_t>(octets[0]) | static_cast<std::uint32_t>(octets[1]) << 8 |
+           static_cast<std::uint32_t>(octets[2]) << 16 | static_cast<std::uint32_t>(octets[3]) << 24;
+}
 void WriteLittleEndian32(char* bytes, std::uint32_t value);
 
 inline unsigned int HeadLengthOf(const char* frame) { return static_cast<unsigned char>(frame[0]); }
