@@ -1,8 +1,16 @@
 #include "transport/frame_buffer.h"
 
+#include <cstdint>
 #include <new>
 
 namespace lumoraAiModule {
+
+namespace {
+
+constexpr std::size_t PAGE_SIZE = 4096;
+constexpr unsigned int LARGE = 4096;  // below this, a copy takes too short to be worth another page
+
+}  // namespace
 
 void ReleaseBuffer(char** buffer) {
     if (buffer == nullptr || *buffer == nullptr) {
@@ -13,9 +21,30 @@ void ReleaseBuffer(char** buffer) {
 }
 
 bool FrameBuffer::Allocate(unsigned int size) {
+    return size < LARGE ? AllocateArray(size) : AllocateAt(PAGE_SIZE / 2, size);
+}
+
+bool FrameBuffer::AllocatePages(unsigned int size) { return AllocateAt(0, size); }
+
+bool FrameBuffer::AllocateArray(std::size_t size) {
     Release();
-    mBytes = new (std::nothrow) char[size];
+    mArray = new (std::nothrow) char[size];
+    mBytes = mArray;
     return mBytes != nullptr;
+}
+
+bool FrameBuffer::AllocateAt(std::size_t pageOffset, unsigned int size) {
+    if (!AllocateArray(std::size_t{size} + PAGE_SIZE)) {
+        return false;
+    }
+    const std::size_t arrayOffset = reinterpret_cast<std::uintptr_t>(mArray) % PAGE_SIZE;
+    mBytes += (PAGE_SIZE + pageOffset - arrayOffset) % PAGE_SIZE;
+    return true;
+}
+
+void FrameBuffer::Release() {
+    ReleaseBuffer(&mArray);
+    mBytes = nullptr;
 }
 
 }  // namespace lumoraAiModule

@@ -12,7 +12,7 @@ namespace lumoraAiModule {
 
 bool Reassembly::Allocate() {
     mLength = 0;
-    if (!mBuffer.Allocate(mCapacity + FRAME_SPARE_LENGTH)) {
+    if (!mBuffer.AllocatePages(mCapacity + FRAME_SPARE_LENGTH)) {
         return false;
     }
     std::memset(Spare(), 0, FRAME_SPARE_LENGTH);

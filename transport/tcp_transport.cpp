@@ -204,7 +204,7 @@ int TcpTransport::StartReceiveThread() {
 // ---- Receiving ----
 
 bool TcpTransport::AllocateReadBuffer(FrameBuffer& readBuffer) {
-    if (!readBuffer.Allocate(READ_SIZE + FRAME_SPARE_LENGTH)) {
+    if (!readBuffer.AllocatePages(READ_SIZE + FRAME_SPARE_LENGTH)) {
         LUMORA_ERROR("new memory failed, low memory!\n");
         return false;
     }

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "tests/support/captured_log.h"
 #include "tests/support/fake_securec.h"
@@ -38,6 +39,18 @@ TEST(FrameBufferTest, HoldsNothingUntilAllocatedAndAfterRelease) {
     std::fill_n(buffer.Bytes(), 10, 'x');
     ASSERT_TRUE(buffer.Allocate(20));
     std::fill_n(buffer.Bytes(), 20, 'y');
+    buffer.Release();
+    EXPECT_EQ(nullptr, buffer.Bytes());
+}
+
+TEST(FrameBufferTest, PagesBeginWithAPageAndEndBehindTheSize) {
+    FrameBuffer buffer;
+    for (const unsigned int size : {1U, 4096U, 1048643U}) {
+        ASSERT_TRUE(buffer.AllocatePages(size));
+        EXPECT_EQ(0U, reinterpret_cast<std::uintptr_t>(buffer.Bytes()) % 4096);
+        buffer.Bytes()[0] = 'a';
+        buffer.Bytes()[size - 1] = 'z';  // within the array, or a sanitizer ends the test
+    }
     buffer.Release();
     EXPECT_EQ(nullptr, buffer.Bytes());
 }
