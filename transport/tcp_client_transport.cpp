@@ -152,8 +152,10 @@ void LumoraTCPTransClient::LogWriteError(int error) {
 }
 
 int LumoraTCPTransClient::StopTransports() {
+    mStopping = true;  // before the mutex: a send in progress stops at its next pass
     {
         const lumora::MutexLock lock(mMutex);
+        mStopping = false;
         LUMORA_STATE("The transport will be stopped.\n");
         ClearRunning();
         SetSendSocket(nullptr);

@@ -36,7 +36,7 @@ protected:
     unsigned int MinimumHeadLength() const override;
     std::atomic<bool>& LeftOverPending() override { return mLeftOverPending; }
 
-    bool MayWrite() const override { return !mBroken; }
+    bool MayWrite() const override { return !mBroken && !mStopping; }
     void LogWriteError(int error) override;
 
 private:
@@ -46,6 +46,7 @@ private:
 
     LumoraTransCallback& mCallback;
     const unsigned int mHandle;
+    std::atomic<bool> mStopping{false};  // somebody waits for mMutex to stop the transport
 };
 
 }  // namespace lumoraAiModule

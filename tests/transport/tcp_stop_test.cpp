@@ -197,6 +197,7 @@ TYPED_TEST(TcpStopTest, SenderInProgressEndsToo) {
     this->Stop();
     EXPECT_EQ(0, sender.get());
     EXPECT_GT(bytes.size(), this->mWritten);
+    EXPECT_THAT(this->mLog.Texts(4), testing::IsEmpty()) << "it used up its patience with the peer";
     EXPECT_FALSE(this->mTransport->HasSendSocket());
     EXPECT_EQ(-1, this->Send("x"));
 }
