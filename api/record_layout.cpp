@@ -2,9 +2,12 @@
 // behind a pointer are counted in pointers, so that the numbers hold on hosts of either width.
 #include <cstddef>
 
+#include "client/client_module.h"
 #include "lumora.h"
 
 namespace {
+
+using lumoraAiModule::SendDataInfo;
 
 constexpr std::size_t POINTER = sizeof(void*);
 
@@ -48,5 +51,22 @@ static_assert(offsetof(LUM_DEVICE_EVENT_S, result) == 52, "layout");
 static_assert(offsetof(LUM_DEVICE_EVENT_S, dataLen) == 56, "layout");
 static_assert(offsetof(LUM_DEVICE_EVENT_S, data) == EVENT_DATA, "layout");
 static_assert(sizeof(LUM_DEVICE_EVENT_S) == EVENT_DATA + POINTER, "layout");
+
+static_assert(offsetof(SendDataInfo, data) == 0, "layout");
+static_assert(offsetof(SendDataInfo, length) == POINTER, "layout");
+static_assert(offsetof(SendDataInfo, timeoutMs) == POINTER + 4, "layout");
+static_assert(sizeof(SendDataInfo) == POINTER + 8, "layout");
+
+// The same in numbers, for the hosts that all this was first made for.
+constexpr bool NARROW = POINTER == 4;
+static_assert(!NARROW || offsetof(LUM_DEVICE_INFO_S, OnCommand) == 428, "layout");
+static_assert(!NARROW || offsetof(LUM_DEVICE_INFO_S, OnEventNotify) == 432, "layout");
+static_assert(!NARROW || offsetof(LUM_DEVICE_INFO_S, OnData) == 436, "layout");
+static_assert(!NARROW || sizeof(LUM_DEVICE_INFO_S) == 440, "layout");
+static_assert(!NARROW || offsetof(LUM_DEVICES_INFO_S, devNum) == 1760, "layout");
+static_assert(!NARROW || sizeof(LUM_DEVICES_INFO_S) == 1764, "layout");
+static_assert(!NARROW || offsetof(LUM_DEVICE_EVENT_S, data) == 60, "layout");
+static_assert(!NARROW || sizeof(LUM_DEVICE_EVENT_S) == 64, "layout");
+static_assert(!NARROW || sizeof(SendDataInfo) == 12, "layout");
 
 }  // namespace

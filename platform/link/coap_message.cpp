@@ -42,7 +42,7 @@ std::optional<std::size_t> ReadExtension(ByteReader& reader, unsigned nibble) {
         return nibble;
     }
     const bool one = nibble == kOneByteMore;
-    const std::size_t extra = reader.Number(one ? 1 : 2);
+    const auto extra = static_cast<std::size_t>(reader.Number(one ? 1 : 2));
     return extra + (one ? kOneByteBase : kTwoByteBase);
 }
 

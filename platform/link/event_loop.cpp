@@ -6,12 +6,16 @@
 
 #include <algorithm>
 #include <array>
+#include <ctime>
 
 #include "log.h"
 
 namespace lumora_link {
 
 namespace {
+
+// Seconds have 32 bits on some hosts. Who wakes early looks at the time and goes on waiting.
+constexpr Clock::duration kLongestWait = std::chrono::hours(24);
 
 void Drain(int fd) {
     std::uint64_t count = 0;
@@ -56,10 +60,11 @@ void EventLoop::WakeAt(TimePoint deadline) {
     itimerspec spec = {};
     if (deadline != TimePoint::max()) {
         // Zero would disarm the timer; a moment in the past must still fire.
-        const auto left = std::max<Clock::duration>(deadline - Clock::now(), std::chrono::microseconds(1));
+        const auto left =
+            std::clamp<Clock::duration>(deadline - Clock::now(), std::chrono::microseconds(1), kLongestWait);
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-        spec.it_value.tv_sec = seconds.count();
-        spec.it_value.tv_nsec = std::chrono::nanoseconds(left - seconds).count();
+        spec.it_value.tv_sec = static_cast<std::time_t>(seconds.count());
+        spec.it_value.tv_nsec = static_cast<long>(std::chrono::nanoseconds(left - seconds).count());
     }
     timerfd_settime(timer_.Get(), 0, &spec, nullptr);
 }

@@ -4,7 +4,7 @@
  *
  * A table is an array of function pointers. The documented offsets count 4 bytes a pointer.
  */
-#include <arpa/inet.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -52,6 +52,26 @@ struct Endpoint {
     int port;
 };
 
+/* A device that came (1) or went (any other event). */
+struct DeviceEvent {
+    unsigned int event;
+    unsigned int id;
+    const char* address;
+    int port;
+    const char* type;
+};
+
+/* On a 32-bit host the offsets can be held to the very numbers of the tables. */
+#define HOLDS(name, condition) typedef char name[(condition) ? 1 : -1]
+HOLDS(RequesterHasEightBytes, sizeof(struct Endpoint) == 8);
+HOLDS(ResourceHasTwentyBytes, sizeof(void*) != 4 || sizeof(struct Resource) == 20);
+HOLDS(PlatformBeginsWithEightWords, sizeof(void*) != 4 || sizeof(struct Platform) == 32);
+HOLDS(ProxyBeginsWithSevenWords, sizeof(void*) != 4 || offsetof(struct Proxy, next) == 28);
+HOLDS(EventIsAtTheDocumentedPlaces, sizeof(void*) != 4 || (offsetof(struct DeviceEvent, address) == 8 &&
+                                                           offsetof(struct DeviceEvent, port) == 12 &&
+                                                           offsetof(struct DeviceEvent, type) == 16));
+
+typedef int (*EventFunction)(struct DeviceEvent*);
 typedef int (*GetHandler)(struct Resource*, const struct Endpoint*, const char*, char*, unsigned int);
 typedef int (*PutHandler)(struct Resource*, const struct Endpoint*, const char*, const char*, unsigned int);
 typedef const char* (*DescriptorHandler)(struct Resource*);
@@ -62,15 +82,24 @@ struct Proxy* GetNextAppResourceProxy(struct Proxy* proxy);
 void FreeAppResourceProxy2(struct Proxy* proxy);
 int ForeignPlatformCalls(void);
 int ForeignPlatformObjects(void);
+int ForeignPlatformSends(unsigned int event, const char* address);
 
 static const struct Endpoint g_endpoint = {{127, 0, 0, 1}, 40000};
 static struct Resource* g_resource;
 static struct Resource g_handlers;
+static EventFunction g_onDeviceEvent;
 static int g_calls;
 static int g_objects;
 
 int ForeignPlatformCalls(void) { return g_calls; }
 int ForeignPlatformObjects(void) { return g_objects; }
+
+int ForeignPlatformSends(unsigned int event, const char* address) {
+    struct DeviceEvent device = {0, 7, NULL, 40000, "camera"};
+    device.event = event;
+    device.address = address;
+    return g_onDeviceEvent(&device);
+}
 
 /* Fields that nobody may touch. */
 static void Never(void) { abort(); }
@@ -87,9 +116,10 @@ static int SetDebugLevel(struct Platform* platform, int level) {
     return 0;
 }
 
-static int RegisterResource(struct Platform* platform, struct Resource* resource, Function onDeviceEvent) {
+static int RegisterResource(struct Platform* platform, struct Resource* resource,
+                            EventFunction onDeviceEvent) {
     (void)platform;
-    (void)onDeviceEvent;
+    g_onDeviceEvent = onDeviceEvent;
     g_resource = resource;
     g_handlers = *resource;
     return 0;
@@ -129,15 +159,8 @@ static int ProxyPort(struct Proxy* proxy) {
     return g_endpoint.port;
 }
 
-static struct Proxy* FindResource(struct Platform* platform, const char* devType) {
-    struct Proxy* proxy;
-    const char* descriptor = ((DescriptorHandler)g_handlers.fields[DO_GET_DESCRIPTOR])(g_resource);
-    (void)platform;
-    ++g_calls;
-    if (descriptor == NULL || strcmp(descriptor, devType) != 0) {
-        return NULL;
-    }
-    proxy = calloc(1, sizeof(*proxy));
+static struct Proxy* NewProxy(struct Proxy* next) {
+    struct Proxy* proxy = calloc(1, sizeof(*proxy));
     if (proxy == NULL) {
         return NULL;
     }
@@ -149,7 +172,16 @@ static struct Proxy* FindResource(struct Platform* platform, const char* devType
     proxy->fields[PROXY_UNUSED_16] = Never;
     proxy->fields[PROXY_ADDRESS] = (Function)ProxyAddress;
     proxy->fields[PROXY_PORT] = (Function)ProxyPort;
+    proxy->next = next;
     return proxy;
+}
+
+/* Finds the device twice: a chain of two. */
+static struct Proxy* FindResource(struct Platform* platform, const char* devType) {
+    const char* descriptor = ((DescriptorHandler)g_handlers.fields[DO_GET_DESCRIPTOR])(g_resource);
+    (void)platform;
+    ++g_calls;
+    return descriptor != NULL && strcmp(descriptor, devType) == 0 ? NewProxy(NewProxy(NULL)) : NULL;
 }
 
 struct Platform* GetLinkPlatform(void) {

@@ -21,19 +21,32 @@
 
 static int g_event[2]; /* a pipe: device events, as one byte each */
 static int g_commands;
-static int g_notifications;
+static int g_subscriptions;
+static int g_ends;
 
-/* The value of one of the foreign libraries' counters; they have no header. */
-static int Counter(const char* name) {
-    int (*counter)(void) = NULL;
+/* A function of the foreign libraries; they have no header. */
+static void* Foreign(const char* name) {
+    void* function;
     void* program = dlopen(NULL, RTLD_NOW);
     EXPECT(program != NULL);
-    *(void**)(&counter) = dlsym(program, name);
-    if (counter == NULL) {
+    function = dlsym(program, name);
+    if (function == NULL) {
         fprintf(stderr, "%s: this is not the foreign library\n", name);
         exit(1);
     }
+    return function;
+}
+
+static int Counter(const char* name) {
+    int (*counter)(void) = NULL;
+    *(void**)(&counter) = Foreign(name);
     return counter();
+}
+
+static int SendEvent(unsigned int event, const char* address) {
+    int (*send)(unsigned int, const char*) = NULL;
+    *(void**)(&send) = Foreign("ForeignPlatformSends");
+    return send(event, address);
 }
 
 static int OnCommand(const char* cmd, const char* param) {
@@ -43,9 +56,12 @@ static int OnCommand(const char* cmd, const char* param) {
 }
 
 static int OnNotify(int clientID, int event, LUM_SUBSCRIBE_SERVICE_S subscription) {
-    EXPECT(clientID == 1 && event == LUM_NOTIFY_SUBSCRIBED);
-    EXPECT(strcmp(subscription.serviceName, "face") == 0);
-    ++g_notifications;
+    EXPECT(clientID == 1 && strcmp(subscription.serviceName, "face") == 0);
+    if (event == LUM_NOTIFY_SUBSCRIBED) {
+        ++g_subscriptions;
+    } else {
+        ++g_ends;
+    }
     return 0;
 }
 
@@ -87,7 +103,7 @@ static void UseDevice(void) {
     char version[64];
     char answer = 0;
     EXPECT(LUM_GetAiDeviceList("printer", &found) == -1);
-    EXPECT(LUM_GetAiDeviceList("camera", &found) == 0 && found.devNum == 1);
+    EXPECT(LUM_GetAiDeviceList("camera", &found) == 0 && found.devNum == 2);
     EXPECT(strcmp(found.devInfo[0].serviceInfo[0].serviceName, "face") == 0);
     EXPECT(LUM_CreateAiDevice(1, "camera", &handle) == 0 && handle == 1);
     EXPECT(LUM_RegisterAiDeviceEvent(1, handle, OnDeviceEvent) == 0);
@@ -97,12 +113,23 @@ static void UseDevice(void) {
     memset(&subscription, 0, sizeof(subscription));
     strcpy(subscription.serviceName, "face");
     subscription.transport = LUM_TRANSPORT_TCP;
-    EXPECT(LUM_SendCmd(1, handle, "subscribe", (const char*)&subscription) == 0 && g_notifications == 1);
+    EXPECT(LUM_SendCmd(1, handle, "subscribe", (const char*)&subscription) == 0 && g_subscriptions == 1);
     EXPECT(LUM_SendData(1, handle, "question", 8, &sent, 1000) == 0 && sent == 8);
     event.fd = g_event[0];
     event.events = POLLIN;
     EXPECT(poll(&event, 1, 30000) == 1);
     EXPECT(read(g_event[0], &answer, 1) == 1 && answer == 'y');
+}
+
+static void LoseClient(void) {
+    unsigned int sent = 0;
+    EXPECT(SendEvent(1, "127.0.0.1") == 0);
+    EXPECT(SendEvent(2, "127.0.0.2") == 0);
+    EXPECT(LUM_SendDataToClient("face", "still there", 11, &sent, 1000) == 0 && sent == 11);
+    EXPECT(g_ends == 0);
+    EXPECT(SendEvent(2, "127.0.0.1") == 0);
+    EXPECT(LUM_SendDataToClient("face", "gone", 4, &sent, 1000) == -1);
+    EXPECT(g_ends == 1);
 }
 
 int main(void) {
@@ -113,6 +140,7 @@ int main(void) {
     StartDevice();
     UseDevice();
     EXPECT(Counter("ForeignLogErrors") == 1); /* nobody is a printer */
+    LoseClient();
     EXPECT(LUM_DeInitServer() == 0);
     EXPECT(LUM_DeInitClient(1) == 0);
     EXPECT(Counter("ForeignPlatformCalls") >= 8);
