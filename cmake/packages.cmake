@@ -1,0 +1,81 @@
+# Debian packages, made by CPack from the components of the installation; scripts/package says how.
+# The platform libraries are a package of their own, which a vendor's replaces.
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME lumora)
+set(CPACK_PACKAGE_VENDOR Lumora)
+set(CPACK_PACKAGE_CONTACT "Lumora developers <developers@lumora.invalid>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_COMPONENTS_ALL runtime platform dev)
+if(LUMORA_BUILD_EXAMPLES)
+    list(APPEND CPACK_COMPONENTS_ALL examples)
+endif()
+
+# What the programs need is read from them; of another machine's packages this one knows nothing.
+set(runtime_needs "")
+set(platform_needs "")
+if(CMAKE_CROSSCOMPILING)
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${lumora_arch})
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+    set(base_needs "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
+    set(runtime_needs "${base_needs}, libcjson1 (>= 1.7.15), ")
+    set(platform_needs "${base_needs}, libcoap3 (>= 4.3.1)")
+    set(examples_needs "${base_needs}, ")
+else()
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+endif()
+set(any_platform "lumora-platform | lumora-platform-libraries")
+set(same_runtime "liblumora-cpp (= ${PROJECT_VERSION})")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME liblumora-cpp)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${runtime_needs}${any_platform}")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Programs find devices by type over multicast, send them commands and blocks
+of data, and receive what they have to say; or they are such a device.")
+
+# Whoever provides the three libraries of these names takes the place of whoever did before.
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME lumora-platform)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_DEPENDS "${platform_needs}")
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_PROVIDES lumora-platform-libraries)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONFLICTS lumora-platform-libraries)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_REPLACES lumora-platform-libraries)
+set(CPACK_COMPONENT_PLATFORM_DESCRIPTION "This package has the three platform libraries under Lumora, for any Linux
+host: discovery over CoAP, log and bounded copies. A device's vendor may
+provide others of the same names; they replace these.")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME liblumora-cpp-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${same_runtime}, ${any_platform}")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "This package has what programs that use Lumora are built with: the header
+for C and C++, and the files by which CMake and pkg-config find the library.")
+
+set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME lumora-examples)
+set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "${examples_needs}${same_runtime}")
+set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS tesseract-ocr-eng)
+set(CPACK_COMPONENT_EXAMPLES_DESCRIPTION "This package has, in /usr/libexec/lumora, a device that echoes what it is
+sent and a client of it; a device that reads the text in pictures, a client
+that sends it one, and a program that renders a page to a picture.")
+
+# Each package says whose it is and what changed.
+find_program(GZIP_PROGRAM gzip REQUIRED)
+execute_process(COMMAND ${GZIP_PROGRAM} -9nc ${PROJECT_SOURCE_DIR}/packaging/debian/changelog
+    OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${component} upper)
+    set(name ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
+    install(FILES packaging/debian/copyright ${PROJECT_BINARY_DIR}/changelog.gz
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
+    if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/debian/${name}.lintian-overrides)
+        install(FILES packaging/debian/${name}.lintian-overrides
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME ${name} COMPONENT ${component})
+    endif()
+endforeach()
+
+include(CPack)

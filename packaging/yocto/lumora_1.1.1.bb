@@ -1,0 +1,37 @@
+SUMMARY = "Find AI devices on the local network and exchange commands and data with them"
+SECTION = "libs"
+LICENSE = "CLOSED"
+
+# The sources beside the recipe's layer, or wherever the distribution keeps them.
+LUMORA_SOURCES ?= "${THISDIR}/../.."
+inherit externalsrc cmake pkgconfig
+EXTERNALSRC = "${LUMORA_SOURCES}"
+
+DEPENDS = "cjson"
+
+# "reference" builds the platform libraries; "external" takes those of the recipe named here.
+LUMORA_PLATFORM ?= "reference"
+LUMORA_PLATFORM_RECIPE ?= ""
+DEPENDS += "${@'libcoap spdlog fmt' if d.getVar('LUMORA_PLATFORM') == 'reference' else d.getVar('LUMORA_PLATFORM_RECIPE')}"
+
+PACKAGECONFIG ??= ""
+PACKAGECONFIG[examples] = "-DLUMORA_BUILD_EXAMPLES=ON,-DLUMORA_BUILD_EXAMPLES=OFF"
+
+EXTRA_OECMAKE = " \
+    -DBUILD_TESTING=OFF \
+    -DLUMORA_WARNINGS_AS_ERRORS=OFF \
+    -DLUMORA_PLATFORM=${LUMORA_PLATFORM} \
+"
+
+# The libraries have no version in their names: they belong to the packages that run, not to the one to develop.
+SOLIBS = ".so"
+FILES_SOLIBSDEV = ""
+
+PACKAGES =+ "${PN}-platform ${PN}-examples"
+FILES:${PN}-platform = "${libdir}/liblumora.so ${libdir}/liblink_log.so ${libdir}/libsecurec.so"
+FILES:${PN}-examples = "${libexecdir}/lumora"
+FILES:${PN} = "${libdir}/liblumora_cpp.so"
+FILES:${PN}-dev += "${libdir}/cmake/lumora"
+RPROVIDES:${PN}-platform = "lumora-platform-libraries"
+RDEPENDS:${PN} = "${@'${PN}-platform' if d.getVar('LUMORA_PLATFORM') == 'reference' else 'lumora-platform-libraries'}"
+ALLOW_EMPTY:${PN}-examples = "1"
