@@ -4,6 +4,7 @@
 set(lumora_warnings
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef
     -Wcast-align $<$<CXX_COMPILER_ID:GNU>:-Wcast-align=strict>
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-psabi> # what compilers before version 7 did on ARM
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor> $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
     $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:Clang>>:-Wthread-safety>)
 if(LUMORA_WARNINGS_AS_ERRORS)

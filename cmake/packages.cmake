@@ -14,10 +14,13 @@ set(CPACK_COMPONENTS_ALL runtime platform dev)
 if(LUMORA_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL examples)
 endif()
+if(LUMORA_BUILD_TOOLS)
+    list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+
+set(any_platform "lumora-platform | lumora-platform-libraries")
 
 # What the programs need is read from them; of another machine's packages this one knows nothing.
-set(runtime_needs "")
-set(platform_needs "")
 if(CMAKE_CROSSCOMPILING)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${lumora_arch})
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
@@ -25,11 +28,11 @@ if(CMAKE_CROSSCOMPILING)
     set(runtime_needs "${base_needs}, libcjson1 (>= 1.7.15), ")
     set(platform_needs "${base_needs}, libcoap3 (>= 4.3.1)")
     set(examples_needs "${base_needs}, ")
+    set(tools_needs "${base_needs}, libcjson1 (>= 1.7.15), ${any_platform}, ")
 else()
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 endif()
-set(any_platform "lumora-platform | lumora-platform-libraries")
 set(same_runtime "liblumora-cpp (= ${PROJECT_VERSION})")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME liblumora-cpp)
@@ -62,6 +65,12 @@ set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS tesseract-ocr-eng)
 set(CPACK_COMPONENT_EXAMPLES_DESCRIPTION "This package has, in /usr/libexec/lumora, a device that echoes what it is
 sent and a client of it; a device that reads the text in pictures, a client
 that sends it one, and a program that renders a page to a picture.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME lumora-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${tools_needs}${same_runtime}")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "This package has the command-line program lumora, which finds devices, talks
+to them, plays one and looks for what is wrong with a network.")
 
 # Each package says whose it is and what changed.
 find_program(GZIP_PROGRAM gzip REQUIRED)

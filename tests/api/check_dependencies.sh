@@ -23,7 +23,7 @@ done
 printf '%s\n' "$needed" | grep -Eq '^libcjson\.so(\.|$)' || fail "cJSON is not needed by $library:" "$needed"
 # Whatever our own versions of the three are made of is their affair.
 others=$(printf '%s\n' "$needed" | grep -Ev \
-    '^(liblumora|liblink_log|libsecurec)\.so$|^libcjson\.so|^(libstdc\+\+|libm|libgcc_s|libc|libpthread)\.so|^ld-linux|^lib(a|t|ub)san\.so' || true)
+    '^(liblumora|liblink_log|libsecurec)\.so$|^libcjson\.so|^(libstdc\+\+|libm|libgcc_s|libc|libpthread)\.so|^ld-linux|^ld64|^lib(a|t|ub)san\.so' || true)
 [ -z "$others" ] || fail "unexpected libraries are needed by $library:" "$others"
 
 for dependency in "$@"; do

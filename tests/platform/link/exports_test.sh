@@ -2,7 +2,7 @@
 # The library shows the four functions of its interface and nothing else.
 set -eu
 expected="FreeAppResourceProxy2 FreeLinkPlatform GetLinkPlatform GetNextAppResourceProxy"
-found=$(nm -D --defined-only "$1" | awk '{print $NF}' | sort | tr '\n' ' ' | sed 's/ $//')
+found=$("${NM:-nm}" -D --defined-only "$1" | awk '{print $NF}' | sort | tr '\n' ' ' | sed 's/ $//')
 if [ "$found" != "$expected" ]; then
     echo "exported: $found"
     echo "expected: $expected"
