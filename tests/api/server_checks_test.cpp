@@ -6,6 +6,8 @@ namespace {
 
 const char* const CALL_CONNECT = "please call LUM_ConnectAiDevice first.\n";
 const std::string LONG_NAME(41, 'n');
+// Behind a name of 40 characters it is the 41st, whichever of its bytes comes first on this host.
+constexpr int ILLEGAL_IN_EACH_BYTE = 0x06060606;
 
 class ServerChecksTest : public CheckTest {
 protected:
@@ -78,7 +80,10 @@ TEST_F(ServerChecksTest, RegisterChecksRecordStateCountTypeCallbacksThenServices
          {Argument::SECOND_TEXT, "service name is empty\n",
           [](Call& call) { SetName(call.record.serviceInfo[0].serviceName, ""); }},
          {Argument::SECOND_TEXT, "service name 's length illegal\n",
-          [](Call& call) { SetName(call.record.serviceInfo[0].serviceName, std::string(40, 'n')); }},
+          [](Call& call) {
+              SetName(call.record.serviceInfo[0].serviceName, std::string(40, 'n'));
+              SetTransport(call.record.serviceInfo[0], ILLEGAL_IN_EACH_BYTE);
+          }},
          {Argument::SECOND_TEXT, "transport :6 is illegal\n",
           [](Call& call) { SetTransport(call.record.serviceInfo[0], 6); }},
          {Argument::TIMEOUT, "service name is empty\n",
@@ -90,7 +95,7 @@ TEST_F(ServerChecksTest, RegisterChecksRecordStateCountTypeCallbacksThenServices
 TEST_F(ServerChecksTest, RegisterChecksTheNameOfAServiceBeforeItsTransport) {
     InitServer();
     LUM_DEVICE_INFO_S device = DeviceRecord();
-    SetTransport(device.serviceInfo[0], 6);
+    SetTransport(device.serviceInfo[0], ILLEGAL_IN_EACH_BYTE);
     SetName(device.serviceInfo[0].serviceName, "");
     mLog.Clear();
     EXPECT_EQ(-1, LUM_RegisterAiDevInfo(&device));

@@ -1,4 +1,6 @@
 // Caller texts and records that end where memory ends: nothing behind their limit is looked at.
+#include <arpa/inet.h>
+
 #include <cstring>
 
 #include "tests/api/api_fixture.h"
@@ -176,7 +178,7 @@ TEST_F(TextLimitsTest, RegisterReadsNamesWithoutTerminatorsNoFurtherThanTheirFie
     EXPECT_EQ(-1, LUM_RegisterAiDevInfo(mPage.PutRecord(device)));
     EXPECT_TRUE(mLog.Has(4, "devServiceType 's length illegal\n"));
     // With a zero byte behind them both are 40 characters long.
-    device.serviceInfo[0].outputLenBytes = 0x11111100;
+    device.serviceInfo[0].outputLenBytes = htonl(0x00111111);
     device.serviceInfo[0].transport = LUM_TRANSPORT_NONE;
     EXPECT_EQ(0, LUM_RegisterAiDevInfo(mPage.PutRecord(device))) << mLog.Dump();
     EXPECT_NE(std::string::npos, mPlatform.Get("ServiceInfo").reply.find(R"("Name":")" + FORTY + '"'));

@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+
 #include <cerrno>
 
 #include "tests/server/server_fixture.h"
@@ -229,7 +231,9 @@ TEST_F(ServerSetupTest, ServerListensAndConnectsBack) {
     EXPECT_TRUE(IsListening());
     EXPECT_EQ("free", mPlatform.Get("TransStatus").reply);
     EXPECT_TRUE(mLog.Has(2, "Start reveived thread success in server.\n"));
-    EXPECT_TRUE(mLog.Has(2, "After bind socket success, start to listen at port 2586.\n")) << mLog.Dump();
+    const std::string port = std::to_string(htons(SERVER_PORT));
+    EXPECT_TRUE(mLog.Has(2, "After bind socket success, start to listen at port " + port + ".\n"))
+        << mLog.Dump();
 }
 
 TEST_F(ServerSetupTest, PortThatIsTakenFailsTheSetup) {

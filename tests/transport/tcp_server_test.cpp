@@ -32,8 +32,10 @@ protected:
 
 TEST_F(TcpServerTest, PortIsLoggedAsItStandsInTheAddress) {
     ASSERT_EQ(0, Create(ServerSide::RECEIVE, "", 5000));
-    EXPECT_THAT(mLog.Texts(2), ElementsAre("After bind socket success, start to listen at port 34835.\n",
-                                           "Start reveived thread success in server.\n"));
+    const std::string port = std::to_string(htons(5000));
+    EXPECT_THAT(mLog.Texts(2),
+                ElementsAre("After bind socket success, start to listen at port " + port + ".\n",
+                            "Start reveived thread success in server.\n"));
     EXPECT_TRUE(mLog.Has(1, "set non-blocking socket Succ, port = : 5000\n"));
 }
 
