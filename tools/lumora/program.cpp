@@ -175,7 +175,7 @@ private:
     int PollTime() const {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(mDeadline - Clock::now());
         const int most = mOut.read.IsOpen() ? 60'000 : EXIT_CHECK_MS;
-        return static_cast<int>(std::clamp<long>(left.count(), 0, most));
+        return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, most));
     }
 
     // A program need not read what it is given.
