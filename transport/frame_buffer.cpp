@@ -33,8 +33,12 @@ bool FrameBuffer::AllocateArray(std::size_t size) {
     return mBytes != nullptr;
 }
 
-bool FrameBuffer::AllocateAt(std::size_t pageOffset, unsigned int size) {
-    if (!AllocateArray(std::size_t{size} + PAGE_SIZE)) {
+bool FrameBuffer::AllocateAt(std::size_t pageOffset, std::size_t size) {
+    if (size > SIZE_MAX - PAGE_SIZE) {  // on a 32-bit host the sum would begin anew
+        Release();
+        return false;
+    }
+    if (!AllocateArray(size + PAGE_SIZE)) {
         return false;
     }
     const std::size_t arrayOffset = reinterpret_cast<std::uintptr_t>(mArray) % PAGE_SIZE;

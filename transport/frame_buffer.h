@@ -33,7 +33,7 @@ public:
 
 private:
     bool AllocateArray(std::size_t size);
-    bool AllocateAt(std::size_t pageOffset, unsigned int size);
+    bool AllocateAt(std::size_t pageOffset, std::size_t size);
 
     char* mArray = nullptr;
     char* mBytes = nullptr;  // in mArray
