@@ -8,8 +8,8 @@ LUMORA_VERSION = 1.1.1
 # This file is in packaging/buildroot of the sources.
 LUMORA_SITE = $(realpath $(dir $(lastword $(MAKEFILE_LIST)))/../..)
 LUMORA_SITE_METHOD = local
-LUMORA_LICENSE = PROPRIETARY
-LUMORA_REDISTRIBUTE = NO
+LUMORA_LICENSE = Apache-2.0
+LUMORA_LICENSE_FILES = LICENSE
 LUMORA_INSTALL_STAGING = YES
 LUMORA_DEPENDENCIES = host-pkgconf cjson
 LUMORA_CONF_OPTS = \

@@ -1,6 +1,7 @@
 SUMMARY = "Find AI devices on the local network and exchange commands and data with them"
 SECTION = "libs"
-LICENSE = "CLOSED"
+LICENSE = "Apache-2.0"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=3b83ef96387f14655fc854ddc3c6bd57"
 
 # The sources beside the recipe's layer, or wherever the distribution keeps them.
 LUMORA_SOURCES ?= "${THISDIR}/../.."
