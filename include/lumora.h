@@ -37,7 +37,8 @@
  *   |                        |                                | server side                                 |
  *   A call that is not allowed would have to wait for itself: it fails with -1 and says so in the log.
  *   Where one process plays both sides, callbacks may call the other side, but only in one direction: not
- *   the client side from OnData and the server side from a device event.
+ *   the client side from OnData and the server side from a device event. Such a process calls LUM_InitClient
+ *   first: the side that was initialised last is the one that answers requests and is told of events.
  *   Callbacks hold up what they run on; long work belongs on a thread of the application. Everything that a
  *   callback is given by pointer is valid only until it returns. Results of callbacks are not used.
  *   No callback runs after LUM_DeInitClient of the last client or LUM_DeInitServer has returned.
@@ -93,7 +94,7 @@ typedef enum LUM_TRANSPORT_STATUS_E {
 /* What a client event callback is told. */
 typedef enum LUM_EVENT_E {
     LUM_EVENT_NONE = 0,
-    LUM_EVENT_DEVICE_REMOVED = 1 /* the device that the client was connected to has left the network */
+    LUM_EVENT_DEVICE_REMOVED = 1 /* the device that the client is connected to has left the network */
 } LUM_EVENT_E;
 
 /* Values of LUM_DEVICE_EVENT_S.eventType. */
@@ -178,7 +179,10 @@ LUM_EXPORT int LUM_InitClient(int* clientID, const char* devType);
  */
 LUM_EXPORT int LUM_DeInitClient(int clientID);
 
-/* Sets the callback that is told when the connected device leaves the network; replaces an earlier one. */
+/*
+ * Sets the callback that is told when the connected device leaves the network; replaces an earlier one. It is
+ * not called where the data channel broke first, as when the device's process is killed.
+ */
 LUM_EXPORT int LUM_RegisterEvent(int clientID, LUM_EVENT_CALLBACK callback);
 
 /*
@@ -207,7 +211,9 @@ LUM_EXPORT int LUM_RegisterAiDeviceEvent(int clientID, unsigned int handle,
  * Connects the client to the device; the first client on a handle opens the data channel, which uses the
  * TCP ports 6666 (on the device) and 6667 (here). Connecting twice succeeds. A process has one data channel
  * at a time: connecting to another device closes the channel to the one before. A channel that breaks is not
- * reported: from then on the calls that need the device fail, and it has to be searched for again.
+ * reported: from then on the calls that need the device fail, and it has to be searched for again. A channel
+ * that was closed on this side, because a send made no progress or because another device was connected to,
+ * is not opened again before the process's last client has ended; see docs/guide.md.
  */
 LUM_EXPORT int LUM_ConnectAiDevice(int clientID, unsigned int handle);
 
