@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/lumora)
 
 lumora_install_library(lumora runtime)
-install(FILES include/lumora.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+install(FILES include/lumora.h include/lumora.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(EXPORT lumoraTargets NAMESPACE lumora:: DESTINATION ${package_folder} COMPONENT dev)
 configure_package_config_file(cmake/lumoraConfig.cmake.in lumoraConfig.cmake INSTALL_DESTINATION ${package_folder}
     NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)

@@ -55,15 +55,15 @@ provide others of the same names; they replace these.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME liblumora-cpp-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${same_runtime}, ${any_platform}")
-set(CPACK_COMPONENT_DEV_DESCRIPTION "This package has what programs that use Lumora are built with: the header
-for C and C++, and the files by which CMake and pkg-config find the library.")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "This package has what programs that use Lumora are built with: the headers
+for C and for C++, and the files by which CMake and pkg-config find the library.")
 
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME lumora-examples)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "${examples_needs}${same_runtime}")
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS tesseract-ocr-eng)
 set(CPACK_COMPONENT_EXAMPLES_DESCRIPTION "This package has, in /usr/libexec/lumora, a device that echoes what it is
-sent and a client of it; a device that reads the text in pictures, a client
+sent and a client of it, in C and in C++; a device that reads the text in pictures, a client
 that sends it one, and a program that renders a page to a picture.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME lumora-tools)

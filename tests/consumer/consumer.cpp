@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdio>
+#include <lumora.hpp>
 
 namespace {
 
@@ -27,5 +28,8 @@ int main() {
     for (const void* function : functions) {
         std::printf("%p\n", function);
     }
-    return LUM_DeInitServer();
+    // No name has 40 characters: nobody joins a network here.
+    std::error_code error;
+    const lumora::Client client(std::string(LUM_NAME_SIZE, 'n'), error);
+    return error == lumora::Errc::BAD_NAME ? LUM_DeInitServer() : 1;
 }

@@ -1,4 +1,5 @@
-// The two examples in C, and a client that outlives devices, as processes over our link platform.
+// The small examples in C and in C++, and a client that outlives devices, as processes over our link
+// platform.
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -14,7 +15,7 @@ using testing::HasSubstr;
 
 class EchoDevice : public Process {
 public:
-    EchoDevice() : Process({DEVICE_PROGRAM}) { WaitForLine("ready"); }
+    explicit EchoDevice(const char* program = DEVICE_PROGRAM) : Process({program}) { WaitForLine("ready"); }
 
     int End() {
         Signal(SIGTERM);
@@ -22,8 +23,18 @@ public:
     }
 };
 
-void ExpectEcho(const std::string& text) {
-    Process client({CLIENT_PROGRAM, text});
+class CppEchoDevice : public EchoDevice {
+public:
+    CppEchoDevice() : EchoDevice(CPP_DEVICE_PROGRAM) {}
+
+    int End() {
+        CloseInput();
+        return WaitForEnd();
+    }
+};
+
+void ExpectEcho(const std::string& text, const std::string& program = CLIENT_PROGRAM) {
+    Process client({program, text});
     EXPECT_EQ(0, client.WaitForEnd());
     EXPECT_EQ("echo: " + text + "\n", client.Output());
 }
@@ -60,10 +71,26 @@ TEST(EchoTest, ClientGetsBackWhatItSent) {
     EXPECT_EQ(0, device.End());
 }
 
+TEST(EchoTest, ClientInCppUsesDeviceInC) {
+    EchoDevice device;
+    ExpectEcho("from C++", CPP_CLIENT_PROGRAM);
+    EXPECT_EQ(0, device.End());
+}
+
+TEST(EchoTest, DeviceInCppServesClientsInBoth) {
+    CppEchoDevice device;
+    ExpectEcho("from C", CLIENT_PROGRAM);
+    ExpectEcho("from C++", CPP_CLIENT_PROGRAM);
+    device.WaitForLine("client 1 subscribed to echo");
+    EXPECT_EQ(0, device.End());
+}
+
 TEST(EchoTest, ClientWithoutDeviceFails) {
-    Process client({CLIENT_PROGRAM});
-    EXPECT_EQ(1, client.WaitForEnd());
-    EXPECT_THAT(client.Errors(), HasSubstr("is an echo device running in this network?"));
+    for (const std::string program : {CLIENT_PROGRAM, CPP_CLIENT_PROGRAM}) {
+        Process client({program});
+        EXPECT_EQ(1, client.WaitForEnd());
+        EXPECT_THAT(client.Errors(), HasSubstr("is an echo device running in this network?"));
+    }
 }
 
 TEST(EchoTest, RestartedClientWorksAgain) {

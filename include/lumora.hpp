@@ -1,0 +1,928 @@
+/// lumora.hpp - Lumora for C++17: lumora::Client uses a device, lumora::Device is one.
+///
+///     lumora::Client client("viewer");
+///     client.OnData([](std::string_view service, lumora::Bytes data) { Show(data.Text()); });
+///     client.Connect("camera");
+///     client.Subscribe("faces");
+///     client.Send(picture);
+///
+///     lumora::Device device("camera");
+///     device.Offer("faces");
+///     device.OnData([&](int client, lumora::Bytes picture) { device.Send("faces", FacesIn(picture)); });
+///     device.Start();
+///
+/// All of it is inline and calls the functions of lumora.h, whose limits hold here, too; a program links with
+/// liblumora_cpp as one in C does.
+///
+/// Errors
+///   What can fail throws a lumora::Error. With a std::error_code as the last argument it does not: it sets
+///   or clears that, and where it has no other result returns whether all went well. (Overloads, because
+///   everybody knows them from <filesystem>; a Result type would be one more to learn.) The codes are
+///   lumora::Errc; the log says more. Only memory that runs out throws from both. Without exceptions
+///   (-fno-exceptions) use the second form: the first ends the program.
+///
+/// Threads and callbacks
+///   Any thread may call any function, but for moving and destroying an object that another thread uses.
+///   Calls of one side (clients or device) run one after the other, and may take seconds while a device does
+///   not answer. Handlers run on threads of the library, one at a time for each side but for Device::OnData,
+///   and hold up what they run on; long work belongs on a thread of the application:
+///
+///   | handler                        | runs on                         | may call of its own side |
+///   |--------------------------------|---------------------------------|--------------------------|
+///   | Client::OnData                 | the connection's receive thread | nothing                  |
+///   | Client::OnDeviceLeft           | the platform's event thread     | nothing                  |
+///   | Device::OnCommand, OnSubscribe,| a request thread of the platform| nothing                  |
+///   | OnUnsubscribe                  |                                 |                          |
+///   | Device::OnData                 | the connection's receive thread | Device::Send             |
+///
+///   Setting handlers is allowed everywhere. Another call would have to wait for itself: it fails, and the
+///   log says so. In particular, no handler may destroy an object of its side. Texts and bytes that a handler
+///   is given are valid until it returns. A handler may be set or replaced at any time; the one before may
+///   still be at work for a moment. No handler runs once its Client or Device is destroyed, so whatever
+///   handlers refer to has to be declared before it.
+///
+/// Exceptions out of handlers
+///   end at the boundary to the library, which is C: they are given to the handler set by OnException, on the
+///   same thread, and without one written to standard error.
+#ifndef LUMORA_HPP
+#define LUMORA_HPP
+
+#if __cplusplus < 201703L
+#error "lumora.hpp needs C++17 (-std=c++17); lumora.h is for all others"
+#endif
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "lumora.h"
+
+namespace lumora {
+
+// ---- Errors
+
+/// Why a call failed, as far as the library tells.
+enum class Errc {
+    NOT_JOINED = 1,    ///< the network cannot be joined; or a Client was moved from, a Device not started
+    TOO_MANY_CLIENTS,  ///< the process has 20 clients
+    DEVICE_EXISTS,     ///< the process is a device already
+    BAD_NAME,          ///< a type or a service has 1 to 39 characters, and none of them is NUL
+    BAD_SERVICES,      ///< a device offers 1 to 8 services, whose description fits into 1,024 characters
+    BAD_COMMAND,       ///< a command has 1 to 400 characters with its parameter; "subscribe" is none
+    BAD_SIZE,          ///< a block has 1 to 5,242,880 bytes; one that a device sends, 1 to 1,024,000
+    NO_DEVICE,         ///< no device of this type answered
+    NOT_CONNECTED,     ///< the client is connected to no device
+    CONNECT_FAILED,    ///< the device was found, but there is no data channel to it
+    REFUSED,           ///< the device refused, or did not answer
+    SEND_FAILED,       ///< nobody is connected, or the connection has ended
+    INCOMPLETE,        ///< the other end stopped reading: half a second passed without any progress
+    STOP_FAILED        ///< the network cannot be left
+};
+
+/// The category of Errc, named "lumora".
+const std::error_category& ErrorCategory() noexcept;
+
+inline std::error_code make_error_code(Errc code) noexcept {
+    return {static_cast<int>(code), ErrorCategory()};
+}
+
+}  // namespace lumora
+
+template <>
+struct std::is_error_code_enum<lumora::Errc> : std::true_type {};
+
+namespace lumora {
+
+/// What is thrown. code() is an Errc, what() says in which function.
+class Error : public std::system_error {
+public:
+    using std::system_error::system_error;
+};
+
+// ---- What is sent and found
+
+/// Bytes of somebody else's, as std::span has them in C++20. Owns nothing: valid as long as they are.
+/// Converts from texts (of a char pointer, up to its NUL) and from whatever has data() and size(), such as a
+/// std::vector<std::uint16_t>, whose memory it then shows.
+class Bytes {
+public:
+    constexpr Bytes() = default;
+    Bytes(const void* data, std::size_t size) : mData(static_cast<const char*>(data)), mSize(size) {}
+    Bytes(const char* text) : Bytes(std::string_view(text)) {}  // NOLINT(google-explicit-constructor)
+    template <typename Container,
+              typename Element = std::remove_pointer_t<decltype(std::declval<const Container&>().data())>,
+              typename = decltype(std::declval<const Container&>().size()),
+              typename = std::enable_if_t<!std::is_base_of_v<Bytes, Container> &&
+                                          std::is_trivially_copyable_v<Element>>>
+    Bytes(const Container& container)  // NOLINT(google-explicit-constructor): as std::span
+        : Bytes(container.data(), container.size() * sizeof(Element)) {}
+
+    constexpr const char* data() const { return mData; }
+    constexpr std::size_t size() const { return mSize; }
+    constexpr bool empty() const { return mSize == 0; }
+    constexpr const char* begin() const { return mData; }
+    constexpr const char* end() const { return mData + mSize; }
+    constexpr std::string_view Text() const { return {mData, mSize}; }
+
+private:
+    const char* mData = nullptr;
+    std::size_t mSize = 0;
+};
+
+/// The kind of a service's data channel. Today every kind is carried over TCP; 4 and 5 are reserved.
+enum class Transport : int { NONE = 0, UDP = 1, TCP = 2, RTP = 3 };
+
+/// A service of a device.
+struct Service {
+    std::string name;
+    unsigned int outputBytes = 0;  ///< the length of what it produces, as the device tells it
+    Transport transport = Transport::TCP;
+};
+
+/// A device that a search found.
+struct DeviceInfo {
+    std::string name;  ///< its type; with a number behind it where others of this type answered first
+    std::vector<Service> services;
+
+    bool Offers(std::string_view service) const {
+        return std::any_of(services.begin(), services.end(),
+                           [&](const Service& offered) { return offered.name == service; });
+    }
+};
+
+/// What a subscriber may wish for beside the service itself.
+struct SubscribeOptions {
+    int source = 0;  ///< 0 or 1, for the device's application
+    Transport transport = Transport::TCP;
+};
+
+/// A client's subscription, as a device is told of it. What is behind service is 0 where the subscription
+/// ends.
+struct Subscription {
+    int client;                ///< 1 to 20; clients of different processes may have the same number
+    std::string_view service;  ///< valid until the handler returns
+    int source;
+    Transport transport;
+};
+
+// ---- Not for applications
+
+namespace detail {
+
+class Category final : public std::error_category {
+public:
+    const char* name() const noexcept override { return "lumora"; }
+    std::string message(int value) const override {
+        static constexpr std::array<const char*, 15> MESSAGES = {
+            "success",
+            "not in the network",
+            "this process has 20 clients already",
+            "this process is a device already",
+            "a name has 1 to 39 characters",
+            "a device offers 1 to 8 services, described in up to 1,024 characters",
+            "a command has 1 to 400 characters with its parameter",
+            "a block has 1 to 5,242,880 bytes, or 1,024,000 from a device",
+            "no device of this type answers",
+            "the client is connected to no device",
+            "the device cannot be connected",
+            "the device refuses, or does not answer",
+            "nobody is connected, or the connection has ended",
+            "the other end has stopped reading",
+            "the network cannot be left"};
+        const auto index = static_cast<std::size_t>(value);
+        return index < MESSAGES.size() ? MESSAGES[index] : "unknown error";
+    }
+};
+
+// The one place that throws.
+template <typename Call>
+auto OrThrow(const char* function, const Call& call) {
+    std::error_code error;
+    auto result = call(error);
+    if (error) {
+#ifdef __cpp_exceptions
+        throw Error(error, function);
+#else
+        std::fprintf(stderr, "%s: %s\n", function, error.message().c_str());
+        std::abort();
+#endif
+    }
+    return result;
+}
+
+// Sets the error; whether there is none.
+inline bool Outcome(bool good, Errc otherwise, std::error_code& error) {
+    error = good ? std::error_code() : make_error_code(otherwise);
+    return good;
+}
+
+inline bool IsName(std::string_view name) {
+    return !name.empty() && name.size() < LUM_NAME_SIZE && name.find('\0') == std::string_view::npos;
+}
+
+inline bool IsCommand(std::string_view name, std::string_view parameter) {
+    constexpr std::size_t LIMIT = LUM_MAX_CMD_LENGTH;
+    const auto isText = [](std::string_view text) { return text.find('\0') == std::string_view::npos; };
+    return !name.empty() && name.size() <= LIMIT && parameter.size() <= LIMIT - name.size() && isText(name) &&
+           isText(parameter) && name != "subscribe";  // whose parameter is a record
+}
+
+inline void SetField(char (&field)[LUM_NAME_SIZE], std::string_view name) {
+    std::memset(field, 0, sizeof(field));
+    name.copy(field, sizeof(field) - 1);
+}
+
+inline std::string_view TextOf(const char (&field)[LUM_NAME_SIZE]) {
+    const std::string_view whole(field, sizeof(field));
+    return whole.substr(0, whole.find('\0'));
+}
+
+// A function that threads of the library call and that the application may replace meanwhile.
+template <typename... Arguments>
+class Handler {
+public:
+    using Function = std::function<void(Arguments...)>;
+
+    void Set(Function function) {
+        auto latest = std::make_shared<const Function>(std::move(function));
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mFunction.swap(latest);
+    }
+
+    // Whether there was one to call.
+    bool Call(Arguments... arguments) const {
+        const std::shared_ptr<const Function> function = Current();
+        if (function == nullptr || *function == nullptr) {
+            return false;
+        }
+        (*function)(arguments...);
+        return true;
+    }
+
+private:
+    std::shared_ptr<const Function> Current() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mFunction;
+    }
+
+    mutable std::mutex mMutex;
+    std::shared_ptr<const Function> mFunction;
+};
+
+// What both sides do with the exceptions of their handlers.
+class Boundary {
+public:
+    Handler<std::exception_ptr> onException;
+
+    template <typename Call>
+    void Contain(const Call& call) const noexcept {
+#ifdef __cpp_exceptions
+        try {
+            call();
+        } catch (const std::exception& exception) {
+            Report(exception.what());
+        } catch (...) {
+            Report("an exception that is no std::exception");
+        }
+#else
+        call();
+#endif
+    }
+
+private:
+    // While the exception is being handled.
+    void Report(const char* what) const {
+        if (!onException.Call(std::current_exception())) {
+            std::fprintf(stderr, "lumora: a handler threw: %s\n", what);
+        }
+    }
+};
+
+struct ClientState : Boundary {
+    int id = 0;
+    std::atomic<unsigned int> handle{0};  // 0: not connected
+    Handler<std::string_view, Bytes> onData;
+    Handler<> onDeviceLeft;
+
+    void SetDevice(unsigned int connected, const std::string& name) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mDevice = name;
+        handle = connected;
+    }
+
+    // The name of the connected device, or none.
+    std::string Device() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return handle != 0 ? mDevice : std::string();
+    }
+
+private:
+    mutable std::mutex mMutex;
+    std::string mDevice;
+};
+
+struct DeviceState : Boundary {
+    Handler<std::string_view, std::string_view> onCommand;
+    Handler<const Subscription&> onSubscribe;
+    Handler<const Subscription&> onUnsubscribe;
+    Handler<int, Bytes> onData;
+};
+
+// Whose callbacks the library's are: it tells the number of a client and nothing else.
+class Directory {
+public:
+    // Outlives main, as threads of the library may.
+    static Directory& Instance() {
+        alignas(Directory) static unsigned char memory[sizeof(Directory)];
+        static auto* const instance = new (memory) Directory();
+        return *instance;
+    }
+
+    void SetClient(int id, std::shared_ptr<ClientState> client) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mClients.at(static_cast<std::size_t>(id)).swap(client);
+    }
+
+    std::shared_ptr<ClientState> Client(int id) const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const auto index = static_cast<std::size_t>(id);
+        return index < mClients.size() ? mClients[index] : nullptr;
+    }
+
+    bool AnyoneUses(unsigned int handle) const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return std::any_of(mClients.begin(), mClients.end(),
+                           [&](const auto& client) { return client && client->handle == handle; });
+    }
+
+    // Fails where another one is it.
+    bool BecomeDevice(const std::shared_ptr<DeviceState>& device) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mDevice == nullptr) {
+            mDevice = device;
+        }
+        return mDevice == device;
+    }
+
+    bool IsDevice(const std::shared_ptr<DeviceState>& device) const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mDevice == device;
+    }
+
+    void ForgetDevice(const std::shared_ptr<DeviceState>& device) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mDevice == device) {
+            mDevice = nullptr;
+        }
+    }
+
+    std::shared_ptr<DeviceState> Device() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mDevice;
+    }
+
+private:
+    mutable std::mutex mMutex;
+    std::array<std::shared_ptr<ClientState>, LUM_MAX_CLIENTS + 1> mClients;
+    std::shared_ptr<DeviceState> mDevice;
+};
+
+// What the library calls. The results are not used.
+
+inline int OnClientEvent(int id, LUM_EVENT_E event) noexcept {
+    const std::shared_ptr<ClientState> client = Directory::Instance().Client(id);
+    if (client != nullptr && event == LUM_EVENT_DEVICE_REMOVED) {
+        client->handle = 0;
+        client->Contain([&] { client->onDeviceLeft.Call(); });
+    }
+    return 0;
+}
+
+inline int OnDeviceEvent(LUM_DEVICE_EVENT_S event) noexcept {
+    const std::shared_ptr<ClientState> client = Directory::Instance().Client(event.clientID);
+    if (client != nullptr && event.eventType == LUM_DEVICE_EVENT_DATA) {
+        client->Contain([&] { client->onData.Call(TextOf(event.serviceName), {event.data, event.dataLen}); });
+    }
+    return 0;
+}
+
+inline int OnCommand(const char* name, const char* parameter) noexcept {
+    if (const std::shared_ptr<DeviceState> device = Directory::Instance().Device()) {
+        device->Contain([&] { device->onCommand.Call(name, parameter); });
+    }
+    return 0;
+}
+
+inline int OnNotify(int client, int event, LUM_SUBSCRIBE_SERVICE_S record) noexcept {
+    if (const std::shared_ptr<DeviceState> device = Directory::Instance().Device()) {
+        const Subscription subscription = {client, TextOf(record.serviceName), record.dataSource,
+                                           static_cast<Transport>(record.transport)};
+        const auto& handler = event == LUM_NOTIFY_SUBSCRIBED ? device->onSubscribe : device->onUnsubscribe;
+        device->Contain([&] { handler.Call(subscription); });
+    }
+    return 0;
+}
+
+inline int OnData(int client, const char* data, unsigned int length) noexcept {
+    if (const std::shared_ptr<DeviceState> device = Directory::Instance().Device()) {
+        device->Contain([&] { device->onData.Call(client, {data, length}); });
+    }
+    return 0;
+}
+
+inline std::vector<DeviceInfo> DevicesOf(const LUM_DEVICES_INFO_S& found) {
+    std::vector<DeviceInfo> devices;
+    for (const LUM_DEVICE_INFO_S* device = found.devInfo; device != found.devInfo + found.devNum; ++device) {
+        devices.push_back({std::string(TextOf(device->devServiceType)), {}});
+        for (const LUM_SERVICE_INFO_S* service = device->serviceInfo;
+             service != device->serviceInfo + device->serviceNum; ++service) {
+            devices.back().services.push_back({std::string(TextOf(service->serviceName)),
+                                               service->outputLenBytes,
+                                               static_cast<Transport>(service->transport)});
+        }
+    }
+    return devices;
+}
+
+}  // namespace detail
+
+inline const std::error_category& ErrorCategory() noexcept {
+    static const detail::Category category;
+    return category;
+}
+
+// ---- Client
+
+/// An application that uses a device. It is found by others, too, under the type of the process's first
+/// client.
+///
+/// A process may have up to 20 of them; each is a client of its own to the device, with its own subscriptions
+/// and handlers. They share one data channel: a client that connects to another device ends the connections
+/// of all others. Moved, it takes its handlers and its connection along; what is left can only be assigned to
+/// and destroyed, and everything else fails with Errc::NOT_JOINED.
+class Client {
+public:
+    /// How long a device is searched for unless told otherwise.
+    static constexpr std::chrono::milliseconds PATIENCE{2000};
+
+    /// Joins the network, with the first client of the process, as a device of this type (1 to 39
+    /// characters). Errors: BAD_NAME, TOO_MANY_CLIENTS, NOT_JOINED. An object that could not join is as one
+    /// moved from.
+    explicit Client(std::string_view type) {
+        detail::OrThrow("lumora::Client", [&](std::error_code& error) { return Join(type, error); });
+    }
+    Client(std::string_view type, std::error_code& error) { Join(type, error); }
+
+    Client(Client&& other) noexcept : mState(std::move(other.mState)) {}
+    Client& operator=(Client&& other) noexcept {
+        Client(std::move(other)).mState.swap(mState);
+        return *this;
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    /// Says goodbye to the device and, as the last client, leaves the network. Waits for handlers in
+    /// progress.
+    ~Client() {
+        if (mState != nullptr) {
+            SayGoodbye();
+            detail::Directory::Instance().SetClient(mState->id, nullptr);
+            LUM_DeInitClient(mState->id);
+        }
+    }
+
+    /// By this number, 1 to 20, a device tells the clients of a process apart. 0: not in the network.
+    int Id() const { return mState != nullptr ? mState->id : 0; }
+
+    // ---- Handlers. What nobody handles is forgotten.
+
+    /// For each block that the device sends on a service that was subscribed to. Set it before Subscribe.
+    void OnData(std::function<void(std::string_view service, Bytes data)> handler) {
+        if (mState != nullptr) {
+            mState->onData.Set(std::move(handler));
+        }
+    }
+
+    /// For the connected device's leaving the network. Of a connection that breaks while the device stays
+    /// nobody tells: from then on calls fail, until Connect begins anew.
+    void OnDeviceLeft(std::function<void()> handler) {
+        if (mState != nullptr) {
+            mState->onDeviceLeft.Set(std::move(handler));
+        }
+    }
+
+    /// For what another handler of this client throws. What it throws itself ends the program.
+    void OnException(std::function<void(std::exception_ptr exception)> handler) {
+        if (mState != nullptr) {
+            mState->onException.Set(std::move(handler));
+        }
+    }
+
+    // ---- Devices
+
+    /// The devices of a type, at most the four that answer first; none when nobody answered in time. Searches
+    /// once, for some hundred milliseconds, and then again until patience has passed. While the client is
+    /// connected, search for its device's type only: of others the library forgets. Errors: BAD_NAME,
+    /// NOT_JOINED.
+    std::vector<DeviceInfo> Find(std::string_view type, std::chrono::milliseconds patience = PATIENCE) {
+        return detail::OrThrow("lumora::Client::Find",
+                               [&](std::error_code& error) { return Find(type, patience, error); });
+    }
+    std::vector<DeviceInfo> Find(std::string_view type, std::chrono::milliseconds patience,
+                                 std::error_code& error) {
+        std::vector<DeviceInfo> devices;
+        if (MayUse(type, error)) {
+            Repeat(patience, SEARCH_PAUSE, [&] {
+                devices = Search(type);
+                return !devices.empty();
+            });
+        }
+        return devices;
+    }
+
+    /// Connects to the first device of a type that answers, and goes on trying until patience has passed. A
+    /// connection to another device ends; one to this device stays as it is. Subscriptions belong to a
+    /// connection: a new one begins without. Errors: BAD_NAME, NOT_JOINED, NO_DEVICE, CONNECT_FAILED.
+    void Connect(std::string_view type, std::chrono::milliseconds patience = PATIENCE) {
+        detail::OrThrow("lumora::Client::Connect",
+                        [&](std::error_code& error) { return Connect(type, patience, error); });
+    }
+    bool Connect(std::string_view type, std::chrono::milliseconds patience, std::error_code& error) {
+        if (!MayUse(type, error)) {
+            return false;
+        }
+        if (mState->Device() != type) {
+            Disconnect();
+        }
+        return Repeat(patience, SEARCH_PAUSE, [&] {
+            const std::vector<DeviceInfo> devices = Search(type);
+            return detail::Outcome(!devices.empty(), Errc::NO_DEVICE, error) && Open(devices.front(), error);
+        });
+    }
+
+    /// The same for a device of the last search, once. Errors: NOT_JOINED, CONNECT_FAILED.
+    void Connect(const DeviceInfo& device) {
+        detail::OrThrow("lumora::Client::Connect",
+                        [&](std::error_code& error) { return Connect(device, error); });
+    }
+    bool Connect(const DeviceInfo& device, std::error_code& error) {
+        if (!MayUse(device.name, error)) {
+            return false;
+        }
+        if (mState->Device() != device.name) {
+            Disconnect();
+        }
+        return Open(device, error);
+    }
+
+    /// Says goodbye: the device ends this client's subscriptions. Without a connection, nothing happens.
+    void Disconnect() {
+        const unsigned int handle = SayGoodbye();
+        if (handle == 0) {
+            return;
+        }
+        LUM_DisconnectAiDevice(mState->id, handle);
+        // The device ends a channel that has no clients left, and with it ends what is connected before this
+        // side has noticed.
+        Repeat(std::chrono::seconds(1), std::chrono::milliseconds(1), [&] {
+            return detail::Directory::Instance().AnyoneUses(handle) ||
+                   LUM_RegisterAiDeviceEvent(mState->id, handle, detail::OnDeviceEvent) != 0;
+        });
+    }
+
+    // ---- What can be asked of the connected device. Errors of all: NOT_JOINED, NOT_CONNECTED.
+
+    /// From now on OnData is given what the device sends on this service. Errors: BAD_NAME, REFUSED.
+    void Subscribe(std::string_view service, const SubscribeOptions& options = {}) {
+        detail::OrThrow("lumora::Client::Subscribe",
+                        [&](std::error_code& error) { return Subscribe(service, options, error); });
+    }
+    bool Subscribe(std::string_view service, std::error_code& error) { return Subscribe(service, {}, error); }
+    bool Subscribe(std::string_view service, const SubscribeOptions& options, std::error_code& error) {
+        LUM_SUBSCRIBE_SERVICE_S record = {};
+        detail::SetField(record.serviceName, service);
+        record.dataSource = options.source;
+        record.transport = static_cast<int>(options.transport);
+        return MayUse(service, error) && Order("subscribe", reinterpret_cast<const char*>(&record), error);
+    }
+
+    /// Ends a subscription. Errors: BAD_NAME, REFUSED (there is none).
+    void Unsubscribe(std::string_view service) {
+        detail::OrThrow("lumora::Client::Unsubscribe",
+                        [&](std::error_code& error) { return Unsubscribe(service, error); });
+    }
+    bool Unsubscribe(std::string_view service, std::error_code& error) {
+        return MayUse(service, error) && Order("unsubscribe", std::string(service).c_str(), error);
+    }
+
+    /// Has the device's OnCommand run, once; it has no result, what it has to say comes as data. Name and
+    /// parameter have up to 400 characters together. Errors: BAD_COMMAND, REFUSED.
+    void Command(std::string_view name, std::string_view parameter = {}) {
+        detail::OrThrow("lumora::Client::Command",
+                        [&](std::error_code& error) { return Command(name, parameter, error); });
+    }
+    bool Command(std::string_view name, std::string_view parameter, std::error_code& error) {
+        return detail::Outcome(detail::IsCommand(name, parameter), Errc::BAD_COMMAND, error) &&
+               Order(std::string(name).c_str(), std::string(parameter).c_str(), error);
+    }
+
+    /// Sends a block of 1 to 5,242,880 bytes, which the device's OnData is given in one piece. Returns when
+    /// the system has taken all of it, and gives up when half a second passes without any progress; that
+    /// limit is fixed. Errors: BAD_SIZE, SEND_FAILED, INCOMPLETE (the connection has to be made anew).
+    void Send(Bytes block) {
+        detail::OrThrow("lumora::Client::Send", [&](std::error_code& error) { return Send(block, error); });
+    }
+    bool Send(Bytes block, std::error_code& error) {
+        const bool fits = !block.empty() && block.size() <= LUM_MAX_CLIENT_DATA_LENGTH;
+        if (!IsConnected(error) || !detail::Outcome(fits, Errc::BAD_SIZE, error)) {
+            return false;
+        }
+        unsigned int sent = 0;
+        const int result =
+            LUM_SendData(mState->id, mState->handle, block.data(), static_cast<unsigned int>(block.size()),
+                         &sent, LUM_MAX_CLIENT_TIMEOUT_MS);
+        return detail::Outcome(result == 0, Errc::SEND_FAILED, error) &&
+               detail::Outcome(sent == block.size(), Errc::INCOMPLETE, error);
+    }
+
+    /// The version of the device's library; asks the device. Errors: REFUSED.
+    std::string DeviceVersion() {
+        return detail::OrThrow("lumora::Client::DeviceVersion",
+                               [&](std::error_code& error) { return DeviceVersion(error); });
+    }
+    std::string DeviceVersion(std::error_code& error) {
+        std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
+        if (IsConnected(error)) {
+            const int result = LUM_GetServerVersion(mState->id, mState->handle, text.data(), text.size());
+            detail::Outcome(result == 0, Errc::REFUSED, error);
+        }
+        return text.data();
+    }
+
+    /// The version of this library; needs no device. Errors: NOT_JOINED, REFUSED (called from a handler).
+    std::string LibraryVersion() {
+        return detail::OrThrow("lumora::Client::LibraryVersion",
+                               [&](std::error_code& error) { return LibraryVersion(error); });
+    }
+    std::string LibraryVersion(std::error_code& error) {
+        std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
+        if (IsJoined(error)) {
+            const int result = LUM_GetClientVersion(mState->id, text.data(), text.size());
+            detail::Outcome(result == 0, Errc::REFUSED, error);
+        }
+        return text.data();
+    }
+
+private:
+    static constexpr std::chrono::milliseconds SEARCH_PAUSE{100};
+
+    bool Join(std::string_view type, std::error_code& error) {
+        if (!detail::Outcome(detail::IsName(type), Errc::BAD_NAME, error)) {
+            return false;
+        }
+        auto state = std::make_shared<detail::ClientState>();
+        state->id = -1;
+        if (LUM_InitClient(&state->id, std::string(type).c_str()) != 0) {
+            if (state->id > 0) {
+                LUM_DeInitClient(state->id);  // or the number would stay taken
+            }
+            return detail::Outcome(false, state->id == 0 ? Errc::TOO_MANY_CLIENTS : Errc::NOT_JOINED, error);
+        }
+        detail::Directory::Instance().SetClient(state->id, state);
+        mState = std::move(state);
+        const int result = LUM_RegisterEvent(mState->id, detail::OnClientEvent);
+        return detail::Outcome(result == 0, Errc::NOT_JOINED, error);
+    }
+
+    bool IsJoined(std::error_code& error) const {
+        return detail::Outcome(mState != nullptr, Errc::NOT_JOINED, error);
+    }
+
+    bool MayUse(std::string_view name, std::error_code& error) const {
+        return IsJoined(error) && detail::Outcome(detail::IsName(name), Errc::BAD_NAME, error);
+    }
+
+    bool IsConnected(std::error_code& error) const {
+        return IsJoined(error) && detail::Outcome(mState->handle != 0, Errc::NOT_CONNECTED, error);
+    }
+
+    // Whether an attempt succeeded, of which there is at least one.
+    template <typename Attempt>
+    static bool Repeat(std::chrono::milliseconds patience, std::chrono::milliseconds pause,
+                       const Attempt& attempt) {
+        const auto begin = std::chrono::steady_clock::now();
+        while (!attempt()) {
+            const auto passed = std::chrono::steady_clock::now() - begin;
+            if (std::chrono::duration_cast<std::chrono::milliseconds>(passed) + pause > patience) {
+                return false;
+            }
+            std::this_thread::sleep_for(pause);
+        }
+        return true;
+    }
+
+    static std::vector<DeviceInfo> Search(std::string_view type) {
+        LUM_DEVICES_INFO_S found = {};
+        const bool answered = LUM_GetAiDeviceList(std::string(type).c_str(), &found) == 0;
+        return answered ? detail::DevicesOf(found) : std::vector<DeviceInfo>();
+    }
+
+    bool Open(const DeviceInfo& device, std::error_code& error) {
+        unsigned int handle = 0;
+        const bool connected = LUM_CreateAiDevice(mState->id, device.name.c_str(), &handle) == 0 &&
+                               LUM_RegisterAiDeviceEvent(mState->id, handle, detail::OnDeviceEvent) == 0 &&
+                               LUM_ConnectAiDevice(mState->id, handle) == 0;
+        if (connected) {
+            mState->SetDevice(handle, device.name);
+        }
+        return detail::Outcome(connected, Errc::CONNECT_FAILED, error);
+    }
+
+    // Gives the handle of the connection that has ended, or 0.
+    unsigned int SayGoodbye() {
+        const unsigned int handle = mState != nullptr ? mState->handle.exchange(0) : 0;
+        if (handle != 0) {
+            LUM_DestoryAiDevice(mState->id, handle);
+        }
+        return handle;
+    }
+
+    bool Order(const char* name, const char* parameter, std::error_code& error) {
+        return IsConnected(error) &&
+               detail::Outcome(LUM_SendCmd(mState->id, mState->handle, name, parameter) == 0, Errc::REFUSED,
+                               error);
+    }
+
+    std::shared_ptr<detail::ClientState> mState;
+};
+
+// ---- Device
+
+/// A device that clients find by its type. Neither copied nor moved: its handlers nearly always refer to it.
+///
+/// A process is one device: Start of a second one fails with Errc::DEVICE_EXISTS as long as the first is
+/// started. It serves the clients of one process at a time.
+class Device {
+public:
+    /// Nobody sees it before Start. A type has 1 to 39 characters.
+    explicit Device(std::string type) : mType(std::move(type)) {}
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    /// Leaves the network. Waits for handlers in progress.
+    ~Device() {
+        std::error_code ignored;
+        Stop(ignored);
+        detail::Directory::Instance().ForgetDevice(mState);
+    }
+
+    /// Adds a service to those that Start registers. Clients are told the length of its output, in bytes.
+    Device& Offer(std::string service, unsigned int outputBytes = LUM_MAX_SERVER_DATA_LENGTH,
+                  Transport transport = Transport::TCP) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mServices.push_back({std::move(service), outputBytes, transport});
+        return *this;
+    }
+
+    // ---- Handlers. What nobody handles is forgotten; what comes before Start has returned is handled, too.
+
+    /// For each command of a client, of which the library does not say which one it is.
+    void OnCommand(std::function<void(std::string_view name, std::string_view parameter)> handler) {
+        mState->onCommand.Set(std::move(handler));
+    }
+
+    /// For each client that subscribes to a service.
+    void OnSubscribe(std::function<void(const Subscription& subscription)> handler) {
+        mState->onSubscribe.Set(std::move(handler));
+    }
+
+    /// For each subscription that ends, because the client says so or has gone.
+    void OnUnsubscribe(std::function<void(const Subscription& subscription)> handler) {
+        mState->onUnsubscribe.Set(std::move(handler));
+    }
+
+    /// For each block that a client sends. May call Send.
+    void OnData(std::function<void(int client, Bytes data)> handler) {
+        mState->onData.Set(std::move(handler));
+    }
+
+    /// For what another handler of this device throws. What it throws itself ends the program.
+    void OnException(std::function<void(std::exception_ptr exception)> handler) {
+        mState->onException.Set(std::move(handler));
+    }
+
+    // ---- In the network
+
+    /// Joins the network and registers the services, at least one. Called again, it registers those that were
+    /// added since, and drops all subscriptions. Errors: BAD_NAME, BAD_SERVICES, DEVICE_EXISTS, NOT_JOINED.
+    void Start() {
+        detail::OrThrow("lumora::Device::Start", [&](std::error_code& error) { return Start(error); });
+    }
+    bool Start(std::error_code& error) {
+        LUM_DEVICE_INFO_S record = {};
+        if (!Describe(record, error)) {
+            return false;
+        }
+        detail::Directory& directory = detail::Directory::Instance();
+        const bool again = directory.IsDevice(mState);
+        if (!detail::Outcome(directory.BecomeDevice(mState), Errc::DEVICE_EXISTS, error)) {
+            return false;
+        }
+        const bool started = detail::Outcome(LUM_InitServer(mType.c_str()) == 0, Errc::NOT_JOINED, error) &&
+                             detail::Outcome(LUM_RegisterAiDevInfo(&record) == 0, Errc::BAD_SERVICES, error);
+        if (!started && !again) {
+            LUM_DeInitServer();
+            directory.ForgetDevice(mState);
+        }
+        return started;
+    }
+
+    /// Leaves the network: what is subscribed and connected ends. Waits for handlers in progress. Start may
+    /// follow. Errors: STOP_FAILED (called from a handler, for one).
+    void Stop() {
+        detail::OrThrow("lumora::Device::Stop", [&](std::error_code& error) { return Stop(error); });
+    }
+    bool Stop(std::error_code& error) {
+        detail::Directory& directory = detail::Directory::Instance();
+        const bool running = directory.IsDevice(mState);
+        if (!detail::Outcome(!running || LUM_DeInitServer() == 0, Errc::STOP_FAILED, error)) {
+            return false;
+        }
+        directory.ForgetDevice(mState);
+        return true;
+    }
+
+    /// Sends a block of 1 to 1,024,000 bytes to every client that subscribed to the service; nobody may have.
+    /// Returns when the system has taken all of it, and gives up when half a second passes without any
+    /// progress; that limit is fixed. Errors: NOT_JOINED, BAD_NAME, BAD_SIZE, SEND_FAILED (also where the
+    /// service is not offered), INCOMPLETE.
+    void Send(std::string_view service, Bytes block) {
+        detail::OrThrow("lumora::Device::Send",
+                        [&](std::error_code& error) { return Send(service, block, error); });
+    }
+    bool Send(std::string_view service, Bytes block, std::error_code& error) {
+        const bool fits = !block.empty() && block.size() <= LUM_MAX_SERVER_DATA_LENGTH;
+        const bool running = detail::Directory::Instance().IsDevice(mState);
+        if (!detail::Outcome(running, Errc::NOT_JOINED, error) ||
+            !detail::Outcome(detail::IsName(service), Errc::BAD_NAME, error) ||
+            !detail::Outcome(fits, Errc::BAD_SIZE, error)) {
+            return false;
+        }
+        unsigned int sent = 0;
+        const int result =
+            LUM_SendDataToClient(std::string(service).c_str(), block.data(),
+                                 static_cast<unsigned int>(block.size()), &sent, LUM_MAX_SERVER_TIMEOUT_MS);
+        return detail::Outcome(result == 0, Errc::SEND_FAILED, error) &&
+               detail::Outcome(sent == block.size(), Errc::INCOMPLETE, error);
+    }
+
+private:
+    bool Describe(LUM_DEVICE_INFO_S& record, std::error_code& error) const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const bool named = detail::IsName(mType) &&
+                           std::all_of(mServices.begin(), mServices.end(),
+                                       [](const Service& service) { return detail::IsName(service.name); });
+        const bool fits = !mServices.empty() && mServices.size() <= LUM_MAX_SERVICES;
+        if (!detail::Outcome(named, Errc::BAD_NAME, error) ||
+            !detail::Outcome(fits, Errc::BAD_SERVICES, error)) {
+            return false;
+        }
+        detail::SetField(record.devServiceType, mType);
+        for (const Service& service : mServices) {
+            LUM_SERVICE_INFO_S& entry = record.serviceInfo[record.serviceNum++];
+            entry.outputLenBytes = service.outputBytes;
+            detail::SetField(entry.serviceName, service.name);
+            entry.transport = static_cast<LUM_TRANSPORT_E>(service.transport);
+        }
+        record.OnCommand = detail::OnCommand;
+        record.OnEventNotify = detail::OnNotify;
+        record.OnData = detail::OnData;
+        return true;
+    }
+
+    const std::string mType;
+    mutable std::mutex mMutex;  // of the services
+    std::vector<Service> mServices;
+    const std::shared_ptr<detail::DeviceState> mState = std::make_shared<detail::DeviceState>();
+};
+
+}  // namespace lumora
+
+#endif
