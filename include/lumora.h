@@ -54,6 +54,7 @@
 extern "C" {
 #endif
 
+/* Marks what the library gives out. */
 #if defined(__GNUC__)
 #define LUM_EXPORT __attribute__((visibility("default")))
 #else
@@ -70,9 +71,9 @@ extern "C" {
 #define LUM_MAX_CMD_LENGTH 400         /* characters of a command, of its parameter, and of both together */
 #define LUM_MAX_CLIENT_DATA_LENGTH 5242880 /* bytes of one LUM_SendData */
 #define LUM_MAX_SERVER_DATA_LENGTH 1024000 /* bytes of one LUM_SendDataToClient */
-#define LUM_MAX_CLIENT_TIMEOUT_MS 2000
-#define LUM_MAX_SERVER_TIMEOUT_MS 3000
-#define LUM_MIN_VERSION_BUFFER_LENGTH 64
+#define LUM_MAX_CLIENT_TIMEOUT_MS 2000     /* time-out of LUM_SendData */
+#define LUM_MAX_SERVER_TIMEOUT_MS 3000     /* time-out of LUM_SendDataToClient */
+#define LUM_MIN_VERSION_BUFFER_LENGTH 64   /* bytes of a buffer for a version */
 
 /* The transport kind of a service's data channel. Today every kind is carried over TCP. */
 typedef enum LUM_TRANSPORT_E {
@@ -108,9 +109,9 @@ enum {
 
 /* One named service of a device. */
 typedef struct LUM_SERVICE_INFO_S {
-    unsigned int outputLenBytes; /* length of the output that the service produces */
-    char serviceName[LUM_NAME_SIZE];
-    LUM_TRANSPORT_E transport; /* 0 to 5 */
+    unsigned int outputLenBytes;     /* length of the output that the service produces */
+    char serviceName[LUM_NAME_SIZE]; /* its name */
+    LUM_TRANSPORT_E transport;       /* 0 to 5 */
 } LUM_SERVICE_INFO_S;
 
 /*
@@ -119,9 +120,9 @@ typedef struct LUM_SERVICE_INFO_S {
  * service name instead.
  */
 typedef struct LUM_SUBSCRIBE_SERVICE_S {
-    char serviceName[LUM_NAME_SIZE];
-    int dataSource; /* 0 or 1 */
-    int transport;  /* 0 to 5, a LUM_TRANSPORT_E */
+    char serviceName[LUM_NAME_SIZE]; /* the service */
+    int dataSource;                  /* 0 or 1 */
+    int transport;                   /* 0 to 5, a LUM_TRANSPORT_E */
 } LUM_SUBSCRIBE_SERVICE_S;
 
 /* A client's command other than "subscribe" and "unsubscribe"; param may be empty, never null. */
@@ -137,30 +138,33 @@ typedef int (*LUM_DATA_CALLBACK)(int clientID, const char* data, unsigned int le
 typedef struct LUM_DEVICE_INFO_S {
     unsigned int serviceNum;            /* valid entries of serviceInfo, 1 to 8 on the server side */
     char devServiceType[LUM_NAME_SIZE]; /* the device type */
-    LUM_SERVICE_INFO_S serviceInfo[LUM_MAX_SERVICES];
-    LUM_COMMAND_CALLBACK OnCommand;
-    LUM_NOTIFY_CALLBACK OnEventNotify;
-    LUM_DATA_CALLBACK OnData;
+    LUM_SERVICE_INFO_S serviceInfo[LUM_MAX_SERVICES]; /* the services */
+    LUM_COMMAND_CALLBACK OnCommand;                   /* commands */
+    LUM_NOTIFY_CALLBACK OnEventNotify;                /* subscriptions */
+    LUM_DATA_CALLBACK OnData;                         /* blocks */
 } LUM_DEVICE_INFO_S;
 
 /* The result of a search. */
 typedef struct LUM_DEVICES_INFO_S {
-    LUM_DEVICE_INFO_S devInfo[LUM_MAX_DEVICES];
-    unsigned int devNum; /* valid entries of devInfo */
+    LUM_DEVICE_INFO_S devInfo[LUM_MAX_DEVICES]; /* the devices */
+    unsigned int devNum;                        /* valid entries of devInfo */
 } LUM_DEVICES_INFO_S;
 
 /* What a device sent to one of its subscribers. */
 typedef struct LUM_DEVICE_EVENT_S {
-    int clientID;
+    int clientID;                    /* the subscriber */
     unsigned int handle;             /* the handle that the client is connected to */
     char serviceName[LUM_NAME_SIZE]; /* terminated */
     int eventType;                   /* LUM_DEVICE_EVENT_DATA */
     int result;                      /* 0 */
-    unsigned int dataLen;
-    char* data; /* valid only during the callback */
+    unsigned int dataLen;            /* bytes of data */
+    char* data;                      /* valid only during the callback */
 } LUM_DEVICE_EVENT_S;
 
+/* Something happened to the client's device. */
 typedef int (*LUM_EVENT_CALLBACK)(int clientID, LUM_EVENT_E event);
+
+/* The device sent something to the client. */
 typedef int (*LUM_DEVICE_EVENT_CALLBACK)(LUM_DEVICE_EVENT_S event);
 
 /* ---- Client side ---- */

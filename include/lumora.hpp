@@ -99,6 +99,7 @@ enum class Errc {
 /// The category of Errc, named "lumora".
 const std::error_category& ErrorCategory() noexcept;
 
+/// By which an Errc becomes a std::error_code.
 inline std::error_code make_error_code(Errc code) noexcept {
     return {static_cast<int>(code), ErrorCategory()};
 }
@@ -124,8 +125,11 @@ public:
 class Bytes {
 public:
     constexpr Bytes() = default;
+    /// So many bytes from there on.
     Bytes(const void* data, std::size_t size) : mData(static_cast<const char*>(data)), mSize(size) {}
+    /// A text, up to its NUL.
     Bytes(const char* text) : Bytes(std::string_view(text)) {}  // NOLINT(google-explicit-constructor)
+    /// What a container holds.
     template <typename Container,
               typename Element = std::remove_pointer_t<decltype(std::declval<const Container&>().data())>,
               typename = decltype(std::declval<const Container&>().size()),
@@ -134,12 +138,12 @@ public:
     Bytes(const Container& container)  // NOLINT(google-explicit-constructor): as std::span
         : Bytes(container.data(), container.size() * sizeof(Element)) {}
 
-    constexpr const char* data() const { return mData; }
-    constexpr std::size_t size() const { return mSize; }
-    constexpr bool empty() const { return mSize == 0; }
-    constexpr const char* begin() const { return mData; }
-    constexpr const char* end() const { return mData + mSize; }
-    constexpr std::string_view Text() const { return {mData, mSize}; }
+    constexpr const char* data() const { return mData; }                ///< the first byte
+    constexpr std::size_t size() const { return mSize; }                ///< how many
+    constexpr bool empty() const { return mSize == 0; }                 ///< whether there are none
+    constexpr const char* begin() const { return mData; }               ///< the first byte
+    constexpr const char* end() const { return mData + mSize; }         ///< behind the last one
+    constexpr std::string_view Text() const { return {mData, mSize}; }  ///< the bytes as a text
 
 private:
     const char* mData = nullptr;
@@ -151,16 +155,17 @@ enum class Transport : int { NONE = 0, UDP = 1, TCP = 2, RTP = 3 };
 
 /// A service of a device.
 struct Service {
-    std::string name;
-    unsigned int outputBytes = 0;  ///< the length of what it produces, as the device tells it
-    Transport transport = Transport::TCP;
+    std::string name;                      ///< 1 to 39 characters
+    unsigned int outputBytes = 0;          ///< the length of what it produces, as the device tells it
+    Transport transport = Transport::TCP;  ///< as the device tells it
 };
 
 /// A device that a search found.
 struct DeviceInfo {
     std::string name;  ///< its type; with a number behind it where others of this type answered first
-    std::vector<Service> services;
+    std::vector<Service> services;  ///< what clients may subscribe to
 
+    /// Whether it has a service of this name.
     bool Offers(std::string_view service) const {
         return std::any_of(services.begin(), services.end(),
                            [&](const Service& offered) { return offered.name == service; });
@@ -169,8 +174,8 @@ struct DeviceInfo {
 
 /// What a subscriber may wish for beside the service itself.
 struct SubscribeOptions {
-    int source = 0;  ///< 0 or 1, for the device's application
-    Transport transport = Transport::TCP;
+    int source = 0;                        ///< 0 or 1, for the device's application
+    Transport transport = Transport::TCP;  ///< for the device's application, too
 };
 
 /// A client's subscription, as a device is told of it. What is behind service is 0 where the subscription
@@ -178,8 +183,8 @@ struct SubscribeOptions {
 struct Subscription {
     int client;                ///< 1 to 20; clients of different processes may have the same number
     std::string_view service;  ///< valid until the handler returns
-    int source;
-    Transport transport;
+    int source;                ///< 0 or 1, as the client wished
+    Transport transport;       ///< as the client wished
 };
 
 // ---- Not for applications
@@ -490,7 +495,9 @@ public:
     }
     Client(std::string_view type, std::error_code& error) { Join(type, error); }
 
+    /// Takes everything along.
     Client(Client&& other) noexcept : mState(std::move(other.mState)) {}
+    /// Ends what it was before.
     Client& operator=(Client&& other) noexcept {
         Client(std::move(other)).mState.swap(mState);
         return *this;
@@ -615,6 +622,7 @@ public:
                         [&](std::error_code& error) { return Subscribe(service, options, error); });
     }
     bool Subscribe(std::string_view service, std::error_code& error) { return Subscribe(service, {}, error); }
+    /// The same, with wishes.
     bool Subscribe(std::string_view service, const SubscribeOptions& options, std::error_code& error) {
         LUM_SUBSCRIBE_SERVICE_S record = {};
         detail::SetField(record.serviceName, service);

@@ -12,6 +12,7 @@ import sys
 import urllib.parse
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+DOCUMENTS = ("*.md", "docs/*.md", "packaging/*.md", "python/*.md")
 LINK = re.compile(r"\]\(([^()\s]+)\)|<(?:a href|img[^>]* src)=\"([^\"]+)\"")
 
 
@@ -22,16 +23,15 @@ def prose(text):
     return text
 
 
-def anchors(path):
+def headings(path):
     """The anchors of a document's headings, as the usual viewers of Markdown make them."""
-    found, seen = set(), {}
+    seen = {}
     for heading in re.findall(r"^#{1,6} +(.*?) *#*$", prose(path.read_text()), re.M):
         plain = re.sub(r"\[([^]]*)\]\([^)]*\)", r"\1", heading).replace("`", "")
         anchor = re.sub(r"[^\w\- ]", "", plain.lower()).replace(" ", "-")
         number = seen.get(anchor, 0)
         seen[anchor] = number + 1
-        found.add(f"{anchor}-{number}" if number else anchor)
-    return found
+        yield f"{anchor}-{number}" if number else anchor
 
 
 def faults(document):
@@ -46,7 +46,7 @@ def faults(document):
             yield f"{target}: there is no such file"
         elif ROOT not in path.parents and path != ROOT:
             yield f"{target}: leads out of the project"
-        elif anchor and (path.suffix != ".md" or anchor not in anchors(path)):
+        elif anchor and (path.suffix != ".md" or anchor not in headings(path)):
             yield f"{target}: there is no such heading"
 
 
@@ -55,7 +55,7 @@ def main():
         print(__doc__)
         return 0
     documents = [pathlib.Path(name).resolve() for name in sys.argv[1:]] or [
-        path for pattern in ("*.md", "docs/*.md", "packaging/*.md", "python/*.md") for path in sorted(ROOT.glob(pattern))]
+        path for pattern in DOCUMENTS for path in sorted(ROOT.glob(pattern))]
     broken = 0
     for document in documents:
         for fault in faults(document):
