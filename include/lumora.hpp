@@ -528,7 +528,8 @@ public:
     }
 
     /// For the connected device's leaving the network. Of a connection that breaks while the device stays
-    /// nobody tells: from then on calls fail, until Connect begins anew.
+    /// nobody tells: from then on calls fail, until Connect begins anew. Where a Send gave the connection up,
+    /// that helps only after all clients of the process are gone.
     void OnDeviceLeft(std::function<void()> handler) {
         if (mState != nullptr) {
             mState->onDeviceLeft.Set(std::move(handler));
@@ -653,7 +654,7 @@ public:
 
     /// Sends a block of 1 to 5,242,880 bytes, which the device's OnData is given in one piece. Returns when
     /// the system has taken all of it, and gives up when half a second passes without any progress; that
-    /// limit is fixed. Errors: BAD_SIZE, SEND_FAILED, INCOMPLETE (the connection has to be made anew).
+    /// limit is fixed. Errors: BAD_SIZE, SEND_FAILED, INCOMPLETE (see OnDeviceLeft for what then helps).
     void Send(Bytes block) {
         detail::OrThrow("lumora::Client::Send", [&](std::error_code& error) { return Send(block, error); });
     }

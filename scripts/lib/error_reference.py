@@ -134,6 +134,15 @@ def faults_of_table(texts):
         yield f'{TABLE.name}: lacks "{text}" (level {wanted[folder, text]}) of {folder}'
 
 
+def faults_of_codes():
+    """The codes of the C++ header are those of the document."""
+    header = re.search(r"enum class Errc {(.*?)}", (ROOT / "include" / "lumora.hpp").read_text(), re.S).group(1)
+    wanted = re.findall(r"^ *([A-Z_]+)", header, re.M)
+    described = re.findall(r"^\| `([A-Z_]+)` ", TABLE.read_text(), re.M)
+    if wanted != described:
+        yield f"{TABLE.name}: the codes of lumora::Errc are {', '.join(wanted)}, not {', '.join(described)}"
+
+
 def shown(text):
     """A log text in a table of Markdown: without the line end, whole."""
     text = text.removesuffix("\\n").rstrip().replace('\\"', '"').replace("|", "\\|")
@@ -159,7 +168,7 @@ def document():
 
 
 def check():
-    faults = list(faults_of_table(texts_of_sources()))
+    faults = [*faults_of_table(texts_of_sources()), *faults_of_codes()]
     if not faults and (not DOCUMENT.exists() or DOCUMENT.read_text() != document()):
         faults.append("docs/errors.md is not what docs/errors.tsv makes; scripts/docs --write-errors makes it")
     print("\n".join(faults) if faults else "docs/errors.tsv has every text of the log, and no other")
