@@ -8,14 +8,15 @@ namespace lumoraAiModule {
 namespace {
 
 // One maximal frame and one maximal read.
-constexpr unsigned int REASSEMBLY_SIZE = MAX_SERVER_FRAME_HEAD_LENGTH + MAX_SERVER_FRAME_PAYLOAD + READ_SIZE;
+constexpr unsigned int CLIENT_REASSEMBLY_SIZE =
+    MAX_SERVER_FRAME_HEAD_LENGTH + MAX_SERVER_FRAME_PAYLOAD + READ_SIZE;
 
 }  // namespace
 
 std::atomic<bool> LumoraTCPTransClient::mLeftOverPending{false};
 
 LumoraTCPTransClient::LumoraTCPTransClient(LumoraTransCallback& callback, unsigned int handle)
-    : TcpTransport(REASSEMBLY_SIZE), mCallback(callback), mHandle(handle) {}
+    : TcpTransport(CLIENT_REASSEMBLY_SIZE), mCallback(callback), mHandle(handle) {}
 
 int LumoraTCPTransClient::CreateTransports(TransType type, const std::string& addr, int port,
                                            LUM_OBSERVER_S&) {

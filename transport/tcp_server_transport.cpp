@@ -10,13 +10,13 @@ namespace lumoraAiModule {
 namespace {
 
 // One maximal frame and one maximal read.
-constexpr unsigned int REASSEMBLY_SIZE = MAX_CLIENT_FRAME_PAYLOAD + READ_SIZE;
+constexpr unsigned int SERVER_REASSEMBLY_SIZE = MAX_CLIENT_FRAME_PAYLOAD + READ_SIZE;
 
 }  // namespace
 
 std::atomic<bool> LumoraTCPTransServer::mLeftOverPending{false};
 
-LumoraTCPTransServer::LumoraTCPTransServer() : TcpTransport(REASSEMBLY_SIZE) {}
+LumoraTCPTransServer::LumoraTCPTransServer() : TcpTransport(SERVER_REASSEMBLY_SIZE) {}
 
 int LumoraTCPTransServer::CreateTransports(TransType type, const std::string& addr, int port,
                                            LUM_OBSERVER_S& observer) {

@@ -18,7 +18,7 @@ constexpr int kReceiveBuffer = 1 << 20;
 // One burst must not keep the thread from everything else.
 constexpr int kReadsPerTurn = 64;
 
-sockaddr_in AddressOf(const Endpoint& endpoint) {
+sockaddr_in SocketAddressOf(const Endpoint& endpoint) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = endpoint.host;
@@ -33,7 +33,7 @@ bool SetOption(const UniqueFd& socket, int level, int name, const Value& value) 
 
 UniqueFd BoundSocket(const Endpoint& endpoint, bool shared) {
     UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const sockaddr_in address = AddressOf(endpoint);
+    const sockaddr_in address = SocketAddressOf(endpoint);
     const bool ready = fd && (!shared || SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1)) &&
                        bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     if (!ready) {
@@ -137,7 +137,7 @@ void GroupSockets::Send(const LocalInterface& via, const Endpoint& to, const Coa
         return;
     }
     const std::string bytes = SerializeMessage(message);
-    const sockaddr_in address = AddressOf(to);
+    const sockaddr_in address = SocketAddressOf(to);
     const ssize_t sent = sendto(member->second.socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL,
                                 reinterpret_cast<const sockaddr*>(&address), sizeof address);
     if (sent < 0) {

@@ -33,6 +33,10 @@ using lumora_test::ServiceInfo;
 constexpr unsigned int NO_HANDLE = 4711;  // a handle that nobody was given
 constexpr int NO_CLIENT = 17;             // an ID that nobody was given
 
+// What a device is asked for before it hears of the first client.
+inline const std::string SETUP_KEY = ".sys.mediaservice.setup";
+inline const std::string SETUP = " Get " + SETUP_KEY + R"( {"p":2,"ep":{"addr":"127.0.0.1","port":6666}})";
+
 // What lies behind the module's operations and cannot be reached through them.
 struct ClientModuleProbe {
     static std::vector<unsigned int> IdsInUse() { return LumoraClientModule::ClientInstances(); }

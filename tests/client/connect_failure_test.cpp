@@ -10,8 +10,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const std::string SETUP = R"( Get .sys.mediaservice.setup {"p":2,"ep":{"addr":"127.0.0.1","port":6666}})";
-const std::string SETUP_KEY = ".sys.mediaservice.setup";
 const char* const STOPPING_OLD = "client  Enter StopTransports.\n";
 
 class ConnectFailureTest : public ChannelTest {

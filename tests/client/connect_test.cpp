@@ -9,8 +9,6 @@ using lumora_test::Eventually;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const std::string SETUP = R"( Get .sys.mediaservice.setup {"p":2,"ep":{"addr":"127.0.0.1","port":6666}})";
-const std::string SETUP_KEY = ".sys.mediaservice.setup";
 const std::string SHARED = "This Handle has create transport.We will not create again\n";
 
 class ConnectTest : public ChannelTest {};

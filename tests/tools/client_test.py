@@ -328,7 +328,7 @@ class Ping(LumoraCase):
 
     def test_without_end_until_an_interrupt(self):
         self.device("echoing", "--echo")
-        pinging = self.start("ping", "echoing", "--count", "0", "--interval", "0")
+        pinging = self.start("ping", "echoing", "--count", "0", "--interval", "0.001")
         for _ in range(10):
             pinging.line()
         self.assertEqual(pinging.end(), 0)

@@ -170,7 +170,9 @@ void ClientSession::Send(std::string_view bytes) {
     unsigned sent = 0;
     const auto length = static_cast<unsigned>(bytes.size());
     const int result = LUM_SendData(mClient, mHandle, bytes.data(), length, &sent, LUM_MAX_CLIENT_TIMEOUT_MS);
-    ThrowWhenStopped();
+    if (result != 0 || sent != length) {
+        ThrowWhenStopped();  // whoever wants to end need not hear why this failed
+    }
     Require(result, EXIT_REFUSED, "the device does not take the data",
             "it may have left, or another client has taken its place; --log error tells more");
     if (sent != length) {

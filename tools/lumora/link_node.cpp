@@ -86,8 +86,8 @@ std::optional<std::string> RemoteDevice::Ask(const std::string& key, const std::
 
 // ---- LinkNode
 
-LinkNode::LinkNode() : mPlatform(GetLinkPlatform()) {
-    mResource = {RefuseGet, Refuse, Refuse, Refuse, NoDescriptor};
+LinkNode::LinkNode()
+    : mResource{RefuseGet, Refuse, Refuse, Refuse, NoDescriptor}, mPlatform(GetLinkPlatform()) {
     if (mPlatform == nullptr || mPlatform->Init(mPlatform.get()) != 0 ||
         mPlatform->RegisterResource(mPlatform.get(), &mResource, OnDeviceEvent) != 0 ||
         mPlatform->Run(mPlatform.get()) != 0) {
