@@ -34,6 +34,13 @@ configure() {
     esac
 }
 
+# configure_logged PRESET|FOLDER [OPTION...]: what it prints goes to a file, which is named when it fails.
+configure_logged() {
+    local log=$root/build/${1##*/}-configure.log
+    mkdir -p "$root/build"
+    configure "$@" >"$log" || die "see $log"
+}
+
 # our_files NAME_PATTERN...: the project's own files, built or fetched ones left out.
 our_files() {
     local names=() pattern
