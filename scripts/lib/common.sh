@@ -3,7 +3,8 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
-say() { printf '\n== %s\n' "$*"; }
+# A heading, with the time since the script began.
+say() { printf '\n== %s (%d:%02d)\n' "$*" $((SECONDS / 60)) $((SECONDS % 60)); }
 
 die() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
