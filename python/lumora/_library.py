@@ -1,0 +1,90 @@
+"""The C library: loaded at its first use, its functions declared, values brought into their C form."""
+
+from __future__ import annotations
+
+import ctypes
+import functools
+import math
+import os
+from typing import Any, Tuple
+
+from ._errors import LibraryNotFound
+from ._records import FUNCTIONS, LUM_NAME_SIZE
+
+LOG_ERROR = 4
+
+_INT = ctypes.c_int
+_TEXT = ctypes.c_char_p
+
+
+@functools.lru_cache(maxsize=None)
+def library() -> ctypes.CDLL:
+    name = os.environ.get("LUMORA_LIBRARY") or "liblumora_cpp.so"
+    try:
+        loaded = ctypes.CDLL(name)
+        for function, arguments in FUNCTIONS.items():
+            entry = getattr(loaded, function)
+            entry.argtypes = arguments
+            entry.restype = ctypes.c_int
+        # Of the log library, which the loaded one brings along.
+        loaded.LogInfo.argtypes = (_INT, _TEXT, _TEXT, _INT, _TEXT)
+        loaded.LogInfo.restype = None
+    except (OSError, AttributeError) as reason:
+        raise LibraryNotFound(
+            f"{name} cannot be used: {reason}; install it, or let LUMORA_LIBRARY name its file"
+        ) from None
+    return loaded
+
+
+def log_error(function: str, line: int, text: str) -> None:
+    """Writes to where the library writes."""
+    # The text is an argument: as a format it might hold directives.
+    library().LogInfo(
+        LOG_ERROR, b"LUMRA", function.encode(), line, b"%s\n", ctypes.c_char_p(text.encode(errors="replace"))
+    )
+
+
+def log_callback_failure(failure: Exception) -> None:
+    """Where the callback failed: there is nobody to whom it could be raised."""
+    trace = failure.__traceback__
+    while trace is not None and trace.tb_next is not None:
+        trace = trace.tb_next
+    where = trace.tb_frame.f_code.co_name if trace is not None else "callback"
+    line = trace.tb_lineno if trace is not None else 0
+    log_error(where, line, f"a callback failed: {type(failure).__name__}: {failure}")
+
+
+def text_argument(what: str, text: str, longest: int) -> bytes:
+    encoded = text.encode()
+    if len(encoded) > longest or b"\0" in encoded:
+        raise ValueError(f"{what} has up to {longest} bytes, none of them 0; not {text!r}")
+    return encoded
+
+
+def name_argument(what: str, name: str) -> bytes:
+    if not name:
+        raise ValueError(f"{what} is empty")
+    return text_argument(what, name, LUM_NAME_SIZE - 1)
+
+
+def milliseconds(timeout: float, most: int) -> int:
+    if not 0 <= timeout <= most / 1000:
+        raise ValueError(f"the time-out is 0 to {most / 1000} seconds, not {timeout}")
+    return math.ceil(timeout * 1000)
+
+
+def block_argument(data: Any, most: int) -> Tuple[Any, int]:
+    """What ctypes takes as a pointer, and the length in bytes. Copies only what it has to."""
+    view = memoryview(data)
+    if not 1 <= view.nbytes <= most:
+        raise ValueError(f"a block has 1 to {most} bytes, not {view.nbytes}")
+    if isinstance(data, bytes):
+        return data, view.nbytes
+    if view.readonly or not view.c_contiguous:
+        return view.tobytes(), view.nbytes
+    return (ctypes.c_char * view.nbytes).from_buffer(view), view.nbytes
+
+
+def text_of(field: bytes) -> str:
+    """Names and commands of others: whatever comes can be printed."""
+    return field.decode(errors="replace")
