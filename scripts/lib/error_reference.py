@@ -14,7 +14,8 @@ import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-FOLDERS = ("api", "base", "client", "server", "transport", "link", "version", "platform/link", "platform/log")
+FOLDERS = ("api", "base", "client", "server", "transport", "link", "version", "platform/link", "platform/log",
+           "python/lumora")
 TABLE = ROOT / "docs" / "errors.tsv"
 DOCUMENT = ROOT / "docs" / "errors.md"
 
@@ -67,8 +68,17 @@ def level_of(argument):
     return numbers[0] if numbers else None
 
 
+def logged_by_python(path):
+    """The same for Python's one function; what it fills in is shown as C would."""
+    for text in re.findall(r'\blog_error\([^\n]*, f?"((?:[^"\\]|\\.)*)"\)', path.read_text()):
+        yield 4, re.sub(r"{[^{}]*}", "%s", text)
+
+
 def logged_by(path):
     """(level, text) of each call in a file."""
+    if path.suffix == ".py":
+        yield from logged_by_python(path)
+        return
     text = without_comments(path.read_text())
     for call in re.finditer(r"\b(" + "|".join(CALLS) + r")\(", text):
         level, place = CALLS[call.group(1)]
@@ -88,7 +98,7 @@ def texts_of_sources():
     texts = {}
     for folder in FOLDERS:
         for path in sorted((ROOT / folder).glob("*")):
-            if path.suffix in (".cpp", ".h", ".c"):
+            if path.suffix in (".cpp", ".h", ".c", ".py"):
                 for level, text in logged_by(path):
                     texts.setdefault(text, {}).setdefault(folder, set()).add(level)
     return texts
