@@ -19,14 +19,22 @@ static int OnClientEvent(int id, LUM_EVENT_E event) {
                   event == LUM_EVENT_DEVICE_REMOVED ? "device removed" : "unknown event");
 }
 
-static int Connect(int id) {
-    const LUM_SUBSCRIBE_SERVICE_S echo = {"echo", 0, LUM_TRANSPORT_TCP};
+static int Find(void) {
     LUM_DEVICES_INFO_S found;
-    return LUM_GetAiDeviceList("echo-device", &found) || found.devNum == 0 ||
-           LUM_CreateAiDevice(id, found.devInfo[0].devServiceType, &handle) ||
-           LUM_RegisterAiDeviceEvent(id, handle, OnEcho) || LUM_ConnectAiDevice(id, handle) ||
-           LUM_SendCmd(id, handle, "subscribe", (const char*)&echo);
+    return LUM_GetAiDeviceList("echo-device", &found) || found.devNum == 0;
 }
+
+static int OpenChannel(int id) {
+    return LUM_CreateAiDevice(id, "echo-device", &handle) || LUM_RegisterAiDeviceEvent(id, handle, OnEcho) ||
+           LUM_ConnectAiDevice(id, handle);
+}
+
+static int Subscribe(int id) {
+    const LUM_SUBSCRIBE_SERVICE_S echo = {"echo", 0, LUM_TRANSPORT_TCP};
+    return LUM_SendCmd(id, handle, "subscribe", (const char*)&echo);
+}
+
+static int Connect(int id) { return Find() || OpenChannel(id) || Subscribe(id); }
 
 static int Send(int id, const char* text) {
     unsigned int sent = 0;
@@ -42,6 +50,15 @@ static int Version(int id) {
 static int Do(int id, const char* line) {
     if (strcmp(line, "connect") == 0) {
         return Connect(id);
+    }
+    if (strcmp(line, "find") == 0) {
+        return Find();
+    }
+    if (strcmp(line, "open") == 0) {
+        return OpenChannel(id);
+    }
+    if (strcmp(line, "subscribe") == 0) {
+        return Subscribe(id);
     }
     if (strcmp(line, "version") == 0) {
         return Version(id);

@@ -1,0 +1,196 @@
+// What the machine does to processes of either side: they are killed in the middle of a call, and run out of
+// descriptors, memory and threads. The examples, as processes over our link platform.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "process.h"
+#include "tests/support/eventually.h"
+
+namespace lumora_test {
+namespace {
+
+using testing::AnyOf;
+
+constexpr int KILLED = 128 + SIGKILL;
+
+const std::string READY = "ready";
+
+// Runs the shell's command first, in the same process.
+std::vector<std::string> After(const std::string& command, const std::string& program,
+                               const std::string& arguments = "") {
+    return {"/bin/sh", "-c", command + "; exec " + program + " " + arguments};
+}
+
+bool EchoComes(const std::string& text) {
+    Process client({CLIENT_PROGRAM, text});
+    return client.WaitForEnd() == 0 && client.Output() == "echo: " + text + "\n";
+}
+
+bool EndsCleanly(Process& device) {
+    device.Signal(SIGTERM);
+    return device.WaitForEnd() == 0;
+}
+
+// ---- Killed at each step ----
+
+// What a client does until data flows, and then.
+const std::vector<std::string> STEPS = {"find", "open", "subscribe", "text"};
+
+class KilledAtTest : public testing::TestWithParam<std::size_t> {
+protected:
+    static std::string Step() { return STEPS[GetParam()]; }
+
+    // A client that has gone all the way to the step, which follows.
+    static void GoUpToStep(Process& client) {
+        for (std::size_t i = 0; i < GetParam(); ++i) {
+            client.WriteLine(STEPS[i]);
+            ASSERT_EQ(STEPS[i] + " done", client.WaitForLine(STEPS[i]));
+        }
+    }
+    // The device is stopped meanwhile, so the call does not come to its end.
+    static void BeginStep(Process& client, Process& device) {
+        device.Signal(SIGSTOP);
+        client.WriteLine(Step());
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+};
+
+TEST_P(KilledAtTest, ClientLeavesItsDeviceToTheNext) {
+    Process device({DEVICE_PROGRAM});
+    device.WaitForLine(READY);
+    for (int round = 1; round <= 2; ++round) {
+        {
+            Process client({LASTING_CLIENT_PROGRAM});
+            ASSERT_NO_FATAL_FAILURE(GoUpToStep(client));
+            BeginStep(client, device);
+            client.Signal(SIGKILL);
+            EXPECT_EQ(KILLED, client.WaitForEnd());
+        }
+        device.Signal(SIGCONT);
+        // The next one may meet what the device still does for the one before.
+        EXPECT_TRUE(EchoComes("next") || EchoComes("the one after"));
+    }
+    EXPECT_TRUE(EndsCleanly(device));
+}
+
+TEST_P(KilledAtTest, DeviceLeavesItsClientToTheNext) {
+    Process client({LASTING_CLIENT_PROGRAM});
+    for (int round = 1; round <= 2; ++round) {
+        {
+            Process device({DEVICE_PROGRAM});
+            device.WaitForLine(READY);
+            ASSERT_NO_FATAL_FAILURE(GoUpToStep(client));
+            BeginStep(client, device);
+            device.Signal(SIGKILL);
+            EXPECT_EQ(KILLED, device.WaitForEnd());
+        }
+        // The call comes to an end, whichever.
+        client.WaitForLine(Step() + " ");
+        client.WaitForLog("Remote Device Notify : remove device");
+    }
+    Process device({DEVICE_PROGRAM});
+    device.WaitForLine(READY);
+    client.WriteLine("connect");
+    EXPECT_EQ("connect done", client.WaitForLine("connect"));
+    client.WriteLine("hello");
+    EXPECT_EQ("echo: hello", client.WaitForLine("echo: "));
+    client.CloseInput();
+    EXPECT_EQ(0, client.WaitForEnd());
+    EXPECT_TRUE(EndsCleanly(device));
+}
+
+INSTANTIATE_TEST_SUITE_P(Step, KilledAtTest, testing::Range<std::size_t>(0, 4),
+                         [](const auto& step) { return STEPS[step.param]; });
+
+TEST(KilledTest, DeviceServesOneClientAfterTheOther) {
+    const char* const rounds = std::getenv("LUMORA_FAULT_ROUNDS");
+    Process device({DEVICE_PROGRAM});
+    device.WaitForLine(READY);
+    for (int round = rounds != nullptr ? std::atoi(rounds) : 10; round > 0; --round) {
+        Process client({LASTING_CLIENT_PROGRAM});
+        client.WriteLine("connect");
+        // Anywhere in the call, or soon after it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(37 * round % 400));
+        client.Signal(SIGKILL);
+        EXPECT_EQ(KILLED, client.WaitForEnd());
+    }
+    EXPECT_TRUE(EchoComes("next") || EchoComes("the one after"));
+    EXPECT_TRUE(EndsCleanly(device));
+}
+
+// ---- Exhausted ----
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;  // these need memory, descriptors and an allocator of their own
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+// A process under a limit of the shell: it may fail, but it ends in order.
+class ExhaustedTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (SANITIZED) {
+            GTEST_SKIP() << "sanitizers fail themselves";
+        }
+    }
+
+    void ExpectClientEnds(const std::string& limit) {
+        Process device({DEVICE_PROGRAM});
+        device.WaitForLine(READY);
+        Process client(After(limit, CLIENT_PROGRAM, "hello"));
+        EXPECT_THAT(client.WaitForEnd(), ENDS_IN_ORDER) << limit;
+        EXPECT_TRUE(EchoComes("the next"));
+        EXPECT_TRUE(EndsCleanly(device));
+    }
+    void ExpectDeviceEnds(const std::string& limit) {
+        Process device(After(limit, "timeout --preserve-status 1", DEVICE_PROGRAM));
+        Process({CLIENT_PROGRAM}).WaitForEnd();
+        EXPECT_THAT(device.WaitForEnd(), ENDS_IN_ORDER) << limit;
+    }
+    void ExpectBothEnd(const std::string& limit) {
+        ExpectClientEnds(limit);
+        ExpectDeviceEnds(limit);
+    }
+
+    // 127: not even loaded.
+    const testing::Matcher<int> ENDS_IN_ORDER = AnyOf(0, 1, 127);
+};
+
+TEST_F(ExhaustedTest, Descriptors) {
+    for (const int most : {5, 9, 13, 17}) {
+        ExpectBothEnd("ulimit -n " + std::to_string(most));
+    }
+}
+
+TEST_F(ExhaustedTest, Memory) {
+    for (const int kilobytes : {16000, 36000, 40000, 45000}) {
+        ExpectBothEnd("ulimit -v " + std::to_string(kilobytes));
+    }
+}
+
+// Each gets a stack as large as the limit: none, one, two ... are to be had.
+TEST_F(ExhaustedTest, Threads) {
+    constexpr int STACK = 1000000;
+    for (const int stacks : {0, 1, 2, 3, 4}) {
+        ExpectBothEnd("ulimit -s " + std::to_string(STACK) + "; ulimit -v " +
+                      std::to_string(STACK * stacks + STACK / 2));
+    }
+}
+
+TEST(ClosedTest, StandardStreamsAreNotMissed) {
+    const std::string closed = "exec <&- >&- 2>&-";
+    Process device(After(closed, DEVICE_PROGRAM));
+    EXPECT_TRUE(Eventually([] { return EchoComes("from a device without them"); }));
+    Process client(After(closed, CLIENT_PROGRAM, "hello"));
+    EXPECT_EQ(0, client.WaitForEnd());
+    EXPECT_TRUE(EndsCleanly(device));
+}
+
+}  // namespace
+}  // namespace lumora_test
