@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "close_on_exec.h"
+#include "contain.h"
 #include "log.h"
 #include "messages.h"
 
@@ -107,16 +108,6 @@ bool IsPath(coap_resource_t* resource, std::string_view path) {
     return path == std::string_view(reinterpret_cast<const char*>(own->s), own->length);
 }
 
-// libcoap's frames must not be unwound by an exception; a message lost to one is like any lost one.
-template <typename Work>
-void Contain(const Work& work) {
-    try {
-        work();
-    } catch (...) {
-        LINK_LOG_LIMITED(kLogError, "a message is dropped for want of memory\n");
-    }
-}
-
 }  // namespace
 
 CoapPort::CoapPort(Listener listener) : listener_(std::move(listener)) {}
@@ -150,7 +141,9 @@ bool CoapPort::Open(std::optional<Psk> psk) {
     coap_register_response_handler(context_.get(), OnResponse);
     coap_register_nack_handler(context_.get(), OnNack);
     for (const char* path : {kResourcePath, kHelloPath, kGoodbyePath, kWellKnownPath}) {
-        AddResource(path);
+        if (!AddResource(path)) {
+            return false;
+        }
     }
     return Descriptor() >= 0 && (!psk_ || ServeSecurely());
 }
@@ -172,18 +165,24 @@ const coap_bin_const_t* CoapPort::KeyOf(coap_bin_const_t* identity, coap_session
     return name == own->psk_->identity ? &own->key_ : nullptr;
 }
 
-void CoapPort::AddResource(const char* path) {
-    // The library keeps the pointer; these are constants.
-    coap_str_const_t name = {std::strlen(path), reinterpret_cast<const std::uint8_t*>(path)};
-    coap_resource_t* resource = coap_resource_init(&name, 0);
+bool CoapPort::AddResource(const char* path) {
+    // libcoap makes a copy of the path otherwise, and goes on without one when memory is short.
+    coap_str_const_t* name =
+        coap_new_str_const(reinterpret_cast<const std::uint8_t*>(path), std::strlen(path));
+    if (name == nullptr) {
+        return false;
+    }
+    coap_resource_t* resource = coap_resource_init(name, COAP_RESOURCE_FLAGS_RELEASE_URI);
     if (resource == nullptr) {
-        return;
+        coap_delete_str_const(name);
+        return false;
     }
     for (const coap_request_t method :
          {COAP_REQUEST_GET, COAP_REQUEST_PUT, COAP_REQUEST_POST, COAP_REQUEST_DELETE}) {
         coap_register_handler(resource, method, OnRequestOf);
     }
     coap_add_resource(context_.get(), resource);
+    return true;
 }
 
 int CoapPort::Descriptor() const { return coap_context_get_coap_fd(context_.get()); }

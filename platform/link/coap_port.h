@@ -91,7 +91,7 @@ private:
     void OnRefused(ConversationId conversation) override { refused_.push_back(conversation); }
 
     static ChannelId ChannelOf(const coap_session_t* session);
-    void AddResource(const char* path);
+    bool AddResource(const char* path);
     coap_session_t* NewSession(const Endpoint& to);
     bool OpenChannel(ChannelId channel, const Endpoint& to);
     // False where the port was refused.

@@ -8,7 +8,7 @@
 #include <array>
 #include <ctime>
 
-#include "log.h"
+#include "contain.h"
 
 namespace lumora_link {
 
@@ -78,7 +78,7 @@ void EventLoop::RunOnce() {
         const auto watched = watched_.find(events[static_cast<std::size_t>(at)].data.fd);
         if (watched != watched_.end()) {
             const Task task = watched->second;
-            RunContained(task);
+            Contain(task);
         }
     }
 }
@@ -89,9 +89,20 @@ bool EventLoop::Post(Task task) {
         return false;
     }
     posted_.push_back(std::move(task));
+    SignalWake();
+    return true;
+}
+
+void EventLoop::Wake() {
+    MutexLock lock(mutex_);
+    if (!shut_) {
+        SignalWake();
+    }
+}
+
+void EventLoop::SignalWake() {
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t bytes = write(wake_.Get(), &one, sizeof one);
-    return true;
 }
 
 void EventLoop::Shut() {
@@ -111,16 +122,7 @@ void EventLoop::RunPosted() {
         tasks.swap(posted_);
     }
     for (const Task& task : tasks) {
-        RunContained(task);
-    }
-}
-
-// What one task lacks must not cost the others their turn.
-void EventLoop::RunContained(const Task& task) {
-    try {
-        task();
-    } catch (...) {
-        LINK_LOG_LIMITED(kLogError, "a message is dropped for want of memory\n");
+        Contain(task);
     }
 }
 

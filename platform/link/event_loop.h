@@ -27,12 +27,14 @@ public:
 
     // From any thread. False once Shut was called; the task is then dropped.
     bool Post(Task task);
+    // Ends the wait in progress, or the next one; needs no memory.
+    void Wake();
     // Closes the descriptors too; the loop must not be running any more.
     void Shut();
 
 private:
     void RunPosted();
-    static void RunContained(const Task& task);
+    void SignalWake() LINK_REQUIRES(mutex_);
 
     UniqueFd epoll_;
     UniqueFd wake_;

@@ -91,8 +91,11 @@ std::optional<Datagram> Receive(int fd) {
 GroupSockets::GroupSockets(EventLoop& loop, Listener listener)
     : loop_(loop), listener_(std::move(listener)) {}
 
+// Needs no memory.
 GroupSockets::~GroupSockets() {
-    Use({});
+    while (!members_.empty()) {
+        Leave(members_.begin()->first);
+    }
     if (group_) {
         loop_.Unwatch(group_.Get());
     }

@@ -1,5 +1,6 @@
 #include "node.h"
 
+#include "contain.h"
 #include "handler_call.h"
 #include "log.h"
 
@@ -24,7 +25,7 @@ Node::~Node() { Stop(); }
 
 void Node::Stop() {
     accepting_ = false;
-    io_.Post([](NodeCore& core, TimePoint) { core.RefuseRequests(); });
+    Contain([this] { io_.Post([](NodeCore& core, TimePoint) { core.RefuseRequests(); }); });
     handlers_.Stop();
     events_.Stop();
     io_.Stop();

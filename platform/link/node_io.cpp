@@ -8,6 +8,7 @@
 #include <array>
 #include <future>
 
+#include "contain.h"
 #include "interface_list.h"
 #include "log.h"
 #include "worker.h"
@@ -62,10 +63,12 @@ void NodeIo::Stop() {
     if (!thread_.joinable()) {
         return;
     }
-    Post([this](NodeCore& core, TimePoint now) {
-        core.Close(now);
-        running_ = false;
-    });
+    try {
+        Post([this](NodeCore&, TimePoint) { running_ = false; });
+    } catch (...) {
+        running_ = false;  // without what was posted before: memory is short
+        loop_.Wake();
+    }
     thread_.join();
     loop_.Shut();
 }
@@ -144,12 +147,9 @@ bool NodeIo::Open() {
 
 void NodeIo::Run() {
     while (running_) {
-        try {
-            Turn();
-        } catch (...) {
-            LINK_LOG_LIMITED(kLogError, "a message is dropped for want of memory\n");
-        }
+        Contain([this] { Turn(); });
     }
+    Contain([this] { core_.Close(Clock::now()); });
 }
 
 void NodeIo::Turn() {

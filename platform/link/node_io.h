@@ -1,6 +1,7 @@
 // A node's I/O thread: the sockets, libcoap and the protocol, all of them touched here only.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -71,7 +72,7 @@ private:
     UniqueFd routes_;
     std::unique_ptr<GroupSockets> group_;
     std::unique_ptr<CoapPort> coap_;
-    bool running_ = true;
+    std::atomic<bool> running_{true};
     std::thread thread_;
 };
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -181,6 +182,26 @@ TEST_F(ExhaustedTest, Threads) {
         ExpectBothEnd("ulimit -s " + std::to_string(STACK) + "; ulimit -v " +
                       std::to_string(STACK * stacks + STACK / 2));
     }
+}
+
+// Whichever allocation of a life without connections fails. 255: libcoap ends the process itself where a
+// table of its own finds no memory.
+TEST_F(ExhaustedTest, OneAllocation) {
+    setenv("LD_PRELOAD", FAILING_MALLOC, 1);
+    long all = 1;
+    for (long failing = 1; failing <= all; ++failing) {
+        setenv("FAIL_ALLOCATION", std::to_string(failing).c_str(), 1);
+        Process client({LASTING_CLIENT_PROGRAM});
+        client.CloseInput();
+        EXPECT_THAT(client.WaitForEnd(), AnyOf(0, 1, 255)) << failing;
+        const std::size_t count = client.Errors().rfind("allocations: ");
+        if (count != std::string::npos) {
+            all = std::max(all, std::atol(client.Errors().c_str() + count + 13));
+        }
+    }
+    unsetenv("LD_PRELOAD");
+    unsetenv("FAIL_ALLOCATION");
+    EXPECT_LT(50, all);
 }
 
 TEST(ClosedTest, StandardStreamsAreNotMissed) {
