@@ -70,7 +70,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME lumora-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${tools_needs}${same_runtime}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "This package has the command-line program lumora, which finds devices, talks
-to them, plays one and looks for what is wrong with a network.")
+to them, plays one and looks for what is wrong with a network, and
+lumora-platform-check, which tells in what a vendor's platform libraries
+deviate.")
 
 # Each package says whose it is and what changed.
 find_program(GZIP_PROGRAM gzip REQUIRED)

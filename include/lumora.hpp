@@ -499,7 +499,8 @@ public:
     Client(Client&& other) noexcept : mState(std::move(other.mState)) {}
     /// Ends what it was before.
     Client& operator=(Client&& other) noexcept {
-        Client(std::move(other)).mState.swap(mState);
+        Client moved(std::move(other));
+        mState.swap(moved.mState);
         return *this;
     }
     Client(const Client&) = delete;

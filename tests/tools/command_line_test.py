@@ -98,13 +98,22 @@ class WrongWords(LumoraCase):
 
 class Pages(LumoraCase):
     def test_those_with_the_sources_are_what_the_program_says(self):
-        pages = {"docs/cli.md": ["markdown"], "tools/pages/lumora.bash": ["bash"], "tools/pages/_lumora": ["zsh"]}
-        pages["tools/pages/lumora.1"] = ["man"]
+        pages = {"tools/pages/lumora.bash": ["bash"], "tools/pages/_lumora": ["zsh"], "tools/pages/lumora.1": ["man"]}
         pages.update({f"tools/pages/lumora-{command}.1": ["man", command] for command in COMMANDS})
         for name, words in pages.items():
             with self.subTest(name):
                 written = (SOURCES / name).read_text(encoding="utf-8")
                 self.assertEqual(written, lumora("--print", *words).stdout, "the target lumora_pages writes it anew")
+
+    def test_those_of_the_other_program_and_those_of_both(self):
+        def platform_check(page):
+            words = [os.environ["LUMORA_PLATFORM_CHECK"], "--print", page]
+            return subprocess.run(words, capture_output=True, text=True, check=True).stdout
+
+        both = lumora("--print", "markdown").stdout + platform_check("markdown")
+        self.assertEqual((SOURCES / "docs/cli.md").read_text(encoding="utf-8"), both)
+        page = SOURCES / "tools/pages/lumora-platform-check.1"
+        self.assertEqual(page.read_text(encoding="utf-8"), platform_check("man"))
 
     @unittest.skipUnless(shutil.which("man"), "needs man")
     def test_manual_pages_have_no_faults(self):

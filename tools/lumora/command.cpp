@@ -62,11 +62,6 @@ std::string TakeSize(std::string text, unsigned& variable, unsigned least, unsig
 
 }  // namespace
 
-std::vector<Command> AllCommands() {
-    return {FindCommand(), InfoCommand(), VersionCommand(), CmdCommand(),   SubscribeCommand(),
-            SendCommand(), PingCommand(), ServeCommand(),   DoctorCommand()};
-}
-
 Command& Command::Describe(std::string paragraph) {
     paragraphs.push_back(std::move(paragraph));
     return *this;

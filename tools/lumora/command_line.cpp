@@ -10,9 +10,9 @@ namespace lumora_cli {
 namespace {
 
 // What a command is called where somebody is told to read more.
-std::string HelpOf(const CLI::App& app) {
+std::string HelpOf(const CLI::App& app, const Command& globals) {
     const std::vector<CLI::App*> chosen = app.get_subcommands();
-    return chosen.empty() ? "lumora --help" : "lumora " + chosen.front()->get_name() + " --help";
+    return globals.name + (chosen.empty() ? "" : ' ' + chosen.front()->get_name()) + " --help";
 }
 
 bool TakeAll(const Option& option, const CLI::results_t& values) {
@@ -57,8 +57,7 @@ Choice ParseCommandLine(int count, const char* const* words, Command& globals,
                         std::vector<Command>& commands) {
     CLI::App app;
     AddOptions(app, globals);
-    bool version = false;
-    app.add_flag("--version", version);
+    app.set_version_flag("--version", "");
     app.require_subcommand(0, 1);
     Choice choice;
     for (const Command& command : commands) {
@@ -71,11 +70,10 @@ Choice ParseCommandLine(int count, const char* const* words, Command& globals,
         app.parse(count, words);
     } catch (const CLI::CallForHelp&) {
         choice.page = Page::HELP;
-    } catch (const CLI::ParseError& error) {
-        throw Failure(EXIT_USAGE, error.what(), "see " + HelpOf(app));
-    }
-    if (version && choice.page == Page::NONE) {
+    } catch (const CLI::CallForVersion&) {
         choice.page = Page::VERSION;
+    } catch (const CLI::ParseError& error) {
+        throw Failure(EXIT_USAGE, error.what(), "see " + HelpOf(app, globals));
     }
     return choice;
 }

@@ -27,6 +27,29 @@ struct Globals {
 
 Globals g_globals;
 
+Terms ExitCodes() {
+    return {
+        {"0",
+         "it was done; also when an endless command (find --watch, subscribe, serve) was ended by a signal"},
+        {"1", "something failed that no other number stands for; of doctor: something is wrong"},
+        {"2", "the command line means nothing, or asks for what cannot be"},
+        {"3", "no such device was found, or none with that service"},
+        {"4", "the device or the network refused, or the device has left"},
+        {"5", "what was waited for did not come in time"},
+        {"6", "a file or standard output could not be read or written"},
+        {"128+N", "signal N ended it early: 130 is Ctrl-C, 141 that the reader of its output has left"},
+    };
+}
+
+Terms Variables() {
+    return {
+        {"LUMORA_LINK_INTERFACE", "the network interfaces; --interface sets it"},
+        {"LUMORA_LOG_LEVEL",
+         "what the libraries log; --log sets it, and nothing is logged where neither does"},
+        {"NO_COLOR", "not empty: no colours on a terminal either"},
+    };
+}
+
 const std::vector<std::string> LOG_LEVELS = {"trace", "detail", "state", "warning", "error", "off"};
 
 // The libraries read the environment when they start; no thread runs yet.
@@ -73,7 +96,7 @@ int PrintPage(const Manual& manual, int count, const char* const* words) {
 }
 
 int Run(int count, const char* const* words) {
-    Manual manual = {GlobalOptions(), AllCommands()};
+    Manual manual = {GlobalOptions(), AllCommands(), ExitCodes(), Variables(), {"lumora-platform-check"}};
     if (count > 1 && std::strcmp(words[1], "--print") == 0) {
         return PrintPage(manual, count, words);
     }
@@ -95,6 +118,11 @@ int Run(int count, const char* const* words) {
 }
 
 }  // namespace
+
+std::vector<Command> AllCommands() {
+    return {FindCommand(), InfoCommand(), VersionCommand(), CmdCommand(),   SubscribeCommand(),
+            SendCommand(), PingCommand(), ServeCommand(),   DoctorCommand()};
+}
 
 int RunToTheEnd(int count, const char* const* words) {
     try {

@@ -17,6 +17,7 @@ namespace lumora_cli {
 namespace {
 
 bool g_json = false;
+const char* g_program = "lumora";
 
 // 0, or the error.
 int WriteAll(int fd, std::string_view bytes) {
@@ -58,13 +59,16 @@ void Print(std::string_view text) {
     }
 }
 
-void Remark(const std::string& line) { WriteAll(STDERR_FILENO, "lumora: " + line + '\n'); }
+void UseName(const char* program) { g_program = program; }
+
+void Remark(const std::string& line) { WriteAll(STDERR_FILENO, g_program + (": " + line) + '\n'); }
 
 void PrintFailure(const std::string& what, int code) {
     if (g_json) {
         WriteAll(STDERR_FILENO, JsonObject().Add("error", what).Add("exit", code).Text() + '\n');
     } else {
-        WriteAll(STDERR_FILENO, Coloured("lumora:", Colour::RED, STDERR_FILENO) + ' ' + OneLine(what) + '\n');
+        WriteAll(STDERR_FILENO, Coloured(std::string(g_program) + ':', Colour::RED, STDERR_FILENO) + ' ' +
+                                    OneLine(what) + '\n');
     }
 }
 

@@ -13,6 +13,9 @@ void HoldStandardDescriptors();
 void Print(std::string_view text);
 inline void PrintLine(const std::string& line) { Print(line + '\n'); }
 
+// Whose remarks and last words they are; otherwise "lumora".
+void UseName(const char* program);
+
 // A remark beside the results; lost when nobody can read it.
 void Remark(const std::string& line);
 

@@ -10,23 +10,6 @@ namespace lumora_cli {
 
 namespace {
 
-const std::pair<const char*, const char*> EXIT_CODES[] = {
-    {"0", "it was done; also when an endless command (find --watch, subscribe, serve) was ended by a signal"},
-    {"1", "something failed that no other number stands for; of doctor: something is wrong"},
-    {"2", "the command line means nothing, or asks for what cannot be"},
-    {"3", "no such device was found, or none with that service"},
-    {"4", "the device or the network refused, or the device has left"},
-    {"5", "what was waited for did not come in time"},
-    {"6", "a file or standard output could not be read or written"},
-    {"128+N", "signal N ended it early: 130 is Ctrl-C, 141 that the reader of its output has left"},
-};
-
-const std::pair<const char*, const char*> VARIABLES[] = {
-    {"LUMORA_LINK_INTERFACE", "the network interfaces; --interface sets it"},
-    {"LUMORA_LOG_LEVEL", "what the libraries log; --log sets it, and nothing is logged where neither does"},
-    {"NO_COLOR", "not empty: no colours on a terminal either"},
-};
-
 std::string Upper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::toupper(letter)); });
@@ -39,12 +22,18 @@ std::string Sentence(std::string summary) {
     return summary + '.';
 }
 
-std::string UsageOf(const Command* command) {
-    if (command == nullptr) {
-        return "lumora [OPTION...] COMMAND [...]";
+// "lumora", "lumora find": as it is called, and joined by '-' as its page is.
+std::string NameOf(const Manual& manual, const Command* command, char between) {
+    const std::string& program = manual.globals.name;
+    return command == nullptr ? program : program + between + command->name;
+}
+
+std::string UsageOf(const Manual& manual, const Command* command) {
+    std::string usage = NameOf(manual, command, ' ') + " [OPTION...]";
+    if (command == nullptr && !manual.commands.empty()) {
+        return usage + " COMMAND [...]";
     }
-    std::string usage = "lumora " + command->name + " [OPTION...]";
-    for (const Option& option : command->options) {
+    for (const Option& option : (command == nullptr ? manual.globals : *command).options) {
         if (option.IsArgument()) {
             const std::string word = option.name + (option.repeated ? "..." : "");
             usage += option.required ? ' ' + word : " [" + word + ']';
@@ -56,8 +45,6 @@ std::string UsageOf(const Command* command) {
 std::string TermOf(const Option& option) {
     return option.IsArgument() || option.IsFlag() ? option.name : option.name + ' ' + option.value;
 }
-
-using Terms = std::vector<std::pair<std::string, std::string>>;
 
 Terms TermsOf(const Command& command, bool arguments) {
     Terms terms;
@@ -77,9 +64,16 @@ Terms TermsOf(const std::vector<Command>& commands) {
     return terms;
 }
 
-template <std::size_t COUNT>
-Terms TermsOf(const std::pair<const char*, const char*> (&table)[COUNT]) {
-    return Terms(std::begin(table), std::end(table));
+// What a page says of its options: titles and terms, of which there may be none.
+std::vector<std::pair<std::string, Terms>> OptionSections(const Manual& manual, const Command* command) {
+    if (manual.commands.empty()) {
+        return {{"Arguments", TermsOf(manual.globals, true)}, {"Options", TermsOf(manual.globals, false)}};
+    }
+    const std::pair<std::string, Terms> everywhere = {"Options everywhere", TermsOf(manual.globals, false)};
+    if (command == nullptr) {
+        return {{"Commands", TermsOf(manual.commands)}, everywhere};
+    }
+    return {{"Arguments", TermsOf(*command, true)}, {"Options", TermsOf(*command, false)}, everywhere};
 }
 
 // ---- For --help
@@ -130,7 +124,7 @@ std::string Roff(const std::string& text) {
 }
 
 std::string RoffSection(const std::string& title, const Terms& terms) {
-    std::string section = terms.empty() ? "" : ".SH " + title + '\n';
+    std::string section = terms.empty() ? "" : ".SH " + Upper(title) + '\n';
     for (const auto& [term, text] : terms) {
         section += ".TP\n\\fB" + Roff(term) + "\\fR\n" + Roff(text) + '\n';
     }
@@ -148,15 +142,20 @@ std::string RoffExamples(const Command& command) {
 std::string SeeAlso(const Manual& manual, const Command* command) {
     std::string section = ".SH SEE ALSO\n";
     if (command != nullptr) {
-        return section + ".BR lumora (1)\n";
+        return section + ".BR " + Roff(manual.globals.name) + " (1)\n";
     }
     for (const Command& other : manual.commands) {
-        section += ".BR " + Roff("lumora-" + other.name) + " (1)\n";
+        section += ".BR " + Roff(NameOf(manual, &other, '-')) + " (1)\n";
+    }
+    for (const std::string& page : manual.related) {
+        section += ".BR " + Roff(page) + " (1)\n";
     }
     return section;
 }
 
 // ---- For docs/
+
+constexpr std::size_t PAGE_WIDTH = 110;
 
 std::string MarkdownText(const std::string& text) {
     std::string escaped;
@@ -177,17 +176,18 @@ std::string MarkdownTable(const std::string& head, const Terms& terms) {
     return table + '\n';
 }
 
-std::string MarkdownSection(const Command& command) {
-    constexpr std::size_t WIDTH = 110;
-    std::string section = "## lumora " + command.name + "\n\n    " + UsageOf(&command) + "\n\n" +
-                          Wrapped(Sentence(command.summary), 0, WIDTH) + "\n\n";
-    for (const std::string& paragraph : command.paragraphs) {
-        section += Wrapped(paragraph, 0, WIDTH) + "\n\n";
+// Heading, summary and paragraphs, arguments, options and examples.
+std::string MarkdownSection(const Manual& manual, const Command* command) {
+    const Command& described = command == nullptr ? manual.globals : *command;
+    std::string section = "## " + NameOf(manual, command, ' ') + "\n\n    " + UsageOf(manual, command) +
+                          "\n\n" + Wrapped(Sentence(described.summary), 0, PAGE_WIDTH) + "\n\n";
+    for (const std::string& paragraph : described.paragraphs) {
+        section += Wrapped(paragraph, 0, PAGE_WIDTH) + "\n\n";
     }
-    section += MarkdownTable("argument", TermsOf(command, true));
-    section += MarkdownTable("option", TermsOf(command, false));
-    for (const Example& example : command.examples) {
-        section += "    " + example.line + "\n\n" + Wrapped(example.text, 0, WIDTH) + "\n\n";
+    section += MarkdownTable("argument", TermsOf(described, true));
+    section += MarkdownTable("option", TermsOf(described, false));
+    for (const Example& example : described.examples) {
+        section += "    " + example.line + "\n\n" + Wrapped(example.text, 0, PAGE_WIDTH) + "\n\n";
     }
     return section;
 }
@@ -199,62 +199,62 @@ std::string HelpPage(const Manual& manual, const Command* command, std::size_t w
     width = std::min(width, READABLE);
     const Command& described = command == nullptr ? manual.globals : *command;
     std::string page =
-        "Usage: " + UsageOf(command) + "\n\n" + Wrapped(Sentence(described.summary), 0, width) + '\n';
+        "Usage: " + UsageOf(manual, command) + "\n\n" + Wrapped(Sentence(described.summary), 0, width) + '\n';
     for (const std::string& paragraph : described.paragraphs) {
         page += '\n' + Wrapped(paragraph, 0, width) + '\n';
     }
-    if (command == nullptr) {
-        page += Section("Commands", TermsOf(manual.commands), width);
-    } else {
-        page += Section("Arguments", TermsOf(*command, true), width);
-        page += Section("Options", TermsOf(*command, false), width);
+    for (const auto& [title, terms] : OptionSections(manual, command)) {
+        page += Section(title, terms, width);
     }
-    page += Section("Everywhere", TermsOf(manual.globals, false), width);
     page += ExamplesOf(described);
-    return page + Section("Exit codes", TermsOf(EXIT_CODES), width);
+    return page + Section("Exit codes", manual.exitCodes, width);
 }
 
 std::string ManPage(const Manual& manual, const Command* command) {
     const Command& described = command == nullptr ? manual.globals : *command;
-    const std::string name = command == nullptr ? "lumora" : "lumora-" + command->name;
+    const std::string name = NameOf(manual, command, '-');
     std::string page =
         ".TH " + Upper(Roff(name)) + " 1 \"\" \"Lumora " LUMORA_VERSION "\" \"User Commands\"\n";
     page += ".SH NAME\n" + Roff(name) + " \\- " + Roff(described.summary) + '\n';
-    page += ".SH SYNOPSIS\n\\fB" + Roff(UsageOf(command)) + "\\fR\n.SH DESCRIPTION\n";
+    page += ".SH SYNOPSIS\n\\fB" + Roff(UsageOf(manual, command)) + "\\fR\n.SH DESCRIPTION\n";
     page += Roff(Sentence(described.summary)) + '\n';
     for (const std::string& paragraph : described.paragraphs) {
         page += ".PP\n" + Roff(paragraph) + '\n';
     }
-    if (command == nullptr) {
-        page += RoffSection("COMMANDS", TermsOf(manual.commands));
-    } else {
-        page += RoffSection("ARGUMENTS", TermsOf(*command, true));
-        page += RoffSection("OPTIONS", TermsOf(*command, false));
+    for (const auto& [title, terms] : OptionSections(manual, command)) {
+        page += RoffSection(title, terms);
     }
-    page += RoffSection("OPTIONS EVERYWHERE", TermsOf(manual.globals, false));
     page += RoffExamples(described);
-    page += RoffSection("EXIT STATUS", TermsOf(EXIT_CODES));
-    return page + RoffSection("ENVIRONMENT", TermsOf(VARIABLES)) + SeeAlso(manual, command);
+    page += RoffSection("EXIT STATUS", manual.exitCodes);
+    return page + RoffSection("ENVIRONMENT", manual.variables) + SeeAlso(manual, command);
 }
 
 std::string MarkdownPage(const Manual& manual) {
-    constexpr std::size_t WIDTH = 110;
     std::string page =
         "# The command line\n\n"
         "<!-- Made by the target lumora_pages, from what --help says; a test compares them. -->\n\n" +
-        Wrapped(Sentence(manual.globals.summary), 0, WIDTH) + "\n\n    " + UsageOf(nullptr) + "\n\n";
+        Wrapped(Sentence(manual.globals.summary), 0, PAGE_WIDTH) + "\n\n    " + UsageOf(manual, nullptr) +
+        "\n\n";
     for (const std::string& paragraph : manual.globals.paragraphs) {
-        page += Wrapped(paragraph, 0, WIDTH) + "\n\n";
+        page += Wrapped(paragraph, 0, PAGE_WIDTH) + "\n\n";
     }
     page += MarkdownTable("command", TermsOf(manual.commands));
     page += MarkdownTable("option, before or behind the command", TermsOf(manual.globals, false));
-    page += MarkdownTable("exit code", TermsOf(EXIT_CODES));
-    page += MarkdownTable("variable", TermsOf(VARIABLES));
+    page += MarkdownTable("exit code", manual.exitCodes);
+    page += MarkdownTable("variable", manual.variables);
     for (const Command& command : manual.commands) {
-        page += MarkdownSection(command);
+        page += MarkdownSection(manual, &command);
     }
     page.pop_back();  // one line end is enough
     return page;
+}
+
+std::string MarkdownSection(const Manual& manual) {
+    std::string section = '\n' + MarkdownSection(manual, nullptr);
+    section += MarkdownTable("exit code", manual.exitCodes);
+    section += MarkdownTable("variable", manual.variables);
+    section.pop_back();
+    return section;
 }
 
 }  // namespace lumora_cli

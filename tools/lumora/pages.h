@@ -2,15 +2,22 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "command.h"
 
 namespace lumora_cli {
 
+// Words and what they mean, in the order of the page.
+using Terms = std::vector<std::pair<std::string, std::string>>;
+
 struct Manual {
-    Command globals;
-    std::vector<Command> commands;
+    Command globals;                // of a program without commands, all that there is
+    std::vector<Command> commands;  // may be none
+    Terms exitCodes;
+    Terms variables;
+    std::vector<std::string> related;  // other pages
 };
 
 // --help; of the whole program where command is null.
@@ -19,8 +26,9 @@ std::string HelpPage(const Manual& manual, const Command* command, std::size_t w
 // Pages for man(1): lumora.1, and one lumora-COMMAND.1 for each command.
 std::string ManPage(const Manual& manual, const Command* command);
 
-// docs/cli.md
+// docs/cli.md: its page, and a section for a program without commands.
 std::string MarkdownPage(const Manual& manual);
+std::string MarkdownSection(const Manual& manual);
 
 std::string BashCompletion(const Manual& manual);
 std::string ZshCompletion(const Manual& manual);

@@ -1,0 +1,51 @@
+// What is found, and how it comes from the process that looks to the one that writes: the library that is
+// looked at may end its process.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "lumora/unique_fd.h"
+
+namespace platform_check {
+
+// One line of the result.
+struct Finding {
+    enum class Result { HOLDS, DEVIATES, NOTE };
+
+    Result result = Result::HOLDS;
+    std::string area = {};
+    std::string rule = {};
+    std::string expected = {};  // these two only where it deviates
+    std::string seen = {};
+};
+
+// The side of the process that looks.
+class Report {
+public:
+    explicit Report(int fd) : mFd(fd) {}
+
+    // What the next findings are about, in one word.
+    void Begin(const std::string& area) { mArea = area; }
+
+    // Looks: what was seen instead, or nothing where the rule holds. Returns whether it does. While it looks,
+    // it is known what it looks for.
+    bool Check(const std::string& rule, const std::string& expected,
+               const std::function<std::string()>& look);
+
+    // Beside the rules.
+    void Note(const std::string& text);
+
+private:
+    void Write(char kind, const std::string& rule, const std::string& expected, const std::string& seen);
+
+    int mFd;
+    std::string mArea;
+};
+
+// Runs look in a process of its own, and hands over what it finds as it comes. That the process ends early,
+// or says nothing for so many seconds, is a finding, too.
+void RunApart(unsigned limitSeconds, const std::function<void(Report&)>& look,
+              const std::function<void(const Finding&)>& take);
+
+}  // namespace platform_check
