@@ -81,10 +81,11 @@ def document(path):
 
 
 def quoted_code(code):
-    """Quotation marks would end code between single backticks, and a backslash keep it from ending."""
-    if code.group(1).endswith("\\") or code.group(1).count('"') % 2:
-        return "<code>" + html.escape(code.group(1)).replace("\\", "\\\\") + "</code>"
-    return f"``{code.group(1)}``" if "'" in code.group(1) else code.group()
+    """What Doxygen would read in code between backticks, it is told not to."""
+    if not re.search(r"""[%\\"']""", code.group(1)):
+        return code.group()
+    escaped = html.escape(code.group(1)).replace("&#x27;", "'")
+    return "<code>" + re.sub(r"([%\\])", r"\\\1", escaped) + "</code>"
 
 
 def moved_link(path, image, text, target):
