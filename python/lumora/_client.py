@@ -295,6 +295,10 @@ class Client:
         self._lost = None
         self._subscriptions = ()
         result = library().LUM_ConnectAiDevice(self._id, handle)
+        # Also where this has failed, the channel to another device was closed for it.
+        for other in list(_clients.values()):
+            if other._handle not in (0, handle.value):
+                other._lose(ConnectionLost("a client of this process has turned to another device"))
         if result != 0:
             raise ConnectFailed(
                 "TCP port 6667 is taken on this host: another client is connected"
@@ -304,9 +308,6 @@ class Client:
                 result,
             )
         self._handle = handle.value
-        for other in list(_clients.values()):
-            if other._handle not in (0, self._handle):
-                other._lose(ConnectionLost("a client of this process has connected to another device"))
 
     def _send_command(self, command: bytes, parameter: bytes, refused: Type[Error], what: str) -> None:
         result = library().LUM_SendCmd(self._id, self._handle, command, parameter)

@@ -274,7 +274,10 @@ class WithDevice(PythonCase):
 
 class Ends(PythonCase):
     def setUp(self):
-        patch = unittest.mock.patch("lumora._client._CHECK_INTERVAL", 0.1)
+        self.set_check_interval(0.1)
+
+    def set_check_interval(self, seconds):
+        patch = unittest.mock.patch("lumora._client._CHECK_INTERVAL", seconds)
         patch.start()
         self.addCleanup(patch.stop)
 
@@ -323,6 +326,21 @@ class Ends(PythonCase):
         echoes = client.subscribe("echo")
         client.command("leave")
         self.assertRaises(lumora.ConnectionLost, asyncio.run, take())
+
+    def test_another_client_turns_to_another_device(self):
+        self.set_check_interval(LIMIT)
+        self.device()
+        camera = self.peer("import lumora\nwith lumora.Device('camera', ['picture']) as device:\n"
+                           "    print('ready', flush=True)\n    list(device)")
+        self.assertEqual(camera.line(), "ready")
+        echoes = self.client().subscribe("echo")
+        with lumora.Client() as another:
+            try:
+                another.connect("camera", timeout=LIMIT)
+            except lumora.ConnectFailed:
+                pass  # on one host the first device may not have given up its port yet
+            with self.assertRaisesRegex(lumora.ConnectionLost, "turned to another"):
+                echoes.get(LIMIT)
 
     def test_port_of_clients_that_is_taken(self):
         self.device()
