@@ -10,7 +10,7 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_COMPONENTS_ALL runtime platform dev)
+set(CPACK_COMPONENTS_ALL runtime platform dev python)
 if(LUMORA_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL examples)
 endif()
@@ -56,15 +56,16 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME liblumora-cpp-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${same_runtime}, ${any_platform}")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "This package has what programs that use Lumora are built with: the headers
-for C and for C++, and the files by which CMake and pkg-config find the library.")
+for C and for C++, and the files by which CMake and pkg-config find it.")
 
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME lumora-examples)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "${examples_needs}${same_runtime}")
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS tesseract-ocr-eng)
 set(CPACK_COMPONENT_EXAMPLES_DESCRIPTION "This package has, in /usr/libexec/lumora, a device that echoes what it is
-sent and a client of it, in C and in C++; a device that reads the text in pictures, a client
-that sends it one, and a program that renders a page to a picture.")
+sent and a client of it, in C and in C++; a device that reads the text in
+pictures, a client that sends it one, and a program that renders a page to a
+picture.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME lumora-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
@@ -73,6 +74,29 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION "This package has the command-line program
 to them, plays one and looks for what is wrong with a network, and
 lumora-platform-check, which tells in what a vendor's platform libraries
 deviate.")
+
+# The same on every machine, and where Debian's Python looks; elsewhere pip installs it.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-lumora)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any (>= 3.9), ${same_runtime}")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS python3-numpy)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/debian/python3-lumora/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/python3-lumora/prerm)
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "This package has a client and a device as classes of Python 3: blocks to
+iterate over, in coroutines as well, type hints, errors as exceptions.")
+file(WRITE ${PROJECT_BINARY_DIR}/lumora.egg-info
+    "Metadata-Version: 2.1\nName: lumora\nVersion: ${PROJECT_VERSION}\nSummary: ${PROJECT_DESCRIPTION}\n"
+    "License: Apache-2.0\nRequires-Python: >=3.9\n")
+set(python_folder lib/python3/dist-packages)
+install(DIRECTORY python/lumora DESTINATION ${python_folder} COMPONENT python
+    FILES_MATCHING PATTERN "*.py" PATTERN py.typed PATTERN __pycache__ EXCLUDE)
+install(FILES ${PROJECT_BINARY_DIR}/lumora.egg-info DESTINATION ${python_folder}
+    RENAME lumora-${PROJECT_VERSION}.egg-info COMPONENT python)
+install(FILES examples/python/device.py examples/python/client.py
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-lumora/examples COMPONENT python)
 
 # Each package says whose it is and what changed.
 find_program(GZIP_PROGRAM gzip REQUIRED)
