@@ -2,6 +2,7 @@
 // descriptors, memory and threads. The examples, as processes over our link platform.
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -85,6 +86,7 @@ TEST_P(KilledAtTest, DeviceLeavesItsClientToTheNext) {
         {
             Process device({DEVICE_PROGRAM});
             device.WaitForLine(READY);
+            client.WaitForLog("Remote Device Notify : add device");
             ASSERT_NO_FATAL_FAILURE(GoUpToStep(client));
             BeginStep(client, device);
             device.Signal(SIGKILL);
@@ -202,6 +204,43 @@ TEST_F(ExhaustedTest, OneAllocation) {
     unsetenv("LD_PRELOAD");
     unsetenv("FAIL_ALLOCATION");
     EXPECT_LT(50, all);
+}
+
+TEST_F(ExhaustedTest, DiskUnderTheLog) {
+    if (Process({"/usr/bin/unshare", "-m", "/bin/true"}).WaitForEnd() != 0) {
+        GTEST_SKIP() << "mounts of its own are not permitted here";
+    }
+    char folder[] = "/tmp/lumora-full-disk-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(folder));
+    const std::string path = folder;
+    // A disk of its own, which nobody else sees, and which ends with the device.
+    Process device({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
+                    "mount -t tmpfs -o size=64k none " + path + "; cat /dev/zero >" + path +
+                        "/other 2>/dev/null; LUMORA_LOG_LEVEL=0 LUMORA_LOG_FILE=" + path + "/log exec " +
+                        DEVICE_PROGRAM});
+    const bool works = Eventually([] { return EchoComes("over a full disk"); });
+    const bool ends = EndsCleanly(device);
+    rmdir(folder);
+    EXPECT_TRUE(works);
+    EXPECT_TRUE(ends);
+    EXPECT_THAT(device.Errors(), testing::HasSubstr("No space left on device"));
+}
+
+TEST_F(ExhaustedTest, SystemClockThatIsSetForthAndBack) {
+    setenv("LD_PRELOAD", JUMPING_CLOCK, 1);
+    Process device({DEVICE_PROGRAM});
+    Process client({LASTING_CLIENT_PROGRAM});
+    unsetenv("LD_PRELOAD");
+    device.WaitForLine(READY);
+    for (int round = 1; round <= 2; ++round) {
+        client.WriteLine("connect");
+        EXPECT_EQ("connect done", client.WaitForLine("connect"));
+        client.WriteLine("at any time");
+        EXPECT_EQ("echo: at any time", client.WaitForLine("echo: "));
+    }
+    client.CloseInput();
+    EXPECT_EQ(0, client.WaitForEnd());
+    EXPECT_TRUE(EndsCleanly(device));
 }
 
 TEST(ClosedTest, StandardStreamsAreNotMissed) {
