@@ -42,6 +42,15 @@ configure_logged() {
     configure "$@" >"$log" || die "see $log"
 }
 
+# Sanitizers want their part of the address space for themselves; where it may be, it is not randomized.
+run_ctest() {
+    local without_randomization=()
+    if setarch --addr-no-randomize true 2>/dev/null; then
+        without_randomization=(setarch --addr-no-randomize)
+    fi
+    (cd "$root" && "${without_randomization[@]}" ctest "$@")
+}
+
 # our_files NAME_PATTERN...: the project's own files, built or fetched ones left out.
 our_files() {
     local names=() pattern
