@@ -321,8 +321,12 @@ private:
 };
 
 struct ClientState : Boundary {
-    int id = 0;
+    explicit ClientState(std::string_view clientType) : type(clientType) {}
+
+    const std::string type;
+    std::atomic<int> id{0};               // 0: not in the network
     std::atomic<unsigned int> handle{0};  // 0: not connected
+    std::atomic<bool> broken{false};      // a block could not be sent
     Handler<std::string_view, Bytes> onData;
     Handler<> onDeviceLeft;
 
@@ -511,13 +515,14 @@ public:
     ~Client() {
         if (mState != nullptr) {
             SayGoodbye();
-            detail::Directory::Instance().SetClient(mState->id, nullptr);
-            LUM_DeInitClient(mState->id);
+            if (!Leave()) {
+                detail::Directory::Instance().SetClient(mState->id, nullptr);
+            }
         }
     }
 
     /// By this number, 1 to 20, a device tells the clients of a process apart. 0: not in the network.
-    int Id() const { return mState != nullptr ? mState->id : 0; }
+    int Id() const { return mState != nullptr ? mState->id.load() : 0; }
 
     // ---- Handlers. What nobody handles is forgotten.
 
@@ -529,8 +534,7 @@ public:
     }
 
     /// For the connected device's leaving the network. Of a connection that breaks while the device stays
-    /// nobody tells: from then on calls fail, until Connect begins anew. Where a Send gave the connection up,
-    /// that helps only after all clients of the process are gone.
+    /// nobody tells: from then on calls fail, until Connect begins anew.
     void OnDeviceLeft(std::function<void()> handler) {
         if (mState != nullptr) {
             mState->onDeviceLeft.Set(std::move(handler));
@@ -569,12 +573,19 @@ public:
     /// Connects to the first device of a type that answers, and goes on trying until patience has passed. A
     /// connection to another device ends; one to this device stays as it is. Subscriptions belong to a
     /// connection: a new one begins without. Errors: BAD_NAME, NOT_JOINED, NO_DEVICE, CONNECT_FAILED.
+    ///
+    /// Once a block could not be sent, this leaves the network and joins it again first, maybe under another
+    /// number: a channel that this side has closed cannot be opened again before the last client of the
+    /// process has ended. Where there are other clients, they have to end for that, too.
     void Connect(std::string_view type, std::chrono::milliseconds patience = PATIENCE) {
         detail::OrThrow("lumora::Client::Connect",
                         [&](std::error_code& error) { return Connect(type, patience, error); });
     }
     bool Connect(std::string_view type, std::chrono::milliseconds patience, std::error_code& error) {
         if (!MayUse(type, error)) {
+            return false;
+        }
+        if (mState->broken && !JoinAgain(error)) {
             return false;
         }
         if (mState->Device() != type) {
@@ -611,7 +622,7 @@ public:
         // The device ends a channel that has no clients left, and with it ends what is connected before this
         // side has noticed.
         Repeat(std::chrono::seconds(1), std::chrono::milliseconds(1), [&] {
-            return detail::Directory::Instance().AnyoneUses(handle) ||
+            return mState->broken || detail::Directory::Instance().AnyoneUses(handle) ||
                    LUM_RegisterAiDeviceEvent(mState->id, handle, detail::OnDeviceEvent) != 0;
         });
     }
@@ -655,7 +666,7 @@ public:
 
     /// Sends a block of 1 to 5,242,880 bytes, which the device's OnData is given in one piece. Returns when
     /// the system has taken all of it, and gives up when half a second passes without any progress; that
-    /// limit is fixed. Errors: BAD_SIZE, SEND_FAILED, INCOMPLETE (see OnDeviceLeft for what then helps).
+    /// limit is fixed. Errors: BAD_SIZE, SEND_FAILED, INCOMPLETE (then Connect begins anew).
     void Send(Bytes block) {
         detail::OrThrow("lumora::Client::Send", [&](std::error_code& error) { return Send(block, error); });
     }
@@ -668,6 +679,7 @@ public:
         const int result =
             LUM_SendData(mState->id, mState->handle, block.data(), static_cast<unsigned int>(block.size()),
                          &sent, LUM_MAX_CLIENT_TIMEOUT_MS);
+        mState->broken = result != 0 || sent != block.size();
         return detail::Outcome(result == 0, Errc::SEND_FAILED, error) &&
                detail::Outcome(sent == block.size(), Errc::INCOMPLETE, error);
     }
@@ -707,22 +719,50 @@ private:
         if (!detail::Outcome(detail::IsName(type), Errc::BAD_NAME, error)) {
             return false;
         }
-        auto state = std::make_shared<detail::ClientState>();
-        state->id = -1;
-        if (LUM_InitClient(&state->id, std::string(type).c_str()) != 0) {
-            if (state->id > 0) {
-                LUM_DeInitClient(state->id);  // or the number would stay taken
+        mState = std::make_shared<detail::ClientState>(type);
+        return Join(error);
+    }
+
+    bool Join(std::error_code& error) {
+        int id = -1;
+        if (LUM_InitClient(&id, mState->type.c_str()) != 0 ||
+            LUM_RegisterEvent(id, detail::OnClientEvent) != 0) {
+            if (id > 0) {
+                LUM_DeInitClient(id);  // or the number would stay taken
             }
-            return detail::Outcome(false, state->id == 0 ? Errc::TOO_MANY_CLIENTS : Errc::NOT_JOINED, error);
+            return detail::Outcome(false, id == 0 ? Errc::TOO_MANY_CLIENTS : Errc::NOT_JOINED, error);
         }
-        detail::Directory::Instance().SetClient(state->id, state);
-        mState = std::move(state);
-        const int result = LUM_RegisterEvent(mState->id, detail::OnClientEvent);
-        return detail::Outcome(result == 0, Errc::NOT_JOINED, error);
+        mState->id = id;
+        detail::Directory::Instance().SetClient(id, mState);
+        return detail::Outcome(true, Errc::NOT_JOINED, error);
+    }
+
+    // Fails, and changes nothing, where it is called from a handler.
+    bool Leave() {
+        const int id = mState->id;
+        if (id == 0) {
+            return true;
+        }
+        detail::Directory::Instance().SetClient(id, nullptr);
+        if (LUM_DeInitClient(id) != 0) {
+            detail::Directory::Instance().SetClient(id, mState);
+            return false;
+        }
+        mState->id = 0;
+        return true;
+    }
+
+    bool JoinAgain(std::error_code& error) {
+        SayGoodbye();
+        if (!detail::Outcome(Leave(), Errc::CONNECT_FAILED, error)) {
+            return false;
+        }
+        mState->broken = false;
+        return Join(error);
     }
 
     bool IsJoined(std::error_code& error) const {
-        return detail::Outcome(mState != nullptr, Errc::NOT_JOINED, error);
+        return detail::Outcome(mState != nullptr && mState->id != 0, Errc::NOT_JOINED, error);
     }
 
     bool MayUse(std::string_view name, std::error_code& error) const {

@@ -313,6 +313,25 @@ TEST_F(CppClientTest, BlockThatTheDeviceStopsReadingIsIncomplete) {
     EXPECT_EQ(Errc::SEND_FAILED, error);
 }
 
+TEST_F(CppClientTest, ConnectBeginsAnewOnceABlockCouldNotBeSent) {
+    Client client("viewer");
+    KeepData(client);
+    Connect(client);
+    mDevice.SetReceiveBuffer(1);
+    const std::string block(LUM_MAX_CLIENT_DATA_LENGTH, 'd');
+    std::error_code error;
+    while (client.Send(block, error)) {
+    }
+    mDevice.Close();
+    mDeviceListener.reset();
+    Connect(client);
+    EXPECT_EQ(1, client.Id());
+    client.Send("data");
+    EXPECT_EQ(ClientFrame(1, "data"), mDevice.Receive(10));
+    SendFromDevice(1, "answer");
+    EXPECT_TRUE(HaveArrived({"face: answer"}));
+}
+
 TEST_F(CppClientTest, ThereAreUpToTwentyClients) {
     std::vector<Client> clients;
     for (int id = 1; id <= LUM_MAX_CLIENTS; ++id) {
