@@ -128,7 +128,8 @@ class Installation(unittest.TestCase):
     def run_in(self, folder, *words):
         without_ours = {name: value for name, value in os.environ.items() if name != "PYTHONPATH"}
         return subprocess.run(
-            words, cwd=folder, env=without_ours, capture_output=True, text=True, timeout=LIMIT, check=False
+            words, cwd=folder, env=without_ours,
+            capture_output=True, text=True, check=False, timeout=5 * LIMIT,
         )
 
     def python(self):
