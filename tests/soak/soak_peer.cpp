@@ -381,6 +381,8 @@ int Run(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    // The first thread of a process brings one of the thread sanitizer's own.
+    std::thread([] {}).join();
     signal(SIGTERM, lumora_test::OnEndSignal);
     signal(SIGINT, lumora_test::OnEndSignal);
     const int status = lumora_test::Run({argv + 1, argv + argc});
