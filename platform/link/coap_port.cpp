@@ -381,7 +381,9 @@ void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, c
             return;
         }
         const ReplyPath path = ++port->lastPath_;
-        port->paths_.emplace(path, coap_session_reference(session));
+        // In this order: what memory is short for must not keep the session, which libcoap does not forgive.
+        port->paths_.emplace(path, session);
+        coap_session_reference(session);
         port->listener_.onRequest(message, EndpointOf(coap_session_get_addr_remote(session)),
                                   EndpointOf(coap_session_get_addr_local(session)).host, path);
     });

@@ -28,6 +28,12 @@ std::vector<std::string> After(const std::string& command, const std::string& pr
     return {"/bin/sh", "-c", command + "; exec " + program + " " + arguments};
 }
 
+// How often what can be repeated for long is repeated.
+int Rounds(int usual) {
+    const char* const rounds = std::getenv("LUMORA_FAULT_ROUNDS");
+    return rounds != nullptr ? std::atoi(rounds) : usual;
+}
+
 bool EchoComes(const std::string& text) {
     Process client({CLIENT_PROGRAM, text});
     return client.WaitForEnd() == 0 && client.Output() == "echo: " + text + "\n";
@@ -111,10 +117,9 @@ INSTANTIATE_TEST_SUITE_P(Step, KilledAtTest, testing::Range<std::size_t>(0, 4),
                          [](const auto& step) { return STEPS[step.param]; });
 
 TEST(KilledTest, DeviceServesOneClientAfterTheOther) {
-    const char* const rounds = std::getenv("LUMORA_FAULT_ROUNDS");
     Process device({DEVICE_PROGRAM});
     device.WaitForLine(READY);
-    for (int round = rounds != nullptr ? std::atoi(rounds) : 10; round > 0; --round) {
+    for (int round = Rounds(10); round > 0; --round) {
         Process client({LASTING_CLIENT_PROGRAM});
         client.WriteLine("connect");
         // Anywhere in the call, or soon after it.
@@ -186,24 +191,60 @@ TEST_F(ExhaustedTest, Threads) {
     }
 }
 
-// Whichever allocation of a life without connections fails. 255: libcoap ends the process itself where a
-// table of its own finds no memory.
-TEST_F(ExhaustedTest, OneAllocation) {
-    setenv("LD_PRELOAD", FAILING_MALLOC, 1);
+// A process whose allocation of this number fails.
+class ForgetfulProcess : public Process {
+public:
+    ForgetfulProcess(const std::string& program, long failing) : Process(Prepare(program, failing)) {
+        unsetenv("LD_PRELOAD");
+        unsetenv("FAIL_ALLOCATION");
+    }
+
+    // 255: libcoap ends the process itself where a table of its own finds no memory.
+    void ExpectEnd(long failing) { EXPECT_THAT(WaitForEnd(), AnyOf(0, 1, 255)) << failing; }
+
+    // Known at its end, 0 where that came too early.
+    long Allocations() const {
+        const std::string mark = "allocations: ";
+        const std::size_t at = Errors().rfind(mark);
+        return at == std::string::npos ? 0 : std::atol(Errors().c_str() + at + mark.size());
+    }
+
+private:
+    static std::vector<std::string> Prepare(const std::string& program, long failing) {
+        setenv("LD_PRELOAD", FAILING_MALLOC, 1);
+        setenv("FAIL_ALLOCATION", std::to_string(failing).c_str(), 1);
+        return {program};
+    }
+};
+
+TEST_F(ExhaustedTest, OneAllocationOfAClientWithoutADevice) {
     long all = 1;
     for (long failing = 1; failing <= all; ++failing) {
-        setenv("FAIL_ALLOCATION", std::to_string(failing).c_str(), 1);
-        Process client({LASTING_CLIENT_PROGRAM});
+        ForgetfulProcess client(LASTING_CLIENT_PROGRAM, failing);
         client.CloseInput();
-        EXPECT_THAT(client.WaitForEnd(), AnyOf(0, 1, 255)) << failing;
-        const std::size_t count = client.Errors().rfind("allocations: ");
-        if (count != std::string::npos) {
-            all = std::max(all, std::atol(client.Errors().c_str() + count + 13));
-        }
+        client.ExpectEnd(failing);
+        all = std::max(all, client.Allocations());
     }
-    unsetenv("LD_PRELOAD");
-    unsetenv("FAIL_ALLOCATION");
     EXPECT_LT(50, all);
+}
+
+// Every 25th, and each of them where many rounds are wanted.
+TEST_F(ExhaustedTest, OneAllocationOfADeviceThatServes) {
+    constexpr long UNTIL_SERVED = 450;
+    const long step = Rounds(0) > 0 ? 1 : 25;
+    long all = 0;
+    for (long failing = 1; failing < UNTIL_SERVED; failing += step) {
+        ForgetfulProcess device(DEVICE_PROGRAM, failing);
+        {
+            // Killed before its end where its request is among those that the device forgets.
+            Process client({CLIENT_PROGRAM});
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+        device.Signal(SIGTERM);
+        device.ExpectEnd(failing);
+        all = std::max(all, device.Allocations());
+    }
+    EXPECT_LT(100, all);
 }
 
 TEST_F(ExhaustedTest, DiskUnderTheLog) {
