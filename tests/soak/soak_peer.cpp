@@ -3,7 +3,7 @@
 // be left over at the end. Faults go to standard output; the exit code is 3 when there were some.
 //
 // usage: soak_peer device TYPE
-//        soak_peer client TYPE...
+//        soak_peer client NUMBER TYPE...
 #include <dirent.h>
 #include <lumora.h>
 #include <malloc.h>
@@ -39,7 +39,12 @@ constexpr auto RETRY_PAUSE = milliseconds(100);
 constexpr auto TALLY_PACE = seconds(1);
 // A connection on which nothing comes for so long is given up, as an application would.
 constexpr auto SILENCE = seconds(3);
-constexpr int CLIENTS = 2;
+// A device knows clients by their IDs alone: who leaves would end the subscriptions of another process's
+// client with the same one. So each process, numbered from 1, uses two IDs of its own. It has clients for all
+// others as well, or blocks that name them would be delivered to nobody behind them.
+constexpr int OWN_CLIENTS = 2;
+constexpr int PROCESSES = 3;
+constexpr int CLIENTS = OWN_CLIENTS * PROCESSES;
 // What allocators and the C library keep for themselves.
 constexpr std::size_t HEAP_SLACK = 512 * 1024;
 constexpr std::size_t LONGEST_FROM_DEVICE = 1000000;
@@ -180,13 +185,18 @@ int RunDevice(const char* type) {
 
 // ---- Client ----
 
-// Blocks for the clients of this process. Gaps are expected between connections only.
+// Blocks for the own clients of this process. Gaps are expected between connections only.
 class Inbox {
 public:
+    void SetOwn(int first) { mFirst = first; }
+
     // Odd while a connection is being made, when blocks of the one before may still come.
     void BeginOrEndConnecting() { ++mPeriod; }
 
     void Take(const LUM_DEVICE_EVENT_S& event) {
+        if (event.clientID < mFirst || event.clientID >= mFirst + OWN_CLIENTS) {
+            return;
+        }
         const int period = mPeriod;
         int& last = mPeriodOf.at(static_cast<std::size_t>(event.clientID));
         const Arrival arrival = Of(event.clientID).Take(event.data, event.dataLen);
@@ -205,6 +215,7 @@ public:
     BlockChecker& Of(int clientID) { return mCheckers.at(static_cast<std::size_t>(clientID)); }
 
 private:
+    int mFirst = 1;  // set before anything can come
     std::array<BlockChecker, CLIENTS + 1> mCheckers;
     std::array<int, CLIENTS + 1> mPeriodOf{};  // of the receive thread
     std::atomic<int> mPeriod{0};
@@ -222,7 +233,10 @@ int OnClientEvent(int, LUM_EVENT_E) { return 0; }
 
 class Client {
 public:
-    explicit Client(std::vector<std::string> types) : mTypes(std::move(types)) {}
+    Client(int number, std::vector<std::string> types)
+        : mTypes(std::move(types)), mFirst((number - 1) * OWN_CLIENTS + 1), mSecond(mFirst + 1) {
+        g_inbox.SetOwn(mFirst);
+    }
 
     void Run() {
         while (g_end == 0) {
@@ -266,12 +280,13 @@ private:
             return false;
         }
         g_inbox.BeginOrEndConnecting();
-        bool good = true;
+        bool good = LUM_CreateAiDevice(mFirst, type.c_str(), &mHandle) == 0;
         for (int id = 1; good && id <= CLIENTS; ++id) {
+            good = LUM_RegisterAiDeviceEvent(id, mHandle, OnDeviceEvent) == 0;
+        }
+        for (int id = mFirst; good && id <= mSecond; ++id) {
             const LUM_SUBSCRIBE_SERVICE_S stream = {"stream", 0, LUM_TRANSPORT_TCP};
-            good = LUM_CreateAiDevice(id, type.c_str(), &mHandle) == 0 &&
-                   LUM_RegisterAiDeviceEvent(id, mHandle, OnDeviceEvent) == 0 &&
-                   LUM_ConnectAiDevice(id, mHandle) == 0 &&
+            good = LUM_ConnectAiDevice(id, mHandle) == 0 &&
                    LUM_SendCmd(id, mHandle, "subscribe", reinterpret_cast<const char*>(&stream)) == 0;
         }
         g_inbox.BeginOrEndConnecting();
@@ -291,7 +306,7 @@ private:
             if (!SendBlock() || !SendCommandWhenDue() || g_inbox.IsSilentSince(begin)) {
                 return false;
             }
-            mTally.Write("client", g_inbox.Of(1), mSent, mConnects);
+            mTally.Write("client", g_inbox.Of(mFirst), mSent, mConnects);
             std::this_thread::sleep_for(BLOCK_PACE);
         }
         return true;
@@ -302,7 +317,7 @@ private:
         unsigned int count = 0;
         const auto length = static_cast<unsigned int>(block.size());
         const bool whole =
-            LUM_SendData(1, mHandle, block.data(), length, &count, 1000) == 0 && count == length;
+            LUM_SendData(mFirst, mHandle, block.data(), length, &count, 1000) == 0 && count == length;
         mSent += whole ? 1 : 0;
         return whole;
     }
@@ -315,7 +330,7 @@ private:
         ++mCommand;
         const std::string param =
             std::to_string(mCommandSource) + " " + std::to_string(mCommand) + " " + std::to_string(mAnswered);
-        if (LUM_SendCmd(2, mHandle, "count", param.c_str()) != 0) {
+        if (LUM_SendCmd(mSecond, mHandle, "count", param.c_str()) != 0) {
             return false;
         }
         mAnswered = mCommand;
@@ -326,12 +341,12 @@ private:
     // device, the library is started anew.
     void Leave(bool good) {
         if (mRandom() % 2 == 0) {
-            for (int id = 1; id <= CLIENTS; ++id) {
+            for (int id = mFirst; id <= mSecond; ++id) {
                 LUM_DestoryAiDevice(id, mHandle);
             }
         }
         if (mRandom() % 2 == 0) {
-            for (int id = 1; id <= CLIENTS; ++id) {
+            for (int id = mFirst; id <= mSecond; ++id) {
                 LUM_DisconnectAiDevice(id, mHandle);
             }
         }
@@ -344,6 +359,8 @@ private:
     }
 
     const std::vector<std::string> mTypes;
+    const int mFirst;
+    const int mSecond;
     std::size_t mType = 0;
     std::mt19937_64 mRandom{NewSource()};
     bool mRunning = false;
@@ -358,9 +375,9 @@ private:
     std::uint64_t mAnswered = 0;
 };
 
-int RunClient(const std::vector<std::string>& types) {
+int RunClient(int number, const std::vector<std::string>& types) {
     const Holdings before;
-    Client(types).Run();
+    Client(number, types).Run();
     Holdings().ExpectNoMoreThan(before);
     return 0;
 }
@@ -369,10 +386,13 @@ int Run(const std::vector<std::string>& arguments) {
     if (arguments.size() == 2 && arguments[0] == "device") {
         return RunDevice(arguments[1].c_str());
     }
-    if (arguments.size() >= 2 && arguments[0] == "client") {
-        return RunClient({arguments.begin() + 1, arguments.end()});
+    if (arguments.size() >= 3 && arguments[0] == "client") {
+        const int number = std::atoi(arguments[1].c_str());
+        if (number >= 1 && number <= PROCESSES) {
+            return RunClient(number, {arguments.begin() + 2, arguments.end()});
+        }
     }
-    std::fputs("usage: soak_peer device TYPE | soak_peer client TYPE...\n", stderr);
+    std::fputs("usage: soak_peer device TYPE | soak_peer client NUMBER TYPE...\n", stderr);
     return 2;
 }
 
