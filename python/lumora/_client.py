@@ -8,7 +8,7 @@ import socket
 import threading
 import time
 from dataclasses import dataclass
-from typing import Any, AsyncIterator, Callable, Dict, Iterator, List, NoReturn, Optional, Tuple, Type, Union
+from typing import Any, Callable, Dict, List, NoReturn, Optional, Tuple, Type, Union
 
 from . import _lifetime, _records
 from ._errors import (
@@ -39,6 +39,7 @@ from ._library import (
     text_of,
 )
 from ._services import DeviceInfo, Service, Transport
+from ._taking import Taking
 
 # No event tells of a broken connection, but every call that needs the device fails from then on.
 _CHECK_INTERVAL = 2.0
@@ -58,7 +59,7 @@ class Block:
         return f"Block(service={self.service!r}, {len(self.data)} bytes)"
 
 
-class Subscription:
+class Subscription(Taking[Block]):
     """The blocks of one service: an iterator, asynchronous as well, that ends when it is closed.
 
     When the connection to the device ends, what has come can still be taken; then ConnectionLost is raised.
@@ -66,27 +67,14 @@ class Subscription:
     """
 
     def __init__(self, client: Client, service: str, inbox: Inbox[Block]) -> None:
+        super().__init__(inbox)
         self._client = client
-        self._inbox = inbox
         self._service = service
         self._thread: Optional[threading.Thread] = None
 
     @property
     def service(self) -> str:
         return self._service
-
-    @property
-    def dropped(self) -> int:
-        """How many blocks were dropped because the queue was full."""
-        return self._inbox.dropped
-
-    def get(self, timeout: Optional[float] = None) -> Block:
-        """The next block; waits `timeout` seconds (None: for ever), then raises ReceiveTimeout."""
-        return self._inbox.take(timeout)
-
-    async def get_async(self, timeout: Optional[float] = None) -> Block:
-        """The same for a coroutine."""
-        return await self._inbox.take_async(timeout)
 
     def close(self) -> None:
         """Ends the iteration; blocks that nobody has taken are gone. Waits for a callback in progress."""
@@ -99,24 +87,6 @@ class Subscription:
 
     def __exit__(self, *_: object) -> None:
         self.close()
-
-    def __iter__(self) -> Iterator[Block]:
-        return self
-
-    def __next__(self) -> Block:
-        try:
-            return self.get()
-        except Closed:
-            raise StopIteration from None
-
-    def __aiter__(self) -> AsyncIterator[Block]:
-        return self
-
-    async def __anext__(self) -> Block:
-        try:
-            return await self.get_async()
-        except Closed:
-            raise StopAsyncIteration from None
 
     def _start(self, on_block: Callable[[Block], object]) -> None:
         self._thread = threading.Thread(

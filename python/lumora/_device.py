@@ -5,7 +5,7 @@ from __future__ import annotations
 import ctypes
 import threading
 from dataclasses import dataclass
-from typing import Any, AsyncIterator, Callable, Dict, FrozenSet, Iterable, Iterator, Optional, Tuple, Union
+from typing import Any, Callable, Dict, FrozenSet, Iterable, Optional, Tuple, Union
 
 from . import _lifetime, _records
 from ._errors import (
@@ -29,6 +29,7 @@ from ._library import (
     text_of,
 )
 from ._services import Service, Transport
+from ._taking import Taking
 
 
 @dataclass(frozen=True)
@@ -69,7 +70,7 @@ class Unsubscribed:
 Event = Union[Data, Command, Subscribed, Unsubscribed]
 
 
-class Device:
+class Device(Taking[Event]):
     """A device of this type with 1 to 8 services; a process is at most one.
 
     Appears in the network at once and leaves it by close(), at the end of a with statement or, at the latest,
@@ -94,7 +95,7 @@ class Device:
         self._services = tuple(entry if isinstance(entry, Service) else Service(entry) for entry in services)
         record = _record(device_type, self._services)
         self._type = device_type
-        self._inbox: Inbox[Event] = Inbox(max_blocks, max_bytes, overflow)
+        super().__init__(Inbox(max_blocks, max_bytes, overflow))
         self._subscribers: Dict[str, FrozenSet[int]] = {}
         self._lock = threading.RLock()  # no callback of the library takes it
         self._closed = False
@@ -114,11 +115,6 @@ class Device:
     @property
     def services(self) -> Tuple[Service, ...]:
         return self._services
-
-    @property
-    def dropped(self) -> int:
-        """How many blocks and events were dropped because the queue was full."""
-        return self._inbox.dropped
 
     def subscribers(self, service: str) -> FrozenSet[int]:
         """The clients that want what this service sends, also where the event has not been taken yet."""
@@ -147,14 +143,6 @@ class Device:
                 f"only {sent.value} of {length} bytes were taken", "LUM_SendDataToClient", result, sent.value
             )
 
-    def get(self, timeout: Optional[float] = None) -> Event:
-        """What a client did next; waits `timeout` seconds (None: for ever), then raises ReceiveTimeout."""
-        return self._inbox.take(timeout)
-
-    async def get_async(self, timeout: Optional[float] = None) -> Event:
-        """The same for a coroutine."""
-        return await self._inbox.take_async(timeout)
-
     def close(self) -> None:
         """Leaves the network; events that nobody has taken are gone. Waits for `on_event` in progress."""
         self._leave()
@@ -166,24 +154,6 @@ class Device:
 
     def __exit__(self, *_: object) -> None:
         self.close()
-
-    def __iter__(self) -> Iterator[Event]:
-        return self
-
-    def __next__(self) -> Event:
-        try:
-            return self.get()
-        except Closed:
-            raise StopIteration from None
-
-    def __aiter__(self) -> AsyncIterator[Event]:
-        return self
-
-    async def __anext__(self) -> Event:
-        try:
-            return await self.get_async()
-        except Closed:
-            raise StopAsyncIteration from None
 
     def _call(self, on_event: Callable[[Event], object]) -> None:
         try:
