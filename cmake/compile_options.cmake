@@ -19,7 +19,8 @@ if(CMAKE_UNITY_BUILD)
     list(APPEND lumora_warnings $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>)
 endif()
 
-# Sources that CMAKE_UNITY_BUILD must not join with others: they give names that others give to something else.
+# Sources that CMAKE_UNITY_BUILD must not join with others: they give names that others give to something else,
+# or programs link them without the others.
 function(lumora_compile_alone)
     set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()

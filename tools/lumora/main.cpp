@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <map>
 
 #include "command.h"
@@ -124,21 +123,6 @@ std::vector<Command> AllCommands() {
             SendCommand(), PingCommand(), ServeCommand(),   DoctorCommand()};
 }
 
-int RunToTheEnd(int count, const char* const* words) {
-    try {
-        HoldStandardDescriptors();
-        return Run(count, words);
-    } catch (const QuietEnd& end) {
-        return end.Code();
-    } catch (const Failure& failure) {
-        PrintFailure(failure.what(), failure.Code());
-        return failure.Code();
-    } catch (const std::exception& problem) {
-        PrintFailure(problem.what(), EXIT_FAILED);
-        return EXIT_FAILED;
-    }
-}
-
 Command GlobalOptions() {
     Command command("lumora",
                     "finds devices on the local network, exchanges commands and data with them, or is one");
@@ -162,4 +146,6 @@ Command GlobalOptions() {
 
 }  // namespace lumora_cli
 
-int main(int count, char** words) { return lumora_cli::RunToTheEnd(count, words); }
+int main(int count, char** words) {
+    return lumora_cli::RunToTheEnd([&] { return lumora_cli::Run(count, words); });
+}

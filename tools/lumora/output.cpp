@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <exception>
 #include <utility>
 
 #include "failure.h"
@@ -69,6 +70,21 @@ void PrintFailure(const std::string& what, int code) {
     } else {
         WriteAll(STDERR_FILENO, Coloured(std::string(g_program) + ':', Colour::RED, STDERR_FILENO) + ' ' +
                                     OneLine(what) + '\n');
+    }
+}
+
+int RunToTheEnd(const std::function<int()>& run) {
+    try {
+        HoldStandardDescriptors();
+        return run();
+    } catch (const QuietEnd& end) {
+        return end.Code();
+    } catch (const Failure& failure) {
+        PrintFailure(failure.what(), failure.Code());
+        return failure.Code();
+    } catch (const std::exception& problem) {
+        PrintFailure(problem.what(), EXIT_FAILED);
+        return EXIT_FAILED;
     }
 }
 

@@ -1,6 +1,7 @@
 // Standard output that notices when it cannot be written, and standard error for people.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -21,6 +22,9 @@ void Remark(const std::string& line);
 
 // The last words of a command that failed.
 void PrintFailure(const std::string& what, int code);
+
+// The exit code of a program whose work this is; whatever it throws gets its last words.
+int RunToTheEnd(const std::function<int()>& run);
 
 // --json: results, and the last words, are JSON.
 void UseJson();

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <vector>
 
 #include "checks.h"
@@ -214,24 +213,11 @@ int Run(int count, const char* const* words) {
     return Judge(Look(g_options));
 }
 
-int RunToTheEnd(int count, const char* const* words) {
-    UseName(NAME);
-    try {
-        HoldStandardDescriptors();
-        return Run(count, words);
-    } catch (const QuietEnd& end) {
-        return end.Code();
-    } catch (const Failure& failure) {
-        PrintFailure(failure.what(), failure.Code());
-        return failure.Code();
-    } catch (const std::exception& problem) {
-        PrintFailure(problem.what(), EXIT_FAILED);
-        return EXIT_FAILED;
-    }
-}
-
 }  // namespace
 
 }  // namespace platform_check
 
-int main(int count, char** words) { return platform_check::RunToTheEnd(count, words); }
+int main(int count, char** words) {
+    lumora_cli::UseName(platform_check::NAME);
+    return lumora_cli::RunToTheEnd([&] { return platform_check::Run(count, words); });
+}
