@@ -9,6 +9,7 @@ namespace lumora_link {
 namespace {
 
 constexpr Milliseconds kNewcomerJitter{50};
+constexpr Milliseconds kNewcomerJitterPerNode{2};
 constexpr std::size_t kMaxTexts = 2048;
 
 }  // namespace
@@ -20,8 +21,13 @@ Presence::Presence(const Self& self, Labels& labels, Network& network, std::vect
       configured_(std::move(peers)),
       directory_(self.identity.id, self.secured) {}
 
+// All who heard the newcomer do this at the same moment, and keep the distance that they get here: the more
+// they are, the longer the time that they share.
 void Presence::HelloSoon(TimePoint now) {
-    const TimePoint soon = std::max(now + labels_.Jitter(kNewcomerJitter), lastHello_ + kShortestInterval);
+    const auto nodes = static_cast<Milliseconds::rep>(directory_.Peers().size());
+    const Milliseconds shared = std::max(kNewcomerJitter, kNewcomerJitterPerNode * nodes);
+    const TimePoint earliest = std::max(now, lastHello_ + kShortestInterval);
+    const TimePoint soon = earliest + labels_.Jitter(std::min(shared, kHelloInterval));
     nextHello_ = std::min(nextHello_, soon);
 }
 

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <map>
 #include <set>
 
 #include "fake_network.h"
@@ -500,6 +501,32 @@ TEST_F(NodeCoreTest, FiftyNodesPingLittleThroughLossAndRemoveNobody) {
     EXPECT_LT(pings, 10 * 50 * 10U) << "ten per node and second";
     for (const FakeNode* node : nodes) {
         EXPECT_THAT(node->Seen().events, SizeIs(49));
+    }
+}
+
+TEST_F(NodeCoreTest, AmongManyNodesHellosAreSpreadWhenOneComesAndAfterwards) {
+    constexpr std::size_t NODES = 80;
+    constexpr Milliseconds MOMENT{50};
+    for (std::size_t count = 0; count < NODES; ++count) {
+        network.Add("camera");
+    }
+    network.Run(seconds(1));
+    std::map<std::uint16_t, TimePoint> hellos;  // each is delivered to everybody
+    network.filter = [&](const CoapMessage& message) {
+        if (PathOf(message) == kHelloPath) {
+            hellos.try_emplace(message.messageId, network.Now());
+        }
+        return true;
+    };
+    network.Add("camera");
+    network.Run(seconds(2));
+    std::multiset<TimePoint> times;
+    for (const auto& [messageId, time] : hellos) {
+        times.insert(time);
+    }
+    for (const TimePoint first : times) {
+        const auto together = std::distance(times.lower_bound(first), times.upper_bound(first + MOMENT));
+        ASSERT_LT(together, static_cast<std::ptrdiff_t>(NODES) / 2);
     }
 }
 
