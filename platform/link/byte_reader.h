@@ -17,10 +17,10 @@ inline void AppendBigEndian(std::string& out, std::uint64_t value, std::size_t b
 // Reads from the front; once something was missing it stays failed and gives zeros.
 class ByteReader {
 public:
-    explicit ByteReader(std::string_view bytes) : bytes_(bytes) {}
+    explicit ByteReader(std::string_view bytes) : mBytes(bytes) {}
 
-    bool Failed() const { return failed_; }
-    bool AtEnd() const { return bytes_.empty(); }
+    bool Failed() const { return mFailed; }
+    bool AtEnd() const { return mBytes.empty(); }
 
     std::uint64_t Number(std::size_t bytes) {
         std::uint64_t value = 0;
@@ -30,22 +30,22 @@ public:
         return value;
     }
     std::string Bytes(std::size_t bytes) { return std::string(Take(bytes)); }
-    std::string Rest() { return std::string(Take(bytes_.size())); }
+    std::string Rest() { return std::string(Take(mBytes.size())); }
 
 private:
     std::string_view Take(std::size_t bytes) {
-        if (bytes > bytes_.size()) {
-            failed_ = true;
-            bytes_ = {};
+        if (bytes > mBytes.size()) {
+            mFailed = true;
+            mBytes = {};
             return {};
         }
-        const std::string_view taken = bytes_.substr(0, bytes);
-        bytes_.remove_prefix(bytes);
+        const std::string_view taken = mBytes.substr(0, bytes);
+        mBytes.remove_prefix(bytes);
         return taken;
     }
 
-    std::string_view bytes_;
-    bool failed_ = false;
+    std::string_view mBytes;
+    bool mFailed = false;
 };
 
 }  // namespace lumora_link

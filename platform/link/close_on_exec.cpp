@@ -29,10 +29,10 @@ std::string ReadWhole(const std::string& path) {
 void CloseOnExec(int epoll) {
     fcntl(epoll, F_SETFD, FD_CLOEXEC);
     // A line for each: "tfd:       14 events: ...".
-    static const std::string kWatched = "tfd:";
+    static const std::string WATCHED = "tfd:";
     const std::string info = ReadWhole("/proc/self/fdinfo/" + std::to_string(epoll));
-    for (std::size_t at = info.find(kWatched); at != std::string::npos; at = info.find(kWatched, at + 1)) {
-        fcntl(static_cast<int>(std::strtol(info.c_str() + at + kWatched.size(), nullptr, 10)), F_SETFD,
+    for (std::size_t at = info.find(WATCHED); at != std::string::npos; at = info.find(WATCHED, at + 1)) {
+        fcntl(static_cast<int>(std::strtol(info.c_str() + at + WATCHED.size(), nullptr, 10)), F_SETFD,
               FD_CLOEXEC);
     }
 }

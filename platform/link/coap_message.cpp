@@ -8,42 +8,42 @@ namespace lumora_link {
 
 namespace {
 
-constexpr unsigned kVersion = 1;
-constexpr std::size_t kMaxTokenBytes = 8;
-constexpr unsigned char kPayloadMarker = 0xff;
+constexpr unsigned VERSION = 1;
+constexpr std::size_t MAX_TOKEN_BYTES = 8;
+constexpr unsigned char PAYLOAD_MARKER = 0xff;
 
 // Deltas and lengths share one scheme: up to 12 in the nibble, then one or two bytes more.
-constexpr unsigned kOneByteMore = 13;
-constexpr unsigned kTwoBytesMore = 14;
-constexpr unsigned kReserved = 15;
-constexpr unsigned kOneByteBase = 13;
-constexpr unsigned kTwoByteBase = 269;
+constexpr unsigned ONE_BYTE_MORE = 13;
+constexpr unsigned TWO_BYTES_MORE = 14;
+constexpr unsigned RESERVED = 15;
+constexpr unsigned ONE_BYTE_BASE = 13;
+constexpr unsigned TWO_BYTE_BASE = 269;
 
 unsigned NibbleOf(std::size_t value) {
-    if (value < kOneByteBase) {
+    if (value < ONE_BYTE_BASE) {
         return static_cast<unsigned>(value);
     }
-    return value < kTwoByteBase ? kOneByteMore : kTwoBytesMore;
+    return value < TWO_BYTE_BASE ? ONE_BYTE_MORE : TWO_BYTES_MORE;
 }
 
 void AppendExtension(std::string& out, std::size_t value) {
-    if (value >= kTwoByteBase) {
-        AppendBigEndian(out, value - kTwoByteBase, 2);
-    } else if (value >= kOneByteBase) {
-        AppendBigEndian(out, value - kOneByteBase, 1);
+    if (value >= TWO_BYTE_BASE) {
+        AppendBigEndian(out, value - TWO_BYTE_BASE, 2);
+    } else if (value >= ONE_BYTE_BASE) {
+        AppendBigEndian(out, value - ONE_BYTE_BASE, 1);
     }
 }
 
 std::optional<std::size_t> ReadExtension(ByteReader& reader, unsigned nibble) {
-    if (nibble == kReserved) {
+    if (nibble == RESERVED) {
         return std::nullopt;
     }
-    if (nibble < kOneByteMore) {
+    if (nibble < ONE_BYTE_MORE) {
         return nibble;
     }
-    const bool one = nibble == kOneByteMore;
+    const bool one = nibble == ONE_BYTE_MORE;
     const auto extra = static_cast<std::size_t>(reader.Number(one ? 1 : 2));
-    return extra + (one ? kOneByteBase : kTwoByteBase);
+    return extra + (one ? ONE_BYTE_BASE : TWO_BYTE_BASE);
 }
 
 void AppendOption(std::string& out, std::uint16_t previous, const CoapOption& option) {
@@ -59,7 +59,7 @@ bool ReadOptions(ByteReader& reader, CoapMessage& message) {
     std::size_t number = 0;
     while (!reader.AtEnd()) {
         const unsigned head = static_cast<unsigned>(reader.Number(1));
-        if (head == kPayloadMarker) {
+        if (head == PAYLOAD_MARKER) {
             message.payload = reader.Rest();
             return !message.payload.empty();
         }
@@ -104,7 +104,7 @@ std::string CoapMessage::Joined(std::uint16_t number, std::string_view separator
 
 std::string SerializeMessage(const CoapMessage& message) {
     std::string out;
-    out.push_back(static_cast<char>(kVersion << 6 | static_cast<unsigned>(message.type) << 4 |
+    out.push_back(static_cast<char>(VERSION << 6 | static_cast<unsigned>(message.type) << 4 |
                                     static_cast<unsigned>(message.token.size())));
     AppendBigEndian(out, message.code, 1);
     AppendBigEndian(out, message.messageId, 2);
@@ -119,7 +119,7 @@ std::string SerializeMessage(const CoapMessage& message) {
         previous = option.number;
     }
     if (!message.payload.empty()) {
-        out.push_back(static_cast<char>(kPayloadMarker));
+        out.push_back(static_cast<char>(PAYLOAD_MARKER));
         out += message.payload;
     }
     return out;
@@ -134,10 +134,10 @@ std::optional<CoapMessage> ParseMessage(std::string_view bytes) {
     message.code = static_cast<std::uint8_t>(reader.Number(1));
     message.messageId = static_cast<std::uint16_t>(reader.Number(2));
     message.token = reader.Bytes(tokenBytes);
-    if (reader.Failed() || head >> 6 != kVersion || tokenBytes > kMaxTokenBytes) {
+    if (reader.Failed() || head >> 6 != VERSION || tokenBytes > MAX_TOKEN_BYTES) {
         return std::nullopt;
     }
-    if (message.code == code::kEmpty) {
+    if (message.code == code::EMPTY) {
         // An empty message is the head alone.
         return tokenBytes == 0 && reader.AtEnd() ? std::make_optional(message) : std::nullopt;
     }

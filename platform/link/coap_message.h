@@ -20,35 +20,35 @@ constexpr std::uint8_t MakeCode(unsigned codeClass, unsigned detail) {
 }
 
 namespace code {
-constexpr std::uint8_t kEmpty = 0;
-constexpr std::uint8_t kGet = MakeCode(0, 1);
-constexpr std::uint8_t kPost = MakeCode(0, 2);
-constexpr std::uint8_t kPut = MakeCode(0, 3);
-constexpr std::uint8_t kDelete = MakeCode(0, 4);
-constexpr std::uint8_t kDeleted = MakeCode(2, 2);
-constexpr std::uint8_t kChanged = MakeCode(2, 4);
-constexpr std::uint8_t kContent = MakeCode(2, 5);
-constexpr std::uint8_t kContinue = MakeCode(2, 31);
-constexpr std::uint8_t kBadRequest = MakeCode(4, 0);
-constexpr std::uint8_t kNotFound = MakeCode(4, 4);
-constexpr std::uint8_t kNotAllowed = MakeCode(4, 5);
-constexpr std::uint8_t kIncomplete = MakeCode(4, 8);
-constexpr std::uint8_t kTooLarge = MakeCode(4, 13);
-constexpr std::uint8_t kInternalError = MakeCode(5, 0);
-constexpr std::uint8_t kUnavailable = MakeCode(5, 3);
+constexpr std::uint8_t EMPTY = 0;
+constexpr std::uint8_t GET = MakeCode(0, 1);
+constexpr std::uint8_t POST = MakeCode(0, 2);
+constexpr std::uint8_t PUT = MakeCode(0, 3);
+constexpr std::uint8_t DELETE = MakeCode(0, 4);
+constexpr std::uint8_t DELETED = MakeCode(2, 2);
+constexpr std::uint8_t CHANGED = MakeCode(2, 4);
+constexpr std::uint8_t CONTENT = MakeCode(2, 5);
+constexpr std::uint8_t CONTINUE = MakeCode(2, 31);
+constexpr std::uint8_t BAD_REQUEST = MakeCode(4, 0);
+constexpr std::uint8_t NOT_FOUND = MakeCode(4, 4);
+constexpr std::uint8_t NOT_ALLOWED = MakeCode(4, 5);
+constexpr std::uint8_t INCOMPLETE = MakeCode(4, 8);
+constexpr std::uint8_t TOO_LARGE = MakeCode(4, 13);
+constexpr std::uint8_t INTERNAL_ERROR = MakeCode(5, 0);
+constexpr std::uint8_t UNAVAILABLE = MakeCode(5, 3);
 
-constexpr bool IsRequest(std::uint8_t value) { return value >= kGet && value <= kDelete; }
+constexpr bool IsRequest(std::uint8_t value) { return value >= GET && value <= DELETE; }
 constexpr bool IsSuccess(std::uint8_t value) { return value >> 5 == 2; }
 }  // namespace code
 
 namespace option {
-constexpr std::uint16_t kUriPath = 11;
-constexpr std::uint16_t kContentFormat = 12;
-constexpr std::uint16_t kUriQuery = 15;
-constexpr std::uint16_t kBlock1 = 27;
+constexpr std::uint16_t URI_PATH = 11;
+constexpr std::uint16_t CONTENT_FORMAT = 12;
+constexpr std::uint16_t URI_QUERY = 15;
+constexpr std::uint16_t BLOCK1 = 27;
 // Of the range for experiments; even and thus elective, so foreign servers may ignore them.
-constexpr std::uint16_t kRequester = 65000;
-constexpr std::uint16_t kKnownNodes = 65008;
+constexpr std::uint16_t REQUESTER = 65000;
+constexpr std::uint16_t KNOWN_NODES = 65008;
 }  // namespace option
 
 struct CoapOption {
@@ -60,7 +60,7 @@ struct CoapOption {
 
 struct CoapMessage {
     MessageType type = MessageType::NonConfirmable;
-    std::uint8_t code = code::kEmpty;
+    std::uint8_t code = code::EMPTY;
     std::uint16_t messageId = 0;
     std::string token;
     std::vector<CoapOption> options;  // ascending by number once serialised

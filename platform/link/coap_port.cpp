@@ -15,15 +15,15 @@ namespace lumora_link {
 namespace {
 
 // What libcoap reads of one datagram at most; by default it takes less.
-constexpr unsigned kMaxDatagram = 1472;
+constexpr unsigned MAX_DATAGRAM = 1472;
 // Sessions of requesters that have been served; libcoap frees the oldest beyond this.
-constexpr unsigned kMaxIdleSessions = 128;
+constexpr unsigned MAX_IDLE_SESSIONS = 128;
 // Others may begin several handshakes at once where datagrams get lost; libcoap takes less by default.
-constexpr unsigned kMaxHandshakes = 256;
-constexpr unsigned kSessionSeconds = 30;
+constexpr unsigned MAX_HANDSHAKES = 256;
+constexpr unsigned SESSION_SECONDS = 30;
 // Our own code repeats; libcoap's first repetition lies beyond the end of every session.
-constexpr coap_fixed_point_t kNeverRepeat = {600, 0};
-constexpr std::uint16_t kUnlimited = 1000;
+constexpr coap_fixed_point_t NEVER_REPEAT = {600, 0};
+constexpr std::uint16_t UNLIMITED = 1000;
 
 void Log(coap_log_t, const char* message) {
     const int error = errno;
@@ -77,7 +77,7 @@ CoapMessage MessageOf(const coap_pdu_t* pdu) {
 }
 
 // libcoap reads the beginning of a longer datagram and hands it on as if it were the whole.
-bool MayBeCut(const CoapMessage& message) { return SerializeMessage(message).size() >= kMaxDatagram; }
+bool MayBeCut(const CoapMessage& message) { return SerializeMessage(message).size() >= MAX_DATAGRAM; }
 
 const std::uint8_t* BytesOf(const std::string& text) {
     return reinterpret_cast<const std::uint8_t*>(text.data());
@@ -86,7 +86,7 @@ const std::uint8_t* BytesOf(const std::string& text) {
 // The options must stand in ascending order. Null where memory is short or the message too long.
 coap_pdu_t* PduOf(const CoapMessage& message, std::uint16_t messageId) {
     coap_pdu_t* pdu = coap_pdu_init(static_cast<coap_pdu_type_t>(message.type),
-                                    static_cast<coap_pdu_code_t>(message.code), messageId, kMaxDatagram);
+                                    static_cast<coap_pdu_code_t>(message.code), messageId, MAX_DATAGRAM);
     bool whole = pdu != nullptr && (message.token.empty() ||
                                     coap_add_token(pdu, message.token.size(), BytesOf(message.token)) != 0);
     for (const CoapOption& option : message.options) {
@@ -110,14 +110,14 @@ bool IsPath(coap_resource_t* resource, std::string_view path) {
 
 }  // namespace
 
-CoapPort::CoapPort(Listener listener) : listener_(std::move(listener)) {}
+CoapPort::CoapPort(Listener listener) : mListener(std::move(listener)) {}
 
 CoapPort::~CoapPort() {
-    while (!channels_.empty()) {
-        CloseChannel(channels_.begin()->first);
+    while (!mChannels.empty()) {
+        CloseChannel(mChannels.begin()->first);
     }
     ReleaseEnded();
-    for (const auto& [path, session] : paths_) {
+    for (const auto& [path, session] : mPaths) {
         coap_session_release(session);
     }
 }
@@ -129,40 +129,40 @@ bool CoapPort::CanSecure() {
 
 bool CoapPort::Open(std::optional<Psk> psk) {
     StartLibrary();
-    psk_ = std::move(psk);
-    context_.reset(coap_new_context(nullptr));
-    if (context_ == nullptr) {
+    mPsk = std::move(psk);
+    mContext.reset(coap_new_context(nullptr));
+    if (mContext == nullptr) {
         return false;
     }
-    coap_set_app_data(context_.get(), this);
-    coap_context_set_max_idle_sessions(context_.get(), kMaxIdleSessions);
-    coap_context_set_max_handshake_sessions(context_.get(), kMaxHandshakes);
-    coap_context_set_session_timeout(context_.get(), kSessionSeconds);
-    coap_register_response_handler(context_.get(), OnResponse);
-    coap_register_nack_handler(context_.get(), OnNack);
-    for (const char* path : {kResourcePath, kHelloPath, kGoodbyePath, kWellKnownPath}) {
+    coap_set_app_data(mContext.get(), this);
+    coap_context_set_max_idle_sessions(mContext.get(), MAX_IDLE_SESSIONS);
+    coap_context_set_max_handshake_sessions(mContext.get(), MAX_HANDSHAKES);
+    coap_context_set_session_timeout(mContext.get(), SESSION_SECONDS);
+    coap_register_response_handler(mContext.get(), OnResponse);
+    coap_register_nack_handler(mContext.get(), OnNack);
+    for (const char* path : {RESOURCE_PATH, HELLO_PATH, GOODBYE_PATH, WELL_KNOWN_PATH}) {
         if (!AddResource(path)) {
             return false;
         }
     }
-    return Descriptor() >= 0 && (!psk_ || ServeSecurely());
+    return Descriptor() >= 0 && (!mPsk || ServeSecurely());
 }
 
 bool CoapPort::ServeSecurely() {
-    key_ = BinaryOf(psk_->key);
-    coap_register_event_handler(context_.get(), OnEvent);
+    mKey = BinaryOf(mPsk->key);
+    coap_register_event_handler(mContext.get(), OnEvent);
     coap_dtls_spsk_t setup = {};
     setup.version = COAP_DTLS_SPSK_SETUP_VERSION;
     setup.validate_id_call_back = KeyOf;
     setup.id_call_back_arg = this;
-    setup.psk_info.key = key_;
-    return coap_context_set_psk2(context_.get(), &setup) != 0;
+    setup.psk_info.key = mKey;
+    return coap_context_set_psk2(mContext.get(), &setup) != 0;
 }
 
 const coap_bin_const_t* CoapPort::KeyOf(coap_bin_const_t* identity, coap_session_t*, void* port) {
     const auto* own = static_cast<CoapPort*>(port);
     const std::string_view name(reinterpret_cast<const char*>(identity->s), identity->length);
-    return name == own->psk_->identity ? &own->key_ : nullptr;
+    return name == own->mPsk->identity ? &own->mKey : nullptr;
 }
 
 bool CoapPort::AddResource(const char* path) {
@@ -181,91 +181,91 @@ bool CoapPort::AddResource(const char* path) {
          {COAP_REQUEST_GET, COAP_REQUEST_PUT, COAP_REQUEST_POST, COAP_REQUEST_DELETE}) {
         coap_register_handler(resource, method, OnRequestOf);
     }
-    coap_add_resource(context_.get(), resource);
+    coap_add_resource(mContext.get(), resource);
     return true;
 }
 
-int CoapPort::Descriptor() const { return coap_context_get_coap_fd(context_.get()); }
+int CoapPort::Descriptor() const { return coap_context_get_coap_fd(mContext.get()); }
 
 bool CoapPort::Listen(const Endpoint& endpoint) {
-    if (endpoints_.count(endpoint) != 0) {
+    if (mEndpoints.count(endpoint) != 0) {
         return true;
     }
     const bool listens =
-        ListenBy(COAP_PROTO_UDP, endpoint) && (!psk_ || ListenBy(COAP_PROTO_DTLS, SecuredPortOf(endpoint)));
+        ListenBy(COAP_PROTO_UDP, endpoint) && (!mPsk || ListenBy(COAP_PROTO_DTLS, SecuredPortOf(endpoint)));
     if (listens) {
-        endpoints_.insert(endpoint);
+        mEndpoints.insert(endpoint);
     }
     return listens;
 }
 
 bool CoapPort::ListenBy(coap_proto_t protocol, const Endpoint& endpoint) {
     const coap_address_t address = AddressOf(endpoint);
-    coap_endpoint_t* made = coap_new_endpoint(context_.get(), &address, protocol);
+    coap_endpoint_t* made = coap_new_endpoint(mContext.get(), &address, protocol);
     if (made == nullptr) {
-        LINK_LOG_LIMITED(kLogWarning, "cannot listen on %s\n", EndpointText(endpoint).c_str());
+        LINK_LOG_LIMITED(LEVEL_WARNING, "cannot listen on %s\n", EndpointText(endpoint).c_str());
         return false;
     }
     CloseOnExec(Descriptor());
-    coap_endpoint_set_default_mtu(made, kMaxDatagram);
+    coap_endpoint_set_default_mtu(made, MAX_DATAGRAM);
     return true;
 }
 
-void CoapPort::Process() { coap_io_process(context_.get(), COAP_IO_NO_WAIT); }
+void CoapPort::Process() { coap_io_process(mContext.get(), COAP_IO_NO_WAIT); }
 
 void CoapPort::Settle() {
     std::vector<ChannelId> connected;
-    connected.swap(connected_);
+    connected.swap(mConnected);
     for (const ChannelId channel : connected) {
-        sessions_.OnConnected(channel, Clock::now());
+        mSessions.OnConnected(channel, Clock::now());
     }
-    sessions_.Tick(Clock::now());
+    mSessions.Tick(Clock::now());
     std::vector<ConversationId> refused;
-    refused.swap(refused_);
+    refused.swap(mRefused);
     for (const ConversationId conversation : refused) {
-        listener_.onRefused(conversation);
+        mListener.onRefused(conversation);
     }
     ReleaseEnded();
 }
 
 void CoapPort::ReleaseEnded() {
-    for (const auto& channel : ended_) {
+    for (const auto& channel : mEnded) {
         // Without this, what waits for its acknowledgement would keep the session and its socket.
         coap_session_disconnected(channel->session, COAP_NACK_NOT_DELIVERABLE);
         coap_session_release(channel->session);
     }
-    ended_.clear();
+    mEnded.clear();
 }
 
 void CoapPort::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
-    if (psk_) {
-        sessions_.Transmit(conversation, to, message, Clock::now());
+    if (mPsk) {
+        mSessions.Transmit(conversation, to, message, Clock::now());
         return;
     }
     // Without a descriptor for it the message is lost: that says nothing about the peer.
-    const bool open = channels_.count(conversation) != 0 || OpenChannel(conversation, to);
+    const bool open = mChannels.count(conversation) != 0 || OpenChannel(conversation, to);
     if (open && !Send(conversation, message)) {
         OnRefused(conversation);
     }
 }
 
 void CoapPort::Hang(ConversationId conversation) {
-    if (psk_) {
-        sessions_.Hang(conversation);
+    if (mPsk) {
+        mSessions.Hang(conversation);
     } else {
         CloseChannel(conversation);
     }
 }
 
-void CoapPort::OnPeerGone(const Endpoint& endpoint) { sessions_.OnPeerGone(endpoint, Clock::now()); }
+void CoapPort::OnPeerGone(const Endpoint& endpoint) { mSessions.OnPeerGone(endpoint, Clock::now()); }
 
 bool CoapPort::Open(SecuredSessions::SessionId session, const Endpoint& to) {
     return OpenChannel(session, to);
 }
 
 void CoapPort::Probe(SecuredSessions::SessionId session) {
-    const auto channel = channels_.find(session);
-    if (channel == channels_.end()) {
+    const auto channel = mChannels.find(session);
+    if (channel == mChannels.end()) {
         return;
     }
     CoapMessage ping = MakePing();
@@ -275,8 +275,8 @@ void CoapPort::Probe(SecuredSessions::SessionId session) {
 }
 
 void CoapPort::Write(SecuredSessions::SessionId session, const CoapMessage& message) {
-    if (channels_.count(session) != 0 && !Send(session, message)) {
-        sessions_.OnFailed(session, true);
+    if (mChannels.count(session) != 0 && !Send(session, message)) {
+        mSessions.OnFailed(session, true);
     }
 }
 
@@ -288,14 +288,14 @@ bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
     if (made->session == nullptr) {
         return false;
     }
-    if (!CloseOnExecIfConnected(descriptor, psk_ ? SecuredPortOf(to) : to)) {
+    if (!CloseOnExecIfConnected(descriptor, mPsk ? SecuredPortOf(to) : to)) {
         CloseOnExec(Descriptor());
     }
     coap_session_set_app_data(made->session, made.get());
-    coap_session_set_mtu(made->session, kMaxDatagram);
-    coap_session_set_ack_timeout(made->session, kNeverRepeat);
-    coap_session_set_nstart(made->session, kUnlimited);
-    channels_.emplace(channel, std::move(made));
+    coap_session_set_mtu(made->session, MAX_DATAGRAM);
+    coap_session_set_ack_timeout(made->session, NEVER_REPEAT);
+    coap_session_set_nstart(made->session, UNLIMITED);
+    mChannels.emplace(channel, std::move(made));
     return true;
 }
 
@@ -303,39 +303,39 @@ bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
 bool CoapPort::Send(ChannelId channel, const CoapMessage& message) {
     coap_pdu_t* pdu = PduOf(message, message.messageId);
     errno = 0;
-    return pdu == nullptr || coap_send(channels_.at(channel)->session, pdu) != COAP_INVALID_MID ||
+    return pdu == nullptr || coap_send(mChannels.at(channel)->session, pdu) != COAP_INVALID_MID ||
            errno != ECONNREFUSED;
 }
 
 void CoapPort::CloseChannel(ChannelId channel) {
-    const auto known = channels_.find(channel);
-    if (known == channels_.end()) {
+    const auto known = mChannels.find(channel);
+    if (known == mChannels.end()) {
         return;
     }
     // libcoap may hold events of this session that it has not looked at yet; Settle closes it.
     coap_session_set_app_data(known->second->session, nullptr);
-    ended_.push_back(std::move(known->second));
-    channels_.erase(known);
+    mEnded.push_back(std::move(known->second));
+    mChannels.erase(known);
 }
 
 // No local address: libcoap would bind with SO_REUSEADDR, and then the kernel may give the port of
 // another node's endpoint to this socket.
 coap_session_t* CoapPort::NewSession(const Endpoint& to) {
-    if (!psk_) {
+    if (!mPsk) {
         const coap_address_t address = AddressOf(to);
-        return coap_new_client_session(context_.get(), nullptr, &address, COAP_PROTO_UDP);
+        return coap_new_client_session(mContext.get(), nullptr, &address, COAP_PROTO_UDP);
     }
     const coap_address_t address = AddressOf(SecuredPortOf(to));
     coap_dtls_cpsk_t setup = {};
     setup.version = COAP_DTLS_CPSK_SETUP_VERSION;
-    setup.psk_info.identity = BinaryOf(psk_->identity);
-    setup.psk_info.key = key_;
-    return coap_new_client_session_psk2(context_.get(), nullptr, &address, COAP_PROTO_DTLS, &setup);
+    setup.psk_info.identity = BinaryOf(mPsk->identity);
+    setup.psk_info.key = mKey;
+    return coap_new_client_session_psk2(mContext.get(), nullptr, &address, COAP_PROTO_DTLS, &setup);
 }
 
 void CoapPort::Reply(ReplyPath path, const CoapMessage& message) {
-    const auto at = paths_.find(path);
-    if (at == paths_.end()) {
+    const auto at = mPaths.find(path);
+    if (at == mPaths.end()) {
         return;
     }
     coap_session_t* session = at->second;
@@ -343,30 +343,30 @@ void CoapPort::Reply(ReplyPath path, const CoapMessage& message) {
     const std::uint16_t messageId = own ? message.messageId : coap_new_message_id(session);
     if (coap_pdu_t* pdu = PduOf(message, messageId)) {
         coap_session_set_ack_timeout(session, {1, 0});
-        coap_session_set_nstart(session, kUnlimited);
+        coap_session_set_nstart(session, UNLIMITED);
         coap_send(session, pdu);
     }
 }
 
 void CoapPort::Forget(ReplyPath path) {
-    const auto at = paths_.find(path);
-    if (at != paths_.end()) {
+    const auto at = mPaths.find(path);
+    if (at != mPaths.end()) {
         coap_session_release(at->second);
-        paths_.erase(at);
+        mPaths.erase(at);
     }
 }
 
 void CoapPort::SetLogLevel(int level) {
-    static const coap_log_t kLevels[] = {LOG_EMERG, LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG};
-    const int last = static_cast<int>(sizeof kLevels / sizeof kLevels[0]) - 1;
+    static const coap_log_t LEVELS[] = {LOG_EMERG, LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG};
+    const int last = static_cast<int>(sizeof LEVELS / sizeof LEVELS[0]) - 1;
     StartLibrary();
-    coap_set_log_level(kLevels[std::clamp(level, 0, last)]);
+    coap_set_log_level(LEVELS[std::clamp(level, 0, last)]);
 }
 
 void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, const coap_pdu_t* request,
                            const coap_string_t*, coap_pdu_t* response) {
     auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
-    if (port->psk_ && coap_session_get_proto(session) != COAP_PROTO_DTLS && IsPath(resource, kResourcePath)) {
+    if (port->mPsk && coap_session_get_proto(session) != COAP_PROTO_DTLS && IsPath(resource, RESOURCE_PATH)) {
         coap_pdu_set_code(response, COAP_RESPONSE_CODE_UNAUTHORIZED);
         return;
     }
@@ -380,11 +380,11 @@ void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, c
             coap_pdu_set_code(response, COAP_RESPONSE_CODE_REQUEST_TOO_LARGE);
             return;
         }
-        const ReplyPath path = ++port->lastPath_;
+        const ReplyPath path = ++port->mLastPath;
         // In this order: what memory is short for must not keep the session, which libcoap does not forgive.
-        port->paths_.emplace(path, session);
+        port->mPaths.emplace(path, session);
         coap_session_reference(session);
-        port->listener_.onRequest(message, EndpointOf(coap_session_get_addr_remote(session)),
+        port->mListener.onRequest(message, EndpointOf(coap_session_get_addr_remote(session)),
                                   EndpointOf(coap_session_get_addr_local(session)).host, path);
     });
 }
@@ -406,10 +406,10 @@ coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*,
         if (MayBeCut(answer)) {
             return;
         }
-        const auto conversation = port->psk_ ? port->sessions_.OnAnswer(channel, answer.token, Clock::now())
+        const auto conversation = port->mPsk ? port->mSessions.OnAnswer(channel, answer.token, Clock::now())
                                              : std::make_optional(channel);
         if (conversation) {
-            port->listener_.onAnswer(*conversation, answer);
+            port->mListener.onAnswer(*conversation, answer);
         }
     });
     return COAP_RESPONSE_OK;
@@ -424,8 +424,8 @@ void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reas
     // Told later: libcoap is walking through the very messages that the listener may end.
     Contain([&] {
         auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
-        if (port->psk_) {
-            port->sessions_.OnFailed(channel, reason == COAP_NACK_ICMP_ISSUE);
+        if (port->mPsk) {
+            port->mSessions.OnFailed(channel, reason == COAP_NACK_ICMP_ISSUE);
         } else {
             port->OnRefused(channel);
         }
@@ -441,9 +441,9 @@ int CoapPort::OnEvent(coap_session_t* session, coap_event_t event) {
     auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
     Contain([&] {
         if (event == COAP_EVENT_DTLS_CONNECTED) {
-            port->connected_.push_back(channel);
+            port->mConnected.push_back(channel);
         } else if (event == COAP_EVENT_DTLS_ERROR || event == COAP_EVENT_DTLS_CLOSED) {
-            port->sessions_.OnFailed(channel, false);
+            port->mSessions.OnFailed(channel, false);
         }
     });
     return 0;

@@ -50,7 +50,7 @@ public:
     // Lets go of what ended, outside of libcoap's own calls. To be called after every turn.
     void Settle();
     // When Settle is due at the latest.
-    TimePoint NextDeadline() const { return sessions_.NextDeadline(); }
+    TimePoint NextDeadline() const { return mSessions.NextDeadline(); }
 
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message);
     void Hang(ConversationId conversation);
@@ -87,8 +87,8 @@ private:
     void Probe(SecuredSessions::SessionId session) override;
     void Write(SecuredSessions::SessionId session, const CoapMessage& message) override;
     void Close(SecuredSessions::SessionId session) override { CloseChannel(session); }
-    void OnReached(ConversationId conversation) override { listener_.onReached(conversation); }
-    void OnRefused(ConversationId conversation) override { refused_.push_back(conversation); }
+    void OnReached(ConversationId conversation) override { mListener.onReached(conversation); }
+    void OnRefused(ConversationId conversation) override { mRefused.push_back(conversation); }
 
     static ChannelId ChannelOf(const coap_session_t* session);
     bool AddResource(const char* path);
@@ -99,18 +99,18 @@ private:
     void CloseChannel(ChannelId channel);
     void ReleaseEnded();
 
-    const Listener listener_;
-    std::optional<Psk> psk_;
-    coap_bin_const_t key_ = {};
-    std::unique_ptr<coap_context_t, ContextCloser> context_;
-    std::set<Endpoint> endpoints_;
-    std::map<ChannelId, std::unique_ptr<Channel>> channels_;
-    std::vector<std::unique_ptr<Channel>> ended_;
-    std::vector<ConversationId> refused_;
-    std::vector<ChannelId> connected_;  // libcoap sends by them when it has returned from telling so
-    SecuredSessions sessions_{*this};
-    std::map<ReplyPath, coap_session_t*> paths_;
-    ReplyPath lastPath_ = 0;
+    const Listener mListener;
+    std::optional<Psk> mPsk;
+    coap_bin_const_t mKey = {};
+    std::unique_ptr<coap_context_t, ContextCloser> mContext;
+    std::set<Endpoint> mEndpoints;
+    std::map<ChannelId, std::unique_ptr<Channel>> mChannels;
+    std::vector<std::unique_ptr<Channel>> mEnded;
+    std::vector<ConversationId> mRefused;
+    std::vector<ChannelId> mConnected;  // libcoap sends by them when it has returned from telling so
+    SecuredSessions mSessions{*this};
+    std::map<ReplyPath, coap_session_t*> mPaths;
+    ReplyPath mLastPath = 0;
 };
 
 }  // namespace lumora_link

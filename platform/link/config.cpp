@@ -38,7 +38,7 @@ std::uint16_t ReadPort(const char* text) {
     std::uint16_t port = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), port);
     if (error != std::errc() || *end != '\0' || port == 0) {
-        LINK_LOG(kLogError, "LUMORA_LINK_PORT: \"%s\" is not a port from 1 to 65535, ignored\n", text);
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PORT: \"%s\" is not a port from 1 to 65535, ignored\n", text);
         return 0;
     }
     return port;
@@ -49,7 +49,7 @@ std::vector<std::string> ReadInterfaces(const char* text) {
     for (const std::string& name : names) {
         // It stays in the list: leaving out the only name would mean every interface.
         if (name.size() >= IF_NAMESIZE) {
-            LINK_LOG(kLogError, "LUMORA_LINK_INTERFACE: \"%s\" is no name of an interface\n", name.c_str());
+            LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_INTERFACE: \"%s\" is no name of an interface\n", name.c_str());
         }
     }
     return names;
@@ -61,7 +61,7 @@ std::vector<Endpoint> ReadPeers(const char* text, std::uint16_t defaultPort) {
         if (const auto peer = ParseEndpoint(item, defaultPort)) {
             peers.push_back(*peer);
         } else {
-            LINK_LOG(kLogError, "LUMORA_LINK_PEERS: \"%s\" is not address[:port], ignored\n", item.c_str());
+            LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PEERS: \"%s\" is not address[:port], ignored\n", item.c_str());
         }
     }
     return peers;

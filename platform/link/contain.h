@@ -10,7 +10,7 @@ void Contain(const Work& work) {
     try {
         work();
     } catch (...) {
-        LINK_LOG_LIMITED(kLogError, "a message is dropped for want of memory\n");
+        LINK_LOG_LIMITED(LEVEL_ERROR, "a message is dropped for want of memory\n");
     }
 }
 

@@ -8,64 +8,64 @@ namespace lumora_link {
 
 namespace {
 
-constexpr std::size_t kTokenBytes = 7;  // one byte is left for the number of the probe
+constexpr std::size_t TOKEN_BYTES = 7;  // one byte is left for the number of the probe
 
 // Answers of many nodes are spread over this time; few nodes need not wait.
-constexpr Milliseconds kLeisurePerNode{1};
-constexpr Milliseconds kLongestLeisure{50};
-constexpr Milliseconds kSecondCopy{15};
+constexpr Milliseconds LEISURE_PER_NODE{1};
+constexpr Milliseconds LONGEST_LEISURE{50};
+constexpr Milliseconds SECOND_COPY{15};
 
 // A search sends nine probes; who asks much more often is not answered.
-constexpr unsigned kAnswersPerSecond = 40;
-constexpr std::size_t kMaxAskers = 1024;
-constexpr std::size_t kMaxDelayedAnswers = 4096;
+constexpr unsigned ANSWERS_PER_SECOND = 40;
+constexpr std::size_t MAX_ASKERS = 1024;
+constexpr std::size_t MAX_DELAYED_ANSWERS = 4096;
 
 // A node that spoke within two hello intervals counts as found though its answers were lost.
-constexpr Milliseconds kFresh{1600};
+constexpr Milliseconds FRESH{1600};
 
 }  // namespace
 
 Discovery::Discovery(const Self& self, Labels& labels, Network& network, Application& application,
                      Presence& presence)
-    : self_(self), labels_(labels), network_(network), application_(application), presence_(presence) {}
+    : mSelf(self), mLabels(labels), mNetwork(network), mApplication(application), mPresence(presence) {}
 
 void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
     std::set<std::uint64_t> expected;
-    for (const Peer* peer : presence_.Directory().OfType(deviceType)) {
+    for (const Peer* peer : mPresence.Directory().OfType(deviceType)) {
         expected.insert(peer->node.identity.id);
     }
-    searches_.push_back(
-        {ticket, labels_.NextToken().substr(0, kTokenBytes), Search(deviceType, std::move(expected), now)});
+    mSearches.push_back(
+        {ticket, mLabels.NextToken().substr(0, TOKEN_BYTES), Search(deviceType, std::move(expected), now)});
     Tick(now);
 }
 
 void Discovery::OnProbe(const CoapMessage& probe, const Endpoint& source, const LocalInterface& via,
                         TimePoint now) {
     const std::set<NodeHint> known = KnownNodes(probe);
-    const bool alreadyKnown = known.count(HintOf(self_.identity.id)) != 0;
-    if (!self_.deviceType || !IsAskedFor(probe, self_.deviceType) || alreadyKnown ||
+    const bool alreadyKnown = known.count(HintOf(mSelf.identity.id)) != 0;
+    if (!mSelf.deviceType || !IsAskedFor(probe, mSelf.deviceType) || alreadyKnown ||
         !MayAnswer(source, now)) {
         return;
     }
-    const auto peers = static_cast<Milliseconds::rep>(presence_.Directory().Peers().size());
-    const TimePoint at = now + labels_.Jitter(std::min(kLongestLeisure, kLeisurePerNode * peers));
+    const auto peers = static_cast<Milliseconds::rep>(mPresence.Directory().Peers().size());
+    const TimePoint at = now + mLabels.Jitter(std::min(LONGEST_LEISURE, LEISURE_PER_NODE * peers));
     Schedule(probe, source, via.index, at);
     if (!known.empty()) {
         // The asker has found others but not us: datagrams get lost here.
-        Schedule(probe, source, via.index, at + kSecondCopy);
+        Schedule(probe, source, via.index, at + SECOND_COPY);
     }
 }
 
 void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, TimePoint now) {
     auto node = ParseLink(answer.payload);
-    if (!node || !code::IsSuccess(answer.code) || answer.token.size() != kTokenBytes + 1 ||
-        node->identity.id == self_.identity.id || node->secured != self_.secured) {
+    if (!node || !code::IsSuccess(answer.code) || answer.token.size() != TOKEN_BYTES + 1 ||
+        node->identity.id == mSelf.identity.id || node->secured != mSelf.secured) {
         return;
     }
     node->endpoint.host = source.host;
-    for (Running& running : searches_) {
-        if (answer.token.compare(0, kTokenBytes, running.token) == 0) {
-            presence_.Hear(*node, false, now);
+    for (Running& running : mSearches) {
+        if (answer.token.compare(0, TOKEN_BYTES, running.token) == 0) {
+            mPresence.Hear(*node, false, now);
             running.search.OnAnswer(static_cast<unsigned char>(answer.token.back()), *node, now);
         }
     }
@@ -73,59 +73,59 @@ void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, Time
 
 void Discovery::Tick(TimePoint now) {
     SendDueAnswers(now);
-    for (auto running = searches_.begin(); running != searches_.end();) {
+    for (auto running = mSearches.begin(); running != mSearches.end();) {
         SendDueProbes(*running, now);
         DismissRemoved(running->search);
         const bool over = running->search.IsOver(now);
         if (over) {
-            application_.SearchEnded(running->ticket, ResultOf(running->search, now));
+            mApplication.SearchEnded(running->ticket, ResultOf(running->search, now));
         }
-        running = over ? searches_.erase(running) : std::next(running);
+        running = over ? mSearches.erase(running) : std::next(running);
     }
 }
 
 TimePoint Discovery::NextDeadline(TimePoint now) const {
-    TimePoint next = answers_.empty() ? TimePoint::max() : answers_.begin()->first;
-    for (const Running& running : searches_) {
+    TimePoint next = mAnswers.empty() ? TimePoint::max() : mAnswers.begin()->first;
+    for (const Running& running : mSearches) {
         next = std::min(next, running.search.NextDeadline(now));
     }
     return next;
 }
 
 void Discovery::Close() {
-    for (const Running& running : searches_) {
-        application_.SearchEnded(running.ticket, {});
+    for (const Running& running : mSearches) {
+        mApplication.SearchEnded(running.ticket, {});
     }
-    searches_.clear();
-    answers_.clear();
+    mSearches.clear();
+    mAnswers.clear();
 }
 
 bool Discovery::MayAnswer(const Endpoint& asker, TimePoint now) {
-    if (askers_.size() >= kMaxAskers && askers_.count(asker) == 0) {
-        askers_.clear();
+    if (mAskers.size() >= MAX_ASKERS && mAskers.count(asker) == 0) {
+        mAskers.clear();
     }
-    const auto [at, isNew] = askers_.try_emplace(asker);
+    const auto [at, isNew] = mAskers.try_emplace(asker);
     Allowance& allowance = at->second;
     if (isNew || now - allowance.since >= std::chrono::seconds(1)) {
         allowance = {now, 0};
     }
-    return ++allowance.used <= kAnswersPerSecond && answers_.size() < kMaxDelayedAnswers;
+    return ++allowance.used <= ANSWERS_PER_SECOND && mAnswers.size() < MAX_DELAYED_ANSWERS;
 }
 
 void Discovery::Schedule(const CoapMessage& probe, const Endpoint& to, unsigned interface, TimePoint at) {
-    const LocalInterface* local = self_.InterfaceOf(interface);
-    CoapMessage answer = MakeLinkAnswer(probe, FormatLink(self_.DescribedAt(local->host)));
-    answer.messageId = labels_.NextMessageId();
-    answers_.emplace(at, DelayedAnswer{to, interface, std::move(answer)});
+    const LocalInterface* local = mSelf.InterfaceOf(interface);
+    CoapMessage answer = MakeLinkAnswer(probe, FormatLink(mSelf.DescribedAt(local->host)));
+    answer.messageId = mLabels.NextMessageId();
+    mAnswers.emplace(at, DelayedAnswer{to, interface, std::move(answer)});
 }
 
 void Discovery::SendDueAnswers(TimePoint now) {
-    while (!answers_.empty() && answers_.begin()->first <= now) {
-        const DelayedAnswer& answer = answers_.begin()->second;
-        if (const LocalInterface* local = self_.InterfaceOf(answer.interface)) {
-            network_.Send(*local, answer.to, answer.message);
+    while (!mAnswers.empty() && mAnswers.begin()->first <= now) {
+        const DelayedAnswer& answer = mAnswers.begin()->second;
+        if (const LocalInterface* local = mSelf.InterfaceOf(answer.interface)) {
+            mNetwork.Send(*local, answer.to, answer.message);
         }
-        answers_.erase(answers_.begin());
+        mAnswers.erase(mAnswers.begin());
     }
 }
 
@@ -135,7 +135,7 @@ void Discovery::SendDueProbes(Running& running, TimePoint now) {
         if (running.search.IsReminder(*number)) {
             // A ping finds out at once where nobody listens any more; a device that is gone is no result.
             for (const std::uint64_t id : running.search.Missing()) {
-                presence_.Directory().Suspect(id, now);
+                mPresence.Directory().Suspect(id, now);
             }
         }
     }
@@ -143,7 +143,7 @@ void Discovery::SendDueProbes(Running& running, TimePoint now) {
 
 void Discovery::DismissRemoved(Search& search) {
     for (const std::uint64_t id : search.Missing()) {
-        if (presence_.Directory().Find(id) == nullptr) {
+        if (mPresence.Directory().Find(id) == nullptr) {
             search.Dismiss(id);
         }
     }
@@ -154,20 +154,20 @@ void Discovery::Probe(const Running& running, unsigned number) {
     const std::string token = running.token + static_cast<char>(number);
     CoapMessage probe = MakeProbe(running.search.DeviceType(), token,
                                   rescue ? running.search.Known() : std::vector<NodeHint>());
-    std::vector<Endpoint> targets = presence_.UnicastTargets();
+    std::vector<Endpoint> targets = mPresence.UnicastTargets();
     if (rescue) {
         for (const std::uint64_t id : running.search.Missing()) {
-            if (const Peer* peer = presence_.Directory().Find(id)) {
+            if (const Peer* peer = mPresence.Directory().Find(id)) {
                 targets.push_back(peer->node.endpoint);
             }
         }
     }
-    for (const LocalInterface& local : self_.interfaces) {
-        probe.messageId = labels_.NextMessageId();
-        network_.Send(local, MulticastGroup(), probe);
+    for (const LocalInterface& local : mSelf.interfaces) {
+        probe.messageId = mLabels.NextMessageId();
+        mNetwork.Send(local, MulticastGroup(), probe);
         for (const Endpoint& target : targets) {
             if (local.Reaches(target)) {
-                network_.Send(local, target, probe);
+                mNetwork.Send(local, target, probe);
             }
         }
     }
@@ -176,8 +176,8 @@ void Discovery::Probe(const Running& running, unsigned number) {
 // The directory decides under which address a node is named, here as in events.
 std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint now) const {
     std::vector<NodeDescription> result;
-    for (const Peer* peer : presence_.Directory().OfType(search.DeviceType())) {
-        if (search.Found().count(peer->node.identity.id) != 0 || now - peer->heard < kFresh) {
+    for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {
+        if (search.Found().count(peer->node.identity.id) != 0 || now - peer->heard < FRESH) {
             result.push_back(peer->node);
         }
     }

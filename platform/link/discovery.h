@@ -49,18 +49,18 @@ private:
     void Probe(const Running& running, unsigned number);
     std::vector<NodeDescription> ResultOf(const Search& search, TimePoint now) const;
 
-    const Self& self_;
-    Labels& labels_;
-    Network& network_;
-    Application& application_;
-    Presence& presence_;
-    std::list<Running> searches_;
-    std::multimap<TimePoint, DelayedAnswer> answers_;
+    const Self& mSelf;
+    Labels& mLabels;
+    Network& mNetwork;
+    Application& mApplication;
+    Presence& mPresence;
+    std::list<Running> mSearches;
+    std::multimap<TimePoint, DelayedAnswer> mAnswers;
     struct Allowance {
         TimePoint since;
         unsigned used = 0;
     };
-    std::map<Endpoint, Allowance> askers_;
+    std::map<Endpoint, Allowance> mAskers;
 };
 
 }  // namespace lumora_link

@@ -34,17 +34,17 @@ public:
 
 private:
     void RunPosted();
-    void SignalWake() LINK_REQUIRES(mutex_);
+    void SignalWake() LINK_REQUIRES(mMutex);
 
-    UniqueFd epoll_;
-    UniqueFd wake_;
-    UniqueFd timer_;
-    std::map<int, Task> watched_;
-    TimePoint armed_ = TimePoint::max();
+    UniqueFd mEpoll;
+    UniqueFd mWake;
+    UniqueFd mTimer;
+    std::map<int, Task> mWatched;
+    TimePoint mArmed = TimePoint::max();
 
-    Mutex mutex_;
-    std::vector<Task> posted_ LINK_GUARDED_BY(mutex_);
-    bool shut_ LINK_GUARDED_BY(mutex_) = false;
+    Mutex mMutex;
+    std::vector<Task> mPosted LINK_GUARDED_BY(mMutex);
+    bool mShut LINK_GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace lumora_link

@@ -14,9 +14,9 @@ namespace lumora_link {
 namespace {
 
 // Many nodes may answer one probe at the same moment.
-constexpr int kReceiveBuffer = 1 << 20;
+constexpr int RECEIVE_BUFFER = 1 << 20;
 // One burst must not keep the thread from everything else.
-constexpr int kReadsPerTurn = 64;
+constexpr int READS_PER_TURN = 64;
 
 sockaddr_in SocketAddressOf(const Endpoint& endpoint) {
     sockaddr_in address = {};
@@ -37,11 +37,11 @@ UniqueFd BoundSocket(const Endpoint& endpoint, bool shared) {
     const bool ready = fd && (!shared || SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1)) &&
                        bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     if (!ready) {
-        LINK_LOG_LIMITED(kLogWarning, "no socket on %s: %s\n", EndpointText(endpoint).c_str(),
+        LINK_LOG_LIMITED(LEVEL_WARNING, "no socket on %s: %s\n", EndpointText(endpoint).c_str(),
                          std::strerror(errno));
         return UniqueFd();
     }
-    SetOption(fd, SOL_SOCKET, SO_RCVBUF, kReceiveBuffer);
+    SetOption(fd, SOL_SOCKET, SO_RCVBUF, RECEIVE_BUFFER);
     return fd;
 }
 
@@ -89,26 +89,26 @@ std::optional<Datagram> Receive(int fd) {
 }  // namespace
 
 GroupSockets::GroupSockets(EventLoop& loop, Listener listener)
-    : loop_(loop), listener_(std::move(listener)) {}
+    : mLoop(loop), mListener(std::move(listener)) {}
 
 // Needs no memory.
 GroupSockets::~GroupSockets() {
-    while (!members_.empty()) {
-        Leave(members_.begin()->first);
+    while (!mMembers.empty()) {
+        Leave(mMembers.begin()->first);
     }
-    if (group_) {
-        loop_.Unwatch(group_.Get());
+    if (mGroup) {
+        mLoop.Unwatch(mGroup.Get());
     }
 }
 
 bool GroupSockets::Open() {
-    group_ = BoundSocket(MulticastGroup(), true);
-    if (!group_ || !SetOption(group_, IPPROTO_IP, IP_PKTINFO, 1)) {
+    mGroup = BoundSocket(MulticastGroup(), true);
+    if (!mGroup || !SetOption(mGroup, IPPROTO_IP, IP_PKTINFO, 1)) {
         return false;
     }
     // Otherwise what other programs joined on other interfaces would be heard here too.
-    SetOption(group_, IPPROTO_IP, IP_MULTICAST_ALL, 0);
-    loop_.Watch(group_.Get(), [this] { ReadGroup(); });
+    SetOption(mGroup, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    mLoop.Watch(mGroup.Get(), [this] { ReadGroup(); });
     return true;
 }
 
@@ -118,7 +118,7 @@ void GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
         wanted[local.index] = local;
     }
     std::vector<unsigned> leaving;
-    for (const auto& [index, member] : members_) {
+    for (const auto& [index, member] : mMembers) {
         const auto at = wanted.find(index);
         if (at == wanted.end() || !(at->second == member.local)) {
             leaving.push_back(index);
@@ -128,15 +128,15 @@ void GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
         Leave(index);
     }
     for (const auto& [index, local] : wanted) {
-        if (members_.count(index) == 0) {
+        if (mMembers.count(index) == 0) {
             Join(local);
         }
     }
 }
 
 void GroupSockets::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {
-    const auto member = members_.find(via.index);
-    if (member == members_.end()) {
+    const auto member = mMembers.find(via.index);
+    if (member == mMembers.end()) {
         return;
     }
     const std::string bytes = SerializeMessage(message);
@@ -144,7 +144,7 @@ void GroupSockets::Send(const LocalInterface& via, const Endpoint& to, const Coa
     const ssize_t sent = sendto(member->second.socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL,
                                 reinterpret_cast<const sockaddr*>(&address), sizeof address);
     if (sent < 0) {
-        LINK_LOG(kLogDetail, "nothing sent to %s by %s: %s\n", EndpointText(to).c_str(), via.name.c_str(),
+        LINK_LOG(LEVEL_DETAIL, "nothing sent to %s by %s: %s\n", EndpointText(to).c_str(), via.name.c_str(),
                  std::strerror(errno));
     }
 }
@@ -161,21 +161,21 @@ void GroupSockets::Join(const LocalInterface& local) {
                        SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_TTL, 1) &&
                        SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1);
     if (!ready) {
-        LINK_LOG_LIMITED(kLogWarning, "interface %s cannot be used\n", local.name.c_str());
+        LINK_LOG_LIMITED(LEVEL_WARNING, "interface %s cannot be used\n", local.name.c_str());
         return;
     }
     Membership(local, IP_ADD_MEMBERSHIP);
     const int fd = member.socket.Get();
-    loop_.Watch(fd, [this, fd] { ReadAnswers(fd); });
-    members_.emplace(local.index, std::move(member));
-    LINK_LOG(kLogDetail, "uses %s (%s)\n", local.name.c_str(), HostText(local.host).c_str());
+    mLoop.Watch(fd, [this, fd] { ReadAnswers(fd); });
+    mMembers.emplace(local.index, std::move(member));
+    LINK_LOG(LEVEL_DETAIL, "uses %s (%s)\n", local.name.c_str(), HostText(local.host).c_str());
 }
 
 void GroupSockets::Leave(unsigned index) {
-    const auto member = members_.find(index);
-    loop_.Unwatch(member->second.socket.Get());
+    const auto member = mMembers.find(index);
+    mLoop.Unwatch(member->second.socket.Get());
     Membership(member->second.local, IP_DROP_MEMBERSHIP);
-    members_.erase(member);
+    mMembers.erase(member);
 }
 
 void GroupSockets::Membership(const LocalInterface& local, int option) {
@@ -184,32 +184,32 @@ void GroupSockets::Membership(const LocalInterface& local, int option) {
     request.imr_address.s_addr = local.host;
     request.imr_ifindex = static_cast<int>(local.index);
     // Leaving fails where the interface has gone; the membership went with it.
-    if (!SetOption(group_, IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
-        LINK_LOG_LIMITED(kLogWarning, "cannot join the group on %s: %s\n", local.name.c_str(),
+    if (!SetOption(mGroup, IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
+        LINK_LOG_LIMITED(LEVEL_WARNING, "cannot join the group on %s: %s\n", local.name.c_str(),
                          std::strerror(errno));
     }
 }
 
 void GroupSockets::ReadGroup() {
-    for (int reads = 0; reads < kReadsPerTurn; ++reads) {
-        const auto datagram = Receive(group_.Get());
+    for (int reads = 0; reads < READS_PER_TURN; ++reads) {
+        const auto datagram = Receive(mGroup.Get());
         if (!datagram) {
             return;
         }
         if (const auto message = ParseMessage(datagram->bytes)) {
-            listener_.onGroupMessage(*message, datagram->source, datagram->interface);
+            mListener.onGroupMessage(*message, datagram->source, datagram->interface);
         }
     }
 }
 
 void GroupSockets::ReadAnswers(int fd) {
-    for (int reads = 0; reads < kReadsPerTurn; ++reads) {
+    for (int reads = 0; reads < READS_PER_TURN; ++reads) {
         const auto datagram = Receive(fd);
         if (!datagram) {
             return;
         }
         if (const auto message = ParseMessage(datagram->bytes)) {
-            listener_.onAnswer(*message, datagram->source);
+            mListener.onAnswer(*message, datagram->source);
         }
     }
 }

@@ -46,10 +46,10 @@ private:
     void ReadGroup();
     void ReadAnswers(int fd);
 
-    EventLoop& loop_;
-    const Listener listener_;
-    UniqueFd group_;
-    std::map<unsigned, Member> members_;  // by the interface's index
+    EventLoop& mLoop;
+    const Listener mListener;
+    UniqueFd mGroup;
+    std::map<unsigned, Member> mMembers;  // by the interface's index
 };
 
 }  // namespace lumora_link

@@ -11,50 +11,50 @@ using ChangeHandler = decltype(AppResource::DoPUT);
 
 Outcome CallGet(const Registration& registration, const RemoteEndpoint& requester, const HandlerCall& call) {
     if (registration.handlers.DoGET == nullptr) {
-        return {code::kNotAllowed, {}};
+        return {code::NOT_ALLOWED, {}};
     }
     // The value goes in and the reply comes out by the same buffer.
-    std::array<char, kMaxTextBytes + 1> buffer = {};
+    std::array<char, MAX_TEXT_BYTES + 1> buffer = {};
     std::memcpy(buffer.data(), call.value.data(), call.value.size());
     const int result = registration.handlers.DoGET(registration.resource, &requester, call.key.c_str(),
                                                    buffer.data(), static_cast<unsigned>(buffer.size()));
     if (result != 0) {
-        return {code::kInternalError, {}};
+        return {code::INTERNAL_ERROR, {}};
     }
-    return {code::kContent, std::string(buffer.data(), strnlen(buffer.data(), kMaxTextBytes))};
+    return {code::CONTENT, std::string(buffer.data(), strnlen(buffer.data(), MAX_TEXT_BYTES))};
 }
 
 Outcome CallChange(ChangeHandler handler, std::uint8_t success, const Registration& registration,
                    const RemoteEndpoint& requester, const HandlerCall& call) {
     if (handler == nullptr) {
-        return {code::kNotAllowed, {}};
+        return {code::NOT_ALLOWED, {}};
     }
     const int result = handler(registration.resource, &requester, call.key.c_str(), call.value.c_str(),
                                static_cast<unsigned>(call.value.size()));
-    return {result == 0 ? success : code::kInternalError, {}};
+    return {result == 0 ? success : code::INTERNAL_ERROR, {}};
 }
 
 }  // namespace
 
 Outcome CallHandler(const Registration& registration, const HandlerCall& call) {
     if (registration.resource == nullptr) {
-        return {code::kNotFound, {}};
+        return {code::NOT_FOUND, {}};
     }
     RemoteEndpoint requester = {};
     requester.address.s_addr = call.requester.host;
     requester.port = call.requester.port;
     const AppResource& handlers = registration.handlers;
     switch (call.method) {
-        case code::kGet:
+        case code::GET:
             return CallGet(registration, requester, call);
-        case code::kPut:
-            return CallChange(handlers.DoPUT, code::kChanged, registration, requester, call);
-        case code::kPost:
-            return CallChange(handlers.DoPOST, code::kChanged, registration, requester, call);
-        case code::kDelete:
-            return CallChange(handlers.DoDELETE, code::kDeleted, registration, requester, call);
+        case code::PUT:
+            return CallChange(handlers.DoPUT, code::CHANGED, registration, requester, call);
+        case code::POST:
+            return CallChange(handlers.DoPOST, code::CHANGED, registration, requester, call);
+        case code::DELETE:
+            return CallChange(handlers.DoDELETE, code::DELETED, registration, requester, call);
         default:
-            return {code::kNotAllowed, {}};
+            return {code::NOT_ALLOWED, {}};
     }
 }
 

@@ -8,9 +8,9 @@ namespace lumora_link {
 
 namespace {
 
-constexpr std::string_view kScheme = "coap://";
-constexpr std::string_view kSecuredScheme = "coaps://";
-constexpr std::string_view kPath = "/lumora";
+constexpr std::string_view SCHEME = "coap://";
+constexpr std::string_view SECURED_SCHEME = "coaps://";
+constexpr std::string_view PATH = "/lumora";
 
 std::string Quoted(const std::string& text) {
     std::string out = "\"";
@@ -70,14 +70,14 @@ bool TakeUri(std::string_view& text, NodeDescription& into) {
     if (!TakePrefix(text, "<")) {
         return false;
     }
-    into.secured = TakePrefix(text, kSecuredScheme);
-    if (!into.secured && !TakePrefix(text, kScheme)) {
+    into.secured = TakePrefix(text, SECURED_SCHEME);
+    if (!into.secured && !TakePrefix(text, SCHEME)) {
         return false;
     }
-    const std::string_view authority = text.substr(0, text.find(kPath));
+    const std::string_view authority = text.substr(0, text.find(PATH));
     const auto endpoint = ParseEndpoint(std::string(authority), MulticastGroup().port);
     text.remove_prefix(authority.size());
-    const bool path = TakePrefix(text, kPath) && TakePrefix(text, ">");
+    const bool path = TakePrefix(text, PATH) && TakePrefix(text, ">");
     if (!endpoint || !path || (into.secured && endpoint->port < 2)) {
         return false;
     }
@@ -101,7 +101,7 @@ bool Apply(const std::string& name, const std::string& value, NodeDescription& i
     if (name == "rt") {
         into.deviceType = value;
     }
-    return value.size() <= kMaxTextBytes;
+    return value.size() <= MAX_TEXT_BYTES;
 }
 
 }  // namespace
@@ -112,7 +112,7 @@ std::string FormatLink(const NodeDescription& description) {
     std::string text = "<";
     const bool secured = description.secured;
     const Endpoint endpoint = secured ? SecuredPortOf(description.endpoint) : description.endpoint;
-    text.append(secured ? kSecuredScheme : kScheme).append(EndpointText(endpoint)).append(kPath).append(">");
+    text.append(secured ? SECURED_SCHEME : SCHEME).append(EndpointText(endpoint)).append(PATH).append(">");
     if (description.deviceType) {
         text += ";rt=" + Quoted(*description.deviceType);
     }

@@ -25,7 +25,7 @@ int ResultOf(LinkPlatform* platform, const Work& work) noexcept {
     try {
         return work(static_cast<Handle*>(platform)->own) ? 0 : -1;
     } catch (...) {
-        LINK_LOG(lumora_link::kLogError, "the system lacks memory or threads\n");
+        LINK_LOG(lumora_link::LEVEL_ERROR, "the system lacks memory or threads\n");
         return -1;
     }
 }

@@ -9,10 +9,10 @@
 
 namespace lumora_link {
 
-constexpr int kLogTrace = 0;
-constexpr int kLogDetail = 1;
-constexpr int kLogWarning = 3;
-constexpr int kLogError = 4;
+constexpr int LEVEL_TRACE = 0;
+constexpr int LEVEL_DETAIL = 1;
+constexpr int LEVEL_WARNING = 3;
+constexpr int LEVEL_ERROR = 4;
 
 // Lets one line per minute through; the same trouble needs no second line at once.
 class LogLimit {
@@ -21,13 +21,13 @@ public:
         const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                              std::chrono::steady_clock::now().time_since_epoch())
                              .count();
-        auto next = next_.load(std::memory_order_relaxed);
-        return now >= next && next_.compare_exchange_strong(next, now + kSeconds, std::memory_order_relaxed);
+        auto next = mNext.load(std::memory_order_relaxed);
+        return now >= next && mNext.compare_exchange_strong(next, now + SECONDS, std::memory_order_relaxed);
     }
 
 private:
-    static constexpr std::int64_t kSeconds = 60;
-    std::atomic<std::int64_t> next_{0};
+    static constexpr std::int64_t SECONDS = 60;
+    std::atomic<std::int64_t> mNext{0};
 };
 
 }  // namespace lumora_link

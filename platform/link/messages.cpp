@@ -4,23 +4,23 @@
 
 namespace lumora_link {
 
-const char* const kResourcePath = "lumora";
-const char* const kHelloPath = "lumora/hello";
-const char* const kGoodbyePath = "lumora/goodbye";
-const char* const kWellKnownPath = ".well-known/core";
+const char* const RESOURCE_PATH = "lumora";
+const char* const HELLO_PATH = "lumora/hello";
+const char* const GOODBYE_PATH = "lumora/goodbye";
+const char* const WELL_KNOWN_PATH = ".well-known/core";
 
 namespace {
 
-constexpr std::size_t kMaxOptionBytes = 255;
-constexpr std::string_view kTypeQuery = "rt=";
-constexpr std::uint32_t kLinkFormat = 40;
+constexpr std::size_t MAX_OPTION_BYTES = 255;
+constexpr std::string_view TYPE_QUERY = "rt=";
+constexpr std::uint32_t LINK_FORMAT = 40;
 // Keeps a probe within one Ethernet frame.
-constexpr std::size_t kMaxKnownNodes = 250;
+constexpr std::size_t MAX_KNOWN_NODES = 250;
 
 void AddPath(CoapMessage& message, std::string_view path) {
     while (!path.empty()) {
         const std::size_t end = std::min(path.find('/'), path.size());
-        message.Add(option::kUriPath, std::string(path.substr(0, end)));
+        message.Add(option::URI_PATH, std::string(path.substr(0, end)));
         path.remove_prefix(std::min(end + 1, path.size()));
     }
 }
@@ -39,7 +39,7 @@ std::string EncodeRequester(const Requester& requester) {
 }
 
 std::optional<Requester> DecodeRequester(const CoapMessage& message) {
-    const std::string* bytes = message.Find(option::kRequester);
+    const std::string* bytes = message.Find(option::REQUESTER);
     if (bytes == nullptr) {
         return std::nullopt;
     }
@@ -59,7 +59,7 @@ std::string EncodeBlock(const Block& block) {
 }
 
 std::optional<Block> FindBlock(const CoapMessage& message) {
-    const std::string* bytes = message.Find(option::kBlock1);
+    const std::string* bytes = message.Find(option::BLOCK1);
     if (bytes == nullptr) {
         return std::nullopt;
     }
@@ -72,29 +72,29 @@ NodeHint HintOf(std::uint64_t nodeId) { return static_cast<NodeHint>(nodeId ^ no
 CoapMessage MakeProbe(const std::string& deviceType, const std::string& token,
                       const std::vector<NodeHint>& known) {
     CoapMessage probe;
-    probe.code = code::kGet;
+    probe.code = code::GET;
     probe.token = token;
-    AddPath(probe, kWellKnownPath);
-    std::string query = std::string(kTypeQuery) + deviceType;
-    if (query.size() > kMaxOptionBytes) {
+    AddPath(probe, WELL_KNOWN_PATH);
+    std::string query = std::string(TYPE_QUERY) + deviceType;
+    if (query.size() > MAX_OPTION_BYTES) {
         // Asks by the longest prefix that fits; the asker compares the whole type in the answers.
-        query.resize(kMaxOptionBytes - 1);
+        query.resize(MAX_OPTION_BYTES - 1);
         query.push_back('*');
     }
-    probe.Add(option::kUriQuery, std::move(query));
+    probe.Add(option::URI_QUERY, std::move(query));
     std::string hints;
-    for (std::size_t at = 0; at < known.size() && at < kMaxKnownNodes; ++at) {
+    for (std::size_t at = 0; at < known.size() && at < MAX_KNOWN_NODES; ++at) {
         AppendBigEndian(hints, known[at], sizeof(NodeHint));
     }
     if (!hints.empty()) {
-        probe.Add(option::kKnownNodes, std::move(hints));
+        probe.Add(option::KNOWN_NODES, std::move(hints));
     }
     return probe;
 }
 
 std::set<NodeHint> KnownNodes(const CoapMessage& probe) {
     std::set<NodeHint> known;
-    if (const std::string* hints = probe.Find(option::kKnownNodes)) {
+    if (const std::string* hints = probe.Find(option::KNOWN_NODES)) {
         ByteReader reader(*hints);
         while (!reader.AtEnd()) {
             known.insert(static_cast<NodeHint>(reader.Number(sizeof(NodeHint))));
@@ -104,14 +104,14 @@ std::set<NodeHint> KnownNodes(const CoapMessage& probe) {
 }
 
 bool IsAskedFor(const CoapMessage& probe, const std::optional<std::string>& deviceType) {
-    const std::string* query = probe.Find(option::kUriQuery);
+    const std::string* query = probe.Find(option::URI_QUERY);
     if (query == nullptr) {
         return true;
     }
-    if (!deviceType || query->compare(0, kTypeQuery.size(), kTypeQuery) != 0) {
+    if (!deviceType || query->compare(0, TYPE_QUERY.size(), TYPE_QUERY) != 0) {
         return false;
     }
-    const std::string wanted = query->substr(kTypeQuery.size());
+    const std::string wanted = query->substr(TYPE_QUERY.size());
     if (wanted == *deviceType) {
         return true;
     }
@@ -123,19 +123,19 @@ CoapMessage MakeLinkAnswer(const CoapMessage& request, const std::string& link) 
     CoapMessage answer;
     answer.type =
         request.type == MessageType::Confirmable ? MessageType::Acknowledgement : MessageType::NonConfirmable;
-    answer.code = code::kContent;
+    answer.code = code::CONTENT;
     answer.messageId = request.messageId;
     answer.token = request.token;
-    answer.Add(option::kContentFormat, EncodeUint(kLinkFormat));
+    answer.Add(option::CONTENT_FORMAT, EncodeUint(LINK_FORMAT));
     answer.payload = link;
     return answer;
 }
 
 CoapMessage MakeNotice(const char* path, const std::string& link) {
     CoapMessage notice;
-    notice.code = code::kPost;
+    notice.code = code::POST;
     AddPath(notice, path);
-    notice.Add(option::kContentFormat, EncodeUint(kLinkFormat));
+    notice.Add(option::CONTENT_FORMAT, EncodeUint(LINK_FORMAT));
     notice.payload = link;
     return notice;
 }
@@ -143,20 +143,20 @@ CoapMessage MakeNotice(const char* path, const std::string& link) {
 CoapMessage MakePing() {
     CoapMessage ping;
     ping.type = MessageType::Confirmable;
-    ping.code = code::kGet;
-    AddPath(ping, kWellKnownPath);
+    ping.code = code::GET;
+    AddPath(ping, WELL_KNOWN_PATH);
     return ping;
 }
 
 void AddKey(CoapMessage& message, const std::string& key) {
-    AddPath(message, kResourcePath);
-    for (std::size_t at = 0; at < key.size(); at += kMaxOptionBytes) {
-        message.Add(option::kUriQuery, key.substr(at, kMaxOptionBytes));
+    AddPath(message, RESOURCE_PATH);
+    for (std::size_t at = 0; at < key.size(); at += MAX_OPTION_BYTES) {
+        message.Add(option::URI_QUERY, key.substr(at, MAX_OPTION_BYTES));
     }
 }
 
-std::string KeyOf(const CoapMessage& message) { return message.Joined(option::kUriQuery, ""); }
+std::string KeyOf(const CoapMessage& message) { return message.Joined(option::URI_QUERY, ""); }
 
-std::string PathOf(const CoapMessage& message) { return message.Joined(option::kUriPath, "/"); }
+std::string PathOf(const CoapMessage& message) { return message.Joined(option::URI_PATH, "/"); }
 
 }  // namespace lumora_link

@@ -18,10 +18,10 @@
 
 namespace lumora_link {
 
-extern const char* const kResourcePath;   // the resource that a node offers
-extern const char* const kHelloPath;      // where it hears of others
-extern const char* const kGoodbyePath;    // and of their leaving
-extern const char* const kWellKnownPath;  // where it describes itself
+extern const char* const RESOURCE_PATH;    // the resource that a node offers
+extern const char* const HELLO_PATH;       // where it hears of others
+extern const char* const GOODBYE_PATH;     // and of their leaving
+extern const char* const WELL_KNOWN_PATH;  // where it describes itself
 
 // Tells the served node who asks and which requests are still open; see RequestTable.
 struct Requester {

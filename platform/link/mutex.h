@@ -20,32 +20,32 @@ namespace lumora_link {
 
 class LINK_CAPABILITY Mutex {
 public:
-    void lock() LINK_ACQUIRE() { mutex_.lock(); }
-    void unlock() LINK_RELEASE() { mutex_.unlock(); }
+    void lock() LINK_ACQUIRE() { mMutex.lock(); }
+    void unlock() LINK_RELEASE() { mMutex.unlock(); }
 
 private:
-    std::mutex mutex_;
+    std::mutex mMutex;
 };
 
 class LINK_SCOPED_CAPABILITY MutexLock {
 public:
-    explicit MutexLock(Mutex& mutex) LINK_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-    ~MutexLock() LINK_RELEASE() { mutex_.unlock(); }
+    explicit MutexLock(Mutex& mutex) LINK_ACQUIRE(mutex) : mMutex(mutex) { mMutex.lock(); }
+    ~MutexLock() LINK_RELEASE() { mMutex.unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
 private:
-    Mutex& mutex_;
+    Mutex& mMutex;
 };
 
 // Waits with a Mutex held; the lock is let go meanwhile and held again afterwards.
 class Condition {
 public:
-    void Wait(Mutex& mutex) LINK_REQUIRES(mutex) { condition_.wait(mutex); }
-    void NotifyAll() { condition_.notify_all(); }
+    void Wait(Mutex& mutex) LINK_REQUIRES(mutex) { mCondition.wait(mutex); }
+    void NotifyAll() { mCondition.notify_all(); }
 
 private:
-    std::condition_variable_any condition_;
+    std::condition_variable_any mCondition;
 };
 
 }  // namespace lumora_link

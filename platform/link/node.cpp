@@ -9,85 +9,85 @@ namespace lumora_link {
 namespace {
 
 // A flood of requests is refused rather than stored.
-constexpr std::size_t kMaxQueuedCalls = 256;
+constexpr std::size_t MAX_QUEUED_CALLS = 256;
 // Events are few and must not be lost; the bound only ends what would never end.
-constexpr std::size_t kMaxQueuedEvents = 65536;
+constexpr std::size_t MAX_QUEUED_EVENTS = 65536;
 
 }  // namespace
 
 Node::Node(Config config, NodeIdentity identity, Registration registration)
-    : registration_(std::move(registration)),
-      io_(std::move(config), identity, CurrentRegistration().deviceType, *this),
-      handlers_("lumora-link-req", kMaxQueuedCalls),
-      events_("lumora-link-evt", kMaxQueuedEvents) {}
+    : mRegistration(std::move(registration)),
+      mIo(std::move(config), identity, CurrentRegistration().deviceType, *this),
+      mHandlers("lumora-link-req", MAX_QUEUED_CALLS),
+      mEvents("lumora-link-evt", MAX_QUEUED_EVENTS) {}
 
 Node::~Node() { Stop(); }
 
 void Node::Stop() {
-    accepting_ = false;
-    Contain([this] { io_.Post([](NodeCore& core, TimePoint) { core.RefuseRequests(); }); });
-    handlers_.Stop();
-    events_.Stop();
-    io_.Stop();
-    requests_.Close();
-    searches_.Close();
+    mAccepting = false;
+    Contain([this] { mIo.Post([](NodeCore& core, TimePoint) { core.RefuseRequests(); }); });
+    mHandlers.Stop();
+    mEvents.Stop();
+    mIo.Stop();
+    mRequests.Close();
+    mSearches.Close();
 }
 
 void Node::Register(Registration registration) {
     std::optional<std::string> deviceType = registration.deviceType;
     {
-        MutexLock lock(mutex_);
-        registration_ = std::move(registration);
+        MutexLock lock(mMutex);
+        mRegistration = std::move(registration);
     }
-    io_.Post([deviceType](NodeCore& core, TimePoint now) { core.SetDeviceType(deviceType, now); });
+    mIo.Post([deviceType](NodeCore& core, TimePoint now) { core.SetDeviceType(deviceType, now); });
 }
 
 Outcome Node::Request(const Endpoint& to, std::uint8_t method, std::string key, std::string value) {
-    const auto ticket = accepting_ ? requests_.Enter() : std::nullopt;
+    const auto ticket = mAccepting ? mRequests.Enter() : std::nullopt;
     if (!ticket) {
         return {};
     }
     OutgoingRequest request{*ticket, to, method, std::move(key), std::move(value)};
-    const bool posted = io_.Post([this, request = std::move(request)](NodeCore& core, TimePoint now) {
+    const bool posted = mIo.Post([this, request = std::move(request)](NodeCore& core, TimePoint now) {
         try {
             core.StartRequest(request, now);
         } catch (...) {
-            requests_.Tell(request.ticket, {});
+            mRequests.Tell(request.ticket, {});
         }
     });
     if (!posted) {
-        requests_.Tell(*ticket, {});
+        mRequests.Tell(*ticket, {});
     }
-    return requests_.Wait(*ticket);
+    return mRequests.Wait(*ticket);
 }
 
 std::vector<NodeDescription> Node::Find(const std::string& deviceType) {
-    const auto ticket = accepting_ ? searches_.Enter() : std::nullopt;
+    const auto ticket = mAccepting ? mSearches.Enter() : std::nullopt;
     if (!ticket) {
         return {};
     }
-    const bool posted = io_.Post([this, ticket, deviceType](NodeCore& core, TimePoint now) {
+    const bool posted = mIo.Post([this, ticket, deviceType](NodeCore& core, TimePoint now) {
         try {
             core.StartSearch(*ticket, deviceType, now);
         } catch (...) {
-            searches_.Tell(*ticket, {});
+            mSearches.Tell(*ticket, {});
         }
     });
     if (!posted) {
-        searches_.Tell(*ticket, {});
+        mSearches.Tell(*ticket, {});
     }
-    return searches_.Wait(*ticket);
+    return mSearches.Wait(*ticket);
 }
 
 bool Node::Handle(HandlerCall call) {
-    return handlers_.Post([this, call = std::move(call)] {
-        Outcome outcome{code::kInternalError, {}};
+    return mHandlers.Post([this, call = std::move(call)] {
+        Outcome outcome{code::INTERNAL_ERROR, {}};
         try {
             outcome = CallHandler(CurrentRegistration(), call);
         } catch (...) {
-            LINK_LOG(kLogError, "a handler threw; the request has failed\n");
+            LINK_LOG(LEVEL_ERROR, "a handler threw; the request has failed\n");
         }
-        io_.Post([ticket = call.ticket, outcome = std::move(outcome)](NodeCore& core, TimePoint now) {
+        mIo.Post([ticket = call.ticket, outcome = std::move(outcome)](NodeCore& core, TimePoint now) {
             core.OnHandled(ticket, outcome, now);
         });
     });
@@ -95,21 +95,21 @@ bool Node::Handle(HandlerCall call) {
 
 void Node::Notify(DeviceEvent event) {
     const bool queued =
-        events_.Post([this, event = std::move(event)] { CallDeviceEvent(CurrentRegistration(), event); });
-    if (!queued && accepting_) {
-        LINK_LOG(kLogError, "a device event is lost: the application takes none\n");
+        mEvents.Post([this, event = std::move(event)] { CallDeviceEvent(CurrentRegistration(), event); });
+    if (!queued && mAccepting) {
+        LINK_LOG(LEVEL_ERROR, "a device event is lost: the application takes none\n");
     }
 }
 
-void Node::RequestEnded(std::uint64_t ticket, Outcome outcome) { requests_.Tell(ticket, std::move(outcome)); }
+void Node::RequestEnded(std::uint64_t ticket, Outcome outcome) { mRequests.Tell(ticket, std::move(outcome)); }
 
 void Node::SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) {
-    searches_.Tell(ticket, std::move(found));
+    mSearches.Tell(ticket, std::move(found));
 }
 
 Registration Node::CurrentRegistration() {
-    MutexLock lock(mutex_);
-    return registration_;
+    MutexLock lock(mMutex);
+    return mRegistration;
 }
 
 }  // namespace lumora_link

@@ -31,11 +31,11 @@ public:
     Node(Config config, NodeIdentity identity, Registration registration);
     ~Node() override;
 
-    bool Start() { return io_.Start(); }
+    bool Start() { return mIo.Start(); }
     // Waits for handlers and events that run, says goodbye, ends. Nothing is called afterwards.
     void Stop();
     // Whether this is a thread that Stop would wait for.
-    bool IsOwnThread() const { return handlers_.IsCurrentThread() || events_.IsCurrentThread(); }
+    bool IsOwnThread() const { return mHandlers.IsCurrentThread() || mEvents.IsCurrentThread(); }
 
     void Register(Registration registration);
 
@@ -51,15 +51,15 @@ private:
 
     Registration CurrentRegistration();
 
-    std::atomic<bool> accepting_{true};
-    Mutex mutex_;
-    Registration registration_ LINK_GUARDED_BY(mutex_);
-    WaitingRoom<Outcome> requests_;
-    WaitingRoom<std::vector<NodeDescription>> searches_;
+    std::atomic<bool> mAccepting{true};
+    Mutex mMutex;
+    Registration mRegistration LINK_GUARDED_BY(mMutex);
+    WaitingRoom<Outcome> mRequests;
+    WaitingRoom<std::vector<NodeDescription>> mSearches;
     // The threads end before what they use.
-    NodeIo io_;
-    Worker handlers_;
-    Worker events_;
+    NodeIo mIo;
+    Worker mHandlers;
+    Worker mEvents;
 };
 
 }  // namespace lumora_link

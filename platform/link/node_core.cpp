@@ -19,77 +19,77 @@ Self SelfOf(NodeIdentity identity, bool secured) {
 
 NodeCore::NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> peers, RandomSource& random,
                    Network& network, Application& application)
-    : application_(application),
-      network_(network),
-      self_(SelfOf(identity, secured)),
-      labels_(random),
-      presence_(self_, labels_, network, std::move(peers)),
-      discovery_(self_, labels_, network, application, presence_),
-      client_(self_, labels_, network, application),
-      server_(presence_.Directory(), network, application) {}
+    : mApplication(application),
+      mNetwork(network),
+      mSelf(SelfOf(identity, secured)),
+      mLabels(random),
+      mPresence(mSelf, mLabels, network, std::move(peers)),
+      mDiscovery(mSelf, mLabels, network, application, mPresence),
+      mClient(mSelf, mLabels, network, application),
+      mServer(mPresence.Directory(), network, application) {}
 
 void NodeCore::SetDeviceType(std::optional<std::string> deviceType, TimePoint now) {
-    self_.deviceType = std::move(deviceType);
-    presence_.HelloSoon(now);
+    mSelf.deviceType = std::move(deviceType);
+    mPresence.HelloSoon(now);
 }
 
 void NodeCore::SetInterfaces(std::vector<LocalInterface> interfaces, std::uint16_t port, TimePoint now) {
-    self_.interfaces = std::move(interfaces);
-    self_.port = port;
-    presence_.HelloSoon(now);
+    mSelf.interfaces = std::move(interfaces);
+    mSelf.port = port;
+    mPresence.HelloSoon(now);
 }
 
 void NodeCore::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
-    discovery_.StartSearch(ticket, deviceType, now);
+    mDiscovery.StartSearch(ticket, deviceType, now);
 }
 
 void NodeCore::StartRequest(OutgoingRequest request, TimePoint now) {
-    client_.Start(std::move(request), now);
+    mClient.Start(std::move(request), now);
 }
 
 void NodeCore::OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now) {
-    server_.OnHandled(ticket, outcome, now);
+    mServer.OnHandled(ticket, outcome, now);
 }
 
 void NodeCore::Close(TimePoint now) {
-    server_.Close(now);
-    client_.Close();
-    discovery_.Close();
-    presence_.SayGoodbye();
+    mServer.Close(now);
+    mClient.Close();
+    mDiscovery.Close();
+    mPresence.SayGoodbye();
 }
 
 void NodeCore::OnGroupMessage(const CoapMessage& message, const Endpoint& source, unsigned interface,
                               TimePoint now) {
-    const LocalInterface* local = self_.InterfaceOf(interface);
+    const LocalInterface* local = mSelf.InterfaceOf(interface);
     if (local == nullptr || message.type != MessageType::NonConfirmable) {
         return;
     }
     const std::string path = PathOf(message);
-    if (message.code == code::kGet && path == kWellKnownPath) {
-        discovery_.OnProbe(message, source, *local, now);
-    } else if (message.code == code::kPost && (path == kHelloPath || path == kGoodbyePath)) {
-        presence_.OnNotice(message, source, false, now);
+    if (message.code == code::GET && path == WELL_KNOWN_PATH) {
+        mDiscovery.OnProbe(message, source, *local, now);
+    } else if (message.code == code::POST && (path == HELLO_PATH || path == GOODBYE_PATH)) {
+        mPresence.OnNotice(message, source, false, now);
     }
     PassEvents();
 }
 
 void NodeCore::OnSearchAnswer(const CoapMessage& message, const Endpoint& source, TimePoint now) {
-    discovery_.OnAnswer(message, source, now);
+    mDiscovery.OnAnswer(message, source, now);
     PassEvents();
 }
 
 void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_addr_t localHost,
                          ReplyPath path, TimePoint now) {
     const std::string uri = PathOf(message);
-    if (uri == kResourcePath) {
-        server_.OnRequest(message, source, path, now);
-    } else if (uri == kWellKnownPath && message.code == code::kGet) {
+    if (uri == RESOURCE_PATH) {
+        mServer.OnRequest(message, source, path, now);
+    } else if (uri == WELL_KNOWN_PATH && message.code == code::GET) {
         Describe(message, localHost, path);
     } else {
-        if (message.code == code::kPost) {
-            presence_.OnNotice(message, source, true, now);
+        if (message.code == code::POST) {
+            mPresence.OnNotice(message, source, true, now);
         }
-        network_.Forget(path);
+        mNetwork.Forget(path);
     }
     PassEvents();
 }
@@ -97,48 +97,48 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
 // Asked directly, a node without the wanted type still answers: with no links, so that the asker
 // need not wait.
 void NodeCore::Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path) {
-    const bool asked = IsAskedFor(request, self_.deviceType);
+    const bool asked = IsAskedFor(request, mSelf.deviceType);
     if (asked || request.type == MessageType::Confirmable) {
-        network_.Reply(path, MakeLinkAnswer(request, asked ? FormatLink(self_.DescribedAt(localHost)) : ""));
+        mNetwork.Reply(path, MakeLinkAnswer(request, asked ? FormatLink(mSelf.DescribedAt(localHost)) : ""));
     }
-    network_.Forget(path);
+    mNetwork.Forget(path);
 }
 
 void NodeCore::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
-    if (!client_.OnAnswer(conversation, answer, now)) {
-        presence_.OnAnswer(conversation, answer, now);
+    if (!mClient.OnAnswer(conversation, answer, now)) {
+        mPresence.OnAnswer(conversation, answer, now);
     }
     PassEvents();
 }
 
 void NodeCore::OnRefused(ConversationId conversation, TimePoint now) {
-    if (const auto refusing = client_.OnRefused(conversation)) {
-        presence_.Directory().SuspectAt(*refusing, now);
+    if (const auto refusing = mClient.OnRefused(conversation)) {
+        mPresence.Directory().SuspectAt(*refusing, now);
     } else {
-        presence_.OnRefused(conversation, now);
+        mPresence.OnRefused(conversation, now);
     }
     PassEvents();
 }
 
 void NodeCore::Tick(TimePoint now) {
-    presence_.Tick(now);
-    discovery_.Tick(now);
-    client_.Tick(now);
-    server_.Tick(now);
+    mPresence.Tick(now);
+    mDiscovery.Tick(now);
+    mClient.Tick(now);
+    mServer.Tick(now);
     PassEvents();
 }
 
 TimePoint NodeCore::NextDeadline(TimePoint now) const {
-    return std::min({presence_.NextDeadline(), discovery_.NextDeadline(now), client_.NextDeadline(),
-                     server_.NextDeadline()});
+    return std::min({mPresence.NextDeadline(), mDiscovery.NextDeadline(now), mClient.NextDeadline(),
+                     mServer.NextDeadline()});
 }
 
 void NodeCore::PassEvents() {
-    for (DeviceEvent& event : presence_.Directory().TakeEvents()) {
+    for (DeviceEvent& event : mPresence.Directory().TakeEvents()) {
         if (!event.added) {
-            network_.OnPeerGone(event.node.endpoint);
+            mNetwork.OnPeerGone(event.node.endpoint);
         }
-        application_.Notify(std::move(event));
+        mApplication.Notify(std::move(event));
     }
 }
 

@@ -29,7 +29,7 @@ public:
     void StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now);
     void StartRequest(OutgoingRequest request, TimePoint now);
     void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
-    void RefuseRequests() { server_.Refuse(); }
+    void RefuseRequests() { mServer.Refuse(); }
     // Says goodbye and ends everything that is still waited for.
     void Close(TimePoint now);
 
@@ -42,7 +42,7 @@ public:
     void OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
     void OnRefused(ConversationId conversation, TimePoint now);
     // The first message had to wait for a way to the peer, and has left now.
-    void OnReached(ConversationId conversation, TimePoint now) { client_.OnReached(conversation, now); }
+    void OnReached(ConversationId conversation, TimePoint now) { mClient.OnReached(conversation, now); }
 
     void Tick(TimePoint now);
     TimePoint NextDeadline(TimePoint now) const;
@@ -51,14 +51,14 @@ private:
     void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path);
     void PassEvents();
 
-    Application& application_;
-    Network& network_;
-    Self self_;
-    Labels labels_;
-    Presence presence_;
-    Discovery discovery_;
-    RequestClient client_;
-    RequestServer server_;
+    Application& mApplication;
+    Network& mNetwork;
+    Self mSelf;
+    Labels mLabels;
+    Presence mPresence;
+    Discovery mDiscovery;
+    RequestClient mClient;
+    RequestServer mServer;
 };
 
 }  // namespace lumora_link

@@ -40,11 +40,11 @@ public:
 private:
     class SystemRandom : public RandomSource {
     public:
-        std::uint64_t Next() override { return generator_(); }
+        std::uint64_t Next() override { return mGenerator(); }
 
     private:
         static std::uint64_t Seed();
-        std::mt19937_64 generator_{Seed()};
+        std::mt19937_64 mGenerator{Seed()};
     };
 
     bool Open();
@@ -62,18 +62,18 @@ private:
     void Reply(ReplyPath path, const CoapMessage& message) override;
     void Forget(ReplyPath path) override;
 
-    const Config config_;
-    std::optional<Psk> psk_;
-    SystemRandom random_;
-    NodeCore core_;
-    EventLoop loop_;
-    PortGuard port_;
-    PortGuard securedPort_;
-    UniqueFd routes_;
-    std::unique_ptr<GroupSockets> group_;
-    std::unique_ptr<CoapPort> coap_;
-    std::atomic<bool> running_{true};
-    std::thread thread_;
+    const Config mConfig;
+    std::optional<Psk> mPsk;
+    SystemRandom mRandom;
+    NodeCore mCore;
+    EventLoop mLoop;
+    PortGuard mPort;
+    PortGuard mSecuredPort;
+    UniqueFd mRoutes;
+    std::unique_ptr<GroupSockets> mGroup;
+    std::unique_ptr<CoapPort> mCoap;
+    std::atomic<bool> mRunning{true};
+    std::thread mThread;
 };
 
 // For node ids and instance numbers.

@@ -7,13 +7,13 @@ namespace lumora_link {
 namespace {
 
 // Bounds what a flood of invented nodes can cost.
-constexpr std::size_t kMaxPeers = 4096;
-constexpr std::size_t kMaxWays = 16;
-constexpr std::size_t kMaxSuspects = 512;
+constexpr std::size_t MAX_PEERS = 4096;
+constexpr std::size_t MAX_WAYS = 16;
+constexpr std::size_t MAX_SUSPECTS = 512;
 // Among more nodes the work of asking would cost more answers than it saves time.
-constexpr std::size_t kMostNeighbours = 64;
-constexpr std::size_t kMaxGraves = 1024;
-constexpr Milliseconds kGraveTime{10000};
+constexpr std::size_t MOST_NEIGHBOURS = 64;
+constexpr std::size_t MAX_GRAVES = 1024;
+constexpr Milliseconds GRAVE_TIME{10000};
 
 bool WasHeardFrom(const Peer& peer, in_addr_t host) {
     return std::any_of(peer.ways.begin(), peer.ways.end(),
@@ -23,29 +23,29 @@ bool WasHeardFrom(const Peer& peer, in_addr_t host) {
 }  // namespace
 
 bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now, Source source) {
-    const bool believed = !secured_ || source == Source::kPing;
-    if (node.identity.id == ownId_ || IsBuried(node.identity, now)) {
+    const bool believed = !mSecured || source == Source::PING;
+    if (node.identity.id == mOwnId || IsBuried(node.identity, now)) {
         return false;
     }
-    auto known = peers_.find(node.identity.id);
-    const bool restarted = known != peers_.end() && known->second.node.identity != node.identity;
+    auto known = mPeers.find(node.identity.id);
+    const bool restarted = known != mPeers.end() && known->second.node.identity != node.identity;
     if (restarted && believed) {
         Bury(known->second.node.identity, now);
     }
-    if (restarted || (known != peers_.end() && !Refresh(known->second, node, now))) {
+    if (restarted || (known != mPeers.end() && !Refresh(known->second, node, now))) {
         // It has moved to another address or offers something else: for others, a new device.
         if (!believed) {
             Suspect(node.identity.id, now);
             return false;
         }
         Remove(known);
-        known = peers_.end();
+        known = mPeers.end();
     }
-    if (known != peers_.end()) {
+    if (known != mPeers.end()) {
         known->second.unicast = known->second.unicast || unicast;
         return false;
     }
-    if (peers_.size() >= kMaxPeers) {
+    if (mPeers.size() >= MAX_PEERS) {
         return false;
     }
     if (!believed && HasOwner(node.endpoint)) {
@@ -60,31 +60,31 @@ bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint no
 // A node on several interfaces is heard under several addresses. It keeps the one under which it
 // was seen first for as long as that one is alive, so that all who ask here name it alike.
 bool PeerDirectory::Refresh(Peer& peer, const NodeDescription& node, TimePoint now) {
-    if (peer.ways.size() < kMaxWays || peer.ways.count(node.endpoint) != 0) {
+    if (peer.ways.size() < MAX_WAYS || peer.ways.count(node.endpoint) != 0) {
         peer.ways[node.endpoint] = now;
     }
     const bool sameWay = node.endpoint == peer.node.endpoint;
-    const bool wayAlive = sameWay || now - peer.ways[peer.node.endpoint] < kDoubtAfter + kGiveUpAfter;
+    const bool wayAlive = sameWay || now - peer.ways[peer.node.endpoint] < DOUBT_AFTER + GIVE_UP_AFTER;
     if (!wayAlive || node.deviceType != peer.node.deviceType) {
         return false;
     }
     peer.heard = now;
     peer.doubtedSince.reset();
     peer.saidGoodbye = false;
-    doubted_.erase(node.identity.id);
-    suspects_.erase(node.identity.id);
+    mDoubted.erase(node.identity.id);
+    mSuspects.erase(node.identity.id);
     return true;
 }
 
 void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now) {
-    const auto known = peers_.find(identity.id);
-    if (known == peers_.end() || known->second.node.identity != identity) {
+    const auto known = mPeers.find(identity.id);
+    if (known == mPeers.end() || known->second.node.identity != identity) {
         return;
     }
     if (!WasHeardFrom(known->second, source)) {
         return;
     }
-    if (secured_) {
+    if (mSecured) {
         known->second.saidGoodbye = true;
         Suspect(identity.id, now);
     } else {
@@ -94,8 +94,8 @@ void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePo
 }
 
 void PeerDirectory::Refuse(std::uint64_t nodeId, TimePoint now) {
-    const auto known = peers_.find(nodeId);
-    if (known == peers_.end()) {
+    const auto known = mPeers.find(nodeId);
+    if (known == mPeers.end()) {
         return;
     }
     // Else no grave: the same instance may live on under another address.
@@ -106,14 +106,14 @@ void PeerDirectory::Refuse(std::uint64_t nodeId, TimePoint now) {
 }
 
 void PeerDirectory::Suspect(std::uint64_t nodeId, TimePoint now) {
-    if (peers_.count(nodeId) != 0 && suspects_.size() < kMaxSuspects) {
-        suspects_[nodeId] = now + kSuspicion;
+    if (mPeers.count(nodeId) != 0 && mSuspects.size() < MAX_SUSPECTS) {
+        mSuspects[nodeId] = now + SUSPICION;
         CheckAt(now);
     }
 }
 
 void PeerDirectory::SuspectAt(const Endpoint& endpoint, TimePoint now) {
-    for (const auto& [id, peer] : peers_) {
+    for (const auto& [id, peer] : mPeers) {
         if (peer.node.endpoint == endpoint) {
             Suspect(id, now);
         }
@@ -123,15 +123,15 @@ void PeerDirectory::SuspectAt(const Endpoint& endpoint, TimePoint now) {
 // Looks at every node only when the earliest can be due: with many nodes, most calls come from
 // their hellos.
 void PeerDirectory::Tick(TimePoint now) {
-    if (now < nextCheck_) {
+    if (now < mNextCheck) {
         return;
     }
-    nextCheck_ = TimePoint::max();
+    mNextCheck = TimePoint::max();
     DoubtSuspects(now);
     Announce(now);
-    const Milliseconds doubtAfter = IsCrowd() ? kDoubtInCrowdAfter : kDoubtAfter;
-    const Milliseconds giveUpAfter = IsCrowd() ? kGiveUpInCrowdAfter : kGiveUpAfter;
-    for (auto at = peers_.begin(); at != peers_.end();) {
+    const Milliseconds doubtAfter = IsCrowd() ? DOUBT_IN_CROWD_AFTER : DOUBT_AFTER;
+    const Milliseconds giveUpAfter = IsCrowd() ? GIVE_UP_IN_CROWD_AFTER : GIVE_UP_AFTER;
+    for (auto at = mPeers.begin(); at != mPeers.end();) {
         Peer& peer = at->second;
         if (!peer.doubtedSince && now - peer.heard >= doubtAfter) {
             Doubt(peer, now);
@@ -151,28 +151,28 @@ void PeerDirectory::Tick(TimePoint now) {
 
 void PeerDirectory::Doubt(Peer& peer, TimePoint now) {
     peer.doubtedSince = now;
-    doubted_.insert(peer.node.identity.id);
+    mDoubted.insert(peer.node.identity.id);
 }
 
 void PeerDirectory::DoubtSuspects(TimePoint now) {
-    for (auto at = suspects_.begin(); at != suspects_.end();) {
-        at = at->second <= now ? suspects_.erase(at) : std::next(at);
+    for (auto at = mSuspects.begin(); at != mSuspects.end();) {
+        at = at->second <= now ? mSuspects.erase(at) : std::next(at);
     }
-    if (now - askedSince_ >= kAskAgainAfter) {
-        askedSince_ = now;
-        asked_ = 0;
+    if (now - mAskedSince >= ASK_AGAIN_AFTER) {
+        mAskedSince = now;
+        mAsked = 0;
     }
-    const std::size_t share = kAskedByAll / std::max<std::size_t>(peers_.size(), 1);
-    const std::size_t most = std::clamp<std::size_t>(share, 1, kAskedAtOnce);
+    const std::size_t share = ASKED_BY_ALL / std::max<std::size_t>(mPeers.size(), 1);
+    const std::size_t most = std::clamp<std::size_t>(share, 1, ASKED_AT_ONCE);
     Peer* suspect = LongestSilentSuspect();
-    for (; suspect != nullptr && asked_ < most; suspect = LongestSilentSuspect()) {
+    for (; suspect != nullptr && mAsked < most; suspect = LongestSilentSuspect()) {
         Doubt(*suspect, now);
-        ++asked_;
+        ++mAsked;
     }
     if (suspect != nullptr) {
-        CheckAt(askedSince_ + kAskAgainAfter);
+        CheckAt(mAskedSince + ASK_AGAIN_AFTER);
     }
-    for (const auto& [id, until] : suspects_) {
+    for (const auto& [id, until] : mSuspects) {
         CheckAt(until);
     }
 }
@@ -180,8 +180,8 @@ void PeerDirectory::DoubtSuspects(TimePoint now) {
 // Of those who are not in doubt yet.
 Peer* PeerDirectory::LongestSilentSuspect() {
     Peer* longest = nullptr;
-    for (const auto& [id, until] : suspects_) {
-        Peer& peer = peers_.at(id);
+    for (const auto& [id, until] : mSuspects) {
+        Peer& peer = mPeers.at(id);
         if (!peer.doubtedSince && (longest == nullptr || peer.heard < longest->heard)) {
             longest = &peer;
         }
@@ -190,26 +190,26 @@ Peer* PeerDirectory::LongestSilentSuspect() {
 }
 
 void PeerDirectory::Announce(TimePoint now) {
-    for (auto at = heldBack_.begin(); at != heldBack_.end();) {
-        if (!suspects_.empty() && now < at->second) {
+    for (auto at = mHeldBack.begin(); at != mHeldBack.end();) {
+        if (!mSuspects.empty() && now < at->second) {
             CheckAt(at->second);
             ++at;
             continue;
         }
-        const Peer& peer = peers_.at(at->first);
-        events_.push_back({true, peer.number, peer.node});
-        at = heldBack_.erase(at);
+        const Peer& peer = mPeers.at(at->first);
+        mEvents.push_back({true, peer.number, peer.node});
+        at = mHeldBack.erase(at);
     }
 }
 
 const Peer* PeerDirectory::Find(std::uint64_t nodeId) const {
-    const auto known = peers_.find(nodeId);
-    return known == peers_.end() ? nullptr : &known->second;
+    const auto known = mPeers.find(nodeId);
+    return known == mPeers.end() ? nullptr : &known->second;
 }
 
 std::vector<const Peer*> PeerDirectory::OfType(const std::string& deviceType) const {
     std::vector<const Peer*> found;
-    for (const auto& [id, peer] : peers_) {
+    for (const auto& [id, peer] : mPeers) {
         if (peer.node.deviceType == deviceType) {
             found.push_back(&peer);
         }
@@ -218,52 +218,52 @@ std::vector<const Peer*> PeerDirectory::OfType(const std::string& deviceType) co
 }
 
 std::vector<DeviceEvent> PeerDirectory::TakeEvents() {
-    if (suspects_.empty()) {
+    if (mSuspects.empty()) {
         Announce(TimePoint::max());
     }
     std::vector<DeviceEvent> events;
-    events.swap(events_);
+    events.swap(mEvents);
     return events;
 }
 
 bool PeerDirectory::IsBuried(const NodeIdentity& identity, TimePoint now) {
-    while (!graves_.empty() && graves_.front().until <= now) {
-        graves_.pop_front();
+    while (!mGraves.empty() && mGraves.front().until <= now) {
+        mGraves.pop_front();
     }
-    return std::any_of(graves_.begin(), graves_.end(),
+    return std::any_of(mGraves.begin(), mGraves.end(),
                        [&](const Grave& grave) { return grave.identity == identity; });
 }
 
 void PeerDirectory::Bury(const NodeIdentity& identity, TimePoint now) {
-    if (graves_.size() >= kMaxGraves) {
-        graves_.pop_front();
+    if (mGraves.size() >= MAX_GRAVES) {
+        mGraves.pop_front();
     }
-    graves_.push_back({identity, now + kGraveTime});
+    mGraves.push_back({identity, now + GRAVE_TIME});
 }
 
 void PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now) {
     Peer peer;
     peer.node = node;
-    peer.number = ++lastNumber_;
+    peer.number = ++mLastNumber;
     peer.heard = now;
     peer.unicast = unicast;
     peer.ways[node.endpoint] = now;
-    CheckAt(now + kDoubtAfter);
+    CheckAt(now + DOUBT_AFTER);
     if (SuspectNeighbours(node, now)) {
-        heldBack_[node.identity.id] = now + kHoldBack;
-        CheckAt(now + kHoldBack);
+        mHeldBack[node.identity.id] = now + HOLD_BACK;
+        CheckAt(now + HOLD_BACK);
     } else {
-        events_.push_back({true, peer.number, node});
+        mEvents.push_back({true, peer.number, node});
     }
-    peers_.emplace(node.identity.id, std::move(peer));
+    mPeers.emplace(node.identity.id, std::move(peer));
 }
 
 bool PeerDirectory::SuspectNeighbours(const NodeDescription& newcomer, TimePoint now) {
-    if (peers_.size() > kMostNeighbours) {
+    if (mPeers.size() > MOST_NEIGHBOURS) {
         return false;
     }
     bool any = false;
-    for (const auto& [id, peer] : peers_) {
+    for (const auto& [id, peer] : mPeers) {
         if (WasHeardFrom(peer, newcomer.endpoint.host)) {
             Suspect(id, now);
             any = true;
@@ -273,23 +273,23 @@ bool PeerDirectory::SuspectNeighbours(const NodeDescription& newcomer, TimePoint
 }
 
 PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator peer) {
-    const bool announced = heldBack_.erase(peer->first) == 0;
+    const bool announced = mHeldBack.erase(peer->first) == 0;
     if (announced) {
-        events_.push_back({false, peer->second.number, peer->second.node});
+        mEvents.push_back({false, peer->second.number, peer->second.node});
     }
-    doubted_.erase(peer->first);
-    suspects_.erase(peer->first);
-    return peers_.erase(peer);
+    mDoubted.erase(peer->first);
+    mSuspects.erase(peer->first);
+    return mPeers.erase(peer);
 }
 
 bool PeerDirectory::HasOwner(const Endpoint& endpoint) const {
-    return std::any_of(peers_.begin(), peers_.end(),
+    return std::any_of(mPeers.begin(), mPeers.end(),
                        [&](const auto& peer) { return peer.second.node.endpoint == endpoint; });
 }
 
 // Two nodes cannot listen at one endpoint: the earlier one has gone without a word.
 void PeerDirectory::RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner) {
-    for (auto at = peers_.begin(); at != peers_.end();) {
+    for (auto at = mPeers.begin(); at != mPeers.end();) {
         const bool former = at->second.node.endpoint == endpoint && at->first != newOwner;
         at = former ? Remove(at) : std::next(at);
     }

@@ -36,31 +36,31 @@ struct Peer {
 class PeerDirectory {
 public:
     // One hello may be lost and the next be late before anybody asks.
-    static constexpr Milliseconds kDoubtAfter{1200};
+    static constexpr Milliseconds DOUBT_AFTER{1200};
     // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
-    static constexpr Milliseconds kGiveUpAfter{1400};
+    static constexpr Milliseconds GIVE_UP_AFTER{1400};
     // Where many nodes lose a hello each, their pings would choke the network: two must be missing.
-    static constexpr std::size_t kCrowd = 32;
-    static constexpr Milliseconds kDoubtInCrowdAfter{1650};
-    static constexpr Milliseconds kGiveUpInCrowdAfter{1250};
+    static constexpr std::size_t CROWD = 32;
+    static constexpr Milliseconds DOUBT_IN_CROWD_AFTER{1650};
+    static constexpr Milliseconds GIVE_UP_IN_CROWD_AFTER{1250};
     // An answer of a neighbour is not waited for any longer.
-    static constexpr Milliseconds kHoldBack{100};
+    static constexpr Milliseconds HOLD_BACK{100};
     // By then every suspect that is alive has said hello to the newcomer, though pings were short.
-    static constexpr Milliseconds kSuspicion{600};
+    static constexpr Milliseconds SUSPICION{600};
     // With many nodes on one host those that have been silent longest are asked first.
-    static constexpr std::size_t kAskedAtOnce = 16;
+    static constexpr std::size_t ASKED_AT_ONCE = 16;
     // Every node asks, so where there are many each asks fewer: the answers must not choke the host.
-    static constexpr std::size_t kAskedByAll = 400;
-    static constexpr Milliseconds kAskAgainAfter{500};
+    static constexpr std::size_t ASKED_BY_ALL = 400;
+    static constexpr Milliseconds ASK_AGAIN_AFTER{500};
 
     // Anybody can say hello, but only who holds the key answers a secured ping.
-    enum class Source { kHello, kPing };
+    enum class Source { HELLO, PING };
 
     // Where nodes are secured, what only a hello or goodbye says removes nobody: the node is pinged.
-    explicit PeerDirectory(std::uint64_t ownId, bool secured = false) : ownId_(ownId), secured_(secured) {}
+    explicit PeerDirectory(std::uint64_t ownId, bool secured = false) : mOwnId(ownId), mSecured(secured) {}
 
     // True where the node was not known before.
-    bool Hear(const NodeDescription& node, bool unicast, TimePoint now, Source source = Source::kHello);
+    bool Hear(const NodeDescription& node, bool unicast, TimePoint now, Source source = Source::HELLO);
     // Believed only when it comes from where the node was heard.
     void Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now);
     // Nobody listens any more where the node was.
@@ -71,13 +71,13 @@ public:
     // Doubts silent nodes and suspects, and removes those that stayed silent.
     void Tick(TimePoint now);
     // At the latest; hearing from nodes only puts off what is due.
-    TimePoint NextDeadline() const { return nextCheck_; }
+    TimePoint NextDeadline() const { return mNextCheck; }
 
     const Peer* Find(std::uint64_t nodeId) const;
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
-    const std::map<std::uint64_t, Peer>& Peers() const { return peers_; }
+    const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
     // The ids of those who should be pinged.
-    const std::set<std::uint64_t>& Doubted() const { return doubted_; }
+    const std::set<std::uint64_t>& Doubted() const { return mDoubted; }
 
     // The additions and removals since the last call, in order.
     std::vector<DeviceEvent> TakeEvents();
@@ -93,30 +93,30 @@ private:
     void RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner);
     bool Refresh(Peer& peer, const NodeDescription& node, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
-    bool IsCrowd() const { return peers_.size() > kCrowd; }
+    bool IsCrowd() const { return mPeers.size() > CROWD; }
     void Doubt(Peer& peer, TimePoint now);
     void DoubtSuspects(TimePoint now);
     Peer* LongestSilentSuspect();
     void Announce(TimePoint now);
-    void CheckAt(TimePoint time) { nextCheck_ = std::min(nextCheck_, time); }
+    void CheckAt(TimePoint time) { mNextCheck = std::min(mNextCheck, time); }
 
-    const std::uint64_t ownId_;
-    const bool secured_;
-    Peers_t peers_;
-    std::set<std::uint64_t> doubted_;
-    std::map<std::uint64_t, TimePoint> suspects_;  // until when they are
-    std::map<std::uint64_t, TimePoint> heldBack_;  // newcomers, and until when
-    TimePoint askedSince_{};
-    std::size_t asked_ = 0;
-    TimePoint nextCheck_ = TimePoint::max();
-    unsigned lastNumber_ = 0;
-    std::vector<DeviceEvent> events_;
+    const std::uint64_t mOwnId;
+    const bool mSecured;
+    Peers_t mPeers;
+    std::set<std::uint64_t> mDoubted;
+    std::map<std::uint64_t, TimePoint> mSuspects;  // until when they are
+    std::map<std::uint64_t, TimePoint> mHeldBack;  // newcomers, and until when
+    TimePoint mAskedSince{};
+    std::size_t mAsked = 0;
+    TimePoint mNextCheck = TimePoint::max();
+    unsigned mLastNumber = 0;
+    std::vector<DeviceEvent> mEvents;
     // Instances that ended for good: a hello that was delayed on its way must not revive them.
     struct Grave {
         NodeIdentity identity;
         TimePoint until;
     };
-    std::deque<Grave> graves_;
+    std::deque<Grave> mGraves;
 };
 
 }  // namespace lumora_link

@@ -8,16 +8,16 @@
 
 namespace lumora_link {
 
-PlatformHandle::PlatformHandle() : nodeId_(RandomNumber()) {}
+PlatformHandle::PlatformHandle() : mNodeId(RandomNumber()) {}
 
 PlatformHandle::~PlatformHandle() { Exit(); }
 
 bool PlatformHandle::Init() {
     Config config = ReadConfig([](const char* name) -> const char* { return std::getenv(name); });
-    MutexLock lock(mutex_);
-    if (!initialised_) {
-        config_ = std::move(config);
-        initialised_ = true;
+    MutexLock lock(mMutex);
+    if (!mInitialised) {
+        mConfig = std::move(config);
+        mInitialised = true;
     }
     return true;
 }
@@ -32,17 +32,17 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
     registration.onDeviceEvent = onDeviceEvent;
     const auto describe = registration.handlers.DoGetDescriptor;
     if (const char* text = describe == nullptr ? nullptr : describe(resource)) {
-        if (strnlen(text, kMaxTextBytes + 1) > kMaxTextBytes) {
-            LINK_LOG(kLogError, "a device type has at most %zu bytes\n", kMaxTextBytes);
+        if (strnlen(text, MAX_TEXT_BYTES + 1) > MAX_TEXT_BYTES) {
+            LINK_LOG(LEVEL_ERROR, "a device type has at most %zu bytes\n", MAX_TEXT_BYTES);
             return false;
         }
         registration.deviceType = text;
     }
     std::shared_ptr<Node> node;
     {
-        MutexLock lock(mutex_);
-        registration_ = registration;
-        node = node_;
+        MutexLock lock(mMutex);
+        mRegistration = registration;
+        node = mNode;
     }
     if (node != nullptr) {
         node->Register(std::move(registration));
@@ -51,50 +51,51 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
 }
 
 bool PlatformHandle::Run() {
-    MutexLock lifecycle(lifecycle_);
+    MutexLock lifecycle(mLifecycle);
     Config config;
     Registration registration;
     {
-        MutexLock lock(mutex_);
-        if (!initialised_) {
-            LINK_LOG(kLogError, "Run before Init\n");
+        MutexLock lock(mMutex);
+        if (!mInitialised) {
+            LINK_LOG(LEVEL_ERROR, "Run before Init\n");
             return false;
         }
-        if (node_ != nullptr) {
+        if (mNode != nullptr) {
             return true;
         }
-        config = config_;
-        registration = registration_;
+        config = mConfig;
+        registration = mRegistration;
     }
-    const NodeIdentity identity{nodeId_, static_cast<std::uint32_t>(RandomNumber())};
+    const NodeIdentity identity{mNodeId, static_cast<std::uint32_t>(RandomNumber())};
     auto node = std::make_shared<Node>(std::move(config), identity, std::move(registration));
     if (!node->Start()) {
         return false;
     }
-    MutexLock lock(mutex_);
-    node_ = std::move(node);
+    MutexLock lock(mMutex);
+    mNode = std::move(node);
     return true;
 }
 
 bool PlatformHandle::Exit() {
     if (IsOwnThread()) {
-        LINK_LOG(kLogError, "Exit was called by a handler or a device event, for which it would wait\n");
+        LINK_LOG(LEVEL_ERROR, "Exit was called by a handler or a device event, for which it would wait\n");
         return false;
     }
-    MutexLock lifecycle(lifecycle_);
+    MutexLock lifecycle(mLifecycle);
     const std::shared_ptr<Node> node = CurrentNode();
     if (node == nullptr) {
         return true;
     }
     node->Stop();
-    MutexLock lock(mutex_);
-    node_.reset();
+    MutexLock lock(mMutex);
+    mNode.reset();
     return true;
 }
 
 AppResourceProxy* PlatformHandle::Find(const char* deviceType) {
     const std::shared_ptr<Node> node = CurrentNode();
-    if (node == nullptr || deviceType == nullptr || strnlen(deviceType, kMaxTextBytes + 1) > kMaxTextBytes) {
+    if (node == nullptr || deviceType == nullptr ||
+        strnlen(deviceType, MAX_TEXT_BYTES + 1) > MAX_TEXT_BYTES) {
         return nullptr;
     }
     return MakeProxyChain(node, node->Find(deviceType));
@@ -106,8 +107,8 @@ bool PlatformHandle::IsOwnThread() {
 }
 
 std::shared_ptr<Node> PlatformHandle::CurrentNode() {
-    MutexLock lock(mutex_);
-    return node_;
+    MutexLock lock(mMutex);
+    return mNode;
 }
 
 }  // namespace lumora_link

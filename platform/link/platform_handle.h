@@ -28,13 +28,13 @@ public:
 private:
     std::shared_ptr<Node> CurrentNode();
 
-    const std::uint64_t nodeId_;
-    Mutex lifecycle_;  // held while a node starts or stops; never asked for by its threads
-    Mutex mutex_;
-    bool initialised_ LINK_GUARDED_BY(mutex_) = false;
-    Config config_ LINK_GUARDED_BY(mutex_);
-    Registration registration_ LINK_GUARDED_BY(mutex_);
-    std::shared_ptr<Node> node_ LINK_GUARDED_BY(mutex_);
+    const std::uint64_t mNodeId;
+    Mutex mLifecycle;  // held while a node starts or stops; never asked for by its threads
+    Mutex mMutex;
+    bool mInitialised LINK_GUARDED_BY(mMutex) = false;
+    Config mConfig LINK_GUARDED_BY(mMutex);
+    Registration mRegistration LINK_GUARDED_BY(mMutex);
+    std::shared_ptr<Node> mNode LINK_GUARDED_BY(mMutex);
 };
 
 }  // namespace lumora_link

@@ -15,10 +15,10 @@ namespace lumora_link {
 
 class Presence {
 public:
-    static constexpr Milliseconds kHelloInterval{750};
+    static constexpr Milliseconds HELLO_INTERVAL{750};
     // A newcomer makes the others speak at once, but never more often than this.
-    static constexpr Milliseconds kShortestInterval{250};
-    static constexpr Milliseconds kPingInterval{100};
+    static constexpr Milliseconds SHORTEST_INTERVAL{250};
+    static constexpr Milliseconds PING_INTERVAL{100};
 
     // The peers are asked and told by unicast, where multicast does not get through.
     Presence(const Self& self, Labels& labels, Network& network, std::vector<Endpoint> peers);
@@ -35,8 +35,8 @@ public:
     TimePoint NextDeadline() const;
     void SayGoodbye();
 
-    PeerDirectory& Directory() { return directory_; }
-    const PeerDirectory& Directory() const { return directory_; }
+    PeerDirectory& Directory() { return mDirectory; }
+    const PeerDirectory& Directory() const { return mDirectory; }
     // Where unicast copies of what goes to the group must be sent besides.
     std::vector<Endpoint> UnicastTargets() const;
 
@@ -59,15 +59,15 @@ private:
     void Send(Ping& ping, const Endpoint& to, TimePoint now);
     Pings::const_iterator PingOf(ConversationId conversation) const;
 
-    const Self& self_;
-    Labels& labels_;
-    Network& network_;
-    const std::vector<Endpoint> configured_;
-    PeerDirectory directory_;
-    Pings pings_;
-    std::map<Endpoint, Text> texts_;  // the latest from each socket
-    TimePoint lastHello_{};
-    TimePoint nextHello_{};
+    const Self& mSelf;
+    Labels& mLabels;
+    Network& mNetwork;
+    const std::vector<Endpoint> mConfigured;
+    PeerDirectory mDirectory;
+    Pings mPings;
+    std::map<Endpoint, Text> mTexts;  // the latest from each socket
+    TimePoint mLastHello{};
+    TimePoint mNextHello{};
 };
 
 }  // namespace lumora_link

@@ -19,7 +19,7 @@ namespace lumora_link {
 struct OutgoingRequest {
     std::uint64_t ticket = 0;
     Endpoint to;
-    std::uint8_t method = code::kEmpty;
+    std::uint8_t method = code::EMPTY;
     std::string key;
     std::string value;
 };
@@ -27,9 +27,9 @@ struct OutgoingRequest {
 class RequestClient {
 public:
     // Nothing heard of the peer for that long: it is absent.
-    static constexpr Milliseconds kSilence{6500};
+    static constexpr Milliseconds SILENCE{6500};
     // No handler is waited for longer.
-    static constexpr Milliseconds kLongest{60000};
+    static constexpr Milliseconds LONGEST{60000};
 
     RequestClient(const Self& self, Labels& labels, Network& network, Application& application);
 
@@ -68,12 +68,12 @@ private:
     std::uint32_t OldestOpen() const;
     Exchanges::iterator End(Exchanges::iterator exchange, Outcome outcome);
 
-    const Self& self_;
-    Labels& labels_;
-    Network& network_;
-    Application& application_;
-    Exchanges exchanges_;
-    std::uint32_t sequence_ = 0;
+    const Self& mSelf;
+    Labels& mLabels;
+    Network& mNetwork;
+    Application& mApplication;
+    Exchanges mExchanges;
+    std::uint32_t mSequence = 0;
 };
 
 }  // namespace lumora_link

@@ -19,14 +19,14 @@ namespace lumora_link {
 class RequestServer {
 public:
     // Shorter than the requester's first pause, so a slow handler causes no second datagram.
-    static constexpr Milliseconds kAcknowledgeAfter{150};
+    static constexpr Milliseconds ACKNOWLEDGE_AFTER{150};
 
     RequestServer(const PeerDirectory& directory, Network& network, Application& application);
 
     void OnRequest(const CoapMessage& request, const Endpoint& source, ReplyPath path, TimePoint now);
     void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
     // From here on every new request is refused.
-    void Refuse() { closed_ = true; }
+    void Refuse() { mClosed = true; }
     // Answers what the handlers have not got to.
     void Close(TimePoint now);
 
@@ -57,14 +57,14 @@ private:
     void Reply(ReplyPath path, const CoapMessage& request, bool separate, const Outcome& outcome);
     Endpoint EndpointOf(const std::optional<Requester>& requester, const Endpoint& source) const;
 
-    const PeerDirectory& directory_;
-    Network& network_;
-    Application& application_;
-    RequestTable table_;
-    std::uint64_t lastTicket_ = 0;
-    std::map<std::uint64_t, Open> open_;  // by ticket
-    std::map<BodyKey, Body> bodies_;
-    bool closed_ = false;
+    const PeerDirectory& mDirectory;
+    Network& mNetwork;
+    Application& mApplication;
+    RequestTable mTable;
+    std::uint64_t mLastTicket = 0;
+    std::map<std::uint64_t, Open> mOpen;  // by ticket
+    std::map<BodyKey, Body> mBodies;
+    bool mClosed = false;
 };
 
 }  // namespace lumora_link

@@ -36,7 +36,7 @@ RequestKey KeyFor(const CoapMessage& message, const std::optional<Requester>& re
 
 class RequestTable {
 public:
-    enum class Verdict { kNew, kPending, kAnswered, kStale, kFull };
+    enum class Verdict { NEW, PENDING, ANSWERED, STALE, FULL };
 
     struct Limits {
         std::size_t entries = 8192;
@@ -49,17 +49,17 @@ public:
     };
 
     RequestTable() : RequestTable(Limits()) {}
-    explicit RequestTable(const Limits& limits) : limits_(limits) {}
+    explicit RequestTable(const Limits& limits) : mLimits(limits) {}
 
-    // kNew enters the request as pending.
+    // NEW enters the request as pending.
     Verdict Admit(const RequestKey& key, const std::optional<Requester>& requester, TimePoint now);
     void Answer(const RequestKey& key, const Outcome& outcome, TimePoint now);
     // The stored answer of a request that Admit found answered.
     const Outcome& StoredAnswer(const RequestKey& key) const;
 
-    std::size_t Entries() const { return entries_.size(); }
-    std::size_t Bytes() const { return bytes_; }
-    std::size_t Requesters() const { return progress_.size(); }
+    std::size_t Entries() const { return mEntries.size(); }
+    std::size_t Bytes() const { return mBytes; }
+    std::size_t Requesters() const { return mProgress.size(); }
 
 private:
     struct Entry {
@@ -82,12 +82,12 @@ private:
     void Sweep(TimePoint now);
     Entries_t::iterator Erase(Entries_t::iterator entry);
 
-    const Limits limits_;
-    Entries_t entries_;
-    std::size_t bytes_ = 0;
-    std::map<Start, Progress> progress_;
-    std::deque<RequestKey> foreign_;  // those answered, oldest first
-    TimePoint lastSweep_{};
+    const Limits mLimits;
+    Entries_t mEntries;
+    std::size_t mBytes = 0;
+    std::map<Start, Progress> mProgress;
+    std::deque<RequestKey> mForeign;  // those answered, oldest first
+    TimePoint mLastSweep{};
 };
 
 }  // namespace lumora_link

@@ -30,7 +30,7 @@ Proxy* OwnerOf(AppResourceProxy* proxy) { return static_cast<Proxy*>(proxy); }
 Outcome Ask(AppResourceProxy* proxy, std::uint8_t method, const char* key, const char* value,
             std::size_t length) {
     const bool valid = proxy != nullptr && key != nullptr && (value != nullptr || length == 0) &&
-                       length <= kMaxTextBytes && strnlen(key, kMaxTextBytes + 1) <= kMaxTextBytes;
+                       length <= MAX_TEXT_BYTES && strnlen(key, MAX_TEXT_BYTES + 1) <= MAX_TEXT_BYTES;
     if (!valid) {
         return {};
     }
@@ -43,7 +43,7 @@ int Change(AppResourceProxy* proxy, std::uint8_t method, const char* key, const 
     try {
         return code::IsSuccess(Ask(proxy, method, key, value, length).code) ? 0 : -1;
     } catch (...) {
-        LINK_LOG(kLogError, "no memory for a request\n");
+        LINK_LOG(LEVEL_ERROR, "no memory for a request\n");
         return -1;
     }
 }
@@ -53,7 +53,7 @@ extern "C" {
 static int ProxyGet(AppResourceProxy* proxy, const char* key, char* buffer, unsigned capacity) {
     try {
         const std::size_t length = buffer == nullptr ? 0 : strnlen(buffer, capacity);
-        const Outcome outcome = Ask(proxy, code::kGet, key, buffer, length);
+        const Outcome outcome = Ask(proxy, code::GET, key, buffer, length);
         if (buffer == nullptr || !code::IsSuccess(outcome.code) || outcome.payload.size() > capacity) {
             return -1;
         }
@@ -61,21 +61,21 @@ static int ProxyGet(AppResourceProxy* proxy, const char* key, char* buffer, unsi
         std::memcpy(buffer, outcome.payload.c_str(), outcome.payload.size() + 1);
         return 0;
     } catch (...) {
-        LINK_LOG(kLogError, "no memory for a request\n");
+        LINK_LOG(LEVEL_ERROR, "no memory for a request\n");
         return -1;
     }
 }
 
 static int ProxyPut(AppResourceProxy* proxy, const char* key, const char* value, unsigned length) {
-    return Change(proxy, code::kPut, key, value, length);
+    return Change(proxy, code::PUT, key, value, length);
 }
 
 static int ProxyPost(AppResourceProxy* proxy, const char* key, const char* value, unsigned length) {
-    return Change(proxy, code::kPost, key, value, length);
+    return Change(proxy, code::POST, key, value, length);
 }
 
 static int ProxyDelete(AppResourceProxy* proxy, const char* key, const char* value, unsigned length) {
-    return Change(proxy, code::kDelete, key, value, length);
+    return Change(proxy, code::DELETE, key, value, length);
 }
 
 static void ProxyReserved() {}

@@ -19,8 +19,8 @@ namespace lumora_link {
 
 class Search {
 public:
-    static constexpr Milliseconds kLongest{600};
-    static constexpr Milliseconds kQuiet{100};
+    static constexpr Milliseconds LONGEST{600};
+    static constexpr Milliseconds QUIET{100};
 
     // The expected nodes are known to be there and to match.
     Search(std::string deviceType, std::set<std::uint64_t> expected, TimePoint now);
@@ -35,25 +35,25 @@ public:
     bool IsOver(TimePoint now) const;
     TimePoint NextDeadline(TimePoint now) const;
 
-    const std::string& DeviceType() const { return deviceType_; }
+    const std::string& DeviceType() const { return mDeviceType; }
     std::vector<NodeHint> Known() const;
     // Those expected who have not answered.
     std::set<std::uint64_t> Missing() const;
     // The node turned out to be gone: not expected any more.
-    void Dismiss(std::uint64_t nodeId) { expected_.erase(nodeId); }
-    const std::map<std::uint64_t, NodeDescription>& Found() const { return found_; }
+    void Dismiss(std::uint64_t nodeId) { mExpected.erase(nodeId); }
+    const std::map<std::uint64_t, NodeDescription>& Found() const { return mFound; }
 
 private:
     bool EverybodyAnsweredEverything() const;
     TimePoint QuietSince() const;
 
-    const std::string deviceType_;
-    std::set<std::uint64_t> expected_;
-    const TimePoint start_;
-    unsigned nextProbe_ = 0;
-    TimePoint lastNew_;
-    std::map<std::uint64_t, NodeDescription> found_;
-    std::map<std::uint64_t, unsigned> answered_;  // bit n: to probe copy n
+    const std::string mDeviceType;
+    std::set<std::uint64_t> mExpected;
+    const TimePoint mStart;
+    unsigned mNextProbe = 0;
+    TimePoint mLastNew;
+    std::map<std::uint64_t, NodeDescription> mFound;
+    std::map<std::uint64_t, unsigned> mAnswered;  // bit n: to probe copy n
 };
 
 }  // namespace lumora_link

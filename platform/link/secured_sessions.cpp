@@ -9,25 +9,25 @@ namespace lumora_link {
 namespace {
 
 // Asking who is there changes nothing; it may be asked again by any session.
-bool IsRequest(const CoapMessage& message) { return PathOf(message) != kWellKnownPath; }
+bool IsRequest(const CoapMessage& message) { return PathOf(message) != WELL_KNOWN_PATH; }
 
 bool IsDoubtful(const std::optional<TimePoint>& askedSince, TimePoint now) {
-    return askedSince && now - *askedSince >= SecuredSessions::kDoubtAfter;
+    return askedSince && now - *askedSince >= SecuredSessions::DOUBT_AFTER;
 }
 
 }  // namespace
 
 void SecuredSessions::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message,
                                TimePoint now) {
-    Conversation& own = conversations_[conversation];
+    Conversation& own = mConversations[conversation];
     own.to = to;
     if (own.tokens.insert(message.token).second) {
-        tokens_[message.token] = conversation;
+        mTokens[message.token] = conversation;
     }
     SessionId id = own.session.value_or(0);
     if (own.session) {
-        const auto bound = sessions_.find(id);
-        if (bound != sessions_.end() && bound->second.state == State::kConnected) {
+        const auto bound = mSessions.find(id);
+        if (bound != mSessions.end() && bound->second.state == State::CONNECTED) {
             Write(id, bound->second, conversation, message, now);
         }
     } else if (Session* session = SessionFor(message, to, now, id)) {
@@ -43,35 +43,35 @@ void SecuredSessions::Transmit(ConversationId conversation, const Endpoint& to, 
 }
 
 void SecuredSessions::Hang(ConversationId conversation) {
-    const auto at = conversations_.find(conversation);
-    if (at == conversations_.end()) {
+    const auto at = mConversations.find(conversation);
+    if (at == mConversations.end()) {
         return;
     }
     for (const std::string& token : at->second.tokens) {
-        tokens_.erase(token);
+        mTokens.erase(token);
     }
-    const auto session = at->second.session ? sessions_.find(*at->second.session) : sessions_.end();
-    if (session != sessions_.end()) {
+    const auto session = at->second.session ? mSessions.find(*at->second.session) : mSessions.end();
+    if (session != mSessions.end()) {
         session->second.bound.erase(conversation);
     }
-    conversations_.erase(at);
+    mConversations.erase(at);
 }
 
 void SecuredSessions::OnPeerGone(const Endpoint& endpoint, TimePoint now) {
-    for (auto& [id, session] : sessions_) {
-        const bool answersNow = !session.askedSince && now - session.used < kDoubtAfter;
-        if (session.to == endpoint && session.state == State::kConnected && !answersNow) {
-            session.state = State::kFailed;
+    for (auto& [id, session] : mSessions) {
+        const bool answersNow = !session.askedSince && now - session.used < DOUBT_AFTER;
+        if (session.to == endpoint && session.state == State::CONNECTED && !answersNow) {
+            session.state = State::FAILED;
         }
     }
 }
 
 void SecuredSessions::OnConnected(SessionId session, TimePoint now) {
-    const auto at = sessions_.find(session);
-    if (at == sessions_.end() || at->second.state != State::kHandshake) {
+    const auto at = mSessions.find(session);
+    if (at == mSessions.end() || at->second.state != State::HANDSHAKE) {
         return;
     }
-    at->second.state = State::kConnected;
+    at->second.state = State::CONNECTED;
     at->second.used = now;
     at->second.askedSince.reset();
     const Endpoint to = at->second.to;
@@ -80,8 +80,8 @@ void SecuredSessions::OnConnected(SessionId session, TimePoint now) {
 
 std::optional<ConversationId> SecuredSessions::OnAnswer(SessionId session, const std::string& token,
                                                         TimePoint now) {
-    const auto at = sessions_.find(session);
-    if (at == sessions_.end() || at->second.state != State::kConnected) {
+    const auto at = mSessions.find(session);
+    if (at == mSessions.end() || at->second.state != State::CONNECTED) {
         return std::nullopt;
     }
     const bool wasDoubtful = IsDoubtful(at->second.askedSince, now);
@@ -92,31 +92,31 @@ std::optional<ConversationId> SecuredSessions::OnAnswer(SessionId session, const
     if (wasDoubtful) {
         Flush(from, now);
     }
-    const auto asked = tokens_.find(token);
-    if (asked == tokens_.end() || conversations_.at(asked->second).to != from) {
+    const auto asked = mTokens.find(token);
+    if (asked == mTokens.end() || mConversations.at(asked->second).to != from) {
         return std::nullopt;
     }
     return asked->second;
 }
 
 void SecuredSessions::OnFailed(SessionId session, bool refused) {
-    const auto at = sessions_.find(session);
-    if (at != sessions_.end() && at->second.state != State::kRefused) {
-        at->second.state = refused ? State::kRefused : State::kFailed;
+    const auto at = mSessions.find(session);
+    if (at != mSessions.end() && at->second.state != State::REFUSED) {
+        at->second.state = refused ? State::REFUSED : State::FAILED;
     }
 }
 
 void SecuredSessions::Tick(TimePoint now) {
-    for (auto at = sessions_.begin(); at != sessions_.end();) {
-        const bool failed = at->second.state == State::kFailed || at->second.state == State::kRefused;
+    for (auto at = mSessions.begin(); at != mSessions.end();) {
+        const bool failed = at->second.state == State::FAILED || at->second.state == State::REFUSED;
         if (failed) {
             EndFailed(at->second);
         }
         at = failed || IsOver(at->first, at->second, now) ? Close(at) : std::next(at);
     }
     const std::set<Endpoint> awaited = Awaited();
-    for (auto at = tried_.begin(); at != tried_.end();) {
-        at = now - at->second >= kRetry && awaited.count(at->first) == 0 ? tried_.erase(at) : std::next(at);
+    for (auto at = mTried.begin(); at != mTried.end();) {
+        at = now - at->second >= RETRY && awaited.count(at->first) == 0 ? mTried.erase(at) : std::next(at);
     }
     for (const Endpoint& to : awaited) {
         Try(to, now);
@@ -127,15 +127,15 @@ void SecuredSessions::Tick(TimePoint now) {
 TimePoint SecuredSessions::NextDeadline() const {
     TimePoint next = TimePoint::max();
     for (const Endpoint& to : Awaited()) {
-        const auto tried = tried_.find(to);
-        next = tried == tried_.end() ? TimePoint() : std::min(next, tried->second + kRetry);
+        const auto tried = mTried.find(to);
+        next = tried == mTried.end() ? TimePoint() : std::min(next, tried->second + RETRY);
     }
     return next;
 }
 
 SecuredSessions::Session* SecuredSessions::SessionFor(const CoapMessage& message, const Endpoint& to,
                                                       TimePoint now, SessionId& id) {
-    for (auto at = sessions_.rbegin(); at != sessions_.rend(); ++at) {
+    for (auto at = mSessions.rbegin(); at != mSessions.rend(); ++at) {
         Session& session = at->second;
         const bool trusted = !IsDoubtful(session.askedSince, now) || !IsRequest(message);
         if (session.to == to && trusted && IsUsable(session, now)) {
@@ -147,8 +147,8 @@ SecuredSessions::Session* SecuredSessions::SessionFor(const CoapMessage& message
 }
 
 bool SecuredSessions::IsUsable(const Session& session, TimePoint now) const {
-    return session.state == State::kConnected && now - session.used < kIdle &&
-           now - session.begun < kOldest && session.unanswered < kMaxUnanswered;
+    return session.state == State::CONNECTED && now - session.used < IDLE && now - session.begun < OLDEST &&
+           session.unanswered < MAX_UNANSWERED;
 }
 
 void SecuredSessions::Write(SessionId id, Session& session, ConversationId conversation,
@@ -160,13 +160,13 @@ void SecuredSessions::Write(SessionId id, Session& session, ConversationId conve
     ++session.unanswered;
     if (IsRequest(message)) {
         session.bound.insert(conversation);
-        conversations_.at(conversation).session = id;
+        mConversations.at(conversation).session = id;
     }
-    carrier_.Write(id, message);
+    mCarrier.Write(id, message);
 }
 
 void SecuredSessions::Flush(const Endpoint& to, TimePoint now) {
-    for (auto& [conversation, own] : conversations_) {
+    for (auto& [conversation, own] : mConversations) {
         if (own.to != to || own.waiting.empty()) {
             continue;
         }
@@ -176,56 +176,56 @@ void SecuredSessions::Flush(const Endpoint& to, TimePoint now) {
             Transmit(conversation, to, message, now);
         }
         if (own.waiting.empty()) {
-            carrier_.OnReached(conversation);
+            mCarrier.OnReached(conversation);
         }
     }
 }
 
 // Whichever is heard first will be used: the session that fell silent, or a new one.
 void SecuredSessions::Try(const Endpoint& to, TimePoint now) {
-    const auto [tried, isNew] = tried_.try_emplace(to, now);
-    if (!isNew && now - tried->second < kRetry) {
+    const auto [tried, isNew] = mTried.try_emplace(to, now);
+    if (!isNew && now - tried->second < RETRY) {
         return;
     }
     tried->second = now;
     std::size_t handshakes = 0;
-    for (auto& [id, session] : sessions_) {
+    for (auto& [id, session] : mSessions) {
         if (session.to != to) {
             continue;
         }
-        handshakes += session.state == State::kHandshake;
+        handshakes += session.state == State::HANDSHAKE;
         if (IsUsable(session, now)) {
             ++session.unanswered;
-            carrier_.Probe(id);
+            mCarrier.Probe(id);
         }
     }
-    if (handshakes >= kMaxHandshakes || !MakeRoom()) {
+    if (handshakes >= MAX_HANDSHAKES || !MakeRoom()) {
         return;
     }
-    const SessionId id = ++lastSession_;
-    Session& session = sessions_[id];
+    const SessionId id = ++mLastSession;
+    Session& session = mSessions[id];
     session.to = to;
     session.begun = session.used = now;
-    if (carrier_.Open(id, to)) {
+    if (mCarrier.Open(id, to)) {
         // It leaves when the handshake is done; a port that refuses is reported for it.
-        carrier_.Probe(id);
+        mCarrier.Probe(id);
     } else {
-        sessions_.erase(id);
+        mSessions.erase(id);
     }
 }
 
 bool SecuredSessions::MakeRoom() {
-    if (sessions_.size() < kMaxSessions) {
+    if (mSessions.size() < MAX_SESSIONS) {
         return true;
     }
-    auto oldest = sessions_.end();
-    for (auto at = sessions_.begin(); at != sessions_.end(); ++at) {
-        const bool idle = at->second.state == State::kConnected && at->second.bound.empty();
-        if (idle && (oldest == sessions_.end() || at->second.used < oldest->second.used)) {
+    auto oldest = mSessions.end();
+    for (auto at = mSessions.begin(); at != mSessions.end(); ++at) {
+        const bool idle = at->second.state == State::CONNECTED && at->second.bound.empty();
+        if (idle && (oldest == mSessions.end() || at->second.used < oldest->second.used)) {
             oldest = at;
         }
     }
-    if (oldest == sessions_.end()) {
+    if (oldest == mSessions.end()) {
         return false;
     }
     Close(oldest);
@@ -234,7 +234,7 @@ bool SecuredSessions::MakeRoom() {
 
 std::set<Endpoint> SecuredSessions::Awaited() const {
     std::set<Endpoint> awaited;
-    for (const auto& [id, conversation] : conversations_) {
+    for (const auto& [id, conversation] : mConversations) {
         if (!conversation.waiting.empty()) {
             awaited.insert(conversation.to);
         }
@@ -243,31 +243,31 @@ std::set<Endpoint> SecuredSessions::Awaited() const {
 }
 
 void SecuredSessions::EndFailed(const Session& session) {
-    for (const auto& [id, conversation] : conversations_) {
-        const bool nobodyListens = session.state == State::kRefused && conversation.to == session.to;
+    for (const auto& [id, conversation] : mConversations) {
+        const bool nobodyListens = session.state == State::REFUSED && conversation.to == session.to;
         if (nobodyListens || session.bound.count(id) != 0) {
-            carrier_.OnRefused(id);
+            mCarrier.OnRefused(id);
         }
     }
 }
 
 bool SecuredSessions::IsOver(SessionId id, const Session& session, TimePoint now) const {
-    const bool superseded = std::any_of(sessions_.upper_bound(id), sessions_.end(), [&](const auto& other) {
-        return other.second.to == session.to && other.second.state == State::kConnected;
+    const bool superseded = std::any_of(mSessions.upper_bound(id), mSessions.end(), [&](const auto& other) {
+        return other.second.to == session.to && other.second.state == State::CONNECTED;
     });
-    if (session.state == State::kHandshake) {
-        const bool connected = std::any_of(sessions_.begin(), sessions_.end(), [&](const auto& other) {
-            return other.second.to == session.to && other.second.state == State::kConnected &&
+    if (session.state == State::HANDSHAKE) {
+        const bool connected = std::any_of(mSessions.begin(), mSessions.end(), [&](const auto& other) {
+            return other.second.to == session.to && other.second.state == State::CONNECTED &&
                    !IsDoubtful(other.second.askedSince, now);
         });
-        return connected || now - session.begun >= kHandshake;
+        return connected || now - session.begun >= HANDSHAKE;
     }
     return session.bound.empty() && (superseded || !IsUsable(session, now));
 }
 
 SecuredSessions::Sessions_t::iterator SecuredSessions::Close(Sessions_t::iterator session) {
-    carrier_.Close(session->first);
-    return sessions_.erase(session);
+    mCarrier.Close(session->first);
+    return mSessions.erase(session);
 }
 
 }  // namespace lumora_link

@@ -38,18 +38,18 @@ public:
     };
 
     // Not used for that long: closed. Before the other end does so, which nobody may notice.
-    static constexpr Milliseconds kIdle{20000};
-    static constexpr Milliseconds kOldest{300000};
-    static constexpr Milliseconds kHandshake{4000};
-    static constexpr Milliseconds kRetry{300};
+    static constexpr Milliseconds IDLE{20000};
+    static constexpr Milliseconds OLDEST{300000};
+    static constexpr Milliseconds HANDSHAKE{4000};
+    static constexpr Milliseconds RETRY{300};
     // Asked that long ago and silent since: nothing is entrusted to it before it is heard again.
-    static constexpr Milliseconds kDoubtAfter{300};
-    static constexpr std::size_t kMaxHandshakes = 4;  // with one peer
-    static constexpr std::size_t kMaxSessions = 128;
+    static constexpr Milliseconds DOUBT_AFTER{300};
+    static constexpr std::size_t MAX_HANDSHAKES = 4;  // with one peer
+    static constexpr std::size_t MAX_SESSIONS = 128;
     // libcoap keeps each message until it is acknowledged or its session ends.
-    static constexpr unsigned kMaxUnanswered = 500;
+    static constexpr unsigned MAX_UNANSWERED = 500;
 
-    explicit SecuredSessions(Carrier& carrier) : carrier_(carrier) {}
+    explicit SecuredSessions(Carrier& carrier) : mCarrier(carrier) {}
 
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message, TimePoint now);
     void Hang(ConversationId conversation);
@@ -64,14 +64,14 @@ public:
 
     void Tick(TimePoint now);
     TimePoint NextDeadline() const;
-    std::size_t Sessions() const { return sessions_.size(); }
+    std::size_t Sessions() const { return mSessions.size(); }
 
 private:
-    enum class State { kHandshake, kConnected, kFailed, kRefused };
+    enum class State { HANDSHAKE, CONNECTED, FAILED, REFUSED };
 
     struct Session {
         Endpoint to;
-        State state = State::kHandshake;
+        State state = State::HANDSHAKE;
         TimePoint begun;
         TimePoint used;
         std::optional<TimePoint> askedSince;  // nothing was heard after that
@@ -98,12 +98,12 @@ private:
     bool IsOver(SessionId id, const Session& session, TimePoint now) const;
     Sessions_t::iterator Close(Sessions_t::iterator session);
 
-    Carrier& carrier_;
-    Sessions_t sessions_;
-    SessionId lastSession_ = 0;
-    std::map<ConversationId, Conversation> conversations_;
-    std::map<std::string, ConversationId> tokens_;
-    std::map<Endpoint, TimePoint> tried_;
+    Carrier& mCarrier;
+    Sessions_t mSessions;
+    SessionId mLastSession = 0;
+    std::map<ConversationId, Conversation> mConversations;
+    std::map<std::string, ConversationId> mTokens;
+    std::map<Endpoint, TimePoint> mTried;
 };
 
 }  // namespace lumora_link

@@ -37,26 +37,26 @@ struct Self {
 class Labels {
 public:
     explicit Labels(RandomSource& random)
-        : random_(random), messageId_(static_cast<std::uint16_t>(random.Next())) {}
+        : mRandom(random), mMessageId(static_cast<std::uint16_t>(random.Next())) {}
 
-    ConversationId NextConversation() { return ++conversation_; }
-    std::uint16_t NextMessageId() { return ++messageId_; }
+    ConversationId NextConversation() { return ++mConversation; }
+    std::uint16_t NextMessageId() { return ++mMessageId; }
     // Not to be guessed by those who do not see the request.
     std::string NextToken() {
         std::string token;
-        AppendBigEndian(token, random_.Next(), 8);
+        AppendBigEndian(token, mRandom.Next(), 8);
         return token;
     }
     // Spreads what many nodes would otherwise send at the same moment.
     Milliseconds Jitter(Milliseconds upTo) {
         const auto range = static_cast<std::uint64_t>(upTo.count()) + 1;
-        return Milliseconds(random_.Next() % range);
+        return Milliseconds(mRandom.Next() % range);
     }
 
 private:
-    RandomSource& random_;
-    ConversationId conversation_ = 0;
-    std::uint16_t messageId_;
+    RandomSource& mRandom;
+    ConversationId mConversation = 0;
+    std::uint16_t mMessageId;
 };
 
 }  // namespace lumora_link

@@ -35,14 +35,14 @@ public:
 };
 
 struct Outcome {
-    std::uint8_t code = code::kEmpty;  // empty where no answer came
+    std::uint8_t code = code::EMPTY;  // empty where no answer came
     std::string payload;
 };
 
 // A request for the application's handlers.
 struct HandlerCall {
     std::uint64_t ticket = 0;
-    std::uint8_t method = code::kEmpty;
+    std::uint8_t method = code::EMPTY;
     Endpoint requester;
     std::string key;
     std::string value;

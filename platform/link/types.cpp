@@ -39,8 +39,8 @@ std::optional<Endpoint> ParseEndpoint(const std::string& text, std::uint16_t def
 }
 
 Endpoint MulticastGroup() {
-    constexpr in_addr_t kAllCoapNodes = 0xe00001bb;  // 224.0.1.187
-    return {htonl(kAllCoapNodes), 5683};
+    constexpr in_addr_t ALL_COAP_NODES = 0xe00001bb;  // 224.0.1.187
+    return {htonl(ALL_COAP_NODES), 5683};
 }
 
 }  // namespace lumora_link

@@ -17,7 +17,7 @@ using TimePoint = Clock::time_point;
 using Milliseconds = std::chrono::milliseconds;
 
 // Keys, values and device types are C strings of at most this many bytes.
-constexpr std::size_t kMaxTextBytes = 1023;
+constexpr std::size_t MAX_TEXT_BYTES = 1023;
 
 struct Endpoint {
     in_addr_t host = 0;      // network byte order, as in struct in_addr

@@ -10,23 +10,23 @@ namespace lumora_link {
 class UniqueFd {
 public:
     UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    explicit UniqueFd(int fd) : mFd(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
     UniqueFd& operator=(UniqueFd&& other) noexcept {
-        std::swap(fd_, other.fd_);
+        std::swap(mFd, other.mFd);
         return *this;
     }
     ~UniqueFd() {
-        if (fd_ >= 0) {
-            close(fd_);
+        if (mFd >= 0) {
+            close(mFd);
         }
     }
 
-    int Get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
+    int Get() const { return mFd; }
+    explicit operator bool() const { return mFd >= 0; }
 
 private:
-    int fd_ = -1;
+    int mFd = -1;
 };
 
 }  // namespace lumora_link

@@ -14,46 +14,46 @@ class WaitingRoom {
 public:
     // Nothing once the room is closed.
     std::optional<std::uint64_t> Enter() {
-        MutexLock lock(mutex_);
-        if (closed_) {
+        MutexLock lock(mMutex);
+        if (mClosed) {
             return std::nullopt;
         }
-        results_[++lastTicket_];
-        return lastTicket_;
+        mResults[++mLastTicket];
+        return mLastTicket;
     }
 
     void Tell(std::uint64_t ticket, Result result) {
-        MutexLock lock(mutex_);
-        const auto at = results_.find(ticket);
-        if (at != results_.end()) {
+        MutexLock lock(mMutex);
+        const auto at = mResults.find(ticket);
+        if (at != mResults.end()) {
             at->second = std::move(result);
-            told_.NotifyAll();
+            mTold.NotifyAll();
         }
     }
 
     // An empty result where the room was closed first.
     Result Wait(std::uint64_t ticket) {
-        MutexLock lock(mutex_);
-        while (!closed_ && !results_[ticket]) {
-            told_.Wait(mutex_);
+        MutexLock lock(mMutex);
+        while (!mClosed && !mResults[ticket]) {
+            mTold.Wait(mMutex);
         }
-        Result result = results_[ticket].value_or(Result());
-        results_.erase(ticket);
+        Result result = mResults[ticket].value_or(Result());
+        mResults.erase(ticket);
         return result;
     }
 
     void Close() {
-        MutexLock lock(mutex_);
-        closed_ = true;
-        told_.NotifyAll();
+        MutexLock lock(mMutex);
+        mClosed = true;
+        mTold.NotifyAll();
     }
 
 private:
-    Mutex mutex_;
-    Condition told_;
-    std::map<std::uint64_t, std::optional<Result>> results_ LINK_GUARDED_BY(mutex_);
-    std::uint64_t lastTicket_ LINK_GUARDED_BY(mutex_) = 0;
-    bool closed_ LINK_GUARDED_BY(mutex_) = false;
+    Mutex mMutex;
+    Condition mTold;
+    std::map<std::uint64_t, std::optional<Result>> mResults LINK_GUARDED_BY(mMutex);
+    std::uint64_t mLastTicket LINK_GUARDED_BY(mMutex) = 0;
+    bool mClosed LINK_GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace lumora_link

@@ -24,31 +24,31 @@ std::thread StartQuietThread(const char* name, std::function<void()> body) {
     });
 }
 
-Worker::Worker(const char* name, std::size_t limit) : limit_(limit) {
-    thread_ = StartQuietThread(name, [this] { Run(); });
-    id_ = thread_.get_id();
+Worker::Worker(const char* name, std::size_t limit) : mLimit(limit) {
+    mThread = StartQuietThread(name, [this] { Run(); });
+    mId = mThread.get_id();
 }
 
 Worker::~Worker() { Stop(); }
 
 bool Worker::Post(Task task) {
-    MutexLock lock(mutex_);
-    if (stopping_ || tasks_.size() >= limit_) {
+    MutexLock lock(mMutex);
+    if (mStopping || mTasks.size() >= mLimit) {
         return false;
     }
-    tasks_.push_back(std::move(task));
-    changed_.NotifyAll();
+    mTasks.push_back(std::move(task));
+    mChanged.NotifyAll();
     return true;
 }
 
 void Worker::Stop() {
     {
-        MutexLock lock(mutex_);
-        stopping_ = true;
-        changed_.NotifyAll();
+        MutexLock lock(mMutex);
+        mStopping = true;
+        mChanged.NotifyAll();
     }
-    if (thread_.joinable()) {
-        thread_.join();
+    if (mThread.joinable()) {
+        mThread.join();
     }
 }
 
@@ -56,20 +56,20 @@ void Worker::Run() {
     for (;;) {
         Task task;
         {
-            MutexLock lock(mutex_);
-            while (!stopping_ && tasks_.empty()) {
-                changed_.Wait(mutex_);
+            MutexLock lock(mMutex);
+            while (!mStopping && mTasks.empty()) {
+                mChanged.Wait(mMutex);
             }
-            if (stopping_) {
+            if (mStopping) {
                 return;
             }
-            task = std::move(tasks_.front());
-            tasks_.pop_front();
+            task = std::move(mTasks.front());
+            mTasks.pop_front();
         }
         try {
             task();
         } catch (...) {
-            LINK_LOG(kLogError, "an exception came out of a call into the application\n");
+            LINK_LOG(LEVEL_ERROR, "an exception came out of a call into the application\n");
         }
     }
 }

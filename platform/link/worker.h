@@ -25,18 +25,18 @@ public:
     bool Post(Task task);
     // Lets the running task end, drops the others and joins. Not to be called by a task.
     void Stop();
-    bool IsCurrentThread() const { return std::this_thread::get_id() == id_; }
+    bool IsCurrentThread() const { return std::this_thread::get_id() == mId; }
 
 private:
     void Run();
 
-    const std::size_t limit_;
-    Mutex mutex_;
-    Condition changed_;
-    std::deque<Task> tasks_ LINK_GUARDED_BY(mutex_);
-    bool stopping_ LINK_GUARDED_BY(mutex_) = false;
-    std::thread thread_;
-    std::thread::id id_;  // stays readable for others while Stop joins
+    const std::size_t mLimit;
+    Mutex mMutex;
+    Condition mChanged;
+    std::deque<Task> mTasks LINK_GUARDED_BY(mMutex);
+    bool mStopping LINK_GUARDED_BY(mMutex) = false;
+    std::thread mThread;
+    std::thread::id mId;  // stays readable for others while Stop joins
 };
 
 }  // namespace lumora_link

@@ -18,8 +18,8 @@ bool IsSame(const CoapMessage& a, const CoapMessage& b) {
 void RequireRequesterSurvives(const CoapMessage& message) {
     if (const auto requester = DecodeRequester(message)) {
         CoapMessage again;
-        again.Add(option::kRequester, EncodeRequester(*requester));
-        Require(message.Find(option::kRequester)->compare(0, 26, *again.Find(option::kRequester)) == 0,
+        again.Add(option::REQUESTER, EncodeRequester(*requester));
+        Require(message.Find(option::REQUESTER)->compare(0, 26, *again.Find(option::REQUESTER)) == 0,
                 "a requester is written as it was read");
     }
 }
@@ -28,7 +28,7 @@ void RequireBlockSurvives(const CoapMessage& message) {
     const auto block = FindBlock(message);
     if (block && block->number < 1U << 28) {
         CoapMessage again;
-        again.Add(option::kBlock1, EncodeBlock(*block));
+        again.Add(option::BLOCK1, EncodeBlock(*block));
         const auto same = FindBlock(again);
         Require(same && same->number == block->number && same->more == block->more &&
                     same->sizeExponent == block->sizeExponent,
@@ -39,7 +39,7 @@ void RequireBlockSurvives(const CoapMessage& message) {
 void RequireKeySurvives(const CoapMessage& message) {
     CoapMessage again;
     AddKey(again, KeyOf(message));
-    Require(KeyOf(again) == KeyOf(message) && PathOf(again) == kResourcePath,
+    Require(KeyOf(again) == KeyOf(message) && PathOf(again) == RESOURCE_PATH,
             "a key is read as it was written");
 }
 

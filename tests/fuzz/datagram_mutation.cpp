@@ -8,16 +8,16 @@ namespace {
 
 using namespace lumora_link;
 
-const std::uint8_t CODES[] = {code::kEmpty,       code::kGet,      code::kPost,     code::kPut,
-                              code::kDelete,      code::kContent,  code::kContinue, code::kChanged,
-                              code::kDeleted,     code::kNotFound, code::kTooLarge, code::kIncomplete,
-                              code::kUnavailable, MakeCode(7, 31)};
-const std::uint16_t OPTIONS[] = {option::kUriPath,
-                                 option::kUriQuery,
-                                 option::kContentFormat,
-                                 option::kBlock1,
-                                 option::kRequester,
-                                 option::kKnownNodes,
+const std::uint8_t CODES[] = {code::EMPTY,       code::GET,       code::POST,      code::PUT,
+                              code::DELETE,      code::CONTENT,   code::CONTINUE,  code::CHANGED,
+                              code::DELETED,     code::NOT_FOUND, code::TOO_LARGE, code::INCOMPLETE,
+                              code::UNAVAILABLE, MakeCode(7, 31)};
+const std::uint16_t OPTIONS[] = {option::URI_PATH,
+                                 option::URI_QUERY,
+                                 option::CONTENT_FORMAT,
+                                 option::BLOCK1,
+                                 option::REQUESTER,
+                                 option::KNOWN_NODES,
                                  1,
                                  65535};
 const char* const VALUES[] = {"lumora", "hello",     "goodbye", ".well-known",

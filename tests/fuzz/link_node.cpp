@@ -55,7 +55,8 @@ public:
 
     // ---- Application ----
     bool Handle(HandlerCall call) override {
-        Require(call.key.size() <= kMaxTextBytes && call.value.size() <= kMaxTextBytes, "texts are bounded");
+        Require(call.key.size() <= MAX_TEXT_BYTES && call.value.size() <= MAX_TEXT_BYTES,
+                "texts are bounded");
         Require(code::IsRequest(call.method), "only requests are handled");
         if (mCalls.size() >= 4) {
             return false;
@@ -126,7 +127,7 @@ public:
                 break;
             case lumora_fuzz::SEARCH:
                 mSurroundings.mTickets.insert(++mLastTicket);
-                mCore.StartSearch(mLastTicket, record.bytes.substr(0, kMaxTextBytes), mNow);
+                mCore.StartSearch(mLastTicket, record.bytes.substr(0, MAX_TEXT_BYTES), mNow);
                 break;
             case lumora_fuzz::REQUEST:
                 Ask(record.bytes);
@@ -183,10 +184,10 @@ private:
         if (bytes.size() < 2) {
             return;
         }
-        static const std::uint8_t METHODS[] = {code::kGet, code::kPut, code::kPost, code::kDelete};
+        static const std::uint8_t METHODS[] = {code::GET, code::PUT, code::POST, code::DELETE};
         const std::size_t keyLength = static_cast<unsigned char>(bytes[1]) * 4U;
-        const std::string key = bytes.substr(2, std::min(keyLength, kMaxTextBytes));
-        const std::string value = bytes.substr(2 + key.size(), kMaxTextBytes);
+        const std::string key = bytes.substr(2, std::min(keyLength, MAX_TEXT_BYTES));
+        const std::string value = bytes.substr(2 + key.size(), MAX_TEXT_BYTES);
         mSurroundings.mTickets.insert(++mLastTicket);
         const Endpoint to{htonl(0x0a000002), 40002};
         mCore.StartRequest({mLastTicket, to, METHODS[bytes[0] & 3], key, value}, mNow);
@@ -198,7 +199,7 @@ private:
         }
         const std::uint64_t ticket = mSurroundings.mCalls.front();
         mSurroundings.mCalls.pop_front();
-        mCore.OnHandled(ticket, {code::kContent, text.substr(0, kMaxTextBytes)}, mNow);
+        mCore.OnHandled(ticket, {code::CONTENT, text.substr(0, MAX_TEXT_BYTES)}, mNow);
     }
 
     // As the I/O thread does: from deadline to deadline.

@@ -113,7 +113,7 @@ CoapMessage AskedBy(const Requester& requester, std::uint8_t method, const std::
     request.messageId = static_cast<std::uint16_t>(requester.sequence);
     request.token = "12345678";
     AddKey(request, "Command");
-    request.Add(option::kRequester, EncodeRequester(requester));
+    request.Add(option::REQUESTER, EncodeRequester(requester));
     request.payload = value;
     return request;
 }
@@ -125,16 +125,16 @@ void AddDatagrams(Seeds& seeds) {
     secured.deviceType = "a \"quoted\" type";
     seeds["link_format"] = {link, FormatLink(secured), "192.0.2.7:40001"};
 
-    const CoapMessage hello = MakeNotice(kHelloPath, link);
-    const CoapMessage goodbye = MakeNotice(kGoodbyePath, link);
+    const CoapMessage hello = MakeNotice(HELLO_PATH, link);
+    const CoapMessage goodbye = MakeNotice(GOODBYE_PATH, link);
     const CoapMessage probe = MakeProbe("camera", "token123", {1, 2});
     const CoapMessage answer = MakeLinkAnswer(probe, link);
     const Requester requester = {{0x1002, 7}, 40002, 5, 5, 5};
-    const CoapMessage request = AskedBy(requester, code::kPost, "value");
-    CoapMessage first = AskedBy({{0x1002, 7}, 40002, 6, 6, 6}, code::kGet, "first half");
-    first.Add(option::kBlock1, EncodeBlock({0, true, 4}));
-    CoapMessage second = AskedBy({{0x1002, 7}, 40002, 7, 7, 6}, code::kGet, "second half");
-    second.Add(option::kBlock1, EncodeBlock({1, false, 4}));
+    const CoapMessage request = AskedBy(requester, code::POST, "value");
+    CoapMessage first = AskedBy({{0x1002, 7}, 40002, 6, 6, 6}, code::GET, "first half");
+    first.Add(option::BLOCK1, EncodeBlock({0, true, 4}));
+    CoapMessage second = AskedBy({{0x1002, 7}, 40002, 7, 7, 6}, code::GET, "second half");
+    second.Add(option::BLOCK1, EncodeBlock({1, false, 4}));
     for (const CoapMessage& message : {hello, goodbye, probe, answer, MakePing(), request, first, second}) {
         seeds["coap_message"].push_back(SerializeMessage(message));
     }

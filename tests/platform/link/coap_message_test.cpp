@@ -10,12 +10,12 @@ using namespace std::string_literals;
 TEST(CoapMessageTest, EncodesTheProbeOfTheDocumentation) {
     CoapMessage message;
     message.type = MessageType::NonConfirmable;
-    message.code = code::kGet;
+    message.code = code::GET;
     message.messageId = 0x1234;
     message.token = "\xAA\xBB";
-    message.Add(option::kUriQuery, "rt=camera");
-    message.Add(option::kUriPath, ".well-known");
-    message.Add(option::kUriPath, "core");
+    message.Add(option::URI_QUERY, "rt=camera");
+    message.Add(option::URI_PATH, ".well-known");
+    message.Add(option::URI_PATH, "core");
     EXPECT_EQ(SerializeMessage(message),
               "\x52\x01\x12\x34\xAA\xBB"
               "\xBB.well-known"
@@ -28,7 +28,7 @@ TEST(CoapMessageTest, ReadsBackWhatItWrites) {
     for (const std::size_t length : {0U, 1U, 12U, 13U, 14U, 268U, 269U, 270U, 1000U}) {
         CoapMessage message;
         message.type = MessageType::Confirmable;
-        message.code = code::kContent;
+        message.code = code::CONTENT;
         message.messageId = 0xffff;
         message.token = "12345678";
         message.Add(1, std::string(length, 'a'));
@@ -66,10 +66,10 @@ TEST(CoapMessageTest, RefusesWhatIsNoMessage) {
 
 TEST(CoapMessageTest, EveryCutOfAMessageIsReadOrRefusedWithoutHarm) {
     CoapMessage message;
-    message.code = code::kPost;
+    message.code = code::POST;
     message.token = "token";
-    message.Add(option::kUriPath, std::string(300, 'a'));
-    message.Add(option::kRequester, std::string(20, 'b'));
+    message.Add(option::URI_PATH, std::string(300, 'a'));
+    message.Add(option::REQUESTER, std::string(20, 'b'));
     message.payload = "payload";
     const std::string bytes = SerializeMessage(message);
     for (std::size_t length = 0; length < bytes.size(); ++length) {
@@ -93,12 +93,12 @@ TEST(CoapMessageTest, NumbersTakeAsFewBytesAsTheyNeed) {
 
 TEST(CoapMessageTest, JoinsTheOptionsOfOneNumber) {
     CoapMessage message;
-    message.Add(option::kUriPath, "a");
-    message.Add(option::kUriQuery, "x");
-    message.Add(option::kUriPath, "b");
-    EXPECT_EQ(message.Joined(option::kUriPath, "/"), "a/b");
-    EXPECT_EQ(*message.Find(option::kUriQuery), "x");
-    EXPECT_EQ(message.Find(option::kBlock1), nullptr);
+    message.Add(option::URI_PATH, "a");
+    message.Add(option::URI_QUERY, "x");
+    message.Add(option::URI_PATH, "b");
+    EXPECT_EQ(message.Joined(option::URI_PATH, "/"), "a/b");
+    EXPECT_EQ(*message.Find(option::URI_QUERY), "x");
+    EXPECT_EQ(message.Find(option::BLOCK1), nullptr);
 }
 
 }  // namespace lumora_link::test

@@ -7,69 +7,69 @@ namespace lumora_link::test {
 namespace {
 
 // The port of an interface's own socket, by which searches are answered.
-constexpr std::uint16_t kSocketPort = 30000;
-constexpr std::uint16_t kConversationPort = 50000;
-constexpr Milliseconds kUsualDelay{1};
+constexpr std::uint16_t SOCKET_PORT = 30000;
+constexpr std::uint16_t CONVERSATION_PORT = 50000;
+constexpr Milliseconds USUAL_DELAY{1};
 
 }  // namespace
 
 FakeNode::FakeNode(FakeNetwork& network, NodeIdentity identity, std::vector<LocalInterface> interfaces,
                    std::uint16_t port, std::optional<std::string> deviceType, std::vector<Endpoint> peers)
-    : network_(network),
-      identity_(identity),
-      interfaces_(std::move(interfaces)),
-      port_(port),
-      random_(identity.id * 31 + identity.instance),
-      core_(identity, network.secured, std::move(peers), random_, *this, *this) {
-    handler = [](const HandlerCall& call) { return Outcome{code::kContent, call.value}; };
-    core_.SetDeviceType(std::move(deviceType), network_.Now());
-    core_.SetInterfaces(interfaces_, port_, network_.Now());
+    : mNetwork(network),
+      mIdentity(identity),
+      mInterfaces(std::move(interfaces)),
+      mPort(port),
+      mRandom(identity.id * 31 + identity.instance),
+      mCore(identity, network.secured, std::move(peers), mRandom, *this, *this) {
+    handler = [](const HandlerCall& call) { return Outcome{code::CONTENT, call.value}; };
+    mCore.SetDeviceType(std::move(deviceType), mNetwork.Now());
+    mCore.SetInterfaces(mInterfaces, mPort, mNetwork.Now());
 }
 
 std::uint64_t FakeNode::Ask(const Endpoint& to, std::uint8_t method, const std::string& key,
                             const std::string& value) {
-    core_.StartRequest({++lastTicket_, to, method, key, value}, network_.Now());
-    return lastTicket_;
+    mCore.StartRequest({++mLastTicket, to, method, key, value}, mNetwork.Now());
+    return mLastTicket;
 }
 
 std::uint64_t FakeNode::Find(const std::string& deviceType) {
-    core_.StartSearch(++lastTicket_, deviceType, network_.Now());
-    return lastTicket_;
+    mCore.StartSearch(++mLastTicket, deviceType, mNetwork.Now());
+    return mLastTicket;
 }
 
 void FakeNode::Exit() {
-    core_.Close(network_.Now());
-    alive_ = false;
+    mCore.Close(mNetwork.Now());
+    mAlive = false;
 }
 
 void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {
-    const Endpoint source{via.host, kSocketPort};
+    const Endpoint source{via.host, SOCKET_PORT};
     if (to != MulticastGroup()) {
-        FakeNode* listener = network_.ListenerAt(to);
+        FakeNode* listener = mNetwork.ListenerAt(to);
         if (listener == nullptr) {
             return;
         }
-        if (to.port == kSocketPort) {
-            network_.Carry(*this, *listener, message, [this, listener, message, source] {
-                listener->core_.OnSearchAnswer(message, source, network_.Now());
+        if (to.port == SOCKET_PORT) {
+            mNetwork.Carry(*this, *listener, message, [this, listener, message, source] {
+                listener->mCore.OnSearchAnswer(message, source, mNetwork.Now());
             });
             return;
         }
-        network_.Carry(*this, *listener, message, [this, listener, message, source, to] {
-            const ReplyPath path = ++listener->lastPath_;
-            listener->ways_[path] = {this, std::nullopt, to};
-            listener->core_.OnRequest(message, source, to.host, path, network_.Now());
+        mNetwork.Carry(*this, *listener, message, [this, listener, message, source, to] {
+            const ReplyPath path = ++listener->mLastPath;
+            listener->mWays[path] = {this, std::nullopt, to};
+            listener->mCore.OnRequest(message, source, to.host, path, mNetwork.Now());
         });
         return;
     }
-    if (network_.multicastBlocked) {
+    if (mNetwork.multicastBlocked) {
         return;
     }
-    for (const std::unique_ptr<FakeNode>& node : network_.nodes_) {
-        for (const LocalInterface& local : node->interfaces_) {
+    for (const std::unique_ptr<FakeNode>& node : mNetwork.mNodes) {
+        for (const LocalInterface& local : node->mInterfaces) {
             if (local.name == via.name) {
-                network_.Carry(*this, *node, message, [this, to = node.get(), message, source, local] {
-                    to->core_.OnGroupMessage(message, source, local.index, network_.Now());
+                mNetwork.Carry(*this, *node, message, [this, to = node.get(), message, source, local] {
+                    to->mCore.OnGroupMessage(message, source, local.index, mNetwork.Now());
                 });
             }
         }
@@ -77,82 +77,82 @@ void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMes
 }
 
 void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
-    FakeNode* listener = network_.ListenerAt(to);
-    const Endpoint source{interfaces_.front().host,
-                          static_cast<std::uint16_t>(kConversationPort + conversation % 10000)};
-    if (listener == nullptr || !listener->reachable_ || !reachable_) {
+    FakeNode* listener = mNetwork.ListenerAt(to);
+    const Endpoint source{mInterfaces.front().host,
+                          static_cast<std::uint16_t>(CONVERSATION_PORT + conversation % 10000)};
+    if (listener == nullptr || !listener->mReachable || !mReachable) {
         return;
     }
-    if (!listener->alive_) {
-        network_.At(network_.Now() + kUsualDelay, [this, conversation] {
-            if (alive_ && hung_.count(conversation) == 0) {
-                core_.OnRefused(conversation, network_.Now());
+    if (!listener->mAlive) {
+        mNetwork.At(mNetwork.Now() + USUAL_DELAY, [this, conversation] {
+            if (mAlive && mHung.count(conversation) == 0) {
+                mCore.OnRefused(conversation, mNetwork.Now());
             }
         });
         return;
     }
-    network_.Carry(*this, *listener, message, [this, listener, message, source, to, conversation] {
-        const ReplyPath path = ++listener->lastPath_;
-        listener->ways_[path] = {this, conversation, to};
-        listener->core_.OnRequest(message, source, to.host, path, network_.Now());
+    mNetwork.Carry(*this, *listener, message, [this, listener, message, source, to, conversation] {
+        const ReplyPath path = ++listener->mLastPath;
+        listener->mWays[path] = {this, conversation, to};
+        listener->mCore.OnRequest(message, source, to.host, path, mNetwork.Now());
     });
 }
 
-void FakeNode::Hang(ConversationId conversation) { hung_.insert(conversation); }
+void FakeNode::Hang(ConversationId conversation) { mHung.insert(conversation); }
 
 void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {
-    const Way way = ways_.at(path);
-    if (message.code == code::kEmpty) {
-        ++datagrams_;
+    const Way way = mWays.at(path);
+    if (message.code == code::EMPTY) {
+        ++mDatagrams;
         return;
     }
     const auto deliver = [this, way, message] {
-        if (way.conversation && way.asker->hung_.count(*way.conversation) == 0) {
-            way.asker->core_.OnAnswer(*way.conversation, message, network_.Now());
+        if (way.conversation && way.asker->mHung.count(*way.conversation) == 0) {
+            way.asker->mCore.OnAnswer(*way.conversation, message, mNetwork.Now());
         } else if (!way.conversation) {
-            way.asker->core_.OnSearchAnswer(message, way.from, network_.Now());
+            way.asker->mCore.OnSearchAnswer(message, way.from, mNetwork.Now());
         }
     };
-    network_.Carry(*this, *way.asker, message, deliver);
+    mNetwork.Carry(*this, *way.asker, message, deliver);
     if (message.type == MessageType::Confirmable) {
         // libcoap repeats a separate answer until it is acknowledged.
         for (const Milliseconds pause : {Milliseconds(1000), Milliseconds(3000), Milliseconds(7000)}) {
-            network_.At(network_.Now() + pause, [this, way, message, deliver] {
-                network_.Carry(*this, *way.asker, message, deliver);
+            mNetwork.At(mNetwork.Now() + pause, [this, way, message, deliver] {
+                mNetwork.Carry(*this, *way.asker, message, deliver);
             });
         }
     }
 }
 
-void FakeNode::Forget(ReplyPath path) { ways_.erase(path); }
+void FakeNode::Forget(ReplyPath path) { mWays.erase(path); }
 
 bool FakeNode::Handle(HandlerCall call) {
     if (queueFull) {
         return false;
     }
-    calls_.handled.push_back(call);
-    network_.At(network_.Now() + handlerTime, [this, call] {
-        if (alive_) {
-            core_.OnHandled(call.ticket, handler(call), network_.Now());
+    mCalls.handled.push_back(call);
+    mNetwork.At(mNetwork.Now() + handlerTime, [this, call] {
+        if (mAlive) {
+            mCore.OnHandled(call.ticket, handler(call), mNetwork.Now());
         }
     });
     return true;
 }
 
-void FakeNode::Notify(DeviceEvent event) { calls_.events.push_back(std::move(event)); }
+void FakeNode::Notify(DeviceEvent event) { mCalls.events.push_back(std::move(event)); }
 
 void FakeNode::RequestEnded(std::uint64_t ticket, Outcome outcome) {
-    calls_.outcomes[ticket] = std::move(outcome);
-    calls_.ended[ticket] = network_.Now();
+    mCalls.outcomes[ticket] = std::move(outcome);
+    mCalls.ended[ticket] = mNetwork.Now();
 }
 
 void FakeNode::SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) {
-    calls_.found[ticket] = std::move(found);
-    calls_.ended[ticket] = network_.Now();
+    mCalls.found[ticket] = std::move(found);
+    mCalls.ended[ticket] = mNetwork.Now();
 }
 
 FakeNode& FakeNetwork::Add(std::optional<std::string> deviceType, std::vector<Endpoint> peers) {
-    const auto number = static_cast<std::uint32_t>(nodes_.size() + 1);
+    const auto number = static_cast<std::uint32_t>(mNodes.size() + 1);
     const LocalInterface local{2, "eth0", htonl(0x0a000000 + number)};
     return AddAt({0x1000ULL + number, 1}, {local}, static_cast<std::uint16_t>(40000 + number),
                  std::move(deviceType), std::move(peers));
@@ -161,20 +161,20 @@ FakeNode& FakeNetwork::Add(std::optional<std::string> deviceType, std::vector<En
 FakeNode& FakeNetwork::AddAt(NodeIdentity identity, std::vector<LocalInterface> interfaces,
                              std::uint16_t port, std::optional<std::string> deviceType,
                              std::vector<Endpoint> peers) {
-    nodes_.push_back(std::make_unique<FakeNode>(*this, identity, std::move(interfaces), port,
+    mNodes.push_back(std::make_unique<FakeNode>(*this, identity, std::move(interfaces), port,
                                                 std::move(deviceType), std::move(peers)));
-    return *nodes_.back();
+    return *mNodes.back();
 }
 
 void FakeNetwork::Run(Milliseconds time) {
-    const TimePoint end = now_ + time;
+    const TimePoint end = mNow + time;
     while (Step(end)) {
     }
-    now_ = end;
+    mNow = end;
 }
 
 bool FakeNetwork::RunUntil(const std::function<bool()>& condition, Milliseconds limit) {
-    const TimePoint end = now_ + limit;
+    const TimePoint end = mNow + limit;
     while (!condition()) {
         if (!Step(end)) {
             return condition();
@@ -185,10 +185,10 @@ bool FakeNetwork::RunUntil(const std::function<bool()>& condition, Milliseconds 
 
 // One event or one node's deadline, whichever comes first; false where nothing is due by the end.
 bool FakeNetwork::Step(TimePoint end) {
-    TimePoint next = events_.empty() ? TimePoint::max() : events_.begin()->first;
+    TimePoint next = mEvents.empty() ? TimePoint::max() : mEvents.begin()->first;
     FakeNode* due = nullptr;
-    for (const std::unique_ptr<FakeNode>& node : nodes_) {
-        const TimePoint deadline = node->alive_ ? node->core_.NextDeadline(now_) : TimePoint::max();
+    for (const std::unique_ptr<FakeNode>& node : mNodes) {
+        const TimePoint deadline = node->mAlive ? node->mCore.NextDeadline(mNow) : TimePoint::max();
         if (deadline < next) {
             next = deadline;
             due = node.get();
@@ -197,20 +197,20 @@ bool FakeNetwork::Step(TimePoint end) {
     if (next > end) {
         return false;
     }
-    now_ = std::max(now_, next);
+    mNow = std::max(mNow, next);
     if (due != nullptr) {
-        due->core_.Tick(now_);
+        due->mCore.Tick(mNow);
         return true;
     }
-    const std::function<void()> event = std::move(events_.begin()->second);
-    events_.erase(events_.begin());
+    const std::function<void()> event = std::move(mEvents.begin()->second);
+    mEvents.erase(mEvents.begin());
     event();
     return true;
 }
 
 void FakeNetwork::Carry(FakeNode& from, FakeNode& to, const CoapMessage& message,
                         std::function<void()> deliver) {
-    ++from.datagrams_;
+    ++from.mDatagrams;
     if (filter && !filter(message)) {
         return;
     }
@@ -220,9 +220,9 @@ void FakeNetwork::Carry(FakeNode& from, FakeNode& to, const CoapMessage& message
             continue;
         }
         const auto range = static_cast<std::uint64_t>(longestDelay.count()) + 1;
-        const TimePoint arrival = now_ + kUsualDelay + Milliseconds(generator_() % range);
+        const TimePoint arrival = mNow + USUAL_DELAY + Milliseconds(mGenerator() % range);
         At(arrival, [&from, &to, deliver] {
-            if (to.alive_ && to.reachable_ && from.reachable_) {
+            if (to.mAlive && to.mReachable && from.mReachable) {
                 deliver();
             }
         });
@@ -231,9 +231,9 @@ void FakeNetwork::Carry(FakeNode& from, FakeNode& to, const CoapMessage& message
 
 FakeNode* FakeNetwork::ListenerAt(const Endpoint& endpoint) {
     // The latest, where several had the address one after the other.
-    for (auto node = nodes_.rbegin(); node != nodes_.rend(); ++node) {
-        for (const LocalInterface& local : (*node)->interfaces_) {
-            const bool port = endpoint.port == (*node)->port_ || endpoint.port == kSocketPort;
+    for (auto node = mNodes.rbegin(); node != mNodes.rend(); ++node) {
+        for (const LocalInterface& local : (*node)->mInterfaces) {
+            const bool port = endpoint.port == (*node)->mPort || endpoint.port == SOCKET_PORT;
             if (local.host == endpoint.host && port) {
                 return node->get();
             }

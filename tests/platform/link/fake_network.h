@@ -31,8 +31,8 @@ public:
         std::map<std::uint64_t, TimePoint> ended;
         std::map<std::uint64_t, std::vector<NodeDescription>> found;
     };
-    const Calls& Seen() const { return calls_; }
-    void ForgetEvents() { calls_.events.clear(); }
+    const Calls& Seen() const { return mCalls; }
+    void ForgetEvents() { mCalls.events.clear(); }
 
     std::uint64_t Ask(const Endpoint& to, std::uint8_t method, const std::string& key,
                       const std::string& value);
@@ -44,21 +44,21 @@ public:
     Milliseconds handlerTime{0};
     bool queueFull = false;
 
-    Endpoint At(std::size_t interface = 0) const { return {interfaces_.at(interface).host, port_}; }
-    NodeCore& Core() { return core_; }
-    NodeIdentity Identity() const { return identity_; }
-    unsigned Datagrams() const { return datagrams_; }
+    Endpoint At(std::size_t interface = 0) const { return {mInterfaces.at(interface).host, mPort}; }
+    NodeCore& Core() { return mCore; }
+    NodeIdentity Identity() const { return mIdentity; }
+    unsigned Datagrams() const { return mDatagrams; }
 
 private:
     friend class FakeNetwork;
 
     class Random : public RandomSource {
     public:
-        explicit Random(std::uint64_t seed) : generator_(seed) {}
-        std::uint64_t Next() override { return generator_(); }
+        explicit Random(std::uint64_t seed) : mGenerator(seed) {}
+        std::uint64_t Next() override { return mGenerator(); }
 
     private:
-        std::mt19937_64 generator_;
+        std::mt19937_64 mGenerator;
     };
     struct Way {
         FakeNode* asker = nullptr;
@@ -77,25 +77,25 @@ private:
     void RequestEnded(std::uint64_t ticket, Outcome outcome) override;
     void SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) override;
 
-    FakeNetwork& network_;
-    const NodeIdentity identity_;
-    const std::vector<LocalInterface> interfaces_;
-    const std::uint16_t port_;
-    Random random_;
-    Calls calls_;
-    std::map<ReplyPath, Way> ways_;
-    ReplyPath lastPath_ = 0;
-    std::set<ConversationId> hung_;
-    std::uint64_t lastTicket_ = 0;
-    unsigned datagrams_ = 0;
-    bool alive_ = true;
-    bool reachable_ = true;
-    NodeCore core_;
+    FakeNetwork& mNetwork;
+    const NodeIdentity mIdentity;
+    const std::vector<LocalInterface> mInterfaces;
+    const std::uint16_t mPort;
+    Random mRandom;
+    Calls mCalls;
+    std::map<ReplyPath, Way> mWays;
+    ReplyPath mLastPath = 0;
+    std::set<ConversationId> mHung;
+    std::uint64_t mLastTicket = 0;
+    unsigned mDatagrams = 0;
+    bool mAlive = true;
+    bool mReachable = true;
+    NodeCore mCore;
 };
 
 class FakeNetwork {
 public:
-    explicit FakeNetwork(std::uint64_t seed = 1) : generator_(seed) {}
+    explicit FakeNetwork(std::uint64_t seed = 1) : mGenerator(seed) {}
 
     // A node on one segment, with an address of its own there.
     FakeNode& Add(std::optional<std::string> deviceType, std::vector<Endpoint> peers = {});
@@ -106,7 +106,7 @@ public:
     void Run(Milliseconds time);
     // Until the condition holds; false after the limit.
     bool RunUntil(const std::function<bool()>& condition, Milliseconds limit);
-    TimePoint Now() const { return now_; }
+    TimePoint Now() const { return mNow; }
 
     // To be set before nodes are added: all conversations count as secured.
     bool secured = false;
@@ -118,25 +118,25 @@ public:
     std::function<bool(const CoapMessage&)> filter;
 
     // The process is gone, its host refuses.
-    void Kill(FakeNode& node) { node.alive_ = false; }
+    void Kill(FakeNode& node) { node.mAlive = false; }
     // The host is cut off, nothing comes back.
-    void Cut(FakeNode& node) { node.reachable_ = false; }
-    void Restore(FakeNode& node) { node.reachable_ = true; }
+    void Cut(FakeNode& node) { node.mReachable = false; }
+    void Restore(FakeNode& node) { node.mReachable = true; }
 
 private:
     friend class FakeNode;
 
-    bool Chance(unsigned percent) { return generator_() % 100 < percent; }
+    bool Chance(unsigned percent) { return mGenerator() % 100 < percent; }
     // Delivers never, once or twice, as the settings and chance will have it.
     void Carry(FakeNode& from, FakeNode& to, const CoapMessage& message, std::function<void()> deliver);
-    void At(TimePoint time, std::function<void()> event) { events_.emplace(time, std::move(event)); }
+    void At(TimePoint time, std::function<void()> event) { mEvents.emplace(time, std::move(event)); }
     FakeNode* ListenerAt(const Endpoint& endpoint);
     bool Step(TimePoint end);
 
-    TimePoint now_{std::chrono::hours(1)};
-    std::mt19937_64 generator_;
-    std::multimap<TimePoint, std::function<void()>> events_;
-    std::vector<std::unique_ptr<FakeNode>> nodes_;
+    TimePoint mNow{std::chrono::hours(1)};
+    std::mt19937_64 mGenerator;
+    std::multimap<TimePoint, std::function<void()>> mEvents;
+    std::vector<std::unique_ptr<FakeNode>> mNodes;
 };
 
 }  // namespace lumora_link::test

@@ -21,7 +21,7 @@ std::vector<std::string> NamesOf(const std::vector<LocalInterface>& interfaces) 
     return names;
 }
 
-const std::vector<SystemInterface> kAll = {
+const std::vector<SystemInterface> ALL = {
     Interface(3, "wlan0", 0x0a000003),       Interface(1, "lo", 0x7f000001),
     Interface(2, "eth0", 0x0a000002),        Interface(2, "eth0", 0x0a000022),
     Interface(4, "usb0", 0x0a000004, false),
@@ -30,14 +30,14 @@ const std::vector<SystemInterface> kAll = {
 }  // namespace
 
 TEST(InterfaceListTest, TakesWhatIsUpByItsIndexWithOneAddressEach) {
-    const std::vector<LocalInterface> selected = SelectInterfaces(kAll, {});
+    const std::vector<LocalInterface> selected = SelectInterfaces(ALL, {});
     EXPECT_THAT(NamesOf(selected), ElementsAre("lo", "eth0", "wlan0"));
     EXPECT_EQ(HostText(selected[1].host), "10.0.0.2");
 }
 
 TEST(InterfaceListTest, TakesOnlyTheNamedOnes) {
-    EXPECT_THAT(NamesOf(SelectInterfaces(kAll, {"wlan0", "usb0", "none"})), ElementsAre("wlan0"));
-    EXPECT_THAT(SelectInterfaces(kAll, {"none"}), IsEmpty());
+    EXPECT_THAT(NamesOf(SelectInterfaces(ALL, {"wlan0", "usb0", "none"})), ElementsAre("wlan0"));
+    EXPECT_THAT(SelectInterfaces(ALL, {"none"}), IsEmpty());
 }
 
 TEST(InterfaceListTest, AHostWithoutInterfacesHasNone) { EXPECT_THAT(SelectInterfaces({}, {}), IsEmpty()); }

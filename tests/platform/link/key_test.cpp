@@ -170,7 +170,7 @@ TEST_F(SecuredNodeTest, AForgedGoodbyeRemovesNobody) {
     Found readers(device, "reader");
     ASSERT_EQ(readers.Size(), 1U);
     RawPeer toAsker(readers.At(0));
-    toAsker.Send(MakeNotice(kGoodbyePath, link->payload));
+    toAsker.Send(MakeNotice(GOODBYE_PATH, link->payload));
     toAsker.Send(MakePing());
     ASSERT_TRUE(toAsker.Receive()) << "the goodbye has been read";
     EXPECT_EQ(Found(asker, "camera").Size(), 1U);

@@ -34,7 +34,7 @@ TEST(LinkFormatTest, ReadsBackTypesOfAnyBytes) {
         any.push_back(static_cast<char>(byte));
     }
     for (const std::string& type : {std::string(), std::string("\\"), std::string("\"\\\";ep=\"1\""), any,
-                                    std::string(kMaxTextBytes, '"')}) {
+                                    std::string(MAX_TEXT_BYTES, '"')}) {
         NodeDescription node = Camera();
         node.deviceType = type;
         const auto read = ParseLink(FormatLink(node));
@@ -92,7 +92,7 @@ TEST(LinkFormatTest, ASecuredNodeNamesThePortBehindItsOwn) {
 
 TEST(LinkFormatTest, RefusesATypeThatIsTooLong) {
     NodeDescription node = Camera();
-    node.deviceType = std::string(kMaxTextBytes + 1, 't');
+    node.deviceType = std::string(MAX_TEXT_BYTES + 1, 't');
     EXPECT_FALSE(ParseLink(FormatLink(node)));
 }
 

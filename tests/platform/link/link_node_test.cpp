@@ -29,7 +29,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-const std::string kLongest(1023, 'x');
+const std::string LONGEST(1023, 'x');
 
 std::string EveryByte() {
     std::string text;
@@ -113,7 +113,7 @@ TEST(LinkSearchTest, ReturnsWithinThreeHundredMillisecondsWhenAllAnswerAtOnce) {
 TEST(LinkSearchTest, FindsTypesOfAnyBytesAndLength) {
     TestNode asker("reader");
     ASSERT_TRUE(asker.Start());
-    for (const std::string& type : {EveryByte(), kLongest, std::string(253, 'a')}) {
+    for (const std::string& type : {EveryByte(), LONGEST, std::string(253, 'a')}) {
         TestNode device(type);
         ASSERT_TRUE(device.Start());
         EXPECT_EQ(Found(asker, type).Size(), 1U);
@@ -121,7 +121,7 @@ TEST(LinkSearchTest, FindsTypesOfAnyBytesAndLength) {
 }
 
 TEST(LinkSearchTest, ATypeThatIsTooLongIsRefused) {
-    TestNode node(kLongest + "x");
+    TestNode node(LONGEST + "x");
     LinkPlatform* platform = node.Platform();
     EXPECT_EQ(platform->Init(platform), 0);
     EXPECT_EQ(platform->RegisterResource(platform, node.Resource(), node.EventFunction()), -1);
@@ -145,9 +145,9 @@ TEST_F(LinkNodeTest, EveryMethodReachesItsHandlerAndOnlyGetHasAReply) {
 TEST_F(LinkNodeTest, KeysAndValuesOfEveryLengthAndAnyBytesArrive) {
     Start();
     for (const std::string& key :
-         {std::string(), std::string("k"), EveryByte(), kLongest, std::string("..")}) {
+         {std::string(), std::string("k"), EveryByte(), LONGEST, std::string("..")}) {
         for (const std::string& value :
-             {std::string(), std::string("v"), EveryByte(), std::string(1022, '\xff'), kLongest}) {
+             {std::string(), std::string("v"), EveryByte(), std::string(1022, '\xff'), LONGEST}) {
             const GetResult got = Get(proxy, key, value);
             EXPECT_EQ(got.result, 0);
             EXPECT_EQ(got.text, value);
@@ -159,8 +159,8 @@ TEST_F(LinkNodeTest, KeysAndValuesOfEveryLengthAndAnyBytesArrive) {
 
 TEST_F(LinkNodeTest, TextsBeyondTheLimitAreNotSent) {
     Start();
-    EXPECT_NE(Put(proxy, "key", kLongest + "x"), 0);
-    EXPECT_NE(Put(proxy, kLongest + "x", "value"), 0);
+    EXPECT_NE(Put(proxy, "key", LONGEST + "x"), 0);
+    EXPECT_NE(Put(proxy, LONGEST + "x", "value"), 0);
     EXPECT_NE(proxy->Put(proxy, nullptr, "v", 1), 0);
     EXPECT_NE(proxy->Put(proxy, "k", nullptr, 1), 0);
     EXPECT_EQ(proxy->Put(proxy, "k", nullptr, 0), 0);
@@ -264,7 +264,7 @@ TEST_F(LinkNodeTest, ADatagramThatComesTwiceRunsOnceAndIsAnsweredTwice) {
         const auto answer = peer.Receive();
         ASSERT_TRUE(answer);
         EXPECT_EQ(answer->type, MessageType::Acknowledgement);
-        EXPECT_EQ(answer->code, code::kChanged);
+        EXPECT_EQ(answer->code, code::CHANGED);
         EXPECT_EQ(answer->messageId, 77);
         EXPECT_EQ(answer->token, "raw");
     }
@@ -280,12 +280,12 @@ TEST_F(LinkNodeTest, ADatagramThatIsCutIsRefused) {
         peer.Send(RawPost(key, std::string(length, 'v')));
         const auto answer = peer.Receive();
         ASSERT_TRUE(answer);
-        EXPECT_EQ(answer->code, code::kTooLarge);
+        EXPECT_EQ(answer->code, code::TOO_LARGE);
         EXPECT_EQ(answer->token, "raw");
     }
     EXPECT_THAT(device.Requests(), IsEmpty());
     peer.Send(RawPost(key, std::string(800, 'v')));
-    EXPECT_EQ(peer.Receive()->code, code::kChanged);
+    EXPECT_EQ(peer.Receive()->code, code::CHANGED);
     EXPECT_THAT(device.Requests(), ElementsAre(Request{"POST", "", key, std::string(800, 'v')}));
 }
 
@@ -303,13 +303,13 @@ TEST_F(LinkNodeTest, ASlowRequestIsAcknowledgedFirstAndRunsOnceToo) {
         const auto acknowledgement = peer.Receive();
         ASSERT_TRUE(acknowledgement);
         EXPECT_EQ(acknowledgement->type, MessageType::Acknowledgement);
-        EXPECT_EQ(acknowledgement->code, code::kEmpty);
+        EXPECT_EQ(acknowledgement->code, code::EMPTY);
     }
     release.set_value();
     const auto answer = peer.Receive();
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->type, MessageType::Confirmable);
-    EXPECT_EQ(answer->code, code::kChanged);
+    EXPECT_EQ(answer->code, code::CHANGED);
     EXPECT_EQ(answer->token, "raw");
     EXPECT_THAT(device.Requests(), SizeIs(1));
 }

@@ -37,9 +37,9 @@ public:
         UniqueFd childInput(input[0]);
         UniqueFd childOutput(output[1]);
         UniqueFd ready(output[0]);
-        input_ = UniqueFd(input[1]);
-        pid_ = fork();
-        if (pid_ == 0) {
+        mInput = UniqueFd(input[1]);
+        mPid = fork();
+        if (mPid == 0) {
             dup2(childInput.Get(), STDIN_FILENO);
             dup2(childOutput.Get(), STDOUT_FILENO);
             execl(LINK_TEST_TOOL, LINK_TEST_TOOL, command, deviceType.c_str(), nullptr);
@@ -50,31 +50,31 @@ public:
         EXPECT_EQ(read(ready.Get(), word, sizeof word), 6) << "the process does not start";
     }
     ~ServingProcess() {
-        input_ = UniqueFd();
+        mInput = UniqueFd();
         Reap();
     }
     ServingProcess(const ServingProcess&) = delete;
     ServingProcess& operator=(const ServingProcess&) = delete;
 
     void Kill() {
-        kill(pid_, SIGKILL);
+        kill(mPid, SIGKILL);
         Reap();
     }
     // Lets it end by itself.
     void End() {
-        input_ = UniqueFd();
+        mInput = UniqueFd();
         Reap();
     }
 
 private:
     void Reap() {
-        if (pid_ > 0) {
-            waitpid(pid_, nullptr, 0);
-            pid_ = -1;
+        if (mPid > 0) {
+            waitpid(mPid, nullptr, 0);
+            mPid = -1;
         }
     }
-    pid_t pid_ = -1;
-    UniqueFd input_;
+    pid_t mPid = -1;
+    UniqueFd mInput;
 };
 
 bool HasEvents(TestNode& node, std::size_t count) {

@@ -12,7 +12,7 @@ namespace {
 
 bool Asks(const std::string& query, const std::optional<std::string>& deviceType) {
     CoapMessage probe;
-    probe.Add(option::kUriQuery, query);
+    probe.Add(option::URI_QUERY, query);
     return IsAskedFor(probe, deviceType);
 }
 
@@ -22,8 +22,8 @@ TEST(MessagesTest, AProbeAsksForOneType) {
     const CoapMessage probe = MakeProbe("camera", "token", {});
     EXPECT_EQ(probe.type, MessageType::NonConfirmable);
     EXPECT_EQ(PathOf(probe), ".well-known/core");
-    EXPECT_EQ(*probe.Find(option::kUriQuery), "rt=camera");
-    EXPECT_EQ(probe.Find(option::kKnownNodes), nullptr);
+    EXPECT_EQ(*probe.Find(option::URI_QUERY), "rt=camera");
+    EXPECT_EQ(probe.Find(option::KNOWN_NODES), nullptr);
     EXPECT_TRUE(IsAskedFor(probe, "camera"));
     EXPECT_FALSE(IsAskedFor(probe, "camera2"));
     EXPECT_FALSE(IsAskedFor(probe, std::nullopt));
@@ -42,9 +42,9 @@ TEST(MessagesTest, TheQueryIsAFilterOfTheLinkFormat) {
 
 TEST(MessagesTest, ATypeThatDoesNotFitIsAskedForByItsBeginning) {
     const std::string fits(252, 't');
-    EXPECT_EQ(*MakeProbe(fits, "", {}).Find(option::kUriQuery), "rt=" + fits);
+    EXPECT_EQ(*MakeProbe(fits, "", {}).Find(option::URI_QUERY), "rt=" + fits);
     const std::string tooLong(253, 't');
-    EXPECT_EQ(*MakeProbe(tooLong, "", {}).Find(option::kUriQuery), "rt=" + std::string(251, 't') + "*");
+    EXPECT_EQ(*MakeProbe(tooLong, "", {}).Find(option::URI_QUERY), "rt=" + std::string(251, 't') + "*");
 }
 
 TEST(MessagesTest, AProbeNamesTheNodesThatNeedNotAnswer) {
@@ -61,7 +61,7 @@ TEST(MessagesTest, TheRequesterIsReadBackAndNothingShorterIs) {
         EXPECT_EQ(static_cast<std::size_t>(bytes[at]), at + 1);
     }
     CoapMessage message;
-    message.Add(option::kRequester, bytes);
+    message.Add(option::REQUESTER, bytes);
     const auto read = DecodeRequester(message);
     ASSERT_TRUE(read);
     EXPECT_EQ(read->identity, requester.identity);
@@ -79,7 +79,7 @@ TEST(MessagesTest, BlocksAreNumberedAsInBlockwiseTransfer) {
     EXPECT_EQ(EncodeBlock({0, true, 4}), "\x0c");
     EXPECT_EQ(EncodeBlock({3, false, 4}), "\x34");
     CoapMessage message;
-    message.Add(option::kBlock1, "\x34");
+    message.Add(option::BLOCK1, "\x34");
     const auto block = FindBlock(message);
     ASSERT_TRUE(block);
     EXPECT_EQ(block->number, 3U);
@@ -105,10 +105,10 @@ TEST(MessagesTest, KeysOfAnyLengthAndBytesAreReadBack) {
 }
 
 TEST(MessagesTest, NoticesNeedNoAnswerAndCarryTheLink) {
-    const CoapMessage notice = MakeNotice(kHelloPath, "link");
+    const CoapMessage notice = MakeNotice(HELLO_PATH, "link");
     EXPECT_EQ(notice.type, MessageType::NonConfirmable);
     EXPECT_EQ(PathOf(notice), "lumora/hello");
-    EXPECT_EQ(DecodeUint(*notice.Find(option::kContentFormat)), 40U);
+    EXPECT_EQ(DecodeUint(*notice.Find(option::CONTENT_FORMAT)), 40U);
     EXPECT_EQ(notice.payload, "link");
 }
 

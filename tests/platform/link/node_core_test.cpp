@@ -80,7 +80,7 @@ TEST_F(NodeCoreTest, FindsNothingWithinTheLongestSearch) {
 }
 
 TEST_F(NodeCoreTest, FindsTypesThatDoNotFitIntoOneOption) {
-    const std::string type(kMaxTextBytes, 't');
+    const std::string type(MAX_TEXT_BYTES, 't');
     FakeNode& asker = network.Add("camera");
     FakeNode& device = network.Add(type);
     network.Add(type.substr(1));
@@ -124,7 +124,7 @@ TEST_F(NodeCoreTest, NodesOnTwoCommonNetworksAreFoundOnceAndNamedAlikeEverywhere
     ASSERT_THAT(asker.Seen().events, SizeIs(1));
     EXPECT_EQ(asker.Seen().events.front().node.endpoint, found.front());
 
-    Ask(asker, found.front(), code::kGet, "key", "");
+    Ask(asker, found.front(), code::GET, "key", "");
     ASSERT_THAT(device.Seen().handled, SizeIs(1));
     ASSERT_THAT(device.Seen().events, SizeIs(1));
     EXPECT_EQ(device.Seen().handled.front().requester, device.Seen().events.front().node.endpoint);
@@ -222,7 +222,7 @@ TEST_F(NodeCoreTest, NeighboursThatAreAliveAreAskedOnceAndStay) {
 
     int pings = 0;
     network.filter = [&pings](const CoapMessage& message) {
-        pings += message.type == MessageType::Confirmable && PathOf(message) == kWellKnownPath;
+        pings += message.type == MessageType::Confirmable && PathOf(message) == WELL_KNOWN_PATH;
         return true;
     };
     network.AddAt({200, 1}, {LocalInterface{2, "eth0", htonl(0x0a000063)}}, 9, "camera");
@@ -241,7 +241,7 @@ TEST_F(NodeCoreTest, ARequestThatIsRefusedRemovesTheNodeAtOnce) {
     FakeNode& device = network.Add("camera");
     network.Run(seconds(2));
     network.Kill(device);
-    Ask(asker, device.At(), code::kPost, "key", "");
+    Ask(asker, device.At(), code::POST, "key", "");
     network.Run(Milliseconds(10));
     EXPECT_THAT(EventsOf(asker), ElementsAre("+1", "-1"));
 }
@@ -316,8 +316,8 @@ TEST_F(NodeCoreTest, CarriesKeysAndValuesOfEveryLengthUpToTheLimit) {
         for (const std::size_t valueBytes : {0U, 1U, 255U, 256U, 257U, 1022U, 1023U}) {
             const std::string key(keyBytes, '\xfe');
             const std::string value(valueBytes, '\x01');
-            const Outcome outcome = Ask(asker, device.At(), code::kPut, key, value);
-            EXPECT_EQ(outcome.code, code::kContent);
+            const Outcome outcome = Ask(asker, device.At(), code::PUT, key, value);
+            EXPECT_EQ(outcome.code, code::CONTENT);
             EXPECT_EQ(outcome.payload, value);
             EXPECT_EQ(device.Seen().handled.back().key, key);
         }
@@ -333,8 +333,8 @@ TEST_F(NodeCoreTest, EveryPostRunsOnceThoughDatagramsAreLostAndDoubled) {
     FakeNode& device = network.Add("camera");
     int succeeded = 0;
     for (int number = 0; number < 2000; ++number) {
-        const Outcome outcome = Ask(asker, device.At(), code::kPost, std::to_string(number), "");
-        succeeded += outcome.code == code::kContent;
+        const Outcome outcome = Ask(asker, device.At(), code::POST, std::to_string(number), "");
+        succeeded += outcome.code == code::CONTENT;
     }
     std::multiset<std::string> run;
     for (const HandlerCall& call : device.Seen().handled) {
@@ -351,11 +351,11 @@ TEST_F(NodeCoreTest, LongRequestsRunOnceThroughLossToo) {
     network.longestDelay = Milliseconds(30);
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
-    const std::string key(kMaxTextBytes, 'k');
-    const std::string value(kMaxTextBytes, 'v');
+    const std::string key(MAX_TEXT_BYTES, 'k');
+    const std::string value(MAX_TEXT_BYTES, 'v');
     int succeeded = 0;
     for (int number = 0; number < 100; ++number) {
-        succeeded += Ask(asker, device.At(), code::kPost, key, value).payload == value;
+        succeeded += Ask(asker, device.At(), code::POST, key, value).payload == value;
     }
     EXPECT_GE(succeeded, 99);
     EXPECT_LE(device.Seen().handled.size(), 100U);
@@ -367,7 +367,7 @@ TEST_F(NodeCoreTest, ASlowHandlerIsWaitedForThroughLoss) {
     FakeNode& device = network.Add("camera");
     device.handlerTime = seconds(10);
     for (int round = 0; round < 20; ++round) {
-        EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "value").payload, "value");
+        EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "value").payload, "value");
     }
     EXPECT_THAT(device.Seen().handled, SizeIs(20));
 }
@@ -376,7 +376,7 @@ TEST_F(NodeCoreTest, AHandlerThatNeverEndsIsGivenUp) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     device.handlerTime = hours(2);
-    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kEmpty);
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "").code, code::EMPTY);
     EXPECT_LE(requestTime, seconds(60));
 }
 
@@ -384,9 +384,9 @@ TEST_F(NodeCoreTest, APeerThatAnswersPingsButNeverTheRequestIsGivenUp) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     network.filter = [](const CoapMessage& message) {
-        return PathOf(message) != kResourcePath || message.code == code::kEmpty;
+        return PathOf(message) != RESOURCE_PATH || message.code == code::EMPTY;
     };
-    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kEmpty);
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "").code, code::EMPTY);
     EXPECT_GT(requestTime, seconds(7)) << "it is alive";
     EXPECT_LE(requestTime, seconds(60));
     EXPECT_THAT(device.Seen().handled, IsEmpty());
@@ -396,11 +396,11 @@ TEST_F(NodeCoreTest, AnAbsentPeerFailsInSevenSecondsAndARefusedPortAtOnce) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     network.Cut(device);
-    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kEmpty);
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "").code, code::EMPTY);
     EXPECT_LE(requestTime, seconds(7));
     network.Restore(device);
     network.Kill(device);
-    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kEmpty);
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "").code, code::EMPTY);
     EXPECT_LE(requestTime, Milliseconds(10));
 }
 
@@ -408,7 +408,7 @@ TEST_F(NodeCoreTest, APeerThatGoesWhileItHandlesFailsInSevenSeconds) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     device.handlerTime = seconds(30);
-    const std::uint64_t ticket = asker.Ask(device.At(), code::kPost, "key", "");
+    const std::uint64_t ticket = asker.Ask(device.At(), code::POST, "key", "");
     network.Run(seconds(10));
     EXPECT_THAT(asker.Seen().outcomes, IsEmpty());
     network.Cut(device);
@@ -423,7 +423,7 @@ TEST_F(NodeCoreTest, AnAnswerWhoseDatagramsAreLostIsAskedForWithTheSameId) {
         const bool answer = message.type == MessageType::Acknowledgement && message.payload == "value";
         return !answer || ++lost > 3;
     };
-    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "value").payload, "value");
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "value").payload, "value");
     EXPECT_THAT(device.Seen().handled, SizeIs(1));
     EXPECT_EQ(lost, 4);
 }
@@ -432,20 +432,20 @@ TEST_F(NodeCoreTest, AFullQueueIsAnsweredAsUnavailable) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     device.queueFull = true;
-    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "key", "").code, code::kUnavailable);
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "").code, code::UNAVAILABLE);
 }
 
 TEST_F(NodeCoreTest, AnEndingNodeAnswersWhatItDoesNotHandleAnyMore) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     device.handlerTime = seconds(5);
-    const std::uint64_t ticket = asker.Ask(device.At(), code::kPost, "key", "");
+    const std::uint64_t ticket = asker.Ask(device.At(), code::POST, "key", "");
     network.Run(Milliseconds(50));
     device.Core().RefuseRequests();
-    EXPECT_EQ(Ask(asker, device.At(), code::kPost, "other", "").code, code::kUnavailable);
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "other", "").code, code::UNAVAILABLE);
     device.Exit();
     network.Run(Milliseconds(50));
-    EXPECT_EQ(asker.Seen().outcomes.at(ticket).code, code::kUnavailable);
+    EXPECT_EQ(asker.Seen().outcomes.at(ticket).code, code::UNAVAILABLE);
     EXPECT_THAT(device.Seen().handled, SizeIs(1));
 }
 
@@ -453,10 +453,10 @@ TEST_F(NodeCoreTest, ClosingEndsTheNodesOwnRequestsAndSearches) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     device.handlerTime = seconds(5);
-    const std::uint64_t request = asker.Ask(device.At(), code::kPost, "key", "");
+    const std::uint64_t request = asker.Ask(device.At(), code::POST, "key", "");
     const std::uint64_t search = asker.Find("camera");
     asker.Exit();
-    EXPECT_EQ(asker.Seen().outcomes.at(request).code, code::kEmpty);
+    EXPECT_EQ(asker.Seen().outcomes.at(request).code, code::EMPTY);
     EXPECT_THAT(asker.Seen().found.at(search), IsEmpty());
 }
 
@@ -464,7 +464,7 @@ TEST_F(NodeCoreTest, RequestsOfOneRequesterAreHandledInTheirOrder) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     for (int number = 0; number < 50; ++number) {
-        asker.Ask(device.At(), code::kPost, std::to_string(number), "");
+        asker.Ask(device.At(), code::POST, std::to_string(number), "");
     }
     network.Run(seconds(1));
     ASSERT_THAT(device.Seen().handled, SizeIs(50));
@@ -494,7 +494,7 @@ TEST_F(NodeCoreTest, FiftyNodesPingLittleThroughLossAndRemoveNobody) {
     network.lossPercent = 20;
     unsigned pings = 0;
     network.filter = [&pings](const CoapMessage& message) {
-        pings += message.type == MessageType::Confirmable && PathOf(message) == kWellKnownPath;
+        pings += message.type == MessageType::Confirmable && PathOf(message) == WELL_KNOWN_PATH;
         return true;
     };
     network.Run(seconds(10));
@@ -513,7 +513,7 @@ TEST_F(NodeCoreTest, AmongManyNodesHellosAreSpreadWhenOneComesAndAfterwards) {
     network.Run(seconds(1));
     std::map<std::uint16_t, TimePoint> hellos;  // each is delivered to everybody
     network.filter = [&](const CoapMessage& message) {
-        if (PathOf(message) == kHelloPath) {
+        if (PathOf(message) == HELLO_PATH) {
             hellos.try_emplace(message.messageId, network.Now());
         }
         return true;

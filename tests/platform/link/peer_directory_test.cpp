@@ -11,7 +11,7 @@ using testing::SizeIs;
 
 namespace {
 
-constexpr std::uint64_t kOwnId = 7;
+constexpr std::uint64_t OWN_ID = 7;
 
 NodeDescription Node(std::uint64_t id, std::uint32_t instance, const char* endpoint,
                      const char* type = "camera") {
@@ -34,7 +34,7 @@ struct PeerDirectoryTest : testing::Test {
     }
 
     TimePoint now{std::chrono::hours(1)};
-    PeerDirectory directory{kOwnId};
+    PeerDirectory directory{OWN_ID};
 };
 
 }  // namespace
@@ -46,60 +46,61 @@ TEST_F(PeerDirectoryTest, AddsANodeAtFirstSightOnly) {
 }
 
 TEST_F(PeerDirectoryTest, DoesNotKnowItself) {
-    EXPECT_FALSE(Hear(Node(kOwnId, 1, "10.0.0.1:1")));
+    EXPECT_FALSE(Hear(Node(OWN_ID, 1, "10.0.0.1:1")));
     EXPECT_THAT(Events(), IsEmpty());
 }
 
 TEST_F(PeerDirectoryTest, DoubtsASilentNodeBeforeItRemovesIt) {
     Hear(Node(1, 1, "10.0.0.1:1"));
-    Wait(PeerDirectory::kDoubtAfter - Milliseconds(1));
+    Wait(PeerDirectory::DOUBT_AFTER - Milliseconds(1));
     EXPECT_FALSE(directory.Find(1)->doubtedSince);
     Wait(Milliseconds(1));
     EXPECT_TRUE(directory.Find(1)->doubtedSince);
-    Wait(PeerDirectory::kGiveUpAfter - Milliseconds(1));
+    Wait(PeerDirectory::GIVE_UP_AFTER - Milliseconds(1));
     EXPECT_NE(directory.Find(1), nullptr);
     Wait(Milliseconds(1));
     EXPECT_EQ(directory.Find(1), nullptr);
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1"));
-    EXPECT_LE(PeerDirectory::kDoubtAfter + PeerDirectory::kGiveUpAfter, Milliseconds(3000));
+    EXPECT_LE(PeerDirectory::DOUBT_AFTER + PeerDirectory::GIVE_UP_AFTER, Milliseconds(3000));
 }
 
 TEST_F(PeerDirectoryTest, InACrowdNobodyIsDoubtedForOneLostHello) {
-    constexpr std::size_t kNodes = PeerDirectory::kCrowd + 1;
+    constexpr std::size_t NODES = PeerDirectory::CROWD + 1;
     const auto hearAll = [this] {
-        for (std::uint64_t id = 0; id < kNodes; ++id) {
+        for (std::uint64_t id = 0; id < NODES; ++id) {
             Hear(Node(101 + id, 1, ("10.0.0.1:" + std::to_string(101 + id)).c_str()));
         }
     };
     hearAll();
-    Wait(PeerDirectory::kSuspicion);
+    Wait(PeerDirectory::SUSPICION);
     hearAll();
-    Wait(PeerDirectory::kDoubtInCrowdAfter - Milliseconds(1));
+    Wait(PeerDirectory::DOUBT_IN_CROWD_AFTER - Milliseconds(1));
     EXPECT_THAT(directory.Doubted(), IsEmpty());
     Wait(Milliseconds(1));
-    EXPECT_EQ(directory.Doubted().size(), kNodes);
-    Wait(PeerDirectory::kGiveUpInCrowdAfter - Milliseconds(1));
-    EXPECT_EQ(directory.Peers().size(), kNodes);
+    EXPECT_EQ(directory.Doubted().size(), NODES);
+    Wait(PeerDirectory::GIVE_UP_IN_CROWD_AFTER - Milliseconds(1));
+    EXPECT_EQ(directory.Peers().size(), NODES);
     Wait(Milliseconds(1));
     EXPECT_EQ(directory.Peers().size(), 0U);
-    EXPECT_LT(PeerDirectory::kDoubtInCrowdAfter + PeerDirectory::kGiveUpInCrowdAfter, Milliseconds(3000));
+    EXPECT_LT(PeerDirectory::DOUBT_IN_CROWD_AFTER + PeerDirectory::GIVE_UP_IN_CROWD_AFTER,
+              Milliseconds(3000));
 }
 
 TEST_F(PeerDirectoryTest, AWordEndsTheDoubt) {
     Hear(Node(1, 1, "10.0.0.1:1"));
-    Wait(PeerDirectory::kDoubtAfter);
+    Wait(PeerDirectory::DOUBT_AFTER);
     Hear(Node(1, 1, "10.0.0.1:1"));
     EXPECT_FALSE(directory.Find(1)->doubtedSince);
-    Wait(PeerDirectory::kGiveUpAfter - Milliseconds(1));
+    Wait(PeerDirectory::GIVE_UP_AFTER - Milliseconds(1));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
 }
 
 TEST_F(PeerDirectoryTest, TellsWhenItWantsToBeAskedNext) {
     EXPECT_EQ(directory.NextDeadline(), TimePoint::max());
     Hear(Node(1, 1, "10.0.0.1:1"));
-    EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::kDoubtAfter);
-    Wait(PeerDirectory::kDoubtAfter);
-    EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::kGiveUpAfter);
+    EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::DOUBT_AFTER);
+    Wait(PeerDirectory::DOUBT_AFTER);
+    EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::GIVE_UP_AFTER);
 }
 
 TEST_F(PeerDirectoryTest, AGoodbyeRemovesAndItsInstanceStaysAway) {
@@ -195,7 +196,7 @@ TEST_F(PeerDirectoryTest, ANewcomerIsNotHeldBackForLong) {
     Hear(Node(1, 1, "10.0.0.1:1"));
     Hear(Node(2, 1, "10.0.0.1:2"));
     EXPECT_EQ(directory.NextDeadline(), now);
-    Wait(PeerDirectory::kHoldBack - Milliseconds(1));
+    Wait(PeerDirectory::HOLD_BACK - Milliseconds(1));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
     EXPECT_LE(directory.NextDeadline(), now + Milliseconds(1));
     Wait(Milliseconds(1));
@@ -206,7 +207,7 @@ TEST_F(PeerDirectoryTest, ANewcomerThatGoesBeforeItIsAnnouncedIsNeverMentioned) 
     Hear(Node(1, 1, "10.0.0.1:1"));
     Hear(Node(2, 1, "10.0.0.1:2"));
     directory.Leave({2, 1}, inet_addr("10.0.0.1"), now);
-    Wait(PeerDirectory::kHoldBack);
+    Wait(PeerDirectory::HOLD_BACK);
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
 }
 
@@ -215,7 +216,7 @@ TEST_F(PeerDirectoryTest, ASuspectThatDoesNotAnswerGetsAsLongAsAnySilentNode) {
     directory.Suspect(1, now);
     Wait(Milliseconds(0));
     EXPECT_THAT(directory.Doubted(), ElementsAre(1));
-    Wait(PeerDirectory::kDoubtAfter + PeerDirectory::kGiveUpAfter - Milliseconds(1));
+    Wait(PeerDirectory::DOUBT_AFTER + PeerDirectory::GIVE_UP_AFTER - Milliseconds(1));
     EXPECT_NE(directory.Find(1), nullptr);
     Wait(Milliseconds(1));
     EXPECT_EQ(directory.Find(1), nullptr);
@@ -229,14 +230,14 @@ TEST_F(PeerDirectoryTest, OfManyNeighboursThoseThatWereSilentLongestAreAskedFirs
         Wait(Milliseconds(30));
         Hear(Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
     }
-    Wait(PeerDirectory::kAskAgainAfter);
+    Wait(PeerDirectory::ASK_AGAIN_AFTER);
     EXPECT_THAT(directory.Doubted(), IsEmpty());
     Hear(Node(200, 1, "10.0.0.1:200"));
     Wait(Milliseconds(0));
-    EXPECT_THAT(directory.Doubted(), SizeIs(PeerDirectory::kAskedAtOnce));
+    EXPECT_THAT(directory.Doubted(), SizeIs(PeerDirectory::ASKED_AT_ONCE));
     EXPECT_EQ(directory.Doubted().count(103), 0U) << "heard after the sixteenth";
     EXPECT_EQ(directory.Doubted().count(104), 1U);
-    Wait(PeerDirectory::kAskAgainAfter);
+    Wait(PeerDirectory::ASK_AGAIN_AFTER);
     EXPECT_THAT(directory.Doubted(), SizeIs(20));
 }
 
@@ -246,13 +247,13 @@ struct SecuredDirectoryTest : PeerDirectoryTest {
     SecuredDirectoryTest() { Hello(Node(1, 1, "10.0.0.1:1")); }
     bool Hello(const NodeDescription& node) { return secured.Hear(node, false, now); }
     bool Ping(const NodeDescription& node) {
-        return secured.Hear(node, false, now, PeerDirectory::Source::kPing);
+        return secured.Hear(node, false, now, PeerDirectory::Source::PING);
     }
     bool IsInDoubt() {
         secured.Tick(now);
         return secured.Doubted().count(1) != 0;
     }
-    PeerDirectory secured{kOwnId, true};
+    PeerDirectory secured{OWN_ID, true};
 };
 
 }  // namespace

@@ -17,33 +17,33 @@ namespace lumora_link::test {
 
 class RawPeer {
 public:
-    explicit RawPeer(AppResourceProxy* to) : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    explicit RawPeer(AppResourceProxy* to) : mSocket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<std::uint16_t>(to->GetPort(to)));
         inet_pton(AF_INET, to->GetAddress(to), &address.sin_addr);
-        EXPECT_EQ(connect(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(connect(mSocket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         const timeval limit = {10, 0};
-        setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        setsockopt(mSocket.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
     void Send(const CoapMessage& message) { SendBytes(SerializeMessage(message)); }
     void SendBytes(const std::string& bytes) {
-        EXPECT_GE(send(socket_.Get(), bytes.data(), bytes.size(), 0), 0);
+        EXPECT_GE(send(mSocket.Get(), bytes.data(), bytes.size(), 0), 0);
     }
     std::optional<CoapMessage> Receive() {
         char buffer[2000];
-        const ssize_t bytes = recv(socket_.Get(), buffer, sizeof buffer, 0);
+        const ssize_t bytes = recv(mSocket.Get(), buffer, sizeof buffer, 0);
         return bytes < 0 ? std::nullopt : ParseMessage({buffer, static_cast<std::size_t>(bytes)});
     }
 
 private:
-    UniqueFd socket_;
+    UniqueFd mSocket;
 };
 
 inline CoapMessage RawPost(const std::string& key, const std::string& value) {
     CoapMessage message;
     message.type = MessageType::Confirmable;
-    message.code = code::kPost;
+    message.code = code::POST;
     message.messageId = 77;
     message.token = "raw";
     AddKey(message, key);

@@ -15,13 +15,13 @@ struct RequestTableTest : testing::Test {
         return table.Admit(Key(sequence, instance), requester, now);
     }
     Verdict AdmitForeign(std::uint32_t number) {
-        return table.Admit(KeyFor(Message(number), std::nullopt, kForeigner), std::nullopt, now);
+        return table.Admit(KeyFor(Message(number), std::nullopt, FOREIGNER), std::nullopt, now);
     }
     void AnswerForeign(std::uint32_t number) {
-        table.Answer(KeyFor(Message(number), std::nullopt, kForeigner), {code::kChanged, "x"}, now);
+        table.Answer(KeyFor(Message(number), std::nullopt, FOREIGNER), {code::CHANGED, "x"}, now);
     }
     void Answer(std::uint32_t sequence, const std::string& payload = "answer") {
-        table.Answer(Key(sequence, 1), {code::kContent, payload}, now);
+        table.Answer(Key(sequence, 1), {code::CONTENT, payload}, now);
     }
 
     static CoapMessage Message(std::uint32_t number) {
@@ -35,7 +35,7 @@ struct RequestTableTest : testing::Test {
         return KeyFor(Message(sequence), requester, Endpoint());
     }
 
-    const Endpoint kForeigner{htonl(0x0a000001), 5000};
+    const Endpoint FOREIGNER{htonl(0x0a000001), 5000};
     static RequestTable::Limits Small() {
         RequestTable::Limits limits;
         limits.entries = 100;
@@ -49,37 +49,37 @@ struct RequestTableTest : testing::Test {
 }  // namespace
 
 TEST_F(RequestTableTest, ARequestIsNewThenPendingThenAnswered) {
-    EXPECT_EQ(Admit(1, 1), Verdict::kNew);
-    EXPECT_EQ(Admit(1, 1), Verdict::kPending);
+    EXPECT_EQ(Admit(1, 1), Verdict::NEW);
+    EXPECT_EQ(Admit(1, 1), Verdict::PENDING);
     Answer(1);
-    EXPECT_EQ(Admit(1, 1), Verdict::kAnswered);
+    EXPECT_EQ(Admit(1, 1), Verdict::ANSWERED);
     EXPECT_EQ(table.StoredAnswer(Key(1, 1)).payload, "answer");
 }
 
 TEST_F(RequestTableTest, TheAnswersThatTheRequesterHasAreDroppedAndItsLateDatagramsToo) {
     Admit(1, 1);
     Answer(1);
-    EXPECT_EQ(Admit(2, 2), Verdict::kNew);
+    EXPECT_EQ(Admit(2, 2), Verdict::NEW);
     EXPECT_EQ(table.Entries(), 1U);
-    EXPECT_EQ(Admit(1, 1), Verdict::kStale);
+    EXPECT_EQ(Admit(1, 1), Verdict::STALE);
 }
 
 TEST_F(RequestTableTest, AnOpenRequestIsTakenThoughLaterOnesCameFirst) {
-    EXPECT_EQ(Admit(5, 4), Verdict::kNew);
-    EXPECT_EQ(Admit(4, 4), Verdict::kNew);
+    EXPECT_EQ(Admit(5, 4), Verdict::NEW);
+    EXPECT_EQ(Admit(4, 4), Verdict::NEW);
 }
 
 TEST_F(RequestTableTest, NumbersMayWrap) {
-    EXPECT_EQ(Admit(0xffffffff, 0xffffffff), Verdict::kNew);
+    EXPECT_EQ(Admit(0xffffffff, 0xffffffff), Verdict::NEW);
     Answer(0xffffffff);
-    EXPECT_EQ(Admit(0, 0), Verdict::kNew);
-    EXPECT_EQ(Admit(0xffffffff, 0xffffffff), Verdict::kStale);
+    EXPECT_EQ(Admit(0, 0), Verdict::NEW);
+    EXPECT_EQ(Admit(0xffffffff, 0xffffffff), Verdict::STALE);
 }
 
 TEST_F(RequestTableTest, AnotherInstanceCountsAnew) {
     Admit(50, 50);
-    EXPECT_EQ(Admit(1, 1, 2), Verdict::kNew);
-    EXPECT_EQ(Admit(49, 49), Verdict::kStale) << "the former instance is still told apart";
+    EXPECT_EQ(Admit(1, 1, 2), Verdict::NEW);
+    EXPECT_EQ(Admit(49, 49), Verdict::STALE) << "the former instance is still told apart";
 }
 
 TEST_F(RequestTableTest, AnAnswerNobodyWaitsForIsNotKept) {
@@ -92,7 +92,7 @@ TEST_F(RequestTableTest, AnAnswerNobodyWaitsForIsNotKept) {
 
 TEST_F(RequestTableTest, MillionsOfRequestsLeaveNothingBehind) {
     for (std::uint32_t sequence = 1; sequence < 20000; ++sequence) {
-        ASSERT_EQ(Admit(sequence, sequence), Verdict::kNew);
+        ASSERT_EQ(Admit(sequence, sequence), Verdict::NEW);
         Answer(sequence, std::string(1000, 'x'));
     }
     EXPECT_EQ(table.Entries(), 1U);
@@ -101,12 +101,12 @@ TEST_F(RequestTableTest, MillionsOfRequestsLeaveNothingBehind) {
 
 TEST_F(RequestTableTest, AFullTableTakesNoMoreUntilSomethingEnds) {
     for (std::uint32_t sequence = 1; sequence <= 100; ++sequence) {
-        ASSERT_EQ(Admit(sequence, 1), Verdict::kNew);
+        ASSERT_EQ(Admit(sequence, 1), Verdict::NEW);
     }
-    EXPECT_EQ(Admit(101, 1), Verdict::kFull);
-    EXPECT_EQ(Admit(1, 1), Verdict::kPending) << "what is in it is still known";
+    EXPECT_EQ(Admit(101, 1), Verdict::FULL);
+    EXPECT_EQ(Admit(1, 1), Verdict::PENDING) << "what is in it is still known";
     Answer(1);
-    EXPECT_EQ(Admit(101, 2), Verdict::kNew);
+    EXPECT_EQ(Admit(101, 2), Verdict::NEW);
 }
 
 TEST_F(RequestTableTest, StoredAnswersAreBoundedInBytes) {
@@ -115,8 +115,8 @@ TEST_F(RequestTableTest, StoredAnswersAreBoundedInBytes) {
     std::uint32_t admitted = 0;
     for (std::uint32_t sequence = 1; sequence <= 10; ++sequence) {
         const Requester requester{{7, 1}, 4000, sequence, 1, sequence};
-        if (small.Admit(Key(sequence, 1), requester, now) == Verdict::kNew) {
-            small.Answer(Key(sequence, 1), {code::kContent, std::string(1000, 'x')}, now);
+        if (small.Admit(Key(sequence, 1), requester, now) == Verdict::NEW) {
+            small.Answer(Key(sequence, 1), {code::CONTENT, std::string(1000, 'x')}, now);
             ++admitted;
         }
     }
@@ -124,28 +124,28 @@ TEST_F(RequestTableTest, StoredAnswersAreBoundedInBytes) {
 }
 
 TEST_F(RequestTableTest, ForeignRequestsAreToldApartByTheirSource) {
-    EXPECT_EQ(AdmitForeign(1), Verdict::kNew);
-    EXPECT_EQ(AdmitForeign(1), Verdict::kPending);
+    EXPECT_EQ(AdmitForeign(1), Verdict::NEW);
+    EXPECT_EQ(AdmitForeign(1), Verdict::PENDING);
     const Endpoint other{htonl(0x0a000001), 5001};
-    EXPECT_EQ(table.Admit(KeyFor(Message(1), std::nullopt, other), std::nullopt, now), Verdict::kNew);
+    EXPECT_EQ(table.Admit(KeyFor(Message(1), std::nullopt, other), std::nullopt, now), Verdict::NEW);
 }
 
 TEST_F(RequestTableTest, ForeignAnswersAgeOut) {
     AdmitForeign(1);
     AnswerForeign(1);
     now += limits.age - Milliseconds(1);
-    EXPECT_EQ(AdmitForeign(1), Verdict::kAnswered);
+    EXPECT_EQ(AdmitForeign(1), Verdict::ANSWERED);
     now += std::chrono::seconds(10);
-    EXPECT_EQ(AdmitForeign(1), Verdict::kNew);
+    EXPECT_EQ(AdmitForeign(1), Verdict::NEW);
 }
 
 TEST_F(RequestTableTest, ForeignFloodsTakeNoRoomFromOthers) {
     limits.foreign = 20;
     RequestTable shared(limits);
     for (std::uint32_t number = 0; number < 1000; ++number) {
-        const RequestKey key = KeyFor(Message(number), std::nullopt, kForeigner);
-        ASSERT_EQ(shared.Admit(key, std::nullopt, now), Verdict::kNew);
-        shared.Answer(key, {code::kChanged, "x"}, now);
+        const RequestKey key = KeyFor(Message(number), std::nullopt, FOREIGNER);
+        ASSERT_EQ(shared.Admit(key, std::nullopt, now), Verdict::NEW);
+        shared.Answer(key, {code::CHANGED, "x"}, now);
     }
     EXPECT_LE(shared.Entries(), 20U);
 }
@@ -158,10 +158,10 @@ TEST_F(RequestTableTest, InventedRequestersAreBoundedAndThoseKnownAreServedOn) {
         return small.Admit(KeyFor(Message(sequence), requester, Endpoint()), requester, now);
     };
     for (std::uint64_t node = 1; node <= 1000; ++node) {
-        EXPECT_EQ(admit(node, 1), node <= 3 ? Verdict::kNew : Verdict::kFull);
+        EXPECT_EQ(admit(node, 1), node <= 3 ? Verdict::NEW : Verdict::FULL);
     }
     EXPECT_EQ(small.Requesters(), 3U);
-    EXPECT_EQ(admit(2, 2), Verdict::kNew);
+    EXPECT_EQ(admit(2, 2), Verdict::NEW);
 }
 
 }  // namespace lumora_link::test

@@ -14,13 +14,13 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-const Endpoint kPeer{htonl(0x0a000002), 4001};
-const Endpoint kOther{htonl(0x0a000003), 4001};
+const Endpoint PEER{htonl(0x0a000002), 4001};
+const Endpoint OTHER{htonl(0x0a000003), 4001};
 
 CoapMessage Request(const std::string& token) {
     CoapMessage message;
     message.type = MessageType::Confirmable;
-    message.code = code::kPost;
+    message.code = code::POST;
     message.token = token;
     AddKey(message, "key");
     return message;
@@ -49,12 +49,12 @@ struct SecuredSessionsTest : testing::Test, SecuredSessions::Carrier {
         now += time;
         sessions.Tick(now);
     }
-    void Ask(ConversationId conversation, const std::string& token, const Endpoint& to = kPeer) {
+    void Ask(ConversationId conversation, const std::string& token, const Endpoint& to = PEER) {
         sessions.Transmit(conversation, to, Request(token), now);
     }
     // A request by a session that is there then, with its answer.
     void Converse(ConversationId conversation, SecuredSessions::SessionId session) {
-        Ask(conversation, "first", kPeer);
+        Ask(conversation, "first", PEER);
         sessions.OnConnected(session, now);
         EXPECT_EQ(sessions.OnAnswer(session, "first", now), conversation);
         sessions.Hang(conversation);
@@ -100,7 +100,7 @@ TEST_F(SecuredSessionsTest, LaterRequestsUseTheSessionThatIsThere) {
 
 TEST_F(SecuredSessionsTest, PeersHaveSessionsOfTheirOwn) {
     Converse(1, 1);
-    Ask(2, "b", kOther);
+    Ask(2, "b", OTHER);
     EXPECT_THAT(opened, ElementsAre(1, 2));
     EXPECT_THAT(written, IsEmpty());
     EXPECT_EQ(sessions.OnAnswer(1, "b", now), std::nullopt) << "nobody answers for another";
@@ -111,7 +111,7 @@ TEST_F(SecuredSessionsTest, WhileSomebodyWaitsAFewHandshakesRunBesideEachOther) 
     for (int count = 0; count < 30; ++count) {
         After(Milliseconds(100));
     }
-    EXPECT_THAT(opened, SizeIs(SecuredSessions::kMaxHandshakes));
+    EXPECT_THAT(opened, SizeIs(SecuredSessions::MAX_HANDSHAKES));
     sessions.OnConnected(2, now);
     EXPECT_THAT(written, ElementsAre("2 a"));
     After(Milliseconds(1));
@@ -122,7 +122,7 @@ TEST_F(SecuredSessionsTest, WhileSomebodyWaitsAFewHandshakesRunBesideEachOther) 
 TEST_F(SecuredSessionsTest, AHandshakeThatFailsIsReplacedAndNobodyIsRefused) {
     Ask(1, "a");
     sessions.OnFailed(1, false);
-    After(SecuredSessions::kRetry);
+    After(SecuredSessions::RETRY);
     EXPECT_THAT(closed, ElementsAre(1));
     EXPECT_THAT(opened, ElementsAre(1, 2));
     EXPECT_THAT(refused, IsEmpty());
@@ -133,7 +133,7 @@ TEST_F(SecuredSessionsTest, AHandshakeThatFailsIsReplacedAndNobodyIsRefused) {
 TEST_F(SecuredSessionsTest, ARefusedPortEndsEverythingThatWasForIt) {
     Ask(1, "a");
     Ask(2, "b");
-    Ask(3, "c", kOther);
+    Ask(3, "c", OTHER);
     sessions.OnFailed(1, true);
     After(Milliseconds(1));
     EXPECT_THAT(refused, ElementsAre(1, 2));
@@ -154,11 +154,11 @@ TEST_F(SecuredSessionsTest, ARequestThatWasWrittenFailsWithItsSessionAndGoesNoOt
 
 TEST_F(SecuredSessionsTest, APingGoesOnByAnotherSession) {
     Converse(1, 1);
-    sessions.Transmit(2, kPeer, Ping("p"), now);
+    sessions.Transmit(2, PEER, Ping("p"), now);
     sessions.OnFailed(1, false);
-    After(SecuredSessions::kRetry);
+    After(SecuredSessions::RETRY);
     EXPECT_THAT(refused, IsEmpty());
-    sessions.Transmit(2, kPeer, Ping("p"), now);
+    sessions.Transmit(2, PEER, Ping("p"), now);
     EXPECT_THAT(opened, ElementsAre(1, 2));
     sessions.OnConnected(2, now);
     EXPECT_THAT(written, ElementsAre("1 p", "2 p"));
@@ -166,8 +166,8 @@ TEST_F(SecuredSessionsTest, APingGoesOnByAnotherSession) {
 
 TEST_F(SecuredSessionsTest, ASilentSessionIsAskedForALifeSignBeforeARequestIsEntrustedToIt) {
     Converse(1, 1);
-    sessions.Transmit(2, kPeer, Ping("p"), now);
-    After(SecuredSessions::kDoubtAfter);
+    sessions.Transmit(2, PEER, Ping("p"), now);
+    After(SecuredSessions::DOUBT_AFTER);
     Ask(3, "c");
     EXPECT_THAT(written, ElementsAre("1 p"));
     EXPECT_THAT(probed, ElementsAre(1, 2)) << "the silent one, and a new one";
@@ -177,8 +177,8 @@ TEST_F(SecuredSessionsTest, ASilentSessionIsAskedForALifeSignBeforeARequestIsEnt
 
 TEST_F(SecuredSessionsTest, ASessionThatStaysSilentIsReplaced) {
     Converse(1, 1);
-    sessions.Transmit(2, kPeer, Ping("p"), now);
-    After(SecuredSessions::kDoubtAfter);
+    sessions.Transmit(2, PEER, Ping("p"), now);
+    After(SecuredSessions::DOUBT_AFTER);
     Ask(3, "c");
     sessions.OnConnected(2, now);
     EXPECT_THAT(written, ElementsAre("1 p", "2 c"));
@@ -189,7 +189,7 @@ TEST_F(SecuredSessionsTest, ASessionThatStaysSilentIsReplaced) {
 TEST_F(SecuredSessionsTest, ARequestIsAnsweredByItsSessionThoughANewerOneIsThere) {
     Converse(1, 1);
     Ask(2, "b");
-    After(SecuredSessions::kDoubtAfter);
+    After(SecuredSessions::DOUBT_AFTER);
     Ask(3, "c");
     sessions.OnConnected(2, now);
     After(Milliseconds(1));
@@ -204,10 +204,10 @@ TEST_F(SecuredSessionsTest, ARequestIsAnsweredByItsSessionThoughANewerOneIsThere
 TEST_F(SecuredSessionsTest, AfterAPeerHasGoneItsSessionIsNotUsed) {
     Converse(1, 1);
     After(seconds(1));
-    sessions.OnPeerGone(kOther, now);
+    sessions.OnPeerGone(OTHER, now);
     After(Milliseconds(1));
     EXPECT_THAT(closed, IsEmpty());
-    sessions.OnPeerGone(kPeer, now);
+    sessions.OnPeerGone(PEER, now);
     After(Milliseconds(1));
     EXPECT_THAT(closed, ElementsAre(1));
 }
@@ -215,13 +215,13 @@ TEST_F(SecuredSessionsTest, AfterAPeerHasGoneItsSessionIsNotUsed) {
 TEST_F(SecuredSessionsTest, ThePeersNextStartKeepsTheSessionByWhichItWasHeard) {
     Ask(1, "a");
     sessions.OnConnected(1, now);
-    sessions.Transmit(2, kPeer, Ping("p"), now);
-    After(SecuredSessions::kDoubtAfter);
-    sessions.Transmit(2, kPeer, Ping("p"), now);
+    sessions.Transmit(2, PEER, Ping("p"), now);
+    After(SecuredSessions::DOUBT_AFTER);
+    sessions.Transmit(2, PEER, Ping("p"), now);
     sessions.OnConnected(2, now);
-    sessions.Transmit(2, kPeer, Ping("p"), now);
+    sessions.Transmit(2, PEER, Ping("p"), now);
     ASSERT_EQ(sessions.OnAnswer(2, "p", now), 2U);
-    sessions.OnPeerGone(kPeer, now);
+    sessions.OnPeerGone(PEER, now);
     After(Milliseconds(1));
     EXPECT_THAT(closed, ElementsAre(1));
     EXPECT_THAT(refused, ElementsAre(1)) << "the old start may have run it";
@@ -229,11 +229,11 @@ TEST_F(SecuredSessionsTest, ThePeersNextStartKeepsTheSessionByWhichItWasHeard) {
 
 TEST_F(SecuredSessionsTest, IdleAndOldSessionsAreClosed) {
     Converse(1, 1);
-    After(SecuredSessions::kIdle);
+    After(SecuredSessions::IDLE);
     EXPECT_THAT(closed, ElementsAre(1));
 
     Converse(2, 2);
-    for (auto age = seconds(0); age < SecuredSessions::kOldest; age += seconds(10)) {
+    for (auto age = seconds(0); age < SecuredSessions::OLDEST; age += seconds(10)) {
         Ask(3, "c");
         sessions.OnAnswer(2, "c", now);
         sessions.Hang(3);
@@ -244,15 +244,15 @@ TEST_F(SecuredSessionsTest, IdleAndOldSessionsAreClosed) {
 
 TEST_F(SecuredSessionsTest, ASessionWithManyLostMessagesIsReplaced) {
     Converse(1, 1);
-    for (unsigned count = 0; count < SecuredSessions::kMaxUnanswered; ++count) {
-        sessions.Transmit(2, kPeer, Ping("p"), now);
+    for (unsigned count = 0; count < SecuredSessions::MAX_UNANSWERED; ++count) {
+        sessions.Transmit(2, PEER, Ping("p"), now);
     }
     After(Milliseconds(1));
     EXPECT_THAT(closed, ElementsAre(1));
 }
 
 TEST_F(SecuredSessionsTest, BeyondTheirNumberTheLongestUnusedMakesRoom) {
-    for (std::uint32_t host = 1; host <= SecuredSessions::kMaxSessions + 1; ++host) {
+    for (std::uint32_t host = 1; host <= SecuredSessions::MAX_SESSIONS + 1; ++host) {
         Ask(host, std::to_string(host), {htonl(host), 1});
         if (host == 1) {
             sessions.OnConnected(1, now);
@@ -263,26 +263,26 @@ TEST_F(SecuredSessionsTest, BeyondTheirNumberTheLongestUnusedMakesRoom) {
         sessions.Hang(host);
         now += Milliseconds(1);
     }
-    EXPECT_EQ(sessions.Sessions(), SecuredSessions::kMaxSessions);
+    EXPECT_EQ(sessions.Sessions(), SecuredSessions::MAX_SESSIONS);
     EXPECT_THAT(closed, ElementsAre(2)) << "the first still waits for its answer";
 }
 
 TEST_F(SecuredSessionsTest, WhereAllAreInUseOthersWait) {
-    for (std::uint32_t host = 1; host <= SecuredSessions::kMaxSessions + 1; ++host) {
+    for (std::uint32_t host = 1; host <= SecuredSessions::MAX_SESSIONS + 1; ++host) {
         Ask(host, std::to_string(host), {htonl(host), 1});
     }
-    EXPECT_THAT(opened, SizeIs(SecuredSessions::kMaxSessions));
+    EXPECT_THAT(opened, SizeIs(SecuredSessions::MAX_SESSIONS));
     sessions.OnConnected(1, now);
     sessions.OnAnswer(1, "1", now);
     sessions.Hang(1);
-    After(SecuredSessions::kRetry);
+    After(SecuredSessions::RETRY);
     EXPECT_THAT(closed, ElementsAre(1));
 }
 
 TEST_F(SecuredSessionsTest, TheNextTryIsDueWhileSomebodyWaitsAndNeverOtherwise) {
     EXPECT_EQ(sessions.NextDeadline(), TimePoint::max());
     Ask(1, "a");
-    EXPECT_EQ(sessions.NextDeadline(), now + SecuredSessions::kRetry);
+    EXPECT_EQ(sessions.NextDeadline(), now + SecuredSessions::RETRY);
     sessions.Hang(1);
     EXPECT_EQ(sessions.NextDeadline(), TimePoint::max());
 }

@@ -12,11 +12,11 @@ namespace lumora_link::test {
 
 namespace {
 
-constexpr std::size_t kSlots = 16;
+constexpr std::size_t SLOTS = 16;
 
 // Device events carry no context, so each node of a test has a function of its own.
 std::mutex slotMutex;
-std::array<TestNode*, kSlots> slots;
+std::array<TestNode*, SLOTS> slots;
 
 template <std::size_t Slot>
 int OnDeviceEvent(NotifyDeviceInfo* info) {
@@ -33,11 +33,11 @@ int OnDeviceEvent(NotifyDeviceInfo* info) {
 }
 
 template <std::size_t... Slot>
-constexpr std::array<DeviceEventFunction, kSlots> MakeFunctions(std::index_sequence<Slot...>) {
+constexpr std::array<DeviceEventFunction, SLOTS> MakeFunctions(std::index_sequence<Slot...>) {
     return {OnDeviceEvent<Slot>...};
 }
-constexpr std::array<DeviceEventFunction, kSlots> kEventFunctions =
-    MakeFunctions(std::make_index_sequence<kSlots>());
+constexpr std::array<DeviceEventFunction, SLOTS> EVENT_FUNCTIONS =
+    MakeFunctions(std::make_index_sequence<SLOTS>());
 
 struct ResourceWithOwner {
     AppResource resource;
@@ -90,85 +90,85 @@ const char* Describe(AppResource* resource) { return OwnerOf(resource)->DeviceTy
 
 }  // namespace
 
-TestNode::TestNode(std::string deviceType) : deviceType_(std::move(deviceType)) {
-    record_ = {{OnGet, OnPut, OnPost, OnDelete, Describe}, this};
-    platform_ = GetLinkPlatform();
+TestNode::TestNode(std::string deviceType) : mDeviceType(std::move(deviceType)) {
+    mRecord = {{OnGet, OnPut, OnPost, OnDelete, Describe}, this};
+    mPlatform = GetLinkPlatform();
     const std::lock_guard<std::mutex> lock(slotMutex);
-    while (slots.at(slot_) != nullptr) {
-        ++slot_;
+    while (slots.at(mSlot) != nullptr) {
+        ++mSlot;
     }
-    slots[slot_] = this;
+    slots[mSlot] = this;
 }
 
 TestNode::~TestNode() {
     Free();
     const std::lock_guard<std::mutex> lock(slotMutex);
-    slots[slot_] = nullptr;
+    slots[mSlot] = nullptr;
 }
 
 bool TestNode::Start() {
-    return platform_->Init(platform_) == 0 &&
-           platform_->RegisterResource(platform_, &record_.resource, EventFunction()) == 0 &&
-           platform_->Run(platform_) == 0;
+    return mPlatform->Init(mPlatform) == 0 &&
+           mPlatform->RegisterResource(mPlatform, &mRecord.resource, EventFunction()) == 0 &&
+           mPlatform->Run(mPlatform) == 0;
 }
 
 void TestNode::Free() {
-    FreeLinkPlatform(platform_);
-    platform_ = nullptr;
+    FreeLinkPlatform(mPlatform);
+    mPlatform = nullptr;
 }
 
-DeviceEventFunction TestNode::EventFunction() const { return kEventFunctions[slot_]; }
+DeviceEventFunction TestNode::EventFunction() const { return EVENT_FUNCTIONS[mSlot]; }
 
 std::vector<Request> TestNode::Requests() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mRequests;
 }
 
 std::vector<Event> TestNode::Events() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mEvents;
 }
 
 int TestNode::OnRequest(Request request, std::string& reply) {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        requests_.push_back(request);
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mRequests.push_back(request);
     }
     reply = request.value;
     return handler ? handler(request, reply) : 0;
 }
 
 void TestNode::OnEvent(const Event& event) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back(event);
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mEvents.push_back(event);
 }
 
 Found::Found(TestNode& node, const std::string& deviceType) {
     const auto start = std::chrono::steady_clock::now();
     LinkPlatform* platform = node.Platform();
     AppResourceProxy* first = platform->FindResource(platform, deviceType.c_str());
-    time_ = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
+    mTime = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
     for (AppResourceProxy* proxy = first; proxy != nullptr; proxy = GetNextAppResourceProxy(proxy)) {
-        proxies_.push_back(proxy);
+        mProxies.push_back(proxy);
     }
 }
 
 Found::~Found() {
-    for (AppResourceProxy* proxy : proxies_) {
+    for (AppResourceProxy* proxy : mProxies) {
         FreeAppResourceProxy2(proxy);
     }
 }
 
 std::vector<std::string> Found::Endpoints() const {
     std::vector<std::string> endpoints;
-    for (AppResourceProxy* proxy : proxies_) {
+    for (AppResourceProxy* proxy : mProxies) {
         endpoints.push_back(std::string(proxy->GetAddress(proxy)) + ":" +
                             std::to_string(proxy->GetPort(proxy)));
     }
     return endpoints;
 }
 
-std::vector<AppResourceProxy*> Found::Release() { return std::exchange(proxies_, {}); }
+std::vector<AppResourceProxy*> Found::Release() { return std::exchange(mProxies, {}); }
 
 GetResult Get(AppResourceProxy* proxy, const std::string& key, const std::string& value) {
     char buffer[1024] = {};

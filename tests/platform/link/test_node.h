@@ -48,8 +48,8 @@ public:
     // Init, RegisterResource and Run.
     bool Start();
     void Free();
-    LinkPlatform* Platform() { return platform_; }
-    AppResource* Resource() { return &record_.resource; }
+    LinkPlatform* Platform() { return mPlatform; }
+    AppResource* Resource() { return &mRecord.resource; }
     DeviceEventFunction EventFunction() const;
 
     std::vector<Request> Requests();
@@ -57,20 +57,20 @@ public:
 
     int OnRequest(Request request, std::string& reply);
     void OnEvent(const Event& event);
-    const std::string& DeviceType() const { return deviceType_; }
+    const std::string& DeviceType() const { return mDeviceType; }
 
 private:
     struct Record {
         AppResource resource;
         TestNode* owner;
     };
-    const std::string deviceType_;
-    Record record_;
-    std::size_t slot_ = 0;
-    LinkPlatform* platform_ = nullptr;
-    std::mutex mutex_;
-    std::vector<Request> requests_;
-    std::vector<Event> events_;
+    const std::string mDeviceType;
+    Record mRecord;
+    std::size_t mSlot = 0;
+    LinkPlatform* mPlatform = nullptr;
+    std::mutex mMutex;
+    std::vector<Request> mRequests;
+    std::vector<Event> mEvents;
 };
 
 // A chain of proxies that frees what the test does not.
@@ -81,16 +81,16 @@ public:
     Found(const Found&) = delete;
     Found& operator=(const Found&) = delete;
 
-    std::size_t Size() const { return proxies_.size(); }
-    AppResourceProxy* At(std::size_t place) { return proxies_.at(place); }
+    std::size_t Size() const { return mProxies.size(); }
+    AppResourceProxy* At(std::size_t place) { return mProxies.at(place); }
     std::vector<std::string> Endpoints() const;
-    milliseconds Time() const { return time_; }
+    milliseconds Time() const { return mTime; }
     // The test frees them itself.
     std::vector<AppResourceProxy*> Release();
 
 private:
-    std::vector<AppResourceProxy*> proxies_;
-    milliseconds time_{};
+    std::vector<AppResourceProxy*> mProxies;
+    milliseconds mTime{};
 };
 
 struct GetResult {
