@@ -31,8 +31,6 @@ from ._inbox import Inbox, Overflow
 from ._library import (
     block_argument,
     library,
-    log_callback_failure,
-    log_error,
     milliseconds,
     name_argument,
     text_argument,
@@ -70,7 +68,6 @@ class Subscription(Taking[Block]):
         super().__init__(inbox)
         self._client = client
         self._service = service
-        self._thread: Optional[threading.Thread] = None
 
     @property
     def service(self) -> str:
@@ -80,33 +77,13 @@ class Subscription(Taking[Block]):
         """Ends the iteration; blocks that nobody has taken are gone. Waits for a callback in progress."""
         self._inbox.close(Closed("the subscription has been closed"))
         self._client._unsubscribe(self)
-        self._join()
+        self._end_calling()
 
     def __enter__(self) -> Subscription:
         return self
 
     def __exit__(self, *_: object) -> None:
         self.close()
-
-    def _start(self, on_block: Callable[[Block], object]) -> None:
-        self._thread = threading.Thread(
-            target=self._call, args=(on_block,), name=f"lumora-{self._service}", daemon=True
-        )
-        self._thread.start()
-
-    def _call(self, on_block: Callable[[Block], object]) -> None:
-        try:
-            for block in self:
-                try:
-                    on_block(block)
-                except Exception as failure:
-                    log_callback_failure(failure)
-        except Error as end:
-            log_error("Subscription", 0, f"{self._service}: {end}")
-
-    def _join(self) -> None:
-        if self._thread is not None and self._thread is not threading.current_thread():
-            self._thread.join()
 
 
 class Client:
@@ -192,7 +169,7 @@ class Client:
                 raise
             self._start_watch()
         if on_block is not None:
-            subscription._start(on_block)
+            subscription._start_calling(on_block, service)
         return subscription
 
     def command(self, name: str, parameter: str = "") -> None:
@@ -242,7 +219,7 @@ class Client:
         """Ends the subscriptions and leaves the network. Waits for a callback in progress."""
         self._leave()
         for subscription in self._subscriptions:
-            subscription._join()
+            subscription._end_calling()
 
     def __enter__(self) -> Client:
         return self

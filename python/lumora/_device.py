@@ -11,7 +11,6 @@ from . import _lifetime, _records
 from ._errors import (
     Closed,
     DeviceExists,
-    Error,
     JoinFailed,
     NoClient,
     RegistrationFailed,
@@ -22,8 +21,6 @@ from ._inbox import Inbox, Overflow
 from ._library import (
     block_argument,
     library,
-    log_callback_failure,
-    log_error,
     milliseconds,
     name_argument,
     text_of,
@@ -100,13 +97,9 @@ class Device(Taking[Event]):
         self._lock = threading.RLock()  # no callback of the library takes it
         self._closed = False
         self._has_left = False
-        self._thread: Optional[threading.Thread] = None
         _start(self, record)
         if on_event is not None:
-            self._thread = threading.Thread(
-                target=self._call, args=(on_event,), name="lumora-device", daemon=True
-            )
-            self._thread.start()
+            self._start_calling(on_event, device_type)
 
     @property
     def type(self) -> str:
@@ -146,24 +139,13 @@ class Device(Taking[Event]):
     def close(self) -> None:
         """Leaves the network; events that nobody has taken are gone. Waits for `on_event` in progress."""
         self._leave()
-        if self._thread is not None and self._thread is not threading.current_thread():
-            self._thread.join()
+        self._end_calling()
 
     def __enter__(self) -> Device:
         return self
 
     def __exit__(self, *_: object) -> None:
         self.close()
-
-    def _call(self, on_event: Callable[[Event], object]) -> None:
-        try:
-            for event in self:
-                try:
-                    on_event(event)
-                except Exception as failure:
-                    log_callback_failure(failure)
-        except Error as end:
-            log_error("Device", 0, f"{self._type}: {end}")
 
     def _require_open(self) -> None:
         if self._closed:

@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
-from typing import AsyncIterator, Generic, Iterator, Optional
+import threading
+from typing import AsyncIterator, Callable, Generic, Iterator, Optional
 
-from ._errors import Closed
+from ._errors import Closed, Error
 from ._inbox import Inbox, Item
+from ._library import log_callback_failure, log_error
 
 
 class Taking(Generic[Item]):
@@ -13,6 +15,7 @@ class Taking(Generic[Item]):
 
     def __init__(self, inbox: Inbox[Item]) -> None:
         self._inbox = inbox
+        self._thread: Optional[threading.Thread] = None
 
     @property
     def dropped(self) -> int:
@@ -44,3 +47,25 @@ class Taking(Generic[Item]):
             return await self.get_async()
         except Closed:
             raise StopAsyncIteration from None
+
+    def _start_calling(self, callback: Callable[[Item], object], name: str) -> None:
+        """Has a thread give everything to the callback, one after the other."""
+        self._thread = threading.Thread(
+            target=self._call, args=(callback, name), name=f"lumora-{name}", daemon=True
+        )
+        self._thread.start()
+
+    def _call(self, callback: Callable[[Item], object], name: str) -> None:
+        try:
+            for item in self:
+                try:
+                    callback(item)
+                except Exception as failure:
+                    log_callback_failure(failure)
+        except Error as end:
+            log_error(type(self).__name__, 0, f"{name}: {end}")
+
+    def _end_calling(self) -> None:
+        """Waits for the callback in progress, unless that is the caller."""
+        if self._thread is not None and self._thread is not threading.current_thread():
+            self._thread.join()

@@ -2,16 +2,13 @@
 
 import os
 import pathlib
-import select
 import signal
-import subprocess
 import sys
 import unittest
 
-SOURCES = pathlib.Path(__file__).resolve().parents[2]
+from child_process import LIMIT, ChildProcess
 
-# Bounds a failing test only.
-LIMIT = 60
+SOURCES = pathlib.Path(__file__).resolve().parents[2]
 
 # What it cannot send it leaves: its client may have gone. Its blocks are longer than the heads of frames: the
 # library leaves a frame that is shorter than the head of the one before until more comes.
@@ -39,30 +36,11 @@ print("left", flush=True)
 """
 
 
-class Peer:
-    """A Python program while it runs; its output is read by lines."""
+class Peer(ChildProcess):
+    """A Python program while it runs."""
 
     def __init__(self, *words, **environment):
-        self.process = subprocess.Popen(
-            [sys.executable, "-B", *words],
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            env={**os.environ, **environment},
-        )
-        self.unread = b""
-
-    def line(self):
-        """The next line; fails when none comes."""
-        output = self.process.stdout.fileno()
-        while b"\n" not in self.unread:
-            data = os.read(output, 65536) if select.select([output], [], [], LIMIT)[0] else b""
-            if not data:
-                self.process.kill()
-                raise AssertionError(f"it wrote no more: {self.process.stderr.read().decode()}")
-            self.unread += data
-        line, _, self.unread = self.unread.partition(b"\n")
-        return line.decode()
+        super().__init__([sys.executable, "-B", *words], env={**os.environ, **environment})
 
     def signal(self, number=signal.SIGINT):
         self.process.send_signal(number)
@@ -73,14 +51,7 @@ class Peer:
             output, errors = self.process.communicate(timeout=LIMIT)
         finally:
             self.close()
-        return self.process.returncode, (self.unread + output).decode(), errors.decode()
-
-    def close(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
-        self.process.stdout.close()
-        self.process.stderr.close()
+        return self.process.returncode, self.unread.decode() + output, errors
 
 
 class PythonCase(unittest.TestCase):

@@ -156,6 +156,7 @@ class Send(LumoraCase):
         sending.read_until("left")
         self.assertRegex(sending.text, r"picture +\[#*\.*\] +\d+ % .* KiB/s  \d+:\d\d left")
 
+
 class Subscribe(LumoraCase):
     """Over an echo device, to which the test's own blocks go by --await."""
 

@@ -11,11 +11,10 @@ import tempfile
 import time
 import unittest
 
+from child_process import LIMIT, ChildProcess
+
 PROGRAM = os.environ["LUMORA_PROGRAM"]
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
-
-# Bounds a failing test only.
-LIMIT = 60
 
 ENDED_BY_INTERRUPT = 128 + signal.SIGINT
 ENDED_BY_CLOSED_PIPE = 128 + signal.SIGPIPE
@@ -29,34 +28,11 @@ def lumora(*words, **options):
     )
 
 
-class Running:
-    """The program while it runs; its output is read by lines."""
+class Running(ChildProcess):
+    """The program while it runs."""
 
     def __init__(self, *words, **options):
-        options.setdefault("stdin", subprocess.DEVNULL)
-        options.setdefault("stderr", subprocess.PIPE)
-        self.process = subprocess.Popen([PROGRAM, *words], stdout=subprocess.PIPE, text=True, **options)
-        self.unread = b""
-
-    def line(self):
-        """The next line; fails when none comes."""
-        output = self.process.stdout.fileno()
-        while b"\n" not in self.unread:
-            data = os.read(output, 65536) if select.select([output], [], [], LIMIT)[0] else b""
-            if not data:
-                self.process.kill()
-                raise AssertionError(f"{self.process.args} wrote no more: {self.errors()}")
-            self.unread += data
-        line, _, self.unread = self.unread.partition(b"\n")
-        return line.decode()
-
-    def rest(self):
-        """What it wrote after the last line that was read; for one that has ended."""
-        return self.unread.decode() + self.process.stdout.read()
-
-    def errors(self):
-        """For one that has ended."""
-        return self.process.stderr.read()
+        super().__init__([PROGRAM, *words], **options)
 
     def wait(self):
         return self.process.wait(timeout=LIMIT)
@@ -66,14 +42,6 @@ class Running:
         if self.process.poll() is None:
             self.process.send_signal(number)
         return self.wait()
-
-    def close(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
-        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
-            if stream:
-                stream.close()
 
 
 class Device(Running):

@@ -1,7 +1,6 @@
 """lumora serve: a device from the command line."""
 
 import json
-import os
 import pathlib
 import signal
 import socket
