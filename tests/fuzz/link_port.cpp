@@ -6,8 +6,10 @@
 #include <array>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <vector>
 
+#include "byte_reader.h"
 #include "coap_port.h"
 #include "messages.h"
 #include "port_guard.h"
@@ -30,6 +32,24 @@ sockaddr_in AddressOf(std::uint16_t port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(port);
     return address;
+}
+
+std::uint64_t DeltaOrLength(ByteReader& reader, std::uint64_t nibble) {
+    return nibble == 13 ? reader.Number(1) + 13 : nibble == 14 ? reader.Number(2) + 269 : nibble;
+}
+
+// Where libcoap begins again at 0, which no other reader does.
+bool HasOptionBeyondTheLastNumber(std::string_view bytes) {
+    ByteReader reader(bytes);
+    const std::uint64_t tokenBytes = reader.Number(1) & 0xf;
+    reader.Bytes(3 + tokenBytes);
+    std::uint64_t number = 0;
+    while (!reader.AtEnd() && number <= UINT16_MAX) {
+        const std::uint64_t head = reader.Number(1);
+        number += DeltaOrLength(reader, head >> 4);
+        reader.Bytes(DeltaOrLength(reader, head & 0xf));
+    }
+    return number > UINT16_MAX;
 }
 
 // The other end.
@@ -117,6 +137,9 @@ public:
 private:
     void RequireAgreement(const CoapMessage& message) const {
         const auto own = ParseMessage(mSent);
+        if (!own && HasOptionBeyondTheLastNumber(mSent)) {
+            return;
+        }
         Require(own.has_value(), "what libcoap reads we can read");
         Require(own->code == message.code && own->messageId == message.messageId &&
                     own->token == message.token && OptionsOf(*own) == OptionsOf(message) &&
