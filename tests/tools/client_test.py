@@ -1,6 +1,7 @@
 """lumora cmd, subscribe, send, ping: a client of a device."""
 
 import json
+import os
 import re
 import socket
 import subprocess
@@ -221,6 +222,7 @@ class Subscribe(LumoraCase):
         result = lumora("subscribe", "archive", "echo", "--out", "/proc/no/folder")
         self.assert_fails(result, 6, "/proc/no/folder")
 
+    @unittest.skipIf("LUMORA_COVERAGE" in os.environ, "what counts the lines that are reached writes files, too")
     def test_a_full_disk_leaves_no_half_file(self):
         self.device("archive", "--echo")
         folder = self.folder()
