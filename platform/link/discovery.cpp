@@ -47,8 +47,8 @@ void Discovery::OnProbe(const CoapMessage& probe, const Endpoint& source, const 
         !MayAnswer(source, now)) {
         return;
     }
-    const auto peers = static_cast<Milliseconds::rep>(mPresence.Directory().Peers().size());
-    const TimePoint at = now + mLabels.Jitter(std::min(LONGEST_LEISURE, LEISURE_PER_NODE * peers));
+    const Milliseconds leisure = mPresence.Directory().ForAll(LEISURE_PER_NODE);
+    const TimePoint at = now + mLabels.Jitter(std::min(LONGEST_LEISURE, leisure));
     Schedule(probe, source, via.index, at);
     if (!known.empty()) {
         // The asker has found others but not us: datagrams get lost here.

@@ -76,6 +76,10 @@ public:
     const Peer* Find(std::uint64_t nodeId) const;
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
+    // What all of them need where each has so long to itself.
+    Milliseconds ForAll(Milliseconds each) const {
+        return each * static_cast<Milliseconds::rep>(mPeers.size());
+    }
     // The ids of those who should be pinged.
     const std::set<std::uint64_t>& Doubted() const { return mDoubted; }
 

@@ -24,11 +24,10 @@ Presence::Presence(const Self& self, Labels& labels, Network& network, std::vect
 // All who heard the newcomer do this at the same moment, and keep the distance that they get here: the more
 // they are, the longer the time that they share.
 void Presence::HelloSoon(TimePoint now) {
-    const auto nodes = static_cast<Milliseconds::rep>(mDirectory.Peers().size());
-    const Milliseconds shared = std::max(NEWCOMER_JITTER, NEWCOMER_JITTER_PER_NODE * nodes);
+    const Milliseconds shared =
+        std::clamp(mDirectory.ForAll(NEWCOMER_JITTER_PER_NODE), NEWCOMER_JITTER, HELLO_INTERVAL);
     const TimePoint earliest = std::max(now, mLastHello + SHORTEST_INTERVAL);
-    const TimePoint soon = earliest + mLabels.Jitter(std::min(shared, HELLO_INTERVAL));
-    mNextHello = std::min(mNextHello, soon);
+    mNextHello = std::min(mNextHello, earliest + mLabels.Jitter(shared));
 }
 
 void Presence::OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now) {
