@@ -3,14 +3,12 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <system_error>
 #include <utility>
 
@@ -86,16 +84,7 @@ void Descriptor::Close() {
 Descriptor OpenStreamSocket() { return Descriptor::Adopt(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)); }
 
 Descriptor AcceptConnection(const Descriptor& listenSocket) {
-    return Descriptor::Adopt(accept4(listenSocket.Number(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-}
-
-Descriptor OpenWakeup() { return Descriptor::Adopt(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)); }
-
-void Wake(const Descriptor& wakeup) {
-    const std::uint64_t one = 1;
-    if (wakeup.IsOpen() && write(wakeup.Number(), &one, sizeof(one)) < 0) {
-        return;  // only a full counter refuses, and that is readable already
-    }
+    return Descriptor::Adopt(accept4(listenSocket.Number(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 int SetNonBlocking(const Descriptor& socket) {
@@ -127,6 +116,21 @@ void TuneConnection(const Descriptor& socket) {
     SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
     SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
     SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
+}
+
+void LimitReadWaits(const Descriptor& socket, int microseconds) {
+    timeval limit = {};
+    limit.tv_usec = microseconds;
+    setsockopt(socket.Number(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+}
+
+void StopReading(const Descriptor& socket) { shutdown(socket.Number(), SHUT_RD); }
+
+bool HasPeerLeft(const Descriptor& socket) {
+    tcp_info info = {};
+    socklen_t size = sizeof(info);
+    return getsockopt(socket.Number(), IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+           info.tcpi_state != TCP_ESTABLISHED;
 }
 
 void PauseUntilReady(int fd, short events, int milliseconds) {

@@ -31,12 +31,8 @@ private:
 // A new IPv4 stream socket that programs started by this one do not inherit.
 Descriptor OpenStreamSocket();
 
-// A connection from the backlog of a listening socket, made non-blocking.
+// A connection from the backlog of a non-blocking listening socket.
 Descriptor AcceptConnection(const Descriptor& listenSocket);
-
-// A counter that turns readable when Wake is called, and stays so.
-Descriptor OpenWakeup();
-void Wake(const Descriptor& wakeup);
 
 // 0 or -1 with errno.
 int SetNonBlocking(const Descriptor& socket);
@@ -48,6 +44,14 @@ int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seco
 // Small frames go out at once instead of waiting for an acknowledgement of the one before, and a peer that
 // vanished without a word is noticed. Best effort: the connection works without.
 void TuneConnection(const Descriptor& socket);
+
+// Reads that find nothing wait, but not longer than this, and then fail with EAGAIN. Best effort.
+void LimitReadWaits(const Descriptor& socket, int microseconds);
+
+// Ends whatever waits for data of the connection, and all reading: the peer notices nothing of it. Reads then
+// end as if the peer had left, which only HasPeerLeft can tell apart.
+void StopReading(const Descriptor& socket);
+bool HasPeerLeft(const Descriptor& socket);
 
 // Waits until the descriptor is ready for events (POLLIN, POLLOUT), at most so long.
 void PauseUntilReady(int fd, short events, int milliseconds);

@@ -95,7 +95,7 @@ protected:
 
     // Written before the receive thread starts, by it, and after it has been joined.
     Descriptor mListenSocket;
-    Descriptor mReceiveSocket;
+    Descriptor mReceiveSocket;  // written under mReceiveSocketMutex, besides
 
 private:
     enum class Readiness { READABLE, NOT_YET, FAILED };
@@ -105,6 +105,8 @@ private:
     void ReceiveLoop(char* readBuffer);
     Readiness WaitUntilReadable();
     ssize_t ReadSome(char* readBuffer, char*& data);
+    bool HasBeenStopped() const;
+    bool OnNothingRead(int error);
     bool PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites);
 
     std::atomic<LUM_TRANSPORT_STATUS_E> mTransStatus{LUM_TRANSPORT_STATUS_UNKNOWN};
@@ -115,7 +117,10 @@ private:
     lumora::Mutex mThreadMutex;  // held while the receive thread is joined; that thread never takes it
     std::thread mReceiveThread GUARDED_BY(mThreadMutex);
     std::atomic<std::thread::id> mReceiveThreadId{std::thread::id()};
-    Descriptor mWakeup;  // turns readable, and stays so, when the running state ends
+
+    // A leaf lock: who ends the running state wakes the receive thread by its socket, which must not be
+    // closed meanwhile.
+    lumora::Mutex mReceiveSocketMutex;
 };
 
 }  // namespace lumoraAiModule

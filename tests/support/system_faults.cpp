@@ -38,7 +38,8 @@ Fault g_faults[static_cast<int>(SystemCall::COUNT)];
 std::atomic<int> g_number{0};
 std::atomic<int> g_numberTimes{0};
 std::atomic<int> g_numberPassBefore{0};
-std::atomic<bool> g_ignoreSelectTimeouts{false};
+std::atomic<bool> g_ignoreReceiveTimeouts{false};
+std::atomic<int> g_readsBegun{0};
 std::mutex g_readMutex;
 std::deque<std::string> g_reads;
 std::atomic<std::size_t> g_failingSize{NO_LIMIT};
@@ -95,6 +96,17 @@ std::size_t Limited(SystemCall call, std::size_t size) {
     return t_systemFaultsPaused != 0
                ? size
                : std::min<std::size_t>(size, g_faults[static_cast<int>(call)].transferLimit);
+}
+
+// False with errno when a read of the socket would fail. Whatever is no socket needs no waiting.
+bool WaitForData(int fd) {
+    const int before = errno;
+    char first = 0;
+    if (recv(fd, &first, sizeof(first), MSG_PEEK) >= 0 || errno == ENOTSOCK) {
+        errno = before;
+        return true;
+    }
+    return false;
 }
 
 bool TakeFedRead(std::string& piece) {
@@ -158,7 +170,7 @@ void FeedReads(std::vector<std::string> pieces) {
     g_reads.assign(pieces.begin(), pieces.end());
 }
 
-void IgnoreSelectTimeouts() { g_ignoreSelectTimeouts = true; }
+void IgnoreReceiveTimeouts() { g_ignoreReceiveTimeouts = true; }
 
 void BeforeSystemCall(SystemCall call, std::function<void()> hook) {
     Fault& fault = g_faults[static_cast<int>(call)];
@@ -169,6 +181,8 @@ void BeforeSystemCall(SystemCall call, std::function<void()> hook) {
 
 int SystemCallCount(SystemCall call) { return g_faults[static_cast<int>(call)].calls; }
 
+int ReadsBegun() { return g_readsBegun; }
+
 void ResetSystemFaults() {
     for (Fault& fault : g_faults) {
         fault.times = 0;
@@ -178,9 +192,10 @@ void ResetSystemFaults() {
         fault.failInTurn = 0;
         fault.transferLimit = NO_LIMIT;
     }
+    g_readsBegun = 0;
     g_numberTimes = 0;
     g_numberPassBefore = 0;
-    g_ignoreSelectTimeouts = false;
+    g_ignoreReceiveTimeouts = false;
     FeedReads({});
 }
 
@@ -227,7 +242,12 @@ int __wrap_socket(int domain, int type, int protocol) {
 
 int __real_setsockopt(int, int, int, const void*, socklen_t);
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size) {
-    return FailsNow(SystemCall::SETSOCKOPT) ? -1 : __real_setsockopt(fd, level, name, value, size);
+    if (FailsNow(SystemCall::SETSOCKOPT)) {
+        return -1;
+    }
+    const bool ignored = level == SOL_SOCKET && name == SO_RCVTIMEO && lumora_test::g_ignoreReceiveTimeouts &&
+                         lumora_test::t_systemFaultsPaused == 0;
+    return ignored ? 0 : __real_setsockopt(fd, level, name, value, size);
 }
 
 int __real_bind(int, const sockaddr*, socklen_t);
@@ -253,13 +273,14 @@ int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
 
 int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) {
-    timeval* const limit = lumora_test::g_ignoreSelectTimeouts ? nullptr : timeout;
+    timeval* const limit = lumora_test::g_ignoreReceiveTimeouts ? nullptr : timeout;
     return FailsNow(SystemCall::SELECT) ? -1 : __real_select(count, readable, writable, failed, limit);
 }
 
 ssize_t __real_read(int, void*, size_t);
 ssize_t __wrap_read(int fd, void* buffer, size_t size) {
-    if (FailsNow(SystemCall::READ)) {
+    lumora_test::g_readsBegun += lumora_test::t_systemFaultsPaused == 0 ? 1 : 0;
+    if (!lumora_test::WaitForData(fd) || FailsNow(SystemCall::READ)) {
         return -1;
     }
     std::string piece;
@@ -277,11 +298,6 @@ ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
     return FailsNow(SystemCall::SEND)
                ? -1
                : __real_send(fd, data, lumora_test::Limited(SystemCall::SEND, size), flags);
-}
-
-int __real_eventfd(unsigned int, int);
-int __wrap_eventfd(unsigned int value, int flags) {
-    return FailsNow(SystemCall::EVENTFD) ? -1 : lumora_test::Renumbered(__real_eventfd(value, flags));
 }
 
 void* __real_malloc(size_t);

@@ -19,14 +19,14 @@ enum class SystemCall {
     SELECT,
     READ,
     SEND,
-    EVENTFD,
     MALLOC,
     COUNT
 };
 
 constexpr int ALWAYS = -1;
 
-// Makes the next so many calls of any thread fail with this errno, after letting some pass.
+// Makes the next so many calls of any thread fail with this errno, after letting some pass. A read of a
+// socket first waits for data as the socket would, and is judged and counted when it would return.
 void FailSystemCall(SystemCall call, int error, int times = 1, int passBefore = 0);
 // Makes fail calls fail with this errno, lets pass calls pass, and so on in turns.
 void FailSystemCallInTurns(SystemCall call, int error, int fail, int pass);
@@ -38,13 +38,16 @@ void LimitTransfer(SystemCall call, std::size_t bytes);
 // The next reads return these pieces, one each, so that a test knows where the stream is cut. Each of them
 // takes one byte out of the connection: the peer has to send one for every piece.
 void FeedReads(std::vector<std::string> pieces);
-// Lets select wait for its descriptors alone: who is not woken by one of them waits for ever.
-void IgnoreSelectTimeouts();
+// Lets select, and the reads of sockets that are made from now on, wait for data alone: who is not woken by
+// their descriptor waits for ever.
+void IgnoreReceiveTimeouts();
 // Calls hook before every such call, on the thread that makes it: so a test can hold a thread at a known
 // place. Set it while nobody makes such calls.
 void BeforeSystemCall(SystemCall call, std::function<void()> hook);
 // How often a call was made since the reset.
 int SystemCallCount(SystemCall call);
+// How many reads have begun since the reset: one more than were made, while one waits.
+int ReadsBegun();
 void ResetSystemFaults();
 
 // While one lives, the calls of this thread neither fail nor count: peers of the code under test wrap theirs.

@@ -171,9 +171,8 @@ TEST_F(TcpClientTest, SendTimeOutIsNoDisconnect) {
 }
 
 TEST_F(TcpClientTest, FailedSelectIsNoDisconnectAndSendingGoesOn) {
-    Connect();
     FailSystemCall(SystemCall::SELECT, EBADF);
-    mPeer.Send("x");
+    Connect();
     ExpectNotDisconnected();
     EXPECT_EQ(0, Send("payload"));
     EXPECT_EQ("payload", mSinkPeer.Receive(7));
@@ -193,10 +192,10 @@ TEST_F(TcpClientTest, ReadsThatWouldBlockCountOverTheWholeConnection) {
     EXPECT_EQ(502, SystemCallCount(SystemCall::READ));
     EXPECT_EQ(0U, Disconnects().Count());
     EXPECT_THAT(mLog.Texts(4), IsEmpty());
-    FailSystemCall(SystemCall::READ, EAGAIN);
+    FailSystemCall(SystemCall::READ, EAGAIN, 2);  // the first ends a wait, which does not count
     mPeer.Send(ClientSide::Frame("two"));
     EXPECT_TRUE(ThreadExits());
-    EXPECT_EQ(503, SystemCallCount(SystemCall::READ));
+    EXPECT_EQ(504, SystemCallCount(SystemCall::READ));
     EXPECT_THAT(mLog.Texts(4), ElementsAre("Recv Data timeout error.\n"));
     EXPECT_THAT(Disconnects().Items(), ElementsAre(std::to_string(HANDLE)));
     EXPECT_TRUE(mTransport->IsBroken());
@@ -219,7 +218,7 @@ TEST_F(TcpClientTest, StreamThatStallsOnAnIllegalHeadEndsTheThreadWhenTheBufferI
     Receive();
     const Bytes illegal(READ_SIZE, '\xff');
     Feed({illegal, Bytes(ClientSide::REASSEMBLY_SIZE - READ_SIZE, '\xff')});
-    EXPECT_TRUE(Eventually([] { return SystemCallCount(SystemCall::SELECT) > 2; }));
+    EXPECT_TRUE(Eventually([] { return ReadsBegun() > 2; }));
     EXPECT_THAT(mLog.Texts(4), IsEmpty());
     EXPECT_TRUE(mLog.Has(1, "headLen:255, illegal.\n"));
     Feed({"!"});

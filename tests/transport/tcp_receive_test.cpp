@@ -68,7 +68,7 @@ TYPED_TEST(TcpReceiveTest, SplitFrameIsDeliveredOnceWithItsLastByte) {
     this->Receive();
     const Bytes frame = this->mSide.Frame("payload");
     this->Feed({frame.substr(0, 8), frame.substr(8, frame.size() - 9)});
-    EXPECT_TRUE(Eventually([] { return SystemCallCount(SystemCall::SELECT) > 2; }));
+    EXPECT_TRUE(Eventually([] { return ReadsBegun() > 2; }));
     EXPECT_EQ(0U, this->mSide.Delivered().Count());
     this->Feed({frame.substr(frame.size() - 1)});
     EXPECT_TRUE(this->Delivers({"payload"}));
@@ -143,10 +143,41 @@ TYPED_TEST(TcpReceiveTest, OnlyTheFirstPeerIsHeard) {
     EXPECT_EQ(1U, this->mSide.Delivered().Count());
 }
 
-TYPED_TEST(TcpReceiveTest, FailedSelectEndsTheThreadAndBreaksNothing) {
+TYPED_TEST(TcpReceiveTest, OnceDataHaveComeTheReadItselfWaitsForMore) {
+    IgnoreReceiveTimeouts();
     this->Receive();
+    for (int i = 1; i <= 3; ++i) {
+        this->mPeer.Send(this->mSide.Frame("payload"));
+        EXPECT_TRUE(this->mSide.Delivered().WaitForCount(static_cast<size_t>(i)));
+        EXPECT_TRUE(Eventually([i] { return ReadsBegun() == i + 1; }));
+    }
+    EXPECT_EQ(1, SystemCallCount(SystemCall::SELECT));
+}
+
+TYPED_TEST(TcpReceiveTest, WithoutDataForHalfASecondSelectWaitsAgain) {
+    this->Receive();
+    this->mPeer.Send(this->mSide.Frame("one"));
+    EXPECT_TRUE(Eventually([] { return SystemCallCount(SystemCall::SELECT) > 1; }));
+    this->mPeer.Send(this->mSide.Frame("two"));
+    EXPECT_TRUE(this->Delivers({"one", "two"}));
+    EXPECT_THAT(this->mLog.Texts(4), IsEmpty());
+}
+
+// As it is when the process was halted meanwhile.
+TYPED_TEST(TcpReceiveTest, WaitForMoreDataMayBeInterrupted) {
+    this->Receive();
+    this->mPeer.Send(this->mSide.Frame("one"));
+    EXPECT_TRUE(this->Delivers({"one"}));
+    FailSystemCall(SystemCall::READ, EINTR);
+    this->mPeer.Send(this->mSide.Frame("two"));
+    EXPECT_TRUE(this->Delivers({"one", "two"}));
+    EXPECT_EQ(2, SystemCallCount(SystemCall::SELECT));
+    EXPECT_FALSE(this->mTransport->IsBroken());
+}
+
+TYPED_TEST(TcpReceiveTest, FailedSelectEndsTheThreadAndBreaksNothing) {
     FailSystemCall(SystemCall::SELECT, EBADF);
-    this->mPeer.Send(this->mSide.Frame("payload"));
+    this->Receive();
     EXPECT_TRUE(this->ThreadExits());
     EXPECT_THAT(this->mLog.Texts(4), ElementsAre("select error, ret = -1(Bad file descriptor)\n"));
     EXPECT_FALSE(this->mTransport->IsRunning());

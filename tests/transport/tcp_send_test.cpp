@@ -1,6 +1,7 @@
 // What both sides share in sending.
 #include <cerrno>
 #include <csignal>
+#include <future>
 #include <thread>
 
 #include "tests/transport/tcp_fixture.h"
@@ -144,11 +145,40 @@ TYPED_TEST(TcpSendTest, FailedWriteEndsBothDirections) {
 }
 
 TYPED_TEST(TcpSendTest, FailedWriteWakesTheReceiveThread) {
-    IgnoreSelectTimeouts();
+    IgnoreReceiveTimeouts();
     this->Connect();
     FailSystemCall(SystemCall::SEND, ENOBUFS);
     EXPECT_EQ(-1, this->Send("payload"));
     EXPECT_TRUE(this->ThreadExits());
+}
+
+TYPED_TEST(TcpSendTest, FailedWriteEndsAReadThatWaits) {
+    IgnoreReceiveTimeouts();
+    this->Connect();
+    this->mPeer.Send(this->mSide.Frame("payload"));
+    EXPECT_TRUE(Eventually([] { return ReadsBegun() == 2; }));
+    FailSystemCall(SystemCall::SEND, ENOBUFS);
+    EXPECT_EQ(-1, this->Send("payload"));
+    EXPECT_TRUE(this->ThreadExits());
+    EXPECT_FALSE(this->mTransport->IsBroken());
+}
+
+// Both come of the same cause, and either may be noticed first.
+TYPED_TEST(TcpSendTest, FailedWriteDoesNotHideThatThePeerHasLeft) {
+    this->Connect();
+    std::promise<void> reading;
+    std::promise<void> failed;
+    BeforeSystemCall(SystemCall::READ, [&] {
+        reading.set_value();
+        failed.get_future().wait();
+    });
+    this->mPeer.Close();
+    reading.get_future().wait();
+    FailSystemCall(SystemCall::SEND, EPIPE);
+    EXPECT_EQ(-1, this->Send("payload"));
+    failed.set_value();
+    EXPECT_TRUE(this->ThreadExits());
+    EXPECT_TRUE(this->mTransport->IsBroken());
 }
 
 TYPED_TEST(TcpSendTest, PeerThatLeavesDoesNotEndTheProcess) {
@@ -202,7 +232,7 @@ TYPED_TEST(TcpSendTest, SendersTakeTurns) {
 }
 
 TYPED_TEST(TcpSendTest, DestroyingClosesTheSendingDirectionOnly) {
-    IgnoreSelectTimeouts();
+    IgnoreReceiveTimeouts();
     this->Connect();
     EXPECT_EQ(0, this->mTransport->DestoryTransports());
     EXPECT_TRUE(this->mSinkPeer.SeesEnd());

@@ -1,5 +1,5 @@
-// Stopping and dropping a transport in every state of its receive thread. Where select's time-out is
-// ignored, a thread that nobody wakes would never end.
+// Stopping and dropping a transport in every state of its receive thread. Where waits for data have no
+// time-out, a thread that nobody wakes would never end.
 #include <cerrno>
 #include <condition_variable>
 #include <future>
@@ -33,7 +33,7 @@ private:
 template <typename Side>
 class TcpStopTest : public TcpFixture<Side> {
 protected:
-    TcpStopTest() { IgnoreSelectTimeouts(); }
+    TcpStopTest() { IgnoreReceiveTimeouts(); }
 
     bool StopIsJoining() { return this->mLog.WaitFor(1, "joinable will join.\n"); }
     void ExpectAllClosed() {
@@ -65,6 +65,31 @@ TYPED_TEST(TcpStopTest, WhileSelecting) {
     this->Stop();
     EXPECT_TRUE(this->mLog.Has(2, TypeParam::EXIT)) << this->mLog.Dump();
     EXPECT_FALSE(this->mTransport->IsRunning());
+    EXPECT_FALSE(this->mTransport->IsBroken());
+    this->ExpectAllClosed();
+}
+
+TYPED_TEST(TcpStopTest, WhileAConnectionIsTakenOver) {
+    ASSERT_EQ(0, this->CreateReceiving());
+    std::atomic<bool> held{false};
+    BeforeSystemCall(SystemCall::SETSOCKOPT, [&] {
+        held = true;
+        EXPECT_TRUE(this->StopIsJoining());
+    });
+    this->mPeer = RawConnection::To(this->mPort);
+    EXPECT_TRUE(Eventually([&held] { return held.load(); }));
+    this->Stop();
+    EXPECT_TRUE(this->mLog.Has(2, TypeParam::EXIT)) << this->mLog.Dump();
+    EXPECT_TRUE(this->mPeer.SeesEnd());
+    EXPECT_EQ(0, SystemCallCount(SystemCall::SELECT));
+}
+
+TYPED_TEST(TcpStopTest, WhileTheReadWaits) {
+    this->Connect();
+    this->mPeer.Send(this->mSide.Frame("payload"));
+    EXPECT_TRUE(Eventually([] { return ReadsBegun() == 2; }));
+    this->Stop();
+    EXPECT_TRUE(this->mLog.Has(2, TypeParam::EXIT)) << this->mLog.Dump();
     EXPECT_FALSE(this->mTransport->IsBroken());
     this->ExpectAllClosed();
 }
@@ -160,7 +185,7 @@ TYPED_TEST(TcpStopTest, TransportCanBeSetUpAgain) {
         EXPECT_EQ(payload, this->mSinkPeer.Receive(Bytes(payload).size()));
         this->Stop();
         ResetSystemFaults();
-        IgnoreSelectTimeouts();
+        IgnoreReceiveTimeouts();
     }
 }
 
@@ -205,7 +230,7 @@ TYPED_TEST(TcpStopTest, SenderInProgressEndsToo) {
 TYPED_TEST(TcpStopTest, SendersAndStopsMayMeetAnywhere) {
     for (int round = 0; round < 20; ++round) {
         ResetSystemFaults();
-        IgnoreSelectTimeouts();
+        IgnoreReceiveTimeouts();
         this->Connect();
         std::thread sender([this] {
             for (int i = 0; i < 50; ++i) {
