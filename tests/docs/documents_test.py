@@ -2,9 +2,11 @@
 """Compiles and runs what the documents show: documents_test.py SOURCES PROGRAMS LIBRARIES DOCUMENT...
 
 A comment before a code block says what is done with it:
+  <!-- examples/NAME -->  it is this file of the sources, word for word
   <!-- file NAME -->   it is a file, kept beside the others of its document
   <!-- run -->         commands, which must succeed
   <!-- start -->       a command that goes on; it is ready when it has printed a line
+  <!-- session -->     commands, one on each line, of which the first goes on until the others have succeeded
   <!-- run as root -->, <!-- start as root -->  the same, left out where this is not possible
   <!-- stop -->        ends what was started last, by the signal of Ctrl-C
   <!-- prints -->      what the block before printed: these lines among others, in this order; ... stands for anything
@@ -20,7 +22,7 @@ import sys
 import tempfile
 
 CODE = ("c", "cpp", "python", "sh")
-MARK = re.compile(r"<!-- (file \S+|run|start|run as root|start as root|stop|prints) -->$")
+MARK = re.compile(r"<!-- (examples/\S+|file \S+|run|start|session|run as root|start as root|stop|prints) -->$")
 TIME_LIMIT = 120
 OWN_NAMES = "DOCUMENTS_TEST_OWN_NAMES"  # set where network namespaces may be named without anybody seeing it
 
@@ -90,8 +92,9 @@ class Started:
 
 
 class Document:
-    def __init__(self, path, folder, environment):
-        self.path, self.folder, self.environment = path, pathlib.Path(folder), environment
+    def __init__(self, sources, name, folder, environment):
+        self.sources, self.path = pathlib.Path(sources), pathlib.Path(sources, name)
+        self.folder, self.environment = pathlib.Path(folder), environment
         self.printed = ""
         self.started = []
 
@@ -108,7 +111,10 @@ class Document:
 
     def step(self, mark, content):
         verb, *rest = mark.split()
-        if verb == "file":
+        if verb.startswith("examples/"):
+            if content != (self.sources / verb).read_text():
+                raise Fault(f"this is not what {verb} says: copy the file's text")
+        elif verb == "file":
             (self.folder / rest[0]).write_text(content)
         elif rest and not os.environ.get(OWN_NAMES):
             self.printed = None
@@ -117,6 +123,11 @@ class Document:
         elif verb == "start":
             self.started.append(Started(content, self.folder, self.environment))
             self.printed = self.started[-1].output.decode()
+        elif verb == "session":
+            first, *others = content.splitlines()
+            self.started.append(Started(first, self.folder, self.environment))
+            self.execute("\n".join(others))
+            self.started.pop().stop()
         elif verb == "stop" and self.started:
             self.printed = self.started.pop().stop()
         elif verb == "prints" and self.printed is not None:
@@ -163,7 +174,7 @@ def main():
         with tempfile.TemporaryDirectory() as folder:
             environment = environment_for(sources, programs, libraries, pathlib.Path(folder))
             try:
-                Document(pathlib.Path(sources, name), folder, environment).run()
+                Document(sources, name, folder, environment).run()
                 print(f"{name}: all that it shows works")
             except Fault as fault:
                 print(f"{name}, {fault}")
