@@ -1,4 +1,4 @@
-# What `cmake --install` puts where, in components that can be installed apart: runtime, platform, dev, examples.
+# What `cmake --install` puts where, in components that can be installed apart.
 include(CMakePackageConfigHelpers)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/lumora)
@@ -14,6 +14,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/lumoraConfig.cmake ${CMAKE_CURRENT_BIN
 if(LUMORA_PLATFORM STREQUAL "external")
     install(FILES cmake/external_platform.cmake DESTINATION ${package_folder} COMPONENT dev)
 endif()
+
+# Who passes on what is installed passes these on with it. Our Debian packages have a file of their own for that.
+install(FILES LICENSE packaging/debian/copyright DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/lumora
+    COMPONENT notices)
 
 # The folders relative to the file itself: an unpacked tree can be moved, and used as part of a sysroot.
 file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
