@@ -1,4 +1,4 @@
-// What the machine does to processes of either side: they are killed in the middle of a call, and run out of
+// What the machine does to processes of either side: they are halted, are killed in the middle of a call, and run out of
 // descriptors, memory and threads. The examples, as processes over our link platform.
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -42,6 +42,26 @@ bool EchoComes(const std::string& text) {
 bool EndsCleanly(Process& device) {
     device.Signal(SIGTERM);
     return device.WaitForEnd() == 0;
+}
+
+// ---- Halted ----
+
+// The kernel ends a wait for data with EINTR when its process goes on.
+TEST(HaltedTest, ConnectionOutlastsThatEitherSideIsHalted) {
+    Process device({DEVICE_PROGRAM});
+    device.WaitForLine(READY);
+    Process client({LASTING_CLIENT_PROGRAM});
+    client.WriteLine("connect");
+    EXPECT_EQ("connect done", client.WaitForLine("connect"));
+    for (Process* halted : {&device, &client}) {
+        client.WriteLine("before");
+        EXPECT_EQ("echo: before", client.WaitForLine("echo: "));
+        halted->Signal(SIGSTOP);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        halted->Signal(SIGCONT);
+        client.WriteLine("after");
+        EXPECT_EQ("echo: after", client.WaitForLine("echo: "));
+    }
 }
 
 // ---- Killed at each step ----
