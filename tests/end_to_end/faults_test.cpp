@@ -1,5 +1,5 @@
-// What the machine does to processes of either side: they are halted, are killed in the middle of a call, and run out of
-// descriptors, memory and threads. The examples, as processes over our link platform.
+// What the machine does to processes of either side: they are halted, are killed in the middle of a call, and
+// run out of descriptors, memory and threads. The examples, as processes over our link platform.
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <unistd.h>
