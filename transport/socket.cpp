@@ -127,10 +127,8 @@ void LimitReadWaits(const Descriptor& socket, int microseconds) {
 void StopReading(const Descriptor& socket) { shutdown(socket.Number(), SHUT_RD); }
 
 bool HasPeerLeft(const Descriptor& socket) {
-    tcp_info info = {};
-    socklen_t size = sizeof(info);
-    return getsockopt(socket.Number(), IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
-           info.tcpi_state != TCP_ESTABLISHED;
+    pollfd watched = {socket.Number(), POLLRDHUP, 0};
+    return poll(&watched, 1, 0) > 0;
 }
 
 void PauseUntilReady(int fd, short events, int milliseconds) {

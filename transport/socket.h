@@ -48,8 +48,8 @@ void TuneConnection(const Descriptor& socket);
 // Reads that find nothing wait, but not longer than this, and then fail with EAGAIN. Best effort.
 void LimitReadWaits(const Descriptor& socket, int microseconds);
 
-// Ends whatever waits for data of the connection, and all reading: the peer notices nothing of it. Reads then
-// end as if the peer had left, which only HasPeerLeft can tell apart.
+// Ends whatever waits for data of the connection, and all reading: the peer notices nothing of it. From then
+// on the connection looks as if the peer had left.
 void StopReading(const Descriptor& socket);
 bool HasPeerLeft(const Descriptor& socket);
 

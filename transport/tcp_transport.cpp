@@ -231,6 +231,7 @@ int TcpTransport::WaitForConnect(Descriptor& receiveSocket, const Descriptor& li
             LimitReadWaits(connection, RECEIVE_WAIT_US);
             const lumora::MutexLock lock(mReceiveSocketMutex);
             receiveSocket = std::move(connection);
+            mPeerHadLeft = false;
             return 0;
         }
         if (error != EAGAIN) {
@@ -302,7 +303,10 @@ ssize_t TcpTransport::ReadSome(char* readBuffer, char*& data) {
 }
 
 // A stop ends the reading just as a peer does that leaves.
-bool TcpTransport::HasBeenStopped() const { return !mRunning && !HasPeerLeft(mReceiveSocket); }
+bool TcpTransport::HasBeenStopped() {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    return !mRunning && !mPeerHadLeft;
+}
 
 bool TcpTransport::OnNothingRead(int error) {
     if (error == EAGAIN) {
@@ -421,9 +425,9 @@ void TcpTransport::SetSendSocket(std::shared_ptr<Descriptor> socket) {
 // ---- Stopping ----
 
 void TcpTransport::ClearRunning() {
-    mRunning = false;
     const lumora::MutexLock lock(mReceiveSocketMutex);
-    if (mReceiveSocket.IsOpen()) {
+    if (mRunning.exchange(false) && mReceiveSocket.IsOpen()) {
+        mPeerHadLeft = HasPeerLeft(mReceiveSocket);
         StopReading(mReceiveSocket);
     }
 }

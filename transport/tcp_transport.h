@@ -105,7 +105,7 @@ private:
     void ReceiveLoop(char* readBuffer);
     Readiness WaitUntilReadable();
     ssize_t ReadSome(char* readBuffer, char*& data);
-    bool HasBeenStopped() const;
+    bool HasBeenStopped();
     bool OnNothingRead(int error);
     bool PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites);
 
@@ -121,6 +121,7 @@ private:
     // A leaf lock: who ends the running state wakes the receive thread by its socket, which must not be
     // closed meanwhile.
     lumora::Mutex mReceiveSocketMutex;
+    bool mPeerHadLeft GUARDED_BY(mReceiveSocketMutex) = false;  // when the running state ended
 };
 
 }  // namespace lumoraAiModule
