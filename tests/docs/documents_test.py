@@ -6,9 +6,9 @@ A comment before a code block says what is done with it:
   <!-- file NAME -->   it is a file, kept beside the others of its document
   <!-- run -->         commands, which must succeed
   <!-- start -->       a command that goes on; it is ready when it has printed a line
-  <!-- session -->     commands, one on each line, of which the first goes on until the others have succeeded
   <!-- run as root -->, <!-- start as root -->  the same, left out where this is not possible
   <!-- stop -->        ends what was started last, by the signal of Ctrl-C
+  <!-- session -->     its first line is started, the others are run, and it is stopped
   <!-- prints -->      what the block before printed: these lines among others, in this order; ... stands for anything
 A block of C, C++, Python or shell without such a comment is a fault. Blocks of other kinds are not looked at.
 """
@@ -124,10 +124,9 @@ class Document:
             self.started.append(Started(content, self.folder, self.environment))
             self.printed = self.started[-1].output.decode()
         elif verb == "session":
-            first, *others = content.splitlines()
-            self.started.append(Started(first, self.folder, self.environment))
-            self.execute("\n".join(others))
-            self.started.pop().stop()
+            first, _, others = content.partition("\n")
+            for part, commands in (("start", first), ("run", others), ("stop", "")):
+                self.step(part, commands)
         elif verb == "stop" and self.started:
             self.printed = self.started.pop().stop()
         elif verb == "prints" and self.printed is not None:
