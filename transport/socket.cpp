@@ -21,7 +21,8 @@ constexpr int KEEPALIVE_IDLE_SECONDS = 5;
 constexpr int KEEPALIVE_INTERVAL_SECONDS = 3;
 constexpr int KEEPALIVE_COUNT = 3;
 
-int SetOption(const Descriptor& socket, int level, int name, int value) {
+template <typename Value>
+int SetOption(const Descriptor& socket, int level, int name, const Value& value) {
     return setsockopt(socket.Number(), level, name, &value, sizeof(value));
 }
 
@@ -95,9 +96,7 @@ int SetNonBlocking(const Descriptor& socket) {
 int SetReuseAddress(const Descriptor& socket) { return SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1); }
 
 int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seconds) {
-    timeval limit = {};
-    limit.tv_sec = seconds;
-    setsockopt(socket.Number(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    SetOption(socket, SOL_SOCKET, SO_SNDTIMEO, timeval{seconds, 0});
     if (connect(socket.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
         return 0;
     }
@@ -119,21 +118,16 @@ void TuneConnection(const Descriptor& socket) {
 }
 
 void LimitReadWaits(const Descriptor& socket, int microseconds) {
-    timeval limit = {};
-    limit.tv_usec = microseconds;
-    setsockopt(socket.Number(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    SetOption(socket, SOL_SOCKET, SO_RCVTIMEO, timeval{0, microseconds});
 }
 
 void StopReading(const Descriptor& socket) { shutdown(socket.Number(), SHUT_RD); }
 
-bool HasPeerLeft(const Descriptor& socket) {
-    pollfd watched = {socket.Number(), POLLRDHUP, 0};
-    return poll(&watched, 1, 0) > 0;
-}
+bool HasPeerLeft(const Descriptor& socket) { return PauseUntilReady(socket.Number(), POLLRDHUP, 0); }
 
-void PauseUntilReady(int fd, short events, int milliseconds) {
+bool PauseUntilReady(int fd, short events, int milliseconds) {
     pollfd watched = {fd, events, 0};
-    poll(&watched, 1, milliseconds);
+    return poll(&watched, 1, milliseconds) > 0;
 }
 
 std::string ErrorText(int error) { return std::system_category().message(error); }

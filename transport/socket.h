@@ -45,7 +45,8 @@ int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seco
 // vanished without a word is noticed. Best effort: the connection works without.
 void TuneConnection(const Descriptor& socket);
 
-// Reads that find nothing wait, but not longer than this, and then fail with EAGAIN. Best effort.
+// Reads that find nothing wait, but not longer than this (less than a second), and then fail with EAGAIN.
+// Best effort.
 void LimitReadWaits(const Descriptor& socket, int microseconds);
 
 // Ends whatever waits for data of the connection, and all reading: the peer notices nothing of it. From then
@@ -53,8 +54,8 @@ void LimitReadWaits(const Descriptor& socket, int microseconds);
 void StopReading(const Descriptor& socket);
 bool HasPeerLeft(const Descriptor& socket);
 
-// Waits until the descriptor is ready for events (POLLIN, POLLOUT), at most so long.
-void PauseUntilReady(int fd, short events, int milliseconds);
+// Whether the descriptor is ready for events (POLLIN, POLLOUT, POLLRDHUP), for which it waits at most so long.
+bool PauseUntilReady(int fd, short events, int milliseconds);
 
 // What strerror says, without its shared buffer.
 std::string ErrorText(int error);

@@ -259,7 +259,6 @@ void TcpTransport::ReceiveLoop(char* readBuffer) {
         }
         char* data = nullptr;
         const ssize_t count = ReadSome(readBuffer, data);
-        const int error = errno;
         if (count > 0) {
             dataCome = true;
             if (!OnReceived(data, static_cast<unsigned int>(count))) {
@@ -267,6 +266,7 @@ void TcpTransport::ReceiveLoop(char* readBuffer) {
             }
             continue;
         }
+        const int error = errno;
         const bool waited = std::exchange(dataCome, false);
         if (waited && WouldBlock(error)) {  // the wait ran out, or the process was halted meanwhile
             continue;
