@@ -54,7 +54,7 @@ void LimitReadWaits(const Descriptor& socket, int microseconds);
 void StopReading(const Descriptor& socket);
 bool HasPeerLeft(const Descriptor& socket);
 
-// Whether the descriptor is ready for events (POLLIN, POLLOUT, POLLRDHUP), for which it waits at most so long.
+// Waits at most so long for one of the events (POLLIN, POLLOUT, POLLRDHUP), and tells whether there is one.
 bool PauseUntilReady(int fd, short events, int milliseconds);
 
 // What strerror says, without its shared buffer.
