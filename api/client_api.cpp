@@ -4,12 +4,12 @@
 #include <string>
 
 #include "api/api_guard.h"
-#include "base/names.h"
+#include "base/bounded_text.h"
 #include "base/never_destroyed.h"
 #include "client/client_module.h"
 #include "lumora.h"
+#include "protocol/control_documents.h"
 #include "securec.h"
-#include "server/control_protocol.h"
 
 using lumora::ApiLock;
 using lumora::FailedByException;

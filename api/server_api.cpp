@@ -4,7 +4,7 @@
 #include <string>
 
 #include "api/api_guard.h"
-#include "base/names.h"
+#include "base/bounded_text.h"
 #include "base/never_destroyed.h"
 #include "base/transport_kind.h"
 #include "lumora.h"

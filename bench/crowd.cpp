@@ -14,7 +14,7 @@
 
 #include "bench/records.h"
 #include "link_platform.h"
-#include "server/control_protocol.h"
+#include "protocol/control_documents.h"
 
 namespace {
 

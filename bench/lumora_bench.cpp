@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "base/log.h"
-#include "server/control_protocol.h"
-#include "transport/data_frame.h"
+#include "protocol/control_documents.h"
+#include "protocol/data_frame.h"
 #include "transport/frame_buffer.h"
 #include "transport/tcp_client_transport.h"
 #include "transport/tcp_server_transport.h"

@@ -19,7 +19,7 @@
 
 #include "bench/process_cost.h"
 #include "bench/signal.h"
-#include "transport/data_frame.h"
+#include "protocol/data_frame.h"
 #include "transport/tcp_client_transport.h"
 #include "transport/tcp_server_transport.h"
 

@@ -6,10 +6,10 @@
 #include "base/callback_scope.h"
 #include "base/log.h"
 #include "client/client_module.h"
+#include "protocol/control_documents.h"
+#include "protocol/data_frame.h"
+#include "protocol/setup_string.h"
 #include "securec.h"
-#include "server/control_protocol.h"
-#include "transport/data_frame.h"
-#include "transport/transport_config.h"
 #include "version/lumora_version.h"
 
 namespace lumoraAiModule {

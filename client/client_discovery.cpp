@@ -4,8 +4,8 @@
 #include "base/callback_scope.h"
 #include "base/log.h"
 #include "client/client_module.h"
+#include "protocol/control_documents.h"
 #include "securec.h"
-#include "server/control_protocol.h"
 
 namespace lumoraAiModule {
 

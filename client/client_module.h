@@ -14,7 +14,7 @@
 #include "link/lumora_ai_descriptor.h"
 #include "link/smart_home_link.h"
 #include "lumora.h"
-#include "transport/data_frame.h"
+#include "protocol/data_frame.h"
 #include "transport/frame_buffer.h"
 #include "transport/transport_manager.h"
 

@@ -5,12 +5,12 @@
 #include <cstddef>
 #include <utility>
 
+#include "base/bounded_text.h"
 #include "base/log.h"
 #include "base/make_shared.h"
-#include "base/names.h"
 #include "link/smart_home_link_hybird.h"
+#include "protocol/control_documents.h"
 #include "securec.h"
-#include "server/control_protocol.h"
 
 namespace lumoraAiModule {
 

@@ -4,10 +4,10 @@
 #include "base/callback_scope.h"
 #include "base/log.h"
 #include "link/smart_home_link.h"
+#include "protocol/control_documents.h"
+#include "protocol/setup_string.h"
 #include "securec.h"
-#include "server/control_protocol.h"
 #include "server/server_module.h"
-#include "transport/transport_config.h"
 #include "version/lumora_version.h"
 
 namespace lumoraAiModule {

@@ -1,8 +1,8 @@
 // The server module's way of sending data to the subscribers of a service.
 #include "base/log.h"
+#include "protocol/data_frame.h"
 #include "securec.h"
 #include "server/server_module.h"
-#include "transport/data_frame.h"
 
 namespace lumoraAiModule {
 

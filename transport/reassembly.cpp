@@ -5,8 +5,8 @@
 #include <functional>
 
 #include "base/log.h"
+#include "protocol/data_frame.h"
 #include "securec.h"
-#include "transport/data_frame.h"
 
 namespace lumoraAiModule {
 

@@ -1,7 +1,7 @@
 #include "transport/tcp_client_transport.h"
 
 #include "base/log.h"
-#include "transport/data_frame.h"
+#include "protocol/data_frame.h"
 
 namespace lumoraAiModule {
 

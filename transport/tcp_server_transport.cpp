@@ -2,8 +2,8 @@
 
 #include "base/callback_scope.h"
 #include "base/log.h"
+#include "protocol/data_frame.h"
 #include "securec.h"
-#include "transport/data_frame.h"
 
 namespace lumoraAiModule {
 

@@ -15,8 +15,8 @@
 #include <utility>
 
 #include "base/log.h"
+#include "protocol/data_frame.h"
 #include "securec.h"
-#include "transport/data_frame.h"
 
 namespace lumoraAiModule {
 

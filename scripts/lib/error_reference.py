@@ -14,7 +14,7 @@ import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-FOLDERS = ("api", "base", "client", "server", "transport", "link", "version", "platform/link", "platform/log",
+FOLDERS = ("api", "base", "client", "server", "protocol", "transport", "link", "version", "platform/link", "platform/log",
            "python/lumora")
 TABLE = ROOT / "docs" / "errors.tsv"
 DOCUMENT = ROOT / "docs" / "errors.md"
@@ -97,7 +97,7 @@ def texts_of_sources():
     """{text: {folder: levels}}"""
     texts = {}
     for folder in FOLDERS:
-        for path in sorted((ROOT / folder).glob("*")):
+        for path in sorted((ROOT / folder).rglob("*")):
             if path.suffix in (".cpp", ".h", ".c", ".py"):
                 for level, text in logged_by(path):
                     texts.setdefault(text, {}).setdefault(folder, set()).add(level)

@@ -1,4 +1,4 @@
-#include "base/names.h"
+#include "base/bounded_text.h"
 
 #include <gmock/gmock.h>
 

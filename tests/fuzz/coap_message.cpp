@@ -1,7 +1,7 @@
 // The CoAP codec and what is read out of messages.
-#include "coap_message.h"
+#include "platform/link/wire/coap_message.h"
 
-#include "messages.h"
+#include "platform/link/wire/messages.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"
 

@@ -1,7 +1,7 @@
 // The command document, as the server reads it.
 #include <cstring>
 
-#include "server/control_protocol.h"
+#include "protocol/control_documents.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"
 

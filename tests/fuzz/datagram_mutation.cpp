@@ -1,5 +1,5 @@
-#include "coap_message.h"
-#include "messages.h"
+#include "platform/link/wire/coap_message.h"
+#include "platform/link/wire/messages.h"
 #include "tests/fuzz/mutation.h"
 
 namespace lumora_fuzz {

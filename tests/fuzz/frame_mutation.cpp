@@ -1,8 +1,8 @@
 #include <vector>
 
+#include "protocol/data_frame.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/support/raw_peer.h"
-#include "transport/data_frame.h"
 
 namespace lumora_fuzz {
 

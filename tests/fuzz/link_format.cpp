@@ -1,5 +1,5 @@
 // A node's description of itself, and the lists of addresses in settings.
-#include "link_format.h"
+#include "platform/link/wire/link_format.h"
 
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"

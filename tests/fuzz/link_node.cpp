@@ -5,8 +5,8 @@
 #include <random>
 #include <set>
 
-#include "messages.h"
-#include "node_core.h"
+#include "platform/link/core/node_core.h"
+#include "platform/link/wire/messages.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/node_script.h"
 #include "tests/fuzz/require.h"

@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "byte_reader.h"
-#include "coap_port.h"
-#include "messages.h"
-#include "port_guard.h"
+#include "platform/link/io/coap_port.h"
+#include "platform/link/io/port_guard.h"
+#include "platform/link/wire/byte_reader.h"
+#include "platform/link/wire/messages.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/node_script.h"
 #include "tests/fuzz/require.h"

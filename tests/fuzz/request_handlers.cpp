@@ -4,14 +4,14 @@
 #include <vector>
 
 #include "link/descriptor_registry.h"
-#include "server/control_protocol.h"
+#include "protocol/control_documents.h"
+#include "protocol/data_frame.h"
 #include "server/server_module.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/request.h"
 #include "tests/fuzz/require.h"
 #include "tests/server/fake_transports.h"
 #include "tests/support/fake_platform.h"
-#include "transport/data_frame.h"
 
 using lumora_fuzz::Request;
 using lumora_fuzz::RequestKind;

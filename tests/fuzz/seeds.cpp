@@ -8,14 +8,14 @@
 #include <fstream>
 #include <map>
 
-#include "link_format.h"
-#include "messages.h"
-#include "server/control_protocol.h"
+#include "platform/link/wire/link_format.h"
+#include "platform/link/wire/messages.h"
+#include "protocol/control_documents.h"
+#include "protocol/setup_string.h"
 #include "tests/fuzz/node_script.h"
 #include "tests/fuzz/read_replay.h"
 #include "tests/fuzz/request.h"
 #include "tests/support/raw_peer.h"
-#include "transport/transport_config.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "base/transport_kind.h"
-#include "server/control_protocol.h"
+#include "protocol/control_documents.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"
 

@@ -1,7 +1,7 @@
 // The setup string, through both of its readers.
+#include "protocol/setup_string.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"
-#include "transport/transport_config.h"
 #include "transport/transport_manager.h"
 
 using lumora_fuzz::Require;

@@ -2,8 +2,8 @@
 // which any bytes may stand.
 #include <cstring>
 
-#include "base/names.h"
-#include "server/control_protocol.h"
+#include "base/bounded_text.h"
+#include "protocol/control_documents.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"
 

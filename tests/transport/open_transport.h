@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
+#include "protocol/data_frame.h"
 #include "tests/support/eventually.h"
 #include "tests/support/raw_peer.h"
 #include "tests/support/system_faults.h"
-#include "transport/data_frame.h"
 #include "transport/tcp_client_transport.h"
 #include "transport/tcp_server_transport.h"
 

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "protocol/data_frame.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/fake_securec.h"
 #include "tests/support/system_faults.h"
-#include "transport/data_frame.h"
 #include "transport/frame_buffer.h"
 
 namespace lumoraAiModule {

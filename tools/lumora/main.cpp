@@ -5,14 +5,14 @@
 #include <cstring>
 #include <map>
 
-#include "command.h"
-#include "command_line.h"
-#include "failure.h"
-#include "interfaces.h"
-#include "output.h"
-#include "pages.h"
-#include "signals.h"
-#include "terminal.h"
+#include "tools/lumora/manual/command.h"
+#include "tools/lumora/manual/command_line.h"
+#include "tools/lumora/manual/pages.h"
+#include "tools/lumora/os/interfaces.h"
+#include "tools/lumora/os/signals.h"
+#include "tools/lumora/terminal/failure.h"
+#include "tools/lumora/terminal/output.h"
+#include "tools/lumora/terminal/terminal.h"
 
 namespace lumora_cli {
 

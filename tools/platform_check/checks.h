@@ -1,8 +1,8 @@
 // What is looked at, library by library. Each runs in a process of its own.
 #pragma once
 
-#include "library.h"
-#include "report.h"
+#include "tools/platform_check/library.h"
+#include "tools/platform_check/report.h"
 
 namespace platform_check {
 

@@ -1,4 +1,4 @@
-#include "device.h"
+#include "tools/platform_check/device.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -16,7 +16,7 @@
 #include <mutex>
 #include <utility>
 
-#include "lumora/failure.h"
+#include "tools/lumora/terminal/failure.h"
 
 namespace platform_check {
 

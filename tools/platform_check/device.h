@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "library.h"
-#include "lumora/unique_fd.h"
+#include "tools/lumora/os/unique_fd.h"
+#include "tools/platform_check/library.h"
 
 namespace platform_check {
 

@@ -1,11 +1,11 @@
-#include "library.h"
+#include "tools/platform_check/library.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "lumora/failure.h"
+#include "tools/lumora/terminal/failure.h"
 
 namespace platform_check {
 

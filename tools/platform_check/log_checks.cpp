@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "checks.h"
+#include "tools/platform_check/checks.h"
 
 namespace platform_check {
 

@@ -6,15 +6,15 @@
 #include <cstring>
 #include <vector>
 
-#include "checks.h"
-#include "lumora/command_line.h"
-#include "lumora/failure.h"
-#include "lumora/interfaces.h"
-#include "lumora/json.h"
-#include "lumora/output.h"
-#include "lumora/pages.h"
-#include "lumora/terminal.h"
-#include "lumora/text.h"
+#include "tools/lumora/manual/command_line.h"
+#include "tools/lumora/manual/pages.h"
+#include "tools/lumora/os/interfaces.h"
+#include "tools/lumora/terminal/failure.h"
+#include "tools/lumora/terminal/json.h"
+#include "tools/lumora/terminal/output.h"
+#include "tools/lumora/terminal/terminal.h"
+#include "tools/lumora/terminal/text.h"
+#include "tools/platform_check/checks.h"
 
 namespace platform_check {
 

@@ -14,10 +14,10 @@
 #include <utility>
 #include <vector>
 
-#include "checks.h"
-#include "device.h"
-#include "lumora/interfaces.h"
-#include "lumora/text.h"
+#include "tools/lumora/os/interfaces.h"
+#include "tools/lumora/terminal/text.h"
+#include "tools/platform_check/checks.h"
+#include "tools/platform_check/device.h"
 
 namespace platform_check {
 

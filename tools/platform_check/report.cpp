@@ -1,4 +1,4 @@
-#include "report.h"
+#include "tools/platform_check/report.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "lumora/failure.h"
-#include "lumora/text.h"
+#include "tools/lumora/terminal/failure.h"
+#include "tools/lumora/terminal/text.h"
 
 namespace platform_check {
 

@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "lumora/unique_fd.h"
+#include "tools/lumora/os/unique_fd.h"
 
 namespace platform_check {
 

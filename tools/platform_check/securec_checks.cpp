@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "checks.h"
+#include "tools/platform_check/checks.h"
 
 namespace platform_check {
 

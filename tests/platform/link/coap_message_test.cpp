@@ -1,4 +1,4 @@
-#include "coap_message.h"
+#include "platform/link/wire/coap_message.h"
 
 #include <gmock/gmock.h>
 

@@ -1,4 +1,4 @@
-#include "config.h"
+#include "platform/link/io/config.h"
 
 #include <gmock/gmock.h>
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "node_core.h"
+#include "platform/link/core/node_core.h"
 
 namespace lumora_link::test {
 

@@ -1,4 +1,4 @@
-#include "interface_list.h"
+#include "platform/link/io/interface_list.h"
 
 #include <gmock/gmock.h>
 

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "coap_port.h"
+#include "platform/link/io/coap_port.h"
 #include "raw_coap_peer.h"
 #include "test_node.h"
 #include "tests/support/eventually.h"

@@ -1,4 +1,4 @@
-#include "link_format.h"
+#include "platform/link/wire/link_format.h"
 
 #include <gtest/gtest.h>
 

@@ -11,13 +11,13 @@
 #include <set>
 #include <thread>
 
-#include "coap_message.h"
-#include "messages.h"
+#include "platform/link/io/unique_fd.h"
+#include "platform/link/wire/coap_message.h"
+#include "platform/link/wire/messages.h"
 #include "raw_coap_peer.h"
 #include "test_node.h"
 #include "tests/support/eventually.h"
 #include "tests/support/own_network.h"
-#include "unique_fd.h"
 
 namespace lumora_link::test {
 

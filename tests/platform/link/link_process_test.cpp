@@ -11,10 +11,10 @@
 #include <memory>
 #include <vector>
 
+#include "platform/link/io/unique_fd.h"
 #include "test_node.h"
 #include "tests/support/eventually.h"
 #include "tests/support/own_network.h"
-#include "unique_fd.h"
 
 namespace lumora_link::test {
 

@@ -1,4 +1,4 @@
-#include "messages.h"
+#include "platform/link/wire/messages.h"
 
 #include <gmock/gmock.h>
 

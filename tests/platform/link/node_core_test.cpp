@@ -1,5 +1,5 @@
 // The whole protocol between two to fifty nodes, in no time.
-#include "node_core.h"
+#include "platform/link/core/node_core.h"
 
 #include <gmock/gmock.h>
 

@@ -1,4 +1,4 @@
-#include "peer_directory.h"
+#include "platform/link/core/peer_directory.h"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-#include "psk.h"
+#include "platform/link/io/psk.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>

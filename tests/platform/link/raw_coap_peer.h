@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 
-#include "coap_message.h"
 #include "link_platform.h"
-#include "messages.h"
-#include "unique_fd.h"
+#include "platform/link/io/unique_fd.h"
+#include "platform/link/wire/coap_message.h"
+#include "platform/link/wire/messages.h"
 
 namespace lumora_link::test {
 

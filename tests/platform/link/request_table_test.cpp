@@ -1,4 +1,4 @@
-#include "request_table.h"
+#include "platform/link/core/request_table.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "search.h"
+#include "platform/link/core/search.h"
 
 #include <gmock/gmock.h>
 

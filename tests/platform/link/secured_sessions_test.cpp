@@ -1,9 +1,9 @@
 // Which session a message takes, with a carrier and a clock of the test's own.
-#include "secured_sessions.h"
+#include "platform/link/core/secured_sessions.h"
 
 #include <gmock/gmock.h>
 
-#include "messages.h"
+#include "platform/link/wire/messages.h"
 
 namespace lumora_link::test {
 

@@ -1,0 +1,114 @@
+#include "platform/link/capi/platform_handle.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/link/capi/resource_proxy.h"
+#include "platform/link/io/log.h"
+
+namespace lumora_link {
+
+PlatformHandle::PlatformHandle() : mNodeId(RandomNumber()) {}
+
+PlatformHandle::~PlatformHandle() { Exit(); }
+
+bool PlatformHandle::Init() {
+    Config config = ReadConfig([](const char* name) -> const char* { return std::getenv(name); });
+    MutexLock lock(mMutex);
+    if (!mInitialised) {
+        mConfig = std::move(config);
+        mInitialised = true;
+    }
+    return true;
+}
+
+bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDeviceEvent) {
+    if (resource == nullptr) {
+        return false;
+    }
+    Registration registration;
+    registration.resource = resource;
+    registration.handlers = *resource;
+    registration.onDeviceEvent = onDeviceEvent;
+    const auto describe = registration.handlers.DoGetDescriptor;
+    if (const char* text = describe == nullptr ? nullptr : describe(resource)) {
+        if (strnlen(text, MAX_TEXT_BYTES + 1) > MAX_TEXT_BYTES) {
+            LINK_LOG(LEVEL_ERROR, "a device type has at most %zu bytes\n", MAX_TEXT_BYTES);
+            return false;
+        }
+        registration.deviceType = text;
+    }
+    std::shared_ptr<Node> node;
+    {
+        MutexLock lock(mMutex);
+        mRegistration = registration;
+        node = mNode;
+    }
+    if (node != nullptr) {
+        node->Register(std::move(registration));
+    }
+    return true;
+}
+
+bool PlatformHandle::Run() {
+    MutexLock lifecycle(mLifecycle);
+    Config config;
+    Registration registration;
+    {
+        MutexLock lock(mMutex);
+        if (!mInitialised) {
+            LINK_LOG(LEVEL_ERROR, "Run before Init\n");
+            return false;
+        }
+        if (mNode != nullptr) {
+            return true;
+        }
+        config = mConfig;
+        registration = mRegistration;
+    }
+    const NodeIdentity identity{mNodeId, static_cast<std::uint32_t>(RandomNumber())};
+    auto node = std::make_shared<Node>(std::move(config), identity, std::move(registration));
+    if (!node->Start()) {
+        return false;
+    }
+    MutexLock lock(mMutex);
+    mNode = std::move(node);
+    return true;
+}
+
+bool PlatformHandle::Exit() {
+    if (IsOwnThread()) {
+        LINK_LOG(LEVEL_ERROR, "Exit was called by a handler or a device event, for which it would wait\n");
+        return false;
+    }
+    MutexLock lifecycle(mLifecycle);
+    const std::shared_ptr<Node> node = CurrentNode();
+    if (node == nullptr) {
+        return true;
+    }
+    node->Stop();
+    MutexLock lock(mMutex);
+    mNode.reset();
+    return true;
+}
+
+AppResourceProxy* PlatformHandle::Find(const char* deviceType) {
+    const std::shared_ptr<Node> node = CurrentNode();
+    if (node == nullptr || deviceType == nullptr ||
+        strnlen(deviceType, MAX_TEXT_BYTES + 1) > MAX_TEXT_BYTES) {
+        return nullptr;
+    }
+    return MakeProxyChain(node, node->Find(deviceType));
+}
+
+bool PlatformHandle::IsOwnThread() {
+    const std::shared_ptr<Node> node = CurrentNode();
+    return node != nullptr && node->IsOwnThread();
+}
+
+std::shared_ptr<Node> PlatformHandle::CurrentNode() {
+    MutexLock lock(mMutex);
+    return mNode;
+}
+
+}  // namespace lumora_link

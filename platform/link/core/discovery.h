@@ -1,0 +1,66 @@
+// Finds the nodes of a device type, and lets this node be found.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/link/core/presence.h"
+#include "platform/link/core/search.h"
+#include "platform/link/core/self.h"
+#include "platform/link/core/surroundings.h"
+
+namespace lumora_link {
+
+class Discovery {
+public:
+    Discovery(const Self& self, Labels& labels, Network& network, Application& application,
+              Presence& presence);
+
+    void StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now);
+    // A probe that came to the group; it is answered a little later, from that interface.
+    void OnProbe(const CoapMessage& probe, const Endpoint& source, const LocalInterface& via, TimePoint now);
+    void OnAnswer(const CoapMessage& answer, const Endpoint& source, TimePoint now);
+
+    void Tick(TimePoint now);
+    TimePoint NextDeadline(TimePoint now) const;
+    // Ends every search without a result.
+    void Close();
+
+private:
+    struct Running {
+        std::uint64_t ticket;
+        std::string token;  // the copy's number follows it on the wire
+        Search search;
+    };
+    struct DelayedAnswer {
+        Endpoint to;
+        unsigned interface;
+        CoapMessage message;
+    };
+
+    bool MayAnswer(const Endpoint& asker, TimePoint now);
+    void Schedule(const CoapMessage& probe, const Endpoint& to, unsigned interface, TimePoint at);
+    void SendDueAnswers(TimePoint now);
+    void SendDueProbes(Running& running, TimePoint now);
+    void DismissRemoved(Search& search);
+    void Probe(const Running& running, unsigned number);
+    std::vector<NodeDescription> ResultOf(const Search& search, TimePoint now) const;
+
+    const Self& mSelf;
+    Labels& mLabels;
+    Network& mNetwork;
+    Application& mApplication;
+    Presence& mPresence;
+    std::list<Running> mSearches;
+    std::multimap<TimePoint, DelayedAnswer> mAnswers;
+    struct Allowance {
+        TimePoint since;
+        unsigned used = 0;
+    };
+    std::map<Endpoint, Allowance> mAskers;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,145 @@
+#include "platform/link/core/node_core.h"
+
+#include <algorithm>
+
+#include "platform/link/wire/link_format.h"
+
+namespace lumora_link {
+
+namespace {
+
+Self SelfOf(NodeIdentity identity, bool secured) {
+    Self self;
+    self.secured = secured;
+    self.identity = identity;
+    return self;
+}
+
+}  // namespace
+
+NodeCore::NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> peers, RandomSource& random,
+                   Network& network, Application& application)
+    : mApplication(application),
+      mNetwork(network),
+      mSelf(SelfOf(identity, secured)),
+      mLabels(random),
+      mPresence(mSelf, mLabels, network, std::move(peers)),
+      mDiscovery(mSelf, mLabels, network, application, mPresence),
+      mClient(mSelf, mLabels, network, application),
+      mServer(mPresence.Directory(), network, application) {}
+
+void NodeCore::SetDeviceType(std::optional<std::string> deviceType, TimePoint now) {
+    mSelf.deviceType = std::move(deviceType);
+    mPresence.HelloSoon(now);
+}
+
+void NodeCore::SetInterfaces(std::vector<LocalInterface> interfaces, std::uint16_t port, TimePoint now) {
+    mSelf.interfaces = std::move(interfaces);
+    mSelf.port = port;
+    mPresence.HelloSoon(now);
+}
+
+void NodeCore::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
+    mDiscovery.StartSearch(ticket, deviceType, now);
+}
+
+void NodeCore::StartRequest(OutgoingRequest request, TimePoint now) {
+    mClient.Start(std::move(request), now);
+}
+
+void NodeCore::OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now) {
+    mServer.OnHandled(ticket, outcome, now);
+}
+
+void NodeCore::Close(TimePoint now) {
+    mServer.Close(now);
+    mClient.Close();
+    mDiscovery.Close();
+    mPresence.SayGoodbye();
+}
+
+void NodeCore::OnGroupMessage(const CoapMessage& message, const Endpoint& source, unsigned interface,
+                              TimePoint now) {
+    const LocalInterface* local = mSelf.InterfaceOf(interface);
+    if (local == nullptr || message.type != MessageType::NonConfirmable) {
+        return;
+    }
+    const std::string path = PathOf(message);
+    if (message.code == code::GET && path == WELL_KNOWN_PATH) {
+        mDiscovery.OnProbe(message, source, *local, now);
+    } else if (message.code == code::POST && (path == HELLO_PATH || path == GOODBYE_PATH)) {
+        mPresence.OnNotice(message, source, false, now);
+    }
+    PassEvents();
+}
+
+void NodeCore::OnSearchAnswer(const CoapMessage& message, const Endpoint& source, TimePoint now) {
+    mDiscovery.OnAnswer(message, source, now);
+    PassEvents();
+}
+
+void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_addr_t localHost,
+                         ReplyPath path, TimePoint now) {
+    const std::string uri = PathOf(message);
+    if (uri == RESOURCE_PATH) {
+        mServer.OnRequest(message, source, path, now);
+    } else if (uri == WELL_KNOWN_PATH && message.code == code::GET) {
+        Describe(message, localHost, path);
+    } else {
+        if (message.code == code::POST) {
+            mPresence.OnNotice(message, source, true, now);
+        }
+        mNetwork.Forget(path);
+    }
+    PassEvents();
+}
+
+// Asked directly, a node without the wanted type still answers: with no links, so that the asker
+// need not wait.
+void NodeCore::Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path) {
+    const bool asked = IsAskedFor(request, mSelf.deviceType);
+    if (asked || request.type == MessageType::Confirmable) {
+        mNetwork.Reply(path, MakeLinkAnswer(request, asked ? FormatLink(mSelf.DescribedAt(localHost)) : ""));
+    }
+    mNetwork.Forget(path);
+}
+
+void NodeCore::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
+    if (!mClient.OnAnswer(conversation, answer, now)) {
+        mPresence.OnAnswer(conversation, answer, now);
+    }
+    PassEvents();
+}
+
+void NodeCore::OnRefused(ConversationId conversation, TimePoint now) {
+    if (const auto refusing = mClient.OnRefused(conversation)) {
+        mPresence.Directory().SuspectAt(*refusing, now);
+    } else {
+        mPresence.OnRefused(conversation, now);
+    }
+    PassEvents();
+}
+
+void NodeCore::Tick(TimePoint now) {
+    mPresence.Tick(now);
+    mDiscovery.Tick(now);
+    mClient.Tick(now);
+    mServer.Tick(now);
+    PassEvents();
+}
+
+TimePoint NodeCore::NextDeadline(TimePoint now) const {
+    return std::min({mPresence.NextDeadline(), mDiscovery.NextDeadline(now), mClient.NextDeadline(),
+                     mServer.NextDeadline()});
+}
+
+void NodeCore::PassEvents() {
+    for (DeviceEvent& event : mPresence.Directory().TakeEvents()) {
+        if (!event.added) {
+            mNetwork.OnPeerGone(event.node.endpoint);
+        }
+        mApplication.Notify(std::move(event));
+    }
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,64 @@
+// One node's whole protocol, without a socket, a thread or a clock of its own.
+//
+// Everything is called on one thread with the time passed in; what must happen leaves through
+// Network and Application. NextDeadline tells when Tick wants to be called again at the latest.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/link/core/discovery.h"
+#include "platform/link/core/presence.h"
+#include "platform/link/core/request_client.h"
+#include "platform/link/core/request_server.h"
+#include "platform/link/core/self.h"
+#include "platform/link/core/surroundings.h"
+
+namespace lumora_link {
+
+class NodeCore {
+public:
+    // Secured where the network's conversations are, and others' shall be.
+    NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> peers, RandomSource& random,
+             Network& network, Application& application);
+
+    // From the application.
+    void SetDeviceType(std::optional<std::string> deviceType, TimePoint now);
+    void SetInterfaces(std::vector<LocalInterface> interfaces, std::uint16_t port, TimePoint now);
+    void StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now);
+    void StartRequest(OutgoingRequest request, TimePoint now);
+    void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
+    void RefuseRequests() { mServer.Refuse(); }
+    // Says goodbye and ends everything that is still waited for.
+    void Close(TimePoint now);
+
+    // From the network. A group message came to the multicast socket, an answer to an interface's.
+    void OnGroupMessage(const CoapMessage& message, const Endpoint& source, unsigned interface,
+                        TimePoint now);
+    void OnSearchAnswer(const CoapMessage& message, const Endpoint& source, TimePoint now);
+    void OnRequest(const CoapMessage& message, const Endpoint& source, in_addr_t localHost, ReplyPath path,
+                   TimePoint now);
+    void OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
+    void OnRefused(ConversationId conversation, TimePoint now);
+    // The first message had to wait for a way to the peer, and has left now.
+    void OnReached(ConversationId conversation, TimePoint now) { mClient.OnReached(conversation, now); }
+
+    void Tick(TimePoint now);
+    TimePoint NextDeadline(TimePoint now) const;
+
+private:
+    void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path);
+    void PassEvents();
+
+    Application& mApplication;
+    Network& mNetwork;
+    Self mSelf;
+    Labels mLabels;
+    Presence mPresence;
+    Discovery mDiscovery;
+    RequestClient mClient;
+    RequestServer mServer;
+};
+
+}  // namespace lumora_link

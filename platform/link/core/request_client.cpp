@@ -1,0 +1,195 @@
+#include "platform/link/core/request_client.h"
+
+#include <algorithm>
+#include <array>
+
+#include "platform/link/wire/link_format.h"
+
+namespace lumora_link {
+
+namespace {
+
+// When the copies of one message leave. The last pause repeats while the peer is alive.
+constexpr std::array<Milliseconds, 7> PAUSES = {Milliseconds(300),  Milliseconds(500),  Milliseconds(700),
+                                                Milliseconds(1000), Milliseconds(1000), Milliseconds(1000),
+                                                Milliseconds(2000)};
+constexpr Milliseconds FIRST_PING{2000};
+constexpr Milliseconds PING_INTERVAL{500};
+
+// libcoap reads datagrams of at most 1,472 bytes; the head and the other options need the rest.
+constexpr std::size_t MAX_KEY_AND_VALUE = 1300;
+constexpr unsigned BLOCK_EXPONENT = 4;
+constexpr std::size_t BLOCK_BYTES = 16U << BLOCK_EXPONENT;
+
+std::vector<std::string> CutIntoBlocks(const std::string& key, const std::string& value) {
+    if (key.size() + value.size() <= MAX_KEY_AND_VALUE) {
+        return {value};
+    }
+    std::vector<std::string> blocks;
+    for (std::size_t at = 0; at < value.size(); at += BLOCK_BYTES) {
+        blocks.push_back(value.substr(at, BLOCK_BYTES));
+    }
+    return blocks;
+}
+
+}  // namespace
+
+RequestClient::RequestClient(const Self& self, Labels& labels, Network& network, Application& application)
+    : mSelf(self), mLabels(labels), mNetwork(network), mApplication(application) {}
+
+void RequestClient::Start(OutgoingRequest request, TimePoint now) {
+    const ConversationId conversation = mLabels.NextConversation();
+    Exchange& exchange = mExchanges[conversation];
+    exchange.request = std::move(request);
+    exchange.blocks = CutIntoBlocks(exchange.request.key, exchange.request.value);
+    exchange.start = exchange.heard = now;
+    exchange.firstOfBody = mSequence + 1;
+    exchange.pingToken = mLabels.NextToken();
+    exchange.nextPing = now + FIRST_PING;
+    BeginMessage(conversation, exchange, now);
+}
+
+bool RequestClient::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
+    const auto at = mExchanges.find(conversation);
+    if (at == mExchanges.end()) {
+        return false;
+    }
+    Exchange& exchange = at->second;
+    if (answer.token == exchange.pingToken) {
+        exchange.heard = now;
+        return true;
+    }
+    if (answer.token != exchange.message.token) {
+        return true;
+    }
+    exchange.heard = now;
+    if (answer.code == code::CONTINUE && exchange.block + 1 < exchange.blocks.size()) {
+        ++exchange.block;
+        BeginMessage(conversation, exchange, now);
+    } else {
+        End(at, {answer.code, answer.payload});
+    }
+    return true;
+}
+
+// To be reached is a word of the peer, and the time for the answer begins with the first copy.
+void RequestClient::OnReached(ConversationId conversation, TimePoint now) {
+    const auto at = mExchanges.find(conversation);
+    if (at != mExchanges.end()) {
+        at->second.heard = now;
+        at->second.copies = 1;
+        at->second.nextCopy = now + PAUSES.front();
+    }
+}
+
+std::optional<Endpoint> RequestClient::OnRefused(ConversationId conversation) {
+    const auto at = mExchanges.find(conversation);
+    if (at == mExchanges.end()) {
+        return std::nullopt;
+    }
+    const Endpoint to = at->second.request.to;
+    End(at, {});
+    return to;
+}
+
+void RequestClient::Tick(TimePoint now) {
+    // Sending may find the port refused and end exchanges at once, so none is held across it.
+    std::vector<ConversationId> open;
+    for (const auto& [conversation, exchange] : mExchanges) {
+        open.push_back(conversation);
+    }
+    for (const ConversationId conversation : open) {
+        const auto at = mExchanges.find(conversation);
+        Exchange& exchange = at->second;
+        if (now - exchange.heard >= SILENCE || now - exchange.start >= LONGEST) {
+            End(at, {});
+            continue;
+        }
+        if (now >= exchange.nextCopy) {
+            SendCopy(conversation, exchange, now);
+        }
+        if (now >= exchange.nextPing) {
+            SendPing(conversation, exchange, now);
+        }
+    }
+}
+
+TimePoint RequestClient::NextDeadline() const {
+    TimePoint next = TimePoint::max();
+    for (const auto& [conversation, exchange] : mExchanges) {
+        next = std::min(
+            {next, exchange.nextCopy, exchange.nextPing, exchange.heard + SILENCE, exchange.start + LONGEST});
+    }
+    return next;
+}
+
+void RequestClient::Close() {
+    while (!mExchanges.empty()) {
+        End(mExchanges.begin(), {});
+    }
+}
+
+void RequestClient::BeginMessage(ConversationId conversation, Exchange& exchange, TimePoint now) {
+    exchange.sequence = ++mSequence;
+    exchange.message = Compose(exchange);
+    exchange.copies = 0;
+    SendCopy(conversation, exchange, now);
+}
+
+CoapMessage RequestClient::Compose(const Exchange& exchange) {
+    CoapMessage message;
+    message.type = MessageType::Confirmable;
+    message.code = exchange.request.method;
+    message.messageId = mLabels.NextMessageId();
+    message.token = mLabels.NextToken();
+    AddKey(message, exchange.request.key);
+    if (exchange.blocks.size() > 1) {
+        const bool more = exchange.block + 1 < exchange.blocks.size();
+        const Block block{static_cast<std::uint32_t>(exchange.block), more, BLOCK_EXPONENT};
+        message.Add(option::BLOCK1, EncodeBlock(block));
+    }
+    Requester requester;
+    requester.identity = mSelf.identity;
+    requester.port = mSelf.port;
+    requester.sequence = exchange.sequence;
+    requester.oldestOpen = OldestOpen();
+    requester.firstOfBody = exchange.firstOfBody;
+    message.Add(option::REQUESTER, EncodeRequester(requester));
+    message.payload = exchange.blocks.empty() ? std::string() : exchange.blocks[exchange.block];
+    return message;
+}
+
+void RequestClient::SendCopy(ConversationId conversation, Exchange& exchange, TimePoint now) {
+    exchange.nextCopy = now + PAUSES[std::min<std::size_t>(exchange.copies, PAUSES.size() - 1)];
+    ++exchange.copies;
+    mNetwork.Transmit(conversation, exchange.request.to, exchange.message);
+}
+
+void RequestClient::SendPing(ConversationId conversation, Exchange& exchange, TimePoint now) {
+    exchange.nextPing = now + PING_INTERVAL;
+    CoapMessage ping = MakePing();
+    ping.token = exchange.pingToken;
+    ping.messageId = mLabels.NextMessageId();
+    mNetwork.Transmit(conversation, exchange.request.to, ping);
+}
+
+std::uint32_t RequestClient::OldestOpen() const {
+    std::uint32_t oldest = mSequence;
+    for (const auto& [conversation, exchange] : mExchanges) {
+        // Sequence numbers wrap; their distance does not.
+        if (static_cast<std::int32_t>(exchange.sequence - oldest) < 0) {
+            oldest = exchange.sequence;
+        }
+    }
+    return oldest;
+}
+
+RequestClient::Exchanges::iterator RequestClient::End(Exchanges::iterator exchange, Outcome outcome) {
+    mNetwork.Hang(exchange->first);
+    const std::uint64_t ticket = exchange->second.request.ticket;
+    const auto next = mExchanges.erase(exchange);
+    mApplication.RequestEnded(ticket, std::move(outcome));
+    return next;
+}
+
+}  // namespace lumora_link

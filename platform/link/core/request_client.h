@@ -1,0 +1,79 @@
+// The requests of this node to others, from the first datagram to the one outcome.
+//
+// A message is repeated with the same id until it is answered; the other end runs it once. While
+// the handler there takes its time, pings tell whether the node is still alive.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/link/core/self.h"
+#include "platform/link/core/surroundings.h"
+#include "platform/link/wire/messages.h"
+
+namespace lumora_link {
+
+struct OutgoingRequest {
+    std::uint64_t ticket = 0;
+    Endpoint to;
+    std::uint8_t method = code::EMPTY;
+    std::string key;
+    std::string value;
+};
+
+class RequestClient {
+public:
+    // Nothing heard of the peer for that long: it is absent.
+    static constexpr Milliseconds SILENCE{6500};
+    // No handler is waited for longer.
+    static constexpr Milliseconds LONGEST{60000};
+
+    RequestClient(const Self& self, Labels& labels, Network& network, Application& application);
+
+    void Start(OutgoingRequest request, TimePoint now);
+    // False where the conversation is not one of ours.
+    bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
+    void OnReached(ConversationId conversation, TimePoint now);
+    // Whom the request was for; nothing where the conversation is not one of ours.
+    std::optional<Endpoint> OnRefused(ConversationId conversation);
+    void Tick(TimePoint now);
+    TimePoint NextDeadline() const;
+    // Ends every request without an answer.
+    void Close();
+
+private:
+    struct Exchange {
+        OutgoingRequest request;
+        std::vector<std::string> blocks;
+        std::size_t block = 0;
+        CoapMessage message;  // of the current block
+        std::uint32_t sequence = 0;
+        std::uint32_t firstOfBody = 0;
+        TimePoint start;
+        TimePoint heard;
+        unsigned copies = 0;
+        TimePoint nextCopy;
+        std::string pingToken;
+        TimePoint nextPing;
+    };
+    using Exchanges = std::map<ConversationId, Exchange>;
+
+    void BeginMessage(ConversationId conversation, Exchange& exchange, TimePoint now);
+    CoapMessage Compose(const Exchange& exchange);
+    void SendCopy(ConversationId conversation, Exchange& exchange, TimePoint now);
+    void SendPing(ConversationId conversation, Exchange& exchange, TimePoint now);
+    std::uint32_t OldestOpen() const;
+    Exchanges::iterator End(Exchanges::iterator exchange, Outcome outcome);
+
+    const Self& mSelf;
+    Labels& mLabels;
+    Network& mNetwork;
+    Application& mApplication;
+    Exchanges mExchanges;
+    std::uint32_t mSequence = 0;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,70 @@
+// The requests of others to this node: each reaches the handlers once, and is answered.
+//
+// A quick handler's answer rides on the acknowledgement. When it takes longer, the request is
+// acknowledged first and answered separately (RFC 7252, section 5.2.2).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "platform/link/core/peer_directory.h"
+#include "platform/link/core/request_table.h"
+#include "platform/link/core/self.h"
+#include "platform/link/core/surroundings.h"
+
+namespace lumora_link {
+
+class RequestServer {
+public:
+    // Shorter than the requester's first pause, so a slow handler causes no second datagram.
+    static constexpr Milliseconds ACKNOWLEDGE_AFTER{150};
+
+    RequestServer(const PeerDirectory& directory, Network& network, Application& application);
+
+    void OnRequest(const CoapMessage& request, const Endpoint& source, ReplyPath path, TimePoint now);
+    void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
+    // From here on every new request is refused.
+    void Refuse() { mClosed = true; }
+    // Answers what the handlers have not got to.
+    void Close(TimePoint now);
+
+    void Tick(TimePoint now);
+    TimePoint NextDeadline() const;
+
+private:
+    struct Open {
+        RequestKey key;
+        CoapMessage request;  // without its payload
+        ReplyPath path = 0;
+        bool acknowledged = false;
+        TimePoint acknowledgeAt;
+    };
+    struct Body {
+        std::string text;
+        std::uint32_t blocks = 0;
+        TimePoint since;
+    };
+    using BodyKey = std::tuple<std::uint64_t, std::uint32_t, std::uint32_t>;
+
+    void Run(const RequestKey& key, const CoapMessage& request, const std::optional<Requester>& requester,
+             const Endpoint& source, ReplyPath path, TimePoint now);
+    std::uint8_t Assemble(const CoapMessage& request, const std::optional<Requester>& requester,
+                          std::string& value, TimePoint now);
+    void Repeat(const RequestKey& key, const CoapMessage& request, ReplyPath path);
+    void Acknowledge(Open& open);
+    void Reply(ReplyPath path, const CoapMessage& request, bool separate, const Outcome& outcome);
+    Endpoint EndpointOf(const std::optional<Requester>& requester, const Endpoint& source) const;
+
+    const PeerDirectory& mDirectory;
+    Network& mNetwork;
+    Application& mApplication;
+    RequestTable mTable;
+    std::uint64_t mLastTicket = 0;
+    std::map<std::uint64_t, Open> mOpen;  // by ticket
+    std::map<BodyKey, Body> mBodies;
+    bool mClosed = false;
+};
+
+}  // namespace lumora_link

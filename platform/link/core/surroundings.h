@@ -1,0 +1,75 @@
+// What a node's protocol logic needs from outside. The real network and the application's threads
+// stand behind these; tests put a network of their own there, and a clock.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/link/wire/coap_message.h"
+#include "platform/link/wire/types.h"
+
+namespace lumora_link {
+
+// One conversation with one peer: its datagrams leave from one socket, which hears the answers.
+using ConversationId = std::uint64_t;
+// The way back to the sender of one request.
+using ReplyPath = std::uint64_t;
+
+class Network {
+public:
+    virtual ~Network() = default;
+
+    // From the interface's own socket, to the group or to one node.
+    virtual void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) = 0;
+
+    // Opens the conversation when it is new. Never repeats by itself.
+    virtual void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) = 0;
+    virtual void Hang(ConversationId conversation) = 0;
+    // The node that was there has been removed: what was kept of it is of no use to another.
+    virtual void OnPeerGone(const Endpoint& endpoint) = 0;
+
+    // Confirmable replies are repeated until they are acknowledged.
+    virtual void Reply(ReplyPath path, const CoapMessage& message) = 0;
+    virtual void Forget(ReplyPath path) = 0;
+};
+
+struct Outcome {
+    std::uint8_t code = code::EMPTY;  // empty where no answer came
+    std::string payload;
+};
+
+// A request for the application's handlers.
+struct HandlerCall {
+    std::uint64_t ticket = 0;
+    std::uint8_t method = code::EMPTY;
+    Endpoint requester;
+    std::string key;
+    std::string value;
+};
+
+struct DeviceEvent {
+    bool added = false;
+    unsigned number = 0;  // the same for every event of one appearance
+    NodeDescription node;
+};
+
+class Application {
+public:
+    virtual ~Application() = default;
+
+    // Each is called on the I/O thread and only queues. False where the queue is full.
+    virtual bool Handle(HandlerCall call) = 0;
+    virtual void Notify(DeviceEvent event) = 0;
+    virtual void RequestEnded(std::uint64_t ticket, Outcome outcome) = 0;
+    virtual void SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) = 0;
+};
+
+// Numbers that must differ from those of other nodes and earlier starts.
+class RandomSource {
+public:
+    virtual ~RandomSource() = default;
+    virtual std::uint64_t Next() = 0;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,50 @@
+#include "platform/link/io/close_on_exec.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstdlib>
+#include <string>
+
+#include "platform/link/io/unique_fd.h"
+
+namespace lumora_link {
+
+namespace {
+
+std::string ReadWhole(const std::string& path) {
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    std::array<char, 4096> part;
+    for (ssize_t bytes = 1; file && bytes > 0;) {
+        bytes = read(file.Get(), part.data(), part.size());
+        text.append(part.data(), bytes > 0 ? static_cast<std::size_t>(bytes) : 0);
+    }
+    return text;
+}
+
+}  // namespace
+
+void CloseOnExec(int epoll) {
+    fcntl(epoll, F_SETFD, FD_CLOEXEC);
+    // A line for each: "tfd:       14 events: ...".
+    static const std::string WATCHED = "tfd:";
+    const std::string info = ReadWhole("/proc/self/fdinfo/" + std::to_string(epoll));
+    for (std::size_t at = info.find(WATCHED); at != std::string::npos; at = info.find(WATCHED, at + 1)) {
+        fcntl(static_cast<int>(std::strtol(info.c_str() + at + WATCHED.size(), nullptr, 10)), F_SETFD,
+              FD_CLOEXEC);
+    }
+}
+
+int NextDescriptor(int any) { return UniqueFd(fcntl(any, F_DUPFD_CLOEXEC, 0)).Get(); }
+
+bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
+    sockaddr_in peer = {};
+    socklen_t size = sizeof peer;
+    const bool known = getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
+    return known && Endpoint{peer.sin_addr.s_addr, ntohs(peer.sin_port)} == to &&
+           fcntl(socket, F_SETFD, FD_CLOEXEC) == 0;
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,452 @@
+#include "platform/link/io/coap_port.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "platform/link/io/close_on_exec.h"
+#include "platform/link/io/contain.h"
+#include "platform/link/io/log.h"
+#include "platform/link/wire/messages.h"
+
+namespace lumora_link {
+
+namespace {
+
+// What libcoap reads of one datagram at most; by default it takes less.
+constexpr unsigned MAX_DATAGRAM = 1472;
+// Sessions of requesters that have been served; libcoap frees the oldest beyond this.
+constexpr unsigned MAX_IDLE_SESSIONS = 128;
+// Others may begin several handshakes at once where datagrams get lost; libcoap takes less by default.
+constexpr unsigned MAX_HANDSHAKES = 256;
+constexpr unsigned SESSION_SECONDS = 30;
+// Our own code repeats; libcoap's first repetition lies beyond the end of every session.
+constexpr coap_fixed_point_t NEVER_REPEAT = {600, 0};
+constexpr std::uint16_t UNLIMITED = 1000;
+
+void Log(coap_log_t, const char* message) {
+    const int error = errno;
+    LINK_LOG(2, "libcoap: %s", message);
+    errno = error;
+}
+
+void StartLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        coap_startup();
+        coap_set_log_handler(Log);
+        coap_set_log_level(LOG_EMERG);
+    });
+}
+
+coap_address_t AddressOf(const Endpoint& endpoint) {
+    coap_address_t address;
+    coap_address_init(&address);
+    address.size = sizeof address.addr.sin;
+    address.addr.sin.sin_family = AF_INET;
+    address.addr.sin.sin_addr.s_addr = endpoint.host;
+    address.addr.sin.sin_port = htons(endpoint.port);
+    return address;
+}
+
+Endpoint EndpointOf(const coap_address_t* address) {
+    return {address->addr.sin.sin_addr.s_addr, ntohs(address->addr.sin.sin_port)};
+}
+
+CoapMessage MessageOf(const coap_pdu_t* pdu) {
+    CoapMessage message;
+    message.type = static_cast<MessageType>(coap_pdu_get_type(pdu));
+    message.code = static_cast<std::uint8_t>(coap_pdu_get_code(pdu));
+    message.messageId = static_cast<std::uint16_t>(coap_pdu_get_mid(pdu));
+    const coap_bin_const_t token = coap_pdu_get_token(pdu);
+    message.token.assign(reinterpret_cast<const char*>(token.s), token.length);
+
+    coap_opt_iterator_t iterator;
+    coap_option_iterator_init(pdu, &iterator, COAP_OPT_ALL);
+    while (const coap_opt_t* at = coap_option_next(&iterator)) {
+        const char* value = reinterpret_cast<const char*>(coap_opt_value(at));
+        message.Add(iterator.number, std::string(value, coap_opt_length(at)));
+    }
+    std::size_t length = 0;
+    const std::uint8_t* data = nullptr;
+    if (coap_get_data(pdu, &length, &data) != 0) {
+        message.payload.assign(reinterpret_cast<const char*>(data), length);
+    }
+    return message;
+}
+
+// libcoap reads the beginning of a longer datagram and hands it on as if it were the whole.
+bool MayBeCut(const CoapMessage& message) { return SerializeMessage(message).size() >= MAX_DATAGRAM; }
+
+const std::uint8_t* BytesOf(const std::string& text) {
+    return reinterpret_cast<const std::uint8_t*>(text.data());
+}
+
+// The options must stand in ascending order. Null where memory is short or the message too long.
+coap_pdu_t* PduOf(const CoapMessage& message, std::uint16_t messageId) {
+    coap_pdu_t* pdu = coap_pdu_init(static_cast<coap_pdu_type_t>(message.type),
+                                    static_cast<coap_pdu_code_t>(message.code), messageId, MAX_DATAGRAM);
+    bool whole = pdu != nullptr && (message.token.empty() ||
+                                    coap_add_token(pdu, message.token.size(), BytesOf(message.token)) != 0);
+    for (const CoapOption& option : message.options) {
+        whole = whole && coap_add_option(pdu, option.number, option.value.size(), BytesOf(option.value)) != 0;
+    }
+    whole = whole && (message.payload.empty() ||
+                      coap_add_data(pdu, message.payload.size(), BytesOf(message.payload)) != 0);
+    if (!whole) {
+        coap_delete_pdu(pdu);
+        return nullptr;
+    }
+    return pdu;
+}
+
+coap_bin_const_t BinaryOf(const std::string& text) { return {text.size(), BytesOf(text)}; }
+
+bool IsPath(coap_resource_t* resource, std::string_view path) {
+    const coap_str_const_t* own = coap_resource_get_uri_path(resource);
+    return path == std::string_view(reinterpret_cast<const char*>(own->s), own->length);
+}
+
+}  // namespace
+
+CoapPort::CoapPort(Listener listener) : mListener(std::move(listener)) {}
+
+CoapPort::~CoapPort() {
+    while (!mChannels.empty()) {
+        CloseChannel(mChannels.begin()->first);
+    }
+    ReleaseEnded();
+    for (const auto& [path, session] : mPaths) {
+        coap_session_release(session);
+    }
+}
+
+bool CoapPort::CanSecure() {
+    StartLibrary();
+    return coap_dtls_is_supported() != 0;
+}
+
+bool CoapPort::Open(std::optional<Psk> psk) {
+    StartLibrary();
+    mPsk = std::move(psk);
+    mContext.reset(coap_new_context(nullptr));
+    if (mContext == nullptr) {
+        return false;
+    }
+    coap_set_app_data(mContext.get(), this);
+    coap_context_set_max_idle_sessions(mContext.get(), MAX_IDLE_SESSIONS);
+    coap_context_set_max_handshake_sessions(mContext.get(), MAX_HANDSHAKES);
+    coap_context_set_session_timeout(mContext.get(), SESSION_SECONDS);
+    coap_register_response_handler(mContext.get(), OnResponse);
+    coap_register_nack_handler(mContext.get(), OnNack);
+    for (const char* path : {RESOURCE_PATH, HELLO_PATH, GOODBYE_PATH, WELL_KNOWN_PATH}) {
+        if (!AddResource(path)) {
+            return false;
+        }
+    }
+    return Descriptor() >= 0 && (!mPsk || ServeSecurely());
+}
+
+bool CoapPort::ServeSecurely() {
+    mKey = BinaryOf(mPsk->key);
+    coap_register_event_handler(mContext.get(), OnEvent);
+    coap_dtls_spsk_t setup = {};
+    setup.version = COAP_DTLS_SPSK_SETUP_VERSION;
+    setup.validate_id_call_back = KeyOf;
+    setup.id_call_back_arg = this;
+    setup.psk_info.key = mKey;
+    return coap_context_set_psk2(mContext.get(), &setup) != 0;
+}
+
+const coap_bin_const_t* CoapPort::KeyOf(coap_bin_const_t* identity, coap_session_t*, void* port) {
+    const auto* own = static_cast<CoapPort*>(port);
+    const std::string_view name(reinterpret_cast<const char*>(identity->s), identity->length);
+    return name == own->mPsk->identity ? &own->mKey : nullptr;
+}
+
+bool CoapPort::AddResource(const char* path) {
+    // libcoap makes a copy of the path otherwise, and goes on without one when memory is short.
+    coap_str_const_t* name =
+        coap_new_str_const(reinterpret_cast<const std::uint8_t*>(path), std::strlen(path));
+    if (name == nullptr) {
+        return false;
+    }
+    coap_resource_t* resource = coap_resource_init(name, COAP_RESOURCE_FLAGS_RELEASE_URI);
+    if (resource == nullptr) {
+        coap_delete_str_const(name);
+        return false;
+    }
+    for (const coap_request_t method :
+         {COAP_REQUEST_GET, COAP_REQUEST_PUT, COAP_REQUEST_POST, COAP_REQUEST_DELETE}) {
+        coap_register_handler(resource, method, OnRequestOf);
+    }
+    coap_add_resource(mContext.get(), resource);
+    return true;
+}
+
+int CoapPort::Descriptor() const { return coap_context_get_coap_fd(mContext.get()); }
+
+bool CoapPort::Listen(const Endpoint& endpoint) {
+    if (mEndpoints.count(endpoint) != 0) {
+        return true;
+    }
+    const bool listens =
+        ListenBy(COAP_PROTO_UDP, endpoint) && (!mPsk || ListenBy(COAP_PROTO_DTLS, SecuredPortOf(endpoint)));
+    if (listens) {
+        mEndpoints.insert(endpoint);
+    }
+    return listens;
+}
+
+bool CoapPort::ListenBy(coap_proto_t protocol, const Endpoint& endpoint) {
+    const coap_address_t address = AddressOf(endpoint);
+    coap_endpoint_t* made = coap_new_endpoint(mContext.get(), &address, protocol);
+    if (made == nullptr) {
+        LINK_LOG_LIMITED(LEVEL_WARNING, "cannot listen on %s\n", EndpointText(endpoint).c_str());
+        return false;
+    }
+    CloseOnExec(Descriptor());
+    coap_endpoint_set_default_mtu(made, MAX_DATAGRAM);
+    return true;
+}
+
+void CoapPort::Process() { coap_io_process(mContext.get(), COAP_IO_NO_WAIT); }
+
+void CoapPort::Settle() {
+    std::vector<ChannelId> connected;
+    connected.swap(mConnected);
+    for (const ChannelId channel : connected) {
+        mSessions.OnConnected(channel, Clock::now());
+    }
+    mSessions.Tick(Clock::now());
+    std::vector<ConversationId> refused;
+    refused.swap(mRefused);
+    for (const ConversationId conversation : refused) {
+        mListener.onRefused(conversation);
+    }
+    ReleaseEnded();
+}
+
+void CoapPort::ReleaseEnded() {
+    for (const auto& channel : mEnded) {
+        // Without this, what waits for its acknowledgement would keep the session and its socket.
+        coap_session_disconnected(channel->session, COAP_NACK_NOT_DELIVERABLE);
+        coap_session_release(channel->session);
+    }
+    mEnded.clear();
+}
+
+void CoapPort::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
+    if (mPsk) {
+        mSessions.Transmit(conversation, to, message, Clock::now());
+        return;
+    }
+    // Without a descriptor for it the message is lost: that says nothing about the peer.
+    const bool open = mChannels.count(conversation) != 0 || OpenChannel(conversation, to);
+    if (open && !Send(conversation, message)) {
+        OnRefused(conversation);
+    }
+}
+
+void CoapPort::Hang(ConversationId conversation) {
+    if (mPsk) {
+        mSessions.Hang(conversation);
+    } else {
+        CloseChannel(conversation);
+    }
+}
+
+void CoapPort::OnPeerGone(const Endpoint& endpoint) { mSessions.OnPeerGone(endpoint, Clock::now()); }
+
+bool CoapPort::Open(SecuredSessions::SessionId session, const Endpoint& to) {
+    return OpenChannel(session, to);
+}
+
+void CoapPort::Probe(SecuredSessions::SessionId session) {
+    const auto channel = mChannels.find(session);
+    if (channel == mChannels.end()) {
+        return;
+    }
+    CoapMessage ping = MakePing();
+    ping.token = "probe";  // of a length that no conversation's tokens have
+    ping.messageId = coap_new_message_id(channel->second->session);
+    Write(session, ping);
+}
+
+void CoapPort::Write(SecuredSessions::SessionId session, const CoapMessage& message) {
+    if (mChannels.count(session) != 0 && !Send(session, message)) {
+        mSessions.OnFailed(session, true);
+    }
+}
+
+bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
+    auto made = std::make_unique<Channel>();
+    made->id = channel;
+    const int descriptor = NextDescriptor(Descriptor());
+    made->session = NewSession(to);
+    if (made->session == nullptr) {
+        return false;
+    }
+    if (!CloseOnExecIfConnected(descriptor, mPsk ? SecuredPortOf(to) : to)) {
+        CloseOnExec(Descriptor());
+    }
+    coap_session_set_app_data(made->session, made.get());
+    coap_session_set_mtu(made->session, MAX_DATAGRAM);
+    coap_session_set_ack_timeout(made->session, NEVER_REPEAT);
+    coap_session_set_nstart(made->session, UNLIMITED);
+    mChannels.emplace(channel, std::move(made));
+    return true;
+}
+
+// Where memory is short the message is lost like any other.
+bool CoapPort::Send(ChannelId channel, const CoapMessage& message) {
+    coap_pdu_t* pdu = PduOf(message, message.messageId);
+    errno = 0;
+    return pdu == nullptr || coap_send(mChannels.at(channel)->session, pdu) != COAP_INVALID_MID ||
+           errno != ECONNREFUSED;
+}
+
+void CoapPort::CloseChannel(ChannelId channel) {
+    const auto known = mChannels.find(channel);
+    if (known == mChannels.end()) {
+        return;
+    }
+    // libcoap may hold events of this session that it has not looked at yet; Settle closes it.
+    coap_session_set_app_data(known->second->session, nullptr);
+    mEnded.push_back(std::move(known->second));
+    mChannels.erase(known);
+}
+
+// No local address: libcoap would bind with SO_REUSEADDR, and then the kernel may give the port of
+// another node's endpoint to this socket.
+coap_session_t* CoapPort::NewSession(const Endpoint& to) {
+    if (!mPsk) {
+        const coap_address_t address = AddressOf(to);
+        return coap_new_client_session(mContext.get(), nullptr, &address, COAP_PROTO_UDP);
+    }
+    const coap_address_t address = AddressOf(SecuredPortOf(to));
+    coap_dtls_cpsk_t setup = {};
+    setup.version = COAP_DTLS_CPSK_SETUP_VERSION;
+    setup.psk_info.identity = BinaryOf(mPsk->identity);
+    setup.psk_info.key = mKey;
+    return coap_new_client_session_psk2(mContext.get(), nullptr, &address, COAP_PROTO_DTLS, &setup);
+}
+
+void CoapPort::Reply(ReplyPath path, const CoapMessage& message) {
+    const auto at = mPaths.find(path);
+    if (at == mPaths.end()) {
+        return;
+    }
+    coap_session_t* session = at->second;
+    const bool own = message.type == MessageType::Acknowledgement;
+    const std::uint16_t messageId = own ? message.messageId : coap_new_message_id(session);
+    if (coap_pdu_t* pdu = PduOf(message, messageId)) {
+        coap_session_set_ack_timeout(session, {1, 0});
+        coap_session_set_nstart(session, UNLIMITED);
+        coap_send(session, pdu);
+    }
+}
+
+void CoapPort::Forget(ReplyPath path) {
+    const auto at = mPaths.find(path);
+    if (at != mPaths.end()) {
+        coap_session_release(at->second);
+        mPaths.erase(at);
+    }
+}
+
+void CoapPort::SetLogLevel(int level) {
+    static const coap_log_t LEVELS[] = {LOG_EMERG, LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG};
+    const int last = static_cast<int>(sizeof LEVELS / sizeof LEVELS[0]) - 1;
+    StartLibrary();
+    coap_set_log_level(LEVELS[std::clamp(level, 0, last)]);
+}
+
+void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, const coap_pdu_t* request,
+                           const coap_string_t*, coap_pdu_t* response) {
+    auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+    if (port->mPsk && coap_session_get_proto(session) != COAP_PROTO_DTLS && IsPath(resource, RESOURCE_PATH)) {
+        coap_pdu_set_code(response, COAP_RESPONSE_CODE_UNAUTHORIZED);
+        return;
+    }
+    const coap_pdu_type_t answerType = coap_pdu_get_type(response);
+    // An empty response that is not confirmable is not sent: the real one follows by Reply.
+    coap_pdu_set_type(response, COAP_MESSAGE_NON);
+    Contain([&] {
+        const CoapMessage message = MessageOf(request);
+        if (MayBeCut(message)) {
+            coap_pdu_set_type(response, answerType);
+            coap_pdu_set_code(response, COAP_RESPONSE_CODE_REQUEST_TOO_LARGE);
+            return;
+        }
+        const ReplyPath path = ++port->mLastPath;
+        // In this order: what memory is short for must not keep the session, which libcoap does not forgive.
+        port->mPaths.emplace(path, session);
+        coap_session_reference(session);
+        port->mListener.onRequest(message, EndpointOf(coap_session_get_addr_remote(session)),
+                                  EndpointOf(coap_session_get_addr_local(session)).host, path);
+    });
+}
+
+CoapPort::ChannelId CoapPort::ChannelOf(const coap_session_t* session) {
+    const auto* channel = static_cast<const Channel*>(coap_session_get_app_data(session));
+    return channel == nullptr ? 0 : channel->id;
+}
+
+coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*, const coap_pdu_t* received,
+                                     coap_mid_t) {
+    Contain([&] {
+        auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+        const ChannelId channel = ChannelOf(session);
+        if (channel == 0) {
+            return;
+        }
+        const CoapMessage answer = MessageOf(received);
+        if (MayBeCut(answer)) {
+            return;
+        }
+        const auto conversation = port->mPsk ? port->mSessions.OnAnswer(channel, answer.token, Clock::now())
+                                             : std::make_optional(channel);
+        if (conversation) {
+            port->mListener.onAnswer(*conversation, answer);
+        }
+    });
+    return COAP_RESPONSE_OK;
+}
+
+void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reason_t reason, coap_mid_t) {
+    const ChannelId channel = ChannelOf(session);
+    const bool refused = reason == COAP_NACK_ICMP_ISSUE || reason == COAP_NACK_RST;
+    if (!refused || channel == 0) {
+        return;
+    }
+    // Told later: libcoap is walking through the very messages that the listener may end.
+    Contain([&] {
+        auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+        if (port->mPsk) {
+            port->mSessions.OnFailed(channel, reason == COAP_NACK_ICMP_ISSUE);
+        } else {
+            port->OnRefused(channel);
+        }
+    });
+}
+
+// Every end of a session is told here first, whatever the reason.
+int CoapPort::OnEvent(coap_session_t* session, coap_event_t event) {
+    const ChannelId channel = ChannelOf(session);
+    if (channel == 0) {
+        return 0;
+    }
+    auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+    Contain([&] {
+        if (event == COAP_EVENT_DTLS_CONNECTED) {
+            port->mConnected.push_back(channel);
+        } else if (event == COAP_EVENT_DTLS_ERROR || event == COAP_EVENT_DTLS_CLOSED) {
+            port->mSessions.OnFailed(channel, false);
+        }
+    });
+    return 0;
+}
+
+}  // namespace lumora_link

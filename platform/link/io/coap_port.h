@@ -1,0 +1,116 @@
+// libcoap as the carrier of unicast messages: the node's own endpoints, where requests arrive, and
+// one socket per conversation that this node began, or with a key one per session.
+//
+// libcoap brings the codec, the sessions and the acknowledgements. Repeating is left to our own
+// code, because libcoap repeats after a second at the earliest and forgets what it has answered.
+// A context of libcoap belongs to one thread; so does this.
+#pragma once
+
+#include <coap3/coap.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "platform/link/core/secured_sessions.h"
+#include "platform/link/core/surroundings.h"
+#include "platform/link/io/psk.h"
+#include "platform/link/wire/types.h"
+
+namespace lumora_link {
+
+class CoapPort : private SecuredSessions::Carrier {
+public:
+    struct Listener {
+        std::function<void(const CoapMessage&, const Endpoint& source, in_addr_t localHost, ReplyPath path)>
+            onRequest;
+        std::function<void(ConversationId, const CoapMessage&)> onAnswer;
+        std::function<void(ConversationId)> onRefused;
+        // What was kept back until a session was there has been sent.
+        std::function<void(ConversationId)> onReached;
+    };
+
+    explicit CoapPort(Listener listener);
+    ~CoapPort() override;
+    CoapPort(const CoapPort&) = delete;
+    CoapPort& operator=(const CoapPort&) = delete;
+
+    // Whether the libcoap that this was built with has DTLS.
+    static bool CanSecure();
+    // With a key every conversation is by DTLS, and the resource is served to nobody else.
+    bool Open(std::optional<Psk> psk);
+    int Descriptor() const;
+    // Serves that address too; one that is served already stays as it is.
+    bool Listen(const Endpoint& endpoint);
+    // Reads what has come. To be called when the descriptor is readable.
+    void Process();
+    // Lets go of what ended, outside of libcoap's own calls. To be called after every turn.
+    void Settle();
+    // When Settle is due at the latest.
+    TimePoint NextDeadline() const { return mSessions.NextDeadline(); }
+
+    void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message);
+    void Hang(ConversationId conversation);
+    void OnPeerGone(const Endpoint& endpoint);
+    void Reply(ReplyPath path, const CoapMessage& message);
+    void Forget(ReplyPath path);
+
+    // libcoap has one level for the whole process.
+    static void SetLogLevel(int level);
+
+private:
+    struct ContextCloser {
+        void operator()(coap_context_t* context) const { coap_free_context(context); }
+    };
+    // A socket of ours: a conversation's, or with a key a session's.
+    using ChannelId = std::uint64_t;
+    struct Channel {
+        ChannelId id = 0;
+        coap_session_t* session = nullptr;
+    };
+
+    static void OnRequestOf(coap_resource_t* resource, coap_session_t* session, const coap_pdu_t* request,
+                            const coap_string_t*, coap_pdu_t* response);
+    static coap_response_t OnResponse(coap_session_t* session, const coap_pdu_t*, const coap_pdu_t* received,
+                                      coap_mid_t);
+    static void OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reason_t reason, coap_mid_t);
+
+    static int OnEvent(coap_session_t* session, coap_event_t event);
+    static const coap_bin_const_t* KeyOf(coap_bin_const_t* identity, coap_session_t*, void* port);
+
+    bool ServeSecurely();
+    bool ListenBy(coap_proto_t protocol, const Endpoint& endpoint);
+    bool Open(SecuredSessions::SessionId session, const Endpoint& to) override;
+    void Probe(SecuredSessions::SessionId session) override;
+    void Write(SecuredSessions::SessionId session, const CoapMessage& message) override;
+    void Close(SecuredSessions::SessionId session) override { CloseChannel(session); }
+    void OnReached(ConversationId conversation) override { mListener.onReached(conversation); }
+    void OnRefused(ConversationId conversation) override { mRefused.push_back(conversation); }
+
+    static ChannelId ChannelOf(const coap_session_t* session);
+    bool AddResource(const char* path);
+    coap_session_t* NewSession(const Endpoint& to);
+    bool OpenChannel(ChannelId channel, const Endpoint& to);
+    // False where the port was refused.
+    bool Send(ChannelId channel, const CoapMessage& message);
+    void CloseChannel(ChannelId channel);
+    void ReleaseEnded();
+
+    const Listener mListener;
+    std::optional<Psk> mPsk;
+    coap_bin_const_t mKey = {};
+    std::unique_ptr<coap_context_t, ContextCloser> mContext;
+    std::set<Endpoint> mEndpoints;
+    std::map<ChannelId, std::unique_ptr<Channel>> mChannels;
+    std::vector<std::unique_ptr<Channel>> mEnded;
+    std::vector<ConversationId> mRefused;
+    std::vector<ChannelId> mConnected;  // libcoap sends by them when it has returned from telling so
+    SecuredSessions mSessions{*this};
+    std::map<ReplyPath, coap_session_t*> mPaths;
+    ReplyPath mLastPath = 0;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,85 @@
+#include "platform/link/io/config.h"
+
+#include <net/if.h>
+
+#include <charconv>
+
+#include "platform/link/io/log.h"
+
+namespace lumora_link {
+
+namespace {
+
+std::vector<std::string> SplitList(const char* text) {
+    std::vector<std::string> items;
+    std::string item;
+    for (const char* at = text; at != nullptr; ++at) {
+        const bool end = *at == '\0';
+        if (!end && *at != ',' && *at != ' ') {
+            item.push_back(*at);
+            continue;
+        }
+        if (!item.empty()) {
+            items.push_back(std::move(item));
+        }
+        item.clear();
+        if (end) {
+            break;
+        }
+    }
+    return items;
+}
+
+std::uint16_t ReadPort(const char* text) {
+    if (text == nullptr || *text == '\0') {
+        return 0;
+    }
+    const std::string value = text;
+    std::uint16_t port = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), port);
+    if (error != std::errc() || *end != '\0' || port == 0) {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PORT: \"%s\" is not a port from 1 to 65535, ignored\n", text);
+        return 0;
+    }
+    return port;
+}
+
+std::vector<std::string> ReadInterfaces(const char* text) {
+    std::vector<std::string> names = SplitList(text);
+    for (const std::string& name : names) {
+        // It stays in the list: leaving out the only name would mean every interface.
+        if (name.size() >= IF_NAMESIZE) {
+            LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_INTERFACE: \"%s\" is no name of an interface\n", name.c_str());
+        }
+    }
+    return names;
+}
+
+std::vector<Endpoint> ReadPeers(const char* text, std::uint16_t defaultPort) {
+    std::vector<Endpoint> peers;
+    for (const std::string& item : SplitList(text)) {
+        if (const auto peer = ParseEndpoint(item, defaultPort)) {
+            peers.push_back(*peer);
+        } else {
+            LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PEERS: \"%s\" is not address[:port], ignored\n", item.c_str());
+        }
+    }
+    return peers;
+}
+
+}  // namespace
+
+Config ReadConfig(const Environment& environment) {
+    Config config;
+    config.port = ReadPort(environment("LUMORA_LINK_PORT"));
+    config.interfaces = ReadInterfaces(environment("LUMORA_LINK_INTERFACE"));
+    // Nodes behind the same firewall commonly share one port setting.
+    const std::uint16_t peerPort = config.port != 0 ? config.port : MulticastGroup().port;
+    config.peers = ReadPeers(environment("LUMORA_LINK_PEERS"), peerPort);
+    if (const char* pskFile = environment("LUMORA_LINK_PSK_FILE")) {
+        config.pskFile = pskFile;
+    }
+    return config;
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,129 @@
+#include "platform/link/io/event_loop.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+
+#include "platform/link/io/contain.h"
+
+namespace lumora_link {
+
+namespace {
+
+// Seconds have 32 bits on some hosts. Who wakes early looks at the time and goes on waiting.
+constexpr Clock::duration LONGEST_WAIT = std::chrono::hours(24);
+
+void Drain(int fd) {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t bytes = read(fd, &count, sizeof count);
+}
+
+}  // namespace
+
+bool EventLoop::Open() {
+    mEpoll = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
+    mWake = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    mTimer = UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (!mEpoll || !mWake || !mTimer) {
+        return false;
+    }
+    Watch(mWake.Get(), [this] { Drain(mWake.Get()); });
+    Watch(mTimer.Get(), [this] {
+        Drain(mTimer.Get());
+        mArmed = TimePoint::max();
+    });
+    return true;
+}
+
+void EventLoop::Watch(int fd, Task onReadable) {
+    mWatched[fd] = std::move(onReadable);
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    epoll_ctl(mEpoll.Get(), EPOLL_CTL_ADD, fd, &event);
+}
+
+void EventLoop::Unwatch(int fd) {
+    mWatched.erase(fd);
+    epoll_ctl(mEpoll.Get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void EventLoop::WakeAt(TimePoint deadline) {
+    if (deadline == mArmed) {
+        return;
+    }
+    mArmed = deadline;
+    itimerspec spec = {};
+    if (deadline != TimePoint::max()) {
+        // Zero would disarm the timer; a moment in the past must still fire.
+        const auto left =
+            std::clamp<Clock::duration>(deadline - Clock::now(), std::chrono::microseconds(1), LONGEST_WAIT);
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+        spec.it_value.tv_sec = static_cast<std::time_t>(seconds.count());
+        spec.it_value.tv_nsec = static_cast<long>(std::chrono::nanoseconds(left - seconds).count());
+    }
+    timerfd_settime(mTimer.Get(), 0, &spec, nullptr);
+}
+
+void EventLoop::RunOnce() {
+    std::array<epoll_event, 16> events = {};
+    const int count = epoll_wait(mEpoll.Get(), events.data(), static_cast<int>(events.size()), -1);
+    RunPosted();
+    for (int at = 0; at < count; ++at) {
+        // A task may have taken others off the list; a copy keeps the running one alive.
+        const auto watched = mWatched.find(events[static_cast<std::size_t>(at)].data.fd);
+        if (watched != mWatched.end()) {
+            const Task task = watched->second;
+            Contain(task);
+        }
+    }
+}
+
+bool EventLoop::Post(Task task) {
+    MutexLock lock(mMutex);
+    if (mShut) {
+        return false;
+    }
+    mPosted.push_back(std::move(task));
+    SignalWake();
+    return true;
+}
+
+void EventLoop::Wake() {
+    MutexLock lock(mMutex);
+    if (!mShut) {
+        SignalWake();
+    }
+}
+
+void EventLoop::SignalWake() {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t bytes = write(mWake.Get(), &one, sizeof one);
+}
+
+void EventLoop::Shut() {
+    std::vector<Task> dropped;
+    MutexLock lock(mMutex);
+    mShut = true;
+    dropped.swap(mPosted);
+    mEpoll = UniqueFd();
+    mWake = UniqueFd();
+    mTimer = UniqueFd();
+}
+
+void EventLoop::RunPosted() {
+    std::vector<Task> tasks;
+    {
+        MutexLock lock(mMutex);
+        tasks.swap(mPosted);
+    }
+    for (const Task& task : tasks) {
+        Contain(task);
+    }
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,50 @@
+// One thread's waiting: for descriptors, for a moment, and for work from other threads.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <vector>
+
+#include "platform/link/io/mutex.h"
+#include "platform/link/io/unique_fd.h"
+#include "platform/link/wire/types.h"
+
+namespace lumora_link {
+
+class EventLoop {
+public:
+    using Task = std::function<void()>;
+
+    // False where the system refused a descriptor.
+    bool Open();
+
+    // On the loop's own thread.
+    void Watch(int fd, Task onReadable);
+    void Unwatch(int fd);
+    void WakeAt(TimePoint deadline);
+    // Waits once and runs what is due: posted work first, then readable descriptors.
+    void RunOnce();
+
+    // From any thread. False once Shut was called; the task is then dropped.
+    bool Post(Task task);
+    // Ends the wait in progress, or the next one; needs no memory.
+    void Wake();
+    // Closes the descriptors too; the loop must not be running any more.
+    void Shut();
+
+private:
+    void RunPosted();
+    void SignalWake() LINK_REQUIRES(mMutex);
+
+    UniqueFd mEpoll;
+    UniqueFd mWake;
+    UniqueFd mTimer;
+    std::map<int, Task> mWatched;
+    TimePoint mArmed = TimePoint::max();
+
+    Mutex mMutex;
+    std::vector<Task> mPosted LINK_GUARDED_BY(mMutex);
+    bool mShut LINK_GUARDED_BY(mMutex) = false;
+};
+
+}  // namespace lumora_link

@@ -1,0 +1,217 @@
+#include "platform/link/io/group_sockets.h"
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "platform/link/io/log.h"
+
+namespace lumora_link {
+
+namespace {
+
+// Many nodes may answer one probe at the same moment.
+constexpr int RECEIVE_BUFFER = 1 << 20;
+// One burst must not keep the thread from everything else.
+constexpr int READS_PER_TURN = 64;
+
+sockaddr_in SocketAddressOf(const Endpoint& endpoint) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = endpoint.host;
+    address.sin_port = htons(endpoint.port);
+    return address;
+}
+
+template <typename Value>
+bool SetOption(const UniqueFd& socket, int level, int name, const Value& value) {
+    return setsockopt(socket.Get(), level, name, &value, sizeof value) == 0;
+}
+
+UniqueFd BoundSocket(const Endpoint& endpoint, bool shared) {
+    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const sockaddr_in address = SocketAddressOf(endpoint);
+    const bool ready = fd && (!shared || SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1)) &&
+                       bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    if (!ready) {
+        LINK_LOG_LIMITED(LEVEL_WARNING, "no socket on %s: %s\n", EndpointText(endpoint).c_str(),
+                         std::strerror(errno));
+        return UniqueFd();
+    }
+    SetOption(fd, SOL_SOCKET, SO_RCVBUF, RECEIVE_BUFFER);
+    return fd;
+}
+
+struct Datagram {
+    std::string bytes;
+    Endpoint source;
+    unsigned interface = 0;
+};
+
+unsigned InterfaceOf(msghdr& header) {
+    for (cmsghdr* at = CMSG_FIRSTHDR(&header); at != nullptr; at = CMSG_NXTHDR(&header, at)) {
+        if (at->cmsg_level == IPPROTO_IP && at->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info = {};
+            std::memcpy(&info, CMSG_DATA(at), sizeof info);
+            return static_cast<unsigned>(info.ipi_ifindex);
+        }
+    }
+    return 0;
+}
+
+std::optional<Datagram> Receive(int fd) {
+    std::array<char, 4096> buffer;
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in_pktinfo))> control = {};
+    sockaddr_in source = {};
+    iovec part = {buffer.data(), buffer.size()};
+    msghdr header = {};
+    header.msg_name = &source;
+    header.msg_namelen = sizeof source;
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = control.data();
+    header.msg_controllen = control.size();
+    const ssize_t bytes = recvmsg(fd, &header, 0);
+    if (bytes < 0) {
+        // A refusal of something sent earlier (ICMP) is reported here once; the socket lives on.
+        return errno == EAGAIN || errno == EBADF ? std::nullopt : std::make_optional<Datagram>();
+    }
+    Datagram datagram;
+    datagram.bytes.assign(buffer.data(), static_cast<std::size_t>(bytes));
+    datagram.source = {source.sin_addr.s_addr, ntohs(source.sin_port)};
+    datagram.interface = InterfaceOf(header);
+    return datagram;
+}
+
+}  // namespace
+
+GroupSockets::GroupSockets(EventLoop& loop, Listener listener)
+    : mLoop(loop), mListener(std::move(listener)) {}
+
+// Needs no memory.
+GroupSockets::~GroupSockets() {
+    while (!mMembers.empty()) {
+        Leave(mMembers.begin()->first);
+    }
+    if (mGroup) {
+        mLoop.Unwatch(mGroup.Get());
+    }
+}
+
+bool GroupSockets::Open() {
+    mGroup = BoundSocket(MulticastGroup(), true);
+    if (!mGroup || !SetOption(mGroup, IPPROTO_IP, IP_PKTINFO, 1)) {
+        return false;
+    }
+    // Otherwise what other programs joined on other interfaces would be heard here too.
+    SetOption(mGroup, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    mLoop.Watch(mGroup.Get(), [this] { ReadGroup(); });
+    return true;
+}
+
+void GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
+    std::map<unsigned, LocalInterface> wanted;
+    for (const LocalInterface& local : interfaces) {
+        wanted[local.index] = local;
+    }
+    std::vector<unsigned> leaving;
+    for (const auto& [index, member] : mMembers) {
+        const auto at = wanted.find(index);
+        if (at == wanted.end() || !(at->second == member.local)) {
+            leaving.push_back(index);
+        }
+    }
+    for (const unsigned index : leaving) {
+        Leave(index);
+    }
+    for (const auto& [index, local] : wanted) {
+        if (mMembers.count(index) == 0) {
+            Join(local);
+        }
+    }
+}
+
+void GroupSockets::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {
+    const auto member = mMembers.find(via.index);
+    if (member == mMembers.end()) {
+        return;
+    }
+    const std::string bytes = SerializeMessage(message);
+    const sockaddr_in address = SocketAddressOf(to);
+    const ssize_t sent = sendto(member->second.socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (sent < 0) {
+        LINK_LOG(LEVEL_DETAIL, "nothing sent to %s by %s: %s\n", EndpointText(to).c_str(), via.name.c_str(),
+                 std::strerror(errno));
+    }
+}
+
+void GroupSockets::Join(const LocalInterface& local) {
+    Member member;
+    member.local = local;
+    member.socket = BoundSocket({local.host, 0}, false);
+    ip_mreqn out = {};
+    out.imr_address.s_addr = local.host;
+    out.imr_ifindex = static_cast<int>(local.index);
+    // TTL 1 keeps what goes to the group on this network; unicast to configured peers is routed.
+    const bool ready = member.socket && SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_IF, out) &&
+                       SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_TTL, 1) &&
+                       SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1);
+    if (!ready) {
+        LINK_LOG_LIMITED(LEVEL_WARNING, "interface %s cannot be used\n", local.name.c_str());
+        return;
+    }
+    Membership(local, IP_ADD_MEMBERSHIP);
+    const int fd = member.socket.Get();
+    mLoop.Watch(fd, [this, fd] { ReadAnswers(fd); });
+    mMembers.emplace(local.index, std::move(member));
+    LINK_LOG(LEVEL_DETAIL, "uses %s (%s)\n", local.name.c_str(), HostText(local.host).c_str());
+}
+
+void GroupSockets::Leave(unsigned index) {
+    const auto member = mMembers.find(index);
+    mLoop.Unwatch(member->second.socket.Get());
+    Membership(member->second.local, IP_DROP_MEMBERSHIP);
+    mMembers.erase(member);
+}
+
+void GroupSockets::Membership(const LocalInterface& local, int option) {
+    ip_mreqn request = {};
+    request.imr_multiaddr.s_addr = MulticastGroup().host;
+    request.imr_address.s_addr = local.host;
+    request.imr_ifindex = static_cast<int>(local.index);
+    // Leaving fails where the interface has gone; the membership went with it.
+    if (!SetOption(mGroup, IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
+        LINK_LOG_LIMITED(LEVEL_WARNING, "cannot join the group on %s: %s\n", local.name.c_str(),
+                         std::strerror(errno));
+    }
+}
+
+void GroupSockets::ReadGroup() {
+    for (int reads = 0; reads < READS_PER_TURN; ++reads) {
+        const auto datagram = Receive(mGroup.Get());
+        if (!datagram) {
+            return;
+        }
+        if (const auto message = ParseMessage(datagram->bytes)) {
+            mListener.onGroupMessage(*message, datagram->source, datagram->interface);
+        }
+    }
+}
+
+void GroupSockets::ReadAnswers(int fd) {
+    for (int reads = 0; reads < READS_PER_TURN; ++reads) {
+        const auto datagram = Receive(fd);
+        if (!datagram) {
+            return;
+        }
+        if (const auto message = ParseMessage(datagram->bytes)) {
+            mListener.onAnswer(*message, datagram->source);
+        }
+    }
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,223 @@
+#include "platform/link/io/node_io.h"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <future>
+
+#include "platform/link/io/contain.h"
+#include "platform/link/io/interface_list.h"
+#include "platform/link/io/log.h"
+#include "platform/link/io/worker.h"
+
+namespace lumora_link {
+
+std::uint64_t RandomNumber() {
+    std::random_device device;
+    return static_cast<std::uint64_t>(device()) << 32 | device();
+}
+
+std::uint64_t NodeIo::SystemRandom::Seed() { return RandomNumber(); }
+
+NodeIo::NodeIo(Config config, NodeIdentity identity, std::optional<std::string> deviceType,
+               Application& application)
+    : mConfig(std::move(config)),
+      mCore(identity, mConfig.pskFile.has_value(), mConfig.peers, mRandom, *this, application) {
+    mCore.SetDeviceType(std::move(deviceType), Clock::now());
+}
+
+NodeIo::~NodeIo() { Stop(); }
+
+bool NodeIo::Start() {
+    std::promise<bool> opened;
+    std::future<bool> ready = opened.get_future();
+    mThread = StartQuietThread("lumora-link-io", [this, &opened] {
+        bool open = false;
+        try {
+            open = Open();
+        } catch (...) {
+            LINK_LOG(LEVEL_ERROR, "no memory to start a node\n");
+        }
+        opened.set_value(open);
+        if (open) {
+            Run();
+        }
+        // All of them now: proxies may keep this object, and the port must refuse.
+        mCoap.reset();
+        mGroup.reset();
+        mPort = PortGuard();
+        mSecuredPort = PortGuard();
+        mRoutes = UniqueFd();
+    });
+    const bool open = ready.get();
+    if (!open) {
+        mThread.join();
+    }
+    return open;
+}
+
+void NodeIo::Stop() {
+    if (!mThread.joinable()) {
+        return;
+    }
+    try {
+        Post([this](NodeCore&, TimePoint) { mRunning = false; });
+    } catch (...) {
+        mRunning = false;  // without what was posted before: memory is short
+        mLoop.Wake();
+    }
+    mThread.join();
+    mLoop.Shut();
+}
+
+bool NodeIo::Post(Work work) {
+    return mLoop.Post([this, work = std::move(work)] { work(mCore, Clock::now()); });
+}
+
+bool NodeIo::OpenPorts() {
+    constexpr int ATTEMPTS = 100;
+    const bool secured = mConfig.pskFile.has_value();
+    // A port of the system's choice may have a neighbour that is taken.
+    for (int attempt = 0; attempt < (mConfig.port == 0 ? ATTEMPTS : 1); ++attempt) {
+        mPort = ReservePort(mConfig.port);
+        if (!mPort.socket || !secured) {
+            break;
+        }
+        const std::uint16_t next = SecuredPortOf({0, mPort.port}).port;
+        mSecuredPort = next == 0 ? PortGuard() : ReservePort(next);
+        if (mSecuredPort.socket) {
+            return true;
+        }
+    }
+    if (!mPort.socket || secured) {
+        LINK_LOG(LEVEL_ERROR, "UDP port %u%s is taken\n", static_cast<unsigned>(mConfig.port),
+                 secured ? " or the next one" : "");
+        return false;
+    }
+    return true;
+}
+
+bool NodeIo::Open() {
+    if (mConfig.pskFile) {
+        if (!CoapPort::CanSecure()) {
+            LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE is set, but this library was built without DTLS\n");
+            return false;
+        }
+        mPsk = ReadPskFile(*mConfig.pskFile);
+        if (!mPsk) {
+            return false;
+        }
+    }
+    if (!OpenPorts()) {
+        return false;
+    }
+    if (!mLoop.Open()) {
+        LINK_LOG(LEVEL_ERROR, "no descriptors left for a node\n");
+        return false;
+    }
+    mCoap = std::make_unique<CoapPort>(CoapPort::Listener{
+        [this](const CoapMessage& message, const Endpoint& source, in_addr_t local, ReplyPath path) {
+            mCore.OnRequest(message, source, local, path, Clock::now());
+        },
+        [this](ConversationId conversation, const CoapMessage& answer) {
+            mCore.OnAnswer(conversation, answer, Clock::now());
+        },
+        [this](ConversationId conversation) { mCore.OnRefused(conversation, Clock::now()); },
+        [this](ConversationId conversation) { mCore.OnReached(conversation, Clock::now()); }});
+    mGroup = std::make_unique<GroupSockets>(
+        mLoop, GroupSockets::Listener{
+                   [this](const CoapMessage& message, const Endpoint& source, unsigned interface) {
+                       mCore.OnGroupMessage(message, source, interface, Clock::now());
+                   },
+                   [this](const CoapMessage& message, const Endpoint& source) {
+                       mCore.OnSearchAnswer(message, source, Clock::now());
+                   }});
+    if (!mCoap->Open(mPsk) || !mGroup->Open()) {
+        LINK_LOG(LEVEL_ERROR, "the sockets of a node cannot be opened\n");
+        return false;
+    }
+    mLoop.Watch(mCoap->Descriptor(), [this] { mCoap->Process(); });
+    OpenRouteSocket();
+    FollowInterfaces();
+    return true;
+}
+
+void NodeIo::Run() {
+    while (mRunning) {
+        Contain([this] { Turn(); });
+    }
+    Contain([this] { mCore.Close(Clock::now()); });
+}
+
+void NodeIo::Turn() {
+    mCoap->Settle();
+    const TimePoint now = Clock::now();
+    if (mCore.NextDeadline(now) <= now) {
+        mCore.Tick(now);
+        mCoap->Settle();
+    }
+    mLoop.WakeAt(std::min(mCore.NextDeadline(now), mCoap->NextDeadline()));
+    mLoop.RunOnce();
+}
+
+// The kernel tells when links and addresses change. Without that the node stays with what it has.
+void NodeIo::OpenRouteSocket() {
+    mRoutes = UniqueFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+    sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
+    if (!mRoutes || bind(mRoutes.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        LINK_LOG_LIMITED(LEVEL_WARNING, "changes of the interfaces cannot be followed\n");
+        return;
+    }
+    mLoop.Watch(mRoutes.Get(), [this] {
+        // What changed is read anew; the messages, or their loss, only tell that something did.
+        std::array<char, 8192> ignored;
+        while (recv(mRoutes.Get(), ignored.data(), ignored.size(), 0) > 0) {
+        }
+        FollowInterfaces();
+    });
+}
+
+void NodeIo::FollowInterfaces() {
+    std::vector<LocalInterface> used = SelectInterfaces(ListSystemInterfaces(), mConfig.interfaces);
+    WarnOfMissing(used);
+    const auto refused = [this](const LocalInterface& local) {
+        return !mCoap->Listen({local.host, mPort.port});
+    };
+    used.erase(std::remove_if(used.begin(), used.end(), refused), used.end());
+    mGroup->Use(used);
+    mCore.SetInterfaces(std::move(used), mPort.port, Clock::now());
+}
+
+void NodeIo::WarnOfMissing(const std::vector<LocalInterface>& used) const {
+    for (const std::string& name : mConfig.interfaces) {
+        const bool found = std::any_of(used.begin(), used.end(),
+                                       [&](const LocalInterface& local) { return local.name == name; });
+        if (!found) {
+            LINK_LOG_LIMITED(LEVEL_WARNING, "LUMORA_LINK_INTERFACE: \"%s\" is not up with an IPv4 address\n",
+                             name.c_str());
+        }
+    }
+}
+
+void NodeIo::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {
+    mGroup->Send(via, to, message);
+}
+
+void NodeIo::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
+    mCoap->Transmit(conversation, to, message);
+}
+
+void NodeIo::Hang(ConversationId conversation) { mCoap->Hang(conversation); }
+
+void NodeIo::OnPeerGone(const Endpoint& endpoint) { mCoap->OnPeerGone(endpoint); }
+
+void NodeIo::Reply(ReplyPath path, const CoapMessage& message) { mCoap->Reply(path, message); }
+
+void NodeIo::Forget(ReplyPath path) { mCoap->Forget(path); }
+
+}  // namespace lumora_link

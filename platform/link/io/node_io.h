@@ -1,0 +1,82 @@
+// A node's I/O thread: the sockets, libcoap and the protocol, all of them touched here only.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/link/core/node_core.h"
+#include "platform/link/io/coap_port.h"
+#include "platform/link/io/config.h"
+#include "platform/link/io/event_loop.h"
+#include "platform/link/io/group_sockets.h"
+#include "platform/link/io/port_guard.h"
+#include "platform/link/io/psk.h"
+
+namespace lumora_link {
+
+class NodeIo : private Network {
+public:
+    using Work = std::function<void(NodeCore& core, TimePoint now)>;
+
+    NodeIo(Config config, NodeIdentity identity, std::optional<std::string> deviceType,
+           Application& application);
+    ~NodeIo() override;
+    NodeIo(const NodeIo&) = delete;
+    NodeIo& operator=(const NodeIo&) = delete;
+
+    // Returns when the node can be found, or false where it cannot run.
+    bool Start();
+    // Says goodbye and joins.
+    void Stop();
+    // Runs the work on the I/O thread, some time later. False once the node has stopped.
+    bool Post(Work work);
+
+private:
+    class SystemRandom : public RandomSource {
+    public:
+        std::uint64_t Next() override { return mGenerator(); }
+
+    private:
+        static std::uint64_t Seed();
+        std::mt19937_64 mGenerator{Seed()};
+    };
+
+    bool Open();
+    bool OpenPorts();
+    void Run();
+    void Turn();
+    void FollowInterfaces();
+    void OpenRouteSocket();
+    void WarnOfMissing(const std::vector<LocalInterface>& used) const;
+
+    void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) override;
+    void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override;
+    void Hang(ConversationId conversation) override;
+    void OnPeerGone(const Endpoint& endpoint) override;
+    void Reply(ReplyPath path, const CoapMessage& message) override;
+    void Forget(ReplyPath path) override;
+
+    const Config mConfig;
+    std::optional<Psk> mPsk;
+    SystemRandom mRandom;
+    NodeCore mCore;
+    EventLoop mLoop;
+    PortGuard mPort;
+    PortGuard mSecuredPort;
+    UniqueFd mRoutes;
+    std::unique_ptr<GroupSockets> mGroup;
+    std::unique_ptr<CoapPort> mCoap;
+    std::atomic<bool> mRunning{true};
+    std::thread mThread;
+};
+
+// For node ids and instance numbers.
+std::uint64_t RandomNumber();
+
+}  // namespace lumora_link

@@ -1,0 +1,29 @@
+#include "platform/link/io/port_guard.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+namespace lumora_link {
+
+PortGuard ReservePort(std::uint16_t wanted) {
+    PortGuard guard;
+    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(wanted);
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    if (!fd || bind(fd.Get(), generic, size) != 0 || getsockname(fd.Get(), generic, &size) != 0) {
+        return guard;
+    }
+    const int on = 1;
+    // Nobody reads what comes to addresses that the node does not serve.
+    const int least = 1;
+    setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
+    guard.socket = std::move(fd);
+    guard.port = ntohs(address.sin_port);
+    return guard;
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,42 @@
+// A thread of its own for calls into the application, in order.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <thread>
+
+#include "platform/link/io/mutex.h"
+
+namespace lumora_link {
+
+// Starts a thread that blocks every signal: the application's signals are the application's.
+std::thread StartQuietThread(const char* name, std::function<void()> body);
+
+class Worker {
+public:
+    using Task = std::function<void()>;
+
+    Worker(const char* name, std::size_t limit);
+    ~Worker();
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    // False where the queue is full or the worker has been stopped.
+    bool Post(Task task);
+    // Lets the running task end, drops the others and joins. Not to be called by a task.
+    void Stop();
+    bool IsCurrentThread() const { return std::this_thread::get_id() == mId; }
+
+private:
+    void Run();
+
+    const std::size_t mLimit;
+    Mutex mMutex;
+    Condition mChanged;
+    std::deque<Task> mTasks LINK_GUARDED_BY(mMutex);
+    bool mStopping LINK_GUARDED_BY(mMutex) = false;
+    std::thread mThread;
+    std::thread::id mId;  // stays readable for others while Stop joins
+};
+
+}  // namespace lumora_link

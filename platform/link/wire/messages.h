@@ -1,0 +1,65 @@
+// The messages that nodes exchange: what stands in which option, and what is read from it.
+//
+//   probe     NON GET  /.well-known/core?rt=TYPE   multicast; asks who offers TYPE
+//   answer    NON 2.05 the link of one node        unicast, with the probe's token
+//   hello     NON POST /lumora/hello               multicast; the link of the sender
+//   goodbye   NON POST /lumora/goodbye             multicast; the link of the sender
+//   ping      CON GET  /.well-known/core           unicast; asks for the link of one node
+//   request   CON any  /lumora?KEY                 unicast; the payload is the value
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/link/wire/coap_message.h"
+#include "platform/link/wire/types.h"
+
+namespace lumora_link {
+
+extern const char* const RESOURCE_PATH;    // the resource that a node offers
+extern const char* const HELLO_PATH;       // where it hears of others
+extern const char* const GOODBYE_PATH;     // and of their leaving
+extern const char* const WELL_KNOWN_PATH;  // where it describes itself
+
+// Tells the served node who asks and which requests are still open; see RequestTable.
+struct Requester {
+    NodeIdentity identity;
+    std::uint16_t port = 0;         // of the asking node's own endpoint, not of this datagram
+    std::uint32_t sequence = 0;     // counts this node's messages
+    std::uint32_t oldestOpen = 0;   // every earlier one has ended
+    std::uint32_t firstOfBody = 0;  // the message with the first block of this request's body
+};
+std::string EncodeRequester(const Requester& requester);
+std::optional<Requester> DecodeRequester(const CoapMessage& message);
+
+// Block1 of RFC 7959.
+struct Block {
+    std::uint32_t number = 0;
+    bool more = false;
+    unsigned sizeExponent = 0;
+};
+std::string EncodeBlock(const Block& block);
+std::optional<Block> FindBlock(const CoapMessage& message);
+
+// A part of a node's id, enough to leave a node out that the asker has already found.
+using NodeHint = std::uint32_t;
+NodeHint HintOf(std::uint64_t nodeId);
+
+CoapMessage MakeProbe(const std::string& deviceType, const std::string& token,
+                      const std::vector<NodeHint>& known);
+std::set<NodeHint> KnownNodes(const CoapMessage& probe);
+// Whether a node with that device type is asked for by this GET of /.well-known/core.
+bool IsAskedFor(const CoapMessage& probe, const std::optional<std::string>& deviceType);
+
+CoapMessage MakeLinkAnswer(const CoapMessage& request, const std::string& link);
+CoapMessage MakeNotice(const char* path, const std::string& link);
+CoapMessage MakePing();
+
+// A key of any bytes is cut into Uri-Query options, which carry at most 255 each.
+void AddKey(CoapMessage& message, const std::string& key);
+std::string KeyOf(const CoapMessage& message);
+std::string PathOf(const CoapMessage& message);
+
+}  // namespace lumora_link

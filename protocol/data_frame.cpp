@@ -1,0 +1,58 @@
+#include "protocol/data_frame.h"
+
+namespace lumoraAiModule {
+
+void WriteLittleEndian32(char* bytes, std::uint32_t value) {
+    for (unsigned int i = 0; i < 4; ++i) {
+        bytes[i] = static_cast<char>(static_cast<unsigned char>(value >> (8 * i)));
+    }
+}
+
+void WriteClientFrameHead(char* frame, std::uint32_t payloadLen, int clientID) {
+    frame[0] = static_cast<char>(CLIENT_FRAME_HEAD_LENGTH);
+    WriteLittleEndian32(frame + 1, payloadLen);
+    frame[COMMON_HEAD_LENGTH] = static_cast<char>(static_cast<unsigned char>(clientID));
+}
+
+char* WriteServerFrameHead(char* frame, std::uint32_t payloadLen, const std::vector<unsigned int>& clientIDs,
+                           const std::string& serviceName) {
+    const std::size_t headLen = SERVER_FRAME_FIXED_HEAD_LENGTH + clientIDs.size() + serviceName.size();
+    frame[0] = static_cast<char>(static_cast<unsigned char>(headLen));
+    WriteLittleEndian32(frame + 1, payloadLen);
+    char* position = frame + COMMON_HEAD_LENGTH;
+    *position++ = static_cast<char>(static_cast<unsigned char>(clientIDs.size()));
+    for (const unsigned int clientID : clientIDs) {
+        *position++ = static_cast<char>(static_cast<unsigned char>(clientID));
+    }
+    *position++ = static_cast<char>(static_cast<unsigned char>(serviceName.size()));
+    return position;
+}
+
+FrameDamage ReadServerFrame(char* frame, unsigned int length, ServerFrame& fields) {
+    if (length < MIN_SERVER_FRAME_LENGTH) {
+        return FrameDamage::TOO_SHORT;
+    }
+    fields.payloadLen = PayloadLengthOf(frame);
+    if (fields.payloadLen > MAX_SERVER_FRAME_PAYLOAD) {
+        return FrameDamage::PAYLOAD_LENGTH;
+    }
+    char* position = frame + COMMON_HEAD_LENGTH;
+    fields.clientNum = static_cast<unsigned char>(*position++);
+    if (fields.clientNum > MAX_FRAME_CLIENTS) {
+        return FrameDamage::CLIENT_COUNT;
+    }
+    fields.clientIDs = reinterpret_cast<const unsigned char*>(position);
+    position += fields.clientNum;
+    fields.nameLen = static_cast<unsigned char>(*position++);
+    if (fields.nameLen > MAX_FRAME_NAME_LENGTH) {
+        return FrameDamage::NAME_LENGTH;
+    }
+    fields.name = position;
+    fields.payload = position + fields.nameLen;
+    // A frame that was cut by its own lengths never gets here; one behind which nobody knows what is does.
+    const auto offset = static_cast<unsigned int>(fields.payload - frame);
+    return fields.payloadLen > length + FRAME_SPARE_LENGTH - offset ? FrameDamage::PAYLOAD_MISSING
+                                                                    : FrameDamage::NONE;
+}
+
+}  // namespace lumoraAiModule

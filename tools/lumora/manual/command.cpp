@@ -1,0 +1,152 @@
+#include "tools/lumora/manual/command.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <utility>
+
+#include "tools/lumora/terminal/text.h"
+
+namespace lumora_cli {
+
+namespace {
+
+std::string Joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : ", ") + word;
+    }
+    return text;
+}
+
+template <typename Value>
+bool ReadWhole(const std::string& text, Value& value) {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+std::string TakeNumber(const std::string& text, unsigned& variable, unsigned least, unsigned most) {
+    unsigned value = 0;
+    if (!ReadWhole(text, value) || value < least || value > most) {
+        return "is no number from " + Grouped(least) + " to " + Grouped(most);
+    }
+    variable = value;
+    return "";
+}
+
+std::string TakeSeconds(const std::string& text, std::chrono::milliseconds& variable,
+                        std::chrono::milliseconds most) {
+    constexpr double MILLISECONDS = 1000;
+    double seconds = 0;
+    const double highest = static_cast<double>(most.count()) / MILLISECONDS;
+    if (!ReadWhole(text, seconds) || !(seconds >= 0 && seconds <= highest)) {
+        return "is no number of seconds from 0 to " + Grouped(static_cast<unsigned long long>(highest));
+    }
+    variable = std::chrono::milliseconds(std::llround(seconds * MILLISECONDS));
+    return "";
+}
+
+std::string TakeSize(std::string text, unsigned& variable, unsigned least, unsigned most) {
+    unsigned long long factor = 1;
+    if (!text.empty() && (text.back() == 'K' || text.back() == 'M')) {
+        factor = text.back() == 'K' ? 1024 : 1024 * 1024;
+        text.pop_back();
+    }
+    unsigned count = 0;
+    if (!ReadWhole(text, count) || count * factor < least || count * factor > most) {
+        return "is no size from " + Grouped(least) + " to " + Grouped(most) + " bytes";
+    }
+    variable = static_cast<unsigned>(count * factor);
+    return "";
+}
+
+}  // namespace
+
+Command& Command::Describe(std::string paragraph) {
+    paragraphs.push_back(std::move(paragraph));
+    return *this;
+}
+
+Command& Command::Show(std::string line, std::string what) {
+    examples.push_back({std::move(line), std::move(what)});
+    return *this;
+}
+
+Option& Command::Add(const std::string& option, const std::string& word, const std::string& text, Take take) {
+    Option& added = options.emplace_back();
+    added.name = option;
+    added.value = word;
+    added.text = text;
+    added.take = std::move(take);
+    return added;
+}
+
+Option& Command::Argument(const std::string& word, std::string& variable, const std::string& text) {
+    return Text(word, word, variable, text);
+}
+
+Option& Command::Arguments(const std::string& word, std::vector<std::string>& variable,
+                           const std::string& text) {
+    return Texts(word, word, variable, text);
+}
+
+Option& Command::Flag(const std::string& option, bool& variable, const std::string& text) {
+    return Add(option, "", text, [&variable](const std::string&) {
+        variable = true;
+        return "";
+    });
+}
+
+Option& Command::Text(const std::string& option, const std::string& word, std::string& variable,
+                      const std::string& text) {
+    return Add(option, word, text, [&variable](const std::string& value) {
+        variable = value;
+        return "";
+    });
+}
+
+Option& Command::Texts(const std::string& option, const std::string& word, std::vector<std::string>& variable,
+                       const std::string& text) {
+    Option& added = Add(option, word, text, [&variable](const std::string& value) {
+        variable.push_back(value);
+        return "";
+    });
+    added.repeated = true;
+    return added;
+}
+
+Option& Command::Choice(const std::string& option, std::string& variable, std::vector<std::string> choices,
+                        const std::string& text) {
+    const Take take = [&variable, choices](const std::string& value) {
+        if (std::find(choices.begin(), choices.end(), value) == choices.end()) {
+            return "is none of " + Joined(choices);
+        }
+        variable = value;
+        return std::string();
+    };
+    Option& added = Add(option, "WORD", text + " (" + Joined(choices) + ")", take);
+    added.choices = std::move(choices);
+    return added;
+}
+
+Option& Command::Number(const std::string& option, const std::string& word, unsigned& variable,
+                        unsigned least, unsigned most, const std::string& text) {
+    return Add(option, word, text, [&variable, least, most](const std::string& value) {
+        return TakeNumber(value, variable, least, most);
+    });
+}
+
+Option& Command::Seconds(const std::string& option, std::chrono::milliseconds& variable,
+                         std::chrono::milliseconds most, const std::string& text) {
+    return Add(option, "SECONDS", text,
+               [&variable, most](const std::string& value) { return TakeSeconds(value, variable, most); });
+}
+
+Option& Command::Size(const std::string& option, unsigned& variable, unsigned least, unsigned most,
+                      const std::string& text) {
+    return Add(option, "BYTES", text, [&variable, least, most](const std::string& value) {
+        return TakeSize(value, variable, least, most);
+    });
+}
+
+}  // namespace lumora_cli

@@ -1,0 +1,36 @@
+// Everything that is written about the commands, made from what they say of themselves.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/lumora/manual/command.h"
+
+namespace lumora_cli {
+
+// Words and what they mean, in the order of the page.
+using Terms = std::vector<std::pair<std::string, std::string>>;
+
+struct Manual {
+    Command globals;                // of a program without commands, all that there is
+    std::vector<Command> commands;  // may be none
+    Terms exitCodes;
+    Terms variables;
+    std::vector<std::string> related;  // other pages
+};
+
+// --help; of the whole program where command is null.
+std::string HelpPage(const Manual& manual, const Command* command, std::size_t width);
+
+// Pages for man(1): lumora.1, and one lumora-COMMAND.1 for each command.
+std::string ManPage(const Manual& manual, const Command* command);
+
+// docs/cli.md: its page, and a section for a program without commands.
+std::string MarkdownPage(const Manual& manual);
+std::string MarkdownSection(const Manual& manual);
+
+std::string BashCompletion(const Manual& manual);
+std::string ZshCompletion(const Manual& manual);
+
+}  // namespace lumora_cli

@@ -1,0 +1,90 @@
+#include "tools/lumora/os/signals.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+
+#include "tools/lumora/terminal/failure.h"
+
+namespace lumora_cli {
+
+namespace {
+
+std::atomic<int> g_signal{0};
+std::atomic<int> g_eventFd{-1};
+
+// Wakes the thread when all is done; nobody else sends it.
+constexpr int END_OF_WORK = SIGUSR1;
+
+// nohup, and a shell that starts something in the background, have signals ignored that are not meant for it.
+bool IsIgnored(int number) {
+    struct sigaction action = {};
+    return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+sigset_t Watched() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, END_OF_WORK);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        if (!IsIgnored(number)) {
+            sigaddset(&set, number);
+        }
+    }
+    return set;
+}
+
+}  // namespace
+
+StopSignals::StopSignals() {
+    // Writing to a pipe that nobody reads is an error here, and not the end.
+    std::signal(SIGPIPE, SIG_IGN);
+    const sigset_t watched = Watched();
+    pthread_sigmask(SIG_BLOCK, &watched, nullptr);
+    g_eventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    mThread = std::thread([this] { Run(); });
+}
+
+StopSignals::~StopSignals() {
+    pthread_kill(mThread.native_handle(), END_OF_WORK);
+    mThread.join();
+}
+
+void StopSignals::Run() {
+    const sigset_t watched = Watched();
+    while (true) {
+        int number = 0;
+        if (sigwait(&watched, &number) != 0 || number == END_OF_WORK) {
+            return;
+        }
+        if (g_signal.exchange(number) != 0) {
+            _exit(EXIT_BY_SIGNAL + number);
+        }
+        const std::uint64_t one = 1;
+        if (write(g_eventFd, &one, sizeof(one)) < 0) {
+            _exit(EXIT_BY_SIGNAL + number);  // nobody would notice
+        }
+    }
+}
+
+int StopSignal() { return g_signal; }
+
+int StopFd() { return g_eventFd; }
+
+void ThrowWhenStopped() {
+    if (StopSignal() != 0) {
+        throw QuietEnd(EXIT_BY_SIGNAL + StopSignal());
+    }
+}
+
+bool PauseUnlessStopped(int milliseconds) {
+    pollfd stop = {StopFd(), POLLIN, 0};
+    return poll(&stop, 1, milliseconds) == 0;
+}
+
+}  // namespace lumora_cli

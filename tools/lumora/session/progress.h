@@ -1,0 +1,34 @@
+// A line on a terminal that tells how far something is. Anywhere else nobody sees it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tools/lumora/os/waiting.h"
+
+namespace lumora_cli {
+
+class Progress {
+public:
+    // total is 0 where nobody knows how much there will be.
+    explicit Progress(std::uint64_t total);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void Advance(const std::string& name, std::uint64_t done);
+
+private:
+    std::string Line(const std::string& name, std::size_t width) const;
+    std::string Figures() const;
+    double Share() const;
+
+    const bool mShown;
+    const std::uint64_t mTotal;
+    const Deadline mBegin;
+    Deadline mNext;
+    std::uint64_t mDone = 0;
+    bool mOnScreen = false;
+};
+
+}  // namespace lumora_cli

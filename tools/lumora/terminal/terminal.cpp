@@ -1,0 +1,51 @@
+#include "tools/lumora/terminal/terminal.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace lumora_cli {
+
+namespace {
+
+constexpr std::size_t USUAL_WIDTH = 80;
+
+bool TakesColours(int fd) {
+    const char* refused = std::getenv("NO_COLOR");
+    const char* kind = std::getenv("TERM");
+    return IsTerminal(fd) && (refused == nullptr || *refused == '\0') && kind != nullptr &&
+           std::strcmp(kind, "dumb") != 0;
+}
+
+const char* CodeOf(Colour colour) {
+    switch (colour) {
+        case Colour::RED:
+            return "31";
+        case Colour::GREEN:
+            return "32";
+        case Colour::YELLOW:
+            return "33";
+        case Colour::BOLD:
+            return "1";
+        case Colour::FAINT:
+            return "2";
+    }
+    return "0";
+}
+
+}  // namespace
+
+bool IsTerminal(int fd) { return isatty(fd) == 1; }
+
+std::string Coloured(const std::string& text, Colour colour, int fd) {
+    return TakesColours(fd) ? std::string("\033[") + CodeOf(colour) + 'm' + text + "\033[0m" : text;
+}
+
+std::size_t Width(int fd) {
+    winsize size = {};
+    return IsTerminal(fd) && ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : USUAL_WIDTH;
+}
+
+}  // namespace lumora_cli

@@ -1,0 +1,218 @@
+#include "tools/lumora/terminal/text.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <iomanip>
+#include <sstream>
+
+#include "tools/lumora/terminal/failure.h"
+
+namespace lumora_cli {
+
+namespace {
+
+constexpr char REPLACEMENT[] = "\xEF\xBF\xBD";
+
+bool Continues(std::string_view bytes, std::size_t at) {
+    return at < bytes.size() && (static_cast<unsigned char>(bytes[at]) & 0xC0U) == 0x80U;
+}
+
+// The length of the character at a place, 0 when there is none. Overlong forms, surrogates and numbers above
+// U+10FFFF are none.
+std::size_t CharacterLength(std::string_view bytes, std::size_t at) {
+    const auto first = static_cast<unsigned char>(bytes[at]);
+    const auto second = static_cast<unsigned char>(at + 1 < bytes.size() ? bytes[at + 1] : 0);
+    if (first < 0x80) {
+        return 1;
+    }
+    if (first >= 0xC2 && first <= 0xDF) {
+        return Continues(bytes, at + 1) ? 2 : 0;
+    }
+    if (first >= 0xE0 && first <= 0xEF) {
+        const bool forbidden = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F);
+        return !forbidden && Continues(bytes, at + 1) && Continues(bytes, at + 2) ? 3 : 0;
+    }
+    if (first >= 0xF0 && first <= 0xF4) {
+        const bool forbidden = (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
+        const bool whole = Continues(bytes, at + 1) && Continues(bytes, at + 2) && Continues(bytes, at + 3);
+        return !forbidden && whole ? 4 : 0;
+    }
+    return 0;
+}
+
+// The C1 controls steer terminals as well.
+bool IsControl(std::string_view character) {
+    const auto first = static_cast<unsigned char>(character[0]);
+    if (character.size() == 1) {
+        return first < 0x20 || first == 0x7F;
+    }
+    return character.size() == 2 && first == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0;
+}
+
+std::string Fixed(double value, int digits) {
+    char text[64];
+    std::snprintf(text, sizeof(text), "%.*f", digits, value);
+    return text;
+}
+
+std::string Format(const char* format, WallTime time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm parts = {};
+    localtime_r(&seconds, &parts);
+    std::ostringstream text;
+    text << std::put_time(&parts, format);
+    return text.str();
+}
+
+std::string Thousandths(WallTime time) {
+    const auto sinceEpoch = std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch());
+    char text[8];
+    std::snprintf(text, sizeof(text), ".%03d", static_cast<int>(sinceEpoch.count() % 1000));
+    return text;
+}
+
+}  // namespace
+
+std::string SystemError(int error) {
+    char buffer[128];
+    return strerror_r(error, buffer, sizeof(buffer));
+}
+
+bool IsReadable(std::string_view bytes) {
+    for (std::size_t at = 0; at < bytes.size();) {
+        const std::size_t length = CharacterLength(bytes, at);
+        if (length == 0) {
+            return false;
+        }
+        const char first = bytes[at];
+        if (IsControl(bytes.substr(at, length)) && first != '\n' && first != '\t' && first != '\r') {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
+
+std::string ValidUtf8(std::string_view bytes) {
+    std::string text;
+    for (std::size_t at = 0; at < bytes.size();) {
+        const std::size_t length = CharacterLength(bytes, at);
+        text += length == 0 ? std::string_view(REPLACEMENT) : bytes.substr(at, length);
+        at += length == 0 ? 1 : length;
+    }
+    return text;
+}
+
+std::string OneLine(std::string_view bytes) {
+    const std::string valid = ValidUtf8(bytes);
+    std::string text;
+    for (std::size_t at = 0; at < valid.size();) {
+        const std::string_view character = std::string_view(valid).substr(at, CharacterLength(valid, at));
+        text += IsControl(character) ? std::string_view(REPLACEMENT) : character;
+        at += character.size();
+    }
+    return text;
+}
+
+std::string Hex(std::string_view bytes) {
+    constexpr char DIGITS[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(bytes.size() * 2);
+    for (const char byte : bytes) {
+        text.push_back(DIGITS[static_cast<unsigned char>(byte) >> 4U]);
+        text.push_back(DIGITS[static_cast<unsigned char>(byte) & 0xFU]);
+    }
+    return text;
+}
+
+std::string HexDump(std::string_view bytes) {
+    constexpr std::size_t PER_LINE = 16;
+    std::string dump;
+    for (std::size_t at = 0; at < bytes.size(); at += PER_LINE) {
+        const std::string_view line = bytes.substr(at, PER_LINE);
+        char offset[24];
+        std::snprintf(offset, sizeof(offset), "  %08zx ", at);
+        dump += offset;
+        for (std::size_t i = 0; i < PER_LINE; ++i) {
+            dump += i < line.size() ? ' ' + Hex(line.substr(i, 1)) : "   ";
+        }
+        dump += "  ";
+        for (const char byte : line) {
+            dump.push_back(std::isprint(static_cast<unsigned char>(byte)) != 0 ? byte : '.');
+        }
+        dump.push_back('\n');
+    }
+    return dump;
+}
+
+std::string Grouped(unsigned long long number) {
+    constexpr int GROUP = 3;
+    std::string text = std::to_string(number);
+    for (int at = static_cast<int>(text.size()) - GROUP; at > 0; at -= GROUP) {
+        text.insert(static_cast<std::size_t>(at), ",");
+    }
+    return text;
+}
+
+std::string ShortSize(unsigned long long bytes) {
+    constexpr double STEP = 1024;
+    if (bytes < static_cast<unsigned long long>(STEP)) {
+        return std::to_string(bytes) + " B";
+    }
+    const auto size = static_cast<double>(bytes);
+    return size < STEP * STEP ? Fixed(size / STEP, 1) + " KiB" : Fixed(size / STEP / STEP, 1) + " MiB";
+}
+
+std::string Count(std::size_t number, const char* one, const char* many) {
+    return Grouped(number) + ' ' + (number == 1 ? one : many);
+}
+
+std::string Milliseconds(std::chrono::nanoseconds time) {
+    return Fixed(std::chrono::duration<double, std::milli>(time).count(), 3);
+}
+
+std::string ClockTime(WallTime time) { return Format("%H:%M:%S", time) + Thousandths(time); }
+
+std::string StampedTime(WallTime time) {
+    return Format("%Y-%m-%dT%H:%M:%S", time) + Thousandths(time) + Format("%z", time);
+}
+
+std::string FileTime(WallTime time) { return Format("%Y%m%dT%H%M%S", time) + Thousandths(time); }
+
+std::string Wrapped(const std::string& text, std::size_t indent, std::size_t width) {
+    std::string out;
+    std::size_t column = indent;
+    for (const std::string& line : Split(text, '\n')) {
+        if (!out.empty()) {
+            out += '\n' + std::string(indent, ' ');
+            column = indent;
+        }
+        for (const std::string& word : Split(line, ' ')) {
+            const bool first = column == indent;
+            if (!first && column + 1 + word.size() > width) {
+                out += '\n' + std::string(indent, ' ');
+                column = indent;
+            } else if (!first) {
+                out += ' ';
+                ++column;
+            }
+            out += word;
+            column += word.size();
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    std::size_t begin = 0;
+    for (std::size_t end = 0; end != std::string::npos; begin = end + 1) {
+        end = text.find(separator, begin);
+        parts.push_back(text.substr(begin, end == std::string::npos ? end : end - begin));
+    }
+    return parts;
+}
+
+}  // namespace lumora_cli
