@@ -2,6 +2,8 @@
 #include <poll.h>
 
 #include <climits>
+#include <optional>
+#include <utility>
 
 #include "base/callback_scope.h"
 #include "base/log.h"
@@ -16,7 +18,6 @@ namespace lumoraAiModule {
 
 using lumora::LinkDevice;
 using lumora::MutexLock;
-using lumora::MutexUnlock;
 
 int g_mDataPort = 6666;
 
@@ -28,126 +29,128 @@ constexpr int POLL_PAUSE_MS = 1;
 
 int LumoraClientModule::ConnectAiDevice(int clientID, unsigned int handle) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
-    std::shared_ptr<LumoraTransManager> failedTransport;
-    {
-        const MutexLock lock(mMutex);
-        const ResolvedHandle resolved = ResolveHandle(handle);
-        if (resolved.serviceType == nullptr) {
-            LUMORA_DETAIL("Handle error, ConnectAiDevice failed!\n");
-            return -1;
-        }
-        if (resolved.device == nullptr) {
-            LUMORA_DETAIL("Handle error, No such device!\n");
-            return -1;
-        }
-        LumoraClientManager* client = FindClient(clientID);
-        if (client == nullptr) {
-            LUMORA_DETAIL("ClientID : %d no resource!!\n", clientID);
-            return -1;
-        }
-        if (client->connectedHandle == handle) {
-            LUMORA_DETAIL("This client has connected handle: %d!\n", static_cast<int>(handle));
-            return 0;
-        }
-        const std::shared_ptr<LinkDevice> device = HoldDevice(handle);
-        if (SetupTransport(handle) != 0) {
-            LUMORA_DETAIL("SetupTransport failed!\n");
-            return -1;
-        }
-        if (AnnounceClient(clientID, handle, *device) == 0) {
-            return 0;
-        }
-        failedTransport = mTransManager;
+    const RemoteDevices::Resolved resolved = Resolve(handle);
+    if (!resolved.isHandle) {
+        LUMORA_DETAIL("Handle error, ConnectAiDevice failed!\n");
+        return -1;
     }
-    // The receive thread that this joins may be waiting for mMutex.
-    if (failedTransport != nullptr) {
-        failedTransport->StopTransports();
+    if (resolved.device == nullptr) {
+        LUMORA_DETAIL("Handle error, No such device!\n");
+        return -1;
     }
-    return -1;
-}
-
-int LumoraClientModule::AnnounceClient(int clientID, unsigned int handle, LinkDevice& device) {
-    LumoraClientManager* client = FindClient(clientID);
-    if (client == nullptr) {  // it ended while mMutex was free
+    const std::optional<unsigned int> connectedHandle = mClients.ConnectedHandle(clientID);
+    if (!connectedHandle) {
         LUMORA_DETAIL("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    client->connectedHandle = handle;
-    std::string address = device.Address();
-    mSmartHomeLink->SetConnectDevice(address, device.Port());
-    std::string unused;
-    if (device.Post(CONNECT_KEY, std::to_string(clientID), unused) != 0) {
-        LUMORA_ERROR("Post command ERROR !\n");
-        client->connectedHandle = 0;
+    if (*connectedHandle == handle) {
+        LUMORA_DETAIL("This client has connected handle: %d!\n", static_cast<int>(handle));
+        return 0;
+    }
+    if (SetupTransport(handle) != 0) {
+        LUMORA_DETAIL("SetupTransport failed!\n");
+        return -1;
+    }
+    if (AnnounceClient(clientID, handle, *resolved.device) != 0) {
+        if (const std::shared_ptr<LumoraTransManager> transport = CurrentTransport()) {
+            transport->StopTransports();
+        }
         return -1;
     }
     LUMORA_TRACE("Out\n");
     return 0;
 }
 
-int LumoraClientModule::SetupTransport(unsigned int handle) {
-    LUMORA_TRACE("Enter SetupTransport.\n");
-    const ResolvedHandle resolved = ResolveHandle(handle);
-    if (resolved.serviceType == nullptr) {
-        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+int LumoraClientModule::AnnounceClient(int clientID, unsigned int handle, LinkDevice& device) {
+    constexpr char OPERATION[] = "ConnectAiDevice";
+    // Before the request: the device may send data, or leave, as soon as it knows of the client.
+    if (!mClients.SetConnectedHandle(clientID, handle)) {
+        LUMORA_LOG_AS(lumora::LOG_DETAIL, OPERATION, "ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    if (mTransportMap.count(handle) != 0) {
-        LUMORA_ERROR("This Handle has create transport.We will not create again\n");
-        return 0;
-    }
-    if (resolved.device == nullptr) {
-        LUMORA_ERROR("Handle error, no such handle!\n");
+    std::string address = device.Address();
+    mSmartHomeLink->SetConnectDevice(address, device.Port());
+    std::string unused;
+    if (device.Post(CONNECT_KEY, std::to_string(clientID), unused) != 0) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Post command ERROR !\n");
+        mClients.SetConnectedHandle(clientID, 0);
         return -1;
     }
-    const std::shared_ptr<LinkDevice> device = HoldDevice(handle);
-    StopCurrentTransport();
-    if (mHandleServiceMap.count(handle) == 0) {  // the device left while mMutex was free
-        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
-        return -1;
-    }
-    mTransManager = mTransFactory->CreateTransportsManager(LUM_TRANSPORT_TCP, *this, handle);
-    if (mTransManager == nullptr) {
-        LUMORA_ERROR("CreateTransportsManager failed!\n");
-        return -1;
-    }
-    if (OpenDataChannel(*device) != 0) {
-        return -1;
-    }
-    mTransportMap[handle] = mTransManager;
     return 0;
 }
 
-void LumoraClientModule::StopCurrentTransport() {
-    if (mTransManager == nullptr) {
-        return;
+int LumoraClientModule::SetupTransport(unsigned int handle) {
+    LUMORA_TRACE("Enter SetupTransport.\n");
+    std::shared_ptr<LinkDevice> device;
+    std::shared_ptr<LumoraTransManager> former;
+    {
+        const MutexLock lock(mMutex);
+        RemoteDevices::Resolved resolved = mDevices.Resolve(handle);
+        if (!resolved.isHandle) {
+            LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+            return -1;
+        }
+        if (mTransportMap.count(handle) != 0) {
+            LUMORA_ERROR("This Handle has create transport.We will not create again\n");
+            return 0;
+        }
+        if (resolved.device == nullptr) {
+            LUMORA_ERROR("Handle error, no such handle!\n");
+            return -1;
+        }
+        device = std::move(resolved.device);
+        former = mTransManager;
     }
-    const std::shared_ptr<LumoraTransManager> transport = mTransManager;
-    // The receive thread that this joins may be waiting for mMutex.
-    const MutexUnlock unlock(mMutex);
-    LUMORA_TRACE("client  Enter StopTransports.\n");
-    transport->StopTransports();
-    LUMORA_TRACE("client  OUT StopTransports.\n");
+    if (former != nullptr) {
+        // Joins the former receive thread, which may be waiting for mMutex.
+        LUMORA_TRACE("client  Enter StopTransports.\n");
+        former->StopTransports();
+        LUMORA_TRACE("client  OUT StopTransports.\n");
+    }
+    const std::shared_ptr<LumoraTransManager> transport = NewTransport(handle);
+    if (transport == nullptr || OpenDataChannel(*transport, *device) != 0) {
+        return -1;
+    }
+    return KeepTransport(handle, transport, device);
+}
+
+std::shared_ptr<LumoraTransManager> LumoraClientModule::NewTransport(unsigned int handle) {
+    constexpr char OPERATION[] = "SetupTransport";
+    const MutexLock lock(mMutex);
+    if (!mDevices.HasHandle(handle)) {  // the device left while the former transport was stopped
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Handle error: %d, no such device!\n",
+                      static_cast<int>(handle));
+        return nullptr;
+    }
+    mTransManager = mTransFactory->CreateTransportsManager(LUM_TRANSPORT_TCP, *this, handle);
+    if (mTransManager == nullptr) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "CreateTransportsManager failed!\n");
+        return nullptr;
+    }
+    mOpeningHandle = handle;
+    mLostWhileOpening = false;
+    return mTransManager;
 }
 
 // Our receiving half comes first: the device connects to it while it handles the setup request.
-int LumoraClientModule::OpenDataChannel(LinkDevice& device) {
+int LumoraClientModule::OpenDataChannel(LumoraTransManager& transport, LinkDevice& device) {
+    constexpr char OPERATION[] = "SetupTransport";
     LUM_OBSERVER_S observer;  // all null: we receive through OnRecvData
     const std::string address = device.Address();
-    if (mTransManager->CreateTransports(TransType::CLIENT_RECEIVE, address, g_mDataPort + 1, observer) != 0) {
-        LUMORA_ERROR("Create recv Transports failed!\n");
+    if (transport.CreateTransports(TransType::CLIENT_RECEIVE, address, g_mDataPort + 1, observer) != 0) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Create recv Transports failed!\n");
         return -1;
     }
     lumora::LumoraTransportConfig config;
     config.SetEndpoint(address, g_mDataPort);
     std::string reply;
     if (device.SetupMediaService(config.GetSetupString(), reply) != 0) {
-        LUMORA_ERROR("SetupMediaService failed\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "SetupMediaService failed\n");
         DropTransport();
         return -1;
     }
-    if (mTransManager->CreateTransports(TransType::CLIENT_SEND, address, g_mDataPort, observer) != 0) {
-        LUMORA_ERROR("Create send Transports failed!\n");
+    if (transport.CreateTransports(TransType::CLIENT_SEND, address, g_mDataPort, observer) != 0) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Create send Transports failed!\n");
         DropTransport();
         std::string unused;
         device.Put(STOP_TRANSPORT_KEY, "", unused);  // the device drops its half
@@ -156,66 +159,104 @@ int LumoraClientModule::OpenDataChannel(LinkDevice& device) {
     return 0;
 }
 
+// The device may have left, or closed the channel again, while mMutex was free.
+int LumoraClientModule::KeepTransport(unsigned int handle,
+                                      const std::shared_ptr<LumoraTransManager>& transport,
+                                      const std::shared_ptr<LinkDevice>& device) {
+    constexpr char OPERATION[] = "SetupTransport";
+    {
+        const MutexLock lock(mMutex);
+        mOpeningHandle = 0;
+        const bool isThere = mDevices.Leads(handle, device);
+        if (isThere && !mLostWhileOpening) {
+            mTransportMap[handle] = transport;
+            return 0;
+        }
+        if (isThere) {
+            LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
+                          "the device closed the channel while it was opened.\n");
+        } else {
+            LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Handle error: %d, no such device!\n",
+                          static_cast<int>(handle));
+        }
+    }
+    DropTransport();
+    return -1;
+}
+
 void LumoraClientModule::DropTransport() {
     std::shared_ptr<LumoraTransManager> transport;
-    transport.swap(mTransManager);
-    // The receive thread that this joins may be waiting for mMutex.
-    const MutexUnlock unlock(mMutex);
+    {
+        const MutexLock lock(mMutex);
+        transport.swap(mTransManager);
+        mOpeningHandle = 0;
+    }
+    // Joins the receive thread, which may be waiting for mMutex.
     transport->StopTransports();
+}
+
+std::shared_ptr<LumoraTransManager> LumoraClientModule::CurrentTransport() {
+    const MutexLock lock(mMutex);
+    return mTransManager;
 }
 
 int LumoraClientModule::DisconnectAiDevice(int clientID, unsigned int handle) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
     LUMORA_DETAIL("DisconnectAiDevice handle = %d !\n", static_cast<int>(handle));
     const MutexLock lock(mMutex);
-    if (mHandleServiceMap.count(handle) == 0) {
+    if (!mDevices.HasHandle(handle)) {
         LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
         return -1;
     }
-    LumoraClientManager* client = FindClient(clientID);
-    if (client == nullptr) {
+    const std::optional<unsigned int> connectedHandle = mClients.ConnectedHandle(clientID);
+    if (!connectedHandle) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    if (client->connectedHandle == 0) {
+    if (*connectedHandle == 0) {
         LUMORA_ERROR("This client connect no handle!\n");
         return -1;
     }
-    client->connectedHandle = 0;
+    mClients.SetConnectedHandle(clientID, 0);
     LUMORA_TRACE("Out\n");
     return 0;
 }
 
 int LumoraClientModule::DestoryTransport(unsigned int handle) {
     LUMORA_TRACE("Enter\n");
-    const MutexLock lock(mMutex);
-    const auto transport = mTransportMap.find(handle);
-    if (transport == mTransportMap.end()) {
-        LUMORA_ERROR("This Handle no transport.\n");
-        return -1;
-    }
-    if (transport->second->DestoryTransports() != 0) {
-        LUMORA_ERROR("DestoryTransports!\n");
-        return -1;
-    }
-    const ResolvedHandle resolved = ResolveHandle(handle);
-    if (resolved.serviceType == nullptr) {
-        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
-        return -1;
-    }
-    if (resolved.device == nullptr) {
-        LUMORA_ERROR("Handle error, no such handle!\n");
-        return -1;
+    std::shared_ptr<LinkDevice> device;
+    {
+        const MutexLock lock(mMutex);
+        const auto transport = mTransportMap.find(handle);
+        if (transport == mTransportMap.end()) {
+            LUMORA_ERROR("This Handle no transport.\n");
+            return -1;
+        }
+        if (transport->second->DestoryTransports() != 0) {
+            LUMORA_ERROR("DestoryTransports!\n");
+            return -1;
+        }
+        RemoteDevices::Resolved resolved = mDevices.Resolve(handle);
+        if (!resolved.isHandle) {
+            LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+            return -1;
+        }
+        if (resolved.device == nullptr) {
+            LUMORA_ERROR("Handle error, no such handle!\n");
+            return -1;
+        }
+        device = std::move(resolved.device);
     }
     LUMORA_DETAIL("LumoraClientModule will DestoryTransport\n");
-    if (WaitUntilFree(*resolved.device) != 0) {
+    if (WaitUntilFree(*device) != 0) {
         return -1;
     }
     std::string unused;
-    if (resolved.device->Put(STOP_TRANSPORT_KEY, "", unused) != 0) {
+    if (device->Put(STOP_TRANSPORT_KEY, "", unused) != 0) {
         LUMORA_DETAIL("Put cmd fail!\n");
         return -1;
     }
+    const MutexLock lock(mMutex);
     mTransportMap.erase(handle);
     LUMORA_TRACE("Out\n");
     return 0;
@@ -223,16 +264,17 @@ int LumoraClientModule::DestoryTransport(unsigned int handle) {
 
 // Without a limit: the device decides when its transport is idle.
 int LumoraClientModule::WaitUntilFree(LinkDevice& device) {
+    constexpr char OPERATION[] = "DestoryTransport";
     while (true) {
         std::string reply;
         if (device.Get(TRANS_STATUS_KEY, "", reply) != 0) {
-            LUMORA_ERROR("Get cmd fail\n");
+            LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Get cmd fail\n");
             return -1;
         }
         if (reply == TRANSPORT_FREE_REPLY) {
             return 0;
         }
-        LUMORA_DETAIL("Remote transport is busy, wait...\n");
+        LUMORA_LOG_AS(lumora::LOG_DETAIL, OPERATION, "Remote transport is busy, wait...\n");
         poll(nullptr, 0, POLL_PAUSE_MS);
     }
 }
@@ -244,23 +286,22 @@ int LumoraClientModule::RegisterAiDeviceEvent(int clientID, unsigned int handle,
         LUMORA_ERROR("callback is null!\n");
         return -1;
     }
-    const MutexLock lock(mMutex);
-    if (FindClient(clientID) == nullptr) {
+    if (!mClients.Has(clientID)) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    if (mHandleServiceMap.count(handle) == 0) {
+    const MutexLock lock(mMutex);
+    if (!mDevices.HasHandle(handle)) {
         LUMORA_ERROR("No such Handle, RegisterAiDeviceEvent failed!\n");
         return -1;
     }
-    mDeviceEventMap.emplace(clientID, callback);
+    mClients.AddDeviceCallback(clientID, callback);
     LUMORA_TRACE("Out\n");
     return 0;
 }
 
 int LumoraClientModule::SendCmd(int clientID, unsigned int handle, const char* cmd, const char* param) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
-    const MutexLock lock(mMutex);
     if (cmd == nullptr) {
         LUMORA_ERROR("cmd is null!\n");
         return -1;
@@ -269,7 +310,7 @@ int LumoraClientModule::SendCmd(int clientID, unsigned int handle, const char* c
         LUMORA_ERROR("param is nullptr!\n");
         return -1;
     }
-    const ResolvedHandle resolved = ResolveHandle(handle);
+    const RemoteDevices::Resolved resolved = Resolve(handle);
     if (resolved.device == nullptr) {
         LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
         return -1;
@@ -278,12 +319,12 @@ int LumoraClientModule::SendCmd(int clientID, unsigned int handle, const char* c
         LUMORA_ERROR("No such ClientID : %d!!\n", clientID);
         return -1;
     }
-    const LumoraClientManager* client = FindClient(clientID);
-    if (client == nullptr) {
+    const std::optional<unsigned int> connectedHandle = mClients.ConnectedHandle(clientID);
+    if (!connectedHandle) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    if (client->connectedHandle != handle) {
+    if (*connectedHandle != handle) {
         LUMORA_ERROR("This client did't connect on handle: %d!\n", static_cast<int>(handle));
         return -1;
     }
@@ -310,13 +351,12 @@ int LumoraClientModule::SendData(int clientID, unsigned int handle, SendDataInfo
         LUMORA_ERROR("buffer is nullptr!\n");
         return -1;
     }
-    const MutexLock lock(mMutex);
-    const ResolvedHandle resolved = ResolveHandle(handle);
-    if (resolved.serviceType == nullptr) {
+    SendPath path = FindSendPath(handle);
+    if (!path.isHandle) {
         LUMORA_ERROR("Error: %d,no such device!\n", static_cast<int>(handle));
         return -1;
     }
-    if (resolved.device == nullptr) {
+    if (!path.hasDevice) {
         LUMORA_ERROR("Error:%d, no such Handle!\n", static_cast<int>(handle));
         return -1;
     }
@@ -329,13 +369,13 @@ int LumoraClientModule::SendData(int clientID, unsigned int handle, SendDataInfo
     if (BuildClientFrame(clientID, info, frame) != 0) {
         return -1;
     }
-    const auto transport = mTransportMap.find(handle);
-    if (transport == mTransportMap.end()) {
+    if (path.transport == nullptr) {
         LUMORA_ERROR("This Handle has no transport.\n");
         return -1;
     }
-    const int ret = transport->second->SendData(frame.Bytes(), info.length + CLIENT_FRAME_HEAD_LENGTH,
-                                                &sendLength, info.timeoutMs);
+    // The write may wait for the device, so no lock of the module is held: frames go on being delivered.
+    const int ret = path.transport->SendData(frame.Bytes(), info.length + CLIENT_FRAME_HEAD_LENGTH,
+                                             &sendLength, info.timeoutMs);
     if (ret != 0) {
         LUMORA_ERROR("SendData failed!\n");
         sendLength = 0;
@@ -347,25 +387,39 @@ int LumoraClientModule::SendData(int clientID, unsigned int handle, SendDataInfo
     return 0;
 }
 
+LumoraClientModule::SendPath LumoraClientModule::FindSendPath(unsigned int handle) {
+    const MutexLock lock(mMutex);
+    SendPath path;
+    path.isHandle = mDevices.HasHandle(handle);
+    path.hasDevice = mDevices.HasDevice(handle);
+    const auto transport = mTransportMap.find(handle);
+    if (transport != mTransportMap.end()) {
+        path.transport = transport->second;
+    }
+    return path;
+}
+
 int LumoraClientModule::BuildClientFrame(int clientID, const SendDataInfo& info, FrameBuffer& frame) {
+    constexpr char OPERATION[] = "SendData";
     if (info.length > UINT_MAX - CLIENT_FRAME_HEAD_LENGTH ||
         !frame.Allocate(info.length + CLIENT_FRAME_HEAD_LENGTH)) {
-        LUMORA_ERROR("dataBuff memory malloc error\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "dataBuff memory malloc error\n");
         return -1;
     }
     // Only the head: the payload is about to be overwritten.
     if (memset_s(frame.Bytes(), CLIENT_FRAME_HEAD_LENGTH, 0, CLIENT_FRAME_HEAD_LENGTH) != 0) {
-        LUMORA_ERROR("memset_s failed\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "memset_s failed\n");
         return -1;
     }
     WriteClientFrameHead(frame.Bytes(), info.length, clientID);
-    // A bounded copy to where there is no room is an error, also of nothing.
+    // memcpy_s fails for a destination size of 0, even when copying 0 bytes.
     if (info.length != 0 &&
         memcpy_s(frame.Bytes() + CLIENT_FRAME_HEAD_LENGTH, info.length, info.data, info.length) != 0) {
-        LUMORA_DETAIL("memcpy_s failed\n");
+        LUMORA_LOG_AS(lumora::LOG_DETAIL, OPERATION, "memcpy_s failed\n");
         return -1;
     }
-    LUMORA_DETAIL("headLen = %d, payloadLen = %d\n", static_cast<int>(HeadLengthOf(frame.Bytes())),
+    LUMORA_LOG_AS(lumora::LOG_DETAIL, OPERATION, "headLen = %d, payloadLen = %d\n",
+                  static_cast<int>(HeadLengthOf(frame.Bytes())),
                   static_cast<int>(PayloadLengthOf(frame.Bytes())));
     return 0;
 }
@@ -400,8 +454,9 @@ int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {
                   static_cast<int>(fields.payloadLen), static_cast<int>(fields.clientNum),
                   static_cast<int>(fields.nameLen));
     const MutexLock delivery(mDeliveryMutex);
-    for (unsigned int i = 0; i < fields.clientNum; ++i) {
-        if (DeliverToClient(fields.clientIDs[i], fields) != 0) {
+    const Recipients recipients = mClients.RecipientsOf(fields);
+    for (unsigned int i = 0; i < recipients.count; ++i) {
+        if (Deliver(recipients.entries[i], fields) != 0) {
             return -1;
         }
     }
@@ -409,14 +464,22 @@ int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {
     return 0;
 }
 
-int LumoraClientModule::DeliverToClient(int clientID, const ServerFrame& frame) {
-    LUM_DEVICE_EVENT_CALLBACK callback = nullptr;
-    LUM_DEVICE_EVENT_S event = {};
-    if (AddressEvent(clientID, event, callback) != 0) {
+int LumoraClientModule::Deliver(const Recipient& recipient, const ServerFrame& frame) {
+    constexpr char OPERATION[] = "OnRecvData";
+    if (recipient.callback == nullptr) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "ClientID : %d has no Register Event Callback!!\n",
+                      recipient.clientID);
         return -1;
     }
+    if (!recipient.handle) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "ClientID : %d no resource!!\n", recipient.clientID);
+        return -1;
+    }
+    LUM_DEVICE_EVENT_S event = {};
+    event.clientID = recipient.clientID;
+    event.handle = *recipient.handle;
     if (strncpy_s(event.serviceName, sizeof(event.serviceName), frame.name, frame.nameLen) != 0) {
-        LUMORA_ERROR("strncpy_s failed\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "strncpy_s failed\n");
         return -1;
     }
     event.eventType = LUM_DEVICE_EVENT_DATA;
@@ -424,34 +487,15 @@ int LumoraClientModule::DeliverToClient(int clientID, const ServerFrame& frame) 
     event.dataLen = frame.payloadLen;
     event.data = frame.payload;
     const lumora::CallbackScope scope(lumora::Side::CLIENT);
-    callback(event);
-    return 0;
-}
-
-int LumoraClientModule::AddressEvent(int clientID, LUM_DEVICE_EVENT_S& event,
-                                     LUM_DEVICE_EVENT_CALLBACK& callback) {
-    const MutexLock lock(mMutex);
-    const auto registered = mDeviceEventMap.find(clientID);
-    if (registered == mDeviceEventMap.end()) {
-        LUMORA_ERROR("ClientID : %d has no Register Event Callback!!\n", clientID);
-        return -1;
-    }
-    const LumoraClientManager* client = FindClient(clientID);
-    if (client == nullptr) {
-        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
-        return -1;
-    }
-    callback = registered->second;
-    event.clientID = clientID;
-    event.handle = client->connectedHandle;
+    recipient.callback(event);
     return 0;
 }
 
 int LumoraClientModule::OnDisconnect(unsigned int handle) {
     LUMORA_TRACE("handle [%d] Enter\n", static_cast<int>(handle));
     const MutexLock lock(mMutex);
-    const ResolvedHandle resolved = ResolveHandle(handle);
-    if (resolved.serviceType == nullptr) {
+    const RemoteDevices::Resolved resolved = mDevices.Resolve(handle);
+    if (!resolved.isHandle) {
         LUMORA_ERROR("Handle error: %d, no such device type!\n", static_cast<int>(handle));
         return -1;
     }
@@ -459,26 +503,22 @@ int LumoraClientModule::OnDisconnect(unsigned int handle) {
         LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
         return -1;
     }
-    for (const auto& [clientID, client] : mClientManagerMap) {
-        if (client->connectedHandle == handle) {
-            client->connectedHandle = 0;
-        }
+    mClients.DisconnectAll(handle);
+    if (handle == mOpeningHandle) {
+        mLostWhileOpening = true;
     }
     if (mTransportMap.erase(handle) == 0) {
         LUMORA_ERROR("This Handle no transport.\n");
         return 0;
     }
-    // The device is forgotten: it has to be searched for again.
-    mServiceDevMap.erase(*resolved.serviceType);
-    mHandleServiceMap.erase(handle);
+    mDevices.Forget(handle);  // it has to be searched for again
     LUMORA_TRACE("OUT\n");
     return 0;
 }
 
 int LumoraClientModule::GetClientVersion(int clientID, std::string& version) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
-    const MutexLock lock(mMutex);
-    if (FindClient(clientID) == nullptr) {
+    if (!mClients.Has(clientID)) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
@@ -492,13 +532,12 @@ int LumoraClientModule::GetClientVersion(int clientID, std::string& version) {
 
 int LumoraClientModule::GetServerVersion(int clientID, unsigned int handle, std::string& version) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
-    const MutexLock lock(mMutex);
-    if (FindClient(clientID) == nullptr) {
+    if (!mClients.Has(clientID)) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    const ResolvedHandle resolved = ResolveHandle(handle);
-    if (resolved.serviceType == nullptr) {
+    const RemoteDevices::Resolved resolved = Resolve(handle);
+    if (!resolved.isHandle) {
         LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
         return -1;
     }

@@ -1,22 +1,16 @@
 // The client module's remote devices: search, handles, removal.
 #include <list>
+#include <optional>
 
 #include "base/callback_scope.h"
 #include "base/log.h"
 #include "client/client_module.h"
 #include "protocol/control_documents.h"
-#include "securec.h"
 
 namespace lumoraAiModule {
 
 using lumora::LinkDevice;
 using lumora::MutexLock;
-
-namespace {
-
-std::string AddressKey(const std::string& addr, int port) { return addr + ":" + std::to_string(port); }
-
-}  // namespace
 
 int LumoraClientModule::GetNetDeviceList(std::string& devType, LUM_DEVICES_INFO_S* devsInfo) {
     LUMORA_TRACE("Enter\n");
@@ -29,79 +23,46 @@ int LumoraClientModule::GetNetDeviceList(std::string& devType, LUM_DEVICES_INFO_
         return -1;
     }
     devsInfo->devNum = 0;
-    const MutexLock lock(mMutex);
     std::list<std::shared_ptr<LinkDevice>> devices;
     if (!mSmartHomeLink->FindDevice(devType, devices)) {
         LUMORA_ERROR("No device found !\n");
         return -1;
     }
-    mServiceDevMap.clear();
     LUMORA_STATE("Find %d devices in net. \n", static_cast<int>(devices.size()));
-    for (const std::shared_ptr<LinkDevice>& device : devices) {
-        std::string reply;
-        if (device->Get(SERVICE_INFO_KEY, SERVICE_INFO_VALUE, reply) != 0) {
-            LUMORA_DETAIL("Get ServiceInfo failed\n");
-            continue;
-        }
-        LUM_DEVICE_INFO_S* devInfo = &devsInfo->devInfo[devsInfo->devNum];
-        if (StoreRemoteServiceInfo(reply, device, devInfo) != 0) {
-            LUMORA_WARNING("StoreRemoteServiceInfo error!\n");
-            *devInfo = LUM_DEVICE_INFO_S();  // the next device gets this entry
-            continue;
-        }
-        if (++devsInfo->devNum >= LUM_MAX_DEVICES) {
-            break;
-        }
+    SearchResult result;  // afterwards the former devices; they are released without the lock
+    {
+        const MutexLock lock(mMutex);
+        mDevices.BeginAsking();
+    }
+    AskForServices(devices, result, *devsInfo);
+    {
+        const MutexLock lock(mMutex);
+        mDevices.Replace(result);
     }
     LUMORA_TRACE("Out\n");
     return 0;
 }
 
-int LumoraClientModule::StoreRemoteServiceInfo(std::string& remoteInfo, std::shared_ptr<LinkDevice> device,
-                                               LUM_DEVICE_INFO_S* devInfo) {
-    if (devInfo == nullptr) {
-        LUMORA_ERROR("invalid input paramers :devInfo is null!\n");
-        return -1;
+// One device after the other, until the list is full.
+void LumoraClientModule::AskForServices(const std::list<std::shared_ptr<LinkDevice>>& devices,
+                                        SearchResult& result, LUM_DEVICES_INFO_S& devsInfo) {
+    constexpr char OPERATION[] = "GetNetDeviceList";
+    for (const std::shared_ptr<LinkDevice>& device : devices) {
+        std::string reply;
+        if (device->Get(SERVICE_INFO_KEY, SERVICE_INFO_VALUE, reply) != 0) {
+            LUMORA_LOG_AS(lumora::LOG_DETAIL, OPERATION, "Get ServiceInfo failed\n");
+            continue;
+        }
+        LUM_DEVICE_INFO_S* devInfo = &devsInfo.devInfo[devsInfo.devNum];
+        if (result.StoreRemoteServiceInfo(reply, device, devInfo) != 0) {
+            LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION, "StoreRemoteServiceInfo error!\n");
+            *devInfo = LUM_DEVICE_INFO_S();  // the next device gets this entry
+            continue;
+        }
+        if (++devsInfo.devNum >= LUM_MAX_DEVICES) {
+            return;
+        }
     }
-    if (remoteInfo.empty()) {
-        LUMORA_ERROR("remoteInfo is empty, please check remoteInfo!\n");
-        return -1;
-    }
-    if (remoteInfo.length() > MAX_SERVICE_INFO_LENGTH) {
-        LUMORA_ERROR("remoteInfo is exceed max length!\n");
-        return -1;
-    }
-    LUMORA_STATE("Recveied info[length-%d]: %s.\n", static_cast<int>(remoteInfo.length()),
-                 remoteInfo.c_str());
-    if (ParseServiceInfoString(remoteInfo, devInfo) != 0) {
-        LUMORA_ERROR("ParseServiceInfoString failed!\n");
-        return -1;
-    }
-    std::string serviceType = devInfo->devServiceType;
-    if (InsertServiceDevMap(serviceType, device) != 0) {
-        LUMORA_ERROR("InsertServiceDevMap failed!!\n");
-        return -1;
-    }
-    if (strncpy_s(devInfo->devServiceType, sizeof(devInfo->devServiceType), serviceType.c_str(),
-                  serviceType.length()) != 0) {
-        LUMORA_ERROR("strncpy_s failed!\n");
-        return -1;
-    }
-    return 0;
-}
-
-int LumoraClientModule::InsertServiceDevMap(std::string& serviceType, std::shared_ptr<LinkDevice> device) {
-    // A type that is taken gets a number behind what it has become so far: T, T1, T12 ...
-    const std::size_t tries = mServiceDevMap.size();
-    for (std::size_t n = 1; n <= tries && mServiceDevMap.count(serviceType) != 0; ++n) {
-        serviceType += std::to_string(n);
-    }
-    if (mServiceDevMap.count(serviceType) == 0) {
-        LUMORA_DETAIL("will Insert ServiceType = %s\n", serviceType.c_str());
-        mServiceDevMap[serviceType] = device;
-    }
-    mAddrServiceMap.emplace(AddressKey(device->Address(), device->Port()), serviceType);
-    return 0;
 }
 
 int LumoraClientModule::CreateAiDevice(int clientID, std::string& serviceType, unsigned int* handle) {
@@ -115,45 +76,38 @@ int LumoraClientModule::CreateAiDevice(int clientID, std::string& serviceType, u
         return -1;
     }
     const MutexLock lock(mMutex);
-    if (FindClient(clientID) == nullptr) {
+    if (!mClients.Has(clientID)) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    if (mServiceDevMap.count(serviceType) == 0) {
+    if (!mDevices.HasType(serviceType)) {
         LUMORA_ERROR("No service type :%s found in net!\n", serviceType.c_str());
         return -1;
     }
-    unsigned int candidate = 1;
-    auto taken = mHandleServiceMap.find(candidate);
-    while (taken != mHandleServiceMap.end() && taken->second != serviceType) {
-        taken = mHandleServiceMap.find(++candidate);
-    }
-    if (taken != mHandleServiceMap.end()) {
+    bool isNew = false;
+    *handle = mDevices.CreateHandle(serviceType, isNew);
+    if (!isNew) {
         LUMORA_WARNING("Devtype %s has been created handle\n", serviceType.c_str());
-    } else {
-        mHandleServiceMap.emplace(candidate, serviceType);  // whole or, without memory, not at all
     }
-    *handle = candidate;
     LUMORA_TRACE("Out\n");
     return 0;
 }
 
 int LumoraClientModule::DestoryAiDevice(int clientID, unsigned int handle) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
-    const MutexLock lock(mMutex);
     LUMORA_DETAIL("DestoryAiDevice handle = %d , mClientManagerMap.size() = %d!\n", static_cast<int>(handle),
-                  static_cast<int>(mClientManagerMap.size()));
-    if (FindClient(clientID) == nullptr) {
+                  static_cast<int>(mClients.Size()));
+    if (!mClients.Has(clientID)) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    const ResolvedHandle resolved = ResolveHandle(handle);
-    if (resolved.serviceType == nullptr) {
+    const RemoteDevices::Resolved resolved = Resolve(handle);
+    if (!resolved.isHandle) {
         LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
         return -1;
     }
     if (resolved.device == nullptr) {
-        LUMORA_ERROR("Device source: %s no resource!\n", resolved.serviceType->c_str());
+        LUMORA_ERROR("Device source: %s no resource!\n", resolved.serviceType.c_str());
         return -1;
     }
     std::string unused;
@@ -178,35 +132,29 @@ int LumoraClientModule::OnAddDevice(unsigned int id, const std::string& addr, in
 int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, int port, const std::string&) {
     LUMORA_TRACE("Enter\n");
     const MutexLock delivery(mDeliveryMutex);
-    const MutexLock lock(mMutex);
     LUMORA_STATE("Received request to remove device[%s:%d].\n", addr.c_str(), port);
-    const auto known = mAddrServiceMap.find(AddressKey(addr, port));
-    if (known == mAddrServiceMap.end()) {
+    RemoteDevices::Departed departed;
+    {
+        const MutexLock lock(mMutex);
+        departed = mDevices.FindDeparted(addr, port);
+    }
+    if (!departed.isKnown) {
         LUMORA_ERROR("device addr : %s is not the one we conncted!!\n", addr.c_str());
         return -1;
     }
-    const std::string& serviceType = known->second;
-    unsigned int handle = 0;
-    for (const auto& [number, type] : mHandleServiceMap) {
-        if (type == serviceType) {
-            handle = number;
-            break;
-        }
+    LUMORA_DETAIL("We will clear %s 's resource, handle = %d!\n", departed.serviceType.c_str(),
+                  static_cast<int>(departed.handle));
+    if (departed.handle != 0) {  // 0 stands in the records of all clients that are not connected
+        NotifyDeviceRemoved(departed.handle);
     }
-    LUMORA_DETAIL("We will clear %s 's resource, handle = %d!\n", serviceType.c_str(),
-                  static_cast<int>(handle));
-    if (handle != 0) {  // 0 stands in the records of all clients that are not connected
-        TellDeviceRemoved(handle);
-    }
-    mServiceDevMap.erase(serviceType);
-    mHandleServiceMap.erase(handle);
-
-    const auto transport = mTransportMap.find(handle);
+    const MutexLock lock(mMutex);
+    mDevices.Forget(addr, port, departed);
+    const auto transport = mTransportMap.find(departed.handle);
     if (transport == mTransportMap.end()) {
         LUMORA_ERROR("This Handle no transport.\n");
         return 0;
     }
-    if (transport->second->DestoryTransports() != 0) {
+    if (transport->second->DestoryTransports() != 0) {  // closes the sending socket, waits for nothing
         LUMORA_ERROR("DestoryTransports!\n");
         return -1;
     }
@@ -215,36 +163,25 @@ int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, in
     return 0;
 }
 
-void LumoraClientModule::TellDeviceRemoved(unsigned int handle) {
-    for (const unsigned int clientID : ClientInstances()) {
-        LumoraClientManager* client = FindClient(static_cast<int>(clientID));
-        if (client == nullptr || client->connectedHandle != handle) {
+void LumoraClientModule::NotifyDeviceRemoved(unsigned int handle) {
+    for (const unsigned int id : ClientInstances()) {
+        const int clientID = static_cast<int>(id);
+        const std::optional<LUM_EVENT_CALLBACK> callback =
+            mClients.EventCallbackIfConnected(clientID, handle);
+        if (!callback) {
             continue;
         }
-        if (client->eventCallback != nullptr) {
+        if (*callback != nullptr) {
             const lumora::CallbackScope scope(lumora::Side::CLIENT);
-            client->eventCallback(static_cast<int>(clientID), LUM_EVENT_DEVICE_REMOVED);
+            (*callback)(clientID, LUM_EVENT_DEVICE_REMOVED);
         }
-        client->connectedHandle = 0;
+        mClients.Disconnect(clientID, handle);
     }
 }
 
-LumoraClientModule::ResolvedHandle LumoraClientModule::ResolveHandle(unsigned int handle) {
-    ResolvedHandle resolved;
-    const auto type = mHandleServiceMap.find(handle);
-    if (type == mHandleServiceMap.end()) {
-        return resolved;
-    }
-    resolved.serviceType = &type->second;
-    const auto device = mServiceDevMap.find(type->second);
-    if (device != mServiceDevMap.end()) {
-        resolved.device = device->second.get();
-    }
-    return resolved;
-}
-
-std::shared_ptr<LinkDevice> LumoraClientModule::HoldDevice(unsigned int handle) {
-    return mServiceDevMap.at(mHandleServiceMap.at(handle));
+RemoteDevices::Resolved LumoraClientModule::Resolve(unsigned int handle) {
+    const MutexLock lock(mMutex);
+    return mDevices.Resolve(handle);
 }
 
 }  // namespace lumoraAiModule

@@ -18,6 +18,8 @@ lumora::NeverDestroyed<std::vector<unsigned int>> LumoraClientModule::mClientIns
 
 namespace {
 
+constexpr char DEINIT[] = "DeInitLumoraModule";
+
 // ids is sorted: the first position whose ID is not one more than the position is free.
 unsigned int LowestFreeId(const std::vector<unsigned int>& ids) {
     unsigned int id = 1;
@@ -93,13 +95,13 @@ LumoraClientModule::LumoraClientModule(const std::string& devType) : mDevService
 
 LumoraClientModule::~LumoraClientModule() {
     LUMORA_TRACE("Enter\n");
-    // Whoever comes late must find nobody: an event, or a frame when the last stop failed half-way.
+    // Unregister first: a late event, or a frame after a failed stop, must not reach a dying object.
     lumora::SmartHomeLinkHybird::WithdrawNotifyCallback(this);
     if (mTransManager != nullptr) {
         mTransManager->StopTransports();
     }
-    mServiceDevMap.clear();
-    mClientManagerMap.clear();
+    mDevices.ClearDevices();
+    mClients.Clear();
     mTransportMap.clear();
     mSmartHomeLink.reset();
     mDevDescriptor.reset();
@@ -114,13 +116,9 @@ int LumoraClientModule::InitLumoraModule(int clientID) {
         return -1;
     }
     const MutexLock lock(mMutex);
-    if (FindClient(clientID) == nullptr) {
-        auto client = lumora::MakeSharedOrNull<LumoraClientManager>();
-        if (client == nullptr) {
-            LUMORA_ERROR("new memory error!\n");
-            return -1;
-        }
-        mClientManagerMap[static_cast<unsigned int>(clientID)] = std::move(client);
+    if (!mClients.Add(clientID)) {
+        LUMORA_ERROR("new memory error!\n");
+        return -1;
     }
     if (mIsRunning) {
         LUMORA_WARNING("Lumora Module has been initiliazed!\n");
@@ -211,14 +209,13 @@ int LumoraClientModule::DeInitLumoraModule(int clientID, unsigned int* clientNum
     return 0;
 }
 
+// Waits for a callback in progress, so that none comes after its client has ended.
 int LumoraClientModule::RemoveClient(int clientID) {
     const MutexLock delivery(mDeliveryMutex);
-    const MutexLock lock(mMutex);
-    if (mClientManagerMap.erase(static_cast<unsigned int>(clientID)) == 0) {
-        LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
+    if (!mClients.Remove(clientID)) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, DEINIT, "ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    mDeviceEventMap.erase(clientID);
     return 0;
 }
 
@@ -227,7 +224,7 @@ int LumoraClientModule::ReleaseClientId(int clientID, unsigned int* clientNum) {
     const auto found =
         std::find(mClientInstance->begin(), mClientInstance->end(), static_cast<unsigned int>(clientID));
     if (found == mClientInstance->end()) {
-        LUMORA_ERROR("No such CLientID : %d!!\n", clientID);
+        LUMORA_LOG_AS(lumora::LOG_ERROR, DEINIT, "No such CLientID : %d!!\n", clientID);
         return -1;
     }
     mClientInstance->erase(found);
@@ -236,14 +233,15 @@ int LumoraClientModule::ReleaseClientId(int clientID, unsigned int* clientNum) {
 }
 
 void LumoraClientModule::ReleaseResources() {
+    SearchResult former;  // released without the lock: freeing a device calls the platform
     std::shared_ptr<LumoraTransManager> transport;
     {
         const MutexLock lock(mMutex);
-        mHandleServiceMap.clear();
-        mDeviceEventMap.clear();
-        mServiceDevMap.clear();
+        mDevices.ClearHandles();
+        mClients.ClearDeviceCallbacks();
+        mDevices.Replace(former);
         transport.swap(mTransManager);
-        LUMORA_DETAIL("will unlock\n");
+        LUMORA_LOG_AS(lumora::LOG_DETAIL, DEINIT, "will unlock\n");
     }
     // The receive thread that this joins may be waiting for mMutex.
     if (transport != nullptr) {
@@ -257,20 +255,12 @@ int LumoraClientModule::RegisterEvent(int clientID, LUM_EVENT_CALLBACK callback)
         LUMORA_ERROR("callback is null!\n");
         return -1;
     }
-    const MutexLock lock(mMutex);
-    LumoraClientManager* client = FindClient(clientID);
-    if (client == nullptr) {
+    if (!mClients.SetEventCallback(clientID, callback)) {
         LUMORA_ERROR("ClientID : %d no resource!!\n", clientID);
         return -1;
     }
-    client->eventCallback = callback;
     LUMORA_TRACE("Out\n");
     return 0;
-}
-
-LumoraClientManager* LumoraClientModule::FindClient(int clientID) {
-    const auto found = mClientManagerMap.find(static_cast<unsigned int>(clientID));
-    return found != mClientManagerMap.end() ? found->second.get() : nullptr;
 }
 
 }  // namespace lumoraAiModule

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -9,12 +10,13 @@
 
 #include "base/mutex.h"
 #include "base/never_destroyed.h"
+#include "client/client_registry.h"
+#include "client/remote_devices.h"
 #include "link/callbacks.h"
 #include "link/link_device.h"
 #include "link/lumora_ai_descriptor.h"
 #include "link/smart_home_link.h"
 #include "lumora.h"
-#include "protocol/data_frame.h"
 #include "transport/frame_buffer.h"
 #include "transport/transport_manager.h"
 
@@ -22,12 +24,6 @@ namespace lumoraAiModule {
 
 // The port of the data channel: the device listens on it, the client on the next one.
 extern int g_mDataPort;
-
-// One application client.
-struct LumoraClientManager {
-    LUM_EVENT_CALLBACK eventCallback = nullptr;
-    unsigned int connectedHandle = 0;  // 0 when not connected
-};
 
 // One request to send a block of data. Owns nothing.
 struct SendDataInfo {
@@ -39,11 +35,17 @@ struct SendDataInfo {
     unsigned int timeoutMs;
 };
 
-// Shared by up to 20 application clients. Holds the link to the network, the devices that were found, the
-// handles that were given out for them, and the data channel.
+// Shared by up to 20 application clients. Holds the link to the network, the clients, the devices that were
+// found with the handles that were given out for them, and the data channel.
 //
-// Operations return 0 or -1 and log their failures. Those without another word take mMutex, and hold it also
-// while they ask a device. Application callbacks run under mDeliveryMutex, and must not call back.
+// Operations return 0 or -1 and log their failures. No lock of the module is held while an operation waits
+// for a device, for a socket or for a thread: it looks up what it needs under mMutex, lets go, and looks
+// again before it keeps a result, because the device may have left meanwhile. Application callbacks run under
+// mDeliveryMutex alone and must not call back.
+//
+// Order of locks: client API mutex, then mDeliveryMutex, then mMutex, then the leaf locks (mInstanceMutex,
+// the registry's). Delivery takes mDeliveryMutex and the registry's lock only, so it never waits for an
+// operation.
 class LumoraClientModule : public LumoraTransCallback, public LumoraNotifyCallback {
 public:
     explicit LumoraClientModule(const std::string& devType);
@@ -89,64 +91,61 @@ public:
     int OnDisconnect(unsigned int handle) override;
 
 private:
-    friend struct ClientModuleProbe;  // tests reach through it what no device can make happen
+    friend struct ClientModuleProbe;  // test access to states that no device can cause
 
     int InitializeCoapService() REQUIRES(mMutex);
     int StartCoapService() REQUIRES(mMutex);
-    int CloseCoapService();
-    int RemoveClient(int clientID);
+    int CloseCoapService() EXCLUDES(mMutex);
+    int RemoveClient(int clientID) EXCLUDES(mDeliveryMutex);
     static int ReleaseClientId(int clientID, unsigned int* clientNum);
-    void ReleaseResources();
+    void ReleaseResources() EXCLUDES(mMutex);
     // The caller holds the client API mutex, under which alone the IDs change.
     static bool IsClientInstance(int clientID) NO_THREAD_SAFETY_ANALYSIS;
     static std::vector<unsigned int> ClientInstances();
 
-    int StoreRemoteServiceInfo(std::string& remoteInfo, std::shared_ptr<lumora::LinkDevice> device,
-                               LUM_DEVICE_INFO_S* devInfo) REQUIRES(mMutex);
-    int InsertServiceDevMap(std::string& serviceType, std::shared_ptr<lumora::LinkDevice> device)
-        REQUIRES(mMutex);
-    void TellDeviceRemoved(unsigned int handle) REQUIRES(mDeliveryMutex, mMutex);
+    void AskForServices(const std::list<std::shared_ptr<lumora::LinkDevice>>& devices, SearchResult& result,
+                        LUM_DEVICES_INFO_S& devsInfo) EXCLUDES(mMutex);
+    void NotifyDeviceRemoved(unsigned int handle) REQUIRES(mDeliveryMutex) EXCLUDES(mMutex);
 
-    // A device as its handle leads to it, as long as mMutex is held. Both are null when the handle is
-    // unknown, device alone when the handle's device is gone.
-    struct ResolvedHandle {
-        const std::string* serviceType = nullptr;
-        lumora::LinkDevice* device = nullptr;
+    RemoteDevices::Resolved Resolve(unsigned int handle) EXCLUDES(mMutex);
+
+    int SetupTransport(unsigned int handle) EXCLUDES(mMutex);
+    int AnnounceClient(int clientID, unsigned int handle, lumora::LinkDevice& device) EXCLUDES(mMutex);
+    std::shared_ptr<LumoraTransManager> NewTransport(unsigned int handle) EXCLUDES(mMutex);
+    int OpenDataChannel(LumoraTransManager& transport, lumora::LinkDevice& device) EXCLUDES(mMutex);
+    int KeepTransport(unsigned int handle, const std::shared_ptr<LumoraTransManager>& transport,
+                      const std::shared_ptr<lumora::LinkDevice>& device) EXCLUDES(mMutex);
+    // Stops the module's current transport and forgets it.
+    void DropTransport() EXCLUDES(mMutex);
+    std::shared_ptr<LumoraTransManager> CurrentTransport() EXCLUDES(mMutex);
+    // What a send needs, looked up in one step.
+    struct SendPath {
+        bool isHandle = false;
+        bool hasDevice = false;
+        std::shared_ptr<LumoraTransManager> transport;  // null when no channel is open
     };
-    ResolvedHandle ResolveHandle(unsigned int handle) REQUIRES(mMutex);
-    // For those who let mMutex go meanwhile. The handle's device is known.
-    std::shared_ptr<lumora::LinkDevice> HoldDevice(unsigned int handle) REQUIRES(mMutex);
-    LumoraClientManager* FindClient(int clientID) REQUIRES(mMutex);
-
-    int SetupTransport(unsigned int handle) REQUIRES(mMutex);
-    int OpenDataChannel(lumora::LinkDevice& device) REQUIRES(mMutex);
-    int AnnounceClient(int clientID, unsigned int handle, lumora::LinkDevice& device) REQUIRES(mMutex);
-    // These two let mMutex go while the transport stops.
-    void StopCurrentTransport() REQUIRES(mMutex);
-    void DropTransport() REQUIRES(mMutex);
+    SendPath FindSendPath(unsigned int handle) EXCLUDES(mMutex);
     static int WaitUntilFree(lumora::LinkDevice& device);
     static int BuildClientFrame(int clientID, const SendDataInfo& info, FrameBuffer& frame);
-    int DeliverToClient(int clientID, const ServerFrame& frame) REQUIRES(mDeliveryMutex);
-    int AddressEvent(int clientID, LUM_DEVICE_EVENT_S& event, LUM_DEVICE_EVENT_CALLBACK& callback);
+    int Deliver(const Recipient& recipient, const ServerFrame& frame) REQUIRES(mDeliveryMutex);
 
-    // Held while the application is called back, so that its callbacks come one at a time and none comes
-    // after its client is gone. Taken before mMutex, which a data callback leaves free: whoever was waiting
-    // for that data can go on at once.
+    // Held while the application is called back, so that callbacks come one at a time and none comes after
+    // its client has ended.
     lumora::Mutex mDeliveryMutex;
-    lumora::Mutex mMutex;
-    std::map<unsigned int, std::shared_ptr<LumoraClientManager>> mClientManagerMap GUARDED_BY(mMutex);
-    std::atomic<bool> mIsRunning{false};  // read by searches before they take the mutex
+    lumora::Mutex mMutex ACQUIRED_AFTER(mDeliveryMutex);
+    ClientRegistry mClients;
+    std::atomic<bool> mIsRunning{false};
     std::string mDevServiceType;
     // Replaced only under the client API mutex and mMutex; either one is enough to use it.
     std::shared_ptr<lumora::SmartHomeLink> mSmartHomeLink;
     std::shared_ptr<LumoraAiDescriptor> mDevDescriptor GUARDED_BY(mMutex);
-    std::map<std::string, std::shared_ptr<lumora::LinkDevice>> mServiceDevMap GUARDED_BY(mMutex);
+    RemoteDevices mDevices GUARDED_BY(mMutex);
     std::shared_ptr<LumoraTransManager> mTransManager GUARDED_BY(mMutex);  // the one set up last
     std::shared_ptr<LumoraTransManagerFactory> mTransFactory GUARDED_BY(mMutex);
-    std::map<int, LUM_DEVICE_EVENT_CALLBACK> mDeviceEventMap GUARDED_BY(mMutex);
-    std::map<unsigned int, std::string> mHandleServiceMap GUARDED_BY(mMutex);
     std::map<unsigned int, std::shared_ptr<LumoraTransManager>> mTransportMap GUARDED_BY(mMutex);
-    std::map<std::string, std::string> mAddrServiceMap GUARDED_BY(mMutex);  // "address:port" to service type
+    // A channel may end while it is still being opened, before it has an entry in mTransportMap.
+    unsigned int mOpeningHandle GUARDED_BY(mMutex) = 0;  // 0 when none is being opened
+    bool mLostWhileOpening GUARDED_BY(mMutex) = false;
 
     // The instance and the client IDs in use, ascending. Changed only under the client API mutex, but also
     // read by threads that do not hold it.

@@ -76,6 +76,7 @@ int LinkDeviceImpl::Send(SendOperation AppResourceProxy::*operation, const std::
     if (mProxy == nullptr) {
         return 0;
     }
+    const MutexLock lock(mRequestMutex);
     return (mProxy->*operation)(mProxy, key.c_str(), value.c_str(),
                                 static_cast<unsigned int>(value.length()));
 }
@@ -107,12 +108,17 @@ int LinkDeviceImpl::Get(const std::string& key, const std::string& value, std::s
         return -1;
     }
     buffer[length] = '\0';
-    const int ret = mProxy->Get(mProxy, key.c_str(), buffer, VALUE_SIZE - 1);
+    const int ret = Ask(key, buffer);
     if (ret == 0) {
         buffer[VALUE_SIZE - 1] = '\0';  // a foreign platform may use the whole capacity
         out = buffer;
     }
     return ret;
+}
+
+int LinkDeviceImpl::Ask(const std::string& key, char* buffer) {
+    const MutexLock lock(mRequestMutex);
+    return mProxy->Get(mProxy, key.c_str(), buffer, VALUE_SIZE - 1);
 }
 
 int LinkDeviceImpl::SetupMediaService(const std::string& request, std::string& out) {

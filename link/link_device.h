@@ -3,12 +3,13 @@
 
 #include <string>
 
+#include "base/mutex.h"
 #include "link_platform.h"
 
 namespace lumora {
 
 // A device that a search found. Requests block until the device has answered or the platform has given up;
-// they return 0 on success. Calls on one object must not overlap.
+// they return 0 on success.
 class LinkDevice {
 public:
     virtual ~LinkDevice() = default;
@@ -26,7 +27,7 @@ public:
     virtual int Port();
 };
 
-// A device behind a proxy of the link platform, which it owns.
+// A device behind a proxy of the link platform, which it owns. Requests to one device wait for each other.
 class LinkDeviceImpl : public LinkDevice {
 public:
     explicit LinkDeviceImpl(AppResourceProxy& proxy);
@@ -46,9 +47,13 @@ public:
 
 private:
     using SendOperation = int (*)(AppResourceProxy*, const char*, const char*, unsigned int);
+    int Ask(const std::string& key, char* buffer);
     int Send(SendOperation AppResourceProxy::*operation, const std::string& key, const std::string& value);
 
     AppResourceProxy* mProxy;
+    // Held over a request, because a platform need not allow two at a time through one proxy. Nothing but
+    // another request to the same device waits for it.
+    Mutex mRequestMutex;
 };
 
 // The request by which a client asks for a data channel; a device tells it apart by this key.

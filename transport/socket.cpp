@@ -8,7 +8,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <system_error>
 #include <utility>
 
@@ -26,9 +28,17 @@ int SetOption(const Descriptor& socket, int level, int name, const Value& value)
     return setsockopt(socket.Number(), level, name, &value, sizeof(value));
 }
 
-// connect goes on after a signal interrupted it; this waits for how it ends.
-int FinishInterruptedConnect(const Descriptor& socket, int seconds) {
-    PauseUntilReady(socket.Number(), POLLOUT, seconds * 1000);
+using Clock = std::chrono::steady_clock;
+
+int MillisecondsUntil(Clock::time_point deadline) {
+    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(rest.count(), 0));
+}
+
+// connect goes on after a signal interrupted it, even with SA_RESTART, because SO_SNDTIMEO is set. This waits
+// for how it ends.
+int FinishInterruptedConnect(const Descriptor& socket, Clock::time_point deadline) {
+    PauseUntilReady(socket.Number(), POLLOUT, MillisecondsUntil(deadline));
     int error = 0;
     socklen_t size = sizeof(error);
     sockaddr_in peer = {};
@@ -84,8 +94,13 @@ void Descriptor::Close() {
 
 Descriptor OpenStreamSocket() { return Descriptor::Adopt(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)); }
 
-Descriptor AcceptConnection(const Descriptor& listenSocket) {
-    return Descriptor::Adopt(accept4(listenSocket.Number(), nullptr, nullptr, SOCK_CLOEXEC));
+Descriptor AcceptConnection(const Descriptor& listenSocket, in_addr& from) {
+    sockaddr_in peer = {};
+    socklen_t size = sizeof(peer);
+    Descriptor connection = Descriptor::Adopt(
+        accept4(listenSocket.Number(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC));
+    from = peer.sin_addr;
+    return connection;
 }
 
 int SetNonBlocking(const Descriptor& socket) {
@@ -96,12 +111,13 @@ int SetNonBlocking(const Descriptor& socket) {
 int SetReuseAddress(const Descriptor& socket) { return SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1); }
 
 int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seconds) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
     SetOption(socket, SOL_SOCKET, SO_SNDTIMEO, timeval{seconds, 0});
     if (connect(socket.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
         return 0;
     }
     if (errno == EINTR) {
-        return FinishInterruptedConnect(socket, seconds);
+        return FinishInterruptedConnect(socket, deadline);
     }
     if (errno == EINPROGRESS) {
         errno = ETIMEDOUT;  // how Linux reports that SO_SNDTIMEO ran out
@@ -123,11 +139,18 @@ void LimitReadWaits(const Descriptor& socket, int microseconds) {
 
 void StopReading(const Descriptor& socket) { shutdown(socket.Number(), SHUT_RD); }
 
-bool HasPeerLeft(const Descriptor& socket) { return PauseUntilReady(socket.Number(), POLLRDHUP, 0); }
+bool HasPeerLeft(const Descriptor& socket, int milliseconds) {
+    return PauseUntilReady(socket.Number(), POLLRDHUP, milliseconds);
+}
 
 bool PauseUntilReady(int fd, short events, int milliseconds) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
     pollfd watched = {fd, events, 0};
-    return poll(&watched, 1, milliseconds) > 0;
+    int ready = poll(&watched, 1, milliseconds);
+    while (ready < 0 && errno == EINTR) {
+        ready = poll(&watched, 1, MillisecondsUntil(deadline));
+    }
+    return ready > 0;
 }
 
 std::string ErrorText(int error) { return std::system_category().message(error); }

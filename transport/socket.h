@@ -31,14 +31,14 @@ private:
 // A new IPv4 stream socket that programs started by this one do not inherit.
 Descriptor OpenStreamSocket();
 
-// A connection from the backlog of a non-blocking listening socket.
-Descriptor AcceptConnection(const Descriptor& listenSocket);
+// A connection from the backlog of a non-blocking listening socket, and the address that it comes from.
+Descriptor AcceptConnection(const Descriptor& listenSocket, in_addr& from);
 
 // 0 or -1 with errno.
 int SetNonBlocking(const Descriptor& socket);
 int SetReuseAddress(const Descriptor& socket);
 
-// Waits until the connection stands, but not for minutes on a peer that has left. 0 or -1 with errno.
+// Waits until the connection stands, at most so long, whatever signals interrupt it. 0 or -1 with errno.
 int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seconds);
 
 // Small frames go out at once instead of waiting for an acknowledgement of the one before, and a peer that
@@ -49,12 +49,15 @@ void TuneConnection(const Descriptor& socket);
 // Best effort.
 void LimitReadWaits(const Descriptor& socket, int microseconds);
 
-// Ends whatever waits for data of the connection, and all reading: the peer notices nothing of it. From then
-// on the connection looks as if the peer had left.
+// Shuts down the read side: a thread that waits for data wakes up, and read() returns 0 from then on, as
+// after a close by the peer. The peer does not notice.
 void StopReading(const Descriptor& socket);
-bool HasPeerLeft(const Descriptor& socket);
+// Whether the peer has closed or reset the connection, or does so within that time. Data that it sent before
+// may still be unread.
+bool HasPeerLeft(const Descriptor& socket, int milliseconds = 0);
 
-// Waits at most so long for one of the events (POLLIN, POLLOUT, POLLRDHUP), and tells whether there is one.
+// Waits at most so long for one of the events (POLLIN, POLLOUT, POLLRDHUP), whatever signals arrive
+// meanwhile, and tells whether there is one.
 bool PauseUntilReady(int fd, short events, int milliseconds);
 
 // What strerror says, without its shared buffer.

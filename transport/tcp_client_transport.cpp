@@ -11,6 +11,10 @@ namespace {
 constexpr unsigned int CLIENT_REASSEMBLY_SIZE =
     MAX_SERVER_FRAME_HEAD_LENGTH + MAX_SERVER_FRAME_PAYLOAD + READ_SIZE;
 
+// What the log calls the operations that the helpers below are pieces of.
+constexpr char CREATE_TRANSPORTS[] = "CreateTransports";
+constexpr char SETUP_RECEIVER_SOCKET[] = "SetupReceiverSocket";
+
 }  // namespace
 
 std::atomic<bool> LumoraTCPTransClient::mLeftOverPending{false};
@@ -22,7 +26,7 @@ int LumoraTCPTransClient::CreateTransports(TransType type, const std::string& ad
                                            LUM_OBSERVER_S&) {
     switch (type) {
         case TransType::CLIENT_RECEIVE:
-            return CreateReceiveDirection(port);
+            return CreateReceiveDirection(addr, port);
         case TransType::CLIENT_SEND:
             return BeginSending(addr, port);
         default:
@@ -30,31 +34,35 @@ int LumoraTCPTransClient::CreateTransports(TransType type, const std::string& ad
     }
 }
 
-int LumoraTCPTransClient::CreateReceiveDirection(int port) {
-    if (BeginReceiving(port) != 0) {
+int LumoraTCPTransClient::CreateReceiveDirection(const std::string& addr, int port) {
+    if (BeginReceiving(addr, port) != 0) {
         return -1;
     }
     if (!mReassembly.Allocate()) {
-        LUMORA_ERROR("new memory failed, low memory!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "new memory failed, low memory!\n");
         return -1;
     }
     if (StartReceiveThread() != 0) {
         return -1;
     }
-    LUMORA_DETAIL("===ClientReceiveThread create succ=========\n");
+    LUMORA_LOG_AS(lumora::LOG_DETAIL, CREATE_TRANSPORTS, "===ClientReceiveThread create succ=========\n");
     return 0;
 }
 
 void LumoraTCPTransClient::LogBindError(int error) {
-    LUMORA_ERROR("bind socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
-    LUMORA_ERROR("will stop transport\n");
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET, "bind socket error: %s(errno: %d)\n",
+                  ErrorText(error).c_str(), error);
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET, "will stop transport\n");
 }
 
-void LumoraTCPTransClient::LogBound(in_port_t) { LUMORA_DETAIL("----bind sucess--will lissten--\n"); }
+void LumoraTCPTransClient::LogBound(in_port_t) {
+    LUMORA_LOG_AS(lumora::LOG_DETAIL, SETUP_RECEIVER_SOCKET, "----bind sucess--will lissten--\n");
+}
 
 void LumoraTCPTransClient::LogListenError(int error) {
-    LUMORA_ERROR("listen socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
-    LUMORA_ERROR("will stop transport\n");
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET, "listen socket error: %s(errno: %d)\n",
+                  ErrorText(error).c_str(), error);
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET, "will stop transport\n");
 }
 
 void LumoraTCPTransClient::ClientReceiveThread() {
@@ -66,19 +74,19 @@ void LumoraTCPTransClient::ClientReceiveThread() {
 
 bool LumoraTCPTransClient::OnReceived(char* data, unsigned int length) {
     if (ParseAndSendData(data, length) != 0) {
-        LUMORA_ERROR("ParseAndSendData failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "ParseAndSendData failed!\n");
         return false;
     }
     return true;
 }
 
 bool LumoraTCPTransClient::OnReceiveTimeout() {
-    LUMORA_ERROR("Recv Data timeout error.\n");
+    LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "Recv Data timeout error.\n");
     return true;
 }
 
-void LumoraTCPTransClient::OnConnectionLost() {
-    ClearRunning();
+void LumoraTCPTransClient::OnConnectionLost(int) {
+    mRunning = false;
     mBroken = true;
     mCallback.OnDisconnect(mHandle);
 }
@@ -149,7 +157,8 @@ int LumoraTCPTransClient::SendData(const void* data, unsigned int length, unsign
 }
 
 void LumoraTCPTransClient::LogWriteError(int error) {
-    LUMORA_ERROR("write failed error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(), error);
+    LUMORA_LOG_AS(lumora::LOG_ERROR, "SendData", "write failed error: %s(errno: %d), will stop transport\n",
+                  ErrorText(error).c_str(), error);
 }
 
 int LumoraTCPTransClient::StopTransports() {
@@ -158,7 +167,7 @@ int LumoraTCPTransClient::StopTransports() {
         const lumora::MutexLock lock(mMutex);
         mStopping = false;
         LUMORA_STATE("The transport will be stopped.\n");
-        ClearRunning();
+        StopReceiving();
         SetSendSocket(nullptr);
         mBroken = false;
     }

@@ -10,13 +10,14 @@ public:
     // callback must outlive the receive thread; handle is passed back in OnDisconnect.
     LumoraTCPTransClient(LumoraTransCallback& callback, unsigned int handle);
 
-    // CLIENT_RECEIVE listens on port, CLIENT_SEND connects to addr and port. The observer is not used.
+    // CLIENT_RECEIVE listens on port for the device at addr, CLIENT_SEND connects to addr and port. The
+    // observer is not used.
     int CreateTransports(TransType type, const std::string& addr, int port,
                          LUM_OBSERVER_S& observer) override;
     int StopTransports() override;
     int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
 
-    // Public for those who check them over bytes alone.
+    // Public for unit tests and fuzzers.
     int ClientParseAndSendData(char* data, unsigned int length, unsigned int& consumed);
     static void ParseDataHead(const char* data, unsigned int& headLen, unsigned int& frameLength);
 
@@ -26,10 +27,11 @@ protected:
     void LogListenError(int error) override;
 
     void ReceiveThread() override { ClientReceiveThread(); }
+    const char* ReceiveThreadName() const override { return "ClientReceiveThread"; }
     void ClientReceiveThread();
     bool OnReceived(char* data, unsigned int length) override;
     bool OnReceiveTimeout() override;
-    void OnConnectionLost() override;
+    void OnConnectionLost(int error) override;
 
     void CutFrames(char* data, unsigned int length, unsigned int& consumed) override;
     unsigned int PendingFrameLength() override;
@@ -40,13 +42,13 @@ protected:
     void LogWriteError(int error) override;
 
 private:
-    int CreateReceiveDirection(int port);
+    int CreateReceiveDirection(const std::string& addr, int port);
 
     static std::atomic<bool> mLeftOverPending;
 
     LumoraTransCallback& mCallback;
     const unsigned int mHandle;
-    std::atomic<bool> mStopping{false};  // somebody waits for mMutex to stop the transport
+    std::atomic<bool> mStopping{false};  // StopTransports waits for mMutex
 };
 
 }  // namespace lumoraAiModule

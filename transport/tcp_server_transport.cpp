@@ -12,6 +12,10 @@ namespace {
 // One maximal frame and one maximal read.
 constexpr unsigned int SERVER_REASSEMBLY_SIZE = MAX_CLIENT_FRAME_PAYLOAD + READ_SIZE;
 
+// What the log calls the operations that the helpers below are pieces of.
+constexpr char CREATE_TRANSPORTS[] = "CreateTransports";
+constexpr char SETUP_RECEIVER_SOCKET[] = "SetupReceiverSocket";
+
 }  // namespace
 
 std::atomic<bool> LumoraTCPTransServer::mLeftOverPending{false};
@@ -22,7 +26,7 @@ int LumoraTCPTransServer::CreateTransports(TransType type, const std::string& ad
                                            LUM_OBSERVER_S& observer) {
     switch (type) {
         case TransType::SERVER_RECEIVE:
-            return CreateReceiveDirection(port, observer);
+            return CreateReceiveDirection(addr, port, observer);
         case TransType::SERVER_SEND:
             return CreateSendDirection(addr, port);
         default:
@@ -30,25 +34,26 @@ int LumoraTCPTransServer::CreateTransports(TransType type, const std::string& ad
     }
 }
 
-int LumoraTCPTransServer::CreateReceiveDirection(int port, const LUM_OBSERVER_S& observer) {
-    if (BeginReceiving(port) != 0) {
+int LumoraTCPTransServer::CreateReceiveDirection(const std::string& addr, int port,
+                                                 const LUM_OBSERVER_S& observer) {
+    if (BeginReceiving(addr, port) != 0) {
         return -1;
     }
     SetObserver(observer);
     if (!mReassembly.Allocate()) {
-        LUMORA_ERROR("new memory failed, low memory!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "new memory failed, low memory!\n");
         return -1;
     }
     // Everything before the spare bytes is written before it is read: zeroing it would only cost memory.
     if (memset_s(mReassembly.Spare(), FRAME_SPARE_LENGTH, 0, FRAME_SPARE_LENGTH) != 0) {
-        LUMORA_ERROR("memset_s failed\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "memset_s failed\n");
         mReassembly.Release();
         return -1;
     }
     if (StartReceiveThread() != 0) {
         return -1;
     }
-    LUMORA_STATE("Start reveived thread success in server.\n");
+    LUMORA_LOG_AS(lumora::LOG_STATE, CREATE_TRANSPORTS, "Start reveived thread success in server.\n");
     return 0;
 }
 
@@ -61,17 +66,20 @@ int LumoraTCPTransServer::CreateSendDirection(const std::string& addr, int port)
 }
 
 void LumoraTCPTransServer::LogBindError(int error) {
-    LUMORA_ERROR("bind socket error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(), error);
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET,
+                  "bind socket error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(), error);
 }
 
 // The port is logged as it stands in the socket address.
 void LumoraTCPTransServer::LogBound(in_port_t networkPort) {
-    LUMORA_STATE("After bind socket success, start to listen at port %d.\n", static_cast<int>(networkPort));
+    LUMORA_LOG_AS(lumora::LOG_STATE, SETUP_RECEIVER_SOCKET,
+                  "After bind socket success, start to listen at port %d.\n", static_cast<int>(networkPort));
 }
 
 void LumoraTCPTransServer::LogListenError(int error) {
-    LUMORA_ERROR("listen socket error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(),
-                 error);
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET,
+                  "listen socket error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(),
+                  error);
 }
 
 void LumoraTCPTransServer::ServerReceiveThread() {
@@ -95,14 +103,15 @@ bool LumoraTCPTransServer::OnReceived(char* data, unsigned int length) {
 }
 
 bool LumoraTCPTransServer::OnReceiveTimeout() {
-    LUMORA_ERROR("Recv Data timeout error, will exit.\n");
+    LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "Recv Data timeout error, will exit.\n");
     return false;
 }
 
-// Nobody is told: the next SendData shows it.
-void LumoraTCPTransServer::OnConnectionLost() {
-    ClearRunning();
-    mBroken = true;
+// The application is not told: its next SendData shows it. After an orderly close that writes nothing and
+// reports 0 bytes, after an error it fails.
+void LumoraTCPTransServer::OnConnectionLost(int error) {
+    mRunning = false;
+    mBroken = mBroken || error != 0;
     mWouldBlockReads = 0;
 }
 
@@ -179,13 +188,14 @@ int LumoraTCPTransServer::SendData(const void* data, unsigned int length, unsign
 }
 
 void LumoraTCPTransServer::LogWriteError(int error) {
-    LUMORA_ERROR("write failed error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
-    LUMORA_ERROR("SendData will stop transport\n");
+    LUMORA_LOG_AS(lumora::LOG_ERROR, "SendData", "write failed error: %s(errno: %d)\n",
+                  ErrorText(error).c_str(), error);
+    LUMORA_LOG_AS(lumora::LOG_ERROR, "SendData", "SendData will stop transport\n");
 }
 
 int LumoraTCPTransServer::StopTransports() {
     LUMORA_DETAIL("will stop transport\n");
-    ClearRunning();  // before the mutex: a send in progress stops at its next pass
+    StopReceiving();  // before the mutex: a send in progress stops at its next pass
     {
         const lumora::MutexLock lock(mMutex);
         if (SendSocket() != nullptr) {

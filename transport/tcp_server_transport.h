@@ -9,14 +9,14 @@ class LumoraTCPTransServer : public TcpTransport {
 public:
     LumoraTCPTransServer();
 
-    // SERVER_RECEIVE listens on port and hands payloads to the observer's OnData, of which it keeps a copy;
-    // SERVER_SEND connects to addr and port.
+    // SERVER_RECEIVE listens on port for the client at addr and hands payloads to the observer's OnData, of
+    // which it keeps a copy; SERVER_SEND connects to addr and port.
     int CreateTransports(TransType type, const std::string& addr, int port,
                          LUM_OBSERVER_S& observer) override;
     int StopTransports() override;
     int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
 
-    // Public for those who check them over bytes alone.
+    // Public for unit tests and fuzzers.
     int ServerParseAndSendData(char* data, unsigned int length, unsigned int& consumed);
     static void ParseDataHead(const char* data, unsigned int length, int* clientID,
                               unsigned int* payloadLength);
@@ -28,10 +28,11 @@ protected:
     void LogListenError(int error) override;
 
     void ReceiveThread() override { ServerReceiveThread(); }
+    const char* ReceiveThreadName() const override { return "ServerReceiveThread"; }
     void ServerReceiveThread();
     bool OnReceived(char* data, unsigned int length) override;
     bool OnReceiveTimeout() override;
-    void OnConnectionLost() override;
+    void OnConnectionLost(int error) override;
 
     void CutFrames(char* data, unsigned int length, unsigned int& consumed) override;
     unsigned int PendingFrameLength() override;
@@ -43,7 +44,7 @@ protected:
     void LogWriteError(int error) override;
 
 private:
-    int CreateReceiveDirection(int port, const LUM_OBSERVER_S& observer);
+    int CreateReceiveDirection(const std::string& addr, int port, const LUM_OBSERVER_S& observer);
     int CreateSendDirection(const std::string& addr, int port);
 
     static std::atomic<bool> mLeftOverPending;

@@ -23,11 +23,19 @@ namespace lumoraAiModule {
 namespace {
 
 constexpr int LISTEN_BACKLOG = 10;
-constexpr int CONNECT_LIMIT_SECONDS = 5;
+// The kernel sends the third SYN after 7 s: a connect survives two lost ones.
+constexpr int CONNECT_LIMIT_SECONDS = 8;
 constexpr int RECEIVE_WAIT_US = 500000;
+constexpr int RECEIVE_WAIT_MS = RECEIVE_WAIT_US / 1000;
 constexpr int ACCEPT_PAUSE_MS = 2;
 constexpr int WOULD_BLOCK_PAUSE_MS = 1;
 constexpr unsigned int WOULD_BLOCK_LIMIT = 500;
+
+// What the log calls the operations that the helpers below are pieces of.
+constexpr char CREATE_TRANSPORTS[] = "CreateTransports";
+constexpr char SETUP_RECEIVER_SOCKET[] = "SetupReceiverSocket";
+constexpr char SETUP_SENDER_SOCKET[] = "SetupSenderSocket";
+constexpr char SEND_DATA[] = "SendData";
 
 // Threads inherit the signal mask of their creator. The application's signals belong to its own threads.
 class AllSignalsBlocked {
@@ -65,7 +73,7 @@ TcpTransport::~TcpTransport() {
 
 int TcpTransport::DestoryTransports() {
     SetSendSocket(nullptr);
-    ClearRunning();
+    mRunning = false;
     mBroken = false;
     return 0;
 }
@@ -78,13 +86,19 @@ int TcpTransport::GetTransStatus(LUM_TRANSPORT_STATUS_E& status) {
 
 // ---- Setting up ----
 
-int TcpTransport::BeginReceiving(int port) {
-    ClearRunning();
+int TcpTransport::BeginReceiving(const std::string& addr, int port) {
+    StopReceiving();
     JoinReceiveThread();  // of a receive direction that was created before
+    {
+        const lumora::MutexLock lock(mReceiveSocketMutex);
+        mStopped = false;
+        mPeerHadLeft = false;
+    }
+    mExpectedPeer = ExpectedPeer(addr);
     mRunning = true;
     int error = 0;
     if (SetupReceiverSocket(port, mListenSocket, error) != 0) {
-        LUMORA_ERROR("SetupSocket error: %d\n", error);
+        LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "SetupSocket error: %d\n", error);
         return -1;
     }
     return 0;
@@ -93,7 +107,7 @@ int TcpTransport::BeginReceiving(int port) {
 int TcpTransport::BeginSending(const std::string& addr, int port) {
     int error = 0;
     if (SetupSenderSocket(port, addr, error) != 0) {
-        LUMORA_ERROR("SetupSocket error: %d\n", error);
+        LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "SetupSocket error: %d\n", error);
         return -1;
     }
     return 0;
@@ -110,7 +124,7 @@ int TcpTransport::SetupReceiverSocket(int port, Descriptor& listenSocket, int& e
     LUMORA_DETAIL("set non-blocking socket Succ, port = : %d\n", port);
 
     sockaddr_in address;
-    if (FillAddress(port, address) != 0) {
+    if (FillAddress(SETUP_RECEIVER_SOCKET, port, address) != 0) {
         return -1;
     }
     if (SetReuseAddress(socket) != 0) {
@@ -125,10 +139,10 @@ int TcpTransport::SetupReceiverSocket(int port, Descriptor& listenSocket, int& e
     return 0;
 }
 
-// Any local address, until another one is put in.
-int TcpTransport::FillAddress(int port, sockaddr_in& address) {
+// Fills in INADDR_ANY; callers that connect overwrite it.
+int TcpTransport::FillAddress(const char* operation, int port, sockaddr_in& address) {
     if (memset_s(&address, sizeof(address), 0, sizeof(address)) != 0) {
-        LUMORA_ERROR("memset_s failed\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "memset_s failed\n");
         return -1;
     }
     address.sin_family = AF_INET;
@@ -160,7 +174,7 @@ int TcpTransport::SetupSenderSocket(int port, const std::string& addr, int& erro
         return -1;
     }
     sockaddr_in address;
-    if (FillAddress(port, address) != 0) {
+    if (FillAddress(SETUP_SENDER_SOCKET, port, address) != 0) {
         return -1;
     }
     LUMORA_DETAIL("addr: %s\n", addr.c_str());
@@ -190,7 +204,8 @@ int TcpTransport::StartReceiveThread() {
             self->mReceiveThreadId = std::thread::id();
         });
     } catch (const std::system_error& failure) {
-        LUMORA_ERROR("create receive thread error: %s\n", failure.what());
+        LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "create receive thread error: %s\n",
+                      failure.what());
         mRunning = false;
         CloseSocket();
         return -1;
@@ -202,7 +217,7 @@ int TcpTransport::StartReceiveThread() {
 
 bool TcpTransport::AllocateReadBuffer(FrameBuffer& readBuffer) {
     if (!readBuffer.AllocatePages(READ_SIZE + FRAME_SPARE_LENGTH)) {
-        LUMORA_ERROR("new memory failed, low memory!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "new memory failed, low memory!\n");
         return false;
     }
     return true;
@@ -212,27 +227,33 @@ bool TcpTransport::AcceptAndReceive(FrameBuffer& readBuffer) {
     if (WaitForConnect(mReceiveSocket, mListenSocket) != 0) {
         CloseSocket();
         readBuffer.Release();
-        LUMORA_ERROR("WaitForConnect failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "WaitForConnect failed!\n");
         return false;
     }
     ReceiveLoop(readBuffer.Bytes());
     readBuffer.Release();
     CloseSocket();
-    ClearRunning();
+    mRunning = false;
     return true;
 }
 
 int TcpTransport::WaitForConnect(Descriptor& receiveSocket, const Descriptor& listenSocket) {
+    mExpectedPeer.Begin(ExpectedPeer::Clock::now());
     while (mRunning) {
-        Descriptor connection = AcceptConnection(listenSocket);
+        in_addr from = {};
+        Descriptor accepted = AcceptConnection(listenSocket, from);
+        const bool isAccepted = accepted.IsOpen();
         const int error = errno;
+        Descriptor connection = mExpectedPeer.Choose(std::move(accepted), from, ExpectedPeer::Clock::now());
         if (connection.IsOpen()) {
             TuneConnection(connection);
             LimitReadWaits(connection, RECEIVE_WAIT_US);
             const lumora::MutexLock lock(mReceiveSocketMutex);
             receiveSocket = std::move(connection);
-            mPeerHadLeft = false;
             return 0;
+        }
+        if (isAccepted) {  // from elsewhere: the expected one may be right behind it
+            continue;
         }
         if (error != EAGAIN) {
             LUMORA_ERROR("accept socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
@@ -244,8 +265,8 @@ int TcpTransport::WaitForConnect(Descriptor& receiveSocket, const Descriptor& li
     return 0;
 }
 
-// While data come, the read waits for them itself: one system call for each piece instead of two, and the way
-// from the peer to a callback is that much shorter.
+// While data keeps arriving, the thread blocks in read() (SO_RCVTIMEO) instead of select() and read(): one
+// system call less for each piece.
 void TcpTransport::ReceiveLoop(char* readBuffer) {
     mWouldBlockReads = 0;
     bool dataCome = false;
@@ -263,6 +284,9 @@ void TcpTransport::ReceiveLoop(char* readBuffer) {
             dataCome = true;
             if (!OnReceived(data, static_cast<unsigned int>(count))) {
                 return;
+            }
+            if (!mRunning) {
+                LookForLostPeer();
             }
             continue;
         }
@@ -284,28 +308,40 @@ TcpTransport::Readiness TcpTransport::WaitUntilReadable() {
     timeval timeout = {0, RECEIVE_WAIT_US};
     const int ret = select(mReceiveSocket.Number() + 1, &readable, nullptr, nullptr, &timeout);
     if (ret < 0) {
-        LUMORA_ERROR("select error, ret = %d(%s)\n", ret, ErrorText(errno).c_str());
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "select error, ret = %d(%s)\n", ret,
+                      ErrorText(errno).c_str());
         return Readiness::FAILED;
     }
     return ret > 0 ? Readiness::READABLE : Readiness::NOT_YET;
 }
 
 ssize_t TcpTransport::ReadSome(char* readBuffer, char*& data) {
-    // The rest of a pending frame goes straight to where it is needed when there is room for a whole read.
-    const bool continues = LeftOverPending() && mReassembly.Room() >= READ_SIZE;
+    // The rest of a pending frame is read straight to where it is needed, and never more than there is room
+    // for: a frame of the largest size fits, a frame and a whole read might not.
+    const bool continues = LeftOverPending() && mReassembly.Room() > 0;
     data = continues ? mReassembly.End() : readBuffer;
+    const unsigned int most = continues ? std::min(mReassembly.Room(), READ_SIZE) : READ_SIZE;
     errno = 0;  // the end of the stream leaves it alone, and must not look like a read that would block
-    const ssize_t count = read(mReceiveSocket.Number(), data, READ_SIZE);
+    const ssize_t count = read(mReceiveSocket.Number(), data, most);
     if (count > 0) {
         std::memset(data + count, 0, FRAME_SPARE_LENGTH);
     }
     return count;
 }
 
-// A stop ends the reading just as a peer does that leaves.
+// After StopReading, read() returns 0, exactly as after a close by the peer; mPeerHadLeft tells them apart.
 bool TcpTransport::HasBeenStopped() {
     const lumora::MutexLock lock(mReceiveSocketMutex);
-    return !mRunning && !mPeerHadLeft;
+    return mStopped && !mPeerHadLeft;
+}
+
+// A send failed while a callback ran, so the loop ends without another read. When the peer has died, the
+// close of this connection arrives a little before or after the error of the other one: look as long as one
+// more wait would have taken, or a client would never learn of it. A stop ends the look.
+void TcpTransport::LookForLostPeer() {
+    if (HasPeerLeft(mReceiveSocket, RECEIVE_WAIT_MS) && !HasBeenStopped()) {
+        OnConnectionLost(0);
+    }
 }
 
 bool TcpTransport::OnNothingRead(int error) {
@@ -318,7 +354,7 @@ bool TcpTransport::OnNothingRead(int error) {
             return false;
         }
     }
-    OnConnectionLost();
+    OnConnectionLost(error);
     return true;
 }
 
@@ -379,7 +415,7 @@ int TcpTransport::WriteAll(const std::shared_ptr<Descriptor>& socket, const char
             const int error = errno;
             if (!WouldBlock(error)) {
                 LogWriteError(error);
-                ClearRunning();
+                mRunning = false;
                 SetSendSocket(nullptr);
                 return -1;
             }
@@ -399,9 +435,10 @@ bool TcpTransport::PauseBeforeNextWrite(const Descriptor& socket, int error, uns
     if (wouldBlockWrites++ <= WOULD_BLOCK_LIMIT) {
         return true;
     }
-    LUMORA_ERROR("SendData timeout: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "SendData timeout: %s(errno: %d)\n", ErrorText(error).c_str(),
+                  error);
     mBroken = true;
-    ClearRunning();
+    mRunning = false;
     SetSendSocket(nullptr);
     return false;
 }
@@ -424,9 +461,10 @@ void TcpTransport::SetSendSocket(std::shared_ptr<Descriptor> socket) {
 
 // ---- Stopping ----
 
-void TcpTransport::ClearRunning() {
+void TcpTransport::StopReceiving() {
     const lumora::MutexLock lock(mReceiveSocketMutex);
-    if (mRunning.exchange(false) && mReceiveSocket.IsOpen()) {
+    mRunning = false;
+    if (!std::exchange(mStopped, true) && mReceiveSocket.IsOpen()) {
         mPeerHadLeft = HasPeerLeft(mReceiveSocket);
         StopReading(mReceiveSocket);
     }
@@ -438,7 +476,7 @@ void TcpTransport::JoinReceiveThread() {
     }
     const lumora::MutexLock lock(mThreadMutex);
     if (mReceiveThread.joinable()) {
-        LUMORA_DETAIL("joinable will join.\n");
+        LUMORA_LOG_AS(lumora::LOG_DETAIL, "StopTransports", "joinable will join.\n");
         mReceiveThread.join();
     }
     CloseSocket();

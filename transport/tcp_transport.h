@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "base/mutex.h"
+#include "transport/expected_peer.h"
 #include "transport/frame_buffer.h"
 #include "transport/reassembly.h"
 #include "transport/socket.h"
@@ -35,8 +36,9 @@ public:
 protected:
     explicit TcpTransport(unsigned int reassemblyCapacity) : mReassembly(reassemblyCapacity) {}
 
-    // Setting up. 0 or -1; error receives the errno of the step that failed, 0 where there is none.
-    int BeginReceiving(int port);
+    // Setting up. 0 or -1; error receives the errno of the step that failed, 0 if it has none. The peer is
+    // expected to connect from addr, or from anywhere if that is not an address.
+    int BeginReceiving(const std::string& addr, int port);
     int BeginSending(const std::string& addr, int port);
     int SetupReceiverSocket(int port, Descriptor& listenSocket, int& error);
     int SetupSenderSocket(int port, const std::string& addr, int& error);
@@ -47,6 +49,8 @@ protected:
 
     // Receiving, all of it on the receive thread.
     virtual void ReceiveThread() = 0;
+    // The log names the thread's operation by it.
+    virtual const char* ReceiveThreadName() const = 0;
     bool AllocateReadBuffer(FrameBuffer& readBuffer);
     // Waits for the peer, then receives until the transport is stopped or the connection ends. False when
     // no peer could be waited for.
@@ -58,8 +62,8 @@ protected:
     // The budget for reads that would block is spent. True when that counts as a lost connection, false
     // when it just ends the receive loop.
     virtual bool OnReceiveTimeout() = 0;
-    // The peer closed the connection, or it broke.
-    virtual void OnConnectionLost() = 0;
+    // The peer closed the connection (error is 0), or it broke.
+    virtual void OnConnectionLost(int error) = 0;
     void CloseSocket();
 
     // Reassembly, on the receive thread.
@@ -83,7 +87,9 @@ protected:
     void SetSendSocket(std::shared_ptr<Descriptor> socket);
 
     // Stopping.
-    void ClearRunning();
+    // Ends the receive thread and wakes it. A transport that only breaks clears mRunning instead: its thread
+    // then ends when its wait does, after it has seen whether the peer has closed the connection.
+    void StopReceiving();
     // Waits for the receive thread's end, unless this is the receive thread itself, and closes what it used.
     void JoinReceiveThread();
 
@@ -100,13 +106,14 @@ protected:
 private:
     enum class Readiness { READABLE, NOT_YET, FAILED };
 
-    static int FillAddress(int port, sockaddr_in& address);
+    static int FillAddress(const char* operation, int port, sockaddr_in& address);
     int BindAndListen(const Descriptor& socket, const sockaddr_in& address, int& error);
     void ReceiveLoop(char* readBuffer);
     Readiness WaitUntilReadable();
     ssize_t ReadSome(char* readBuffer, char*& data);
     bool HasBeenStopped();
     bool OnNothingRead(int error);
+    void LookForLostPeer();
     bool PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites);
 
     std::atomic<LUM_TRANSPORT_STATUS_E> mTransStatus{LUM_TRANSPORT_STATUS_UNKNOWN};
@@ -118,10 +125,12 @@ private:
     std::thread mReceiveThread GUARDED_BY(mThreadMutex);
     std::atomic<std::thread::id> mReceiveThreadId{std::thread::id()};
 
-    // A leaf lock: who ends the running state wakes the receive thread by its socket, which must not be
-    // closed meanwhile.
+    ExpectedPeer mExpectedPeer;  // set before the receive thread starts, then used by it alone
+
+    // A leaf lock: it keeps mReceiveSocket open while StopReceiving shuts it down.
     lumora::Mutex mReceiveSocketMutex;
-    bool mPeerHadLeft GUARDED_BY(mReceiveSocketMutex) = false;  // when the running state ended
+    bool mStopped GUARDED_BY(mReceiveSocketMutex) = false;
+    bool mPeerHadLeft GUARDED_BY(mReceiveSocketMutex) = false;  // when StopReceiving shut the socket down
 };
 
 }  // namespace lumoraAiModule

@@ -41,18 +41,9 @@ void ForgetCallbacks() {
 
 }  // namespace
 
-int ClientModuleProbe::StoreRemoteServiceInfo(LumoraClientModule& module, std::string info,
-                                              std::shared_ptr<lumora::LinkDevice> device,
-                                              LUM_DEVICE_INFO_S* devInfo) {
+void ClientModuleProbe::EndSearch(LumoraClientModule& module, SearchResult result) {
     const lumora::MutexLock lock(module.mMutex);
-    return module.StoreRemoteServiceInfo(info, std::move(device), devInfo);
-}
-
-std::string ClientModuleProbe::InsertServiceDevMap(LumoraClientModule& module, std::string serviceType,
-                                                   std::shared_ptr<lumora::LinkDevice> device) {
-    const lumora::MutexLock lock(module.mMutex);
-    EXPECT_EQ(0, module.InsertServiceDevMap(serviceType, std::move(device)));
-    return serviceType;
+    module.mDevices.Replace(result);
 }
 
 void ClientModuleProbe::SetTransport(LumoraClientModule& module, unsigned int handle,
@@ -73,7 +64,7 @@ bool ClientModuleProbe::IsLocked(LumoraClientModule& module) {
 }
 
 unsigned int ClientModuleProbe::ConnectedHandle(LumoraClientModule& module, int clientID) {
-    return module.FindClient(clientID)->connectedHandle;
+    return module.mClients.ConnectedHandle(clientID).value();
 }
 
 int FirstCallback(LUM_DEVICE_EVENT_S event) { return Receive(event, "first"); }

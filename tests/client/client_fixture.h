@@ -40,17 +40,14 @@ inline const std::string SETUP = " Get " + SETUP_KEY + R"( {"p":2,"ep":{"addr":"
 // What lies behind the module's operations and cannot be reached through them.
 struct ClientModuleProbe {
     static std::vector<unsigned int> IdsInUse() { return LumoraClientModule::ClientInstances(); }
-    static int StoreRemoteServiceInfo(LumoraClientModule& module, std::string info,
-                                      std::shared_ptr<lumora::LinkDevice> device, LUM_DEVICE_INFO_S* devInfo);
-    static std::string InsertServiceDevMap(LumoraClientModule& module, std::string serviceType,
-                                           std::shared_ptr<lumora::LinkDevice> device);
+    // As if a search had ended with this result.
+    static void EndSearch(LumoraClientModule& module, SearchResult result);
     // Puts a transport in the place of the handle's.
     static void SetTransport(LumoraClientModule& module, unsigned int handle,
                              std::shared_ptr<LumoraTransManager> transport);
     // Whether some thread, the caller included, holds the module's lock.
     static bool IsLocked(LumoraClientModule& module);
-    // Inside callbacks only, which run under the module's lock, or while nothing else runs.
-    static unsigned int ConnectedHandle(LumoraClientModule& module, int clientID) NO_THREAD_SAFETY_ANALYSIS;
+    static unsigned int ConnectedHandle(LumoraClientModule& module, int clientID);
 };
 
 // A transport that does as it is told.

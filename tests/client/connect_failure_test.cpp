@@ -9,6 +9,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 const char* const STOPPING_OLD = "client  Enter StopTransports.\n";
 
@@ -203,7 +204,8 @@ TEST_F(ConnectFailureTest, DeviceThatHangsUpDuringTheSetupIsNotForgotten) {
         EXPECT_TRUE(mLog.WaitFor(0, "handle [1] Enter\n"));
     };
     FailToConnect(camera);
-    EXPECT_THAT(mLog.Texts(4), ElementsAre("SetupMediaService failed\n", "This Handle no transport.\n"));
+    EXPECT_THAT(mLog.Texts(4),
+                UnorderedElementsAre("SetupMediaService failed\n", "This Handle no transport.\n"));
     mResults.clear();
     mDuring[SETUP_KEY] = [&] { mToClient = RawConnection::To(6667); };
     Connect(1, camera);

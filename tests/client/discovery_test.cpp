@@ -175,10 +175,16 @@ TEST_F(DiscoveryTest, NumberThatIsTakenByAnotherTypeIsPassedOver) {
 // With n types known the n-th try is always free.
 TEST_F(DiscoveryTest, NumberingNeedsAsManyTriesAsThereAreTypesAndSucceedsThen) {
     const auto device = std::make_shared<lumora::LinkDevice>();
+    SearchResult result;
     for (const char* taken : {"T", "T1", "T12", "T123"}) {
-        EXPECT_EQ(taken, ClientModuleProbe::InsertServiceDevMap(*mModule, taken, device));
+        std::string serviceType = taken;
+        EXPECT_EQ(0, result.InsertServiceDevMap(serviceType, device));
+        EXPECT_EQ(taken, serviceType);
     }
-    EXPECT_EQ("T1234", ClientModuleProbe::InsertServiceDevMap(*mModule, "T", device));
+    std::string numbered = "T";
+    EXPECT_EQ(0, result.InsertServiceDevMap(numbered, device));
+    EXPECT_EQ("T1234", numbered);
+    ClientModuleProbe::EndSearch(*mModule, std::move(result));
     EXPECT_EQ(1U, Handle(1, "T1234"));
 }
 
@@ -248,13 +254,12 @@ TEST_F(DiscoveryTest, EightServicesAreAccepted) {
     EXPECT_STREQ("s7", mFound.devInfo[0].serviceInfo[7].serviceName);
 }
 
-TEST_F(DiscoveryTest, DeviceIsAskedWithTheModuleLocked) {
+TEST_F(DiscoveryTest, DeviceIsAskedWithoutTheModulesLock) {
     AddDevice("camera");
-    bool locked = false;
+    bool locked = true;
     mDuring["ServiceInfo"] = [&] { locked = ClientModuleProbe::IsLocked(*mModule); };
     EXPECT_EQ(0, Search());
-    EXPECT_TRUE(locked);
-    EXPECT_FALSE(ClientModuleProbe::IsLocked(*mModule));
+    EXPECT_FALSE(locked);
 }
 
 TEST_F(DiscoveryTest, DeviceThatJoinsIsOnlyLogged) {
@@ -338,8 +343,9 @@ INSTANTIATE_TEST_SUITE_P(Discovery, BadReplyTest, testing::ValuesIn(BAD_REPLIES)
 class StoreServiceInfoTest : public DiscoveryTest {
 protected:
     int Store(const std::string& info, LUM_DEVICE_INFO_S* devInfo) {
-        return ClientModuleProbe::StoreRemoteServiceInfo(*mModule, info,
-                                                         std::make_shared<lumora::LinkDevice>(), devInfo);
+        std::string remoteInfo = info;
+        return SearchResult().StoreRemoteServiceInfo(remoteInfo, std::make_shared<lumora::LinkDevice>(),
+                                                     devInfo);
     }
     static std::string DocumentOfLength(std::size_t length) {
         std::string document = R"({"DevServiceType":"camera","ServiceNum":0})";

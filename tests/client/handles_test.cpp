@@ -170,12 +170,12 @@ TEST_F(HandlesTest, EveryResultButZeroIsAFailure) {
     ExpectOnlyError("Post command ERROR ! ret = 0x1f\n");
 }
 
-TEST_F(HandlesTest, DeviceIsToldWithTheModuleLocked) {
+TEST_F(HandlesTest, DeviceIsToldWithoutTheModulesLock) {
     const unsigned int camera = Handle(1, "camera");
-    bool locked = false;
+    bool locked = true;
     mDuring["Destroy"] = [&] { locked = ClientModuleProbe::IsLocked(*mModule); };
     EXPECT_EQ(0, mModule->DestoryAiDevice(1, camera));
-    EXPECT_TRUE(locked);
+    EXPECT_FALSE(locked);
 }
 
 }  // namespace

@@ -91,17 +91,17 @@ TEST_F(RemovalTest, ClientsAreStillConnectedWhileTheyAreTold) {
     EXPECT_EQ(0U, ClientModuleProbe::ConnectedHandle(*mModule, 2));
 }
 
-TEST_F(RemovalTest, ClientsAreToldUnderTheLockAndInsideACallbackScope) {
+TEST_F(RemovalTest, ClientsAreToldWithoutTheModulesLockAndInsideACallbackScope) {
     RegisterForEvents(1);
     Connect(1, Camera());
-    bool locked = false;
+    bool locked = true;
     bool inside = false;
     DuringClientEvents([&](int) {
         locked = ClientModuleProbe::IsLocked(*mModule);
         inside = lumora::CallbackScope::Inside(lumora::Side::CLIENT);
     });
     EXPECT_EQ(0, Remove(5683));
-    EXPECT_TRUE(locked);
+    EXPECT_FALSE(locked);
     EXPECT_TRUE(inside);
     EXPECT_FALSE(lumora::CallbackScope::Inside(lumora::Side::CLIENT));
 }

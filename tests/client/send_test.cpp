@@ -139,12 +139,12 @@ TEST_F(SendCmdTest, DevicesRefusalIsLoggedInHexadecimal) {
     ExpectOnlyError("Post command ERROR ! ret = 0x2a\n");
 }
 
-TEST_F(SendCmdTest, CommandIsSentWithTheModuleLocked) {
+TEST_F(SendCmdTest, CommandIsSentWithoutTheModulesLock) {
     const unsigned int camera = ConnectToCamera();
-    bool locked = false;
+    bool locked = true;
     mDuring["Command"] = [&] { locked = ClientModuleProbe::IsLocked(*mModule); };
     EXPECT_EQ(0, Command(camera, "Hello", ""));
-    EXPECT_TRUE(locked);
+    EXPECT_FALSE(locked);
 }
 
 // ---- SendData ----

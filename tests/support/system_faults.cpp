@@ -109,13 +109,21 @@ bool WaitForData(int fd) {
     return false;
 }
 
-bool TakeFedRead(std::string& piece) {
+// At most size bytes; the rest of the piece is left for the next read. isWhole tells whether nothing is left
+// of it.
+bool TakeFedRead(std::string& piece, std::size_t size, bool& isWhole) {
+    const AllocationFaultsPaused paused;
     const std::lock_guard<std::mutex> lock(g_readMutex);
     if (g_reads.empty()) {
         return false;
     }
-    piece = std::move(g_reads.front());
-    g_reads.pop_front();
+    std::string& front = g_reads.front();
+    piece = front.substr(0, size);
+    front.erase(0, piece.size());
+    isWhole = front.empty();
+    if (isWhole) {
+        g_reads.pop_front();
+    }
     return true;
 }
 
@@ -284,13 +292,13 @@ ssize_t __wrap_read(int fd, void* buffer, size_t size) {
         return -1;
     }
     std::string piece;
+    bool isWhole = false;
     char triggered = 0;
-    if (!lumora_test::TakeFedRead(piece) || __real_read(fd, &triggered, 1) != 1) {
+    if (!lumora_test::TakeFedRead(piece, size, isWhole) || (isWhole && __real_read(fd, &triggered, 1) != 1)) {
         return __real_read(fd, buffer, lumora_test::Limited(SystemCall::READ, size));
     }
-    const size_t count = std::min(size, piece.size());
-    std::memcpy(buffer, piece.data(), count);
-    return static_cast<ssize_t>(count);
+    std::memcpy(buffer, piece.data(), piece.size());
+    return static_cast<ssize_t>(piece.size());
 }
 
 ssize_t __real_send(int, const void*, size_t, int);

@@ -35,8 +35,9 @@ void FailSystemCallInTurns(SystemCall call, int error, int fail, int pass);
 void GiveDescriptorNumber(int number, int times = 1, int passBefore = 0);
 // No single READ or SEND moves more bytes than this.
 void LimitTransfer(SystemCall call, std::size_t bytes);
-// The next reads return these pieces, one each, so that a test knows where the stream is cut. Each of them
-// takes one byte out of the connection: the peer has to send one for every piece.
+// The next reads return these pieces, one each, so that a test knows where the stream is cut. A read that
+// asks for less gets the beginning of its piece, and the next read the rest. Each piece takes one byte out of
+// the connection: the peer has to send one for every piece.
 void FeedReads(std::vector<std::string> pieces);
 // Lets select, and the reads of sockets that are made from now on, wait for data alone: who is not woken by
 // their descriptor waits for ever.

@@ -162,6 +162,49 @@ TEST_F(TcpClientTest, FailedWriteIsNoDisconnect) {
     ExpectNotDisconnected();
 }
 
+// The device has died: the send fails at once, and the close of the other connection comes a moment later.
+TEST_F(TcpClientTest, PeerThatLeavesAfterAFailedWriteDisconnects) {
+    Connect();
+    FailSystemCall(SystemCall::SEND, EPIPE);
+    EXPECT_EQ(-1, Send("payload"));
+    mPeer.Close();
+    EXPECT_TRUE(ThreadExits());
+    EXPECT_EQ(1U, Disconnects().Count());
+    EXPECT_TRUE(mTransport->IsBroken());
+}
+
+TEST_F(TcpClientTest, PeerThatLeavesWhileAFrameIsDeliveredAndAWriteFailsDisconnects) {
+    mSide.OnDelivery([this] {
+        FailSystemCall(SystemCall::SEND, EPIPE);
+        EXPECT_EQ(-1, Send("payload"));
+    });
+    Connect();
+    mPeer.Send(ClientSide::Frame("payload"));
+    EXPECT_TRUE(Eventually([this] { return mSide.Delivered().Count() == 1 && !mTransport->IsRunning(); }));
+    mPeer.Close();
+    EXPECT_TRUE(ThreadExits());
+    EXPECT_EQ(1U, Disconnects().Count());
+}
+
+TEST_F(TcpClientTest, ResetAfterAFailedWriteDisconnects) {
+    Connect();
+    FailSystemCall(SystemCall::SEND, ECONNRESET);
+    EXPECT_EQ(-1, Send("payload"));
+    mPeer.Reset();
+    EXPECT_TRUE(ThreadExits());
+    EXPECT_EQ(1U, Disconnects().Count());
+}
+
+TEST_F(TcpClientTest, StopAfterAFailedWriteEndsTheThreadAtOnceAndIsNoDisconnect) {
+    IgnoreReceiveTimeouts();
+    Connect();
+    FailSystemCall(SystemCall::SEND, EPIPE);
+    EXPECT_EQ(-1, Send("payload"));
+    Stop();
+    EXPECT_TRUE(ThreadExits());
+    EXPECT_EQ(0U, Disconnects().Count());
+}
+
 TEST_F(TcpClientTest, SendTimeOutIsNoDisconnect) {
     Connect();
     FailSystemCall(SystemCall::SEND, EAGAIN, 502);

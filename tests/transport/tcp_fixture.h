@@ -27,6 +27,7 @@ struct ClientSide {
     static constexpr auto OTHER_SEND = lumoraAiModule::TransType::SERVER_SEND;
     static constexpr unsigned int REASSEMBLY_SIZE = 2072676;
     static constexpr char EXIT[] = "The client reveived thread exit.\n";
+    static constexpr bool CLOSE_BREAKS = true;  // whether an orderly close by the peer sets the broken flag
 
     std::shared_ptr<Transport> Make() { return std::make_shared<Transport>(mCallback, HANDLE); }
     // Bytes on the wire, and what they are delivered as.
@@ -50,6 +51,7 @@ struct ServerSide {
     static constexpr auto OTHER_SEND = lumoraAiModule::TransType::CLIENT_SEND;
     static constexpr unsigned int REASSEMBLY_SIZE = 6291462;
     static constexpr char EXIT[] = "The server reveived thread exit.\n";
+    static constexpr bool CLOSE_BREAKS = false;
 
     std::shared_ptr<Transport> Make() { return std::make_shared<Transport>(); }
     static Bytes Frame(const Bytes& payload) { return ClientFrame(3, payload); }

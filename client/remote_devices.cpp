@@ -1,0 +1,155 @@
+#include "client/remote_devices.h"
+
+#include <utility>
+
+#include "base/log.h"
+#include "protocol/control_documents.h"
+#include "securec.h"
+
+namespace lumoraAiModule {
+
+using lumora::LinkDevice;
+
+namespace {
+
+std::string AddressKey(const std::string& addr, int port) { return addr + ":" + std::to_string(port); }
+
+}  // namespace
+
+int SearchResult::StoreRemoteServiceInfo(std::string& remoteInfo, std::shared_ptr<LinkDevice> device,
+                                         LUM_DEVICE_INFO_S* devInfo) {
+    if (devInfo == nullptr) {
+        LUMORA_ERROR("invalid input paramers :devInfo is null!\n");
+        return -1;
+    }
+    if (remoteInfo.empty()) {
+        LUMORA_ERROR("remoteInfo is empty, please check remoteInfo!\n");
+        return -1;
+    }
+    if (remoteInfo.length() > MAX_SERVICE_INFO_LENGTH) {
+        LUMORA_ERROR("remoteInfo is exceed max length!\n");
+        return -1;
+    }
+    LUMORA_STATE("Recveied info[length-%d]: %s.\n", static_cast<int>(remoteInfo.length()),
+                 remoteInfo.c_str());
+    if (ParseServiceInfoString(remoteInfo, devInfo) != 0) {
+        LUMORA_ERROR("ParseServiceInfoString failed!\n");
+        return -1;
+    }
+    std::string serviceType = devInfo->devServiceType;
+    if (InsertServiceDevMap(serviceType, device) != 0) {
+        LUMORA_ERROR("InsertServiceDevMap failed!!\n");
+        return -1;
+    }
+    if (strncpy_s(devInfo->devServiceType, sizeof(devInfo->devServiceType), serviceType.c_str(),
+                  serviceType.length()) != 0) {
+        LUMORA_ERROR("strncpy_s failed!\n");
+        return -1;
+    }
+    return 0;
+}
+
+int SearchResult::InsertServiceDevMap(std::string& serviceType, std::shared_ptr<LinkDevice> device) {
+    // A type that is taken gets a number appended to what it has become so far: T, T1, T12 ...
+    const std::size_t tries = mServiceDevMap.size();
+    for (std::size_t n = 1; n <= tries && mServiceDevMap.count(serviceType) != 0; ++n) {
+        serviceType += std::to_string(n);
+    }
+    if (mServiceDevMap.count(serviceType) == 0) {
+        LUMORA_DETAIL("will Insert ServiceType = %s\n", serviceType.c_str());
+        mServiceDevMap[serviceType] = device;
+    }
+    mAddrServiceMap.emplace(AddressKey(device->Address(), device->Port()), serviceType);
+    return 0;
+}
+
+RemoteDevices::Resolved RemoteDevices::Resolve(unsigned int handle) const {
+    Resolved resolved;
+    const auto type = mHandleServiceMap.find(handle);
+    if (type == mHandleServiceMap.end()) {
+        return resolved;
+    }
+    resolved.isHandle = true;
+    resolved.serviceType = type->second;
+    const auto device = mServiceDevMap.find(type->second);
+    if (device != mServiceDevMap.end()) {
+        resolved.device = device->second;
+    }
+    return resolved;
+}
+
+bool RemoteDevices::HasDevice(unsigned int handle) const {
+    const auto type = mHandleServiceMap.find(handle);
+    return type != mHandleServiceMap.end() && HasType(type->second);
+}
+
+bool RemoteDevices::Leads(unsigned int handle, const std::shared_ptr<LinkDevice>& device) const {
+    return Resolve(handle).device == device;
+}
+
+void RemoteDevices::Replace(SearchResult& result) {
+    for (const std::string& address : mLeftWhileAsking) {
+        const auto left = result.mAddrServiceMap.find(address);
+        if (left != result.mAddrServiceMap.end()) {
+            result.mServiceDevMap.erase(left->second);
+        }
+    }
+    mServiceDevMap.swap(result.mServiceDevMap);
+    mAddrServiceMap.merge(result.mAddrServiceMap);  // an entry that is there already stays
+}
+
+unsigned int RemoteDevices::CreateHandle(const std::string& serviceType, bool& isNew) {
+    unsigned int candidate = 1;
+    auto taken = mHandleServiceMap.find(candidate);
+    while (taken != mHandleServiceMap.end() && taken->second != serviceType) {
+        taken = mHandleServiceMap.find(++candidate);
+    }
+    isNew = taken == mHandleServiceMap.end();
+    if (isNew) {
+        mHandleServiceMap.emplace(candidate, serviceType);
+    }
+    return candidate;
+}
+
+void RemoteDevices::Forget(unsigned int handle) {
+    const auto type = mHandleServiceMap.find(handle);
+    if (type != mHandleServiceMap.end()) {
+        mServiceDevMap.erase(type->second);
+        mHandleServiceMap.erase(type);
+    }
+}
+
+RemoteDevices::Departed RemoteDevices::FindDeparted(const std::string& addr, int port) const {
+    Departed departed;
+    const auto known = mAddrServiceMap.find(AddressKey(addr, port));
+    if (known == mAddrServiceMap.end()) {
+        return departed;
+    }
+    departed.isKnown = true;
+    departed.serviceType = known->second;
+    for (const auto& [handle, serviceType] : mHandleServiceMap) {
+        if (serviceType == departed.serviceType) {
+            departed.handle = handle;
+            break;
+        }
+    }
+    const auto device = mServiceDevMap.find(departed.serviceType);
+    if (device != mServiceDevMap.end()) {
+        departed.device = device->second;
+    }
+    return departed;
+}
+
+void RemoteDevices::Forget(const std::string& addr, int port, const Departed& departed) {
+    mLeftWhileAsking.insert(AddressKey(addr, port));
+    const auto device = mServiceDevMap.find(departed.serviceType);
+    if (device != mServiceDevMap.end() && device->second == departed.device) {
+        mServiceDevMap.erase(device);
+    }
+    const auto type = mHandleServiceMap.find(departed.handle);
+    if (type != mHandleServiceMap.end() && type->second == departed.serviceType) {
+        mHandleServiceMap.erase(type);
+    }
+}
+
+}  // namespace lumoraAiModule
