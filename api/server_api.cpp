@@ -1,6 +1,7 @@
 // The server side's exported functions: checks, messages, and a call of the module.
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <string>
 
 #include "api/api_guard.h"
@@ -13,7 +14,6 @@
 using lumora::ApiLock;
 using lumora::FailedByException;
 using lumora::FromOnData;
-using lumora::LengthUpTo;
 using lumora::NameLength;
 using lumora::Side;
 using lumoraAiModule::LumoraServerModule;
@@ -38,7 +38,7 @@ int LUM_InitServer(const char* devType) try {
     LUMORA_TRACE("Enter\n");
     LOCK_SERVER_API(FromOnData::REFUSED);
     LUMORA_REQUIRE(devType != nullptr, "devType is nullptr.\n");
-    const std::size_t length = LengthUpTo(devType, LUM_MAX_DEV_TYPE_LENGTH);
+    const std::size_t length = std::strlen(devType);
     LUMORA_REQUIRE(length != 0, "devType is empty\n");
     LUMORA_REQUIRE(length <= LUM_MAX_DEV_TYPE_LENGTH,
                    "devType's length = %d ,exceeding the limit length: %d\n", static_cast<int>(length),
@@ -93,7 +93,7 @@ int LUM_SendDataToClient(const char* serviceName, const void* data, unsigned int
     LUMORA_REQUIRE(dataLen <= LUM_MAX_SERVER_DATA_LENGTH,
                    "user data length = %d exceed the max send length = %d.\n", static_cast<int>(dataLen),
                    LUM_MAX_SERVER_DATA_LENGTH);
-    const std::size_t length = LengthUpTo(serviceName, LUM_MAX_SERVICE_NAME_LENGTH);
+    const std::size_t length = std::strlen(serviceName);
     LUMORA_REQUIRE(length != 0, "service name is empty\n");
     LUMORA_REQUIRE(length <= LUM_MAX_SERVICE_NAME_LENGTH, "serviceName's length = %d illegal\n",
                    static_cast<int>(length));

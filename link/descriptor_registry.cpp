@@ -32,7 +32,7 @@ void SetRemoteAddress(LinkDeviceDescriptor::Port& port, const RemoteEndpoint* re
 int CopyReply(const std::string& reply, char* buffer, unsigned int size) {
     const std::size_t length = size > 0 ? std::min<std::size_t>(reply.length(), size - 1) : 0;
     if (size == 0 || (length > 0 && memcpy_s(buffer, size, reply.data(), length) != 0)) {
-        LUMORA_DETAIL("memcpy_s failed\n");
+        LUMORA_LOG_AS(LOG_DETAIL, "DoGET", "memcpy_s failed\n");
         return -1;
     }
     buffer[length] = '\0';
@@ -131,12 +131,12 @@ struct RecordDeleter {
 std::shared_ptr<AppResource> MakeRecord() {
     void* memory = std::malloc(sizeof(AppResource));
     if (memory == nullptr) {
-        LUMORA_DETAIL("malloc Doorbell failure\n");
+        LUMORA_LOG_AS(LOG_DETAIL, "RegisterDeviceDescriptor", "malloc Doorbell failure\n");
         return nullptr;
     }
     std::shared_ptr<AppResource> record(static_cast<AppResource*>(memory), RecordDeleter());
     if (memset_s(record.get(), sizeof(AppResource), 0, sizeof(AppResource)) != 0) {
-        LUMORA_DETAIL("memset_s failed\n");
+        LUMORA_LOG_AS(LOG_DETAIL, "RegisterDeviceDescriptor", "memset_s failed\n");
         return nullptr;
     }
     record->DoGET = DoGET;

@@ -29,6 +29,10 @@ const char* const SETUP_SUCCESS_REPLY = "Succ";
 
 namespace {
 
+// What the log calls the operations that the helpers below are pieces of.
+constexpr char GET_JSON_CMD[] = "GetJsonCmd";
+constexpr char PARSE_JSON_CMD[] = "ParseJsonCmd";
+
 constexpr int LAST_DATA_SOURCE = 1;
 constexpr int LAST_TRANSPORT = LUM_TRANSPORT_RESERVED_5;
 
@@ -40,13 +44,13 @@ std::string ServiceKey(unsigned int index) { return "service" + std::to_string(i
 int AddSubscription(cJSON* root, const LUM_SUBSCRIBE_SERVICE_S& subscription) {
     cJSON* object = lumora::AddJsonObject(root, SUBSCRIBE_COMMAND);
     if (object == nullptr) {
-        LUMORA_ERROR("cJSON_CreateObject failed\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, GET_JSON_CMD, "cJSON_CreateObject failed\n");
         return -1;
     }
     const std::size_t length =
         lumora::NameLength(&subscription, offsetof(LUM_SUBSCRIBE_SERVICE_S, serviceName));
     if (length == 0 || length > LUM_MAX_SERVICE_NAME_LENGTH) {
-        LUMORA_ERROR("ERROR:subscribe serviceName length illegal.\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, GET_JSON_CMD, "ERROR:subscribe serviceName length illegal.\n");
         return -1;
     }
     const std::string serviceName = lumora::NameText(subscription.serviceName);
@@ -54,14 +58,14 @@ int AddSubscription(cJSON* root, const LUM_SUBSCRIBE_SERVICE_S& subscription) {
         return -1;
     }
     if (!IsDataSource(subscription.dataSource)) {
-        LUMORA_ERROR("ERROR:dataSource illegal.\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, GET_JSON_CMD, "ERROR:dataSource illegal.\n");
         return -1;
     }
     if (cJSON_AddNumberToObject(object, "DataSource", subscription.dataSource) == nullptr) {
         return -1;
     }
     if (!IsTransport(subscription.transport)) {
-        LUMORA_ERROR("ERROR:transport illegal.\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, GET_JSON_CMD, "ERROR:transport illegal.\n");
         return -1;
     }
     return cJSON_AddNumberToObject(object, "TrasType", subscription.transport) != nullptr ? 0 : -1;
@@ -70,9 +74,7 @@ int AddSubscription(cJSON* root, const LUM_SUBSCRIBE_SERVICE_S& subscription) {
 // The caller's record may stand at any address: it arrives as text.
 int AddSubscriptionParam(cJSON* root, const char* param) {
     LUM_SUBSCRIBE_SERVICE_S subscription;
-    if (memcpy_s(&subscription, sizeof(subscription), param, sizeof(subscription)) != 0) {
-        return -1;
-    }
+    std::memcpy(&subscription, param, sizeof(subscription));
     return AddSubscription(root, subscription);
 }
 
@@ -148,13 +150,15 @@ int CopyParam(const cJSON* root, const std::string& cmd, CommandParam* param) {
     const std::size_t length = std::strlen(item->valuestring);
     if (cmd == UNSUBSCRIBE_COMMAND) {
         if (strncpy_s(param->subscription.serviceName, LUM_NAME_SIZE, item->valuestring, length) != 0) {
-            LUMORA_ERROR("strncpy_s serviceName failed, len = %d\n", static_cast<int>(length));
+            LUMORA_LOG_AS(lumora::LOG_ERROR, PARSE_JSON_CMD, "strncpy_s serviceName failed, len = %d\n",
+                          static_cast<int>(length));
             return -1;
         }
         return 0;
     }
     if (strncpy_s(param->text, COMMAND_PARAM_SIZE, item->valuestring, length) != 0) {
-        LUMORA_ERROR("strncpy_s param failed, len = %d\n", static_cast<int>(length));
+        LUMORA_LOG_AS(lumora::LOG_ERROR, PARSE_JSON_CMD, "strncpy_s param failed, len = %d\n",
+                      static_cast<int>(length));
         return -1;
     }
     return 0;

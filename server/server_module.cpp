@@ -45,7 +45,7 @@ int LumoraServerModule::DestoryInstance() {
         LUMORA_ERROR("No Lumora instance created, you could not Destroy\n");
         return 0;
     }
-    const std::unique_ptr<LumoraServerModule> instance(std::exchange(mInstance, nullptr));
+    std::unique_ptr<LumoraServerModule>(std::exchange(mInstance, nullptr)).reset();
     LUMORA_TRACE("Out\n");
     return 0;
 }
@@ -56,16 +56,21 @@ LumoraServerModule::LumoraServerModule(const std::string& devType) : mDevType(de
 }
 
 LumoraServerModule::~LumoraServerModule() {
-    // Late events and requests must find nobody.
+    // Unregister first: a late event or request must not reach a dying object.
     lumora::SmartHomeLinkHybird::WithdrawNotifyCallback(this);
     for (const auto& reachable : mReachableDescriptors) {
         if (const std::shared_ptr<LumoraAiDescriptor> descriptor = reachable.lock()) {
             descriptor->WithdrawCallback(this);
         }
     }
+    // A setup request that was still waiting when the module stopped may have opened a channel since: on a
+    // platform whose Exit does not wait for requests. None can come any more.
+    if (const std::shared_ptr<LumoraTransManager> late = mPublication.Current().mTransManager) {
+        late->StopTransports();
+    }
     mSmartHomeLink.reset();
     mDevDescriptor.reset();
-    mTransManager.reset();
+    mPublication.SetTransport(nullptr);
     mTransFactory.reset();
 }
 
@@ -161,16 +166,16 @@ int LumoraServerModule::DeInitLumoraModule() {
     LUMORA_STATE("Clear coap resourse success.\n");
     {
         const MutexLock lock(mMutex);
-        PublishServices(ServiceMap());
+        mPublication.SetServices(nullptr);
     }
-    const std::shared_ptr<LumoraTransManager> transport = Transport();
+    const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
     if (transport != nullptr) {
         const int ret = transport->StopTransports();
         if (ret != 0) {
             LUMORA_ERROR("StopTransports failed!\n");
             return ret;
         }
-        PublishTransport(nullptr);
+        mPublication.SetTransport(nullptr);
     }
     mIsInit = false;
     LUMORA_TRACE("Out\n");
@@ -211,82 +216,40 @@ int LumoraServerModule::RegisterLocalDeviceInfo(const LUM_DEVICE_INFO_S* devInfo
 }
 
 int LumoraServerModule::RegisterServices(const LUM_DEVICE_INFO_S& devInfo) {
-    PublishServices(ServiceMap());
+    mPublication.SetServices(nullptr);
     mServiceInfos.clear();
-    ServiceMap services;
+    auto services = std::make_shared<ServiceMap>();
+    int ret = 0;
     for (unsigned int i = 0; i < devInfo.serviceNum && i < LUM_MAX_SERVICES; ++i) {
         mServiceInfos.push_back(devInfo.serviceInfo[i]);
         auto manager = lumora::MakeSharedOrNull<LumoraServiceManager>();
         if (manager == nullptr) {
-            LUMORA_ERROR("new memory LumoraServiceManager error!\n");
-            PublishServices(std::move(services));
-            return -1;
+            LUMORA_LOG_AS(lumora::LOG_ERROR, "RegisterLocalDeviceInfo",
+                          "new memory LumoraServiceManager error!\n");
+            ret = -1;
+            break;
         }
-        services.emplace(lumora::NameText(devInfo.serviceInfo[i].serviceName), std::move(manager));
+        services->emplace(lumora::NameText(devInfo.serviceInfo[i].serviceName), std::move(manager));
     }
-    PublishServices(std::move(services));
-    return 0;
+    mPublication.SetServices(std::move(services));
+    return ret;
 }
 
 int LumoraServerModule::GetServiceInfoString(std::string& out) {
     return lumoraAiModule::GetServiceInfoString(mDevType, mServiceInfos, out);
 }
 
-// ---- What requests and sends share ----
-
-std::shared_ptr<LumoraTransManager> LumoraServerModule::Transport() {
-    const MutexLock lock(mPublishMutex);
-    return mTransManager;
-}
-
-void LumoraServerModule::PublishTransport(std::shared_ptr<LumoraTransManager> transport) {
-    const MutexLock lock(mPublishMutex);
-    mTransManager.swap(transport);
-}
-
-int LumoraServerModule::StopTransport() {
-    const std::shared_ptr<LumoraTransManager> transport = Transport();
+int LumoraServerModule::StopTransport(const char* operation) {
+    const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
     if (transport == nullptr) {
         return 0;
     }
     if (transport->StopTransports() == -1) {
-        LUMORA_ERROR("StopTransports failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "StopTransports failed!\n");
         return -1;
     }
-    PublishTransport(nullptr);
+    mPublication.SetTransport(nullptr);
     return 0;
-}
-
-LumoraServerModule::ServiceMap LumoraServerModule::Services() {
-    const MutexLock lock(mPublishMutex);
-    return mServiceMap;
-}
-
-std::shared_ptr<LumoraServiceManager> LumoraServerModule::FindService(const std::string& serviceName) {
-    const MutexLock lock(mPublishMutex);
-    const auto found = mServiceMap.find(serviceName);
-    return found != mServiceMap.end() ? found->second : nullptr;
-}
-
-void LumoraServerModule::PublishSubscribers(LumoraServiceManager& service,
-                                            std::vector<unsigned int> clientIDs) {
-    const MutexLock lock(mPublishMutex);
-    service.mClientIds.swap(clientIDs);
-}
-
-void LumoraServerModule::PublishServices(ServiceMap services) {
-    const MutexLock lock(mPublishMutex);
-    mServiceMap.swap(services);
-}
-
-std::string LumoraServerModule::RemoteAddress() {
-    const MutexLock lock(mPublishMutex);
-    return mRemoteAddress;
-}
-
-void LumoraServerModule::PublishRemoteAddress(const std::string& address) {
-    const MutexLock lock(mPublishMutex);
-    mRemoteAddress = address;
 }
 
 }  // namespace lumoraAiModule

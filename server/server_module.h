@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,26 +12,21 @@
 #include "link/lumora_ai_descriptor.h"
 #include "link/smart_home_link.h"
 #include "lumora.h"
+#include "server/publication.h"
 #include "transport/frame_buffer.h"
 #include "transport/transport_manager.h"
 
 namespace lumoraAiModule {
-
-// The subscribers of one service, in the order in which they subscribed, each at most once.
-struct LumoraServiceManager {
-    std::vector<unsigned int> mClientIds;
-};
 
 // The device: its services and their subscribers, the clients that connected, the data channel to them, and
 // the application's callbacks.
 //
 // Operations return 0 or -1 and log their failures. Requests and the lifecycle run under mMutex, one after
 // the other; application callbacks are called with it held and must not call back. Sending runs under
-// mSendMutex and never waits for a request: what both need is published under mPublishMutex, which is held
-// for a swap or a copy only.
+// mSendMutex and never waits for a request: it works with what requests have published.
 //
-// Order of locks: server API mutex, then mMutex or mSendMutex (never both), then mPublishMutex or a
-// transport's own.
+// Order of locks: server API mutex, then mMutex or mSendMutex (never both), then a transport's own. The
+// publication's lock is a leaf.
 class LumoraServerModule : public LumoraCoapCallback, public LumoraNotifyCallback {
 public:
     explicit LumoraServerModule(const std::string& devType);
@@ -69,12 +63,10 @@ public:
                          unsigned int* sendLength, unsigned int timeoutMs);
 
 private:
-    using ServiceMap = std::map<std::string, std::shared_ptr<LumoraServiceManager>>;
-
     int InitializeCoapService() REQUIRES(mMutex);
     void RememberDescriptor() REQUIRES(mMutex);
     int StartCoapService() REQUIRES(mMutex);
-    int CloseCoapService();
+    int CloseCoapService() EXCLUDES(mMutex);
     int GetServiceInfoString(std::string& out) REQUIRES(mMutex);
     int RegisterServices(const LUM_DEVICE_INFO_S& devInfo) REQUIRES(mMutex);
 
@@ -84,59 +76,36 @@ private:
     int ProcessSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     int ProcessUnSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     int ClearOneServerInfo(int clientID) REQUIRES(mMutex);
-    int NotifyApplication(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
+    int NotifyApplication(const char* operation, int clientID, int event,
+                          const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     void CallOnEventNotify(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     int OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) REQUIRES(mMutex);
+    // Stops the transport and drops it. On failure it logs, on behalf of operation, and keeps it.
+    int StopTransport(const char* operation);
 
-    // Whether a frame can go out, as it was published when the send began.
-    struct Destination {
-        bool isConnected = false;
-        bool isService = false;
-    };
-    // Also fills mAddressees, for a service.
-    Destination FindDestination(const std::string& serviceName) REQUIRES(mSendMutex);
-    int PacketAndSendData(bool isService, const std::string& serviceName, const char* data,
+    int PacketAndSendData(const Published& published, const std::string& serviceName, const char* data,
                           unsigned int dataLen, unsigned int* sendLength, unsigned int timeoutMs)
         REQUIRES(mSendMutex);
     static int AllocateServerFrame(FrameBuffer& frame, unsigned int headLen, unsigned int dataLen);
-    // Addressed to mAddressees.
-    int FillServerFrame(FrameBuffer& frame, const std::string& serviceName, unsigned int headLen,
-                        const char* data, unsigned int dataLen) REQUIRES(mSendMutex);
-
-    // What is published. Only holders of mMutex change it (or the one thread that starts or ends the
-    // module), so they may read a service's subscribers without mPublishMutex.
-    std::shared_ptr<LumoraTransManager> Transport();
-    void PublishTransport(std::shared_ptr<LumoraTransManager> transport);
-    // Stops the transport and drops it. On failure it logs and keeps it.
-    int StopTransport();
-    ServiceMap Services();
-    std::shared_ptr<LumoraServiceManager> FindService(const std::string& serviceName);
-    void PublishSubscribers(LumoraServiceManager& service, std::vector<unsigned int> clientIDs);
-    void RemoveSubscriber(LumoraServiceManager& service, int clientID);
-    void PublishServices(ServiceMap services);
-    std::string RemoteAddress();
-    void PublishRemoteAddress(const std::string& address);
+    static int FillServerFrame(FrameBuffer& frame, const std::vector<unsigned int>& clientIds,
+                               const std::string& serviceName, unsigned int headLen, const char* data,
+                               unsigned int dataLen);
 
     lumora::Mutex mMutex;
     lumora::Mutex mSendMutex;
-    lumora::Mutex mPublishMutex;
-    // Whom the frame in hand is for. A member for its memory: a send allocates nothing but the frame.
-    std::vector<unsigned int> mAddressees GUARDED_BY(mSendMutex);
-    ServiceMap mServiceMap GUARDED_BY(mPublishMutex);
+    Publication mPublication;
     std::atomic<bool> mIsInit{false};
     std::string mDevType GUARDED_BY(mMutex);
     // Replaced only under the server API mutex and mMutex; either one is enough to use it.
     std::shared_ptr<lumora::SmartHomeLink> mSmartHomeLink;
     std::shared_ptr<LumoraAiDescriptor> mDevDescriptor GUARDED_BY(mMutex);
-    // All that requests may still come through: also one whose start failed, or that a restart replaced.
+    // All that requests may still come through, also one whose start failed or that a restart replaced.
     std::vector<std::weak_ptr<LumoraAiDescriptor>> mReachableDescriptors GUARDED_BY(mMutex);
     std::vector<LUM_SERVICE_INFO_S> mServiceInfos GUARDED_BY(mMutex);
-    std::shared_ptr<LumoraTransManager> mTransManager GUARDED_BY(mPublishMutex);
     std::shared_ptr<LumoraTransManagerFactory> mTransFactory GUARDED_BY(mMutex);
     std::string mLocalServiceInfo GUARDED_BY(mMutex);
     LUM_DEVICE_INFO_S mDevInfo GUARDED_BY(mMutex) = {};
     std::vector<unsigned int> mClientList GUARDED_BY(mMutex);
-    std::string mRemoteAddress GUARDED_BY(mPublishMutex);
 
     static LumoraServerModule* mInstance;  // under the server API mutex
 };

@@ -20,7 +20,9 @@ bool Contains(const std::vector<unsigned int>& ids, int clientID) {
     return std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)) != ids.end();
 }
 
-// Requests come from anybody, so what they are remembered in has an end. Real clients stay far below.
+constexpr char ON_COAP_POST[] = "OnCoapPost";
+
+// Any host can send requests, so the tables are bounded. Real clients stay far below these limits.
 constexpr std::size_t MAX_CONNECTIONS = 1024;
 constexpr std::size_t MAX_SUBSCRIBERS = 1024;
 
@@ -28,16 +30,22 @@ void EraseFirst(std::vector<unsigned int>& ids, int clientID) {
     ids.erase(std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)));
 }
 
+std::shared_ptr<LumoraServiceManager> Without(const LumoraServiceManager& service, int clientID) {
+    auto next = std::make_shared<LumoraServiceManager>(service);
+    EraseFirst(next->mClientIds, clientID);
+    return next;
+}
+
 }  // namespace
 
 int LumoraServerModule::OnCoapGet(const std::string& key, std::string& reply) {
-    LUMORA_TRACE("Enter\n");
     const MutexLock lock(mMutex);
+    LUMORA_TRACE("Enter\n");
     if (key == SERVICE_INFO_KEY) {
         reply = mLocalServiceInfo;
     } else if (key == TRANS_STATUS_KEY) {
         LUM_TRANSPORT_STATUS_E status = LUM_TRANSPORT_STATUS_FREE;
-        const std::shared_ptr<LumoraTransManager> transport = Transport();
+        const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
         if (transport != nullptr && transport->GetTransStatus(status) == -1) {
             LUMORA_ERROR("GetTransStatus failed!\n");
             return -1;
@@ -54,10 +62,10 @@ int LumoraServerModule::OnCoapGet(const std::string& key, std::string& reply) {
 }
 
 int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
+    const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
     LUMORA_DETAIL("cmd:%s\n", key.c_str());
-    const MutexLock lock(mMutex);
-    if (key == STOP_TRANSPORT_KEY && StopTransport() != 0) {
+    if (key == STOP_TRANSPORT_KEY && StopTransport("OnCoapPut") != 0) {
         return -1;
     }
     LUMORA_TRACE("Out\n");
@@ -65,9 +73,9 @@ int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
 }
 
 int LumoraServerModule::OnCoapPost(const std::string& key, const std::string& value) {
+    const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
     LUMORA_STATE("Received coap request: [cmd:%s, value:%s].\n", key.c_str(), value.c_str());
-    const MutexLock lock(mMutex);
     int ret = 0;
     if (key == COMMAND_KEY) {
         return HandleCommand(value);
@@ -95,28 +103,30 @@ int LumoraServerModule::OnCoapDelete(const std::string&, const std::string&) {
 int LumoraServerModule::HandleCommand(const std::string& value) {
     CommandParam param;
     if (memset_s(&param, sizeof(param), 0, sizeof(param)) != 0) {
-        LUMORA_ERROR("memset_s failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ON_COAP_POST, "memset_s failed!\n");
         return -1;
     }
     int clientID = 0;
     std::string cmd;
     if (ParseJsonCmd(value, &clientID, &cmd, &param) != 0) {
-        LUMORA_ERROR("ParseJsonCmd failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ON_COAP_POST, "ParseJsonCmd failed!\n");
         return -1;
     }
     if (mDevInfo.OnCommand == nullptr || mDevInfo.OnEventNotify == nullptr) {
-        LUMORA_ERROR("User register mDevInfo error!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ON_COAP_POST, "User register mDevInfo error!\n");
         return 0;
     }
     const LUM_SUBSCRIBE_SERVICE_S& subscription = param.subscription;
     if (cmd == SUBSCRIBE_COMMAND) {
         if (ProcessSubscribe(clientID, subscription) != 0) {
-            LUMORA_ERROR("Process Subscribe %s failed\n", subscription.serviceName);
+            LUMORA_LOG_AS(lumora::LOG_ERROR, ON_COAP_POST, "Process Subscribe %s failed\n",
+                          subscription.serviceName);
             return -1;
         }
     } else if (cmd == UNSUBSCRIBE_COMMAND) {
         if (ProcessUnSubscribe(clientID, subscription) != 0) {
-            LUMORA_ERROR("Process UnSubscribe %s failed\n", subscription.serviceName);
+            LUMORA_LOG_AS(lumora::LOG_ERROR, ON_COAP_POST, "Process UnSubscribe %s failed\n",
+                          subscription.serviceName);
             return -1;
         }
     } else {
@@ -124,12 +134,12 @@ int LumoraServerModule::HandleCommand(const std::string& value) {
         mDevInfo.OnCommand(cmd.c_str(), param.text);
         return 0;
     }
-    LUMORA_TRACE("Out\n");
+    LUMORA_LOG_AS(lumora::LOG_TRACE, ON_COAP_POST, "Out\n");
     return 0;
 }
 
-// A client that connects without ever saying goodbye stands in the list each time. The full list loses such a
-// repetition, or else its oldest entry.
+// Each Connect adds an entry, even without a Destroy. When full, drop this client's older entry, or the
+// oldest.
 void LumoraServerModule::RememberClient(int clientID) {
     if (mClientList.size() >= MAX_CONNECTIONS) {
         const auto earlier =
@@ -141,20 +151,21 @@ void LumoraServerModule::RememberClient(int clientID) {
 
 int LumoraServerModule::HandleDestroy(int clientID) {
     if (!Contains(mClientList, clientID)) {
-        LUMORA_ERROR("No such clientID : %d connect on us!!\n", clientID);
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ON_COAP_POST, "No such clientID : %d connect on us!!\n", clientID);
         return -1;
     }
     EraseFirst(mClientList, clientID);
-    LUMORA_STATE("There are %d clients connected.\n", static_cast<int>(mClientList.size()));
+    LUMORA_LOG_AS(lumora::LOG_STATE, ON_COAP_POST, "There are %d clients connected.\n",
+                  static_cast<int>(mClientList.size()));
     if (ClearOneServerInfo(clientID) != 0) {
-        LUMORA_ERROR("ClearOneServerInfo : %d failed!!\n", clientID);
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ON_COAP_POST, "ClearOneServerInfo : %d failed!!\n", clientID);
         return -1;
     }
     return 0;
 }
 
 int LumoraServerModule::ProcessSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) {
-    const std::shared_ptr<LumoraServiceManager> service = FindService(record.serviceName);
+    const auto service = mPublication.Current().FindService(record.serviceName);
     if (service == nullptr) {
         LUMORA_ERROR("Device can't support %s service\n", record.serviceName);
         return -1;
@@ -167,15 +178,15 @@ int LumoraServerModule::ProcessSubscribe(int clientID, const LUM_SUBSCRIBE_SERVI
         LUMORA_ERROR("%s has too many subscribers\n", record.serviceName);
         return -1;
     }
-    std::vector<unsigned int> subscribers = service->mClientIds;
-    subscribers.push_back(static_cast<unsigned int>(clientID));
-    PublishSubscribers(*service, std::move(subscribers));
+    auto next = std::make_shared<LumoraServiceManager>(*service);
+    next->mClientIds.push_back(static_cast<unsigned int>(clientID));
+    mPublication.SetService(record.serviceName, std::move(next));
     LUMORA_DETAIL("clientID = %d is stored in %s space!\n", clientID, record.serviceName);
-    return NotifyApplication(clientID, LUM_NOTIFY_SUBSCRIBED, record);
+    return NotifyApplication(__func__, clientID, LUM_NOTIFY_SUBSCRIBED, record);
 }
 
 int LumoraServerModule::ProcessUnSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) {
-    const std::shared_ptr<LumoraServiceManager> service = FindService(record.serviceName);
+    const auto service = mPublication.Current().FindService(record.serviceName);
     if (service == nullptr) {
         LUMORA_ERROR("Device can't support %s service\n", record.serviceName);
         return -1;
@@ -184,20 +195,15 @@ int LumoraServerModule::ProcessUnSubscribe(int clientID, const LUM_SUBSCRIBE_SER
         LUMORA_ERROR("Client : %d has not subscribed %s service!!\n", clientID, record.serviceName);
         return -1;
     }
-    RemoveSubscriber(*service, clientID);
-    return NotifyApplication(clientID, LUM_NOTIFY_UNSUBSCRIBED, record);
+    mPublication.SetService(record.serviceName, Without(*service, clientID));
+    return NotifyApplication(__func__, clientID, LUM_NOTIFY_UNSUBSCRIBED, record);
 }
 
-void LumoraServerModule::RemoveSubscriber(LumoraServiceManager& service, int clientID) {
-    std::vector<unsigned int> subscribers = service.mClientIds;
-    EraseFirst(subscribers, clientID);
-    PublishSubscribers(service, std::move(subscribers));
-}
-
-int LumoraServerModule::NotifyApplication(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) {
+int LumoraServerModule::NotifyApplication(const char* operation, int clientID, int event,
+                                          const LUM_SUBSCRIBE_SERVICE_S& record) {
     LUM_SUBSCRIBE_SERVICE_S copy = {};
     if (memcpy_s(&copy, sizeof(copy), &record, sizeof(record)) != 0) {
-        LUMORA_ERROR("memcpy_s failed\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "memcpy_s failed\n");
         return -1;
     }
     CallOnEventNotify(clientID, event, copy);
@@ -215,7 +221,10 @@ int LumoraServerModule::ClearOneServerInfo(int clientID) {
     LUMORA_TRACE("Enter\n");
     LUMORA_STATE("Client[%d] will be cleared.\n", clientID);
     LUM_SUBSCRIBE_SERVICE_S record = {};
-    for (const auto& [serviceName, service] : Services()) {
+    const Published published = mPublication.Current();
+    const ServiceMap none;
+    for (const auto& [serviceName, service] :
+         published.mServiceMap != nullptr ? *published.mServiceMap : none) {
         if (!Contains(service->mClientIds, clientID)) {
             continue;
         }
@@ -226,12 +235,12 @@ int LumoraServerModule::ClearOneServerInfo(int clientID) {
         }
         CallOnEventNotify(clientID, LUM_NOTIFY_UNSUBSCRIBED, record);
         LUMORA_DETAIL("will erase clientID = %d is stored in %s space!\n", clientID, serviceName.c_str());
-        RemoveSubscriber(*service, clientID);
+        mPublication.SetService(serviceName, Without(*service, clientID));
     }
     LUMORA_STATE("There are %d clients connected.\n", static_cast<int>(mClientList.size()));
     if (mClientList.empty()) {
         LUMORA_STATE("No client connected, the transport will be stopped.\n");
-        if (StopTransport() != 0) {
+        if (StopTransport(__func__) != 0) {
             return -1;
         }
     }
@@ -241,9 +250,9 @@ int LumoraServerModule::ClearOneServerInfo(int clientID) {
 
 int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::Port& port,
                                             std::string& setup) {
+    const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
     LUMORA_STATE("Reveived remote transport info: %s.\n", setup.c_str());
-    const MutexLock lock(mMutex);
     LUM_TRANSPORT_E protocol = LUM_TRANSPORT_NONE;
     // There is no factory when a start failed but the platform goes on delivering requests.
     const int parsed =
@@ -252,11 +261,11 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
         LUMORA_ERROR("ParseTransportsProtocol failed!\n");
         return parsed;
     }
-    if (StopTransport() != 0) {
+    if (StopTransport(__func__) != 0) {
         return -1;
     }
     const std::shared_ptr<LumoraTransManager> transport = mTransFactory->CreateTransportsManager(protocol);
-    PublishTransport(transport);
+    mPublication.SetTransport(transport);
     if (transport == nullptr) {
         LUMORA_ERROR("CreateTransportsManager failed!\n");
         return -1;
@@ -264,7 +273,7 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
     lumora::LumoraTransportConfig config;
     if (config.ParseSetupString(setup) == 0) {
         LUMORA_ERROR("Setup String EROR: %s\n", setup.c_str());
-        return 0;  // not a failure of the request: the client sees it by the missing word of success
+        return 0;  // the client detects the failure because the reply is not "Succ"
     }
     std::string address = port.GetAddress();
     const int opened = OpenDataChannel(*transport, address, config.GetPort());
@@ -272,8 +281,8 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
         return opened;
     }
     setup = SETUP_SUCCESS_REPLY;
-    PublishRemoteAddress(address);
-    if (mSmartHomeLink != nullptr) {  // a start that failed leaves none, and requests may still come
+    mPublication.SetRemoteAddress(address);
+    if (mSmartHomeLink != nullptr) {  // null after a failed start, when requests may still arrive
         mSmartHomeLink->SetConnectDevice(address, config.GetPort());
     }
     LUMORA_TRACE("Out\n");
@@ -285,7 +294,7 @@ int LumoraServerModule::OpenDataChannel(LumoraTransManager& transport, const std
     LUM_OBSERVER_S observer = {mDevInfo.OnCommand, mDevInfo.OnEventNotify, mDevInfo.OnData};
     const int receiving = transport.CreateTransports(TransType::SERVER_RECEIVE, address, port, observer);
     if (receiving != 0) {
-        LUMORA_ERROR("CreateTransports failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, "OnSetupMediaService", "CreateTransports failed!\n");
         return receiving;
     }
     LUM_OBSERVER_S none;
@@ -293,7 +302,8 @@ int LumoraServerModule::OpenDataChannel(LumoraTransManager& transport, const std
     const int clientPort = static_cast<int>(static_cast<unsigned int>(port) + 1);
     const int sending = transport.CreateTransports(TransType::SERVER_SEND, address, clientPort, none);
     if (sending != 0) {
-        LUMORA_ERROR("CreateTransports failed,will stop transport!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, "OnSetupMediaService",
+                      "CreateTransports failed,will stop transport!\n");
         transport.StopTransports();
     }
     return sending;
@@ -303,7 +313,7 @@ int LumoraServerModule::OnAddDevice(unsigned int, const std::string&, int, const
 
 int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, int, const std::string&) {
     LUMORA_TRACE("Enter\n");
-    if (addr != RemoteAddress()) {
+    if (addr != mPublication.RemoteAddress()) {
         LUMORA_TRACE("Out\n");
         return 0;
     }
@@ -313,7 +323,7 @@ int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, in
         ClearOneServerInfo(static_cast<int>(clientID));
     }
     mClientList.clear();
-    if (StopTransport() != 0) {
+    if (StopTransport(__func__) != 0) {
         return -1;
     }
     LUMORA_TRACE("Out\n");

@@ -8,6 +8,12 @@ namespace lumoraAiModule {
 
 using lumora::MutexLock;
 
+namespace {
+
+constexpr char PACKET_AND_SEND[] = "PacketAndSendData";
+
+}  // namespace
+
 int LumoraServerModule::SendDataToClient(const std::string& serviceName, const char* data,
                                          unsigned int dataLen, unsigned int* sendLength,
                                          unsigned int timeoutMs) {
@@ -25,12 +31,12 @@ int LumoraServerModule::SendDataToClient(const std::string& serviceName, const c
     }
     const MutexLock lock(mSendMutex);
     LUMORA_TRACE("Enter\n");
-    const Destination destination = FindDestination(serviceName);
-    if (!destination.isConnected) {
+    const Published published = mPublication.Current();
+    if (published.mTransManager == nullptr) {
         LUMORA_ERROR("no transport created , please connect first!\n");
         return -1;
     }
-    if (PacketAndSendData(destination.isService, serviceName, data, dataLen, sendLength, timeoutMs) != 0) {
+    if (PacketAndSendData(published, serviceName, data, dataLen, sendLength, timeoutMs) != 0) {
         LUMORA_ERROR("PacketAndSendData failed!\n");
         return -1;
     }
@@ -38,28 +44,16 @@ int LumoraServerModule::SendDataToClient(const std::string& serviceName, const c
     return 0;
 }
 
-// Transport and subscribers in one go: a small frame costs little more than its locks.
-LumoraServerModule::Destination LumoraServerModule::FindDestination(const std::string& serviceName) {
-    const MutexLock lock(mPublishMutex);
-    Destination destination;
-    destination.isConnected = mTransManager != nullptr;
-    const auto service = mServiceMap.find(serviceName);
-    if (service != mServiceMap.end()) {
-        destination.isService = true;
-        mAddressees = service->second->mClientIds;
-    }
-    return destination;
-}
-
-int LumoraServerModule::PacketAndSendData(bool isService, const std::string& serviceName, const char* data,
-                                          unsigned int dataLen, unsigned int* sendLength,
+int LumoraServerModule::PacketAndSendData(const Published& published, const std::string& serviceName,
+                                          const char* data, unsigned int dataLen, unsigned int* sendLength,
                                           unsigned int timeoutMs) {
-    if (!isService) {
+    const auto service = published.FindService(serviceName);
+    if (service == nullptr) {
         LUMORA_ERROR("serviceName is illegal\n");
         return -1;
     }
-    const auto headLen =
-        static_cast<unsigned int>(mAddressees.size() + serviceName.length() + SERVER_FRAME_FIXED_HEAD_LENGTH);
+    const auto headLen = static_cast<unsigned int>(service->mClientIds.size() + serviceName.length() +
+                                                   SERVER_FRAME_FIXED_HEAD_LENGTH);
     if (headLen > MAX_SERVER_FRAME_HEAD_LENGTH) {
         LUMORA_ERROR("headLen %d illegal\n", static_cast<int>(headLen));
         return -1;
@@ -69,10 +63,11 @@ int LumoraServerModule::PacketAndSendData(bool isService, const std::string& ser
         return -1;
     }
     *sendLength = 0;  // a call that was refused before has left it alone
-    if (FillServerFrame(frame, serviceName, headLen, data, dataLen) != 0) {
+    if (FillServerFrame(frame, service->mClientIds, serviceName, headLen, data, dataLen) != 0) {
         return -1;
     }
-    const std::shared_ptr<LumoraTransManager> transport = Transport();
+    // Asked for again: a request may have stopped the transport while the frame was built.
+    const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
     if (transport != nullptr &&
         transport->SendData(frame.Bytes(), headLen + dataLen, sendLength, timeoutMs) != 0) {
         LUMORA_ERROR("SendDataToClient failed!\n");
@@ -87,26 +82,27 @@ int LumoraServerModule::AllocateServerFrame(FrameBuffer& frame, unsigned int hea
     // A bounded copy may write to the whole of its destination: there is room for that behind the name,
     // however short the payload.
     if (!frame.Allocate(headLen + dataLen + LUM_NAME_SIZE)) {
-        LUMORA_ERROR("memory malloc error\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, PACKET_AND_SEND, "memory malloc error\n");
         return -1;
     }
     // Only the head: the payload is about to be overwritten.
     if (memset_s(frame.Bytes(), headLen, 0, headLen) != 0) {
-        LUMORA_ERROR("memset_s failed\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, PACKET_AND_SEND, "memset_s failed\n");
         return -1;
     }
     return 0;
 }
 
-int LumoraServerModule::FillServerFrame(FrameBuffer& frame, const std::string& serviceName,
-                                        unsigned int headLen, const char* data, unsigned int dataLen) {
-    char* name = WriteServerFrameHead(frame.Bytes(), dataLen, mAddressees, serviceName);
+int LumoraServerModule::FillServerFrame(FrameBuffer& frame, const std::vector<unsigned int>& clientIds,
+                                        const std::string& serviceName, unsigned int headLen,
+                                        const char* data, unsigned int dataLen) {
+    char* name = WriteServerFrameHead(frame.Bytes(), dataLen, clientIds, serviceName);
     if (strncpy_s(name, LUM_NAME_SIZE, serviceName.c_str(), serviceName.length()) != 0) {
-        LUMORA_ERROR("strncpy_s failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, PACKET_AND_SEND, "strncpy_s failed!\n");
         return -1;
     }
     if (memcpy_s(frame.Bytes() + headLen, dataLen, data, dataLen) != 0) {
-        LUMORA_ERROR("memcpy_s failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, PACKET_AND_SEND, "memcpy_s failed!\n");
         return -1;
     }
     return 0;

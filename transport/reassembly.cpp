@@ -7,6 +7,7 @@
 #include "base/log.h"
 #include "protocol/data_frame.h"
 #include "securec.h"
+#include "transport/operation_names.h"
 
 namespace lumoraAiModule {
 
@@ -27,7 +28,7 @@ void Reassembly::Release() {
 int Reassembly::Append(const char* data, unsigned int length) {
     const int ret = Owns(data) ? MoveToEnd(data, length) : memcpy_s(End(), Room(), data, length);
     if (ret != 0) {
-        LUMORA_ERROR("memcpy_s failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, PARSE_AND_SEND_DATA, "memcpy_s failed!\n");
         return -1;
     }
     mLength += length;

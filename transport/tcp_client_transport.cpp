@@ -2,6 +2,7 @@
 
 #include "base/log.h"
 #include "protocol/data_frame.h"
+#include "transport/operation_names.h"
 
 namespace lumoraAiModule {
 
@@ -10,10 +11,6 @@ namespace {
 // One maximal frame and one maximal read.
 constexpr unsigned int CLIENT_REASSEMBLY_SIZE =
     MAX_SERVER_FRAME_HEAD_LENGTH + MAX_SERVER_FRAME_PAYLOAD + READ_SIZE;
-
-// What the log calls the operations that the helpers below are pieces of.
-constexpr char CREATE_TRANSPORTS[] = "CreateTransports";
-constexpr char SETUP_RECEIVER_SOCKET[] = "SetupReceiverSocket";
 
 }  // namespace
 
@@ -157,7 +154,7 @@ int LumoraTCPTransClient::SendData(const void* data, unsigned int length, unsign
 }
 
 void LumoraTCPTransClient::LogWriteError(int error) {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, "SendData", "write failed error: %s(errno: %d), will stop transport\n",
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "write failed error: %s(errno: %d), will stop transport\n",
                   ErrorText(error).c_str(), error);
 }
 

