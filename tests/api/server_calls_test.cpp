@@ -125,6 +125,26 @@ TEST_F(ServerCallsTest, RegisterReportsADescriptionThatIsTooLong) {
     EXPECT_TRUE(mLog.Has(4, "mLocalServiceInfo exceed the max length!!\n"));
 }
 
+TEST_F(ServerCallsTest, RegisterIgnoresEntriesBehindTheCount) {
+    InitServer();
+    LUM_DEVICE_INFO_S device = DeviceRecord({"face", "gait"});
+    device.serviceNum = 1;
+    SetName(device.serviceInfo[1].serviceName, "");
+    SetTransport(device.serviceInfo[1], 99);
+    EXPECT_EQ(0, LUM_RegisterAiDevInfo(&device)) << mLog.Dump();
+}
+
+TEST_F(ServerCallsTest, FailedRegistrationCheckKeepsTheEarlierRegistration) {
+    InitServer();
+    Register({"face"});
+    const std::string before = mPlatform.Get("ServiceInfo").reply;
+    ASSERT_NE("", before);
+    LUM_DEVICE_INFO_S device = DeviceRecord({"gait", "pose"});
+    SetTransport(device.serviceInfo[1], 6);
+    EXPECT_EQ(-1, LUM_RegisterAiDevInfo(&device));
+    EXPECT_EQ(before, mPlatform.Get("ServiceInfo").reply);
+}
+
 TEST_F(ServerCallsTest, RegisterCopiesTheRecord) {
     InitServer();
     LUM_DEVICE_INFO_S device = DeviceRecord({"face"});
@@ -181,6 +201,12 @@ TEST_F(ServerCallsTest, DeInitServerTracesAndLogsItsSuccess) {
     EXPECT_EQ((Texts{"0 Enter\n", "2 DeInit Lumora server success. \n", "0 Out\n"}),
               LogOf("LUM_DeInitServer"));
     EXPECT_EQ(0, mPlatform.LiveHandles());
+}
+
+TEST_F(ServerCallsTest, DeInitServerWithoutAServerSucceedsAndSaysSo) {
+    EXPECT_EQ(0, LUM_DeInitServer());
+    EXPECT_EQ((Texts{"0 Enter\n", "4 g_lumora is nullptr, we can't deinit it ,but will return succ.\n"}),
+              Log());
 }
 
 TEST_F(ServerCallsTest, SecondDeInitServerSucceedsAndSaysSo) {
