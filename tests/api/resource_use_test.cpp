@@ -1,5 +1,5 @@
-// Nothing is left over by many connections and subscriptions, and a process that has no descriptors left
-// fails calls, no more.
+// Descriptors, threads and heap: many connections and subscriptions leave nothing over, and a call that finds
+// no descriptor fails and leaves nothing over either.
 #include <fcntl.h>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -61,7 +61,7 @@ private:
     rlimit mBefore = {};
 };
 
-class ExhaustionTest : public ApiTest {
+class ResourceUseTest : public ApiTest {
 protected:
     // Calls with no descriptor left, with one, with two ... until that is enough. Each time everything is set
     // up anew before, and nothing may be left over behind.
@@ -107,7 +107,7 @@ protected:
     }
 };
 
-TEST_F(ExhaustionTest, ConnectingFailsWithoutDescriptors) {
+TEST_F(ResourceUseTest, ConnectingFailsWithoutDescriptors) {
     WithoutDescriptors(
         [this] {
             ASSERT_EQ(1, InitClient());
@@ -122,7 +122,7 @@ TEST_F(ExhaustionTest, ConnectingFailsWithoutDescriptors) {
     BeConnectedClient();
 }
 
-TEST_F(ExhaustionTest, SetupFailsWithoutDescriptors) {
+TEST_F(ResourceUseTest, SetupFailsWithoutDescriptors) {
     WithoutDescriptors(
         [this] {
             InitServer();
@@ -141,7 +141,7 @@ TEST_F(ExhaustionTest, SetupFailsWithoutDescriptors) {
     BeServingDevice();
 }
 
-TEST_F(ExhaustionTest, ConnectionThatCannotBeAcceptedIsReplacedByTheNext) {
+TEST_F(ResourceUseTest, ConnectionThatCannotBeAcceptedIsReplacedByTheNext) {
     BeServingDevice();
     for (int round = 1; round <= 2; ++round) {
         mLog.Clear();
@@ -156,7 +156,7 @@ TEST_F(ExhaustionTest, ConnectionThatCannotBeAcceptedIsReplacedByTheNext) {
     }
 }
 
-TEST_F(ExhaustionTest, ThousandLivesOfAConnectedClientLeaveNothing) {
+TEST_F(ResourceUseTest, ThousandLivesOfAConnectedClientLeaveNothing) {
     const auto live = [this] {
         BeConnectedClient();
         mFromServer = RawConnection::To(CLIENT_PORT);
@@ -178,7 +178,7 @@ TEST_F(ExhaustionTest, ThousandLivesOfAConnectedClientLeaveNothing) {
     EXPECT_LE(mallinfo2().uordblks, before.heap + HEAP_SLACK);
 }
 
-TEST_F(ExhaustionTest, TenThousandSubscriptionsAndCancellationsLeaveNothing) {
+TEST_F(ResourceUseTest, TenThousandSubscriptionsAndCancellationsLeaveNothing) {
     InitServer();
     Register();
     Subscribe(3, "face");
@@ -201,7 +201,7 @@ TEST_F(ExhaustionTest, TenThousandSubscriptionsAndCancellationsLeaveNothing) {
     EXPECT_EQ(ServerFrameBytes("\x03", "face", "x"), mFromServer.Receive(13));
 }
 
-TEST_F(ExhaustionTest, TwentyClientsOfOneProcessAllGetTheirData) {
+TEST_F(ResourceUseTest, TwentyClientsOfOneProcessAllGetTheirData) {
     std::vector<int> told;
     Reactions reactions;
     reactions.deviceEvent = [&](const LUM_DEVICE_EVENT_S& event) { told.push_back(event.clientID); };
@@ -224,7 +224,7 @@ TEST_F(ExhaustionTest, TwentyClientsOfOneProcessAllGetTheirData) {
     EXPECT_EQ(inOrder, told);
 }
 
-TEST_F(ExhaustionTest, EightServicesHaveTwentySubscribersEach) {
+TEST_F(ResourceUseTest, EightServicesHaveTwentySubscribersEach) {
     const Texts services = {"one", "two", "three", "four", "five", "six", "seven", "eight"};
     InitServer();
     Register(services);

@@ -1,10 +1,13 @@
-// The client side from the first client to after the last, and what failed starts and stops leave behind.
+// LUM_InitClient and LUM_DeInitClient: the client side from the first client to after the last, and what
+// failed starts and stops leave behind.
+#include <stdexcept>
+
 #include "tests/api/api_fixture.h"
 
 namespace lumora_test {
 namespace {
 
-class ClientStatesTest : public ApiTest {
+class ClientInitTest : public ApiTest {
 protected:
     // Each function with arguments that pass all other checks; logs one line each.
     void CallEverythingButInit() {
@@ -42,15 +45,55 @@ protected:
     }
 };
 
-TEST_F(ClientStatesTest, NothingWorksBeforeInit) { ExpectUninitialised(); }
+TEST_F(ClientInitTest, InitClientTracesAndGivesTheLowestId) {
+    int clientID = 0;
+    EXPECT_EQ(0, LUM_InitClient(&clientID, "viewer"));
+    EXPECT_EQ(1, clientID);
+    EXPECT_EQ((Texts{"0 Enter\n", "0 Out\n"}), LogOf("LUM_InitClient"));
+    EXPECT_TRUE(mLog.Has(2, "Init Lumora client success. device type: viewer, clientID: 1. \n"));
+}
 
-TEST_F(ClientStatesTest, NothingWorksAfterTheLastClientHasGone) {
+TEST_F(ClientInitTest, InitClientLogsTheTypeOfItsOwnCall) {
+    InitClient("viewer");
+    InitClient("printer");
+    EXPECT_TRUE(mLog.Has(2, "Init Lumora client success. device type: printer, clientID: 2. \n"));
+    EXPECT_EQ(1, mLog.Count(2, "Register dev ServiceType = viewer\n"));
+}
+
+TEST_F(ClientInitTest, InitClientAcceptsTypesOfOneAndOfFortyCharacters) {
+    InitClient("v");
+    InitClient(std::string(40, 'v'));
+}
+
+TEST_F(ClientInitTest, DeInitClientTellsHowManyClientsRemain) {
+    InitClient();
+    InitClient();
+    mLog.Clear();
+    EXPECT_EQ(0, LUM_DeInitClient(1));
+    EXPECT_EQ((Texts{"0 Enter\n", "2 There are already 1 clients use Lumora. \n",
+                     "2 Deinit Lumora client[1] success.\n", "0 Out\n"}),
+              LogOf("LUM_DeInitClient"));
+}
+
+TEST_F(ClientInitTest, DeInitOfTheLastClientReleasesEverything) {
+    InitClient();
+    mLog.Clear();
+    EXPECT_EQ(0, LUM_DeInitClient(1));
+    EXPECT_EQ((Texts{"0 Enter\n", "2 No client use Lumora, the lumora server resource will be released.\n",
+                     "2 Deinit Lumora client[1] success.\n", "0 Out\n"}),
+              LogOf("LUM_DeInitClient"));
+    EXPECT_EQ(0, mPlatform.LiveHandles());
+}
+
+TEST_F(ClientInitTest, NothingWorksBeforeInit) { ExpectUninitialised(); }
+
+TEST_F(ClientInitTest, NothingWorksAfterTheLastClientHasGone) {
     InitClient();
     ASSERT_EQ(0, LUM_DeInitClient(1));
     ExpectUninitialised();
 }
 
-TEST_F(ClientStatesTest, InitAfterTheLastClientMakesANewInstanceOfTheNewType) {
+TEST_F(ClientInitTest, InitAfterTheLastClientMakesANewInstanceOfTheNewType) {
     InitClient("viewer");
     ASSERT_EQ(0, LUM_DeInitClient(1));
     mLog.Clear();
@@ -59,7 +102,7 @@ TEST_F(ClientStatesTest, InitAfterTheLastClientMakesANewInstanceOfTheNewType) {
     EXPECT_EQ(2, mPlatform.CallCount("GetLinkPlatform"));
 }
 
-TEST_F(ClientStatesTest, LowestFreeIdIsReusedFirst) {
+TEST_F(ClientInitTest, LowestFreeIdIsReusedFirst) {
     EXPECT_EQ(1, InitClient());
     EXPECT_EQ(2, InitClient());
     EXPECT_EQ(3, InitClient());
@@ -68,7 +111,7 @@ TEST_F(ClientStatesTest, LowestFreeIdIsReusedFirst) {
     EXPECT_EQ(1, mPlatform.CallCount("Run"));
 }
 
-TEST_F(ClientStatesTest, TwentyFirstClientIsRefusedInTwoSteps) {
+TEST_F(ClientInitTest, TwentyFirstClientIsRefusedInTwoSteps) {
     for (int clientID = 1; clientID <= 20; ++clientID) {
         ASSERT_EQ(clientID, InitClient());
     }
@@ -84,7 +127,7 @@ TEST_F(ClientStatesTest, TwentyFirstClientIsRefusedInTwoSteps) {
               Log());
 }
 
-TEST_F(ClientStatesTest, OtherTwentyClientsGoOnAfterTheRefusal) {
+TEST_F(ClientInitTest, OtherTwentyClientsGoOnAfterTheRefusal) {
     for (int i = 0; i < 20; ++i) {
         InitClient();
     }
@@ -96,7 +139,7 @@ TEST_F(ClientStatesTest, OtherTwentyClientsGoOnAfterTheRefusal) {
     EXPECT_EQ(7, InitClient());
 }
 
-TEST_F(ClientStatesTest, FailedStartKeepsTheInstanceAndTheId) {
+TEST_F(ClientInitTest, FailedStartKeepsTheInstanceAndTheId) {
     mPlatform.runResult = -1;
     int clientID = 0;
     EXPECT_EQ(-1, InitResult(&clientID));
@@ -107,7 +150,7 @@ TEST_F(ClientStatesTest, FailedStartKeepsTheInstanceAndTheId) {
     EXPECT_EQ(0, mPlatform.LiveHandles());
 }
 
-TEST_F(ClientStatesTest, AfterAFailedStartTheInstanceAnswersButIsNotRunning) {
+TEST_F(ClientInitTest, AfterAFailedStartTheInstanceAnswersButIsNotRunning) {
     mPlatform.registerResult = -1;
     int clientID = 0;
     EXPECT_EQ(-1, InitResult(&clientID));
@@ -122,7 +165,7 @@ TEST_F(ClientStatesTest, AfterAFailedStartTheInstanceAnswersButIsNotRunning) {
     EXPECT_EQ(0, LUM_GetClientVersion(1, text, sizeof(text)));
 }
 
-TEST_F(ClientStatesTest, InitAfterAFailedStartStartsAgainWithTheNextId) {
+TEST_F(ClientInitTest, InitAfterAFailedStartStartsAgainWithTheNextId) {
     mPlatform.givesHandles = false;
     int clientID = 0;
     EXPECT_EQ(-1, InitResult(&clientID));
@@ -135,7 +178,7 @@ TEST_F(ClientStatesTest, InitAfterAFailedStartStartsAgainWithTheNextId) {
     EXPECT_EQ(1U, found.devNum);
 }
 
-TEST_F(ClientStatesTest, DeInitOfTheOnlyClientOfAFailedStartFailsAndFreesItsId) {
+TEST_F(ClientInitTest, DeInitOfTheOnlyClientOfAFailedStartFailsAndFreesItsId) {
     mPlatform.runResult = -1;
     int clientID = 0;
     EXPECT_EQ(-1, InitResult(&clientID));
@@ -148,7 +191,7 @@ TEST_F(ClientStatesTest, DeInitOfTheOnlyClientOfAFailedStartFailsAndFreesItsId) 
     EXPECT_EQ(1, InitClient());
 }
 
-TEST_F(ClientStatesTest, FailedExitMakesTheLastDeInitFail) {
+TEST_F(ClientInitTest, FailedExitMakesTheLastDeInitFail) {
     InitClient();
     mPlatform.exitResult = -1;
     mLog.Clear();
@@ -159,7 +202,7 @@ TEST_F(ClientStatesTest, FailedExitMakesTheLastDeInitFail) {
     EXPECT_EQ((Texts{"0 Enter\n", "4 LUM_DeInitClient failed!\n"}), LogOf("LUM_DeInitClient"));
 }
 
-TEST_F(ClientStatesTest, DeInitOfAnUnknownIdFailsAndChangesNothing) {
+TEST_F(ClientInitTest, DeInitOfAnUnknownIdFailsAndChangesNothing) {
     InitClient();
     mLog.Clear();
     EXPECT_EQ(-1, LUM_DeInitClient(2));
@@ -167,11 +210,20 @@ TEST_F(ClientStatesTest, DeInitOfAnUnknownIdFailsAndChangesNothing) {
     EXPECT_EQ(0, LUM_RegisterEvent(1, OnClientEvent));
 }
 
-TEST_F(ClientStatesTest, DeInitOfTheSameClientTwiceFails) {
+TEST_F(ClientInitTest, DeInitOfTheSameClientTwiceFails) {
     InitClient();
     InitClient();
     EXPECT_EQ(0, LUM_DeInitClient(2));
     EXPECT_EQ(-1, LUM_DeInitClient(2));
+}
+
+TEST_F(ClientInitTest, StopThatThrowsIsAFailureOfTheCall) {
+    InitClient();
+    mPlatform.onExit = [] { throw std::runtime_error("the platform is broken"); };
+    mLog.Clear();
+    EXPECT_EQ(-1, LUM_DeInitClient(1));
+    EXPECT_THAT(mLog.Texts(4), testing::Contains("failed: the platform is broken\n"));
+    mPlatform.onExit = [] {};
 }
 
 }  // namespace
