@@ -81,7 +81,8 @@ const std::string VERY_LONG_NAME(5000, 'n');
 const std::string LONG_TEXT(401, 'c');
 const std::string HALF_TEXT(200, 'c');
 const std::string LARGER_HALF_TEXT(201, 'p');
-// Behind a name of 40 characters it is the 41st, whichever of its bytes comes first on this host.
+// A transport that follows a name of 40 characters. Its first byte reads as the 41st character, in either
+// byte order.
 constexpr int ILLEGAL_IN_EACH_BYTE = 0x06060606;
 
 // ---- Faults that several functions look for ----
@@ -122,7 +123,7 @@ Fault InService(unsigned int index, const char* message, void (*apply)(LUM_SERVI
             [index, apply](Arguments& with) { apply(with.record.serviceInfo[index]); }};
 }
 
-// Negative IDs only: the version of a client that has left can be asked for.
+// Only negative IDs are refused here. All others are looked up.
 const std::vector<Fault> VERSION_FAULTS = {
     {Of::CLIENT_ID, "clientID is illegal.\n", [](Arguments& with) { with.clientID = -1; }},
     CALL_CONNECT,
