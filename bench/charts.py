@@ -19,7 +19,7 @@ SERIES = {
 }
 LABELS = {
     "lumora": "Lumora", "tcp-framed": "plain TCP, framed", "tcp-direct": "plain TCP, same thread",
-    "tcp-pair": "plain TCP, two connections",
+    "tcp-pair": "two TCP connections",
     "tcp-unframed": "plain TCP, no frames", "zmq-pushpull": "ZeroMQ PUSH/PULL", "zmq-pair": "ZeroMQ PAIR",
     "nng-pushpull": "nng push/pull", "nng-pair": "nng pair",
 }

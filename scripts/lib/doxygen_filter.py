@@ -93,7 +93,7 @@ def moved_link(path, image, text, target):
         return f"{image}[{text}]({target.rsplit('/', 1)[-1] if image else target})"
     file, _, anchor = target.partition("#")
     to = (path.parent / file).resolve() if file else path
-    if to.suffix != ".md" or to.parent == ROOT / "packaging":  # which is not among the pages
+    if to.suffix != ".md" or to.parent not in (ROOT, ROOT / "docs"):  # others are not among the pages
         return f"`{to.relative_to(ROOT)}`" if "/" in target and text.strip("`") in target else text
     quoted = text.replace("`", "").replace('"', "'")
     return f'@ref {label(to, "" if anchor == anchor_of_title(to) else anchor)} "{quoted}"'

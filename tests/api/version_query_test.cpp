@@ -1,9 +1,11 @@
-// The version queries beside other calls: they take no API mutex, and outlive the last client.
+// The version queries: what they hand out, and how they go beside other calls. They take no API mutex, and
+// outlive the last client.
 #include <cstring>
 #include <functional>
 #include <thread>
 
 #include "tests/api/api_fixture.h"
+#include "tests/support/fake_securec.h"
 
 namespace lumora_test {
 namespace {
@@ -134,6 +136,92 @@ TEST_F(VersionQueryTest, ServerVersionAnswersWhileTheLastClientWaitsToLeave) {
     leaving.join();
     EXPECT_EQ(0, result) << mLog.Dump();
     EXPECT_STREQ("1.1.1", mText);
+}
+
+TEST_F(VersionQueryTest, VersionQueriesLetEveryPositiveIdPass) {
+    InitClient();
+    char text[64];
+    for (const int clientID : {0, 21, 2147483647}) {
+        mLog.Clear();
+        EXPECT_EQ(-1, LUM_GetClientVersion(clientID, text, sizeof(text)));
+        EXPECT_EQ(-1, LUM_GetServerVersion(clientID, 1, text, sizeof(text)));
+        EXPECT_EQ(2, mLog.Count(4, "ClientID : " + std::to_string(clientID) + " no resource!!\n"));
+        EXPECT_EQ(Texts{"4 LUM_SendData failed!\n"}, LogOf("LUM_GetClientVersion"));
+        EXPECT_EQ(Texts{"4 LUM_SendData failed!\n"}, LogOf("LUM_GetServerVersion"));
+    }
+}
+
+TEST_F(VersionQueryTest, VersionsArriveTerminatedInAClearedBuffer) {
+    InitClient();
+    FindCamera(1);
+    mLog.Clear();
+    const std::string expected = std::string("1.1.1") + std::string(59, '\0');
+    char text[64];
+    std::memset(text, 0x5a, sizeof(text));
+    EXPECT_EQ(0, LUM_GetClientVersion(1, text, sizeof(text)));
+    EXPECT_EQ(expected, std::string(text, sizeof(text)));
+    std::memset(text, 0x5a, sizeof(text));
+    EXPECT_EQ(0, LUM_GetServerVersion(1, 1, text, sizeof(text)));
+    EXPECT_EQ(expected, std::string(text, sizeof(text)));
+    EXPECT_EQ(Texts{}, LogOf("LUM_GetClientVersion"));
+    EXPECT_EQ(Texts{}, LogOf("LUM_GetServerVersion"));
+}
+
+class ServerVersionLengthTest : public VersionQueryTest {
+protected:
+    // What a device that answers with a version of so many characters comes to, in a buffer of 64.
+    int AskDeviceOf(std::size_t versionLength) {
+        InitClient();
+        FindCamera(1);
+        FakeDevice device = mPlatform.devices.front();
+        const auto described = device.answer;
+        device.answer = [described, versionLength](const Request& request, std::string& reply) {
+            if (request.key != "GetVersion") {
+                return described(request, reply);
+            }
+            reply = std::string(versionLength, 'v');
+            return 0;
+        };
+        mPlatform.devices = {device};
+        LUM_DEVICES_INFO_S found;
+        EXPECT_EQ(0, LUM_GetAiDeviceList("camera", &found));
+        mLog.Clear();
+        std::memset(mText, 0x5a, sizeof(mText));
+        return LUM_GetServerVersion(1, 1, mText, sizeof(mText));
+    }
+};
+
+TEST_F(ServerVersionLengthTest, SixtyThreeCharactersFitIntoSixtyFourBytes) {
+    EXPECT_EQ(0, AskDeviceOf(63));
+    EXPECT_EQ(std::string(63, 'v'), mText);
+}
+
+TEST_F(ServerVersionLengthTest, SixtyFourCharactersAreTooManyAndLeaveTheBufferAlone) {
+    EXPECT_EQ(-1, AskDeviceOf(64));
+    EXPECT_EQ(Texts{"4 buff is too short!\n"}, LogOf("LUM_GetServerVersion"));
+    EXPECT_EQ(std::string(64, 0x5a), std::string(mText, sizeof(mText)));
+}
+
+TEST_F(ServerVersionLengthTest, EmptyVersionLeavesAClearedBuffer) {
+    EXPECT_EQ(0, AskDeviceOf(0));
+    EXPECT_EQ(std::string(64, '\0'), std::string(mText, sizeof(mText)));
+}
+
+TEST_F(VersionQueryTest, VersionQueriesReportFailedFillsAndCopies) {
+    InitClient();
+    FindCamera(1);
+    char text[64];
+    mLog.Clear();
+    FailBoundedCall(Bounded::MEMSET);
+    EXPECT_EQ(-1, LUM_GetClientVersion(1, text, sizeof(text)));
+    FailBoundedCall(Bounded::MEMCPY);
+    EXPECT_EQ(-1, LUM_GetClientVersion(1, text, sizeof(text)));
+    EXPECT_EQ((Texts{"4 memset_s failed!\n", "4 memcpy_s failed!\n"}), LogOf("LUM_GetClientVersion"));
+    FailBoundedCall(Bounded::MEMSET);
+    EXPECT_EQ(-1, LUM_GetServerVersion(1, 1, text, sizeof(text)));
+    FailBoundedCall(Bounded::MEMCPY);
+    EXPECT_EQ(-1, LUM_GetServerVersion(1, 1, text, sizeof(text)));
+    EXPECT_EQ((Texts{"4 memset_s failed!\n", "4 memcpy_s failed!\n"}), LogOf("LUM_GetServerVersion"));
 }
 
 }  // namespace

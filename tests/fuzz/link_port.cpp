@@ -34,18 +34,22 @@ sockaddr_in AddressOf(std::uint16_t port) {
     return address;
 }
 
-std::uint64_t DeltaOrLength(ByteReader& reader, std::uint64_t nibble) {
-    return nibble == 13 ? reader.Number(1) + 13 : nibble == 14 ? reader.Number(2) + 269 : nibble;
+std::size_t ReadSize(ByteReader& reader, std::size_t bytes) {
+    return static_cast<std::size_t>(reader.Number(bytes));
+}
+
+std::size_t DeltaOrLength(ByteReader& reader, std::size_t nibble) {
+    return nibble == 13 ? ReadSize(reader, 1) + 13 : nibble == 14 ? ReadSize(reader, 2) + 269 : nibble;
 }
 
 // Where libcoap begins again at 0, which no other reader does.
 bool HasOptionBeyondTheLastNumber(std::string_view bytes) {
     ByteReader reader(bytes);
-    const std::uint64_t tokenBytes = reader.Number(1) & 0xf;
+    const std::size_t tokenBytes = ReadSize(reader, 1) & 0xf;
     reader.Bytes(3 + tokenBytes);
-    std::uint64_t number = 0;
+    std::size_t number = 0;
     while (!reader.AtEnd() && number <= UINT16_MAX) {
-        const std::uint64_t head = reader.Number(1);
+        const std::size_t head = ReadSize(reader, 1);
         number += DeltaOrLength(reader, head >> 4);
         reader.Bytes(DeltaOrLength(reader, head & 0xf));
     }
