@@ -264,7 +264,6 @@ const Function FUNCTIONS[] = {
       EMPTY_TYPE,
       {Of::TEXT, "devType's length = 41 ,exceeding the limit length: 40\n",
        [](Arguments& with) { with.devType = LONG_NAME.c_str(); }},
-      // Characters behind the 41st are not counted.
       {Of::TEXT, "devType's length = 5000 ,exceeding the limit length: 40\n",
        [](Arguments& with) { with.devType = VERY_LONG_NAME.c_str(); }}}},
 
