@@ -12,6 +12,9 @@ namespace {
 constexpr unsigned int CLIENT_REASSEMBLY_SIZE =
     MAX_SERVER_FRAME_HEAD_LENGTH + MAX_SERVER_FRAME_PAYLOAD + READ_SIZE;
 
+// The kernel sends SYNs after 0, 1, 3 and 7 s: a connect survives that three are lost.
+constexpr int CONNECT_LIMIT_SECONDS = 8;
+
 }  // namespace
 
 std::atomic<bool> LumoraTCPTransClient::mLeftOverPending{false};
@@ -25,7 +28,7 @@ int LumoraTCPTransClient::CreateTransports(TransType type, const std::string& ad
         case TransType::CLIENT_RECEIVE:
             return CreateReceiveDirection(addr, port);
         case TransType::CLIENT_SEND:
-            return BeginSending(addr, port);
+            return BeginSending(addr, port, CONNECT_LIMIT_SECONDS);
         default:
             return 0;
     }

@@ -13,6 +13,10 @@ namespace {
 // One maximal frame and one maximal read.
 constexpr unsigned int SERVER_REASSEMBLY_SIZE = MAX_CLIENT_FRAME_PAYLOAD + READ_SIZE;
 
+// Connecting back is a piece of a request: the client waits for its answer, and all other requests wait
+// behind it. Two lost SYNs are survived.
+constexpr int CONNECT_BACK_LIMIT_SECONDS = 5;
+
 }  // namespace
 
 std::atomic<bool> LumoraTCPTransServer::mLeftOverPending{false};
@@ -55,7 +59,7 @@ int LumoraTCPTransServer::CreateReceiveDirection(const std::string& addr, int po
 }
 
 int LumoraTCPTransServer::CreateSendDirection(const std::string& addr, int port) {
-    if (BeginSending(addr, port) != 0) {
+    if (BeginSending(addr, port, CONNECT_BACK_LIMIT_SECONDS) != 0) {
         return -1;
     }
     mConnected = true;

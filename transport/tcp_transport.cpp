@@ -25,8 +25,6 @@ namespace lumoraAiModule {
 namespace {
 
 constexpr int LISTEN_BACKLOG = 10;
-// The kernel sends the third SYN after 7 s: a connect survives two lost ones.
-constexpr int CONNECT_LIMIT_SECONDS = 8;
 constexpr int RECEIVE_WAIT_US = 500000;
 constexpr int LOST_PEER_PAUSE_MS = 20;
 constexpr int ACCEPT_PAUSE_MS = 2;
@@ -100,9 +98,9 @@ int TcpTransport::BeginReceiving(const std::string& addr, int port) {
     return 0;
 }
 
-int TcpTransport::BeginSending(const std::string& addr, int port) {
+int TcpTransport::BeginSending(const std::string& addr, int port, int limitSeconds) {
     int error = 0;
-    if (SetupSenderSocket(port, addr, error) != 0) {
+    if (SetupSenderSocket(port, addr, limitSeconds, error) != 0) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "SetupSocket error: %d\n", error);
         return -1;
     }
@@ -162,7 +160,7 @@ int TcpTransport::BindAndListen(const Descriptor& socket, const sockaddr_in& add
     return 0;
 }
 
-int TcpTransport::SetupSenderSocket(int port, const std::string& addr, int& error) {
+int TcpTransport::SetupSenderSocket(int port, const std::string& addr, int limitSeconds, int& error) {
     auto socket = std::make_shared<Descriptor>(OpenStreamSocket());
     if (!socket->IsOpen()) {
         error = errno;
@@ -178,7 +176,7 @@ int TcpTransport::SetupSenderSocket(int port, const std::string& addr, int& erro
         LUMORA_ERROR("inet_pton error for %s\n", addr.c_str());
         return -1;
     }
-    if (ConnectWithin(*socket, address, CONNECT_LIMIT_SECONDS) != 0) {
+    if (ConnectWithin(*socket, address, limitSeconds) != 0) {
         error = errno;
         LUMORA_ERROR("connect error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
         return -1;

@@ -39,9 +39,9 @@ protected:
     // Setting up. 0 or -1; error receives the errno of the step that failed, 0 if it has none. The peer is
     // expected to connect from addr, or from anywhere if that is not an address.
     int BeginReceiving(const std::string& addr, int port);
-    int BeginSending(const std::string& addr, int port);
+    int BeginSending(const std::string& addr, int port, int limitSeconds);
     int SetupReceiverSocket(int port, Descriptor& listenSocket, int& error);
-    int SetupSenderSocket(int port, const std::string& addr, int& error);
+    int SetupSenderSocket(int port, const std::string& addr, int limitSeconds, int& error);
     int StartReceiveThread();
     virtual void LogBindError(int error) = 0;
     virtual void LogBound(in_port_t networkPort) = 0;
