@@ -1,7 +1,7 @@
 """Builds the wheel and the source archive, as PEP 517 has it, with nothing but Python.
 
-The package is pure Python: a wheel is a zip of its files with three more beside them. So an installation needs neither
-a network nor setuptools or wheel, which a fresh virtual environment lacks.
+The package is pure Python: a wheel is a zip of its files with three more beside them. So an installation
+needs neither a network nor setuptools or wheel, which a fresh virtual environment lacks.
 """
 import base64
 import hashlib
@@ -15,7 +15,8 @@ import zipfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PACKAGE = ROOT / "lumora"
-VERSION = re.search(r'^__version__ = "(.+)"', (PACKAGE / "__init__.py").read_text(encoding="utf-8"), re.M).group(1)
+MODULE = (PACKAGE / "__init__.py").read_text(encoding="utf-8")
+VERSION = re.search(r'^__version__ = "(.+)"', MODULE, re.M).group(1)
 NAME = f"lumora-{VERSION}"
 # Zip archives know no earlier time. The same sources give the same archives.
 TIME = max(int(os.environ.get("SOURCE_DATE_EPOCH", 0)), 315532800)
@@ -72,11 +73,12 @@ def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
 
 def build_sdist(sdist_directory, config_settings=None):
     del config_settings
-    contents = {str(path.relative_to(ROOT)): path.read_bytes()
-                for path in (ROOT / "pyproject.toml", ROOT / "README.md", pathlib.Path(__file__), *package_files())}
+    own_files = (ROOT / "pyproject.toml", ROOT / "README.md", pathlib.Path(__file__).resolve())
+    contents = {str(path.relative_to(ROOT)): path.read_bytes() for path in (*own_files, *package_files())}
     contents["PKG-INFO"] = METADATA.encode()
     file_name = f"{NAME}.tar.gz"
-    with tarfile.open(pathlib.Path(sdist_directory) / file_name, "w:gz", format=tarfile.PAX_FORMAT) as archive:
+    path = pathlib.Path(sdist_directory) / file_name
+    with tarfile.open(path, "w:gz", format=tarfile.PAX_FORMAT) as archive:
         for name, data in contents.items():
             entry = tarfile.TarInfo(f"{NAME}/{name}")
             entry.size, entry.mtime, entry.mode = len(data), TIME, 0o644
