@@ -34,12 +34,12 @@ void SetClient(std::shared_ptr<LumoraClientModule> client) {
 
 // Runs in the child, which has one thread. The pointer is read as it is: if another thread of the parent was
 // changing it, that thread held the API mutex, and atomic_load might wait for it.
-void AfterFork() {
+void RefuseInChildOfClient() {
     if (!g_lumoraClientMutex->IsFree() || g_lumoraClient->get() != nullptr) {
         lumora::RefuseAllCalls();
     }
 }
-[[maybe_unused]] const int g_watchesForks = pthread_atfork(nullptr, nullptr, AfterFork);
+[[maybe_unused]] const int g_clientForkHandler = pthread_atfork(nullptr, nullptr, RefuseInChildOfClient);
 
 bool IsClientId(int clientID) { return clientID >= 0 && clientID <= LUM_MAX_CLIENTS; }
 

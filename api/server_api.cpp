@@ -28,12 +28,12 @@ lumora::NeverDestroyed<lumora::ApiMutex> g_lumoraServerMutex;
 LumoraServerModule* g_lumora = nullptr;
 
 // Runs in the child, which has one thread.
-void AfterFork() {
+void RefuseInChildOfDevice() {
     if (!g_lumoraServerMutex->IsFree() || g_lumora != nullptr) {
         lumora::RefuseAllCalls();
     }
 }
-[[maybe_unused]] const int g_watchesForks = pthread_atfork(nullptr, nullptr, AfterFork);
+[[maybe_unused]] const int g_serverForkHandler = pthread_atfork(nullptr, nullptr, RefuseInChildOfDevice);
 
 }  // namespace
 
