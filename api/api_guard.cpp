@@ -10,6 +10,8 @@ namespace {
 // How long a stop may have to wait for a thread that it joins to notice it.
 constexpr std::chrono::milliseconds STOP_CHECK_INTERVAL(2);
 
+std::atomic<bool> g_allCallsRefused{false};
+
 }  // namespace
 
 bool ApiMutex::TryLock() {
@@ -50,7 +52,7 @@ void ApiMutex::Unlock() {
 
 ApiLock::ApiLock(ApiMutex& mutex, Side side, const char* function, int line, FromOnData fromOnData)
     : mMutex(mutex) {
-    if (WouldWaitForItself(side, function, line)) {
+    if (IsForkedChild(function, line) || WouldWaitForItself(side, function, line)) {
         return;
     }
     const std::atomic<bool>* transportRunning =
@@ -72,6 +74,17 @@ ApiLock::~ApiLock() {
     if (mHeld) {
         mMutex.Unlock();
     }
+}
+
+void RefuseAllCalls() { g_allCallsRefused.store(true, std::memory_order_relaxed); }
+
+bool IsForkedChild(const char* function, int line) {
+    if (!g_allCallsRefused.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    LogInfo(LOG_ERROR, "LUMRA", function, line,
+            "called in a forked child of a process that uses Lumora; only exec may follow.\n");
+    return true;
 }
 
 bool WouldWaitForItself(Side side, const char* function, int line) {

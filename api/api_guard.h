@@ -27,6 +27,7 @@ public:
     // Gives up, and returns false, once wanted has turned false.
     bool LockWhile(const std::atomic<bool>& wanted);
     void Unlock();
+    bool IsFree() const { return mState == FREE; }
 
 private:
     // Somebody waits as long as it is CONTENDED; whoever gets it after waiting leaves it so, because others
@@ -59,6 +60,14 @@ private:
     ApiMutex& mMutex;
     bool mHeld = false;
 };
+
+// Makes every later call of the process fail: a side calls it in a forked child whose parent was using that
+// side. The threads that keep connections and requests going exist in the parent alone, and what they had
+// locked stays locked.
+void RefuseAllCalls();
+
+// Whether RefuseAllCalls was called; logged.
+bool IsForkedChild(const char* function, int line);
 
 // Whether the calling thread is inside a callback of this side that must not call back; logged.
 bool WouldWaitForItself(Side side, const char* function, int line);

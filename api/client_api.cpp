@@ -1,4 +1,6 @@
 // The client side's exported functions: checks, messages, and a call of the module.
+#include <pthread.h>
+
 #include <cstring>
 #include <memory>
 #include <string>
@@ -29,6 +31,15 @@ std::shared_ptr<LumoraClientModule> HoldClient() { return std::atomic_load(&*g_l
 void SetClient(std::shared_ptr<LumoraClientModule> client) {
     std::atomic_store(&*g_lumoraClient, std::move(client));
 }
+
+// Runs in the child, which has one thread. The pointer is read as it is: if another thread of the parent was
+// changing it, that thread held the API mutex, and atomic_load might wait for it.
+void RefuseInChildOfClient() {
+    if (!g_lumoraClientMutex->IsFree() || g_lumoraClient->get() != nullptr) {
+        lumora::RefuseAllCalls();
+    }
+}
+[[maybe_unused]] const int g_clientForkHandler = pthread_atfork(nullptr, nullptr, RefuseInChildOfClient);
 
 bool IsClientId(int clientID) { return clientID >= 0 && clientID <= LUM_MAX_CLIENTS; }
 
@@ -240,7 +251,8 @@ int LUM_SendData(int clientID, unsigned int handle, const void* data, unsigned i
 }
 
 int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen) try {
-    if (lumora::WouldWaitForItself(Side::CLIENT, __func__, __LINE__)) {
+    if (lumora::IsForkedChild(__func__, __LINE__) ||
+        lumora::WouldWaitForItself(Side::CLIENT, __func__, __LINE__)) {
         return -1;
     }
     const std::shared_ptr<LumoraClientModule> lumora = HoldClient();
@@ -256,7 +268,8 @@ int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen) try {
 }
 
 int LUM_GetServerVersion(int clientID, unsigned int handle, char* buff, unsigned int buffLen) try {
-    if (lumora::WouldWaitForItself(Side::CLIENT, __func__, __LINE__)) {
+    if (lumora::IsForkedChild(__func__, __LINE__) ||
+        lumora::WouldWaitForItself(Side::CLIENT, __func__, __LINE__)) {
         return -1;
     }
     const std::shared_ptr<LumoraClientModule> lumora = HoldClient();

@@ -1,4 +1,6 @@
 // The server side's exported functions: checks, messages, and a call of the module.
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
@@ -24,6 +26,14 @@ lumora::NeverDestroyed<lumora::ApiMutex> g_lumoraServerMutex;
 
 // Under g_lumoraServerMutex.
 LumoraServerModule* g_lumora = nullptr;
+
+// Runs in the child, which has one thread.
+void RefuseInChildOfDevice() {
+    if (!g_lumoraServerMutex->IsFree() || g_lumora != nullptr) {
+        lumora::RefuseAllCalls();
+    }
+}
+[[maybe_unused]] const int g_serverForkHandler = pthread_atfork(nullptr, nullptr, RefuseInChildOfDevice);
 
 }  // namespace
 

@@ -36,7 +36,8 @@ function(lumora_sanitizers_of_sources result)
 endfunction()
 
 function(lumora_compile_options target)
-    target_compile_options(${target} PRIVATE ${lumora_warnings} "${lumora_paths}")
+    target_compile_options(${target} PRIVATE ${lumora_warnings} "${lumora_paths}" "${lumora_hardening}")
+    target_link_options(${target} PRIVATE ${lumora_link_hardening})
     if(LUMORA_SANITIZE)
         lumora_sanitizers_of_sources(sanitizers)
         target_compile_options(${target} PRIVATE -fsanitize=${sanitizers} -fno-omit-frame-pointer

@@ -5,6 +5,8 @@ set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/lumora)
 
 lumora_install_library(lumora runtime)
 install(FILES include/lumora.h include/lumora.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+# For those who write platform libraries.
+install(DIRECTORY platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/lumora-platform COMPONENT dev)
 install(EXPORT lumoraTargets NAMESPACE lumora:: DESTINATION ${package_folder} COMPONENT dev)
 configure_package_config_file(cmake/lumoraConfig.cmake.in lumoraConfig.cmake INSTALL_DESTINATION ${package_folder}
     NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)
@@ -16,8 +18,8 @@ if(LUMORA_PLATFORM STREQUAL "external")
 endif()
 
 # Who passes on what is installed passes these on with it. Our Debian packages have a file of their own for that.
-install(FILES LICENSE packaging/debian/copyright DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/lumora
-    COMPONENT notices)
+install(FILES LICENSE SECURITY.md packaging/debian/copyright ${PROJECT_BINARY_DIR}/lumora.spdx.json
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/lumora COMPONENT notices)
 
 # The folders relative to the file itself: an unpacked tree can be moved, and used as part of a sysroot.
 file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)

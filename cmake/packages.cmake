@@ -10,7 +10,7 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_COMPONENTS_ALL runtime platform dev python)
+set(CPACK_COMPONENTS_ALL runtime platform dev python doc)
 if(LUMORA_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL examples)
 endif()
@@ -97,6 +97,20 @@ install(FILES ${PROJECT_BINARY_DIR}/lumora.egg-info DESTINATION ${python_folder}
     RENAME lumora-${PROJECT_VERSION}.egg-info COMPONENT python)
 install(FILES examples/python/device.py examples/python/client.py
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-lumora/examples COMPONENT python)
+
+set(CPACK_DEBIAN_DOC_PACKAGE_NAME lumora-doc)
+set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
+set(CPACK_COMPONENT_DOC_DESCRIPTION "This package has the documents: a tutorial, a guide, the texts of the log, the
+protocol byte by byte, porting and security.")
+# Links between them lead from docs/ to the files beside it.
+set(doc_folder ${CMAKE_INSTALL_DATADIR}/doc/lumora-doc)
+install(DIRECTORY docs DESTINATION ${doc_folder} COMPONENT doc
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+install(FILES README.md SECURITY.md DESTINATION ${doc_folder} COMPONENT doc)
+install(FILES ${PROJECT_BINARY_DIR}/lumora.spdx.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liblumora-cpp COMPONENT runtime)
 
 # Each package says whose it is and what changed.
 find_program(GZIP_PROGRAM gzip REQUIRED)

@@ -76,6 +76,10 @@ int LinkDeviceImpl::Send(SendOperation AppResourceProxy::*operation, const std::
     if (mProxy == nullptr) {
         return 0;
     }
+    if (mProxy->*operation == nullptr) {
+        LUMORA_ERROR("liblumora.so cannot send this request.\n");
+        return -1;
+    }
     const MutexLock lock(mRequestMutex);
     return (mProxy->*operation)(mProxy, key.c_str(), value.c_str(),
                                 static_cast<unsigned int>(value.length()));

@@ -23,6 +23,37 @@ struct ProxyChainDeleter {
 };
 using ProxyChain = std::unique_ptr<AppResourceProxy, ProxyChainDeleter>;
 
+// The platform is a vendor's file that is replaced without a rebuild: one of another version, or an
+// unfinished one, may leave an operation out. These are the operations that this library calls; null if all
+// are there.
+const char* MissingOperation(const LinkPlatform& table) {
+    return table.Init == nullptr               ? "Init"
+           : table.RegisterResource == nullptr ? "RegisterResource"
+           : table.Run == nullptr              ? "Run"
+           : table.Exit == nullptr             ? "Exit"
+           : table.FindResource == nullptr     ? "FindResource"
+                                               : nullptr;
+}
+
+const char* MissingOperation(const AppResourceProxy& table) {
+    return table.Get == nullptr          ? "Get"
+           : table.Put == nullptr        ? "Put"
+           : table.Post == nullptr       ? "Post"
+           : table.GetAddress == nullptr ? "GetAddress"
+           : table.GetPort == nullptr    ? "GetPort"
+                                         : nullptr;
+}
+
+template <typename Table>
+bool IsComplete(const Table& table, const char* name) {
+    const char* const missing = MissingOperation(table);
+    if (missing == nullptr) {
+        return true;
+    }
+    LUMORA_ERROR("liblumora.so does not fit this library: its %s has no %s.\n", name, missing);
+    return false;
+}
+
 }  // namespace
 
 Mutex SmartHomeLinkHybird::g_mConnectMutex;
@@ -52,7 +83,7 @@ bool SmartHomeLinkHybird::Initialize() {
         LUMORA_DETAIL("LinkPlatform_get failure\n");
         return false;
     }
-    return mPlatform->Init(mPlatform) == 0;
+    return IsComplete(*mPlatform, "LinkPlatform") && mPlatform->Init(mPlatform) == 0;
 }
 
 bool SmartHomeLinkHybird::RegisterDeviceDescriptor(std::shared_ptr<LinkDeviceDescriptor> descriptor,
@@ -75,15 +106,18 @@ bool SmartHomeLinkHybird::RegisterDeviceDescriptor(std::shared_ptr<LinkDeviceDes
 bool SmartHomeLinkHybird::FindDevice(std::string& devType, std::list<std::shared_ptr<LinkDevice>>& devices) {
     ProxyChain rest(mPlatform != nullptr ? mPlatform->FindResource(mPlatform, devType.c_str()) : nullptr);
     while (rest != nullptr) {
+        const bool usable = IsComplete(*rest, "AppResourceProxy");
         auto device = std::make_shared<LinkDeviceImpl>(*rest);
         rest.reset(GetNextAppResourceProxy(rest.release()));
-        devices.push_back(std::move(device));
+        if (usable) {
+            devices.push_back(std::move(device));
+        }
     }
     return !devices.empty();
 }
 
 bool SmartHomeLinkHybird::Dbg(int level) {
-    if (mPlatform != nullptr) {
+    if (mPlatform != nullptr && mPlatform->SetDebugLevel != nullptr) {
         mPlatform->SetDebugLevel(mPlatform, level);
     }
     return true;

@@ -224,7 +224,9 @@ bool TcpTransport::AcceptAndReceive(FrameBuffer& readBuffer) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "WaitForConnect failed!\n");
         return false;
     }
-    ReceiveLoop(readBuffer.Bytes());
+    if (mReceiveSocket.IsOpen()) {  // there is none when the transport was stopped before the peer came
+        ReceiveLoop(readBuffer.Bytes());
+    }
     readBuffer.Release();
     CloseSocket();
     mRunning = false;

@@ -17,9 +17,13 @@ DEPENDS += "${@'libcoap spdlog fmt' if d.getVar('LUMORA_PLATFORM') == 'reference
 
 PACKAGECONFIG ??= ""
 PACKAGECONFIG[examples] = "-DLUMORA_BUILD_EXAMPLES=ON,-DLUMORA_BUILD_EXAMPLES=OFF"
+PACKAGECONFIG[tools] = "-DLUMORA_BUILD_TOOLS=ON,-DLUMORA_BUILD_TOOLS=OFF,cli11"
 
+# The distribution's own flags decide on optimization, and its folders are those of the dynamic linker.
 EXTRA_OECMAKE = " \
+    -DCMAKE_BUILD_TYPE=None \
     -DBUILD_TESTING=OFF \
+    -DLUMORA_INSTALL_RUNPATH=OFF \
     -DLUMORA_WARNINGS_AS_ERRORS=OFF \
     -DLUMORA_PLATFORM=${LUMORA_PLATFORM} \
 "
@@ -28,11 +32,13 @@ EXTRA_OECMAKE = " \
 SOLIBS = ".so"
 FILES_SOLIBSDEV = ""
 
-PACKAGES =+ "${PN}-platform ${PN}-examples"
+PACKAGES =+ "${PN}-platform ${PN}-examples ${PN}-tools"
 FILES:${PN}-platform = "${libdir}/liblumora.so ${libdir}/liblink_log.so ${libdir}/libsecurec.so"
 FILES:${PN}-examples = "${libexecdir}/lumora"
+FILES:${PN}-tools = "${bindir} ${datadir}/bash-completion ${datadir}/zsh"
 FILES:${PN} = "${libdir}/liblumora_cpp.so"
 FILES:${PN}-dev += "${libdir}/cmake/lumora"
 RPROVIDES:${PN}-platform = "lumora-platform-libraries"
 RDEPENDS:${PN} = "${@'${PN}-platform' if d.getVar('LUMORA_PLATFORM') == 'reference' else 'lumora-platform-libraries'}"
 ALLOW_EMPTY:${PN}-examples = "1"
+ALLOW_EMPTY:${PN}-tools = "1"

@@ -32,6 +32,10 @@ public:
     // Nothing where the line must be left out; else how many were left out since the last one.
     std::optional<std::uint64_t> Admit(const Place& place, TimePoint now);
 
+    // Around a fork: the child must not find this locked by a thread that it does not have.
+    void Lock() { mMutex.lock(); }
+    void Unlock() { mMutex.unlock(); }
+
 private:
     struct Minute {
         TimePoint begin;

@@ -1,5 +1,7 @@
 #include "link_log.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -38,9 +40,24 @@ struct Log {
     LogWriter writer;
 };
 
+Log& TheLog();
+
+// If another thread is writing a line while this one forks, the child would wait for that thread, which it
+// does not have, at its first line.
+void LockLog() {
+    TheLog().limit.Lock();
+    TheLog().writer.Lock();
+}
+
+void UnlockLog() {
+    TheLog().writer.Unlock();
+    TheLog().limit.Unlock();
+}
+
 std::unique_ptr<Log> MakeLog() {
     const LogSettings settings = ReadLogSettings();
     auto log = std::make_unique<Log>(settings);
+    pthread_atfork(LockLog, UnlockLog, UnlockLog);
     threshold.store(settings.threshold, std::memory_order_relaxed);
     return log;
 }

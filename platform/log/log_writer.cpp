@@ -60,13 +60,25 @@ bool IsPlainFile(const std::string& path) {
     return S_ISREG(status.st_mode);
 }
 
+// spdlog makes folders that are missing. A misspelt path would then take the lines to a place that no one
+// knows, with the rights of the program.
+void RequireFolder(const std::string& path) {
+    const std::string folder = spdlog::details::os::dir_name(path);
+    struct stat status {};
+    if (!folder.empty() && stat(folder.c_str(), &status) != 0) {
+        spdlog::throw_spdlog_ex("is in a folder that cannot be used", errno);
+    }
+}
+
 std::unique_ptr<spdlog::sinks::sink> MakeFileSink(const LogSettings& settings) {
-    spdlog::details::os::create_dir(spdlog::details::os::dir_name(settings.file));
+    RequireFolder(settings.file);
     if (!IsPlainFile(settings.file)) {
         return std::make_unique<spdlog::sinks::basic_file_sink_st>(settings.file);
     }
+    spdlog::file_event_handlers handlers;
+    handlers.before_open = RequireFolder;  // a full file is put aside, and opened anew
     return std::make_unique<spdlog::sinks::rotating_file_sink_st>(settings.file, settings.fileSize,
-                                                                  settings.fileCount - 1);
+                                                                  settings.fileCount - 1, false, handlers);
 }
 
 std::unique_ptr<spdlog::sinks::sink> MakeSink(const LogSettings& settings) {

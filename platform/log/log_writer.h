@@ -34,6 +34,10 @@ public:
 
     void Write(const LogLine& line);
 
+    // Around a fork, as of a LineLimit.
+    void Lock() { mMutex.lock(); }
+    void Unlock() { mMutex.unlock(); }
+
 private:
     using Clock = std::chrono::steady_clock;
 

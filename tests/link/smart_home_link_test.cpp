@@ -125,6 +125,71 @@ TEST_F(SmartHomeLinkTest, PlatformThatCannotBeInitialisedIsFreed) {
     }
 }
 
+// Leaves each operation out in turn, and says which are missed.
+template <typename Table, typename... Operations>
+std::vector<std::function<void(Table&)>> EachLeftOut(Operations Table::*... operations) {
+    return {[operations](Table& table) { table.*operations = nullptr; }...};
+}
+
+TEST_F(SmartHomeLinkTest, PlatformThatLeavesAnOperationOutIsRefusedAndFreed) {
+    const std::vector<std::string> names = {"Init", "RegisterResource", "Run", "Exit", "FindResource"};
+    const auto faults =
+        EachLeftOut<LinkPlatform>(&LinkPlatform::Init, &LinkPlatform::RegisterResource, &LinkPlatform::Run,
+                                  &LinkPlatform::Exit, &LinkPlatform::FindResource);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        mLog.Clear();
+        mPlatform.onPlatformTable = faults[i];
+        EXPECT_EQ(nullptr, Create()) << names[i];
+        EXPECT_THAT(mLog.Texts(4),
+                    ElementsAre("liblumora.so does not fit this library: its LinkPlatform has no " +
+                                names[i] + ".\n"));
+        EXPECT_EQ(0, mPlatform.LiveHandles()) << names[i];
+    }
+    EXPECT_EQ(0, mPlatform.CallCount("Init"));
+}
+
+TEST_F(SmartHomeLinkTest, PlatformNeedsNoDebugLevel) {
+    mPlatform.onPlatformTable = [](LinkPlatform& table) { table.SetDebugLevel = nullptr; };
+    const auto link = Create();
+    ASSERT_NE(nullptr, link);
+    EXPECT_TRUE(link->Dbg(3));
+}
+
+TEST_F(SmartHomeLinkTest, DeviceWhoseTableLeavesAnOperationOutIsNotListed) {
+    PutDevicesOnTheNetwork(3);
+    const auto link = Create();
+    const std::vector<std::string> names = {"Get", "Put", "Post", "GetAddress", "GetPort"};
+    const auto faults =
+        EachLeftOut<AppResourceProxy>(&AppResourceProxy::Get, &AppResourceProxy::Put, &AppResourceProxy::Post,
+                                      &AppResourceProxy::GetAddress, &AppResourceProxy::GetPort);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        mLog.Clear();
+        mPlatform.onProxyTable = [&](AppResourceProxy& table, int index) {
+            if (index == 1) {
+                faults[i](table);
+            }
+        };
+        EXPECT_TRUE(Find(*link));
+        EXPECT_THAT(FoundPorts(), ElementsAre(1, 3)) << names[i];
+        EXPECT_THAT(mLog.Texts(4),
+                    ElementsAre("liblumora.so does not fit this library: its AppResourceProxy has no " +
+                                names[i] + ".\n"));
+        mFound.clear();
+        EXPECT_EQ(0, mPlatform.LiveProxies()) << names[i];
+    }
+}
+
+TEST_F(SmartHomeLinkTest, DeviceNeedsNoDelete) {
+    PutDevicesOnTheNetwork(1);
+    mPlatform.onProxyTable = [](AppResourceProxy& table, int) { table.Delete = nullptr; };
+    const auto link = Create();
+    ASSERT_TRUE(Find(*link));
+    std::string unused;
+    EXPECT_EQ(-1, mFound.front()->Delete("k", "v", unused));
+    EXPECT_THAT(mLog.Texts(4), ElementsAre("liblumora.so cannot send this request.\n"));
+    EXPECT_EQ(0, mFound.front()->Post("k", "v", unused));
+}
+
 TEST_F(SmartHomeLinkTest, TwoLinksHaveTwoHandles) {
     auto first = Create();
     auto second = Create();

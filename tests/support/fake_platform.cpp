@@ -122,6 +122,7 @@ AppResourceProxy* FindResource(LinkPlatform*, const char* devType) {
         const AppResourceProxy table = {ProxyGet, ProxyPut,     ProxyPost, ProxyDelete,
                                         nullptr,  ProxyAddress, ProxyPort};
         first = std::make_unique<Proxy>(Proxy{table, *device, first}).release();
+        g_platform->onProxyTable(first->table, static_cast<int>(g_platform->devices.rend() - device) - 1);
         ++g_liveProxies;
     }
     return first != nullptr ? &first->table : nullptr;
@@ -281,9 +282,10 @@ extern "C" LinkPlatform* GetLinkPlatform(void) {
         return nullptr;
     }
     ++g_liveHandles;
-    return std::make_unique<LinkPlatform>(
-               LinkPlatform{Init, nullptr, SetDebugLevel, RegisterResource, nullptr, Run, Exit, FindResource})
-        .release();
+    auto table = std::make_unique<LinkPlatform>(
+        LinkPlatform{Init, nullptr, SetDebugLevel, RegisterResource, nullptr, Run, Exit, FindResource});
+    g_platform->onPlatformTable(*table);
+    return table.release();
 }
 
 extern "C" void FreeLinkPlatform(LinkPlatform* platform) {

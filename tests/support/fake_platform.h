@@ -47,6 +47,9 @@ public:
 
     // ---- What the platform does when it is called ----
     bool givesHandles = true;
+    // Changes the tables that it gives out, each a copy of its own.
+    std::function<void(LinkPlatform& table)> onPlatformTable = [](LinkPlatform&) {};
+    std::function<void(AppResourceProxy& table, int index)> onProxyTable = [](AppResourceProxy&, int) {};
     int initResult = 0;
     int registerResult = 0;
     int runResult = 0;

@@ -13,7 +13,7 @@ PlatformHandle::PlatformHandle() : mNodeId(RandomNumber()) {}
 PlatformHandle::~PlatformHandle() { Exit(); }
 
 bool PlatformHandle::Init() {
-    Config config = ReadConfig([](const char* name) -> const char* { return std::getenv(name); });
+    Config config = ReadConfig([](const char* name) -> const char* { return secure_getenv(name); });
     MutexLock lock(mMutex);
     if (!mInitialised) {
         mConfig = std::move(config);

@@ -96,6 +96,7 @@ TEST(LogFault, AFileSizeLimitLosesLines) {
 TEST(LogFault, AFolderThatVanishesIsWrittenToAgainWhenItIsBack) {
     const TemporaryFolder folder;
     const std::string logs = folder.Path("logs");
+    ASSERT_EQ(mkdir(logs.c_str(), 0700), 0);
     Variables variables = LogTo(logs + "/log.txt");
     variables["LUMORA_LOG_FILE_SIZE"] = "4096";
     const ProbeResult probe = RunProbe({"vanishing-folder", logs}, variables);
@@ -112,6 +113,21 @@ TEST(LogFault, AFileThatCannotBeOpenedLeavesStandardError) {
         RunProbe({"text", "hello"}, LogTo(impossible)).err,
         ElementsAre(AllOf(HasSubstr(impossible), HasSubstr("Not a directory; standard error is taken")),
                     "hello"));
+}
+
+TEST(LogFault, AMissingFolderIsNotMade) {
+    const TemporaryFolder folder;
+    const std::string missing = folder.Path("logs");
+    EXPECT_THAT(RunProbe({"text", "hello"}, LogTo(missing + "/log.txt")).err,
+                ElementsAre(AllOf(HasSubstr("is in a folder that cannot be used: No such file or directory"),
+                                  HasSubstr("standard error is taken")),
+                            "hello"));
+    struct stat status {};
+    EXPECT_NE(stat(missing.c_str(), &status), 0);
+}
+
+TEST(LogFault, AChildThatIsForkedWhileOthersLogCanLog) {
+    EXPECT_EQ(RunProbe({"fork-while-logging"}, LogTo("/dev/null")).exitCode, 0);
 }
 
 TEST(LogFault, AFolderIsNoLogFile) {

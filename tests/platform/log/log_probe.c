@@ -182,6 +182,7 @@ static const struct {
     {"stalled-reader", RunStalledReader},
     {"file-size-limit", RunFileSizeLimit},
     {"vanishing-folder", RunVanishingFolder},
+    {"fork-while-logging", RunForkWhileLogging},
 };
 
 int main(int argc, char** argv) {

@@ -12,5 +12,6 @@ int RunPendingSignal(const char* argument);
 int RunStalledReader(const char* argument);
 int RunFileSizeLimit(const char* argument);
 int RunVanishingFolder(const char* argument);
+int RunForkWhileLogging(const char* argument);
 
 #endif

@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -102,9 +103,49 @@ int RunVanishingFolder(const char* folder) {
             i % 2 == 0 ? "short" : "a longer line, which is over the limit where a short one is not");
     }
     remove(folder);
+    mkdir(folder, 0700);
     for (int i = 0; i < 3000 && !Exists(file); ++i) {
         LOG(4, "again");
         Pause();
     }
     return Exists(file) ? 0 : 2;
+}
+
+static volatile sig_atomic_t logging = 1;
+
+static void* LogUntilToldToStop(void* unused) {
+    (void)unused;
+    while (logging) {
+        LOG(4, "from another thread");
+    }
+    return NULL;
+}
+
+/* A child that waits for a lock of its parent's threads is ended by its alarm. */
+static int ForkedChildCanLog(void) {
+    int status = 0;
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
+        LOG(4, "from the child");
+        _exit(0);
+    }
+    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+int RunForkWhileLogging(const char* argument) {
+    pthread_t threads[2];
+    int failed = 0;
+    (void)argument;
+    for (int i = 0; i < 2; ++i) {
+        pthread_create(&threads[i], NULL, LogUntilToldToStop, NULL);
+    }
+    for (int i = 0; i < 300 && failed == 0; ++i) {
+        failed = !ForkedChildCanLog();
+    }
+    logging = 0;
+    for (int i = 0; i < 2; ++i) {
+        pthread_join(threads[i], NULL);
+    }
+    return failed;
 }

@@ -127,13 +127,6 @@ TEST(LogFile, IsContinued) {
     EXPECT_EQ(ReadFile(file), "first\nsecond\n");
 }
 
-TEST(LogFile, IsMadeWithItsFolder) {
-    const TemporaryFolder folder;
-    const std::string file = folder.Path("var/log/device.log");
-    RunProbe({"text", "hello"}, TextOnlyAnd({{"LUMORA_LOG_FILE", file}}));
-    EXPECT_EQ(ReadFile(file), "hello\n");
-}
-
 TEST(LogFile, IsPutAsideWhenItIsFull) {
     const TemporaryFolder folder;
     const std::string file = folder.Path("log.txt");
