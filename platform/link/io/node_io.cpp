@@ -126,6 +126,9 @@ bool NodeIo::Open() {
             mCore.OnAnswer(conversation, answer, Clock::now());
         },
         [this](ConversationId conversation) { mCore.OnRefused(conversation, Clock::now()); },
+        [this](ConversationId conversation, std::uint16_t messageId) {
+            mCore.OnUnacknowledged(conversation, messageId, Clock::now());
+        },
         [this](ConversationId conversation) { mCore.OnReached(conversation, Clock::now()); }});
     mGroup = std::make_unique<GroupSockets>(
         mLoop, GroupSockets::Listener{
