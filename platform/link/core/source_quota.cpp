@@ -6,9 +6,14 @@
 namespace lumora_link {
 
 void SourceQuota::Enter(in_addr_t source) {
-    std::size_t& count = mCounts[source];
-    mBySize.erase({count, source});
-    mBySize.emplace(++count, source);
+    const auto at = mCounts.find(source);
+    if (at == mCounts.end()) {
+        mBySize.emplace(1, source);
+        mCounts.emplace(source, 1);
+    } else {
+        Move(source, at->second, at->second + 1);
+        ++at->second;
+    }
     ++mEntries;
 }
 
@@ -17,13 +22,23 @@ void SourceQuota::Leave(in_addr_t source) {
     if (at == mCounts.end()) {
         return;  // memory was short when it entered
     }
-    mBySize.erase({at->second, source});
-    if (--at->second == 0) {
+    if (at->second == 1) {
+        mBySize.erase({1, source});
         mCounts.erase(at);
     } else {
-        mBySize.emplace(at->second, source);
+        Move(source, at->second, at->second - 1);
+        --at->second;
     }
     --mEntries;
+}
+
+// Needs no memory, so that leaving cannot fail.
+void SourceQuota::Move(in_addr_t source, std::size_t from, std::size_t to) {
+    auto node = mBySize.extract({from, source});
+    if (node) {
+        node.value().first = to;
+        mBySize.insert(std::move(node));
+    }
 }
 
 std::optional<in_addr_t> SourceQuota::WhoYields(in_addr_t source) const {

@@ -35,6 +35,7 @@ public:
 
 private:
     std::size_t Of(in_addr_t source) const;
+    void Move(in_addr_t source, std::size_t from, std::size_t to);
 
     const char* const mTable;
     const std::size_t mTotal;
