@@ -138,6 +138,9 @@ void AddDatagrams(Seeds& seeds) {
     for (const CoapMessage& message : {hello, goodbye, probe, answer, MakePing(), request, first, second}) {
         seeds["coap_message"].push_back(SerializeMessage(message));
     }
+    // A stranger that closes the requests of the client that the target asks for at the end.
+    CoapMessage closing = AskedBy({{0xa1, 7}, 50000, 0x7fffffff, 0x7fffffff, 0x7fffffff}, code::DELETE, "x");
+    closing.Add(option::BLOCK1, EncodeBlock({0, true, 4}));
     const auto datagram = [](NodeStep step, const CoapMessage& message, unsigned char source = 0) {
         return Record{step, static_cast<char>(source) + SerializeMessage(message)};
     };
@@ -163,6 +166,7 @@ void AddDatagrams(Seeds& seeds) {
                      datagram(REQUEST_DATAGRAM, request)}),
         WriteScript(
             {datagram(REQUEST_DATAGRAM, first), datagram(REQUEST_DATAGRAM, second), {HANDLED, "done"}}),
+        WriteScript({datagram(REQUEST_DATAGRAM, closing)}),
         WriteScript({{REQUEST, std::string("\x02\x02") + "Connect 3"},
                      pause,
                      datagram(CONVERSATION_DATAGRAM, answer, AS_ANSWER)}),
