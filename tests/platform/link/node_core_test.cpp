@@ -551,6 +551,8 @@ TEST_F(NodeCoreTest, AFloodOfUnfinishedValuesLeavesOtherAddressesTheirs) {
 TEST_F(NodeCoreTest, ASearchAnswerWithSeveralLinksIsReadForTheOneWithTheType) {
     FakeNode& asker = network.Add("reader");
     FakeNode& device = network.Add("camera");
+    // A hello alone would make the device known.
+    network.filter = [](const CoapMessage& message) { return PathOf(message) != HELLO_PATH; };
     network.rewrite = [&](CoapMessage& message) {
         if (message.code == code::CONTENT && message.payload.find("camera") != std::string::npos) {
             message.payload = "</sensors/t>;rt=\"a,b\";ct=40," + message.payload + ",</other>";
