@@ -1,5 +1,6 @@
 // A node of the link platform in a network of strangers: whatever comes, it stays within its bounds, sends
-// nothing that cannot be read, ends whatever was begun and calls no handler twice for one request.
+// nothing that cannot be read, ends whatever was begun and calls no handler twice for one request. And
+// whatever came, a client at another address is served at once, and gets an answer to each of its requests.
 #include <algorithm>
 #include <deque>
 #include <random>
@@ -20,6 +21,8 @@ namespace {
 constexpr std::size_t LARGEST_DATAGRAM = 1472;
 constexpr unsigned INTERFACE = 2;
 const Endpoint OWN = {htonl(0x0a000001), 40001};
+// No script speaks from here.
+const Endpoint HONEST = {htonl(0x0a000009), 50000};
 
 class SeededRandom : public RandomSource {
 public:
@@ -50,6 +53,7 @@ public:
     void Reply(ReplyPath path, const CoapMessage& message) override {
         Require(mPaths.count(path) != 0, "a reply has a way back");
         RequireReadable(message);
+        mLastReply = message;
     }
     void Forget(ReplyPath path) override { Require(mPaths.erase(path) == 1, "a way back is forgotten once"); }
 
@@ -62,6 +66,7 @@ public:
             return false;
         }
         mCalls.push_back(call.ticket);
+        mLastCall = std::move(call);
         return true;
     }
     void Notify(DeviceEvent event) override {
@@ -74,9 +79,10 @@ public:
     }
     void SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) override {
         Require(mTickets.erase(ticket) == 1, "a search ends once");
-        Require(std::is_sorted(found.begin(), found.end(),
-                               [](const auto& a, const auto& b) { return a.endpoint < b.endpoint; }),
-                "what was found is in order");
+        const auto inOrder = [](const auto& a, const auto& b) { return a.endpoint < b.endpoint; };
+        const auto last = std::is_sorted_until(found.begin(), found.end(), inOrder);
+        Require(std::is_sorted(last, found.end(), inOrder),
+                "what was found is in order, and so are those behind that left requests unanswered");
     }
 
     ReplyPath NewPath() {
@@ -90,6 +96,8 @@ public:
     ConversationId mLastConversation = 0;
     std::string mLastToken;
     std::deque<std::uint64_t> mCalls;
+    HandlerCall mLastCall;
+    CoapMessage mLastReply;
     std::set<std::pair<std::uint64_t, unsigned>> mPresent;
     std::set<std::uint64_t> mTickets;
 
@@ -106,8 +114,13 @@ public:
     FuzzedNode() : mCore({0x1001, 1}, false, {}, mRandom, mSurroundings, mSurroundings) {
         mCore.SetDeviceType("camera", mNow);
         mCore.SetInterfaces({{INTERFACE, "eth0", OWN.host}}, OWN.port, mNow);
+        ServeHonestClient();
     }
     ~FuzzedNode() {
+        while (!mSurroundings.mCalls.empty()) {
+            Answer("");
+        }
+        ServeHonestClient();
         mCore.RefuseRequests();
         mCore.Close(mNow);
         Require(mSurroundings.mTickets.empty(), "whatever was begun has ended");
@@ -142,6 +155,29 @@ public:
     }
 
 private:
+    // The client's id and instance are what strangers hear in its hellos, so scripts may use them.
+    void ServeHonestClient() {
+        const std::string value = std::to_string(++mHonestRequests);
+        CoapMessage request;
+        request.type = MessageType::Confirmable;
+        request.code = code::PUT;
+        request.messageId = static_cast<std::uint16_t>(mHonestRequests);
+        request.token = "honest" + value;
+        AddKey(request, "key");
+        Requester requester{{0xa1, 7},       HONEST.port,     mHonestRequests,
+                            mHonestRequests, mHonestRequests, 0x5ec2e7};
+        request.Add(option::REQUESTER, EncodeRequester(requester));
+        request.payload = value;
+        mCore.OnRequest(request, HONEST, OWN.host, mSurroundings.NewPath(), mNow);
+        Require(mSurroundings.mCalls.size() == 1 && mSurroundings.mLastCall.value == value,
+                "an honest request reaches the handlers");
+        Require(mSurroundings.mLastCall.requester.host == HONEST.host,
+                "the requester is where the request came from");
+        Answer(value);
+        Require(mSurroundings.mLastReply.token == request.token && mSurroundings.mLastReply.payload == value,
+                "an honest request is answered at once");
+    }
+
     void Receive(const Record& record) {
         const unsigned char choice =
             record.bytes.empty() ? '\0' : static_cast<unsigned char>(record.bytes[0]);
@@ -215,6 +251,7 @@ private:
         mNow = end;
     }
 
+    std::uint32_t mHonestRequests = 0;
     TimePoint mNow{std::chrono::hours(1)};
     SeededRandom mRandom;
     Surroundings mSurroundings;

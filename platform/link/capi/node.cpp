@@ -8,8 +8,6 @@ namespace lumora_link {
 
 namespace {
 
-// A flood of requests is refused rather than stored.
-constexpr std::size_t MAX_QUEUED_CALLS = 256;
 // Events are few and must not be lost; the bound only ends what would never end.
 constexpr std::size_t MAX_QUEUED_EVENTS = 65536;
 
@@ -18,7 +16,8 @@ constexpr std::size_t MAX_QUEUED_EVENTS = 65536;
 Node::Node(Config config, NodeIdentity identity, Registration registration)
     : mRegistration(std::move(registration)),
       mIo(std::move(config), identity, CurrentRegistration().deviceType, *this),
-      mHandlers("lumora-link-req", MAX_QUEUED_CALLS),
+      mHandlers({[this](const HandlerCall& call) { return CallHandler(CurrentRegistration(), call); },
+                 [this](std::uint64_t ticket, Outcome outcome) { OnHandled(ticket, std::move(outcome)); }}),
       mEvents("lumora-link-evt", MAX_QUEUED_EVENTS) {}
 
 Node::~Node() { Stop(); }
@@ -79,17 +78,11 @@ std::vector<NodeDescription> Node::Find(const std::string& deviceType) {
     return mSearches.Wait(*ticket);
 }
 
-bool Node::Handle(HandlerCall call) {
-    return mHandlers.Post([this, call = std::move(call)] {
-        Outcome outcome{code::INTERNAL_ERROR, {}};
-        try {
-            outcome = CallHandler(CurrentRegistration(), call);
-        } catch (...) {
-            LINK_LOG(LEVEL_ERROR, "a handler threw; the request has failed\n");
-        }
-        mIo.Post([ticket = call.ticket, outcome = std::move(outcome)](NodeCore& core, TimePoint now) {
-            core.OnHandled(ticket, outcome, now);
-        });
+bool Node::Handle(HandlerCall call) { return mHandlers.Push(std::move(call)); }
+
+void Node::OnHandled(std::uint64_t ticket, Outcome outcome) {
+    mIo.Post([ticket, outcome = std::move(outcome)](NodeCore& core, TimePoint now) {
+        core.OnHandled(ticket, outcome, now);
     });
 }
 

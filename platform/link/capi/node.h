@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "link_platform.h"
+#include "platform/link/capi/handler_thread.h"
 #include "platform/link/capi/waiting_room.h"
 #include "platform/link/core/surroundings.h"
 #include "platform/link/io/config.h"
@@ -49,6 +50,7 @@ private:
     void RequestEnded(std::uint64_t ticket, Outcome outcome) override;
     void SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) override;
 
+    void OnHandled(std::uint64_t ticket, Outcome outcome);
     Registration CurrentRegistration();
 
     std::atomic<bool> mAccepting{true};
@@ -58,7 +60,7 @@ private:
     WaitingRoom<std::vector<NodeDescription>> mSearches;
     // The threads end before what they use.
     NodeIo mIo;
-    Worker mHandlers;
+    HandlerThread mHandlers;
     Worker mEvents;
 };
 

@@ -5,10 +5,11 @@
 
 #include "platform/link/capi/resource_proxy.h"
 #include "platform/link/io/log.h"
+#include "platform/link/io/system_random.h"
 
 namespace lumora_link {
 
-PlatformHandle::PlatformHandle() : mNodeId(RandomNumber()) {}
+PlatformHandle::PlatformHandle() : mNodeId(SystemRandom().Next()) {}
 
 PlatformHandle::~PlatformHandle() { Exit(); }
 
@@ -66,7 +67,7 @@ bool PlatformHandle::Run() {
         config = mConfig;
         registration = mRegistration;
     }
-    const NodeIdentity identity{mNodeId, static_cast<std::uint32_t>(RandomNumber())};
+    const NodeIdentity identity{mNodeId, static_cast<std::uint32_t>(SystemRandom().Next())};
     auto node = std::make_shared<Node>(std::move(config), identity, std::move(registration));
     if (!node->Start()) {
         return false;

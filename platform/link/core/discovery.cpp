@@ -26,8 +26,13 @@ constexpr Milliseconds FRESH{1600};
 }  // namespace
 
 Discovery::Discovery(const Self& self, Labels& labels, Network& network, Application& application,
-                     Presence& presence)
-    : mSelf(self), mLabels(labels), mNetwork(network), mApplication(application), mPresence(presence) {}
+                     Presence& presence, const UnansweredPeers& unanswered)
+    : mSelf(self),
+      mLabels(labels),
+      mNetwork(network),
+      mApplication(application),
+      mPresence(presence),
+      mUnanswered(unanswered) {}
 
 void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
     std::set<std::uint64_t> expected;
@@ -57,14 +62,16 @@ void Discovery::OnProbe(const CoapMessage& probe, const Endpoint& source, const 
 }
 
 void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, TimePoint now) {
-    auto node = ParseLink(answer.payload);
-    if (!node || !code::IsSuccess(answer.code) || answer.token.size() != TOKEN_BYTES + 1 ||
-        node->identity.id == mSelf.identity.id || node->secured != mSelf.secured) {
+    if (!code::IsSuccess(answer.code) || answer.token.size() != TOKEN_BYTES + 1) {
         return;
     }
-    node->endpoint.host = source.host;
     for (Running& running : mSearches) {
-        if (answer.token.compare(0, TOKEN_BYTES, running.token) == 0) {
+        if (answer.token.compare(0, TOKEN_BYTES, running.token) != 0) {
+            continue;
+        }
+        auto node = ParseLinkOfType(answer.payload, running.search.DeviceType());
+        if (node && node->identity.id != mSelf.identity.id && node->secured == mSelf.secured) {
+            node->endpoint.host = source.host;
             mPresence.Hear(*node, false, now);
             running.search.OnAnswer(static_cast<unsigned char>(answer.token.back()), *node, now);
         }
@@ -173,7 +180,8 @@ void Discovery::Probe(const Running& running, unsigned number) {
     }
 }
 
-// The directory decides under which address a node is named, here as in events.
+// The directory decides under which address a node is named, here as in events. An application asks one node
+// after the other, so those that left a request unanswered come last.
 std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint now) const {
     std::vector<NodeDescription> result;
     for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {
@@ -181,8 +189,11 @@ std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint
             result.push_back(peer->node);
         }
     }
-    std::sort(result.begin(), result.end(),
-              [](const NodeDescription& a, const NodeDescription& b) { return a.endpoint < b.endpoint; });
+    std::sort(result.begin(), result.end(), [this, now](const NodeDescription& a, const NodeDescription& b) {
+        const bool last = mUnanswered.Contains(a.endpoint, now);
+        const bool otherLast = mUnanswered.Contains(b.endpoint, now);
+        return last != otherLast ? otherLast : a.endpoint < b.endpoint;
+    });
     return result;
 }
 

@@ -11,13 +11,14 @@
 #include "platform/link/core/search.h"
 #include "platform/link/core/self.h"
 #include "platform/link/core/surroundings.h"
+#include "platform/link/core/unanswered_peers.h"
 
 namespace lumora_link {
 
 class Discovery {
 public:
     Discovery(const Self& self, Labels& labels, Network& network, Application& application,
-              Presence& presence);
+              Presence& presence, const UnansweredPeers& unanswered);
 
     void StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now);
     // A probe that came to the group; it is answered a little later, from that interface.
@@ -54,6 +55,7 @@ private:
     Network& mNetwork;
     Application& mApplication;
     Presence& mPresence;
+    const UnansweredPeers& mUnanswered;
     std::list<Running> mSearches;
     std::multimap<TimePoint, DelayedAnswer> mAnswers;
     struct Allowance {

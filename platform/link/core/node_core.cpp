@@ -24,8 +24,8 @@ NodeCore::NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> pe
       mSelf(SelfOf(identity, secured)),
       mLabels(random),
       mPresence(mSelf, mLabels, network, std::move(peers)),
-      mDiscovery(mSelf, mLabels, network, application, mPresence),
-      mClient(mSelf, mLabels, network, application),
+      mDiscovery(mSelf, mLabels, network, application, mPresence, mUnanswered),
+      mClient(mSelf, mLabels, network, application, mUnanswered),
       mServer(mPresence.Directory(), network, application) {}
 
 void NodeCore::SetDeviceType(std::optional<std::string> deviceType, TimePoint now) {
@@ -82,7 +82,7 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
                          ReplyPath path, TimePoint now) {
     const std::string uri = PathOf(message);
     if (uri == RESOURCE_PATH) {
-        mServer.OnRequest(message, source, path, now);
+        mServer.OnRequest(message, source, localHost, path, now);
     } else if (uri == WELL_KNOWN_PATH && message.code == code::GET) {
         Describe(message, localHost, path);
     } else {

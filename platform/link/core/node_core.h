@@ -41,6 +41,9 @@ public:
                    TimePoint now);
     void OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
     void OnRefused(ConversationId conversation, TimePoint now);
+    void OnUnacknowledged(ConversationId conversation, std::uint16_t messageId, TimePoint now) {
+        mClient.OnUnacknowledged(conversation, messageId, now);
+    }
     // The first message had to wait for a way to the peer, and has left now.
     void OnReached(ConversationId conversation, TimePoint now) { mClient.OnReached(conversation, now); }
 
@@ -55,6 +58,7 @@ private:
     Network& mNetwork;
     Self mSelf;
     Labels mLabels;
+    UnansweredPeers mUnanswered;
     Presence mPresence;
     Discovery mDiscovery;
     RequestClient mClient;

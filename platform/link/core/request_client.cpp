@@ -10,14 +10,19 @@ namespace lumora_link {
 namespace {
 
 // When the copies of one message leave. The last pause repeats while the peer is alive.
-constexpr std::array<Milliseconds, 7> PAUSES = {Milliseconds(300),  Milliseconds(500),  Milliseconds(700),
-                                                Milliseconds(1000), Milliseconds(1000), Milliseconds(1000),
-                                                Milliseconds(2000)};
+// Nine copies leave before an unacknowledged request ends.
+constexpr std::array<Milliseconds, 10> PAUSES = {
+    Milliseconds(300), Milliseconds(500), Milliseconds(500), Milliseconds(500),  Milliseconds(500),
+    Milliseconds(500), Milliseconds(500), Milliseconds(500), Milliseconds(1000), Milliseconds(2000)};
+constexpr Milliseconds HASTY_PAUSE{100};
 constexpr Milliseconds FIRST_PING{2000};
 constexpr Milliseconds PING_INTERVAL{500};
 
 // libcoap reads datagrams of at most 1,472 bytes; the head and the other options need the rest.
 constexpr std::size_t MAX_KEY_AND_VALUE = 1300;
+// A device that answers 4.09 for ever is not asked for ever.
+constexpr unsigned MAX_RESTARTS = 2;
+constexpr std::size_t MAX_SECRETS = 256;
 constexpr unsigned BLOCK_EXPONENT = 4;
 constexpr std::size_t BLOCK_BYTES = 16U << BLOCK_EXPONENT;
 
@@ -34,19 +39,22 @@ std::vector<std::string> CutIntoBlocks(const std::string& key, const std::string
 
 }  // namespace
 
-RequestClient::RequestClient(const Self& self, Labels& labels, Network& network, Application& application)
-    : mSelf(self), mLabels(labels), mNetwork(network), mApplication(application) {}
+RequestClient::RequestClient(const Self& self, Labels& labels, Network& network, Application& application,
+                             UnansweredPeers& unanswered)
+    : mSelf(self), mLabels(labels), mNetwork(network), mApplication(application), mUnanswered(unanswered) {}
 
 void RequestClient::Start(OutgoingRequest request, TimePoint now) {
     const ConversationId conversation = mLabels.NextConversation();
     Exchange& exchange = mExchanges[conversation];
     exchange.request = std::move(request);
     exchange.blocks = CutIntoBlocks(exchange.request.key, exchange.request.value);
-    exchange.start = exchange.heard = now;
-    exchange.firstOfBody = mSequence + 1;
+    exchange.heard = now;
+    const bool get = exchange.request.method == code::GET;
+    exchange.hasty = get && mUnanswered.Contains(exchange.request.to, now);
+    exchange.end = now + (exchange.hasty ? LONGEST_GET_AFTER_SILENCE : get ? LONGEST_GET : LONGEST);
     exchange.pingToken = mLabels.NextToken();
     exchange.nextPing = now + FIRST_PING;
-    BeginMessage(conversation, exchange, now);
+    BeginBody(conversation, exchange, now);
 }
 
 bool RequestClient::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
@@ -63,13 +71,28 @@ bool RequestClient::OnAnswer(ConversationId conversation, const CoapMessage& ans
         return true;
     }
     exchange.heard = now;
+    mUnanswered.Remove(exchange.request.to);
     if (answer.code == code::CONTINUE && exchange.block + 1 < exchange.blocks.size()) {
         ++exchange.block;
         BeginMessage(conversation, exchange, now);
+    } else if (answer.code == code::CONFLICT && exchange.restarts < MAX_RESTARTS) {
+        // The device did not run it: it believes that this request has ended. It cannot know a new secret.
+        ++exchange.restarts;
+        ReplaceSecret(exchange.request.to, exchange.secret);
+        BeginBody(conversation, exchange, now);
     } else {
         End(at, {answer.code, answer.payload});
     }
     return true;
+}
+
+// A peer of which nothing was heard meanwhile may have been cut off; its silence has a limit of its own.
+void RequestClient::OnUnacknowledged(ConversationId conversation, std::uint16_t messageId, TimePoint now) {
+    const auto at = mExchanges.find(conversation);
+    if (at != mExchanges.end() && at->second.message.messageId == messageId &&
+        at->second.heard > at->second.begun) {
+        EndUnanswered(at, now);
+    }
 }
 
 // To be reached is a word of the peer, and the time for the answer begins with the first copy.
@@ -101,8 +124,8 @@ void RequestClient::Tick(TimePoint now) {
     for (const ConversationId conversation : open) {
         const auto at = mExchanges.find(conversation);
         Exchange& exchange = at->second;
-        if (now - exchange.heard >= SILENCE || now - exchange.start >= LONGEST) {
-            End(at, {});
+        if (now - exchange.heard >= SILENCE || now >= exchange.end) {
+            EndUnanswered(at, now);
             continue;
         }
         if (now >= exchange.nextCopy) {
@@ -117,8 +140,7 @@ void RequestClient::Tick(TimePoint now) {
 TimePoint RequestClient::NextDeadline() const {
     TimePoint next = TimePoint::max();
     for (const auto& [conversation, exchange] : mExchanges) {
-        next = std::min(
-            {next, exchange.nextCopy, exchange.nextPing, exchange.heard + SILENCE, exchange.start + LONGEST});
+        next = std::min({next, exchange.nextCopy, exchange.nextPing, exchange.heard + SILENCE, exchange.end});
     }
     return next;
 }
@@ -129,9 +151,17 @@ void RequestClient::Close() {
     }
 }
 
+void RequestClient::BeginBody(ConversationId conversation, Exchange& exchange, TimePoint now) {
+    exchange.secret = SecretFor(exchange.request.to);
+    exchange.firstOfBody = mSequence + 1;
+    exchange.block = 0;
+    BeginMessage(conversation, exchange, now);
+}
+
 void RequestClient::BeginMessage(ConversationId conversation, Exchange& exchange, TimePoint now) {
     exchange.sequence = ++mSequence;
     exchange.message = Compose(exchange);
+    exchange.begun = now;
     exchange.copies = 0;
     SendCopy(conversation, exchange, now);
 }
@@ -154,13 +184,15 @@ CoapMessage RequestClient::Compose(const Exchange& exchange) {
     requester.sequence = exchange.sequence;
     requester.oldestOpen = OldestOpen();
     requester.firstOfBody = exchange.firstOfBody;
+    requester.secret = exchange.secret;
     message.Add(option::REQUESTER, EncodeRequester(requester));
     message.payload = exchange.blocks.empty() ? std::string() : exchange.blocks[exchange.block];
     return message;
 }
 
 void RequestClient::SendCopy(ConversationId conversation, Exchange& exchange, TimePoint now) {
-    exchange.nextCopy = now + PAUSES[std::min<std::size_t>(exchange.copies, PAUSES.size() - 1)];
+    const Milliseconds pause = PAUSES[std::min<std::size_t>(exchange.copies, PAUSES.size() - 1)];
+    exchange.nextCopy = now + (exchange.hasty ? HASTY_PAUSE : pause);
     ++exchange.copies;
     mNetwork.Transmit(conversation, exchange.request.to, exchange.message);
 }
@@ -184,12 +216,39 @@ std::uint32_t RequestClient::OldestOpen() const {
     return oldest;
 }
 
+std::uint64_t RequestClient::SecretFor(const Endpoint& device) {
+    const auto known = mSecrets.find(device);
+    if (known != mSecrets.end()) {
+        return known->second;
+    }
+    if (mSecrets.size() >= MAX_SECRETS) {
+        mSecrets.erase(mSecrets.begin());  // the device takes the next one for that of another client
+    }
+    return mSecrets.emplace(device, mLabels.NextSecret()).first->second;
+}
+
+// Another exchange may have replaced it already.
+void RequestClient::ReplaceSecret(const Endpoint& device, std::uint64_t former) {
+    const auto known = mSecrets.find(device);
+    if (known != mSecrets.end() && known->second == former) {
+        known->second = mLabels.NextSecret();
+    }
+}
+
 RequestClient::Exchanges::iterator RequestClient::End(Exchanges::iterator exchange, Outcome outcome) {
     mNetwork.Hang(exchange->first);
     const std::uint64_t ticket = exchange->second.request.ticket;
     const auto next = mExchanges.erase(exchange);
     mApplication.RequestEnded(ticket, std::move(outcome));
     return next;
+}
+
+// With a key only its holders answer pings: a silent node is then no stranger's.
+void RequestClient::EndUnanswered(Exchanges::iterator exchange, TimePoint now) {
+    if (!mSelf.secured) {
+        mUnanswered.Add(exchange->second.request.to, now);
+    }
+    End(exchange, {});
 }
 
 }  // namespace lumora_link

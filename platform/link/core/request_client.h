@@ -12,6 +12,7 @@
 
 #include "platform/link/core/self.h"
 #include "platform/link/core/surroundings.h"
+#include "platform/link/core/unanswered_peers.h"
 #include "platform/link/wire/messages.h"
 
 namespace lumora_link {
@@ -28,14 +29,21 @@ class RequestClient {
 public:
     // Nothing heard of the peer for that long: it is absent.
     static constexpr Milliseconds SILENCE{6500};
-    // No handler is waited for longer.
+    // An application's handler, behind a POST, PUT or DELETE, is waited for that long.
     static constexpr Milliseconds LONGEST{60000};
+    // No code of an application runs in a GET.
+    static constexpr Milliseconds LONGEST_GET{8000};
+    // A GET to a node that left a request unanswered.
+    static constexpr Milliseconds LONGEST_GET_AFTER_SILENCE{500};
 
-    RequestClient(const Self& self, Labels& labels, Network& network, Application& application);
+    RequestClient(const Self& self, Labels& labels, Network& network, Application& application,
+                  UnansweredPeers& unanswered);
 
     void Start(OutgoingRequest request, TimePoint now);
     // False where the conversation is not one of ours.
     bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
+    // No copy of that message was acknowledged within UNACKNOWLEDGED (see Network).
+    void OnUnacknowledged(ConversationId conversation, std::uint16_t messageId, TimePoint now);
     void OnReached(ConversationId conversation, TimePoint now);
     // Whom the request was for; nothing where the conversation is not one of ours.
     std::optional<Endpoint> OnRefused(ConversationId conversation);
@@ -52,8 +60,12 @@ private:
         CoapMessage message;  // of the current block
         std::uint32_t sequence = 0;
         std::uint32_t firstOfBody = 0;
-        TimePoint start;
+        std::uint64_t secret = 0;
+        unsigned restarts = 0;
+        TimePoint begun;  // the current message
         TimePoint heard;
+        TimePoint end;       // no answer is waited for after this
+        bool hasty = false;  // there is little time
         unsigned copies = 0;
         TimePoint nextCopy;
         std::string pingToken;
@@ -61,18 +73,24 @@ private:
     };
     using Exchanges = std::map<ConversationId, Exchange>;
 
+    void BeginBody(ConversationId conversation, Exchange& exchange, TimePoint now);
     void BeginMessage(ConversationId conversation, Exchange& exchange, TimePoint now);
     CoapMessage Compose(const Exchange& exchange);
     void SendCopy(ConversationId conversation, Exchange& exchange, TimePoint now);
     void SendPing(ConversationId conversation, Exchange& exchange, TimePoint now);
     std::uint32_t OldestOpen() const;
+    std::uint64_t SecretFor(const Endpoint& device);
+    void ReplaceSecret(const Endpoint& device, std::uint64_t former);
     Exchanges::iterator End(Exchanges::iterator exchange, Outcome outcome);
+    void EndUnanswered(Exchanges::iterator exchange, TimePoint now);
 
     const Self& mSelf;
     Labels& mLabels;
     Network& mNetwork;
     Application& mApplication;
+    UnansweredPeers& mUnanswered;
     Exchanges mExchanges;
+    std::map<Endpoint, std::uint64_t> mSecrets;  // one for each device
     std::uint32_t mSequence = 0;
 };
 

@@ -7,6 +7,7 @@ namespace lumora_link {
 namespace {
 
 constexpr std::size_t MAX_BODIES = 64;
+constexpr std::size_t MAX_BODIES_PER_SOURCE = 8;
 constexpr Milliseconds BODY_TIME{10000};
 
 // The codes that Assemble gives besides those of failures.
@@ -15,16 +16,25 @@ constexpr std::uint8_t WHOLE = code::CONTENT;
 }  // namespace
 
 RequestServer::RequestServer(const PeerDirectory& directory, Network& network, Application& application)
-    : mDirectory(directory), mNetwork(network), mApplication(application) {}
+    : mDirectory(directory),
+      mNetwork(network),
+      mApplication(application),
+      mBodyQuota("values in blocks", MAX_BODIES, MAX_BODIES_PER_SOURCE) {}
 
-void RequestServer::OnRequest(const CoapMessage& request, const Endpoint& source, ReplyPath path,
-                              TimePoint now) {
+void RequestServer::OnRequest(const CoapMessage& request, const Endpoint& source, in_addr_t localHost,
+                              ReplyPath path, TimePoint now) {
     const auto requester = DecodeRequester(request);
     const RequestKey key = KeyFor(request, requester, source);
     switch (mTable.Admit(key, requester, now)) {
-        case RequestTable::Verdict::NEW:
-            Run(key, request, requester, source, path, now);
+        case RequestTable::Verdict::NEW: {
+            HandlerCall call;
+            call.method = request.code;
+            call.requester = EndpointOf(requester, source);
+            call.sameHost = source.host == localHost || LocalInterface::IsLoopback(source.host);
+            call.key = KeyOf(request);
+            Run(key, request, std::move(call), requester, path, now);
             break;
+        }
         case RequestTable::Verdict::PENDING:
             Repeat(key, request, path);
             break;
@@ -35,26 +45,22 @@ void RequestServer::OnRequest(const CoapMessage& request, const Endpoint& source
             Reply(path, request, false, {code::UNAVAILABLE, {}});
             break;
         case RequestTable::Verdict::STALE:
-            mNetwork.Forget(path);
+            // Not silence: a requester whose numbers another one has moved on begins anew with a new secret.
+            Reply(path, request, false, {code::CONFLICT, {}});
             break;
     }
 }
 
-void RequestServer::Run(const RequestKey& key, const CoapMessage& request,
-                        const std::optional<Requester>& requester, const Endpoint& source, ReplyPath path,
-                        TimePoint now) {
-    HandlerCall call;
+void RequestServer::Run(const RequestKey& key, const CoapMessage& request, HandlerCall call,
+                        const std::optional<Requester>& requester, ReplyPath path, TimePoint now) {
     call.ticket = ++mLastTicket;
-    call.method = request.code;
-    call.requester = EndpointOf(requester, source);
-    call.key = KeyOf(request);
-
     Open& open = mOpen[call.ticket];
     open = {key, request, path, false, now + ACKNOWLEDGE_AFTER};
     open.request.payload.clear();
 
     const std::uint64_t ticket = call.ticket;
-    std::uint8_t refusal = Assemble(request, requester, call.value, now);
+    const BodyKey body{key.requester, requester ? requester->firstOfBody : 0};
+    std::uint8_t refusal = Assemble(request, body, call.value, now);
     if (call.key.size() > MAX_TEXT_BYTES) {
         refusal = code::BAD_REQUEST;
     } else if (call.value.size() > MAX_TEXT_BYTES) {
@@ -68,24 +74,29 @@ void RequestServer::Run(const RequestKey& key, const CoapMessage& request,
 }
 
 // Puts the blocks of a long value together; answers CONTINUE until the last one came.
-std::uint8_t RequestServer::Assemble(const CoapMessage& request, const std::optional<Requester>& requester,
-                                     std::string& value, TimePoint now) {
+std::uint8_t RequestServer::Assemble(const CoapMessage& request, const BodyKey& key, std::string& value,
+                                     TimePoint now) {
     const auto block = FindBlock(request);
     if (!block || (block->number == 0 && !block->more)) {
         value = request.payload;
         return WHOLE;
     }
-    if (!requester) {
+    if (!key.first.numbered) {
         return code::TOO_LARGE;
     }
-    const BodyKey key(requester->identity.id, requester->identity.instance, requester->firstOfBody);
-    if (mBodies.count(key) == 0 && (block->number != 0 || mBodies.size() >= MAX_BODIES)) {
-        return block->number != 0 ? code::INCOMPLETE : code::UNAVAILABLE;
+    auto known = mBodies.find(key);
+    if (known == mBodies.end()) {
+        if (block->number != 0) {
+            return code::INCOMPLETE;
+        }
+        MakeRoomForBody(key.first.host);
+        known = mBodies.try_emplace(key).first;
+        mBodyQuota.Enter(key.first.host);
     }
-    Body& body = mBodies[key];
+    Body& body = known->second;
     body.since = now;
     if (block->number != body.blocks || body.text.size() + request.payload.size() > MAX_TEXT_BYTES) {
-        mBodies.erase(key);
+        Erase(known);
         return code::INCOMPLETE;
     }
     body.text += request.payload;
@@ -94,8 +105,26 @@ std::uint8_t RequestServer::Assemble(const CoapMessage& request, const std::opti
         return code::CONTINUE;
     }
     value = std::move(body.text);
-    mBodies.erase(key);
+    Erase(known);
     return WHOLE;
+}
+
+// Drops the body that has had no block for the longest time, of the address that has to yield.
+void RequestServer::MakeRoomForBody(in_addr_t source) {
+    while (const auto yields = mBodyQuota.WhoYields(source)) {
+        mBodyQuota.OnBite(*yields);
+        auto oldest = mBodies.end();
+        for (auto at = mBodies.begin(); at != mBodies.end(); ++at) {
+            const bool older = oldest == mBodies.end() || at->second.since < oldest->second.since;
+            oldest = at->first.first.host == *yields && older ? at : oldest;
+        }
+        Erase(oldest);
+    }
+}
+
+RequestServer::Bodies::iterator RequestServer::Erase(Bodies::iterator body) {
+    mBodyQuota.Leave(body->first.first.host);
+    return mBodies.erase(body);
 }
 
 void RequestServer::OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now) {
@@ -139,7 +168,7 @@ void RequestServer::Tick(TimePoint now) {
         }
     }
     for (auto at = mBodies.begin(); at != mBodies.end();) {
-        at = now - at->second.since >= BODY_TIME ? mBodies.erase(at) : std::next(at);
+        at = now - at->second.since >= BODY_TIME ? Erase(at) : std::next(at);
     }
 }
 
@@ -180,13 +209,16 @@ void RequestServer::Reply(ReplyPath path, const CoapMessage& request, bool separ
     mNetwork.Forget(path);
 }
 
-// The endpoint under which events and searches name the requester, not this datagram's source.
+// The port is the asking node's own, not this datagram's. The host is always the datagram's: handlers connect
+// to this endpoint, and the id in a request proves nothing, so another node's host must not be had by naming
+// its id.
 Endpoint RequestServer::EndpointOf(const std::optional<Requester>& requester, const Endpoint& source) const {
     if (!requester) {
         return source;
     }
     const Peer* peer = mDirectory.Find(requester->identity.id);
-    if (peer != nullptr && peer->node.identity == requester->identity) {
+    if (peer != nullptr && peer->node.identity == requester->identity &&
+        peer->node.endpoint.host == source.host) {
         return peer->node.endpoint;
     }
     return {source.host, requester->port};

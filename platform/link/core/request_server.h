@@ -23,7 +23,9 @@ public:
 
     RequestServer(const PeerDirectory& directory, Network& network, Application& application);
 
-    void OnRequest(const CoapMessage& request, const Endpoint& source, ReplyPath path, TimePoint now);
+    // `localHost` is this node's address to which the request came.
+    void OnRequest(const CoapMessage& request, const Endpoint& source, in_addr_t localHost, ReplyPath path,
+                   TimePoint now);
     void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
     // From here on every new request is refused.
     void Refuse() { mClosed = true; }
@@ -46,12 +48,14 @@ private:
         std::uint32_t blocks = 0;
         TimePoint since;
     };
-    using BodyKey = std::tuple<std::uint64_t, std::uint32_t, std::uint32_t>;
+    using BodyKey = std::pair<RequesterKey, std::uint32_t>;  // and the message with the first block
+    using Bodies = std::map<BodyKey, Body>;
 
-    void Run(const RequestKey& key, const CoapMessage& request, const std::optional<Requester>& requester,
-             const Endpoint& source, ReplyPath path, TimePoint now);
-    std::uint8_t Assemble(const CoapMessage& request, const std::optional<Requester>& requester,
-                          std::string& value, TimePoint now);
+    void Run(const RequestKey& key, const CoapMessage& request, HandlerCall call,
+             const std::optional<Requester>& requester, ReplyPath path, TimePoint now);
+    std::uint8_t Assemble(const CoapMessage& request, const BodyKey& key, std::string& value, TimePoint now);
+    void MakeRoomForBody(in_addr_t source);
+    Bodies::iterator Erase(Bodies::iterator body);
     void Repeat(const RequestKey& key, const CoapMessage& request, ReplyPath path);
     void Acknowledge(Open& open);
     void Reply(ReplyPath path, const CoapMessage& request, bool separate, const Outcome& outcome);
@@ -63,7 +67,8 @@ private:
     RequestTable mTable;
     std::uint64_t mLastTicket = 0;
     std::map<std::uint64_t, Open> mOpen;  // by ticket
-    std::map<BodyKey, Body> mBodies;
+    Bodies mBodies;
+    SourceQuota mBodyQuota;
     bool mClosed = false;
 };
 

@@ -1,6 +1,7 @@
 // What a node knows of itself, and the labels that it puts on its messages.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -47,6 +48,8 @@ public:
         AppendBigEndian(token, mRandom.Next(), 8);
         return token;
     }
+    // Tells this node's requests to one device from those that others send in its name.
+    std::uint64_t NextSecret() { return std::max<std::uint64_t>(mRandom.Next(), 1); }
     // Spreads what many nodes would otherwise send at the same moment.
     Milliseconds Jitter(Milliseconds upTo) {
         const auto range = static_cast<std::uint64_t>(upTo.count()) + 1;

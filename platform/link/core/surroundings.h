@@ -23,7 +23,12 @@ public:
     // From the interface's own socket, to the group or to one node.
     virtual void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) = 0;
 
-    // Opens the conversation when it is new. Never repeats by itself.
+    // How long no copy of a request may go without an acknowledgement before NodeCore::OnUnacknowledged is
+    // told. Without a key only; nothing is told of pings.
+    static constexpr Milliseconds UNACKNOWLEDGED{4000};
+
+    // Opens the conversation when it is new. A request may leave once more than it was given, with the same
+    // id.
     virtual void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) = 0;
     virtual void Hang(ConversationId conversation) = 0;
     // The node that was there has been removed: what was kept of it is of no use to another.
@@ -44,6 +49,7 @@ struct HandlerCall {
     std::uint64_t ticket = 0;
     std::uint8_t method = code::EMPTY;
     Endpoint requester;
+    bool sameHost = false;  // the requester runs on this node's host
     std::string key;
     std::string value;
 };

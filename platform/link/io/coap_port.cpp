@@ -24,6 +24,10 @@ constexpr unsigned SESSION_SECONDS = 30;
 // Our own code repeats; libcoap's first repetition lies beyond the end of every session.
 constexpr coap_fixed_point_t NEVER_REPEAT = {600, 0};
 constexpr std::uint16_t UNLIMITED = 1000;
+// libcoap tells that a message was not acknowledged after this time, one repetition, and twice this time.
+constexpr coap_fixed_point_t FIRST_THIRD = {1, 333};
+constexpr coap_fixed_point_t EXACTLY = {1, 0};
+static_assert(3 * 1333 <= Network::UNACKNOWLEDGED.count(), "told by then");
 
 void Log(coap_log_t, const char* message) {
     const int error = errno;
@@ -225,6 +229,11 @@ void CoapPort::Settle() {
     for (const ConversationId conversation : refused) {
         mListener.onRefused(conversation);
     }
+    std::vector<std::pair<ConversationId, std::uint16_t>> unacknowledged;
+    unacknowledged.swap(mUnacknowledged);
+    for (const auto& [conversation, messageId] : unacknowledged) {
+        mListener.onUnacknowledged(conversation, messageId);
+    }
     ReleaseEnded();
 }
 
@@ -293,7 +302,10 @@ bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
     }
     coap_session_set_app_data(made->session, made.get());
     coap_session_set_mtu(made->session, MAX_DATAGRAM);
-    coap_session_set_ack_timeout(made->session, NEVER_REPEAT);
+    if (!mPsk) {
+        coap_session_set_ack_random_factor(made->session, EXACTLY);
+        coap_session_set_max_retransmit(made->session, 1);
+    }
     coap_session_set_nstart(made->session, UNLIMITED);
     mChannels.emplace(channel, std::move(made));
     return true;
@@ -301,10 +313,33 @@ bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
 
 // Where memory is short the message is lost like any other.
 bool CoapPort::Send(ChannelId channel, const CoapMessage& message) {
+    Channel& known = *mChannels.at(channel);
     coap_pdu_t* pdu = PduOf(message, message.messageId);
+    coap_session_set_ack_timeout(known.session, Watch(known, message) ? FIRST_THIRD : NEVER_REPEAT);
     errno = 0;
-    return pdu == nullptr || coap_send(mChannels.at(channel)->session, pdu) != COAP_INVALID_MID ||
-           errno != ECONNREFUSED;
+    return pdu == nullptr || coap_send(known.session, pdu) != COAP_INVALID_MID || errno != ECONNREFUSED;
+}
+
+// Whether libcoap shall tell if this copy of a request stays unacknowledged. One copy of a message is enough:
+// an acknowledgement of any copy takes the one out of libcoap's queue that is due first, and that is this
+// one.
+bool CoapPort::Watch(Channel& channel, const CoapMessage& message) const {
+    const bool request = !mPsk && message.Find(option::REQUESTER) != nullptr;
+    if (!request || channel.watched == message.messageId) {
+        return false;
+    }
+    channel.watched = message.messageId;
+    return true;
+}
+
+// The next copy is watched anew, because the listener may go on with the conversation.
+void CoapPort::OnUnacknowledged(ChannelId channel, const coap_pdu_t* sent) {
+    const auto known = mChannels.find(channel);
+    const auto messageId = static_cast<std::uint16_t>(coap_pdu_get_mid(sent));
+    if (known != mChannels.end() && known->second->watched == messageId) {
+        known->second->watched.reset();
+        mUnacknowledged.emplace_back(channel, messageId);
+    }
 }
 
 void CoapPort::CloseChannel(ChannelId channel) {
@@ -402,9 +437,10 @@ coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*,
         if (channel == 0) {
             return;
         }
-        const CoapMessage answer = MessageOf(received);
+        CoapMessage answer = MessageOf(received);
         if (MayBeCut(answer)) {
-            return;
+            answer.code = code::TOO_LARGE;
+            answer.payload.clear();
         }
         const auto conversation = port->mPsk ? port->mSessions.OnAnswer(channel, answer.token, Clock::now())
                                              : std::make_optional(channel);
@@ -415,16 +451,20 @@ coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*,
     return COAP_RESPONSE_OK;
 }
 
-void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t*, coap_nack_reason_t reason, coap_mid_t) {
+void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t* sent, coap_nack_reason_t reason,
+                      coap_mid_t) {
     const ChannelId channel = ChannelOf(session);
     const bool refused = reason == COAP_NACK_ICMP_ISSUE || reason == COAP_NACK_RST;
-    if (!refused || channel == 0) {
+    const bool unacknowledged = reason == COAP_NACK_TOO_MANY_RETRIES && sent != nullptr;
+    if ((!refused && !unacknowledged) || channel == 0) {
         return;
     }
     // Told later: libcoap is walking through the very messages that the listener may end.
     Contain([&] {
         auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
-        if (port->mPsk) {
+        if (unacknowledged) {
+            port->OnUnacknowledged(channel, sent);
+        } else if (port->mPsk) {
             port->mSessions.OnFailed(channel, reason == COAP_NACK_ICMP_ISSUE);
         } else {
             port->OnRefused(channel);

@@ -29,6 +29,8 @@ public:
             onRequest;
         std::function<void(ConversationId, const CoapMessage&)> onAnswer;
         std::function<void(ConversationId)> onRefused;
+        // See Network::UNACKNOWLEDGED.
+        std::function<void(ConversationId, std::uint16_t messageId)> onUnacknowledged;
         // What was kept back until a session was there has been sent.
         std::function<void(ConversationId)> onReached;
     };
@@ -70,6 +72,7 @@ private:
     struct Channel {
         ChannelId id = 0;
         coap_session_t* session = nullptr;
+        std::optional<std::uint16_t> watched;  // the message whose acknowledgement libcoap waits for
     };
 
     static void OnRequestOf(coap_resource_t* resource, coap_session_t* session, const coap_pdu_t* request,
@@ -96,6 +99,8 @@ private:
     bool OpenChannel(ChannelId channel, const Endpoint& to);
     // False where the port was refused.
     bool Send(ChannelId channel, const CoapMessage& message);
+    bool Watch(Channel& channel, const CoapMessage& message) const;
+    void OnUnacknowledged(ChannelId channel, const coap_pdu_t* sent);
     void CloseChannel(ChannelId channel);
     void ReleaseEnded();
 
@@ -107,6 +112,7 @@ private:
     std::map<ChannelId, std::unique_ptr<Channel>> mChannels;
     std::vector<std::unique_ptr<Channel>> mEnded;
     std::vector<ConversationId> mRefused;
+    std::vector<std::pair<ConversationId, std::uint16_t>> mUnacknowledged;
     std::vector<ChannelId> mConnected;  // libcoap sends by them when it has returned from telling so
     SecuredSessions mSessions{*this};
     std::map<ReplyPath, coap_session_t*> mPaths;

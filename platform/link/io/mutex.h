@@ -1,6 +1,7 @@
 // A mutex whose users clang's thread-safety analysis checks; other compilers see a plain one.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -42,6 +43,14 @@ private:
 class Condition {
 public:
     void Wait(Mutex& mutex) LINK_REQUIRES(mutex) { mCondition.wait(mutex); }
+    // Returns at the deadline at the latest; max() is no deadline.
+    void WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) LINK_REQUIRES(mutex) {
+        if (deadline == std::chrono::steady_clock::time_point::max()) {
+            mCondition.wait(mutex);  // as a timeout, max() overflows in the C library
+        } else {
+            mCondition.wait_until(mutex, deadline);
+        }
+    }
     void NotifyAll() { mCondition.notify_all(); }
 
 private:

@@ -15,13 +15,6 @@
 
 namespace lumora_link {
 
-std::uint64_t RandomNumber() {
-    std::random_device device;
-    return static_cast<std::uint64_t>(device()) << 32 | device();
-}
-
-std::uint64_t NodeIo::SystemRandom::Seed() { return RandomNumber(); }
-
 NodeIo::NodeIo(Config config, NodeIdentity identity, std::optional<std::string> deviceType,
                Application& application)
     : mConfig(std::move(config)),
@@ -126,6 +119,9 @@ bool NodeIo::Open() {
             mCore.OnAnswer(conversation, answer, Clock::now());
         },
         [this](ConversationId conversation) { mCore.OnRefused(conversation, Clock::now()); },
+        [this](ConversationId conversation, std::uint16_t messageId) {
+            mCore.OnUnacknowledged(conversation, messageId, Clock::now());
+        },
         [this](ConversationId conversation) { mCore.OnReached(conversation, Clock::now()); }});
     mGroup = std::make_unique<GroupSockets>(
         mLoop, GroupSockets::Listener{

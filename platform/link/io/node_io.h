@@ -5,7 +5,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,6 +16,7 @@
 #include "platform/link/io/group_sockets.h"
 #include "platform/link/io/port_guard.h"
 #include "platform/link/io/psk.h"
+#include "platform/link/io/system_random.h"
 
 namespace lumora_link {
 
@@ -38,15 +38,6 @@ public:
     bool Post(Work work);
 
 private:
-    class SystemRandom : public RandomSource {
-    public:
-        std::uint64_t Next() override { return mGenerator(); }
-
-    private:
-        static std::uint64_t Seed();
-        std::mt19937_64 mGenerator{Seed()};
-    };
-
     bool Open();
     bool OpenPorts();
     void Run();
@@ -75,8 +66,5 @@ private:
     std::atomic<bool> mRunning{true};
     std::thread mThread;
 };
-
-// For node ids and instance numbers.
-std::uint64_t RandomNumber();
 
 }  // namespace lumora_link

@@ -33,6 +33,7 @@ constexpr std::uint8_t BAD_REQUEST = MakeCode(4, 0);
 constexpr std::uint8_t NOT_FOUND = MakeCode(4, 4);
 constexpr std::uint8_t NOT_ALLOWED = MakeCode(4, 5);
 constexpr std::uint8_t INCOMPLETE = MakeCode(4, 8);
+constexpr std::uint8_t CONFLICT = MakeCode(4, 9);
 constexpr std::uint8_t TOO_LARGE = MakeCode(4, 13);
 constexpr std::uint8_t INTERNAL_ERROR = MakeCode(5, 0);
 constexpr std::uint8_t UNAVAILABLE = MakeCode(5, 3);

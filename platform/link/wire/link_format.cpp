@@ -1,5 +1,6 @@
 #include "platform/link/wire/link_format.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
@@ -86,6 +87,25 @@ bool TakeUri(std::string_view& text, NodeDescription& into) {
     return true;
 }
 
+// Cuts off the first link of a list, up to the comma that no quotes and no angle brackets enclose.
+std::string_view TakeLink(std::string_view& links) {
+    bool quoted = false;
+    bool inUri = false;
+    std::size_t at = 0;
+    for (; at < links.size() && (quoted || inUri || links[at] != ','); ++at) {
+        if (quoted && links[at] == '\\') {
+            ++at;
+        } else if (links[at] == '"' && !inUri) {
+            quoted = !quoted;
+        } else if (!quoted && (links[at] == '<' || links[at] == '>')) {
+            inUri = links[at] == '<';
+        }
+    }
+    const std::string_view link = links.substr(0, at);
+    links.remove_prefix(std::min(at + 1, links.size()));
+    return link;
+}
+
 struct Attributes {
     bool id = false;
     bool instance = false;
@@ -135,6 +155,18 @@ std::optional<NodeDescription> ParseLink(std::string_view text) {
     }
     const bool whole = text.empty() && seen.id && seen.instance;
     return whole ? std::make_optional(std::move(description)) : std::nullopt;
+}
+
+std::optional<NodeDescription> ParseLinkOfType(std::string_view links, const std::string& deviceType) {
+    std::optional<NodeDescription> first;
+    while (!links.empty()) {
+        auto node = ParseLink(TakeLink(links));
+        if (node && node->deviceType == deviceType) {
+            return node;
+        }
+        first = first ? std::move(first) : std::move(node);
+    }
+    return first;
 }
 
 }  // namespace lumora_link

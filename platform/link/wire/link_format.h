@@ -20,5 +20,8 @@ std::string FormatLink(const NodeDescription& description);
 
 // Nothing where the text is not a description of this kind; links of foreign nodes are not.
 std::optional<NodeDescription> ParseLink(std::string_view text);
+// The description of a node with that type among the links of a list. A foreign node may list others beside
+// it. If there is none, the first description, so that the node is known by what it is.
+std::optional<NodeDescription> ParseLinkOfType(std::string_view links, const std::string& deviceType);
 
 }  // namespace lumora_link

@@ -35,6 +35,9 @@ std::string EncodeRequester(const Requester& requester) {
     AppendBigEndian(out, requester.sequence, 4);
     AppendBigEndian(out, requester.oldestOpen, 4);
     AppendBigEndian(out, requester.firstOfBody, 4);
+    if (requester.secret != 0) {
+        AppendBigEndian(out, requester.secret, 8);
+    }
     return out;
 }
 
@@ -51,6 +54,9 @@ std::optional<Requester> DecodeRequester(const CoapMessage& message) {
     requester.sequence = static_cast<std::uint32_t>(reader.Number(4));
     requester.oldestOpen = static_cast<std::uint32_t>(reader.Number(4));
     requester.firstOfBody = static_cast<std::uint32_t>(reader.Number(4));
+    if (!reader.AtEnd()) {
+        requester.secret = reader.Number(8);
+    }
     return reader.Failed() ? std::nullopt : std::make_optional(requester);
 }
 

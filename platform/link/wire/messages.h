@@ -30,6 +30,9 @@ struct Requester {
     std::uint32_t sequence = 0;     // counts this node's messages
     std::uint32_t oldestOpen = 0;   // every earlier one has ended
     std::uint32_t firstOfBody = 0;  // the message with the first block of this request's body
+    // Known to this client and this device only. Ids are in every hello: without the secret, any host could
+    // number messages in the name of another client. 0 in messages of older nodes, which send none.
+    std::uint64_t secret = 0;
 };
 std::string EncodeRequester(const Requester& requester);
 std::optional<Requester> DecodeRequester(const CoapMessage& message);

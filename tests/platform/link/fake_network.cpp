@@ -42,6 +42,16 @@ void FakeNode::Exit() {
     mAlive = false;
 }
 
+void FakeNode::Say(const Endpoint& to, const CoapMessage& message, std::optional<Endpoint> sender) {
+    FakeNode* listener = mNetwork.ListenerAt(to);
+    const Endpoint source = sender.value_or(Endpoint{mInterfaces.front().host, CONVERSATION_PORT - 1});
+    mNetwork.At(mNetwork.Now(), [this, listener, message, source, to] {
+        const ReplyPath path = ++listener->mLastPath;
+        listener->mWays[path] = {this, std::nullopt, to};
+        listener->mCore.OnRequest(message, source, to.host, path, mNetwork.Now());
+    });
+}
+
 void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {
     const Endpoint source{via.host, SOCKET_PORT};
     if (to != MulticastGroup()) {
@@ -50,7 +60,7 @@ void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMes
             return;
         }
         if (to.port == SOCKET_PORT) {
-            mNetwork.Carry(*this, *listener, message, [this, listener, message, source] {
+            mNetwork.Carry(*this, *listener, message, [this, listener, message = Rewritten(message), source] {
                 listener->mCore.OnSearchAnswer(message, source, mNetwork.Now());
             });
             return;
@@ -77,6 +87,7 @@ void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMes
 }
 
 void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
+    Watch(conversation, message);
     FakeNode* listener = mNetwork.ListenerAt(to);
     const Endpoint source{mInterfaces.front().host,
                           static_cast<std::uint16_t>(CONVERSATION_PORT + conversation % 10000)};
@@ -91,6 +102,9 @@ void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const C
         });
         return;
     }
+    if (mNetwork.ignoring && mNetwork.ignoring(*listener) && message.Find(option::REQUESTER) != nullptr) {
+        return;
+    }
     mNetwork.Carry(*this, *listener, message, [this, listener, message, source, to, conversation] {
         const ReplyPath path = ++listener->mLastPath;
         listener->mWays[path] = {this, conversation, to};
@@ -98,15 +112,40 @@ void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const C
     });
 }
 
+CoapMessage FakeNode::Rewritten(CoapMessage message) const {
+    if (mNetwork.rewrite) {
+        mNetwork.rewrite(message);
+    }
+    return message;
+}
+
+// As libcoap does: tells once that no copy was acknowledged.
+void FakeNode::Watch(ConversationId conversation, const CoapMessage& message) {
+    const bool request = message.Find(option::REQUESTER) != nullptr;
+    const auto [watched, isNew] = mWatched.try_emplace(conversation);
+    if (!request || (!isNew && watched->second.first == message.messageId)) {
+        return;
+    }
+    watched->second = {message.messageId, false};
+    mNetwork.At(mNetwork.Now() + UNACKNOWLEDGED, [this, conversation, messageId = message.messageId] {
+        const auto& [latest, acknowledged] = mWatched.at(conversation);
+        if (mAlive && latest == messageId && !acknowledged && mHung.count(conversation) == 0) {
+            mCore.OnUnacknowledged(conversation, messageId, mNetwork.Now());
+        }
+    });
+}
+
 void FakeNode::Hang(ConversationId conversation) { mHung.insert(conversation); }
 
 void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {
     const Way way = mWays.at(path);
-    if (message.code == code::EMPTY) {
-        ++mDatagrams;
-        return;
-    }
     const auto deliver = [this, way, message] {
+        if (way.conversation && way.asker->mWatched[*way.conversation].first == message.messageId) {
+            way.asker->mWatched[*way.conversation].second = true;
+        }
+        if (message.code == code::EMPTY) {
+            return;
+        }
         if (way.conversation && way.asker->mHung.count(*way.conversation) == 0) {
             way.asker->mCore.OnAnswer(*way.conversation, message, mNetwork.Now());
         } else if (!way.conversation) {

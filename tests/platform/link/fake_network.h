@@ -38,6 +38,8 @@ public:
                       const std::string& value);
     std::uint64_t Find(const std::string& deviceType);
     void Exit();
+    // A datagram of the test's own, from any sender that it names; without an answer.
+    void Say(const Endpoint& to, const CoapMessage& message, std::optional<Endpoint> sender = std::nullopt);
 
     // How a handler answers and how long it takes; at once with the value itself by default.
     std::function<Outcome(const HandlerCall&)> handler;
@@ -68,6 +70,8 @@ private:
 
     void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) override;
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override;
+    CoapMessage Rewritten(CoapMessage message) const;
+    void Watch(ConversationId conversation, const CoapMessage& message);
     void Hang(ConversationId conversation) override;
     void OnPeerGone(const Endpoint&) override {}
     void Reply(ReplyPath path, const CoapMessage& message) override;
@@ -86,6 +90,8 @@ private:
     std::map<ReplyPath, Way> mWays;
     ReplyPath mLastPath = 0;
     std::set<ConversationId> mHung;
+    // Of each conversation: its latest request, and whether anything came back for it.
+    std::map<ConversationId, std::pair<std::uint16_t, bool>> mWatched;
     std::uint64_t mLastTicket = 0;
     unsigned mDatagrams = 0;
     bool mAlive = true;
@@ -116,6 +122,10 @@ public:
     bool multicastBlocked = false;
     // For one message in particular; true lets it pass.
     std::function<bool(const CoapMessage&)> filter;
+    // What the receiver sees instead.
+    std::function<void(CoapMessage&)> rewrite;
+    // Nodes that answer searches and pings, but no request.
+    std::function<bool(const FakeNode&)> ignoring;
 
     // The process is gone, its host refuses.
     void Kill(FakeNode& node) { node.mAlive = false; }

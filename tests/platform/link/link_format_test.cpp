@@ -77,6 +77,19 @@ TEST(LinkFormatTest, RefusesWhatIsNotTheLinkOfANode) {
     }
 }
 
+TEST(LinkFormatTest, OfSeveralLinksTheOneWithTheTypeIsRead) {
+    NodeDescription other = Camera();
+    other.identity.id = 2;
+    other.deviceType = "printer, \"large\"";
+    const std::string links = "</s>;title=\"a,<b\",<coap://h/x?a,b>;ct=40," + FormatLink(other) + "," +
+                              FormatLink(Camera()) + ",</t>";
+    EXPECT_EQ(ParseLinkOfType(links, "camera")->identity, Camera().identity);
+    EXPECT_EQ(ParseLinkOfType(links, *other.deviceType)->identity, other.identity);
+    EXPECT_EQ(ParseLinkOfType(links, "absent")->identity, other.identity) << "the first";
+    EXPECT_FALSE(ParseLinkOfType("</s>,<coap://h/x", "camera"));
+    EXPECT_FALSE(ParseLinkOfType(",,\"\\", "camera"));
+}
+
 TEST(LinkFormatTest, ASecuredNodeNamesThePortBehindItsOwn) {
     NodeDescription node = Camera();
     node.endpoint = {htonl(0xc0000207), 40001};

@@ -75,6 +75,21 @@ TEST(MessagesTest, TheRequesterIsReadBackAndNothingShorterIs) {
     EXPECT_FALSE(DecodeRequester(CoapMessage()));
 }
 
+TEST(MessagesTest, TheSecretFollowsWhatOlderNodesReadAndHasEightBytes) {
+    Requester requester{{1, 2}, 3, 4, 5, 6, 0x1112131415161718};
+    CoapMessage message;
+    message.Add(option::REQUESTER, EncodeRequester(requester));
+    const std::string& bytes = message.options.front().value;
+    EXPECT_EQ(bytes.size(), 34U);
+    EXPECT_EQ(bytes.substr(26), "\x11\x12\x13\x14\x15\x16\x17\x18");
+    EXPECT_EQ(DecodeRequester(message)->secret, requester.secret);
+
+    message.options.front().value.resize(30);
+    EXPECT_FALSE(DecodeRequester(message)) << "a part of a secret is none";
+    message.options.front().value.resize(26);
+    EXPECT_EQ(DecodeRequester(message)->secret, 0U);
+}
+
 TEST(MessagesTest, BlocksAreNumberedAsInBlockwiseTransfer) {
     EXPECT_EQ(EncodeBlock({0, true, 4}), "\x0c");
     EXPECT_EQ(EncodeBlock({3, false, 4}), "\x34");

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -380,16 +381,184 @@ TEST_F(NodeCoreTest, AHandlerThatNeverEndsIsGivenUp) {
     EXPECT_LE(requestTime, seconds(60));
 }
 
-TEST_F(NodeCoreTest, APeerThatAnswersPingsButNeverTheRequestIsGivenUp) {
+TEST_F(NodeCoreTest, APeerThatAnswersPingsButNeverAcknowledgesTheRequestIsGivenUpAfterFourSeconds) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     network.filter = [](const CoapMessage& message) {
         return PathOf(message) != RESOURCE_PATH || message.code == code::EMPTY;
     };
-    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "").code, code::EMPTY);
-    EXPECT_GT(requestTime, seconds(7)) << "it is alive";
-    EXPECT_LE(requestTime, seconds(60));
+    for (const std::uint8_t method : {code::POST, code::PUT, code::DELETE, code::GET}) {
+        const Endpoint stranger = network.Add("camera").At();
+        EXPECT_EQ(Ask(asker, stranger, method, "key", "").code, code::EMPTY);
+        EXPECT_EQ(requestTime, seconds(4));
+    }
     EXPECT_THAT(device.Seen().handled, IsEmpty());
+}
+
+TEST_F(NodeCoreTest, AGetThatIsAcknowledgedButNotAnsweredEndsAfterEightSecondsAndAPostGoesOn) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    device.handlerTime = seconds(20);
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "value").payload, "value");
+    EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "value").code, code::EMPTY);
+    EXPECT_EQ(requestTime, seconds(8));
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "value").payload, "value");
+}
+
+TEST_F(NodeCoreTest, NodesThatLeaveRequestsUnansweredCostEachCallLittleAfterwards) {
+    FakeNode& asker = network.Add(std::nullopt);
+    std::vector<const FakeNode*> strangers;
+    for (int count = 0; count < 3; ++count) {
+        strangers.push_back(&network.Add("camera"));
+    }
+    FakeNode& device = network.Add("camera");
+    network.ignoring = [&](const FakeNode& node) {
+        return std::find(strangers.begin(), strangers.end(), &node) != strangers.end();
+    };
+    // As an application lists devices: one request after the other, in the order of the search.
+    const auto list = [&](Milliseconds& untilAnswered, Milliseconds& whole) {
+        const TimePoint start = network.Now();
+        for (const Endpoint& endpoint : Search(asker, "camera")) {
+            if (Ask(asker, endpoint, code::GET, "ServiceInfo", "{}").code == code::CONTENT) {
+                untilAnswered = std::chrono::duration_cast<Milliseconds>(network.Now() - start);
+            }
+        }
+        whole = std::chrono::duration_cast<Milliseconds>(network.Now() - start);
+    };
+    Milliseconds untilAnswered{};
+    Milliseconds whole{};
+    list(untilAnswered, whole);
+    EXPECT_GT(untilAnswered, Milliseconds(0));
+    EXPECT_LE(whole, Milliseconds(12700)) << "four seconds each";
+    list(untilAnswered, whole);
+    EXPECT_LE(untilAnswered, Milliseconds(700)) << "it comes first";
+    EXPECT_LE(whole, seconds(3));
+    EXPECT_EQ(Search(asker, "camera").front(), device.At());
+    network.Run(seconds(121));
+    EXPECT_EQ(Search(asker, "camera").back(), device.At()) << "it is forgotten after two minutes";
+}
+
+TEST_F(NodeCoreTest, ANodeThatAnswersAgainHasItsPlaceAndItsTimeAgain) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    FakeNode& other = network.Add("camera");
+    network.Run(seconds(1));
+    network.ignoring = [&](const FakeNode& node) { return &node == &device; };
+    Ask(asker, device.At(), code::GET, "key", "");
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(other.At(), device.At()));
+    network.ignoring = nullptr;
+    device.handlerTime = seconds(2);
+    EXPECT_EQ(Ask(asker, device.At(), code::POST, "key", "value").payload, "value") << "only a GET is hasty";
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At(), other.At()));
+    EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "value").payload, "value");
+}
+
+TEST_F(NodeCoreTest, AStrangerThatNumbersMessagesInTheNameOfAClientDoesNotStopIt) {
+    FakeNode& client = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    FakeNode& stranger = network.Add(std::nullopt);
+    EXPECT_EQ(Ask(client, device.At(), code::PUT, "key", "before").payload, "before");
+
+    CoapMessage attack;
+    attack.type = MessageType::Confirmable;
+    attack.code = code::DELETE;
+    attack.token = "x";
+    AddKey(attack, "key");
+    attack.Add(option::BLOCK1, EncodeBlock({0, true, 4}));
+    attack.Add(option::REQUESTER,
+               EncodeRequester({client.Identity(), client.At().port, 0x7fffffff, 0x7fffffff, 0x7fffffff}));
+    stranger.Say(device.At(), attack);
+    stranger.Say(device.At(), attack, client.At());
+    network.Run(Milliseconds(10));
+    EXPECT_EQ(Ask(client, device.At(), code::PUT, "key", "after").payload, "after");
+    EXPECT_LE(requestTime, Milliseconds(2)) << "there and back";
+}
+
+TEST_F(NodeCoreTest, ARequestWhoseNumberIsTakenForClosedIsAskedAgainWithAnotherSecret) {
+    FakeNode& client = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    std::set<std::uint64_t> secrets;
+    bool spied = false;
+    network.filter = [&](const CoapMessage& message) {
+        const auto requester = DecodeRequester(message);
+        if (requester) {
+            secrets.insert(requester->secret);
+        }
+        if (requester && !spied) {
+            spied = true;
+            CoapMessage attack = message;
+            attack.token = "x";
+            Requester forged = *requester;
+            forged.sequence = forged.oldestOpen = requester->sequence + 1000;
+            attack.options.clear();
+            AddKey(attack, "forged");
+            attack.Add(option::REQUESTER, EncodeRequester(forged));
+            client.Say(device.At(), attack);
+        }
+        return true;
+    };
+    const std::string value(MAX_TEXT_BYTES, 'v');
+    EXPECT_EQ(Ask(client, device.At(), code::PUT, std::string(400, 'k'), value).payload, value);
+    EXPECT_THAT(secrets, SizeIs(2));
+    EXPECT_LE(requestTime, Milliseconds(30));
+    network.filter = nullptr;
+    EXPECT_EQ(Ask(client, device.At(), code::PUT, "key", "value").payload, "value");
+}
+
+TEST_F(NodeCoreTest, APeerThatAlwaysAnswersConflictIsNotAskedForEver) {
+    FakeNode& client = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    device.handler = [](const HandlerCall&) { return Outcome{code::CONFLICT, ""}; };
+    EXPECT_EQ(Ask(client, device.At(), code::PUT, "key", "value").code, code::CONFLICT);
+    EXPECT_THAT(device.Seen().handled, SizeIs(3));
+}
+
+TEST_F(NodeCoreTest, ARequestUnderTheIdOfAnotherNodeIsTheSendersOwn) {
+    FakeNode& victim = network.Add("reader");
+    FakeNode& device = network.Add("camera");
+    FakeNode& stranger = network.Add(std::nullopt);
+    network.Run(seconds(1));
+    CoapMessage attack;
+    attack.code = code::GET;
+    AddKey(attack, "key");
+    attack.Add(option::REQUESTER, EncodeRequester({victim.Identity(), 22, 1, 1, 1}));
+    stranger.Say(device.At(), attack);
+    network.Run(Milliseconds(10));
+    ASSERT_THAT(device.Seen().handled, SizeIs(1));
+    EXPECT_EQ(device.Seen().handled.front().requester, (Endpoint{stranger.At().host, 22}));
+    Ask(victim, device.At(), code::GET, "key", "");
+    EXPECT_EQ(device.Seen().handled.back().requester, victim.At());
+}
+
+TEST_F(NodeCoreTest, AFloodOfUnfinishedValuesLeavesOtherAddressesTheirs) {
+    FakeNode& client = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    FakeNode& stranger = network.Add(std::nullopt);
+    for (std::uint32_t number = 1; number <= 200; ++number) {
+        CoapMessage first;
+        first.code = code::PUT;
+        first.messageId = static_cast<std::uint16_t>(number);
+        AddKey(first, "key");
+        first.Add(option::BLOCK1, EncodeBlock({0, true, 4}));
+        first.Add(option::REQUESTER, EncodeRequester({{5000 + number, 1}, 22, 1, 1, number}));
+        stranger.Say(device.At(), first);
+    }
+    network.Run(Milliseconds(10));
+    const std::string value(MAX_TEXT_BYTES, 'v');
+    EXPECT_EQ(Ask(client, device.At(), code::PUT, std::string(400, 'k'), value).payload, value);
+}
+
+TEST_F(NodeCoreTest, ASearchAnswerWithSeveralLinksIsReadForTheOneWithTheType) {
+    FakeNode& asker = network.Add("reader");
+    FakeNode& device = network.Add("camera");
+    // A hello alone would make the device known.
+    network.filter = [](const CoapMessage& message) { return PathOf(message) != HELLO_PATH; };
+    network.rewrite = [&](CoapMessage& message) {
+        if (message.code == code::CONTENT && message.payload.find("camera") != std::string::npos) {
+            message.payload = "</sensors/t>;rt=\"a,b\";ct=40," + message.payload + ",</other>";
+        }
+    };
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
 }
 
 TEST_F(NodeCoreTest, AnAbsentPeerFailsInSevenSecondsAndARefusedPortAtOnce) {

@@ -36,6 +36,8 @@ struct RequestTableTest : testing::Test {
     }
 
     const Endpoint FOREIGNER{htonl(0x0a000001), 5000};
+    const Endpoint OTHER_FOREIGNER{htonl(0x0a000002), 5000};
+    const Endpoint HONEST{htonl(0x0a000009), 5000};
     static RequestTable::Limits Small() {
         RequestTable::Limits limits;
         limits.entries = 100;
@@ -109,18 +111,18 @@ TEST_F(RequestTableTest, AFullTableTakesNoMoreUntilSomethingEnds) {
     EXPECT_EQ(Admit(101, 2), Verdict::NEW);
 }
 
-TEST_F(RequestTableTest, StoredAnswersAreBoundedInBytes) {
+TEST_F(RequestTableTest, StoredAnswersAreBoundedInBytesAndTheOldestGoes) {
     limits.bytes = 2000;
     RequestTable small(limits);
-    std::uint32_t admitted = 0;
     for (std::uint32_t sequence = 1; sequence <= 10; ++sequence) {
         const Requester requester{{7, 1}, 4000, sequence, 1, sequence};
-        if (small.Admit(Key(sequence, 1), requester, now) == Verdict::NEW) {
-            small.Answer(Key(sequence, 1), {code::CONTENT, std::string(1000, 'x')}, now);
-            ++admitted;
-        }
+        ASSERT_EQ(small.Admit(Key(sequence, 1), requester, now), Verdict::NEW);
+        small.Answer(Key(sequence, 1), {code::CONTENT, std::string(1000, 'x')}, now);
+        EXPECT_LE(small.Bytes(), 2000U);
     }
-    EXPECT_EQ(admitted, 2U);
+    const Requester latest{{7, 1}, 4000, 10, 1, 10};
+    EXPECT_EQ(small.Admit(Key(10, 1), latest, now), Verdict::ANSWERED);
+    EXPECT_EQ(small.Bites(), 8U);
 }
 
 TEST_F(RequestTableTest, ForeignRequestsAreToldApartByTheirSource) {
@@ -140,7 +142,7 @@ TEST_F(RequestTableTest, ForeignAnswersAgeOut) {
 }
 
 TEST_F(RequestTableTest, ForeignFloodsTakeNoRoomFromOthers) {
-    limits.foreign = 20;
+    limits.entriesPerSource = 20;
     RequestTable shared(limits);
     for (std::uint32_t number = 0; number < 1000; ++number) {
         const RequestKey key = KeyFor(Message(number), std::nullopt, FOREIGNER);
@@ -150,18 +152,97 @@ TEST_F(RequestTableTest, ForeignFloodsTakeNoRoomFromOthers) {
     EXPECT_LE(shared.Entries(), 20U);
 }
 
-TEST_F(RequestTableTest, InventedRequestersAreBoundedAndThoseKnownAreServedOn) {
-    limits.requesters = 3;
+TEST_F(RequestTableTest, InventedRequestersTakeThePlaceOfOthersFromTheirOwnAddressOnly) {
+    limits.requesters = 30;
+    limits.requestersPerSource = 20;
     RequestTable small(limits);
-    const auto admit = [&](std::uint64_t node, std::uint32_t sequence) {
+    const auto admit = [&](in_addr_t host, std::uint64_t node, std::uint32_t sequence) {
         const Requester requester{{node, 1}, 4000, sequence, sequence, sequence};
-        return small.Admit(KeyFor(Message(sequence), requester, Endpoint()), requester, now);
+        const RequestKey key = KeyFor(Message(sequence), requester, {host, 5000});
+        const Verdict verdict = small.Admit(key, requester, now);
+        small.Answer(key, {code::CHANGED, ""}, now);
+        return verdict;
     };
+    EXPECT_EQ(admit(HONEST.host, 1, 7), Verdict::NEW);
     for (std::uint64_t node = 1; node <= 1000; ++node) {
-        EXPECT_EQ(admit(node, 1), node <= 3 ? Verdict::NEW : Verdict::FULL);
+        EXPECT_EQ(admit(FOREIGNER.host, node, 1), Verdict::NEW);
+        EXPECT_EQ(admit(OTHER_FOREIGNER.host, node, 1), Verdict::NEW);
     }
-    EXPECT_EQ(small.Requesters(), 3U);
-    EXPECT_EQ(admit(2, 2), Verdict::NEW);
+    EXPECT_EQ(small.Requesters(), 30U);
+    EXPECT_EQ(admit(HONEST.host, 1, 6), Verdict::STALE) << "it is still known";
+    EXPECT_EQ(admit(HONEST.host, 1, 8), Verdict::NEW);
+}
+
+TEST_F(RequestTableTest, OneAddressThatFillsItsShareLeavesTheOthersTheirAnswers) {
+    limits.entriesPerSource = 80;
+    RequestTable shared(limits);
+    const auto admit = [&](const Endpoint& source, std::uint32_t number) {
+        return shared.Admit(KeyFor(Message(number), std::nullopt, source), std::nullopt, now);
+    };
+    const auto answer = [&](const Endpoint& source, std::uint32_t number) {
+        shared.Answer(KeyFor(Message(number), std::nullopt, source), {code::CHANGED, "x"}, now);
+    };
+    ASSERT_EQ(admit(HONEST, 1), Verdict::NEW);
+    answer(HONEST, 1);
+    for (std::uint32_t number = 1; number <= 10000; ++number) {
+        ASSERT_EQ(admit(FOREIGNER, number), Verdict::NEW);
+        answer(FOREIGNER, number);
+    }
+    EXPECT_EQ(shared.Entries(), 81U);
+    EXPECT_EQ(admit(HONEST, 1), Verdict::ANSWERED) << "exactly once, for a client that does not flood";
+    EXPECT_EQ(admit(HONEST, 2), Verdict::NEW);
+    EXPECT_EQ(shared.Bites(), 10000U - 80);
+}
+
+TEST_F(RequestTableTest, RequestsThatNeverEndFillTheShareOfTheirAddressOnly) {
+    limits.entriesPerSource = 50;
+    RequestTable shared(limits);
+    const auto admit = [&](const Endpoint& source, std::uint32_t number) {
+        return shared.Admit(KeyFor(Message(number), std::nullopt, source), std::nullopt, now);
+    };
+    for (std::uint32_t number = 1; number <= 1000; ++number) {
+        EXPECT_EQ(admit(FOREIGNER, number), number <= 50 ? Verdict::NEW : Verdict::FULL);
+    }
+    EXPECT_EQ(admit(HONEST, 1), Verdict::NEW);
+}
+
+TEST_F(RequestTableTest, AFullTableTakesTheRoomFromTheAddressThatHasMost) {
+    RequestTable shared(limits);
+    for (std::uint32_t host = 1; host <= 5; ++host) {
+        for (std::uint32_t number = 1; number <= (host == 3 ? 60U : 10U); ++number) {
+            const RequestKey key = KeyFor(Message(number), std::nullopt, {htonl(0x0a000100 + host), 1});
+            ASSERT_EQ(shared.Admit(key, std::nullopt, now), Verdict::NEW);
+            shared.Answer(key, {code::CHANGED, ""}, now);
+        }
+    }
+    const auto again = [&](std::uint32_t host, std::uint32_t number) {
+        return shared.Admit(KeyFor(Message(number), std::nullopt, {htonl(0x0a000100 + host), 1}),
+                            std::nullopt, now);
+    };
+    EXPECT_EQ(shared.Admit(KeyFor(Message(1), std::nullopt, HONEST), std::nullopt, now), Verdict::NEW);
+    EXPECT_EQ(again(1, 1), Verdict::ANSWERED);
+    EXPECT_EQ(again(3, 2), Verdict::ANSWERED);
+    EXPECT_EQ(again(3, 1), Verdict::NEW) << "the oldest of the address with most entries was dropped";
+}
+
+TEST_F(RequestTableTest, OnlyTheSecretOfTheRequesterMovesItsNumbersOn) {
+    Requester client{{7, 1}, 4000, 5, 5, 5, 0x1234};
+    const RequestKey own = KeyFor(Message(5), client, HONEST);
+    EXPECT_EQ(table.Admit(own, client, now), Verdict::NEW);
+    const Requester guesses[] = {{{7, 1}, 4000, 0x7fffffff, 0x7fffffff, 1, 0},
+                                 {{7, 1}, 4000, 0x7fffffff, 0x7fffffff, 1, 0x1235}};
+    for (const Requester& guess : guesses) {
+        EXPECT_EQ(table.Admit(KeyFor(Message(1), guess, HONEST), guess, now), Verdict::NEW);
+    }
+    client.sequence = client.oldestOpen = 6;
+    EXPECT_EQ(table.Admit(KeyFor(Message(6), client, HONEST), client, now), Verdict::NEW);
+}
+
+TEST_F(RequestTableTest, ARequesterWithoutASecretIsAnotherOneAtAnotherAddress) {
+    const Requester older{{7, 1}, 4000, 5, 5, 5};
+    const Requester stranger{{7, 1}, 4000, 0x7fffffff, 0x7fffffff, 1};
+    EXPECT_EQ(table.Admit(KeyFor(Message(1), stranger, FOREIGNER), stranger, now), Verdict::NEW);
+    EXPECT_EQ(table.Admit(KeyFor(Message(5), older, HONEST), older, now), Verdict::NEW);
 }
 
 }  // namespace lumora_link::test

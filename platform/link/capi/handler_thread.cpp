@@ -1,0 +1,83 @@
+#include "platform/link/capi/handler_thread.h"
+
+#include "platform/link/io/contain.h"
+#include "platform/link/io/log.h"
+#include "platform/link/io/worker.h"
+
+namespace lumora_link {
+
+HandlerThread::HandlerThread(Listener listener) : mListener(std::move(listener)) {
+    mThread = StartQuietThread("lumora-link-req", [this] { Run(); });
+    mId = mThread.get_id();
+}
+
+HandlerThread::~HandlerThread() { Stop(); }
+
+bool HandlerThread::Push(HandlerCall call) {
+    CallQueue::Admission admission;
+    {
+        MutexLock lock(mMutex);
+        if (mStopping) {
+            return false;
+        }
+        admission = mQueue.Push(std::move(call), Clock::now());
+        mChanged.NotifyAll();
+    }
+    Drop(admission.dropped);
+    return admission.accepted;
+}
+
+void HandlerThread::Stop() {
+    {
+        MutexLock lock(mMutex);
+        mStopping = true;
+        mChanged.NotifyAll();
+    }
+    if (mThread.joinable()) {
+        mThread.join();
+    }
+}
+
+void HandlerThread::Run() {
+    while (const auto call = WaitForCall()) {
+        const TimePoint began = Clock::now();
+        RunOne(*call);
+        CallQueue::Dropped dropped;
+        Contain([&] {
+            MutexLock lock(mMutex);
+            dropped = mQueue.OnEnded(*call, began, Clock::now());
+        });
+        Contain([&] { Drop(dropped); });
+    }
+}
+
+// Nothing once the thread is to stop.
+std::optional<HandlerCall> HandlerThread::WaitForCall() {
+    MutexLock lock(mMutex);
+    while (!mStopping) {
+        const TimePoint now = Clock::now();
+        if (auto call = mQueue.Pop(now)) {
+            return call;
+        }
+        mChanged.WaitUntil(mMutex, mQueue.NextStart(now));
+    }
+    return std::nullopt;
+}
+
+void HandlerThread::RunOne(const HandlerCall& call) {
+    Outcome outcome{code::INTERNAL_ERROR, {}};
+    try {
+        outcome = mListener.run(call);
+    } catch (...) {
+        LINK_LOG(LEVEL_ERROR, "a handler threw; the request has failed\n");
+    }
+    Contain([&] { mListener.onHandled(call.ticket, std::move(outcome)); });
+}
+
+void HandlerThread::Drop(CallQueue::Dropped ticket) {
+    if (ticket) {
+        mListener.onHandled(*ticket, {code::UNAVAILABLE, {}});
+    }
+}
+
+}  // namespace lumora_link

@@ -1,0 +1,46 @@
+// The thread that calls the handlers of a node, one request after the other.
+#pragma once
+
+#include <functional>
+#include <thread>
+
+#include "platform/link/core/call_queue.h"
+#include "platform/link/io/mutex.h"
+
+namespace lumora_link {
+
+class HandlerThread {
+public:
+    struct Listener {
+        std::function<Outcome(const HandlerCall&)> run;
+        // Called on this thread, and for a dropped call on the thread that calls Push. Not with a lock held.
+        std::function<void(std::uint64_t ticket, Outcome)> onHandled;
+    };
+
+    explicit HandlerThread(Listener listener);
+    ~HandlerThread();
+    HandlerThread(const HandlerThread&) = delete;
+    HandlerThread& operator=(const HandlerThread&) = delete;
+
+    // False if the call is refused or the thread has been stopped.
+    bool Push(HandlerCall call);
+    // Lets the running handler end, drops what waits, and joins. Not to be called by a handler.
+    void Stop();
+    bool IsCurrentThread() const { return std::this_thread::get_id() == mId; }
+
+private:
+    void Run();
+    std::optional<HandlerCall> WaitForCall();
+    void RunOne(const HandlerCall& call);
+    void Drop(CallQueue::Dropped ticket);
+
+    const Listener mListener;
+    Mutex mMutex;
+    Condition mChanged;
+    CallQueue mQueue LINK_GUARDED_BY(mMutex);
+    bool mStopping LINK_GUARDED_BY(mMutex) = false;
+    std::thread mThread;
+    std::thread::id mId;  // stays readable for others while Stop joins
+};
+
+}  // namespace lumora_link

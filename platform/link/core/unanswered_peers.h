@@ -1,0 +1,26 @@
+// The nodes that left a request unanswered. A stranger that answers searches and pings, but no request, must
+// not cost every later call its whole time: these nodes come last in a search, and a GET to them gets little
+// time.
+#pragma once
+
+#include <map>
+
+#include "platform/link/wire/types.h"
+
+namespace lumora_link {
+
+class UnansweredPeers {
+public:
+    static constexpr Milliseconds REMEMBERED{120000};
+    static constexpr std::size_t MAX_PEERS = 1024;
+
+    void Add(const Endpoint& peer, TimePoint now);
+    // It has answered.
+    void Remove(const Endpoint& peer) { mPeers.erase(peer); }
+    bool Contains(const Endpoint& peer, TimePoint now) const;
+
+private:
+    std::map<Endpoint, TimePoint> mPeers;  // and when the request ended
+};
+
+}  // namespace lumora_link
