@@ -101,6 +101,9 @@ void Discovery::Close() {
 }
 
 bool Discovery::MayAnswer(const Endpoint& asker, TimePoint now) {
+    if (!mPresence.MaySendTo(asker.host, now)) {
+        return false;
+    }
     if (mAskers.size() >= MAX_ASKERS && mAskers.count(asker) == 0) {
         mAskers.clear();
     }
@@ -124,6 +127,7 @@ void Discovery::SendDueAnswers(TimePoint now) {
         const DelayedAnswer& answer = mAnswers.begin()->second;
         if (const LocalInterface* local = mSelf.InterfaceOf(answer.interface)) {
             mNetwork.Send(*local, answer.to, answer.message);
+            mPresence.OnSentTo(answer.to.host, answer.message);
         }
         mAnswers.erase(mAnswers.begin());
     }

@@ -1,6 +1,7 @@
 // What a node knows of itself, and the labels that it puts on its messages.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +23,13 @@ struct Self {
     // As seen by those who reach it through that address of this host.
     NodeDescription DescribedAt(in_addr_t host) const {
         return {identity, {host, port}, deviceType, secured};
+    }
+
+    // Other hosts cannot send in the name of these.
+    bool IsOwn(in_addr_t host) const {
+        return LocalInterface::IsLoopback(host) ||
+               std::any_of(interfaces.begin(), interfaces.end(),
+                           [host](const LocalInterface& local) { return local.host == host; });
     }
 
     const LocalInterface* InterfaceOf(unsigned index) const {

@@ -42,11 +42,18 @@ void FakeNode::Exit() {
     mAlive = false;
 }
 
+void FakeNode::OnDatagram(const CoapMessage& message, const Endpoint& source) {
+    const ReplyPath path = ++mLastPath;
+    mWays[path] = {};
+    mCore.OnRequest(message, source, mInterfaces.front().host, path, mNetwork.Now());
+}
+
 void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {
     const Endpoint source{via.host, SOCKET_PORT};
     if (to != MulticastGroup()) {
         FakeNode* listener = mNetwork.ListenerAt(to);
         if (listener == nullptr) {
+            mBytesToStrangers += SerializeMessage(message).size();
             return;
         }
         if (to.port == SOCKET_PORT) {
@@ -77,9 +84,13 @@ void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMes
 }
 
 void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
+    mOpen.insert(conversation);
     FakeNode* listener = mNetwork.ListenerAt(to);
     const Endpoint source{mInterfaces.front().host,
                           static_cast<std::uint16_t>(CONVERSATION_PORT + conversation % 10000)};
+    if (listener == nullptr) {
+        mBytesToStrangers += SerializeMessage(message).size();
+    }
     if (listener == nullptr || !listener->mReachable || !mReachable) {
         return;
     }
@@ -98,10 +109,17 @@ void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const C
     });
 }
 
-void FakeNode::Hang(ConversationId conversation) { mHung.insert(conversation); }
+void FakeNode::Hang(ConversationId conversation) {
+    mHung.insert(conversation);
+    mOpen.erase(conversation);
+}
 
 void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {
     const Way way = mWays.at(path);
+    if (way.asker == nullptr) {
+        mBytesToStrangers += SerializeMessage(message).size();
+        return;
+    }
     if (message.code == code::EMPTY) {
         ++mDatagrams;
         return;

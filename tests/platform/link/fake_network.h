@@ -38,6 +38,10 @@ public:
                       const std::string& value);
     std::uint64_t Find(const std::string& deviceType);
     void Exit();
+    // A datagram from an address at which no node of this network is.
+    void OnDatagram(const CoapMessage& message, const Endpoint& source);
+    // What went to such addresses.
+    std::size_t BytesToStrangers() const { return mBytesToStrangers; }
 
     // How a handler answers and how long it takes; at once with the value itself by default.
     std::function<Outcome(const HandlerCall&)> handler;
@@ -48,6 +52,8 @@ public:
     NodeCore& Core() { return mCore; }
     NodeIdentity Identity() const { return mIdentity; }
     unsigned Datagrams() const { return mDatagrams; }
+    // Each takes a socket on a real host.
+    std::size_t OpenConversations() const { return mOpen.size(); }
 
 private:
     friend class FakeNetwork;
@@ -86,8 +92,10 @@ private:
     std::map<ReplyPath, Way> mWays;
     ReplyPath mLastPath = 0;
     std::set<ConversationId> mHung;
+    std::set<ConversationId> mOpen;
     std::uint64_t mLastTicket = 0;
     unsigned mDatagrams = 0;
+    std::size_t mBytesToStrangers = 0;
     bool mAlive = true;
     bool mReachable = true;
     NodeCore mCore;
