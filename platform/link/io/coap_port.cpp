@@ -286,6 +286,9 @@ bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
     const int descriptor = NextDescriptor(Descriptor());
     made->session = NewSession(to);
     if (made->session == nullptr) {
+        if (!DescriptorsAreLeft(1)) {
+            LINK_LOG_LIMITED(LEVEL_ERROR, "no descriptors left to ask a node\n");
+        }
         return false;
     }
     if (!CloseOnExecIfConnected(descriptor, mPsk ? SecuredPortOf(to) : to)) {
