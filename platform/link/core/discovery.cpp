@@ -32,7 +32,9 @@ Discovery::Discovery(const Self& self, Labels& labels, Network& network, Applica
 void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
     std::set<std::uint64_t> expected;
     for (const Peer* peer : mPresence.Directory().OfType(deviceType)) {
-        expected.insert(peer->node.identity.id);
+        if (peer->IsEstablished()) {
+            expected.insert(peer->node.identity.id);
+        }
     }
     mSearches.push_back(
         {ticket, mLabels.NextToken().substr(0, TOKEN_BYTES), Search(deviceType, std::move(expected), now)});
@@ -181,7 +183,8 @@ void Discovery::Probe(const Running& running, unsigned number) {
 std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint now) const {
     std::vector<NodeDescription> result;
     for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {
-        if (search.Found().count(peer->node.identity.id) != 0 || now - peer->heard < FRESH) {
+        const bool fresh = peer->IsEstablished() && now - peer->heard < FRESH;
+        if (fresh || search.Found().count(peer->node.identity.id) != 0) {
             result.push_back(peer->node);
         }
     }

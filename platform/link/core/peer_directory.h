@@ -38,6 +38,9 @@ struct Peer {
     bool confirmed = false;
     unsigned words = 1;  // how often it was heard at its endpoint
     TimePoint challenged{};
+
+    // Inventing a node takes one datagram. A search counts on those that did more than that.
+    bool IsEstablished() const { return confirmed || words > 1; }
 };
 
 class PeerDirectory {

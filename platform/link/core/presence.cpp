@@ -161,7 +161,12 @@ std::vector<Endpoint> Presence::UnicastTargets() const {
     return targets;
 }
 
+// A node without a resource only looks. Others that do not know it cannot take its end for the end of another
+// application on its host.
 void Presence::Tell(const char* path) {
+    if (!mSelf.deviceType) {
+        return;
+    }
     const std::vector<Endpoint> targets = UnicastTargets();
     for (const LocalInterface& local : mSelf.interfaces) {
         CoapMessage notice = MakeNotice(path, FormatLink(mSelf.DescribedAt(local.host)));
@@ -224,7 +229,7 @@ void Presence::OnSentTo(in_addr_t host, const CoapMessage& message) {
 }
 
 void Presence::Send(Ping& ping, const Peer& peer, TimePoint now) {
-    const bool heardOnce = peer.words == 1 && !peer.confirmed && !peer.saidGoodbye;
+    const bool heardOnce = !peer.IsEstablished() && !peer.saidGoodbye;
     ping.next = now + (heardOnce ? PING_INTERVAL_HEARD_ONCE : PING_INTERVAL);
     if (!MaySendTo(peer.node.endpoint.host, now)) {
         return;

@@ -223,7 +223,7 @@ TEST_F(NodeCoreTest, NeighboursThatAreAliveAreAskedOnceAndStay) {
         const LocalInterface local{2, "eth0", htonl(0x0a000063)};
         nodes.push_back(&network.AddAt({100U + number, 1}, {local}, number, "camera"));
     }
-    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& watcher = network.Add("reader");
     network.Run(seconds(3));
     EXPECT_THAT(watcher.Seen().events, SizeIs(8));
 
@@ -359,7 +359,8 @@ TEST_F(NodeCoreTest, InventedNodesTakeFewPingsAndHinderNoSearch) {
         network.Run(Milliseconds(10));
         ASSERT_LE(asker.OpenConversations(), Presence::MAX_PINGS);
         if (round % 100 == 99) {
-            EXPECT_THAT(Search(asker, "camera"), Contains(device.At()));
+            EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
+            EXPECT_LE(searchTime, Milliseconds(300));
             EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "value").payload, "value");
             EXPECT_LE(requestTime, Milliseconds(10));
         }
@@ -461,6 +462,36 @@ TEST_F(NodeCoreTest, ANodeThatAsksMuchIsServedWithoutALimit) {
         ASSERT_EQ(Ask(asker, device.At(), code::GET, "key", value).payload, value) << count;
         ASSERT_LE(requestTime, Milliseconds(50));
     }
+}
+
+TEST_F(NodeCoreTest, ANodeThatOnlyLooksIsNeitherAddedNorRemoved) {
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    for (const bool crashes : {false, true}) {
+        FakeNode& looker = network.Add(std::nullopt);
+        EXPECT_THAT(Search(looker, "camera"), ElementsAre(device.At()));
+        EXPECT_EQ(Ask(looker, device.At(), code::GET, "key", "value").payload, "value");
+        network.Run(seconds(2));
+        EXPECT_THAT(EventsOf(looker), ElementsAre("+1")) << "it is told of devices";
+        if (crashes) {
+            network.Kill(looker);
+        } else {
+            looker.Exit();
+        }
+        network.Run(seconds(5));
+    }
+    EXPECT_THAT(EventsOf(device), IsEmpty());
+}
+
+TEST_F(NodeCoreTest, RequestsOfANodeThatOnlyLooksRunOnceThroughLoss) {
+    network.lossPercent = 20;
+    network.duplicatePercent = 10;
+    FakeNode& looker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    for (int number = 0; number < 100; ++number) {
+        EXPECT_EQ(Ask(looker, device.At(), code::POST, std::to_string(number), "value").payload, "value");
+    }
+    EXPECT_THAT(device.Seen().handled, SizeIs(100));
 }
 
 TEST_F(NodeCoreTest, SecuredAndOtherNodesDoNotSeeEachOther) {
