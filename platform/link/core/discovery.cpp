@@ -32,7 +32,7 @@ Discovery::Discovery(const Self& self, Labels& labels, Network& network, Applica
 void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
     std::set<std::uint64_t> expected;
     for (const Peer* peer : mPresence.Directory().OfType(deviceType)) {
-        if (peer->IsEstablished()) {
+        if (mPresence.Directory().IsCredible(*peer)) {
             expected.insert(peer->node.identity.id);
         }
     }
@@ -183,7 +183,7 @@ void Discovery::Probe(const Running& running, unsigned number) {
 std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint now) const {
     std::vector<NodeDescription> result;
     for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {
-        const bool fresh = peer->IsEstablished() && now - peer->heard < FRESH;
+        const bool fresh = mPresence.Directory().IsCredible(*peer) && now - peer->heard < FRESH;
         if (fresh || search.Found().count(peer->node.identity.id) != 0) {
             result.push_back(peer->node);
         }

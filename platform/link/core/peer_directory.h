@@ -39,7 +39,7 @@ struct Peer {
     unsigned words = 1;  // how often it was heard at its endpoint
     TimePoint challenged{};
 
-    // Inventing a node takes one datagram. A search counts on those that did more than that.
+    // Inventing a node takes one datagram. This one did more than that.
     bool IsEstablished() const { return confirmed || words > 1; }
 };
 
@@ -90,6 +90,11 @@ public:
     TimePoint NextDeadline() const { return IsMany() ? std::max(mNextCheck, mMayCheck) : mNextCheck; }
 
     const Peer* Find(std::uint64_t nodeId) const;
+    // Whether a search may count on it: its address is not flooding the table, or it was heard more than
+    // once.
+    bool IsCredible(const Peer& peer) const {
+        return peer.IsEstablished() || mUnconfirmed.CountOf(peer.node.endpoint.host) <= MANY;
+    }
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
     // What all of them need where each has so long to itself.

@@ -45,6 +45,10 @@ public:
         return *mKeys.at(mCrowded.rbegin()->second).begin();
     }
 
+    std::size_t CountOf(in_addr_t host) const {
+        const auto at = mKeys.find(host);
+        return at == mKeys.end() ? 0 : at->second.size();
+    }
     std::optional<Key> OldestOf(in_addr_t host) const {
         const auto at = mKeys.find(host);
         return at == mKeys.end() ? std::nullopt : std::make_optional(*at->second.begin());
