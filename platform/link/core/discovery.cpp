@@ -37,7 +37,9 @@ Discovery::Discovery(const Self& self, Labels& labels, Network& network, Applica
 void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
     std::set<std::uint64_t> expected;
     for (const Peer* peer : mPresence.Directory().OfType(deviceType)) {
-        expected.insert(peer->node.identity.id);
+        if (mPresence.Directory().IsCredible(*peer)) {
+            expected.insert(peer->node.identity.id);
+        }
     }
     mSearches.push_back(
         {ticket, mLabels.NextToken().substr(0, TOKEN_BYTES), Search(deviceType, std::move(expected), now)});
@@ -108,6 +110,9 @@ void Discovery::Close() {
 }
 
 bool Discovery::MayAnswer(const Endpoint& asker, TimePoint now) {
+    if (!mPresence.MaySendTo(asker.host, now)) {
+        return false;
+    }
     if (mAskers.size() >= MAX_ASKERS && mAskers.count(asker) == 0) {
         mAskers.clear();
     }
@@ -131,6 +136,7 @@ void Discovery::SendDueAnswers(TimePoint now) {
         const DelayedAnswer& answer = mAnswers.begin()->second;
         if (const LocalInterface* local = mSelf.InterfaceOf(answer.interface)) {
             mNetwork.Send(*local, answer.to, answer.message);
+            mPresence.OnSentTo(answer.to.host, answer.message);
         }
         mAnswers.erase(mAnswers.begin());
     }
@@ -185,7 +191,8 @@ void Discovery::Probe(const Running& running, unsigned number) {
 std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint now) const {
     std::vector<NodeDescription> result;
     for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {
-        if (search.Found().count(peer->node.identity.id) != 0 || now - peer->heard < FRESH) {
+        const bool fresh = mPresence.Directory().IsCredible(*peer) && now - peer->heard < FRESH;
+        if (fresh || search.Found().count(peer->node.identity.id) != 0) {
             result.push_back(peer->node);
         }
     }

@@ -24,9 +24,23 @@ NodeCore::NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> pe
       mSelf(SelfOf(identity, secured)),
       mLabels(random),
       mPresence(mSelf, mLabels, network, std::move(peers)),
+      mReplies(network, mPresence),
       mDiscovery(mSelf, mLabels, network, application, mPresence, mUnanswered),
       mClient(mSelf, mLabels, network, application, mUnanswered),
-      mServer(mPresence.Directory(), network, application) {}
+      mServer(mPresence.Directory(), mReplies, application) {}
+
+void NodeCore::MeteredNetwork::Reply(ReplyPath path, const CoapMessage& message) {
+    mNetwork.Reply(path, message);
+    const auto asker = mPaths.find(path);
+    if (asker != mPaths.end()) {
+        mPresence.OnSentTo(asker->second, message);
+    }
+}
+
+void NodeCore::MeteredNetwork::Forget(ReplyPath path) {
+    mPaths.erase(path);
+    mNetwork.Forget(path);
+}
 
 void NodeCore::SetDeviceType(std::optional<std::string> deviceType, TimePoint now) {
     mSelf.deviceType = std::move(deviceType);
@@ -81,6 +95,15 @@ void NodeCore::OnSearchAnswer(const CoapMessage& message, const Endpoint& source
 void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_addr_t localHost,
                          ReplyPath path, TimePoint now) {
     const std::string uri = PathOf(message);
+    // By DTLS the sender has shown that it receives: the handshake needed its answer.
+    const bool secured = mSelf.secured && uri == RESOURCE_PATH;
+    if (!secured && !mPresence.MaySendTo(source.host, now)) {
+        mNetwork.Forget(path);
+        return;
+    }
+    if (!secured) {
+        mReplies.Begin(path, source.host);
+    }
     if (uri == RESOURCE_PATH) {
         mServer.OnRequest(message, source, localHost, path, now);
     } else if (uri == WELL_KNOWN_PATH && message.code == code::GET) {
@@ -89,7 +112,7 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
         if (message.code == code::POST) {
             mPresence.OnNotice(message, source, true, now);
         }
-        mNetwork.Forget(path);
+        mReplies.Forget(path);
     }
     PassEvents();
 }
@@ -99,9 +122,9 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
 void NodeCore::Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path) {
     const bool asked = IsAskedFor(request, mSelf.deviceType);
     if (asked || request.type == MessageType::Confirmable) {
-        mNetwork.Reply(path, MakeLinkAnswer(request, asked ? FormatLink(mSelf.DescribedAt(localHost)) : ""));
+        mReplies.Reply(path, MakeLinkAnswer(request, asked ? FormatLink(mSelf.DescribedAt(localHost)) : ""));
     }
-    mNetwork.Forget(path);
+    mReplies.Forget(path);
 }
 
 void NodeCore::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {

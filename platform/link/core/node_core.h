@@ -4,6 +4,7 @@
 // Network and Application. NextDeadline tells when Tick wants to be called again at the latest.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -54,12 +55,37 @@ private:
     void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path);
     void PassEvents();
 
+    // Passes everything on, and charges replies to the budget of the address that they go to.
+    class MeteredNetwork : public Network {
+    public:
+        MeteredNetwork(Network& network, Presence& presence) : mNetwork(network), mPresence(presence) {}
+        // To be called before any reply by that path.
+        void Begin(ReplyPath path, in_addr_t host) { mPaths[path] = host; }
+
+        void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) override {
+            mNetwork.Send(via, to, message);
+        }
+        void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override {
+            mNetwork.Transmit(conversation, to, message);
+        }
+        void Hang(ConversationId conversation) override { mNetwork.Hang(conversation); }
+        void OnPeerGone(const Endpoint& endpoint) override { mNetwork.OnPeerGone(endpoint); }
+        void Reply(ReplyPath path, const CoapMessage& message) override;
+        void Forget(ReplyPath path) override;
+
+    private:
+        Network& mNetwork;
+        Presence& mPresence;
+        std::map<ReplyPath, in_addr_t> mPaths;
+    };
+
     Application& mApplication;
     Network& mNetwork;
     Self mSelf;
     Labels mLabels;
     UnansweredPeers mUnanswered;
     Presence mPresence;
+    MeteredNetwork mReplies;
     Discovery mDiscovery;
     RequestClient mClient;
     RequestServer mServer;

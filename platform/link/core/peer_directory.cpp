@@ -8,71 +8,97 @@ namespace {
 
 // Bounds what a flood of invented nodes can cost.
 constexpr std::size_t MAX_PEERS = 4096;
-constexpr std::size_t MAX_WAYS = 16;
+constexpr std::size_t MAX_HOSTS = 16;
 constexpr std::size_t MAX_SUSPECTS = 512;
 // Among more nodes the work of asking would cost more answers than it saves time.
 constexpr std::size_t MOST_NEIGHBOURS = 64;
 constexpr std::size_t MAX_GRAVES = 1024;
 constexpr Milliseconds GRAVE_TIME{10000};
 
-bool WasHeardFrom(const Peer& peer, in_addr_t host) {
-    return std::any_of(peer.ways.begin(), peer.ways.end(),
-                       [host](const auto& way) { return way.first.host == host; });
-}
+bool WasHeardFrom(const Peer& peer, in_addr_t host) { return peer.hosts.count(host) != 0; }
 
 }  // namespace
 
-bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now, Source source) {
-    const bool believed = !mSecured || source == Source::PING;
+bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
     if (node.identity.id == mOwnId || IsBuried(node.identity, now)) {
         return false;
     }
-    auto known = mPeers.find(node.identity.id);
-    const bool restarted = known != mPeers.end() && known->second.node.identity != node.identity;
-    if (restarted && believed) {
-        Bury(known->second.node.identity, now);
-    }
-    if (restarted || (known != mPeers.end() && !Refresh(known->second, node, now))) {
-        // It has moved to another address or offers something else: for others, a new device.
-        if (!believed) {
-            Suspect(node.identity.id, now);
-            return false;
-        }
-        Remove(known);
-        known = mPeers.end();
-    }
+    const auto known = mPeers.find(node.identity.id);
     if (known != mPeers.end()) {
-        known->second.unicast = known->second.unicast || unicast;
+        OnWord(known->second, node, unicast, now);
         return false;
     }
-    if (mPeers.size() >= MAX_PEERS) {
+    const auto owner = mIds.find(node.endpoint);
+    if (owner != mIds.end()) {
+        // Two nodes cannot listen at one endpoint. The ping's answer tells which of them does.
+        Challenge(mPeers.at(owner->second), now);
         return false;
     }
-    if (!believed && HasOwner(node.endpoint)) {
-        SuspectAt(node.endpoint, now);
+    if (!MakeRoom()) {
         return false;
     }
-    RemoveFormerOwner(node.endpoint, node.identity.id);
-    Add(node, unicast, now);
+    AskIfUnicast(Add(node, unicast, now), now);
     return true;
 }
 
-// A node on several interfaces is heard under several addresses. It keeps the one under which it
-// was seen first for as long as that one is alive, so that all who ask here name it alike.
-bool PeerDirectory::Refresh(Peer& peer, const NodeDescription& node, TimePoint now) {
-    if (peer.ways.size() < MAX_WAYS || peer.ways.count(node.endpoint) != 0) {
-        peer.ways[node.endpoint] = now;
+// Each hello of ours goes to a node by unicast if its own come so. Its address may be forged: it is asked
+// first.
+void PeerDirectory::AskIfUnicast(Peer& peer, TimePoint now) {
+    if (peer.unicast && !peer.confirmed) {
+        Challenge(peer, now);
     }
-    const bool sameWay = node.endpoint == peer.node.endpoint;
-    const bool wayAlive = sameWay || now - peer.ways[peer.node.endpoint] < DOUBT_AFTER + GIVE_UP_AFTER;
-    if (!wayAlive || node.deviceType != peer.node.deviceType) {
+}
+
+// A node on several interfaces is heard under several addresses. It keeps the one under which it
+// was seen first for as long as that one is alive, so that all who ask here name it alike. Only what comes
+// from there keeps it alive: another host may send the same hello.
+void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast, TimePoint now) {
+    if (peer.hosts.size() < MAX_HOSTS) {
+        peer.hosts.insert(node.endpoint.host);
+    }
+    if (peer.node.identity != node.identity || peer.node.deviceType != node.deviceType) {
+        Challenge(peer, now);
+        return;
+    }
+    // After a goodbye, a hello may be one that was delayed on its way. Only an answer disproves the goodbye.
+    if (node.endpoint == peer.node.endpoint && !peer.saidGoodbye) {
+        peer.unicast = peer.unicast || unicast;
+        ++peer.words;
+        Clear(peer, now);
+        AskIfUnicast(peer, now);
+    }
+}
+
+bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint now) {
+    const auto known = mPeers.find(pinged);
+    if (known == mPeers.end()) {
         return false;
     }
-    peer.heard = now;
-    peer.doubtedSince.reset();
-    peer.saidGoodbye = false;
-    mDoubted.erase(node.identity.id);
-    mSuspects.erase(node.identity.id);
+    Peer& peer = known->second;
+    // The answer proves nothing about any other endpoint, whatever it says.
+    node.endpoint = peer.node.endpoint;
+    if (node.identity == peer.node.identity && node.deviceType == peer.node.deviceType) {
+        peer.goodbyeDisproved = peer.goodbyeDisproved || peer.saidGoodbye;
+        peer.saidGoodbye.reset();
+        Clear(peer, now);
+        Confirm(peer);
+        return false;
+    }
+    // The node was started again, offers something else or has gone: for others, a new device.
+    const bool unicast = peer.unicast;
+    if (node.identity.id == pinged && node.identity != peer.node.identity) {
+        Bury(peer.node.identity, now);
+    }
+    Remove(known);
+    const auto elsewhere = mPeers.find(node.identity.id);
+    if (elsewhere != mPeers.end()) {
+        Challenge(elsewhere->second, now);
+        return false;
+    }
+    if (node.identity.id == mOwnId || IsBuried(node.identity, now)) {
+        return false;
+    }
+    Confirm(Add(node, unicast, now));
     return true;
 }
 
@@ -81,16 +107,17 @@ void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePo
     if (known == mPeers.end() || known->second.node.identity != identity) {
         return;
     }
-    if (!WasHeardFrom(known->second, source)) {
+    Peer& peer = known->second;
+    if (!WasHeardFrom(peer, source) || peer.saidGoodbye) {
         return;
     }
-    if (mSecured) {
-        known->second.saidGoodbye = true;
-        Suspect(identity.id, now);
-    } else {
-        Bury(identity, now);
-        Remove(known);
+    if (peer.goodbyeDisproved) {
+        Challenge(peer, now);
+        return;
     }
+    peer.saidGoodbye = now;
+    Doubt(peer, now);
+    CheckAt(now);
 }
 
 void PeerDirectory::Refuse(std::uint64_t nodeId, TimePoint now) {
@@ -105,6 +132,14 @@ void PeerDirectory::Refuse(std::uint64_t nodeId, TimePoint now) {
     Remove(known);
 }
 
+// Anybody can claim something of a node, and everybody hears it and asks the node: not too often.
+void PeerDirectory::Challenge(Peer& peer, TimePoint now) {
+    if (now - peer.challenged >= ASK_AGAIN_AFTER) {
+        peer.challenged = now;
+        Suspect(peer.node.identity.id, now);
+    }
+}
+
 void PeerDirectory::Suspect(std::uint64_t nodeId, TimePoint now) {
     if (mPeers.count(nodeId) != 0 && mSuspects.size() < MAX_SUSPECTS) {
         mSuspects[nodeId] = now + SUSPICION;
@@ -113,34 +148,49 @@ void PeerDirectory::Suspect(std::uint64_t nodeId, TimePoint now) {
 }
 
 void PeerDirectory::SuspectAt(const Endpoint& endpoint, TimePoint now) {
-    for (const auto& [id, peer] : mPeers) {
-        if (peer.node.endpoint == endpoint) {
-            Suspect(id, now);
-        }
+    const auto owner = mIds.find(endpoint);
+    if (owner != mIds.end()) {
+        Suspect(owner->second, now);
+    }
+}
+
+void PeerDirectory::AskAt(in_addr_t host, TimePoint now) {
+    const auto oldest = mUnconfirmed.OldestOf(host);
+    if (!oldest) {
+        return;
+    }
+    Peer& peer = mPeers.at(oldest->second);
+    if (now - peer.challenged >= ASK_AGAIN_AFTER) {
+        peer.challenged = now;
+        Doubt(peer, now);
+        CheckAt(now);
     }
 }
 
 // Looks at every node only when the earliest can be due: with many nodes, most calls come from
 // their hellos.
 void PeerDirectory::Tick(TimePoint now) {
-    if (now < mNextCheck) {
+    if (now < NextDeadline()) {
         return;
     }
     mNextCheck = TimePoint::max();
+    mMayCheck = now + CHECK_MANY_EVERY;
     DoubtSuspects(now);
     Announce(now);
-    const Milliseconds doubtAfter = IsCrowd() ? DOUBT_IN_CROWD_AFTER : DOUBT_AFTER;
-    const Milliseconds giveUpAfter = IsCrowd() ? GIVE_UP_IN_CROWD_AFTER : GIVE_UP_AFTER;
+    const Patience patience = IsCrowd() ? Patience{DOUBT_IN_CROWD_AFTER, GIVE_UP_IN_CROWD_AFTER}
+                                        : Patience{DOUBT_AFTER, GIVE_UP_AFTER};
     for (auto at = mPeers.begin(); at != mPeers.end();) {
         Peer& peer = at->second;
-        if (!peer.doubtedSince && now - peer.heard >= doubtAfter) {
+        if (!peer.doubtedSince && now - peer.heard >= patience.doubtAfter) {
             Doubt(peer, now);
         }
-        // A suspect that merely does not answer gets as long as anybody.
-        const TimePoint silent = peer.heard + doubtAfter;
-        const TimePoint due = peer.doubtedSince ? std::max(*peer.doubtedSince, silent) + giveUpAfter : silent;
+        const TimePoint due =
+            peer.doubtedSince ? GivenUpAt(peer, patience) : peer.heard + patience.doubtAfter;
         if (due <= now) {
-            // The link may only have been cut: no grave, the same instance may come back.
+            if (peer.saidGoodbye) {
+                Bury(peer.node.identity, now);
+            }
+            // Else the link may only have been cut: no grave, the same instance may come back.
             at = Remove(at);
             continue;
         }
@@ -149,9 +199,50 @@ void PeerDirectory::Tick(TimePoint now) {
     }
 }
 
+TimePoint PeerDirectory::GivenUpAt(const Peer& peer, const Patience& patience) {
+    // A suspect that merely does not answer gets as long as anybody.
+    const TimePoint silent =
+        std::max(*peer.doubtedSince, peer.heard + patience.doubtAfter) + patience.giveUpAfter;
+    return peer.saidGoodbye ? std::min(silent, *peer.saidGoodbye + GIVE_UP_AFTER_GOODBYE) : silent;
+}
+
 void PeerDirectory::Doubt(Peer& peer, TimePoint now) {
-    peer.doubtedSince = now;
-    mDoubted.insert(peer.node.identity.id);
+    if (!peer.doubtedSince) {
+        peer.doubtedSince = now;
+        (peer.confirmed ? mDoubtedConfirmed : mDoubtedOthers).insert({peer.number, peer.node.identity.id});
+    }
+}
+
+void PeerDirectory::EndDoubt(Peer& peer) {
+    const Age age{peer.number, peer.node.identity.id};
+    peer.doubtedSince.reset();
+    mDoubtedConfirmed.erase(age);
+    mDoubtedOthers.erase(age);
+    mSuspects.erase(peer.node.identity.id);
+}
+
+// It has just shown at its endpoint that it is there.
+void PeerDirectory::Clear(Peer& peer, TimePoint now) {
+    peer.heard = now;
+    EndDoubt(peer);
+}
+
+void PeerDirectory::Confirm(Peer& peer) {
+    if (!peer.confirmed) {
+        peer.confirmed = true;
+        mUnconfirmed.Remove(peer.node.endpoint.host, {peer.number, peer.node.identity.id});
+        ++mConfirmedAt[peer.node.endpoint.host];
+    }
+}
+
+std::vector<std::uint64_t> PeerDirectory::Doubted(std::size_t most) const {
+    std::vector<std::uint64_t> ids;
+    for (const std::set<Age>* doubted : {&mDoubtedConfirmed, &mDoubtedOthers}) {
+        for (auto at = doubted->begin(); at != doubted->end() && ids.size() < most; ++at) {
+            ids.push_back(at->second);
+        }
+    }
+    return ids;
 }
 
 void PeerDirectory::DoubtSuspects(TimePoint now) {
@@ -241,13 +332,13 @@ void PeerDirectory::Bury(const NodeIdentity& identity, TimePoint now) {
     mGraves.push_back({identity, now + GRAVE_TIME});
 }
 
-void PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now) {
+Peer& PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now) {
     Peer peer;
     peer.node = node;
     peer.number = ++mLastNumber;
     peer.heard = now;
     peer.unicast = unicast;
-    peer.ways[node.endpoint] = now;
+    peer.hosts.insert(node.endpoint.host);
     CheckAt(now + DOUBT_AFTER);
     if (SuspectNeighbours(node, now)) {
         mHeldBack[node.identity.id] = now + HOLD_BACK;
@@ -255,7 +346,21 @@ void PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now
     } else {
         mEvents.push_back({true, peer.number, node});
     }
-    mPeers.emplace(node.identity.id, std::move(peer));
+    mIds[node.endpoint] = node.identity.id;
+    mUnconfirmed.Add(node.endpoint.host, {peer.number, node.identity.id});
+    return mPeers.emplace(node.identity.id, std::move(peer)).first->second;
+}
+
+// Confirmed nodes stay. Of the others, the address with the most nodes pays.
+bool PeerDirectory::MakeRoom() {
+    if (mPeers.size() < MAX_PEERS) {
+        return true;
+    }
+    const auto oldest = mUnconfirmed.OldestOfMostCrowded();
+    if (oldest) {
+        Remove(mPeers.find(oldest->second));
+    }
+    return oldest.has_value();
 }
 
 bool PeerDirectory::SuspectNeighbours(const NodeDescription& newcomer, TimePoint now) {
@@ -272,27 +377,21 @@ bool PeerDirectory::SuspectNeighbours(const NodeDescription& newcomer, TimePoint
     return any;
 }
 
-PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator peer) {
-    const bool announced = mHeldBack.erase(peer->first) == 0;
+PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator at) {
+    Peer& peer = at->second;
+    const bool announced = mHeldBack.erase(at->first) == 0;
     if (announced) {
-        mEvents.push_back({false, peer->second.number, peer->second.node});
+        mEvents.push_back({false, peer.number, peer.node});
     }
-    mDoubted.erase(peer->first);
-    mSuspects.erase(peer->first);
-    return mPeers.erase(peer);
-}
-
-bool PeerDirectory::HasOwner(const Endpoint& endpoint) const {
-    return std::any_of(mPeers.begin(), mPeers.end(),
-                       [&](const auto& peer) { return peer.second.node.endpoint == endpoint; });
-}
-
-// Two nodes cannot listen at one endpoint: the earlier one has gone without a word.
-void PeerDirectory::RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner) {
-    for (auto at = mPeers.begin(); at != mPeers.end();) {
-        const bool former = at->second.node.endpoint == endpoint && at->first != newOwner;
-        at = former ? Remove(at) : std::next(at);
+    EndDoubt(peer);
+    mIds.erase(peer.node.endpoint);
+    const in_addr_t host = peer.node.endpoint.host;
+    if (!peer.confirmed) {
+        mUnconfirmed.Remove(host, {peer.number, at->first});
+    } else if (--mConfirmedAt[host] == 0) {
+        mConfirmedAt.erase(host);
     }
+    return mPeers.erase(at);
 }
 
 }  // namespace lumora_link

@@ -1,7 +1,8 @@
 // The nodes that this one knows, and the decision which of them are still there.
 //
-// A node is known by its id. It is added at first sight and removed after a goodbye, when another
-// instance or another node appears in its place, or when it has been silent and a ping failed.
+// A node is known by its id. It is added at first sight and removed only when a ping failed: its port
+// refused, something else answered there, or no answer came. Hellos and goodbyes can be forged, so what
+// they say about a known node only makes it pinged. A node that has answered a ping is confirmed.
 //
 // A process that is killed and started again leaves a dead node behind, at the address where the new
 // one appears. So whoever appears makes its neighbours suspects, who are pinged at once, and is
@@ -17,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/link/core/sources.h"
 #include "platform/link/core/surroundings.h"
 #include "platform/link/wire/types.h"
 
@@ -25,12 +27,20 @@ namespace lumora_link {
 struct Peer {
     NodeDescription node;
     unsigned number = 0;
-    TimePoint heard;
+    TimePoint heard;  // at its endpoint
     // Its notices come by unicast; it must be told of us in the same way.
     bool unicast = false;
-    std::map<Endpoint, TimePoint> ways;  // every address under which it was heard
+    std::set<in_addr_t> hosts;  // every address under which it was heard
     std::optional<TimePoint> doubtedSince;
-    bool saidGoodbye = false;
+    std::optional<TimePoint> saidGoodbye;
+    // It answered after a goodbye, which was forged. The next one gets no shorter patience.
+    bool goodbyeDisproved = false;
+    bool confirmed = false;
+    unsigned words = 1;  // how often it was heard at its endpoint
+    TimePoint challenged{};
+
+    // Inventing a node takes one datagram. This one did more than that.
+    bool IsEstablished() const { return confirmed || words > 1; }
 };
 
 class PeerDirectory {
@@ -52,67 +62,95 @@ public:
     // Every node asks, so where there are many each asks fewer: the answers must not choke the host.
     static constexpr std::size_t ASKED_BY_ALL = 400;
     static constexpr Milliseconds ASK_AGAIN_AFTER{500};
+    // After its goodbye a node does not answer. Most hosts refuse at once; others drop the pings.
+    static constexpr Milliseconds GIVE_UP_AFTER_GOODBYE{500};
+    // With many nodes, looking at all of them for each one that is due would take the whole processor.
+    static constexpr std::size_t MANY = 256;
+    static constexpr Milliseconds CHECK_MANY_EVERY{10};
 
-    // Anybody can say hello, but only who holds the key answers a secured ping.
-    enum class Source { HELLO, PING };
+    explicit PeerDirectory(std::uint64_t ownId) : mOwnId(ownId) {}
 
-    // Where nodes are secured, what only a hello or goodbye says removes nobody: the node is pinged.
-    explicit PeerDirectory(std::uint64_t ownId, bool secured = false) : mOwnId(ownId), mSecured(secured) {}
-
-    // True where the node was not known before.
-    bool Hear(const NodeDescription& node, bool unicast, TimePoint now, Source source = Source::HELLO);
-    // Believed only when it comes from where the node was heard.
+    // What a hello or an answer to a probe says. True if the node was not known before.
+    bool Hear(const NodeDescription& node, bool unicast, TimePoint now);
+    // A node at the endpoint of the pinged one has answered the ping and described itself. True if that
+    // is a node that was not known before.
+    bool OnPong(std::uint64_t pinged, NodeDescription node, TimePoint now);
+    // Heeded only if it comes from where the node was heard.
     void Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now);
     // Nobody listens any more where the node was.
     void Refuse(std::uint64_t nodeId, TimePoint now);
     // Something tells that the node may be gone: to be pinged now, although it has not been silent.
     void Suspect(std::uint64_t nodeId, TimePoint now);
     void SuspectAt(const Endpoint& endpoint, TimePoint now);
+    // Pings a node at that address, to learn whether the address receives what is sent there.
+    void AskAt(in_addr_t host, TimePoint now);
     // Doubts silent nodes and suspects, and removes those that stayed silent.
     void Tick(TimePoint now);
     // At the latest; hearing from nodes only puts off what is due.
-    TimePoint NextDeadline() const { return mNextCheck; }
+    TimePoint NextDeadline() const { return IsMany() ? std::max(mNextCheck, mMayCheck) : mNextCheck; }
 
     const Peer* Find(std::uint64_t nodeId) const;
+    // Whether a search may count on it: its address is not flooding the table, or it was heard more than
+    // once.
+    bool IsCredible(const Peer& peer) const {
+        return peer.IsEstablished() || mUnconfirmed.CountOf(peer.node.endpoint.host) <= MANY;
+    }
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
     // What all of them need where each has so long to itself.
     Milliseconds ForAll(Milliseconds each) const {
         return each * static_cast<Milliseconds::rep>(mPeers.size());
     }
-    // The ids of those who should be pinged.
-    const std::set<std::uint64_t>& Doubted() const { return mDoubted; }
+    // The ids of those to be pinged: confirmed nodes first, then those that have been known longest.
+    std::vector<std::uint64_t> Doubted(std::size_t most) const;
+    // Whether a node at that address has answered a ping.
+    bool IsConfirmed(in_addr_t host) const { return mConfirmedAt.count(host) != 0; }
 
     // The additions and removals since the last call, in order.
     std::vector<DeviceEvent> TakeEvents();
 
 private:
     using Peers_t = std::map<std::uint64_t, Peer>;
+    struct Patience {
+        Milliseconds doubtAfter;
+        Milliseconds giveUpAfter;
+    };
+    using Age = std::pair<unsigned, std::uint64_t>;  // number, id: the smaller, the longer known
 
     bool IsBuried(const NodeIdentity& identity, TimePoint now);
     void Bury(const NodeIdentity& identity, TimePoint now);
-    void Add(const NodeDescription& node, bool unicast, TimePoint now);
+    Peer& Add(const NodeDescription& node, bool unicast, TimePoint now);
     Peers_t::iterator Remove(Peers_t::iterator peer);
-    bool HasOwner(const Endpoint& endpoint) const;
-    void RemoveFormerOwner(const Endpoint& endpoint, std::uint64_t newOwner);
-    bool Refresh(Peer& peer, const NodeDescription& node, TimePoint now);
+    bool MakeRoom();
+    void OnWord(Peer& peer, const NodeDescription& node, bool unicast, TimePoint now);
+    void AskIfUnicast(Peer& peer, TimePoint now);
+    void Clear(Peer& peer, TimePoint now);
+    void Confirm(Peer& peer);
+    void Challenge(Peer& peer, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
     bool IsCrowd() const { return mPeers.size() > CROWD; }
+    bool IsMany() const { return mPeers.size() > MANY; }
+    static TimePoint GivenUpAt(const Peer& peer, const Patience& patience);
     void Doubt(Peer& peer, TimePoint now);
+    void EndDoubt(Peer& peer);
     void DoubtSuspects(TimePoint now);
     Peer* LongestSilentSuspect();
     void Announce(TimePoint now);
     void CheckAt(TimePoint time) { mNextCheck = std::min(mNextCheck, time); }
 
     const std::uint64_t mOwnId;
-    const bool mSecured;
     Peers_t mPeers;
-    std::set<std::uint64_t> mDoubted;
+    std::map<Endpoint, std::uint64_t> mIds;
+    Sources<Age> mUnconfirmed;
+    std::map<in_addr_t, std::size_t> mConfirmedAt;  // how many confirmed nodes have that address
+    std::set<Age> mDoubtedConfirmed;
+    std::set<Age> mDoubtedOthers;
     std::map<std::uint64_t, TimePoint> mSuspects;  // until when they are
     std::map<std::uint64_t, TimePoint> mHeldBack;  // newcomers, and until when
     TimePoint mAskedSince{};
     std::size_t mAsked = 0;
     TimePoint mNextCheck = TimePoint::max();
+    TimePoint mMayCheck{};
     unsigned mLastNumber = 0;
     std::vector<DeviceEvent> mEvents;
     // Instances that ended for good: a hello that was delayed on its way must not revive them.

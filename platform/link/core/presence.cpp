@@ -11,6 +11,7 @@ namespace {
 constexpr Milliseconds NEWCOMER_JITTER{50};
 constexpr Milliseconds NEWCOMER_JITTER_PER_NODE{2};
 constexpr std::size_t MAX_TEXTS = 2048;
+constexpr std::size_t MAX_UNICAST_TARGETS = 256;
 
 }  // namespace
 
@@ -19,7 +20,7 @@ Presence::Presence(const Self& self, Labels& labels, Network& network, std::vect
       mLabels(labels),
       mNetwork(network),
       mConfigured(std::move(peers)),
-      mDirectory(self.identity.id, self.secured) {}
+      mDirectory(self.identity.id) {}
 
 // All who heard the newcomer do this at the same moment, and keep the distance that they get here: the more
 // they are, the longer the time that they share.
@@ -28,6 +29,15 @@ void Presence::HelloSoon(TimePoint now) {
         std::clamp(mDirectory.ForAll(NEWCOMER_JITTER_PER_NODE), NEWCOMER_JITTER, HELLO_INTERVAL);
     const TimePoint earliest = std::max(now, mLastHello + SHORTEST_INTERVAL);
     mNextHello = std::min(mNextHello, earliest + mLabels.Jitter(shared));
+    mHurried = true;
+}
+
+// All hear the newcomer and each other, so each says hello with a chance that leaves a few of them.
+void Presence::Greet(TimePoint now) {
+    const auto nodes = static_cast<Milliseconds::rep>(mDirectory.Peers().size());
+    if (mLabels.Jitter(Milliseconds(nodes)) < Milliseconds(GREETERS)) {
+        HelloSoon(now);
+    }
 }
 
 void Presence::OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now) {
@@ -45,12 +55,8 @@ void Presence::OnNotice(const CoapMessage& notice, const Endpoint& source, bool 
 
 // A node sends the same hello over and over from the same socket; it is taken apart once.
 const NodeDescription* Presence::Read(const std::string& link, const Endpoint& source) {
-    if (mTexts.size() >= MAX_TEXTS) {
-        mTexts.clear();
-    }
-    const auto [at, isNew] = mTexts.try_emplace(source);
-    Text& text = at->second;
-    if (isNew || text.link != link) {
+    Text& text = TextFrom(source);
+    if (text.link != link) {
         text.link = link;
         text.node = ParseLink(link);
         if (text.node) {
@@ -61,48 +67,67 @@ const NodeDescription* Presence::Read(const std::string& link, const Endpoint& s
     return text.node ? &*text.node : nullptr;
 }
 
+Presence::Text& Presence::TextFrom(const Endpoint& source) {
+    const auto known = mTexts.find(source);
+    if (known != mTexts.end()) {
+        return known->second;
+    }
+    if (mTexts.size() >= MAX_TEXTS) {
+        const TextAge oldest = *mTextSources.OldestOfMostCrowded();
+        mTextSources.Remove(oldest.second.host, oldest);
+        mTexts.erase(oldest.second);
+    }
+    mTextSources.Add(source.host, {++mLastText, source});
+    return mTexts[source];
+}
+
 void Presence::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
     if (node.secured == mSelf.secured && mDirectory.Hear(node, unicast, now)) {
-        HelloSoon(now);
+        Greet(now);
     }
 }
 
 bool Presence::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
-    const auto ping = PingOf(conversation);
-    if (ping == mPings.end()) {
+    const auto pinged = mPinged.find(conversation);
+    if (pinged == mPinged.end()) {
         return false;
     }
-    const Peer* peer = mDirectory.Find(ping->first);
-    auto node = ParseLink(answer.payload);
-    if (peer != nullptr && node && answer.token == ping->second.token && node->secured == mSelf.secured) {
-        node->endpoint.host = peer->node.endpoint.host;
-        if (mDirectory.Hear(*node, peer->unicast, now, PeerDirectory::Source::PING)) {
-            HelloSoon(now);
-        }
+    const auto node = ParseLink(answer.payload);
+    const bool valid = PingedBy(conversation) != nullptr && node && node->secured == mSelf.secured &&
+                       answer.token == mPings.at(pinged->second).token;
+    if (valid && mDirectory.OnPong(pinged->second, *node, now)) {
+        Greet(now);
     }
     return true;
 }
 
 bool Presence::OnRefused(ConversationId conversation, TimePoint now) {
-    const auto ping = PingOf(conversation);
-    if (ping == mPings.end()) {
+    const auto pinged = mPinged.find(conversation);
+    if (pinged == mPinged.end()) {
         return false;
     }
-    mDirectory.Refuse(ping->first, now);
+    if (PingedBy(conversation) != nullptr) {
+        mDirectory.Refuse(pinged->second, now);
+    }
     return true;
 }
 
-Presence::Pings::const_iterator Presence::PingOf(ConversationId conversation) const {
-    return std::find_if(mPings.begin(), mPings.end(), [conversation](const auto& ping) {
-        return ping.second.conversation == conversation;
-    });
+// None if the node has moved since: what is heard from its former endpoint says nothing about it.
+const Peer* Presence::PingedBy(ConversationId conversation) const {
+    const auto pinged = mPinged.find(conversation);
+    const Peer* peer = pinged == mPinged.end() ? nullptr : mDirectory.Find(pinged->second);
+    return peer != nullptr && peer->node.endpoint == mPings.at(pinged->second).to ? peer : nullptr;
 }
 
 void Presence::Tick(TimePoint now) {
     if (now >= mNextHello) {
         Tell(HELLO_PATH);
+        // Many nodes say hello together at their start and to a newcomer, but not the next time.
+        const Milliseconds range = mHurried ? HELLO_INTERVAL - SHORTEST_INTERVAL : Milliseconds(0);
+        const Milliseconds earlier = mLabels.Jitter(range);
+        mHurried = false;
         mLastHello = now;
-        mNextHello = now + HELLO_INTERVAL;
+        mNextHello = now + HELLO_INTERVAL - earlier;
     }
     mDirectory.Tick(now);
     PingDoubted(now);
@@ -117,7 +142,7 @@ TimePoint Presence::NextDeadline() const {
 }
 
 void Presence::SayGoodbye() {
-    // Twice, because nobody repeats it later.
+    // Twice, because it is never repeated later.
     Tell(GOODBYE_PATH);
     Tell(GOODBYE_PATH);
 }
@@ -125,15 +150,23 @@ void Presence::SayGoodbye() {
 std::vector<Endpoint> Presence::UnicastTargets() const {
     std::vector<Endpoint> targets = mConfigured;
     for (const auto& [id, peer] : mDirectory.Peers()) {
+        if (!peer.unicast || !peer.confirmed || targets.size() >= MAX_UNICAST_TARGETS) {
+            continue;
+        }
         const bool listed = std::find(targets.begin(), targets.end(), peer.node.endpoint) != targets.end();
-        if (peer.unicast && !listed) {
+        if (!listed) {
             targets.push_back(peer.node.endpoint);
         }
     }
     return targets;
 }
 
+// A node without a resource only looks. Others that do not know it cannot take its end for the end of another
+// application on its host.
 void Presence::Tell(const char* path) {
+    if (!mSelf.deviceType) {
+        return;
+    }
     const std::vector<Endpoint> targets = UnicastTargets();
     for (const LocalInterface& local : mSelf.interfaces) {
         CoapMessage notice = MakeNotice(path, FormatLink(mSelf.DescribedAt(local.host)));
@@ -148,32 +181,64 @@ void Presence::Tell(const char* path) {
 }
 
 void Presence::PingDoubted(TimePoint now) {
-    for (auto at = mPings.begin(); at != mPings.end();) {
-        const Peer* peer = mDirectory.Find(at->first);
-        const bool settled = peer == nullptr || !peer->doubtedSince;
-        if (settled) {
-            mNetwork.Hang(at->second.conversation);
-        }
-        at = settled ? mPings.erase(at) : std::next(at);
-    }
-    for (const std::uint64_t nodeId : mDirectory.Doubted()) {
+    const std::vector<std::uint64_t> doubted = mDirectory.Doubted(MAX_PINGS);
+    EndOtherPings(doubted);
+    for (const std::uint64_t nodeId : doubted) {
         const auto [at, isNew] = mPings.try_emplace(nodeId);
         Ping& ping = at->second;
         if (isNew) {
-            ping = {mLabels.NextConversation(), mLabels.NextToken(), now};
+            ping = {mLabels.NextConversation(), mLabels.NextToken(), mDirectory.Find(nodeId)->node.endpoint,
+                    now};
+            mPinged[ping.conversation] = nodeId;
         }
         if (now >= ping.next) {
-            Send(ping, mDirectory.Find(nodeId)->node.endpoint, now);
+            Send(ping, *mDirectory.Find(nodeId), now);
         }
     }
 }
 
-void Presence::Send(Ping& ping, const Endpoint& to, TimePoint now) {
+void Presence::EndOtherPings(const std::vector<std::uint64_t>& doubted) {
+    for (auto at = mPings.begin(); at != mPings.end();) {
+        const bool goesOn = std::find(doubted.begin(), doubted.end(), at->first) != doubted.end() &&
+                            PingedBy(at->second.conversation) != nullptr;
+        if (!goesOn) {
+            mNetwork.Hang(at->second.conversation);
+            mPinged.erase(at->second.conversation);
+        }
+        at = goesOn ? std::next(at) : mPings.erase(at);
+    }
+}
+
+bool Presence::IsTrusted(in_addr_t host) const { return mSelf.IsOwn(host) || mDirectory.IsConfirmed(host); }
+
+bool Presence::MaySendTo(in_addr_t host, TimePoint now) {
+    if (IsTrusted(host)) {
+        return true;
+    }
+    if (mBudget.RunsShort(host, now)) {
+        // A client that asks much is asked in turn. Its answer lifts the limit before it is reached.
+        mDirectory.AskAt(host, now);
+    }
+    return mBudget.Permits(host, now);
+}
+
+void Presence::OnSentTo(in_addr_t host, const CoapMessage& message) {
+    if (!IsTrusted(host)) {
+        mBudget.Charge(host, SerializeMessage(message).size());
+    }
+}
+
+void Presence::Send(Ping& ping, const Peer& peer, TimePoint now) {
+    const bool heardOnce = !peer.IsEstablished() && !peer.saidGoodbye;
+    ping.next = now + (heardOnce ? PING_INTERVAL_HEARD_ONCE : PING_INTERVAL);
+    if (!MaySendTo(peer.node.endpoint.host, now)) {
+        return;
+    }
     CoapMessage message = MakePing();
     message.token = ping.token;
     message.messageId = mLabels.NextMessageId();
-    mNetwork.Transmit(ping.conversation, to, message);
-    ping.next = now + PING_INTERVAL;
+    mNetwork.Transmit(ping.conversation, peer.node.endpoint, message);
+    OnSentTo(peer.node.endpoint.host, message);
 }
 
 }  // namespace lumora_link

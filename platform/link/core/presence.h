@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/link/core/answer_budget.h"
 #include "platform/link/core/peer_directory.h"
 #include "platform/link/core/self.h"
 #include "platform/link/core/surroundings.h"
@@ -19,6 +20,12 @@ public:
     // A newcomer makes the others speak at once, but never more often than this.
     static constexpr Milliseconds SHORTEST_INTERVAL{250};
     static constexpr Milliseconds PING_INTERVAL{100};
+    // A node that was heard once only may be invented, and its address another host's.
+    static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{500};
+    // Each open ping may take a descriptor.
+    static constexpr std::size_t MAX_PINGS = 64;
+    // A newcomer is greeted by about so many. All of them would answer one datagram with hundreds.
+    static constexpr std::size_t GREETERS = 8;
 
     // The peers are asked and told by unicast, where multicast does not get through.
     Presence(const Self& self, Labels& labels, Network& network, std::vector<Endpoint> peers);
@@ -37,6 +44,10 @@ public:
 
     PeerDirectory& Directory() { return mDirectory; }
     const PeerDirectory& Directory() const { return mDirectory; }
+    // Whether more may be sent to that address now. Addresses that have shown that they receive are not
+    // limited.
+    bool MaySendTo(in_addr_t host, TimePoint now);
+    void OnSentTo(in_addr_t host, const CoapMessage& message);
     // Where unicast copies of what goes to the group must be sent besides.
     std::vector<Endpoint> UnicastTargets() const;
 
@@ -44,6 +55,7 @@ private:
     struct Ping {
         ConversationId conversation = 0;
         std::string token;
+        Endpoint to;
         TimePoint next;
     };
     using Pings = std::map<std::uint64_t, Ping>;  // by the id of the node in doubt
@@ -51,13 +63,19 @@ private:
     struct Text {
         std::string link;
         std::optional<NodeDescription> node;
+        std::uint64_t number = 0;
     };
+    using TextAge = std::pair<std::uint64_t, Endpoint>;
 
     const NodeDescription* Read(const std::string& link, const Endpoint& source);
     void Tell(const char* path);
+    void Greet(TimePoint now);
+    Text& TextFrom(const Endpoint& source);
     void PingDoubted(TimePoint now);
-    void Send(Ping& ping, const Endpoint& to, TimePoint now);
-    Pings::const_iterator PingOf(ConversationId conversation) const;
+    void EndOtherPings(const std::vector<std::uint64_t>& doubted);
+    bool IsTrusted(in_addr_t host) const;
+    const Peer* PingedBy(ConversationId conversation) const;
+    void Send(Ping& ping, const Peer& peer, TimePoint now);
 
     const Self& mSelf;
     Labels& mLabels;
@@ -65,9 +83,14 @@ private:
     const std::vector<Endpoint> mConfigured;
     PeerDirectory mDirectory;
     Pings mPings;
-    std::map<Endpoint, Text> mTexts;  // the latest from each socket
+    std::map<ConversationId, std::uint64_t> mPinged;  // the ids of the nodes
+    std::map<Endpoint, Text> mTexts;                  // the latest from each socket
+    Sources<TextAge> mTextSources;
+    std::uint64_t mLastText = 0;
     TimePoint mLastHello{};
     TimePoint mNextHello{};
+    bool mHurried = false;
+    AnswerBudget mBudget;
 };
 
 }  // namespace lumora_link

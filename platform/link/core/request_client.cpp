@@ -178,6 +178,11 @@ CoapMessage RequestClient::Compose(const Exchange& exchange) {
         const Block block{static_cast<std::uint32_t>(exchange.block), more, BLOCK_EXPONENT};
         message.Add(option::BLOCK1, EncodeBlock(block));
     }
+    if (!mSelf.deviceType && exchange.blocks.size() <= 1) {
+        // A node that only looks asks as a foreign client does: no other node knows its id.
+        message.payload = exchange.blocks.empty() ? std::string() : exchange.blocks.front();
+        return message;
+    }
     Requester requester;
     requester.identity = mSelf.identity;
     requester.port = mSelf.port;

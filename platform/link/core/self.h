@@ -25,6 +25,13 @@ struct Self {
         return {identity, {host, port}, deviceType, secured};
     }
 
+    // Other hosts cannot send in the name of these.
+    bool IsOwn(in_addr_t host) const {
+        return LocalInterface::IsLoopback(host) ||
+               std::any_of(interfaces.begin(), interfaces.end(),
+                           [host](const LocalInterface& local) { return local.host == host; });
+    }
+
     const LocalInterface* InterfaceOf(unsigned index) const {
         for (const LocalInterface& local : interfaces) {
             if (local.index == index) {

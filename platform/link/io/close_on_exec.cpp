@@ -1,11 +1,14 @@
 #include "platform/link/io/close_on_exec.h"
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "platform/link/io/unique_fd.h"
 
@@ -45,6 +48,14 @@ bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
     const bool known = getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
     return known && Endpoint{peer.sin_addr.s_addr, ntohs(peer.sin_port)} == to &&
            fcntl(socket, F_SETFD, FD_CLOEXEC) == 0;
+}
+
+bool DescriptorsAreLeft(std::size_t count) {
+    std::vector<UniqueFd> taken(count);
+    return std::all_of(taken.begin(), taken.end(), [](UniqueFd& fd) {
+        fd = UniqueFd(eventfd(0, EFD_CLOEXEC));
+        return static_cast<bool>(fd);
+    });
 }
 
 }  // namespace lumora_link

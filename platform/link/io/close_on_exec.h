@@ -15,4 +15,7 @@ void CloseOnExec(int epoll);
 int NextDescriptor(int any);
 bool CloseOnExecIfConnected(int socket, const Endpoint& to);
 
+// Whether so many more can be had. If not, errno tells why.
+bool DescriptorsAreLeft(std::size_t count);
+
 }  // namespace lumora_link

@@ -295,6 +295,9 @@ bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
     const int descriptor = NextDescriptor(Descriptor());
     made->session = NewSession(to);
     if (made->session == nullptr) {
+        if (!DescriptorsAreLeft(1)) {
+            LINK_LOG_LIMITED(LEVEL_ERROR, "no descriptors left to ask a node\n");
+        }
         return false;
     }
     if (!CloseOnExecIfConnected(descriptor, mPsk ? SecuredPortOf(to) : to)) {
@@ -324,7 +327,7 @@ bool CoapPort::Send(ChannelId channel, const CoapMessage& message) {
 // an acknowledgement of any copy takes the one out of libcoap's queue that is due first, and that is this
 // one.
 bool CoapPort::Watch(Channel& channel, const CoapMessage& message) const {
-    const bool request = !mPsk && message.Find(option::REQUESTER) != nullptr;
+    const bool request = !mPsk && PathOf(message) == RESOURCE_PATH;
     if (!request || channel.watched == message.messageId) {
         return false;
     }

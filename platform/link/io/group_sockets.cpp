@@ -112,7 +112,7 @@ bool GroupSockets::Open() {
     return true;
 }
 
-void GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
+bool GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
     std::map<unsigned, LocalInterface> wanted;
     for (const LocalInterface& local : interfaces) {
         wanted[local.index] = local;
@@ -132,6 +132,7 @@ void GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
             Join(local);
         }
     }
+    return mMembers.size() == wanted.size();
 }
 
 void GroupSockets::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {

@@ -31,7 +31,8 @@ public:
 
     bool Open();
     // Joins and leaves the group so that these are the interfaces that take part.
-    void Use(const std::vector<LocalInterface>& interfaces);
+    // False if one of them could not be used.
+    bool Use(const std::vector<LocalInterface>& interfaces);
     void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message);
 
 private:

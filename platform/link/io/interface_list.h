@@ -12,6 +12,8 @@ namespace lumora_link {
 struct SystemInterface {
     LocalInterface local;
     bool up = false;
+    in_addr_t mask = INADDR_NONE;  // of the network that the address belongs to
+    in_addr_t otherEnd = 0;        // of a point-to-point link
 };
 
 // Every IPv4 address of every interface of this host.
@@ -20,5 +22,27 @@ std::vector<SystemInterface> ListSystemInterfaces();
 // Those that are up, one address each, ordered by index; of the named ones only, where names are given.
 std::vector<LocalInterface> SelectInterfaces(const std::vector<SystemInterface>& all,
                                              const std::vector<std::string>& names);
+
+// Who may talk to this node: hosts on the networks of the interfaces that it uses, and this host itself.
+// Hosts behind a router may not, unless they are configured as peers.
+class LinkScope {
+public:
+    LinkScope() = default;
+    LinkScope(const std::vector<SystemInterface>& all, const std::vector<LocalInterface>& used,
+              const std::vector<Endpoint>& peers);
+
+    bool Contains(in_addr_t host) const;
+
+private:
+    struct Subnet {
+        in_addr_t host;
+        in_addr_t mask;
+    };
+    std::vector<Subnet> mSubnets;
+};
+
+// Whether an IPv4 address other than a loopback address is among them. Without one, other hosts cannot find
+// us.
+bool ReachesOthers(const std::vector<LocalInterface>& used);
 
 }  // namespace lumora_link

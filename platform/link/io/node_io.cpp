@@ -6,14 +6,22 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <future>
 
+#include "platform/link/io/close_on_exec.h"
 #include "platform/link/io/contain.h"
-#include "platform/link/io/interface_list.h"
 #include "platform/link/io/log.h"
 #include "platform/link/io/worker.h"
 
 namespace lumora_link {
+
+namespace {
+
+constexpr Milliseconds TRY_AGAIN_AFTER{1000};
+
+}  // namespace
 
 NodeIo::NodeIo(Config config, NodeIdentity identity, std::optional<std::string> deviceType,
                Application& application)
@@ -93,6 +101,16 @@ bool NodeIo::OpenPorts() {
     return true;
 }
 
+// libcoap's socket for requests, with a key a second one, and the socket for what goes to the group.
+std::size_t NodeIo::DescriptorsOfAnInterface() const { return mConfig.pskFile ? 3 : 2; }
+
+// Besides those of the interfaces: one or two reserved ports, the loop's three, libcoap's two, the group, the
+// routing socket, and one to ask another node.
+std::size_t NodeIo::DescriptorsOfANode() const {
+    const auto used = SelectInterfaces(ListSystemInterfaces(), mConfig.interfaces);
+    return (mConfig.pskFile ? 10U : 9U) + used.size() * DescriptorsOfAnInterface();
+}
+
 bool NodeIo::Open() {
     if (mConfig.pskFile) {
         if (!CoapPort::CanSecure()) {
@@ -104,6 +122,13 @@ bool NodeIo::Open() {
             return false;
         }
     }
+    // First of all: libcoap loses descriptors where it gets too few, and what fails later names another
+    // cause.
+    if (!DescriptorsAreLeft(DescriptorsOfANode())) {
+        LINK_LOG(LEVEL_ERROR, "a node needs %zu descriptors: %s\n", DescriptorsOfANode(),
+                 std::strerror(errno));
+        return false;
+    }
     if (!OpenPorts()) {
         return false;
     }
@@ -113,7 +138,11 @@ bool NodeIo::Open() {
     }
     mCoap = std::make_unique<CoapPort>(CoapPort::Listener{
         [this](const CoapMessage& message, const Endpoint& source, in_addr_t local, ReplyPath path) {
-            mCore.OnRequest(message, source, local, path, Clock::now());
+            if (IsHeeded(source)) {
+                mCore.OnRequest(message, source, local, path, Clock::now());
+            } else {
+                mCoap->Forget(path);
+            }
         },
         [this](ConversationId conversation, const CoapMessage& answer) {
             mCore.OnAnswer(conversation, answer, Clock::now());
@@ -126,10 +155,14 @@ bool NodeIo::Open() {
     mGroup = std::make_unique<GroupSockets>(
         mLoop, GroupSockets::Listener{
                    [this](const CoapMessage& message, const Endpoint& source, unsigned interface) {
-                       mCore.OnGroupMessage(message, source, interface, Clock::now());
+                       if (IsHeeded(source)) {
+                           mCore.OnGroupMessage(message, source, interface, Clock::now());
+                       }
                    },
                    [this](const CoapMessage& message, const Endpoint& source) {
-                       mCore.OnSearchAnswer(message, source, Clock::now());
+                       if (IsHeeded(source)) {
+                           mCore.OnSearchAnswer(message, source, Clock::now());
+                       }
                    }});
     if (!mCoap->Open(mPsk) || !mGroup->Open()) {
         LINK_LOG(LEVEL_ERROR, "the sockets of a node cannot be opened\n");
@@ -155,7 +188,10 @@ void NodeIo::Turn() {
         mCore.Tick(now);
         mCoap->Settle();
     }
-    mLoop.WakeAt(std::min(mCore.NextDeadline(now), mCoap->NextDeadline()));
+    if (now >= mTryAgain) {
+        FollowInterfaces();
+    }
+    mLoop.WakeAt(std::min({mCore.NextDeadline(now), mCoap->NextDeadline(), mTryAgain}));
     mLoop.RunOnce();
 }
 
@@ -178,15 +214,41 @@ void NodeIo::OpenRouteSocket() {
     });
 }
 
-void NodeIo::FollowInterfaces() {
-    std::vector<LocalInterface> used = SelectInterfaces(ListSystemInterfaces(), mConfig.interfaces);
+// Reports whether all of them can be used. Where descriptors are short, a later attempt follows.
+bool NodeIo::FollowInterfaces() {
+    const std::vector<SystemInterface> all = ListSystemInterfaces();
+    std::vector<LocalInterface> used = SelectInterfaces(all, mConfig.interfaces);
+    mScope = LinkScope(all, used, mConfig.peers);
     WarnOfMissing(used);
+    WarnIfUnreachable(used);
+    const std::size_t wanted = used.size();
     const auto refused = [this](const LocalInterface& local) {
         return !mCoap->Listen({local.host, mPort.port});
     };
     used.erase(std::remove_if(used.begin(), used.end(), refused), used.end());
-    mGroup->Use(used);
+    const bool complete = mGroup->Use(used) && used.size() == wanted;
+    mTryAgain = complete || DescriptorsAreLeft(DescriptorsOfAnInterface()) ? TimePoint::max()
+                                                                           : Clock::now() + TRY_AGAIN_AFTER;
     mCore.SetInterfaces(std::move(used), mPort.port, Clock::now());
+    return complete;
+}
+
+// One look at this tells why a device that started is never found.
+void NodeIo::WarnIfUnreachable(const std::vector<LocalInterface>& used) {
+    const bool unreachable = mConfig.interfaces.empty() && !ReachesOthers(used);
+    if (unreachable && !mWarnedOfAddress) {
+        LINK_LOG(LEVEL_WARNING, "no interface has an IPv4 address, so other hosts cannot find this node\n");
+    }
+    mWarnedOfAddress = unreachable;
+}
+
+bool NodeIo::IsHeeded(const Endpoint& source) const {
+    const bool heeded = mScope.Contains(source.host);
+    if (!heeded) {
+        LINK_LOG_LIMITED(LEVEL_WARNING, "%s is on no local network and not in LUMORA_LINK_PEERS, ignored\n",
+                         HostText(source.host).c_str());
+    }
+    return heeded;
 }
 
 void NodeIo::WarnOfMissing(const std::vector<LocalInterface>& used) const {

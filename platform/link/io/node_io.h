@@ -14,6 +14,7 @@
 #include "platform/link/io/config.h"
 #include "platform/link/io/event_loop.h"
 #include "platform/link/io/group_sockets.h"
+#include "platform/link/io/interface_list.h"
 #include "platform/link/io/port_guard.h"
 #include "platform/link/io/psk.h"
 #include "platform/link/io/system_random.h"
@@ -39,10 +40,14 @@ public:
 
 private:
     bool Open();
+    std::size_t DescriptorsOfAnInterface() const;
+    std::size_t DescriptorsOfANode() const;
     bool OpenPorts();
     void Run();
     void Turn();
-    void FollowInterfaces();
+    bool FollowInterfaces();
+    bool IsHeeded(const Endpoint& source) const;
+    void WarnIfUnreachable(const std::vector<LocalInterface>& used);
     void OpenRouteSocket();
     void WarnOfMissing(const std::vector<LocalInterface>& used) const;
 
@@ -61,6 +66,9 @@ private:
     PortGuard mPort;
     PortGuard mSecuredPort;
     UniqueFd mRoutes;
+    LinkScope mScope;
+    TimePoint mTryAgain = TimePoint::max();
+    bool mWarnedOfAddress = false;
     std::unique_ptr<GroupSockets> mGroup;
     std::unique_ptr<CoapPort> mCoap;
     std::atomic<bool> mRunning{true};

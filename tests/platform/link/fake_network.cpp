@@ -52,11 +52,18 @@ void FakeNode::Say(const Endpoint& to, const CoapMessage& message, std::optional
     });
 }
 
+void FakeNode::OnDatagram(const CoapMessage& message, const Endpoint& source) {
+    const ReplyPath path = ++mLastPath;
+    mWays[path] = {};
+    mCore.OnRequest(message, source, mInterfaces.front().host, path, mNetwork.Now());
+}
+
 void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) {
     const Endpoint source{via.host, SOCKET_PORT};
     if (to != MulticastGroup()) {
         FakeNode* listener = mNetwork.ListenerAt(to);
         if (listener == nullptr) {
+            mBytesToStrangers += SerializeMessage(message).size();
             return;
         }
         if (to.port == SOCKET_PORT) {
@@ -88,9 +95,13 @@ void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMes
 
 void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
     Watch(conversation, message);
+    mOpen.insert(conversation);
     FakeNode* listener = mNetwork.ListenerAt(to);
     const Endpoint source{mInterfaces.front().host,
                           static_cast<std::uint16_t>(CONVERSATION_PORT + conversation % 10000)};
+    if (listener == nullptr) {
+        mBytesToStrangers += SerializeMessage(message).size();
+    }
     if (listener == nullptr || !listener->mReachable || !mReachable) {
         return;
     }
@@ -102,7 +113,7 @@ void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const C
         });
         return;
     }
-    if (mNetwork.ignoring && mNetwork.ignoring(*listener) && message.Find(option::REQUESTER) != nullptr) {
+    if (mNetwork.ignoring && mNetwork.ignoring(*listener) && PathOf(message) == RESOURCE_PATH) {
         return;
     }
     mNetwork.Carry(*this, *listener, message, [this, listener, message, source, to, conversation] {
@@ -121,7 +132,7 @@ CoapMessage FakeNode::Rewritten(CoapMessage message) const {
 
 // As libcoap does: tells once that no copy was acknowledged.
 void FakeNode::Watch(ConversationId conversation, const CoapMessage& message) {
-    const bool request = message.Find(option::REQUESTER) != nullptr;
+    const bool request = PathOf(message) == RESOURCE_PATH;
     const auto [watched, isNew] = mWatched.try_emplace(conversation);
     if (!request || (!isNew && watched->second.first == message.messageId)) {
         return;
@@ -135,10 +146,17 @@ void FakeNode::Watch(ConversationId conversation, const CoapMessage& message) {
     });
 }
 
-void FakeNode::Hang(ConversationId conversation) { mHung.insert(conversation); }
+void FakeNode::Hang(ConversationId conversation) {
+    mHung.insert(conversation);
+    mOpen.erase(conversation);
+}
 
 void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {
     const Way way = mWays.at(path);
+    if (way.asker == nullptr) {
+        mBytesToStrangers += SerializeMessage(message).size();
+        return;
+    }
     const auto deliver = [this, way, message] {
         if (way.conversation && way.asker->mWatched[*way.conversation].first == message.messageId) {
             way.asker->mWatched[*way.conversation].second = true;

@@ -40,6 +40,10 @@ public:
     void Exit();
     // A datagram of the test's own, from any sender that it names; without an answer.
     void Say(const Endpoint& to, const CoapMessage& message, std::optional<Endpoint> sender = std::nullopt);
+    // A datagram from an address at which no node of this network is.
+    void OnDatagram(const CoapMessage& message, const Endpoint& source);
+    // What went to such addresses.
+    std::size_t BytesToStrangers() const { return mBytesToStrangers; }
 
     // How a handler answers and how long it takes; at once with the value itself by default.
     std::function<Outcome(const HandlerCall&)> handler;
@@ -50,6 +54,8 @@ public:
     NodeCore& Core() { return mCore; }
     NodeIdentity Identity() const { return mIdentity; }
     unsigned Datagrams() const { return mDatagrams; }
+    // Each takes a socket on a real host.
+    std::size_t OpenConversations() const { return mOpen.size(); }
 
 private:
     friend class FakeNetwork;
@@ -92,8 +98,10 @@ private:
     std::set<ConversationId> mHung;
     // Of each conversation: its latest request, and whether anything came back for it.
     std::map<ConversationId, std::pair<std::uint16_t, bool>> mWatched;
+    std::set<ConversationId> mOpen;
     std::uint64_t mLastTicket = 0;
     unsigned mDatagrams = 0;
+    std::size_t mBytesToStrangers = 0;
     bool mAlive = true;
     bool mReachable = true;
     NodeCore mCore;

@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -567,6 +568,27 @@ TEST(LinkHandleTest, StaticPeersAreFoundToo) {
     ASSERT_TRUE(asker.Start());
     unsetenv("LUMORA_LINK_PEERS");
     EXPECT_THAT(Found(asker, "camera").Endpoints(), ElementsAre("127.0.0.1:6101"));
+}
+
+// A node that says that it runs must be found, however few descriptors the process may have.
+TEST(LinkHandleTest, WithFewDescriptorsANodeDoesNotStartOrCanBeFound) {
+    TestNode asker("reader");
+    ASSERT_TRUE(asker.Start());
+    rlimit usual = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    int started = 0;
+    int refused = 0;
+    for (rlim_t most = OpenDescriptors() + 1; most < 200 && started < 2; ++most) {
+        TestNode device("camera");
+        const rlimit few{most, usual.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        const bool runs = device.Start();
+        setrlimit(RLIMIT_NOFILE, &usual);
+        ++(runs ? started : refused);
+        ASSERT_EQ(Found(asker, "camera").Size(), runs ? 1U : 0U) << most << " descriptors";
+    }
+    EXPECT_EQ(started, 2);
+    EXPECT_GT(refused, 3);
 }
 
 TEST(LinkHandleTest, AHostWithoutThatInterfaceStartsAndWaits) {

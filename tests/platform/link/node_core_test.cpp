@@ -8,6 +8,7 @@
 #include <set>
 
 #include "fake_network.h"
+#include "platform/link/wire/link_format.h"
 
 namespace lumora_link::test {
 
@@ -15,6 +16,7 @@ namespace {
 
 using std::chrono::hours;
 using std::chrono::seconds;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -52,6 +54,11 @@ struct NodeCoreTest : testing::Test {
         EXPECT_TRUE(network.RunUntil([&] { return node.Seen().outcomes.count(ticket) != 0; }, seconds(70)));
         requestTime = std::chrono::duration_cast<Milliseconds>(network.Now() - start);
         return node.Seen().outcomes.at(ticket);
+    }
+
+    // What a stranger sends to that node alone, with that sender.
+    void Tell(FakeNode& node, const char* path, const NodeDescription& claimed, const Endpoint& sender) {
+        node.Core().OnGroupMessage(MakeNotice(path, FormatLink(claimed)), sender, 2, network.Now());
     }
 
     FakeNetwork network;
@@ -217,7 +224,7 @@ TEST_F(NodeCoreTest, NeighboursThatAreAliveAreAskedOnceAndStay) {
         const LocalInterface local{2, "eth0", htonl(0x0a000063)};
         nodes.push_back(&network.AddAt({100U + number, 1}, {local}, number, "camera"));
     }
-    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& watcher = network.Add("reader");
     network.Run(seconds(3));
     EXPECT_THAT(watcher.Seen().events, SizeIs(8));
 
@@ -272,6 +279,220 @@ TEST_F(NodeCoreTest, SecuredNodesAreNoticedAndRemovedLikeOthers) {
     after.Exit();
     network.Run(Milliseconds(10));
     EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1", "+2", "-2"));
+}
+
+TEST_F(NodeCoreTest, ForgedGoodbyesAndHellosRemoveAndReplaceNobody) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    NodeDescription forged = {device.Identity(), device.At(), "camera"};
+    NodeDescription restarted = forged;
+    ++restarted.identity.instance;
+    NodeDescription other = forged;
+    other.deviceType = "printer";
+    NodeDescription squatter = forged;
+    squatter.identity.id = 4711;
+    const Endpoint elsewhere{htonl(0x0a0000fe), 5};
+    for (int round = 0; round < 1000; ++round) {
+        Tell(watcher, GOODBYE_PATH, forged, device.At());
+        for (const NodeDescription& node : {forged, restarted, other, squatter}) {
+            Tell(watcher, HELLO_PATH, node, device.At());
+            Tell(watcher, HELLO_PATH, node, elsewhere);
+            Tell(watcher, GOODBYE_PATH, node, elsewhere);
+        }
+        network.Run(Milliseconds(10));
+        // The squatter's own endpoint is elsewhere: it is a node like any other, until it answers no ping.
+        std::vector<DeviceEvent> events = watcher.Seen().events;
+        for (const DeviceEvent& event : events) {
+            ASSERT_TRUE(event.added || event.node.identity.id != device.Identity().id) << round;
+        }
+    }
+    EXPECT_THAT(Search(watcher, "camera"), Contains(device.At()));
+    EXPECT_LE(searchTime, Milliseconds(600));
+}
+
+TEST_F(NodeCoreTest, AnAnswerToAPingMovesNoOtherNode) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    // The stranger answers pings as if it were the device, under its own address and another instance.
+    NodeIdentity forged = device.Identity();
+    ++forged.instance;
+    network.AddAt(forged, {LocalInterface{2, "eth0", htonl(0x0a0000fe)}}, 5, "camera");
+    network.Run(seconds(20));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1"));
+    EXPECT_THAT(Search(watcher, "camera"), ElementsAre(device.At()));
+}
+
+TEST_F(NodeCoreTest, AnAddressThatChangesIsFollowedWithinFiveSeconds) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    const LocalInterface before{2, "eth0", htonl(0x0a000063)};
+    const LocalInterface after{2, "eth0", htonl(0x0a000064)};
+    FakeNode& device = network.AddAt({99, 1}, {before}, 4001, "camera");
+    network.Run(seconds(2));
+    network.Cut(device);
+    FakeNode& moved = network.AddAt({99, 1}, {after}, 4001, "camera");
+    EXPECT_TRUE(network.RunUntil([&] { return watcher.Seen().events.size() == 3; }, Milliseconds(5200)));
+    EXPECT_EQ(watcher.Seen().events.back().node.endpoint, moved.At());
+}
+
+TEST_F(NodeCoreTest, AGoodbyeIsToldWithinASecondThoughTheHostDropsPings) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    device.Exit();
+    network.Run(Milliseconds(1));  // the goodbyes are on their way
+    network.Cut(device);
+    EXPECT_TRUE(network.RunUntil([&] { return watcher.Seen().events.size() == 2; }, Milliseconds(700)));
+}
+
+TEST_F(NodeCoreTest, InventedNodesTakeFewPingsAndHinderNoSearch) {
+    FakeNode& asker = network.Add("reader");
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    std::uint64_t id = 1000000;
+    for (int round = 0; round < 500; ++round) {
+        for (int count = 0; count < 20; ++count, ++id) {
+            const auto port = static_cast<std::uint16_t>(1 + id % 60000);
+            const Endpoint source{htonl(0x0a0000fe), port};
+            Tell(asker, HELLO_PATH, {{id, 1}, source, "camera"}, source);
+        }
+        network.Run(Milliseconds(10));
+        ASSERT_LE(asker.OpenConversations(), Presence::MAX_PINGS);
+        if (round % 100 == 99) {
+            EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
+            EXPECT_LE(searchTime, Milliseconds(300));
+            EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "value").payload, "value");
+            EXPECT_LE(requestTime, Milliseconds(10));
+        }
+    }
+    network.Run(seconds(5));
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
+    EXPECT_EQ(asker.OpenConversations(), 0U);
+}
+
+TEST_F(NodeCoreTest, ANewcomerAmongManyIsGreetedByAFew) {
+    constexpr unsigned NODES = 80;
+    for (unsigned count = 0; count < NODES; ++count) {
+        network.Add("camera");
+    }
+    network.Run(seconds(5));
+    std::set<std::uint16_t> hellos;
+    network.filter = [&hellos](const CoapMessage& message) {
+        if (PathOf(message) == HELLO_PATH) {
+            hellos.insert(message.messageId);
+        }
+        return true;
+    };
+    network.Add("camera");
+    constexpr Milliseconds MOMENT{300};
+    network.Run(MOMENT);
+    const auto regular = NODES * MOMENT.count() / Presence::HELLO_INTERVAL.count();
+    EXPECT_LE(hellos.size(), static_cast<std::size_t>(regular) + 3 * Presence::GREETERS);
+}
+
+TEST_F(NodeCoreTest, AFloodInTheNameOfAnotherHostReachesItHardlyAtAll) {
+    FakeNode& device = network.Add("camera");
+    device.handler = [](const HandlerCall&) { return Outcome{code::CONTENT, std::string(1000, 's')}; };
+    network.Run(seconds(2));
+    std::size_t received = 0;
+    CoapMessage request = MakePing();
+    CoapMessage get;
+    get.type = MessageType::Confirmable;
+    get.code = code::GET;
+    AddKey(get, "ServiceInfo");
+    CoapMessage probe = MakeProbe("camera", "12345678", {});
+    for (std::uint16_t number = 0; number < 10000; ++number) {
+        const Endpoint victim{htonl(0x0a0000fe), static_cast<std::uint16_t>(1000 + number)};
+        for (CoapMessage* message : {&request, &get}) {
+            message->messageId = number;
+            message->token = std::to_string(number);
+            received += SerializeMessage(*message).size();
+            device.OnDatagram(*message, victim);
+        }
+        received += SerializeMessage(probe).size();
+        device.Core().OnGroupMessage(probe, victim, 2, network.Now());
+        network.Run(Milliseconds(1));
+    }
+    RecordProperty("received", static_cast<int>(received));
+    RecordProperty("sent", static_cast<int>(device.BytesToStrangers()));
+    EXPECT_GT(device.BytesToStrangers(), 0U) << "a client that is no node is served";
+    EXPECT_LT(device.BytesToStrangers(), received / 10);
+}
+
+TEST_F(NodeCoreTest, AHelloInTheNameOfAnotherHostBringsItFewPings) {
+    constexpr std::size_t NODES = 30;
+    std::vector<FakeNode*> nodes;
+    for (std::size_t count = 0; count < NODES; ++count) {
+        nodes.push_back(&network.Add("camera"));
+    }
+    network.Run(seconds(3));
+    const Endpoint victim{htonl(0x0a0000fe), 5};
+    for (FakeNode* node : nodes) {
+        Tell(*node, HELLO_PATH, {{4711, 1}, victim, "camera"}, victim);
+    }
+    network.Run(seconds(10));
+    std::size_t sent = 0;
+    for (const FakeNode* node : nodes) {
+        sent += node->BytesToStrangers();
+    }
+    RecordProperty("sent", static_cast<int>(sent));
+    EXPECT_LE(sent, NODES * 4 * 40);
+}
+
+TEST_F(NodeCoreTest, HellosByUnicastGoOnlyToNodesThatHaveAnsweredAPing) {
+    FakeNode& device = network.Add("camera");
+    const Endpoint victim{htonl(0x0a0000fe), 5};
+    network.Run(seconds(2));
+    for (std::uint64_t id = 0; id < 100; ++id) {
+        const NodeDescription claimed{
+            {1000 + id, 1}, {victim.host, static_cast<std::uint16_t>(100 + id)}, "camera"};
+        device.OnDatagram(MakeNotice(HELLO_PATH, FormatLink(claimed)), victim);
+    }
+    const std::size_t before = device.BytesToStrangers();
+    network.Run(seconds(2));
+    EXPECT_LT(device.BytesToStrangers() - before, 100U * 4 * 40) << "a few pings each";
+}
+
+TEST_F(NodeCoreTest, ANodeThatAsksMuchIsServedWithoutALimit) {
+    FakeNode& asker = network.Add("reader");
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    const std::string value(1000, 'v');
+    for (int count = 0; count < 500; ++count) {
+        ASSERT_EQ(Ask(asker, device.At(), code::GET, "key", value).payload, value) << count;
+        ASSERT_LE(requestTime, Milliseconds(50));
+    }
+}
+
+TEST_F(NodeCoreTest, ANodeThatOnlyLooksIsNeitherAddedNorRemoved) {
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    for (const bool crashes : {false, true}) {
+        FakeNode& looker = network.Add(std::nullopt);
+        EXPECT_THAT(Search(looker, "camera"), ElementsAre(device.At()));
+        EXPECT_EQ(Ask(looker, device.At(), code::GET, "key", "value").payload, "value");
+        network.Run(seconds(2));
+        EXPECT_THAT(EventsOf(looker), ElementsAre("+1")) << "it is told of devices";
+        if (crashes) {
+            network.Kill(looker);
+        } else {
+            looker.Exit();
+        }
+        network.Run(seconds(5));
+    }
+    EXPECT_THAT(EventsOf(device), IsEmpty());
+}
+
+TEST_F(NodeCoreTest, RequestsOfANodeThatOnlyLooksRunOnceThroughLoss) {
+    network.lossPercent = 20;
+    network.duplicatePercent = 10;
+    FakeNode& looker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    for (int number = 0; number < 100; ++number) {
+        EXPECT_EQ(Ask(looker, device.At(), code::POST, std::to_string(number), "value").payload, "value");
+    }
+    EXPECT_THAT(device.Seen().handled, SizeIs(100));
 }
 
 TEST_F(NodeCoreTest, SecuredAndOtherNodesDoNotSeeEachOther) {

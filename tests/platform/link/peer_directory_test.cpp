@@ -5,8 +5,10 @@
 
 namespace lumora_link::test {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 namespace {
@@ -33,6 +35,14 @@ struct PeerDirectoryTest : testing::Test {
         return texts;
     }
 
+    void Leave(const NodeIdentity& identity, const char* source) {
+        directory.Leave(identity, inet_addr(source), now);
+    }
+    bool Pong(std::uint64_t pinged, const NodeDescription& node) {
+        return directory.OnPong(pinged, node, now);
+    }
+    std::vector<std::uint64_t> Doubted() const { return directory.Doubted(1000); }
+
     TimePoint now{std::chrono::hours(1)};
     PeerDirectory directory{OWN_ID};
 };
@@ -55,7 +65,7 @@ TEST_F(PeerDirectoryTest, DoubtsASilentNodeBeforeItRemovesIt) {
     Wait(PeerDirectory::DOUBT_AFTER - Milliseconds(1));
     EXPECT_FALSE(directory.Find(1)->doubtedSince);
     Wait(Milliseconds(1));
-    EXPECT_TRUE(directory.Find(1)->doubtedSince);
+    ASSERT_TRUE(directory.Find(1)->doubtedSince);
     Wait(PeerDirectory::GIVE_UP_AFTER - Milliseconds(1));
     EXPECT_NE(directory.Find(1), nullptr);
     Wait(Milliseconds(1));
@@ -75,9 +85,9 @@ TEST_F(PeerDirectoryTest, InACrowdNobodyIsDoubtedForOneLostHello) {
     Wait(PeerDirectory::SUSPICION);
     hearAll();
     Wait(PeerDirectory::DOUBT_IN_CROWD_AFTER - Milliseconds(1));
-    EXPECT_THAT(directory.Doubted(), IsEmpty());
+    EXPECT_THAT(Doubted(), IsEmpty());
     Wait(Milliseconds(1));
-    EXPECT_EQ(directory.Doubted().size(), NODES);
+    EXPECT_THAT(Doubted(), SizeIs(NODES));
     Wait(PeerDirectory::GIVE_UP_IN_CROWD_AFTER - Milliseconds(1));
     EXPECT_EQ(directory.Peers().size(), NODES);
     Wait(Milliseconds(1));
@@ -103,24 +113,65 @@ TEST_F(PeerDirectoryTest, TellsWhenItWantsToBeAskedNext) {
     EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::GIVE_UP_AFTER);
 }
 
-TEST_F(PeerDirectoryTest, AGoodbyeRemovesAndItsInstanceStaysAway) {
+TEST_F(PeerDirectoryTest, AGoodbyeIsBelievedWhenThePortRefusesAndItsInstanceStaysAway) {
     Hear(Node(1, 1, "10.0.0.1:1"));
-    directory.Leave({1, 1}, inet_addr("10.0.0.1"), now);
+    Leave({1, 1}, "10.0.0.1");
+    EXPECT_THAT(Doubted(), ElementsAre(1)) << "to be pinged at once";
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
+    directory.Refuse(1, now);
     EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
     EXPECT_TRUE(Hear(Node(1, 2, "10.0.0.1:1")));
-    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
+    EXPECT_THAT(Events(), ElementsAre("-1 10.0.0.1:1", "+2 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, AGoodbyeIsBelievedSoonWhenThePingIsNotAnswered) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Leave({1, 1}, "10.0.0.1");
+    Hear(Node(1, 1, "10.0.0.1:1"));  // one that was delayed on its way
+    Wait(PeerDirectory::GIVE_UP_AFTER_GOODBYE - Milliseconds(1));
+    EXPECT_NE(directory.Find(1), nullptr);
+    Wait(Milliseconds(1));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1"));
+    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_LE(PeerDirectory::GIVE_UP_AFTER_GOODBYE, Milliseconds(700));
+}
+
+TEST_F(PeerDirectoryTest, ANodeThatAnswersAfterItsGoodbyeStaysAndIsNotGivenUpSoonAfterAnother) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Leave({1, 1}, "10.0.0.1");
+    Pong(1, Node(1, 1, "10.0.0.1:1"));
+    EXPECT_THAT(Doubted(), IsEmpty());
+    Leave({1, 1}, "10.0.0.1");
+    Wait(PeerDirectory::DOUBT_AFTER + PeerDirectory::GIVE_UP_AFTER - Milliseconds(1));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, ForgedClaimsDoNotMakeANodeAskedWithoutAnEnd) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    int asked = 0;
+    for (int count = 0; count < 1000; ++count) {
+        Leave({1, 1}, "10.0.0.1");
+        Hear(Node(1, 9, "10.0.0.9:1"));
+        Wait(Milliseconds(1));
+        if (!Doubted().empty()) {
+            ++asked;
+            Pong(1, Node(1, 1, "10.0.0.1:1"));
+        }
+    }
+    EXPECT_LE(asked, 4);
 }
 
 TEST_F(PeerDirectoryTest, AGoodbyeOfAnotherInstanceOrFromElsewhereIsNotBelieved) {
     Hear(Node(1, 2, "10.0.0.1:1"));
-    directory.Leave({1, 1}, inet_addr("10.0.0.1"), now);
-    directory.Leave({1, 2}, inet_addr("10.0.0.9"), now);
+    Leave({1, 1}, "10.0.0.1");
+    Leave({1, 2}, "10.0.0.9");
     EXPECT_NE(directory.Find(1), nullptr);
+    EXPECT_THAT(Doubted(), IsEmpty());
 }
 
 TEST_F(PeerDirectoryTest, ALateHelloOfTheInstanceBeforeChangesNothing) {
     Hear(Node(1, 1, "10.0.0.1:1"));
-    Hear(Node(1, 2, "10.0.0.1:1"));
+    Pong(1, Node(1, 2, "10.0.0.1:1"));
     EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
 }
@@ -152,7 +203,7 @@ TEST_F(PeerDirectoryTest, ANodeWhoseAddressDiesMovesToTheOther) {
 
 TEST_F(PeerDirectoryTest, ANodeThatOffersSomethingElseIsAnotherDevice) {
     Hear(Node(1, 1, "10.0.0.1:1", "camera"));
-    Hear(Node(1, 1, "10.0.0.1:1", "reader"));
+    Pong(1, Node(1, 1, "10.0.0.1:1", "reader"));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
     EXPECT_THAT(directory.OfType("reader"), SizeIs(1));
     EXPECT_THAT(directory.OfType("camera"), IsEmpty());
@@ -164,10 +215,10 @@ TEST_F(PeerDirectoryTest, ANewcomerIsAnnouncedWhenItsNeighboursHaveAnswered) {
     Events();
     Hear(Node(3, 1, "10.0.0.1:2"));
     Wait(Milliseconds(1));
-    EXPECT_THAT(directory.Doubted(), ElementsAre(1));
+    EXPECT_THAT(Doubted(), ElementsAre(1));
     EXPECT_THAT(Events(), IsEmpty());
     Hear(Node(1, 1, "10.0.0.1:1"));
-    EXPECT_THAT(directory.Doubted(), IsEmpty());
+    EXPECT_THAT(Doubted(), IsEmpty());
     EXPECT_THAT(Events(), ElementsAre("+3 10.0.0.1:2"));
 }
 
@@ -189,7 +240,7 @@ TEST_F(PeerDirectoryTest, ANeighbourOnAnyOfItsAddressesIsSuspected) {
     Hear(Node(1, 1, "11.0.0.1:1"));
     Hear(Node(2, 1, "11.0.0.1:2"));
     Wait(Milliseconds(1));
-    EXPECT_THAT(directory.Doubted(), ElementsAre(1));
+    EXPECT_THAT(Doubted(), ElementsAre(1));
 }
 
 TEST_F(PeerDirectoryTest, ANewcomerIsNotHeldBackForLong) {
@@ -206,7 +257,7 @@ TEST_F(PeerDirectoryTest, ANewcomerIsNotHeldBackForLong) {
 TEST_F(PeerDirectoryTest, ANewcomerThatGoesBeforeItIsAnnouncedIsNeverMentioned) {
     Hear(Node(1, 1, "10.0.0.1:1"));
     Hear(Node(2, 1, "10.0.0.1:2"));
-    directory.Leave({2, 1}, inet_addr("10.0.0.1"), now);
+    directory.Refuse(2, now);
     Wait(PeerDirectory::HOLD_BACK);
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
 }
@@ -215,7 +266,7 @@ TEST_F(PeerDirectoryTest, ASuspectThatDoesNotAnswerGetsAsLongAsAnySilentNode) {
     Hear(Node(1, 1, "10.0.0.1:1"));
     directory.Suspect(1, now);
     Wait(Milliseconds(0));
-    EXPECT_THAT(directory.Doubted(), ElementsAre(1));
+    EXPECT_THAT(Doubted(), ElementsAre(1));
     Wait(PeerDirectory::DOUBT_AFTER + PeerDirectory::GIVE_UP_AFTER - Milliseconds(1));
     EXPECT_NE(directory.Find(1), nullptr);
     Wait(Milliseconds(1));
@@ -231,72 +282,100 @@ TEST_F(PeerDirectoryTest, OfManyNeighboursThoseThatWereSilentLongestAreAskedFirs
         Hear(Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
     }
     Wait(PeerDirectory::ASK_AGAIN_AFTER);
-    EXPECT_THAT(directory.Doubted(), IsEmpty());
+    EXPECT_THAT(Doubted(), IsEmpty());
     Hear(Node(200, 1, "10.0.0.1:200"));
     Wait(Milliseconds(0));
-    EXPECT_THAT(directory.Doubted(), SizeIs(PeerDirectory::ASKED_AT_ONCE));
-    EXPECT_EQ(directory.Doubted().count(103), 0U) << "heard after the sixteenth";
-    EXPECT_EQ(directory.Doubted().count(104), 1U);
+    EXPECT_THAT(Doubted(), SizeIs(PeerDirectory::ASKED_AT_ONCE));
+    EXPECT_THAT(Doubted(), Not(Contains(103))) << "heard after the sixteenth";
+    EXPECT_THAT(Doubted(), Contains(104));
     Wait(PeerDirectory::ASK_AGAIN_AFTER);
-    EXPECT_THAT(directory.Doubted(), SizeIs(20));
+    EXPECT_THAT(Doubted(), SizeIs(20));
 }
 
-namespace {
+TEST_F(PeerDirectoryTest, AHelloOfAnotherInstanceIsBelievedOnlyFromAPing) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_FALSE(Hear(Node(1, 2, "10.0.0.1:1")));
+    Wait(Milliseconds(0));
+    EXPECT_THAT(Doubted(), ElementsAre(1));
+    EXPECT_EQ(directory.Find(1)->node.identity.instance, 1U);
+    EXPECT_TRUE(Pong(1, Node(1, 2, "10.0.0.1:1")));
+    EXPECT_EQ(directory.Find(1)->node.identity.instance, 2U);
+}
 
-struct SecuredDirectoryTest : PeerDirectoryTest {
-    SecuredDirectoryTest() { Hello(Node(1, 1, "10.0.0.1:1")); }
-    bool Hello(const NodeDescription& node) { return secured.Hear(node, false, now); }
-    bool Ping(const NodeDescription& node) {
-        return secured.Hear(node, false, now, PeerDirectory::Source::PING);
+TEST_F(PeerDirectoryTest, AHelloThatOffersSomethingElseIsBelievedOnlyFromAPing) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1", "printer")));
+    Wait(Milliseconds(0));
+    EXPECT_THAT(Doubted(), ElementsAre(1));
+    EXPECT_EQ(directory.Find(1)->node.deviceType, "camera");
+    EXPECT_TRUE(Pong(1, Node(1, 1, "10.0.0.1:1", "printer")));
+    EXPECT_EQ(directory.Find(1)->node.deviceType, "printer");
+}
+
+TEST_F(PeerDirectoryTest, WhoClaimsTheEndpointOfAnotherMustProveIt) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_FALSE(Hear(Node(2, 1, "10.0.0.1:1")));
+    Wait(Milliseconds(0));
+    EXPECT_THAT(Doubted(), ElementsAre(1));
+    EXPECT_NE(directory.Find(1), nullptr);
+    EXPECT_TRUE(Pong(1, Node(2, 1, "10.0.0.1:1")));
+    EXPECT_EQ(directory.Find(1), nullptr);
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, AnAnswerSaysNothingAboutNodesAtOtherEndpoints) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Hear(Node(9, 1, "10.0.0.9:1"));
+    for (const std::uint32_t instance : {1U, 2U}) {
+        EXPECT_FALSE(Pong(9, Node(1, instance, "10.0.0.1:1")));
+        EXPECT_EQ(directory.Find(1)->node.identity.instance, 1U);
+        EXPECT_EQ(EndpointText(directory.Find(1)->node.endpoint), "10.0.0.1:1");
+        Hear(Node(9, 1, "10.0.0.9:1"));
     }
-    bool IsInDoubt() {
-        secured.Tick(now);
-        return secured.Doubted().count(1) != 0;
+}
+
+TEST_F(PeerDirectoryTest, HellosFromElsewhereKeepNobodyAlive) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    for (int count = 0; count < 30; ++count) {
+        Wait(Milliseconds(100));
+        if (count < 20) {
+            Hear(Node(1, 1, "10.0.0.9:1"));
+        }
     }
-    PeerDirectory secured{OWN_ID, true};
-};
-
-}  // namespace
-
-TEST_F(SecuredDirectoryTest, AGoodbyeIsBelievedOnlyWhenThePortRefuses) {
-    secured.Leave({1, 1}, inet_addr("10.0.0.1"), now);
-    EXPECT_TRUE(IsInDoubt());
-    EXPECT_NE(secured.Find(1), nullptr);
-    secured.Refuse(1, now);
-    EXPECT_EQ(secured.Find(1), nullptr);
-    EXPECT_FALSE(Hello(Node(1, 1, "10.0.0.1:1"))) << "a hello that was late";
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1"));
 }
 
-TEST_F(SecuredDirectoryTest, ANodeThatAnswersAfterItsGoodbyeStays) {
-    secured.Leave({1, 1}, inet_addr("10.0.0.1"), now);
-    EXPECT_TRUE(IsInDoubt());
-    Ping(Node(1, 1, "10.0.0.1:1"));
-    EXPECT_FALSE(IsInDoubt());
-    EXPECT_THAT(secured.TakeEvents(), SizeIs(1));
+TEST_F(PeerDirectoryTest, ConfirmedNodesAndThenThoseKnownLongestArePingedFirst) {
+    for (std::uint64_t id = 1; id <= 5; ++id) {
+        Hear(Node(10 - id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
+    }
+    Pong(6, Node(6, 1, "10.0.0.1:4"));
+    Wait(PeerDirectory::DOUBT_AFTER);
+    EXPECT_THAT(directory.Doubted(3), ElementsAre(6, 9, 8));
 }
 
-TEST_F(SecuredDirectoryTest, AHelloOfAnotherInstanceIsBelievedOnlyFromAPing) {
-    EXPECT_FALSE(Hello(Node(1, 2, "10.0.0.1:1")));
-    EXPECT_TRUE(IsInDoubt());
-    EXPECT_EQ(secured.Find(1)->node.identity.instance, 1U);
-    EXPECT_TRUE(Ping(Node(1, 2, "10.0.0.1:1")));
-    EXPECT_EQ(secured.Find(1)->node.identity.instance, 2U);
+TEST_F(PeerDirectoryTest, AFullTableMakesRoomAtTheExpenseOfTheAddressWithTheMostNodes) {
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Pong(1, Node(1, 1, "10.0.0.1:1"));
+    Hear(Node(2, 1, "10.0.0.2:1"));
+    for (std::uint64_t id = 100; id < 6000; ++id) {
+        Hear(Node(id, 1, ("10.0.0.9:" + std::to_string(id)).c_str()));
+    }
+    EXPECT_NE(directory.Find(1), nullptr);
+    EXPECT_NE(directory.Find(2), nullptr);
+    EXPECT_EQ(directory.Find(100), nullptr) << "the oldest of the flood";
+    EXPECT_TRUE(Hear(Node(3, 1, "10.0.0.3:1"))) << "a newcomer of another address";
+    EXPECT_THAT(directory.Peers(), SizeIs(4096));
 }
 
-TEST_F(SecuredDirectoryTest, AHelloThatOffersSomethingElseIsBelievedOnlyFromAPing) {
-    EXPECT_FALSE(Hello(Node(1, 1, "10.0.0.1:1", "printer")));
-    EXPECT_TRUE(IsInDoubt());
-    EXPECT_EQ(secured.Find(1)->node.deviceType, "camera");
-    EXPECT_TRUE(Ping(Node(1, 1, "10.0.0.1:1", "printer")));
-    EXPECT_EQ(secured.Find(1)->node.deviceType, "printer");
-}
-
-TEST_F(SecuredDirectoryTest, WhoClaimsTheEndpointOfAnotherMustProveIt) {
-    EXPECT_FALSE(Hello(Node(2, 1, "10.0.0.1:1")));
-    EXPECT_TRUE(IsInDoubt());
-    EXPECT_NE(secured.Find(1), nullptr);
-    EXPECT_TRUE(Ping(Node(2, 1, "10.0.0.1:1")));
-    EXPECT_EQ(secured.Find(1), nullptr);
+TEST_F(PeerDirectoryTest, ConfirmedNodesAreNotPushedOut) {
+    for (std::uint64_t id = 101; id <= 4196; ++id) {
+        const NodeDescription node = Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str());
+        Hear(node);
+        Pong(id, node);
+    }
+    EXPECT_FALSE(Hear(Node(5000, 1, "10.0.0.9:1")));
+    EXPECT_NE(directory.Find(101), nullptr);
 }
 
 TEST_F(PeerDirectoryTest, AFloodOfNodesIsBounded) {
