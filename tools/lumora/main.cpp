@@ -201,8 +201,7 @@ Command GlobalOptions() {
     command
         .Flag("--json", g_globals.json,
               "results as JSON, one document, or one to a line if they come one after the other; the message "
-              "of "
-              "a failure too, on standard error, as the fields error and exit")
+              "of a failure too, on standard error, as the fields error and exit")
         .letter = 'j';
     command
         .Text(

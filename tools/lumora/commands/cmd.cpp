@@ -58,8 +58,7 @@ Command CmdCommand() {
     Command command("cmd", "sends a command to a device");
     command.Describe(
         "A command has no answer of its own. What the device has to say comes as data of one of its "
-        "services, "
-        "which --await shows. Exit code 0 says that the device's application was called.");
+        "services, which --await shows. Exit code 0 says that the device's application was called.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
         "connected.");

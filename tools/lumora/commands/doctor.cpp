@@ -213,16 +213,12 @@ Command DoctorCommand() {
     Command command("doctor", "looks for what keeps clients and devices from each other");
     command.Describe(
         "Looks at the variables of the link platform, at the network interfaces, at multicast, at the ports, "
-        "at the "
-        "firewall, at the libraries that are loaded, and runs a device and a client against each other over "
-        "the "
-        "loopback interface. Says what is wrong and what to do. Without TYPE nothing that it sends leaves "
-        "this "
-        "host.");
+        "at the firewall, at the libraries that are loaded, and runs a device and a client against each "
+        "other over the loopback interface. Says what is wrong and what to do. Without TYPE nothing that it "
+        "sends leaves this host.");
     command.Describe(
         "With TYPE it also walks to that device: found, answers, TCP port 6666 reached there, 6667 reached "
-        "back. For "
-        "the last two it connects, and so takes the place of a client that is connected.");
+        "back. For the last two it connects, and so takes the place of a client that is connected.");
     command.Describe(
         "A fault keeps Lumora from working, a warning may; the exit code is 1 when there is a fault.");
     command.Argument("TYPE", options->device.type, "a device to walk to, or TYPE@ADDRESS for one of several")
@@ -235,8 +231,7 @@ Command DoctorCommand() {
                     {"warnings", "how many warnings there are"},
                     {"findings[].level", "ok, note, warning or fault"},
                     {"findings[].area",
-                     "variables, interfaces, multicast, ports, firewall, libraries, self-test or "
-                     "device"},
+                     "variables, interfaces, multicast, ports, firewall, libraries, self-test or device"},
                     {"findings[].text", "what was found"},
                     {"findings[].advice", "what to do about it; missing if there is nothing to do"}});
     command.Show("lumora doctor camera", "why can this host not use that camera?");

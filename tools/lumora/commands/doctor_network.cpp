@@ -274,8 +274,7 @@ void LookAtVariables(Findings& findings) {
         if (!ParseAddress(peer)) {
             findings.push_back({Level::FAULT, "variables",
                                 "LUMORA_LINK_PEERS: \"" + peer +
-                                    "\" is no IPv4 address with or without a port; it "
-                                    "is ignored",
+                                    "\" is no IPv4 address with or without a port; it is ignored",
                                 "name peers as 192.168.1.7 or 192.168.1.7:7000, separated by commas"});
         }
     }
@@ -353,8 +352,7 @@ void LookAtPorts(Findings& findings) {
             case PortState::TAKEN:
                 findings.push_back({Level::WARNING, "ports", name + " is taken",
                                     "a " + std::string(whose) +
-                                        " that is connected has it, or another program: ss "
-                                        "-tlnp 'sport = :" +
+                                        " that is connected has it, or another program: ss -tlnp 'sport = :" +
                                         std::to_string(port) + "' names it. No other " + whose +
                                         " can be connected on this host"});
                 break;

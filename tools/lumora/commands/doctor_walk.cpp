@@ -77,8 +77,8 @@ void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds w
     if (all.empty()) {
         findings.push_back(
             {Level::FAULT, AREA, "no device of type " + device.Text() + " was found",
-             "is it running, in this network, and with this type? lumora find lists those that are "
-             "there; LUMORA_LINK_PEERS names devices that multicast does not reach"});
+             "is it running, in this network, and with this type? lumora find lists those that are there; "
+             "LUMORA_LINK_PEERS names devices that multicast does not reach"});
         return;
     }
     const FoundDevice& found = all.front();

@@ -123,8 +123,7 @@ Command FindCommand() {
     Command command("find", "lists the devices of the network and their services");
     command.Describe(
         "Without TYPE every device is listed that makes itself heard. Clients are nodes with a type, too, "
-        "and "
-        "are listed without services.");
+        "and are listed without services.");
     command
         .Argument("TYPE", options->device.type,
                   "the type of the devices, or TYPE@ADDRESS for one of several; without it, every device")

@@ -142,8 +142,7 @@ Command PingCommand() {
     Command command("ping", "measures the way to a device and back");
     command.Describe(
         "The device needs a service that sends back what it gets, as lumora serve --echo has one. The "
-        "figures "
-        "at the end are milliseconds; p99 is what 99 of 100 blocks did not exceed.");
+        "figures at the end are milliseconds; p99 is what 99 of 100 blocks did not exceed.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
         "connected.");

@@ -179,15 +179,12 @@ Command SendCommand() {
     Command command("send", "sends files, texts or lines to a device");
     command.Describe(
         "Each file goes as one block of up to 5,242,880 bytes. Longer ones are refused: --split cuts them, "
-        "and "
-        "the device gets several blocks. On a terminal a long send shows how far it is.");
+        "and the device gets several blocks. On a terminal a long send shows how far it is.");
     command.Describe(
         "Exit code 0 says that the network has taken all; a device does not acknowledge data. The connection "
         "stays for the time of --linger, so that the device can read what is under way: allow more for one "
-        "that "
-        "works slowly, or let --await wait for its answer. With --await each file, text, or line has one "
-        "answer, "
-        "and the next is sent after it.");
+        "that works slowly, or let --await wait for its answer. With --await each file, text, or line has "
+        "one answer, and the next is sent after it.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
         "connected.");

@@ -362,25 +362,19 @@ Command ServeCommand() {
     Command command("serve", "is a device");
     command.Describe(
         "Prints a line for each thing that a client does. With --echo each block that a client sends goes "
-        "back to "
-        "the subscribers of the first service. With --exec a program gets each block on its standard input, "
-        "and "
-        "what it writes to its standard output, up to 1,024,000 bytes, goes to the subscribers of the first "
-        "service: any script becomes a device. --on-command does the same for commands.");
+        "back to the subscribers of the first service. With --exec a program gets each block on its standard "
+        "input, and what it writes to its standard output, up to 1,024,000 bytes, goes to the subscribers of "
+        "the first service: any script becomes a device. --on-command does the same for commands.");
     command.Describe(
         "The program finds the client's number in LUMORA_CLIENT, the service's name in LUMORA_SERVICE, and "
-        "with "
-        "--on-command the command in LUMORA_COMMAND and its parameter in LUMORA_PARAMETER and on its "
-        "standard "
-        "input. One that ends with another exit code than 0 sends nothing. Blocks and commands are worked "
-        "off one "
-        "after the other.");
+        "with --on-command the command in LUMORA_COMMAND and its parameter in LUMORA_PARAMETER and on its "
+        "standard input. One that ends with another exit code than 0 sends nothing. Blocks and commands are "
+        "worked off one after the other.");
     command.Argument("TYPE", options->type, "the type by which clients find it").required = true;
     command
         .Texts("--service", "NAME", options->services,
                "offers a service; up to 8. NAME:TRANSPORT:BYTES also tells its transport (tcp, udp or rtp) "
-               "and the "
-               "length of its output: picture:tcp:1M (tcp:1024000)")
+               "and the length of its output: picture:tcp:1M (tcp:1024000)")
         .letter = 's';
     command.Flag("--echo", options->echo, "sends back what comes; without --service, on the service echo")
         .letter = 'e';

@@ -136,10 +136,8 @@ Command ShellCommand() {
     Command command("shell", "talks with a device, line by line, on one connection");
     command.Describe(
         "Reads lines such as \"subscribe SERVICE\", \"cmd NAME PARAM\" and \"text TEXT\"; help lists them. "
-        "What the "
-        "device sends is printed as it comes. On a terminal lines can be edited, the arrow keys bring back "
-        "earlier "
-        "ones, and TAB completes. A line that fails does not end the session.");
+        "What the device sends is printed as it comes. On a terminal lines can be edited, the arrow keys "
+        "bring back earlier ones, and TAB completes. A line that fails does not end the session.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
         "connected.");

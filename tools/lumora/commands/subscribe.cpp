@@ -67,8 +67,7 @@ Command SubscribeCommand() {
         "have come, or the device leaves; with --again until a signal or --count.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
-        "connected, "
-        "and ends when another takes its place.");
+        "connected, and ends when another takes its place.");
     AddSessionOptions(command, options->session);
     command
         .Arguments("SERVICE", options->services,

@@ -71,8 +71,7 @@ std::string BashAnswer(const Option& option) {
                    "\"$word\")";
         case Option::Offer::SERVICES:
             return "mapfile -t COMPREPLY < <(compgen -W \"$(lumora --print services \"$type\" 2>/dev/null)\" "
-                   "-- "
-                   "\"$word\")";
+                   "-- \"$word\")";
         case Option::Offer::NOTHING:
             break;
     }

@@ -52,8 +52,8 @@ std::string DeviceChoice::Text() const {
 void AddAddress(Command& command, DeviceChoice& choice) {
     command
         .Text("--address", "ADDRESS", choice.address,
-              "of several devices of this type, the one with this IPv4 address, or with ADDRESS:PORT; "
-              "lumora find shows both. TYPE@ADDRESS says the same")
+              "of several devices of this type, the one with this IPv4 address, or with ADDRESS:PORT; lumora "
+              "find shows both. TYPE@ADDRESS says the same")
         .letter = 'a';
 }
 
