@@ -984,7 +984,9 @@ inline bool ClientState::TryToConnectAgain() {
     };
     const std::vector<DeviceInfo> devices = Search(type);
     const auto device = std::find_if(devices.begin(), devices.end(), hasAll);
-    const bool connected = device != devices.end() && Open(*device, error) &&
+    // An attempt that failed may have left a channel that this side has closed: the next one begins anew.
+    mBroken = device != devices.end() && !Open(*device, error);
+    const bool connected = device != devices.end() && !mBroken &&
                            std::all_of(subscriptions.begin(), subscriptions.end(), [&](const auto& one) {
                                return SendSubscription(one.first, one.second, error);
                            });
