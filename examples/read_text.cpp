@@ -1,14 +1,13 @@
 // A client that has a picture read by a text-reading device, and says how long each step took.
 #include <getopt.h>
-#include <lumora.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "options.h"
 #include "text_answer.h"
@@ -60,27 +59,33 @@ std::string LoadPicture(const std::string& path) {
     return bytes;
 }
 
-std::string NameIn(const char (&field)[LUM_NAME_SIZE]) { return {field, strnlen(field, LUM_NAME_SIZE)}; }
+const char* NameOf(lumora::Transport transport) {
+    switch (transport) {
+        case lumora::Transport::UDP:
+            return "udp";
+        case lumora::Transport::TCP:
+            return "tcp";
+        case lumora::Transport::RTP:
+            return "rtp";
+        case lumora::Transport::NONE:
+            break;
+    }
+    return "none";
+}
 
-void PrintServices(const LUM_DEVICES_INFO_S& devices) {
-    for (unsigned int i = 0; i < devices.devNum; ++i) {
-        const LUM_DEVICE_INFO_S& device = devices.devInfo[i];
-        for (unsigned int k = 0; k < device.serviceNum; ++k) {
-            const LUM_SERVICE_INFO_S& service = device.serviceInfo[k];
-            std::printf("  %s: service \"%s\", transport %d, up to %u bytes\n",
-                        NameIn(device.devServiceType).c_str(), NameIn(service.serviceName).c_str(),
-                        static_cast<int>(service.transport), service.outputLenBytes);
+void PrintServices(const std::vector<lumora::DeviceInfo>& devices) {
+    for (const lumora::DeviceInfo& device : devices) {
+        for (const lumora::Service& service : device.services) {
+            std::printf("  %s: service \"%s\", transport %s, up to %u bytes\n", device.name.c_str(),
+                        service.name.c_str(), NameOf(service.transport), service.outputBytes);
         }
     }
 }
 
-std::string FirstWithText(const LUM_DEVICES_INFO_S& devices) {
-    for (unsigned int i = 0; i < devices.devNum; ++i) {
-        const LUM_DEVICE_INFO_S& device = devices.devInfo[i];
-        for (unsigned int k = 0; k < device.serviceNum; ++k) {
-            if (NameIn(device.serviceInfo[k].serviceName) == SERVICE_NAME) {
-                return NameIn(device.devServiceType);
-            }
+const lumora::DeviceInfo& FirstWithText(const std::vector<lumora::DeviceInfo>& devices) {
+    for (const lumora::DeviceInfo& device : devices) {
+        if (device.Offers(SERVICE_NAME)) {
+            return device;
         }
     }
     throw Failure(NO_DEVICE, std::string("none of the devices has the service \"") + SERVICE_NAME +
@@ -89,7 +94,7 @@ std::string FirstWithText(const LUM_DEVICES_INFO_S& devices) {
 
 void SetLanguage(TextSession& session, const Options& options) {
     const Step step("language");
-    session.SendCommand(SET_LANGUAGE_COMMAND, options.language.c_str());
+    session.SendCommand(SET_LANGUAGE_COMMAND, options.language);
     step.Done(session.Await(Answer::Kind::NOTE, options.answerSeconds).text);
 }
 
@@ -110,14 +115,14 @@ int Run(const Options& options) {
     joining.Done();
 
     const Step finding("find");
-    const LUM_DEVICES_INFO_S devices = session.Find(options.deviceType, options.findSeconds);
-    finding.Done(std::to_string(devices.devNum) + (devices.devNum == 1 ? " device" : " devices"));
+    const std::vector<lumora::DeviceInfo> devices = session.Find(options.deviceType, options.findSeconds);
+    finding.Done(std::to_string(devices.size()) + (devices.size() == 1 ? " device" : " devices"));
     PrintServices(devices);
 
-    const std::string device = FirstWithText(devices);
+    const lumora::DeviceInfo& device = FirstWithText(devices);
     const Step connecting("connect");
     session.Connect(device);
-    connecting.Done(device);
+    connecting.Done(device.name);
 
     const Step asking("versions");
     const std::string versions = session.Versions();

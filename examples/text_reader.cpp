@@ -1,13 +1,13 @@
-// A device that reads the text in pictures. Callbacks hand everything to a thread of this program and return
+// A device that reads the text in pictures. Handlers hand everything to a thread of this program and return
 // at once; that thread recognizes, and answers to the subscribers of the service "text".
 #include <getopt.h>
-#include <lumora.h>
 #include <signal.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <lumora.hpp>
 #include <memory>
 #include <string>
 #include <thread>
@@ -19,8 +19,6 @@
 
 namespace text_reader {
 namespace {
-
-constexpr int SEND_TIMEOUT_MS = 3000;
 
 struct Options {
     std::string deviceType = DEFAULT_DEVICE_TYPE;
@@ -35,14 +33,11 @@ struct Work {
     std::string content;  // the picture, the language, the command
 };
 
-void SendAnswer(const Answer& answer) {
-    std::string bytes = FormatAnswer(answer);
-    bytes.resize(std::min<std::size_t>(bytes.size(), LUM_MAX_SERVER_DATA_LENGTH));
-    const auto length = static_cast<unsigned int>(bytes.size());
-    unsigned int sent = 0;
-    if (LUM_SendDataToClient(SERVICE_NAME, bytes.data(), length, &sent, SEND_TIMEOUT_MS) != 0 ||
-        sent != length) {
-        std::printf("an answer of %u bytes could not be sent: nobody is listening\n", length);
+void SendAnswer(lumora::Device& device, const Answer& answer) {
+    const std::string bytes = FormatAnswer(answer).substr(0, LUM_MAX_SERVER_DATA_LENGTH);
+    std::error_code error;
+    if (!device.Send(SERVICE_NAME, bytes, error)) {
+        std::printf("an answer of %zu bytes could not be sent: %s\n", bytes.size(), error.message().c_str());
     }
 }
 
@@ -52,11 +47,14 @@ public:
     explicit TextReader(const Options& options)
         : mRecognizer(options.language, std::chrono::seconds(options.limitSeconds)),
           mQueue(static_cast<std::size_t>(options.queueLength)),
+          mDevice(options.deviceType),
           mThread([this] { Run(); }) {}
 
     ~TextReader() { Stop(); }
     TextReader(const TextReader&) = delete;
     TextReader& operator=(const TextReader&) = delete;
+
+    lumora::Device& Device() { return mDevice; }
 
     bool TryAdd(Work::Kind kind, std::string content) {
         return mQueue.TryPush(Work{kind, std::move(content)});
@@ -75,10 +73,10 @@ private:
     void Run() {
         while (const auto work = mQueue.Pop()) {
             try {
-                SendAnswer(Do(*work));
+                SendAnswer(mDevice, Do(*work));
             } catch (const std::exception& problem) {
                 std::printf("failed: %s\n", problem.what());
-                SendAnswer({Answer::Kind::ERROR, problem.what()});
+                SendAnswer(mDevice, {Answer::Kind::ERROR, problem.what()});
             }
         }
     }
@@ -111,58 +109,36 @@ private:
 
     TextRecognizer mRecognizer;
     WorkQueue<Work> mQueue;
+    lumora::Device mDevice;  // behind what its handlers use: they end with it
     std::thread mThread;
 };
 
-// The callbacks are given no context. Set before they are registered, valid until LUM_DeInitServer returned.
-TextReader* g_reader = nullptr;
-
-// Runs under a lock of the library: may call nothing of it.
-int OnCommand(const char* cmd, const char* param) try {
-    std::printf("command %s %s\n", cmd, param);
-    const bool known = std::string(cmd) == SET_LANGUAGE_COMMAND;
-    const bool taken = known ? g_reader->TryAdd(Work::Kind::LANGUAGE, param)
-                             : g_reader->TryAdd(Work::Kind::UNKNOWN_COMMAND, cmd);
-    if (!taken) {
-        std::printf("busy: the command is dropped\n");
-    }
-    return taken ? 0 : -1;
-} catch (const std::exception&) {
-    return -1;
-}
-
-int OnEventNotify(int clientID, int event, LUM_SUBSCRIBE_SERVICE_S subscription) {
-    std::printf("client %d %s %s\n", clientID, event == LUM_NOTIFY_SUBSCRIBED ? "subscribed to" : "left",
-                subscription.serviceName);
-    return 0;
-}
-
-// The bytes are valid until it returns, so they are copied.
-int OnData(int clientID, const char* data, unsigned int length) try {
-    const bool taken = g_reader->TryAdd(Work::Kind::PICTURE, std::string(data, length));
-    std::printf("client %d sent %u bytes%s\n", clientID, length, taken ? "" : ", refused");
-    if (!taken) {
-        SendAnswer(
-            {Answer::Kind::ERROR, "the device takes no more pictures just now: send this one again later"});
-        return -1;
-    }
-    return 0;
-} catch (const std::exception&) {
-    return -1;
-}
-
-bool Register(const Options& options) {
-    LUM_DEVICE_INFO_S device = {};
-    device.serviceNum = 1;
-    options.deviceType.copy(device.devServiceType, LUM_NAME_SIZE - 1);
-    LUM_SERVICE_INFO_S& service = device.serviceInfo[0];
-    std::string(SERVICE_NAME).copy(service.serviceName, LUM_NAME_SIZE - 1);
-    service.outputLenBytes = LUM_MAX_SERVER_DATA_LENGTH;
-    service.transport = LUM_TRANSPORT_TCP;
-    device.OnCommand = OnCommand;
-    device.OnEventNotify = OnEventNotify;
-    device.OnData = OnData;
-    return LUM_RegisterAiDevInfo(&device) == 0;
+// They run on threads of the library, which must not be held up.
+void Handle(lumora::Device& device, TextReader& reader) {
+    device.OnCommand([&reader](std::string_view command, std::string_view parameter) {
+        const std::string name(command);
+        std::printf("command %s %s\n", name.c_str(), std::string(parameter).c_str());
+        const bool known = name == SET_LANGUAGE_COMMAND;
+        if (!reader.TryAdd(known ? Work::Kind::LANGUAGE : Work::Kind::UNKNOWN_COMMAND,
+                           known ? std::string(parameter) : name)) {
+            std::printf("busy: the command is dropped\n");
+        }
+    });
+    device.OnSubscribe([](const lumora::Subscription& begun) {
+        std::printf("client %d subscribed to %s\n", begun.client, std::string(begun.service).c_str());
+    });
+    device.OnUnsubscribe([](const lumora::Subscription& ended) {
+        std::printf("client %d left %s\n", ended.client, std::string(ended.service).c_str());
+    });
+    // The bytes are valid until it returns, so they are copied.
+    device.OnData([&device, &reader](int client, lumora::Bytes data) {
+        const bool taken = reader.TryAdd(Work::Kind::PICTURE, std::string(data.Text()));
+        std::printf("client %d sent %zu bytes%s\n", client, data.size(), taken ? "" : ", refused");
+        if (!taken) {
+            SendAnswer(device, {Answer::Kind::ERROR,
+                                "the device takes no more pictures just now: send this one again later"});
+        }
+    });
 }
 
 // Every thread made from here on has them blocked too, so sigwait gets them.
@@ -178,21 +154,23 @@ sigset_t BlockEndSignals() {
 int Serve(const Options& options) {
     const sigset_t endSignals = BlockEndSignals();
     TextReader reader(options);
-    g_reader = &reader;
-    const bool started = LUM_InitServer(options.deviceType.c_str()) == 0 && Register(options);
-    if (started) {
-        std::printf("ready: %s reads %s\n", options.deviceType.c_str(), options.language.c_str());
-        int signal = 0;
-        sigwait(&endSignals, &signal);
-        reader.Stop();
-    } else {
-        std::fprintf(stderr, "the device cannot start; the log above says why\n");
+    lumora::Device& device = reader.Device();
+    Handle(device, reader);
+    std::error_code error;
+    if (!device.Offer(SERVICE_NAME).Start(error)) {
+        std::fprintf(stderr, "the device cannot start: %s; the log above says why\n",
+                     error.message().c_str());
+        return 1;
     }
-    const bool ended = LUM_DeInitServer() == 0;
-    if (started && ended) {
-        std::printf("ended\n");
+    std::printf("ready: %s reads %s\n", options.deviceType.c_str(), options.language.c_str());
+    int signal = 0;
+    sigwait(&endSignals, &signal);
+    reader.Stop();
+    if (!device.Stop(error)) {
+        return 1;
     }
-    return started && ended ? 0 : 1;
+    std::printf("ended\n");
+    return 0;
 }
 
 void PrintHelp() {

@@ -1,10 +1,15 @@
 // A client of the library, and its conversation with one text-reading device.
 #pragma once
 
-#include <lumora.h>
-
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <lumora.hpp>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "options.h"
 #include "text_answer.h"
@@ -31,33 +36,30 @@ private:
     ExitCode mCode;
 };
 
-// One at a time: the library's callbacks are given no context.
 class TextSession {
 public:
     TextSession();
-    ~TextSession();
-    TextSession(const TextSession&) = delete;
-    TextSession& operator=(const TextSession&) = delete;
 
     // The devices of a type. The first one may only be starting, so it is searched for so many seconds.
-    LUM_DEVICES_INFO_S Find(const std::string& deviceType, int seconds) const;
+    std::vector<lumora::DeviceInfo> Find(const std::string& deviceType, int seconds);
 
-    // The name is that of a device which Find returned.
-    void Connect(const std::string& device);
-    std::string Versions() const;
+    void Connect(const lumora::DeviceInfo& device);
+    std::string Versions();
     void Subscribe();
-    void SendCommand(const char* command, const char* parameter);
+    void SendCommand(const std::string& command, const std::string& parameter);
     void Send(const std::string& picture);
 
     // The next answer of this kind. One that is an error is a failure.
-    Answer Await(Answer::Kind kind, int seconds) const;
+    Answer Await(Answer::Kind kind, int seconds);
 
 private:
-    void RequireDevice() const;
+    std::optional<Answer> Take(std::chrono::steady_clock::time_point end);
 
-    int mClient = 0;
-    unsigned int mHandle = 0;
-    bool mConnected = false;
+    std::mutex mMutex;  // guards what follows; the library's threads fill it
+    std::condition_variable mChanged;
+    std::deque<Answer> mAnswers;
+    bool mLost = false;
+    lumora::Client mClient;  // the last one: no handler runs once it is gone
 };
 
 }  // namespace text_reader

@@ -236,6 +236,31 @@ LUM_EXPORT int LUM_DestoryAiDevice(int clientID, unsigned int handle);
 LUM_EXPORT int LUM_SendCmd(int clientID, unsigned int handle, const char* cmd, const char* param);
 
 /*
+ * Subscribes the client to a service of the device that it is connected to, over TCP and with data source 0.
+ * The device then sends the service's blocks to the callback of LUM_RegisterAiDeviceEvent; LUM_SendCmd with
+ * "unsubscribe" and the name ends that. Use this rather than LUM_SendCmd with "subscribe", which reads a
+ * whole LUM_SUBSCRIBE_SERVICE_S at param and compiles with a mere text as well. serviceName has 1 to 39
+ * characters. Fails as LUM_SendCmd does, and, without a line in the log, for a longer name.
+ */
+static inline int LUM_Subscribe(int clientID, unsigned int handle, const char* serviceName) {
+    union {
+        LUM_SUBSCRIBE_SERVICE_S record;
+        char bytes[sizeof(LUM_SUBSCRIBE_SERVICE_S)];
+    } parameter = {{{0}, 0, LUM_TRANSPORT_TCP}};
+    unsigned int i = 0;
+    if (!serviceName) {
+        return LUM_SendCmd(clientID, handle, "subscribe", serviceName);
+    }
+    for (i = 0; serviceName[i] != '\0'; ++i) {
+        if (i == LUM_NAME_SIZE - 1) {
+            return -1;
+        }
+        parameter.record.serviceName[i] = serviceName[i];
+    }
+    return LUM_SendCmd(clientID, handle, "subscribe", parameter.bytes);
+}
+
+/*
  * Sends one block of 1 to 5,242,880 bytes to the device. *sendLength receives the number of bytes that were
  * written, 0 when sending failed; a call that is refused leaves it alone. timeoutMs may be 0 to 2000; the
  * actual limit is half a second without any progress: the call then succeeds with a short *sendLength, and

@@ -31,12 +31,15 @@
 ///   |--------------------------------|---------------------------------|--------------------------|
 ///   | Client::OnData                 | the connection's receive thread | nothing                  |
 ///   | Client::OnDeviceLeft           | the platform's event thread     | nothing                  |
+///   | Client::OnConnectionLost,      | a thread of the Client          | everything, but must not |
+///   | OnReconnected                  |                                 | destroy the Client       |
 ///   | Device::OnCommand, OnSubscribe,| a request thread of the platform| nothing                  |
 ///   | OnUnsubscribe                  |                                 |                          |
 ///   | Device::OnData                 | the connection's receive thread | Device::Send             |
 ///
-///   Setting handlers is allowed everywhere. Another call would have to wait for itself: it fails, and the
-///   log says so. In particular, no handler may destroy an object of its side. Texts and bytes that a handler
+///   Setting handlers is allowed everywhere. A call that is not allowed fails, because it would have to wait
+///   for itself. In particular, no handler may destroy an object of its side. The bytes of a block are
+///   read-only: several clients of a process may be given the same memory. Texts and bytes that a handler
 ///   is given are valid until it returns. A handler may be set or replaced at any time; the one before may
 ///   still be at work for a moment. No handler runs once its Client or Device is destroyed, so whatever
 ///   handlers refer to has to be declared before it.
@@ -55,12 +58,15 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -91,8 +97,8 @@ enum class Errc {
     NOT_CONNECTED,     ///< the client is connected to no device
     CONNECT_FAILED,    ///< the device was found, but there is no data channel to it
     REFUSED,           ///< the device refused, or did not answer
-    SEND_FAILED,       ///< nobody is connected, or the connection has ended
-    INCOMPLETE,        ///< the other end stopped reading: half a second passed without any progress
+    SEND_FAILED,       ///< no peer is connected, or the connection has ended; no byte was sent
+    INCOMPLETE,        ///< the peer stopped reading: half a second passed without any progress
     STOP_FAILED        ///< the network cannot be left
 };
 
@@ -164,6 +170,7 @@ struct Service {
 struct DeviceInfo {
     std::string name;  ///< its type; with a number behind it where others of this type answered first
     std::vector<Service> services;  ///< what clients may subscribe to
+    std::string type = {};          ///< the type that was searched for
 
     /// Whether it has a service of this name.
     bool Offers(std::string_view service) const {
@@ -208,7 +215,7 @@ public:
             "the client is connected to no device",
             "the device cannot be connected",
             "the device refuses, or does not answer",
-            "nobody is connected, or the connection has ended",
+            "no peer is connected, or the connection has ended",
             "the other end has stopped reading",
             "the network cannot be left"};
         const auto index = static_cast<std::size_t>(value);
@@ -236,6 +243,12 @@ auto OrThrow(const char* function, const Call& call) {
 inline bool Outcome(bool good, Errc otherwise, std::error_code& error) {
     error = good ? std::error_code() : make_error_code(otherwise);
     return good;
+}
+
+// A send that wrote nothing has failed, whatever its result: the peer has closed the connection.
+inline bool SendOutcome(int result, std::size_t sent, std::size_t size, std::error_code& error) {
+    return Outcome(result == 0 && sent != 0, Errc::SEND_FAILED, error) &&
+           Outcome(sent == size, Errc::INCOMPLETE, error);
 }
 
 inline bool IsName(std::string_view name) {
@@ -291,10 +304,30 @@ private:
     std::shared_ptr<const Function> mFunction;
 };
 
-// What both sides do with the exceptions of their handlers.
+enum class Side : std::size_t { CLIENT = 0, DEVICE = 1 };
+
+// How many handlers of a side are running on this thread. Its calls to that side would wait for themselves.
+inline int& RunningHandlers(Side side) {
+    thread_local std::array<int, 2> running = {};
+    return running[static_cast<std::size_t>(side)];
+}
+
+// What both sides do with their handlers, and with the exceptions out of them.
 class Boundary {
 public:
+    explicit Boundary(Side side) : mSide(side) {}
+
     Handler<std::exception_ptr> onException;
+
+    // For handlers that run on a thread of the library.
+    template <typename Call>
+    void RunHandler(const Call& call) const noexcept {
+        ++RunningHandlers(mSide);
+        Contain(call);
+        --RunningHandlers(mSide);
+    }
+
+    bool IsInHandler() const { return RunningHandlers(mSide) != 0; }
 
     template <typename Call>
     void Contain(const Call& call) const noexcept {
@@ -318,43 +351,132 @@ private:
             std::fprintf(stderr, "lumora: a handler threw: %s\n", what);
         }
     }
+
+    const Side mSide;
 };
 
-struct ClientState : Boundary {
-    explicit ClientState(std::string_view clientType) : type(clientType) {}
+// A client and its connection. The calls of its Client and its watching thread share it.
+//
+// mChange serializes what changes the connection. Without it, two threads could leave the network under the
+// same number, the second one on behalf of the client that has been given the number since. It is held while
+// a device is asked, so no handler of the library's threads takes it.
+class ClientState : public Boundary, public std::enable_shared_from_this<ClientState> {
+public:
+    explicit ClientState(std::string_view clientType) : Boundary(Side::CLIENT), mOwnType(clientType) {}
 
-    const std::string type;
-    std::atomic<int> id{0};               // 0: not in the network
-    std::atomic<unsigned int> handle{0};  // 0: not connected
-    std::atomic<bool> broken{false};      // a block could not be sent
     Handler<std::string_view, Bytes> onData;
     Handler<> onDeviceLeft;
+    Handler<> onConnectionLost;
+    Handler<> onReconnected;
 
-    void SetDevice(unsigned int connected, const std::string& name) {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mDevice = name;
-        handle = connected;
+    int Id() const { return mId; }
+    unsigned int Handle() const { return mHandle; }
+
+    bool Join(std::error_code& error);
+    void Leave();
+    bool Connect(const std::string& type, std::chrono::milliseconds patience, std::error_code& error);
+    bool Connect(const DeviceInfo& device, std::error_code& error);
+    void Disconnect();
+    bool Subscribe(const std::string& service, const SubscribeOptions& options, std::error_code& error);
+    bool Unsubscribe(const std::string& service, std::error_code& error);
+    bool Order(const char* name, const char* parameter, std::error_code& error) const;
+    bool Send(Bytes block, std::error_code& error);
+
+    bool IsJoined(std::error_code& error) const { return Outcome(mId != 0, Errc::NOT_JOINED, error); }
+    bool IsConnected(std::error_code& error) const {
+        return IsJoined(error) && Outcome(mHandle != 0, Errc::NOT_CONNECTED, error);
     }
+
+    // Starts the thread that notices the end of a connection. It runs until StopWatching.
+    void Watch();
+    void StopWatching();
+    void StayConnected(bool wanted);
+
+    void OnDeviceRemoved();
+    // Another client of the process has closed this one's channel.
+    void OnChannelTaken() {
+        mBroken = true;
+        Lose();
+    }
+
+private:
+    using Subscriptions = std::map<std::string, SubscribeOptions>;
+
+    bool LeaveNetwork();
+    bool JoinAgain(std::error_code& error);
+    bool Open(const DeviceInfo& device, std::error_code& error);
+    void End();
+    unsigned int SayGoodbye();
+    bool SendSubscription(const std::string& service, const SubscribeOptions& options,
+                          std::error_code& error) const;
+
+    void RunWatch();
+    void Lose();
+    void CheckDevice();
+    bool Answers(unsigned int handle) const;
+    void ConnectAgain();
+    bool WantsConnection() const;
+    bool TryToConnectAgain();
 
     // The name of the connected device, or none.
     std::string Device() const {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return handle != 0 ? mDevice : std::string();
+        return mHandle != 0 ? mDevice.name : std::string();
     }
 
-private:
-    mutable std::mutex mMutex;
-    std::string mDevice;
+    const std::string mOwnType;
+    std::mutex mChange;
+    std::atomic<int> mId{0};               // 0: not in the network
+    std::atomic<unsigned int> mHandle{0};  // 0: not connected
+    std::atomic<bool> mBroken{false};      // this side has closed the channel, or has to
+    std::atomic<unsigned int> mRemovals{0};
+
+    mutable std::mutex mMutex;  // guards what follows; held for moments only
+    std::condition_variable mWake;
+    DeviceInfo mDevice;            // the connected one, or the one to connect to again; no type: none
+    Subscriptions mSubscriptions;  // of this connection
+    bool mMayBeLost = false;       // connected, and no end of it was reported yet
+    bool mLost = false;            // an end that the watching thread has to report
+    bool mStayConnected = false;
+    bool mStop = false;
+    std::thread mThread;
 };
 
 struct DeviceState : Boundary {
+    DeviceState() : Boundary(Side::DEVICE) {}
+
     Handler<std::string_view, std::string_view> onCommand;
     Handler<const Subscription&> onSubscribe;
     Handler<const Subscription&> onUnsubscribe;
     Handler<int, Bytes> onData;
+
+    void SetSubscriber(std::string_view service, int client, bool subscribed) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        std::vector<int>& clients = mSubscribers[std::string(service)];
+        clients.erase(std::remove(clients.begin(), clients.end(), client), clients.end());
+        if (subscribed) {
+            clients.push_back(client);
+        }
+    }
+
+    void ForgetSubscribers() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mSubscribers.clear();
+    }
+
+    std::vector<int> Subscribers(std::string_view service) const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const auto found = mSubscribers.find(service);
+        return found != mSubscribers.end() ? found->second : std::vector<int>();
+    }
+
+private:
+    mutable std::mutex mMutex;
+    std::map<std::string, std::vector<int>, std::less<>> mSubscribers;
 };
 
-// Whose callbacks the library's are: it tells the number of a client and nothing else.
+// Finds the object that a callback of the library is for: the library passes the number of a client, and of a
+// device nothing.
 class Directory {
 public:
     // Outlives main, as threads of the library may.
@@ -378,10 +500,20 @@ public:
     bool AnyoneUses(unsigned int handle) const {
         const std::lock_guard<std::mutex> lock(mMutex);
         return std::any_of(mClients.begin(), mClients.end(),
-                           [&](const auto& client) { return client && client->handle == handle; });
+                           [&](const auto& client) { return client && client->Handle() == handle; });
     }
 
-    // Fails where another one is it.
+    // The clients that are connected to another device.
+    std::vector<std::shared_ptr<ClientState>> UsersOfOthers(unsigned int handle) const {
+        std::vector<std::shared_ptr<ClientState>> users;
+        const std::lock_guard<std::mutex> lock(mMutex);
+        std::copy_if(mClients.begin(), mClients.end(), std::back_inserter(users), [&](const auto& client) {
+            return client && client->Handle() != 0 && client->Handle() != handle;
+        });
+        return users;
+    }
+
+    // Fails if another one is the process's device.
     bool BecomeDevice(const std::shared_ptr<DeviceState>& device) {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (mDevice == nullptr) {
@@ -407,10 +539,30 @@ public:
         return mDevice;
     }
 
+    // Ends the library's server. One that failed to start, or to stop, keeps its type for the next one.
+    bool StopServer() {
+        const bool stopped = LUM_DeInitServer() == 0;
+        mKeepsType = !stopped;
+        return stopped;
+    }
+
+    void LeaveServerRunning() { mKeepsType = true; }
+
+    // Starts the library's server under the type of this record.
+    bool StartServer(const LUM_DEVICE_INFO_S& record) {
+        if (mKeepsType && !StopServer()) {
+            LUM_RegisterAiDevInfo(&record);  // this changes the type, too
+        }
+        const std::string type(TextOf(record.devServiceType));
+        mKeepsType = false;
+        return LUM_InitServer(type.c_str()) == 0;
+    }
+
 private:
     mutable std::mutex mMutex;
     std::array<std::shared_ptr<ClientState>, LUM_MAX_CLIENTS + 1> mClients;
     std::shared_ptr<DeviceState> mDevice;
+    std::atomic<bool> mKeepsType{false};
 };
 
 // What the library calls. The results are not used.
@@ -418,8 +570,7 @@ private:
 inline int OnClientEvent(int id, LUM_EVENT_E event) noexcept {
     const std::shared_ptr<ClientState> client = Directory::Instance().Client(id);
     if (client != nullptr && event == LUM_EVENT_DEVICE_REMOVED) {
-        client->handle = 0;
-        client->Contain([&] { client->onDeviceLeft.Call(); });
+        client->OnDeviceRemoved();
     }
     return 0;
 }
@@ -427,14 +578,16 @@ inline int OnClientEvent(int id, LUM_EVENT_E event) noexcept {
 inline int OnDeviceEvent(LUM_DEVICE_EVENT_S event) noexcept {
     const std::shared_ptr<ClientState> client = Directory::Instance().Client(event.clientID);
     if (client != nullptr && event.eventType == LUM_DEVICE_EVENT_DATA) {
-        client->Contain([&] { client->onData.Call(TextOf(event.serviceName), {event.data, event.dataLen}); });
+        client->RunHandler([&] {
+            client->onData.Call(TextOf(event.serviceName), {event.data, event.dataLen});
+        });
     }
     return 0;
 }
 
 inline int OnCommand(const char* name, const char* parameter) noexcept {
     if (const std::shared_ptr<DeviceState> device = Directory::Instance().Device()) {
-        device->Contain([&] { device->onCommand.Call(name, parameter); });
+        device->RunHandler([&] { device->onCommand.Call(name, parameter); });
     }
     return 0;
 }
@@ -443,23 +596,27 @@ inline int OnNotify(int client, int event, LUM_SUBSCRIBE_SERVICE_S record) noexc
     if (const std::shared_ptr<DeviceState> device = Directory::Instance().Device()) {
         const Subscription subscription = {client, TextOf(record.serviceName), record.dataSource,
                                            static_cast<Transport>(record.transport)};
-        const auto& handler = event == LUM_NOTIFY_SUBSCRIBED ? device->onSubscribe : device->onUnsubscribe;
-        device->Contain([&] { handler.Call(subscription); });
+        const bool subscribed = event == LUM_NOTIFY_SUBSCRIBED;
+        const auto& handler = subscribed ? device->onSubscribe : device->onUnsubscribe;
+        device->RunHandler([&] {
+            device->SetSubscriber(subscription.service, client, subscribed);
+            handler.Call(subscription);
+        });
     }
     return 0;
 }
 
 inline int OnData(int client, const char* data, unsigned int length) noexcept {
     if (const std::shared_ptr<DeviceState> device = Directory::Instance().Device()) {
-        device->Contain([&] { device->onData.Call(client, {data, length}); });
+        device->RunHandler([&] { device->onData.Call(client, {data, length}); });
     }
     return 0;
 }
 
-inline std::vector<DeviceInfo> DevicesOf(const LUM_DEVICES_INFO_S& found) {
+inline std::vector<DeviceInfo> DevicesOf(const LUM_DEVICES_INFO_S& found, const std::string& type) {
     std::vector<DeviceInfo> devices;
     for (const LUM_DEVICE_INFO_S* device = found.devInfo; device != found.devInfo + found.devNum; ++device) {
-        devices.push_back({std::string(TextOf(device->devServiceType)), {}});
+        devices.push_back({std::string(TextOf(device->devServiceType)), {}, type});
         for (const LUM_SERVICE_INFO_S* service = device->serviceInfo;
              service != device->serviceInfo + device->serviceNum; ++service) {
             devices.back().services.push_back({std::string(TextOf(service->serviceName)),
@@ -468,6 +625,412 @@ inline std::vector<DeviceInfo> DevicesOf(const LUM_DEVICES_INFO_S& found) {
         }
     }
     return devices;
+}
+
+inline std::vector<DeviceInfo> Search(const std::string& type) {
+    LUM_DEVICES_INFO_S found = {};
+    const bool answered = LUM_GetAiDeviceList(type.c_str(), &found) == 0;
+    return answered ? DevicesOf(found, type) : std::vector<DeviceInfo>();
+}
+
+constexpr std::chrono::milliseconds SEARCH_PAUSE{100};
+
+// Whether an attempt succeeded, of which there is at least one.
+template <typename Attempt>
+bool Repeat(std::chrono::milliseconds patience, std::chrono::milliseconds pause, const Attempt& attempt) {
+    const auto begin = std::chrono::steady_clock::now();
+    while (!attempt()) {
+        const auto passed = std::chrono::steady_clock::now() - begin;
+        if (std::chrono::duration_cast<std::chrono::milliseconds>(passed) + pause > patience) {
+            return false;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+    return true;
+}
+
+// Keeps signals away from threads that are started while it lives: they are for the application's threads.
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &mBefore);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t mBefore = {};
+};
+
+// ---- ClientState: in the network
+
+inline bool ClientState::Join(std::error_code& error) {
+    int id = -1;
+    if (LUM_InitClient(&id, mOwnType.c_str()) != 0 || LUM_RegisterEvent(id, OnClientEvent) != 0) {
+        if (id > 0) {
+            LUM_DeInitClient(id);  // or the number would stay taken
+        }
+        return Outcome(false, id == 0 ? Errc::TOO_MANY_CLIENTS : Errc::NOT_JOINED, error);
+    }
+    mId = id;
+    Directory::Instance().SetClient(id, shared_from_this());
+    return Outcome(true, Errc::NOT_JOINED, error);
+}
+
+// Fails, and changes nothing, in a handler.
+inline bool ClientState::LeaveNetwork() {
+    const int id = mId;
+    if (id == 0) {
+        return true;
+    }
+    Directory::Instance().SetClient(id, nullptr);
+    if (LUM_DeInitClient(id) != 0) {
+        Directory::Instance().SetClient(id, shared_from_this());
+        return false;
+    }
+    mId = 0;
+    return true;
+}
+
+inline void ClientState::Leave() {
+    StopWatching();
+    SayGoodbye();
+    if (!LeaveNetwork()) {
+        Directory::Instance().SetClient(mId, nullptr);
+    }
+}
+
+inline bool ClientState::JoinAgain(std::error_code& error) {
+    SayGoodbye();
+    if (!Outcome(LeaveNetwork(), Errc::CONNECT_FAILED, error)) {
+        return false;
+    }
+    mBroken = false;
+    return Join(error);
+}
+
+// ---- ClientState: the connection
+
+inline bool ClientState::Connect(const std::string& type, std::chrono::milliseconds patience,
+                                 std::error_code& error) {
+    if (!Outcome(!IsInHandler(), Errc::CONNECT_FAILED, error)) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> change(mChange);
+    if (mBroken && !JoinAgain(error)) {
+        return false;
+    }
+    if (Device() != type) {
+        End();
+    }
+    return Repeat(patience, SEARCH_PAUSE, [&] {
+        const std::vector<DeviceInfo> devices = Search(type);
+        return Outcome(!devices.empty(), Errc::NO_DEVICE, error) && Open(devices.front(), error);
+    });
+}
+
+inline bool ClientState::Connect(const DeviceInfo& device, std::error_code& error) {
+    if (!Outcome(!IsInHandler(), Errc::CONNECT_FAILED, error)) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> change(mChange);
+    if (Device() != device.name) {
+        End();
+    }
+    return Open(device, error);
+}
+
+inline bool ClientState::Open(const DeviceInfo& device, std::error_code& error) {
+    unsigned int handle = 0;
+    const unsigned int removals = mRemovals;
+    bool connected = LUM_CreateAiDevice(mId, device.name.c_str(), &handle) == 0 &&
+                     LUM_RegisterAiDeviceEvent(mId, handle, OnDeviceEvent) == 0 &&
+                     LUM_ConnectAiDevice(mId, handle) == 0;
+    if (handle != 0) {
+        for (const std::shared_ptr<ClientState>& other : Directory::Instance().UsersOfOthers(handle)) {
+            other->OnChannelTaken();
+        }
+    }
+    if (connected) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mHandle == 0) {
+            mSubscriptions.clear();
+        }
+        mDevice = device;
+        mDevice.type = device.type.empty() ? device.name : device.type;
+        mLost = false;
+        mMayBeLost = true;
+        mHandle = handle;
+    }
+    // The event of a removal may come before the handle is known here.
+    if (connected && mRemovals != removals) {
+        connected = false;
+        mHandle = 0;
+    }
+    return Outcome(connected, Errc::CONNECT_FAILED, error);
+}
+
+inline void ClientState::Disconnect() {
+    if (!IsInHandler()) {
+        const std::lock_guard<std::mutex> change(mChange);
+        End();
+    }
+}
+
+inline void ClientState::End() {
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mDevice = {};
+        mSubscriptions.clear();
+        mLost = mMayBeLost = false;
+    }
+    const unsigned int handle = SayGoodbye();
+    if (handle == 0) {
+        return;
+    }
+    LUM_DisconnectAiDevice(mId, handle);
+    // The device ends a channel that has no clients left, and with it ends what is connected before this side
+    // has noticed.
+    Repeat(std::chrono::seconds(1), std::chrono::milliseconds(1), [&] {
+        return mBroken || Directory::Instance().AnyoneUses(handle) ||
+               LUM_RegisterAiDeviceEvent(mId, handle, OnDeviceEvent) != 0;
+    });
+}
+
+// Gives the handle of the connection that has ended, or 0.
+inline unsigned int ClientState::SayGoodbye() {
+    const unsigned int handle = mHandle.exchange(0);
+    if (handle != 0) {
+        LUM_DestoryAiDevice(mId, handle);
+    }
+    return handle;
+}
+
+// ---- ClientState: what is asked of the device
+
+inline bool ClientState::Order(const char* name, const char* parameter, std::error_code& error) const {
+    return IsConnected(error) &&
+           Outcome(LUM_SendCmd(mId, mHandle, name, parameter) == 0, Errc::REFUSED, error);
+}
+
+inline bool ClientState::SendSubscription(const std::string& service, const SubscribeOptions& options,
+                                          std::error_code& error) const {
+    LUM_SUBSCRIBE_SERVICE_S record = {};
+    SetField(record.serviceName, service);
+    record.dataSource = options.source;
+    record.transport = static_cast<int>(options.transport);
+    return Order("subscribe", reinterpret_cast<const char*>(&record), error);
+}
+
+inline bool ClientState::Subscribe(const std::string& service, const SubscribeOptions& options,
+                                   std::error_code& error) {
+    if (!SendSubscription(service, options, error)) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mSubscriptions[service] = options;
+    return true;
+}
+
+inline bool ClientState::Unsubscribe(const std::string& service, std::error_code& error) {
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mSubscriptions.erase(service);
+    }
+    return Order("unsubscribe", service.c_str(), error);
+}
+
+inline bool ClientState::Send(Bytes block, std::error_code& error) {
+    unsigned int sent = 0;
+    const int result = LUM_SendData(mId, mHandle, block.data(), static_cast<unsigned int>(block.size()),
+                                    &sent, LUM_MAX_CLIENT_TIMEOUT_MS);
+    if (SendOutcome(result, sent, block.size(), error)) {
+        return true;
+    }
+    if (!IsInHandler()) {  // a call that was refused in a handler says nothing of the connection
+        mBroken = true;
+        Lose();
+    }
+    return false;
+}
+
+// ---- ClientState: the end of the connection
+
+inline void ClientState::OnDeviceRemoved() {
+    ++mRemovals;
+    mHandle = 0;
+    RunHandler([this] { onDeviceLeft.Call(); });
+    Lose();
+}
+
+inline void ClientState::Lose() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mLost = mLost || mMayBeLost;
+    mMayBeLost = false;
+    mWake.notify_all();
+}
+
+inline void ClientState::StayConnected(bool wanted) {
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mStayConnected = wanted;
+    }
+    if (wanted) {
+        Watch();
+    }
+}
+
+inline void ClientState::Watch() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (!mThread.joinable() && !mStop) {
+        const SignalsBlocked blocked;
+        mThread = std::thread([self = shared_from_this()] { self->RunWatch(); });
+    }
+}
+
+inline void ClientState::StopWatching() {
+    std::thread thread;
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mStop = true;
+        mWake.notify_all();
+        thread.swap(mThread);
+    }
+    if (!thread.joinable()) {
+        return;
+    }
+    if (thread.get_id() == std::this_thread::get_id() || IsInHandler()) {
+        thread.detach();  // joining would wait for this very call
+    } else {
+        thread.join();
+    }
+}
+
+inline void ClientState::RunWatch() {
+    // No event reports a connection that breaks while the device stays, so the device is asked.
+    constexpr std::chrono::seconds CHECK_INTERVAL{2};
+    std::unique_lock<std::mutex> lock(mMutex);
+    while (!mStop) {
+        const bool woken = mWake.wait_for(lock, CHECK_INTERVAL, [this] { return mStop || mLost; });
+        const bool lost = !mStop && std::exchange(mLost, false);
+        lock.unlock();
+        if (lost) {
+            Contain([this] { onConnectionLost.Call(); });
+            ConnectAgain();
+        } else if (!woken) {
+            CheckDevice();
+        }
+        lock.lock();
+    }
+}
+
+inline void ClientState::CheckDevice() {
+    const unsigned int handle = mHandle;
+    if (handle == 0 || mBroken || Answers(handle) || mHandle != handle) {
+        return;
+    }
+    // The library forgets the handle when the channel ends. If it still knows the handle, the device is
+    // silent, and the next Connect has to give up the channel.
+    if (LUM_RegisterAiDeviceEvent(mId, handle, OnDeviceEvent) == 0) {
+        mBroken = true;
+    } else {
+        unsigned int ended = handle;
+        mHandle.compare_exchange_strong(ended, 0);
+    }
+    Lose();
+}
+
+// One answer may get lost on its way.
+inline bool ClientState::Answers(unsigned int handle) const {
+    std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
+    const auto ask = [&] { return LUM_GetServerVersion(mId, handle, text.data(), text.size()) == 0; };
+    return ask() || ask();
+}
+
+inline void ClientState::ConnectAgain() {
+    constexpr std::chrono::milliseconds PAUSE{500};
+    while (WantsConnection()) {
+        if (TryToConnectAgain()) {
+            Contain([this] { onReconnected.Call(); });
+            return;
+        }
+        std::unique_lock<std::mutex> lock(mMutex);
+        mWake.wait_for(lock, PAUSE, [this] { return mStop; });
+    }
+}
+
+inline bool ClientState::WantsConnection() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return !mStop && mStayConnected && !mDevice.type.empty() && (mHandle == 0 || mBroken);
+}
+
+// The number behind a type may be another one each time, so the services decide which device it is.
+inline bool ClientState::TryToConnectAgain() {
+    const std::lock_guard<std::mutex> change(mChange);
+    std::error_code error;
+    if (!WantsConnection() || (mBroken && !JoinAgain(error))) {
+        return false;
+    }
+    std::unique_lock<std::mutex> lock(mMutex);
+    const std::string type = mDevice.type;
+    const Subscriptions subscriptions = mSubscriptions;
+    lock.unlock();
+    const auto hasAll = [&](const DeviceInfo& device) {
+        return std::all_of(subscriptions.begin(), subscriptions.end(),
+                           [&](const auto& one) { return device.Offers(one.first); });
+    };
+    const std::vector<DeviceInfo> devices = Search(type);
+    const auto device = std::find_if(devices.begin(), devices.end(), hasAll);
+    // An attempt that failed may have left a channel that this side has closed: the next one begins anew.
+    mBroken = device != devices.end() && !Open(*device, error);
+    const bool connected = device != devices.end() && !mBroken &&
+                           std::all_of(subscriptions.begin(), subscriptions.end(), [&](const auto& one) {
+                               return SendSubscription(one.first, one.second, error);
+                           });
+    lock.lock();
+    mSubscriptions = subscriptions;
+    if (!connected) {
+        mHandle = 0;
+        mMayBeLost = mLost = false;
+    }
+    return connected;
+}
+
+// ---- The device's description
+
+// The length of a text in JSON as the library writes it.
+inline std::size_t JsonLength(std::string_view text) {
+    constexpr unsigned char FIRST_PLAIN = 0x20;
+    std::size_t length = 2;
+    for (const char character : text) {
+        const bool isShort = std::string_view("\"\\\b\f\n\r\t").find(character) != std::string_view::npos;
+        const bool isControl = static_cast<unsigned char>(character) < FIRST_PLAIN;
+        length += isShort ? 2 : isControl ? 6 : 1;
+    }
+    return length;
+}
+
+// The length of the document that describes a device.
+inline std::size_t DescriptionLength(const LUM_DEVICE_INFO_S& record) {
+    constexpr std::string_view HEAD = R"({"DevServiceType":,"ServiceNum":0})";
+    constexpr std::string_view ENTRY = R"(,"service0":{"Name":,"transport":0,"output-len-bytes":})";
+    std::size_t length = HEAD.size() + JsonLength(TextOf(record.devServiceType));
+    for (const LUM_SERVICE_INFO_S* service = record.serviceInfo;
+         service != record.serviceInfo + record.serviceNum; ++service) {
+        length += ENTRY.size() + JsonLength(TextOf(service->serviceName)) +
+                  std::to_string(service->outputLenBytes).size();
+    }
+    return length;
+}
+
+// The library refuses a description that is too long only after it has dropped the one before, so this side
+// measures it first.
+inline bool DescriptionFits(const LUM_DEVICE_INFO_S& record) {
+    constexpr std::size_t LIMIT = 1024;
+    return DescriptionLength(record) <= LIMIT;
 }
 
 }  // namespace detail
@@ -514,17 +1077,14 @@ public:
     /// progress.
     ~Client() {
         if (mState != nullptr) {
-            SayGoodbye();
-            if (!Leave()) {
-                detail::Directory::Instance().SetClient(mState->id, nullptr);
-            }
+            mState->Leave();
         }
     }
 
     /// By this number, 1 to 20, a device tells the clients of a process apart. 0: not in the network.
-    int Id() const { return mState != nullptr ? mState->id.load() : 0; }
+    int Id() const { return mState != nullptr ? mState->Id() : 0; }
 
-    // ---- Handlers. What nobody handles is forgotten.
+    // ---- Handlers. Without a handler, what would be given to it is dropped.
 
     /// For each block that the device sends on a service that was subscribed to. Set it before Subscribe.
     void OnData(std::function<void(std::string_view service, Bytes data)> handler) {
@@ -533,11 +1093,29 @@ public:
         }
     }
 
-    /// For the connected device's leaving the network. Of a connection that breaks while the device stays
-    /// nobody tells: from then on calls fail, until Connect begins anew.
+    /// Called when the connected device leaves the network. Not called when only the connection ends, as when
+    /// the device's process is killed; OnConnectionLost is.
     void OnDeviceLeft(std::function<void()> handler) {
         if (mState != nullptr) {
             mState->onDeviceLeft.Set(std::move(handler));
+        }
+    }
+
+    /// Called once for each connection that ends without a Disconnect: the device left or died, another
+    /// client process has taken its place, or a block could not be sent. A thread of this client asks the
+    /// device every two seconds, so a device that died is noticed within three. From then on calls fail,
+    /// until Connect begins anew. The handler runs on that thread and may call this client.
+    void OnConnectionLost(std::function<void()> handler) {
+        if (mState != nullptr) {
+            mState->onConnectionLost.Set(std::move(handler));
+            mState->Watch();
+        }
+    }
+
+    /// Called after StayConnected has connected and subscribed again, on the thread of OnConnectionLost.
+    void OnReconnected(std::function<void()> handler) {
+        if (mState != nullptr) {
+            mState->onReconnected.Set(std::move(handler));
         }
     }
 
@@ -562,8 +1140,8 @@ public:
                                  std::error_code& error) {
         std::vector<DeviceInfo> devices;
         if (MayUse(type, error)) {
-            Repeat(patience, SEARCH_PAUSE, [&] {
-                devices = Search(type);
+            detail::Repeat(patience, detail::SEARCH_PAUSE, [&] {
+                devices = detail::Search(std::string(type));
                 return !devices.empty();
             });
         }
@@ -582,19 +1160,7 @@ public:
                         [&](std::error_code& error) { return Connect(type, patience, error); });
     }
     bool Connect(std::string_view type, std::chrono::milliseconds patience, std::error_code& error) {
-        if (!MayUse(type, error)) {
-            return false;
-        }
-        if (mState->broken && !JoinAgain(error)) {
-            return false;
-        }
-        if (mState->Device() != type) {
-            Disconnect();
-        }
-        return Repeat(patience, SEARCH_PAUSE, [&] {
-            const std::vector<DeviceInfo> devices = Search(type);
-            return detail::Outcome(!devices.empty(), Errc::NO_DEVICE, error) && Open(devices.front(), error);
-        });
+        return MayUse(type, error) && mState->Connect(std::string(type), patience, error);
     }
 
     /// The same for a device of the last search, once. Errors: NOT_JOINED, CONNECT_FAILED.
@@ -603,28 +1169,24 @@ public:
                         [&](std::error_code& error) { return Connect(device, error); });
     }
     bool Connect(const DeviceInfo& device, std::error_code& error) {
-        if (!MayUse(device.name, error)) {
-            return false;
+        return MayUse(device.name, error) && mState->Connect(device, error);
+    }
+
+    /// From now on, a connection that is lost is opened again: the client searches for a device of the same
+    /// type that offers the services it was subscribed to, connects, and repeats its subscriptions. It tries
+    /// until it succeeds, or until Disconnect, Connect, StayConnected(false) or its end. What was sent
+    /// meanwhile is lost. Nothing happens before the first Connect has succeeded.
+    void StayConnected(bool wanted = true) {
+        if (mState != nullptr) {
+            mState->StayConnected(wanted);
         }
-        if (mState->Device() != device.name) {
-            Disconnect();
-        }
-        return Open(device, error);
     }
 
     /// Says goodbye: the device ends this client's subscriptions. Without a connection, nothing happens.
     void Disconnect() {
-        const unsigned int handle = SayGoodbye();
-        if (handle == 0) {
-            return;
+        if (mState != nullptr) {
+            mState->Disconnect();
         }
-        LUM_DisconnectAiDevice(mState->id, handle);
-        // The device ends a channel that has no clients left, and with it ends what is connected before this
-        // side has noticed.
-        Repeat(std::chrono::seconds(1), std::chrono::milliseconds(1), [&] {
-            return mState->broken || detail::Directory::Instance().AnyoneUses(handle) ||
-                   LUM_RegisterAiDeviceEvent(mState->id, handle, detail::OnDeviceEvent) != 0;
-        });
     }
 
     // ---- What can be asked of the connected device. Errors of all: NOT_JOINED, NOT_CONNECTED.
@@ -637,11 +1199,7 @@ public:
     bool Subscribe(std::string_view service, std::error_code& error) { return Subscribe(service, {}, error); }
     /// The same, with wishes.
     bool Subscribe(std::string_view service, const SubscribeOptions& options, std::error_code& error) {
-        LUM_SUBSCRIBE_SERVICE_S record = {};
-        detail::SetField(record.serviceName, service);
-        record.dataSource = options.source;
-        record.transport = static_cast<int>(options.transport);
-        return MayUse(service, error) && Order("subscribe", reinterpret_cast<const char*>(&record), error);
+        return MayUse(service, error) && mState->Subscribe(std::string(service), options, error);
     }
 
     /// Ends a subscription. Errors: BAD_NAME, REFUSED (there is none).
@@ -650,7 +1208,7 @@ public:
                         [&](std::error_code& error) { return Unsubscribe(service, error); });
     }
     bool Unsubscribe(std::string_view service, std::error_code& error) {
-        return MayUse(service, error) && Order("unsubscribe", std::string(service).c_str(), error);
+        return MayUse(service, error) && mState->Unsubscribe(std::string(service), error);
     }
 
     /// Has the device's OnCommand run, once; it has no result, what it has to say comes as data. Name and
@@ -661,7 +1219,8 @@ public:
     }
     bool Command(std::string_view name, std::string_view parameter, std::error_code& error) {
         return detail::Outcome(detail::IsCommand(name, parameter), Errc::BAD_COMMAND, error) &&
-               Order(std::string(name).c_str(), std::string(parameter).c_str(), error);
+               IsJoined(error) &&
+               mState->Order(std::string(name).c_str(), std::string(parameter).c_str(), error);
     }
 
     /// Sends a block of 1 to 5,242,880 bytes, which the device's OnData is given in one piece. Returns when
@@ -672,16 +1231,8 @@ public:
     }
     bool Send(Bytes block, std::error_code& error) {
         const bool fits = !block.empty() && block.size() <= LUM_MAX_CLIENT_DATA_LENGTH;
-        if (!IsConnected(error) || !detail::Outcome(fits, Errc::BAD_SIZE, error)) {
-            return false;
-        }
-        unsigned int sent = 0;
-        const int result =
-            LUM_SendData(mState->id, mState->handle, block.data(), static_cast<unsigned int>(block.size()),
-                         &sent, LUM_MAX_CLIENT_TIMEOUT_MS);
-        mState->broken = result != 0 || sent != block.size();
-        return detail::Outcome(result == 0, Errc::SEND_FAILED, error) &&
-               detail::Outcome(sent == block.size(), Errc::INCOMPLETE, error);
+        return IsConnected(error) && detail::Outcome(fits, Errc::BAD_SIZE, error) &&
+               mState->Send(block, error);
     }
 
     /// The version of the device's library; asks the device. Errors: REFUSED.
@@ -692,7 +1243,7 @@ public:
     std::string DeviceVersion(std::error_code& error) {
         std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
         if (IsConnected(error)) {
-            const int result = LUM_GetServerVersion(mState->id, mState->handle, text.data(), text.size());
+            const int result = LUM_GetServerVersion(Id(), mState->Handle(), text.data(), text.size());
             detail::Outcome(result == 0, Errc::REFUSED, error);
         }
         return text.data();
@@ -706,118 +1257,29 @@ public:
     std::string LibraryVersion(std::error_code& error) {
         std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
         if (IsJoined(error)) {
-            const int result = LUM_GetClientVersion(mState->id, text.data(), text.size());
+            const int result = LUM_GetClientVersion(Id(), text.data(), text.size());
             detail::Outcome(result == 0, Errc::REFUSED, error);
         }
         return text.data();
     }
 
 private:
-    static constexpr std::chrono::milliseconds SEARCH_PAUSE{100};
-
     bool Join(std::string_view type, std::error_code& error) {
         if (!detail::Outcome(detail::IsName(type), Errc::BAD_NAME, error)) {
             return false;
         }
         mState = std::make_shared<detail::ClientState>(type);
-        return Join(error);
-    }
-
-    bool Join(std::error_code& error) {
-        int id = -1;
-        if (LUM_InitClient(&id, mState->type.c_str()) != 0 ||
-            LUM_RegisterEvent(id, detail::OnClientEvent) != 0) {
-            if (id > 0) {
-                LUM_DeInitClient(id);  // or the number would stay taken
-            }
-            return detail::Outcome(false, id == 0 ? Errc::TOO_MANY_CLIENTS : Errc::NOT_JOINED, error);
-        }
-        mState->id = id;
-        detail::Directory::Instance().SetClient(id, mState);
-        return detail::Outcome(true, Errc::NOT_JOINED, error);
-    }
-
-    // Fails, and changes nothing, where it is called from a handler.
-    bool Leave() {
-        const int id = mState->id;
-        if (id == 0) {
-            return true;
-        }
-        detail::Directory::Instance().SetClient(id, nullptr);
-        if (LUM_DeInitClient(id) != 0) {
-            detail::Directory::Instance().SetClient(id, mState);
-            return false;
-        }
-        mState->id = 0;
-        return true;
-    }
-
-    bool JoinAgain(std::error_code& error) {
-        SayGoodbye();
-        if (!detail::Outcome(Leave(), Errc::CONNECT_FAILED, error)) {
-            return false;
-        }
-        mState->broken = false;
-        return Join(error);
+        return mState->Join(error);
     }
 
     bool IsJoined(std::error_code& error) const {
-        return detail::Outcome(mState != nullptr && mState->id != 0, Errc::NOT_JOINED, error);
+        return detail::Outcome(mState != nullptr, Errc::NOT_JOINED, error) && mState->IsJoined(error);
     }
+
+    bool IsConnected(std::error_code& error) const { return IsJoined(error) && mState->IsConnected(error); }
 
     bool MayUse(std::string_view name, std::error_code& error) const {
         return IsJoined(error) && detail::Outcome(detail::IsName(name), Errc::BAD_NAME, error);
-    }
-
-    bool IsConnected(std::error_code& error) const {
-        return IsJoined(error) && detail::Outcome(mState->handle != 0, Errc::NOT_CONNECTED, error);
-    }
-
-    // Whether an attempt succeeded, of which there is at least one.
-    template <typename Attempt>
-    static bool Repeat(std::chrono::milliseconds patience, std::chrono::milliseconds pause,
-                       const Attempt& attempt) {
-        const auto begin = std::chrono::steady_clock::now();
-        while (!attempt()) {
-            const auto passed = std::chrono::steady_clock::now() - begin;
-            if (std::chrono::duration_cast<std::chrono::milliseconds>(passed) + pause > patience) {
-                return false;
-            }
-            std::this_thread::sleep_for(pause);
-        }
-        return true;
-    }
-
-    static std::vector<DeviceInfo> Search(std::string_view type) {
-        LUM_DEVICES_INFO_S found = {};
-        const bool answered = LUM_GetAiDeviceList(std::string(type).c_str(), &found) == 0;
-        return answered ? detail::DevicesOf(found) : std::vector<DeviceInfo>();
-    }
-
-    bool Open(const DeviceInfo& device, std::error_code& error) {
-        unsigned int handle = 0;
-        const bool connected = LUM_CreateAiDevice(mState->id, device.name.c_str(), &handle) == 0 &&
-                               LUM_RegisterAiDeviceEvent(mState->id, handle, detail::OnDeviceEvent) == 0 &&
-                               LUM_ConnectAiDevice(mState->id, handle) == 0;
-        if (connected) {
-            mState->SetDevice(handle, device.name);
-        }
-        return detail::Outcome(connected, Errc::CONNECT_FAILED, error);
-    }
-
-    // Gives the handle of the connection that has ended, or 0.
-    unsigned int SayGoodbye() {
-        const unsigned int handle = mState != nullptr ? mState->handle.exchange(0) : 0;
-        if (handle != 0) {
-            LUM_DestoryAiDevice(mState->id, handle);
-        }
-        return handle;
-    }
-
-    bool Order(const char* name, const char* parameter, std::error_code& error) {
-        return IsConnected(error) &&
-               detail::Outcome(LUM_SendCmd(mState->id, mState->handle, name, parameter) == 0, Errc::REFUSED,
-                               error);
     }
 
     std::shared_ptr<detail::ClientState> mState;
@@ -831,15 +1293,17 @@ private:
 /// started. It serves the clients of one process at a time.
 class Device {
 public:
-    /// Nobody sees it before Start. A type has 1 to 39 characters.
+    /// Clients cannot find it before Start. A type has 1 to 39 characters.
     explicit Device(std::string type) : mType(std::move(type)) {}
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
     /// Leaves the network. Waits for handlers in progress.
     ~Device() {
-        std::error_code ignored;
-        Stop(ignored);
+        std::error_code error;
+        if (!Stop(error)) {
+            detail::Directory::Instance().LeaveServerRunning();
+        }
         detail::Directory::Instance().ForgetDevice(mState);
     }
 
@@ -851,7 +1315,8 @@ public:
         return *this;
     }
 
-    // ---- Handlers. What nobody handles is forgotten; what comes before Start has returned is handled, too.
+    // ---- Handlers. Without a handler, what would be given to it is dropped. They may run before Start has
+    // ---- returned.
 
     /// For each command of a client, of which the library does not say which one it is.
     void OnCommand(std::function<void(std::string_view name, std::string_view parameter)> handler) {
@@ -881,27 +1346,22 @@ public:
     // ---- In the network
 
     /// Joins the network and registers the services, at least one. Called again, it registers those that were
-    /// added since, and drops all subscriptions. Errors: BAD_NAME, BAD_SERVICES, DEVICE_EXISTS, NOT_JOINED.
+    /// added since, and drops all subscriptions. If it fails, a running device goes on as it was, and one
+    /// that did not run leaves nothing behind for the next. Errors: BAD_NAME, BAD_SERVICES, DEVICE_EXISTS,
+    /// NOT_JOINED (called from a handler, for one).
     void Start() {
         detail::OrThrow("lumora::Device::Start", [&](std::error_code& error) { return Start(error); });
     }
     bool Start(std::error_code& error) {
         LUM_DEVICE_INFO_S record = {};
-        if (!Describe(record, error)) {
+        if (!Describe(record, error) || !detail::Outcome(!mState->IsInHandler(), Errc::NOT_JOINED, error)) {
             return false;
         }
+        const std::lock_guard<std::mutex> lock(mLifeMutex);
         detail::Directory& directory = detail::Directory::Instance();
         const bool again = directory.IsDevice(mState);
-        if (!detail::Outcome(directory.BecomeDevice(mState), Errc::DEVICE_EXISTS, error)) {
-            return false;
-        }
-        const bool started = detail::Outcome(LUM_InitServer(mType.c_str()) == 0, Errc::NOT_JOINED, error) &&
-                             detail::Outcome(LUM_RegisterAiDevInfo(&record) == 0, Errc::BAD_SERVICES, error);
-        if (!started && !again) {
-            LUM_DeInitServer();
-            directory.ForgetDevice(mState);
-        }
-        return started;
+        return detail::Outcome(directory.BecomeDevice(mState), Errc::DEVICE_EXISTS, error) &&
+               (again ? Register(record, error) : Begin(record, error));
     }
 
     /// Leaves the network: what is subscribed and connected ends. Waits for handlers in progress. Start may
@@ -910,18 +1370,27 @@ public:
         detail::OrThrow("lumora::Device::Stop", [&](std::error_code& error) { return Stop(error); });
     }
     bool Stop(std::error_code& error) {
+        if (!detail::Outcome(!mState->IsInHandler(), Errc::STOP_FAILED, error)) {
+            return false;
+        }
+        const std::lock_guard<std::mutex> lock(mLifeMutex);
         detail::Directory& directory = detail::Directory::Instance();
         const bool running = directory.IsDevice(mState);
-        if (!detail::Outcome(!running || LUM_DeInitServer() == 0, Errc::STOP_FAILED, error)) {
+        if (!detail::Outcome(!running || directory.StopServer(), Errc::STOP_FAILED, error)) {
             return false;
         }
         directory.ForgetDevice(mState);
+        mState->ForgetSubscribers();
         return true;
     }
 
-    /// Sends a block of 1 to 1,024,000 bytes to every client that subscribed to the service; nobody may have.
+    /// The clients that are subscribed to a service at the moment: a device need not produce what no client
+    /// takes. Their order has no meaning.
+    std::vector<int> Subscribers(std::string_view service) const { return mState->Subscribers(service); }
+
+    /// Sends a block of 1 to 1,024,000 bytes to every client that subscribed to the service, if any did.
     /// Returns when the system has taken all of it, and gives up when half a second passes without any
-    /// progress; that limit is fixed. Errors: NOT_JOINED, BAD_NAME, BAD_SIZE, SEND_FAILED (also where the
+    /// progress; that limit is fixed. Errors: NOT_JOINED, BAD_NAME, BAD_SIZE, SEND_FAILED (also if the
     /// service is not offered), INCOMPLETE.
     void Send(std::string_view service, Bytes block) {
         detail::OrThrow("lumora::Device::Send",
@@ -939,11 +1408,26 @@ public:
         const int result =
             LUM_SendDataToClient(std::string(service).c_str(), block.data(),
                                  static_cast<unsigned int>(block.size()), &sent, LUM_MAX_SERVER_TIMEOUT_MS);
-        return detail::Outcome(result == 0, Errc::SEND_FAILED, error) &&
-               detail::Outcome(sent == block.size(), Errc::INCOMPLETE, error);
+        return detail::SendOutcome(result, sent, block.size(), error);
     }
 
 private:
+    bool Begin(const LUM_DEVICE_INFO_S& record, std::error_code& error) {
+        detail::Directory& directory = detail::Directory::Instance();
+        if (detail::Outcome(directory.StartServer(record), Errc::NOT_JOINED, error) &&
+            Register(record, error)) {
+            return true;
+        }
+        directory.StopServer();
+        directory.ForgetDevice(mState);
+        return false;
+    }
+
+    bool Register(const LUM_DEVICE_INFO_S& record, std::error_code& error) {
+        mState->ForgetSubscribers();  // first: new ones may come before the next call returns
+        return detail::Outcome(LUM_RegisterAiDevInfo(&record) == 0, Errc::BAD_SERVICES, error);
+    }
+
     bool Describe(LUM_DEVICE_INFO_S& record, std::error_code& error) const {
         const std::lock_guard<std::mutex> lock(mMutex);
         const bool named = detail::IsName(mType) &&
@@ -964,11 +1448,14 @@ private:
         record.OnCommand = detail::OnCommand;
         record.OnEventNotify = detail::OnNotify;
         record.OnData = detail::OnData;
-        return true;
+        return detail::Outcome(detail::DescriptionFits(record), Errc::BAD_SERVICES, error);
     }
 
     const std::string mType;
-    mutable std::mutex mMutex;  // of the services
+    // Serializes Start and Stop: another thread's Start must not come between the end of the library's server
+    // and the moment when this device is forgotten. No handler takes it.
+    std::mutex mLifeMutex;
+    mutable std::mutex mMutex;  // guards mServices
     std::vector<Service> mServices;
     const std::shared_ptr<detail::DeviceState> mState = std::make_shared<detail::DeviceState>();
 };

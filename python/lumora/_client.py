@@ -41,6 +41,7 @@ from ._taking import Taking
 
 # No event tells of a broken connection, but every call that needs the device fails from then on.
 _CHECK_INTERVAL = 2.0
+_RECONNECT_PAUSE = 0.5
 _SEARCH_PAUSE = 0.1
 _CLIENT_PORT = 6667
 _CONNECTION_ENDED = "the connection to the device has ended"
@@ -92,21 +93,28 @@ class Client:
     Joins the network at once and leaves it by close(), at the end of a with statement or, at the latest, when
     the interpreter ends. `name` is the type under which this host appears to others. Any thread may call any
     method; callbacks may, too, because they run on threads of this package.
+
+    With `reconnect`, a connection that is lost is opened again: a thread of the client searches for a device
+    of the same type that has the services subscribed to, connects and subscribes again. The subscriptions go
+    on; what was sent meanwhile is lost. Until then the other methods raise ConnectionLost. The client may get
+    another `id` by that.
     """
 
-    def __init__(self, name: str = "lumora-python") -> None:
+    def __init__(self, name: str = "lumora-python", *, reconnect: bool = False) -> None:
         self._lock = threading.RLock()  # guards what changes by calls; no callback of the library takes it
         self._subscriptions: Tuple[Subscription, ...] = ()  # replaced, never changed
         self._handle = 0
         self._lost: Optional[ConnectionLost] = None
+        self._reconnect = reconnect
+        self._type = ""  # the type of the device to connect to again
+        self._broken = False  # this side has closed the channel
         self._closed = False
         self._has_left = False
         self._watch: Optional[threading.Thread] = None
-        self._stop_watching = threading.Event()
-        self._id = _join(name_argument("the client's name", name))
-        _clients[self._id] = self
+        self._watch_wakes = threading.Event()
+        self._name = name_argument("the client's name", name)
+        self._enter()
         _lifetime.opened(self)
-        library().LUM_RegisterEvent(self._id, _ON_EVENT)
 
     @property
     def id(self) -> int:
@@ -126,7 +134,7 @@ class Client:
         while True:
             result = library().LUM_GetAiDeviceList(wanted, ctypes.byref(found))
             if result == 0 and found.devNum != 0:
-                return [_device_info(found.devInfo[i]) for i in range(found.devNum)]
+                return [_device_info(found.devInfo[i], device_type) for i in range(found.devNum)]
             self._require_open()
             if time.monotonic() >= deadline:
                 raise DeviceNotFound(f'no device of type "{device_type}"', "LUM_GetAiDeviceList", result)
@@ -138,8 +146,16 @@ class Client:
             self._require_open()
             if self.is_connected:
                 raise ConnectFailed("this client is connected already; use another one")
+            if self._broken:
+                self._enter_again()
+                device = device if isinstance(device, str) else device.searched or device.type
             chosen = self.find(device, timeout)[0] if isinstance(device, str) else device
-            self._connect(name_argument("the device type", chosen.type))
+            device_type = name_argument("the device type", chosen.type)
+            self._end_subscriptions()
+            self._connect(device_type)
+            self._type = chosen.searched or chosen.type
+            if self._reconnect:
+                self._start_watch()
             return chosen
 
     def subscribe(
@@ -156,14 +172,13 @@ class Client:
         Blocks wait in a queue of `max_blocks` and `max_bytes`; `overflow` says what happens when it is full.
         `on_block` runs on a thread of the subscription, for one block after the other.
         """
-        name = name_argument("the service", service)
-        record = _records.LUM_SUBSCRIBE_SERVICE_S(name, 0, int(Transport.TCP))
+        name_argument("the service", service)
         subscription = Subscription(self, service, Inbox(max_blocks, max_bytes, overflow))
         with self._lock:
             self._require_connected()
             self._subscriptions += (subscription,)  # first: blocks may come before the call returns
             try:
-                self._send_command(b"subscribe", bytes(record), SubscriptionRefused, f'service "{service}"')
+                self._send_subscription(service)
             except Error:
                 self._remove(subscription)
                 raise
@@ -191,6 +206,11 @@ class Client:
         result = library().LUM_SendData(self._id, self._handle, pointer, length, ctypes.byref(sent), limit)
         if result != 0:
             self._raise_failure(SendFailed, "the block was not sent", "LUM_SendData", result)
+        if sent.value != length:
+            self._broken = True
+            self._lose(ConnectionLost(_CONNECTION_ENDED, "LUM_SendData", result))
+        if sent.value == 0:
+            raise ConnectionLost(_CONNECTION_ENDED, "LUM_SendData", result)
         if sent.value != length:
             raise SendIncomplete(
                 f"only {sent.value} of {length} bytes were taken", "LUM_SendData", result, sent.value
@@ -229,6 +249,11 @@ class Client:
 
     # ---- To the library
 
+    def _enter(self) -> None:
+        self._id = _join(self._name)
+        _clients[self._id] = self
+        library().LUM_RegisterEvent(self._id, _ON_EVENT)
+
     def _connect(self, device_type: bytes) -> None:
         handle = ctypes.c_uint(0)
         result = library().LUM_CreateAiDevice(self._id, device_type, ctypes.byref(handle))
@@ -240,7 +265,6 @@ class Client:
         # First, because the library may tell that the device has left before the next call returns.
         self._handle = 0
         self._lost = None
-        self._subscriptions = ()
         result = library().LUM_ConnectAiDevice(self._id, handle)
         # Also where this has failed, the channel to another device was closed for it.
         for other in list(_clients.values()):
@@ -255,6 +279,50 @@ class Client:
                 result,
             )
         self._handle = handle.value
+
+    def _enter_again(self) -> None:
+        """A channel that this side has closed is opened again only after the client has left the network."""
+        if self._handle != 0:
+            library().LUM_DestoryAiDevice(self._id, self._handle)
+        _clients.pop(self._id, None)
+        library().LUM_DeInitClient(self._id)
+        self._enter()
+        self._broken = False
+
+    def _end_subscriptions(self) -> None:
+        for subscription in self._subscriptions:
+            subscription._inbox.end(self._lost or ConnectionLost(_CONNECTION_ENDED))
+        self._subscriptions = ()
+
+    def _connect_again(self) -> None:
+        # close() holds the lock while it waits for this thread.
+        if not self._lock.acquire(blocking=False):
+            return
+        reason = self._lost
+        try:
+            if reason is not None and not self._closed:
+                self._try_to_connect_again()
+        except Error:
+            self._lost = self._lost or reason  # the next round tries again
+        finally:
+            self._lock.release()
+
+    def _try_to_connect_again(self) -> None:
+        if self._broken:
+            self._enter_again()
+        wanted = {subscription.service for subscription in self._subscriptions}
+        for device in self.find(self._type, 0):
+            if wanted <= {service.name for service in device.services}:
+                self._connect(device.type.encode())
+                for service in wanted:
+                    self._send_subscription(service)
+                return
+        raise DeviceNotFound("no device has the services")
+
+    def _send_subscription(self, service: str) -> None:
+        name = name_argument("the service", service)
+        record = _records.LUM_SUBSCRIBE_SERVICE_S(name, 0, int(Transport.TCP))
+        self._send_command(b"subscribe", bytes(record), SubscriptionRefused, f'service "{service}"')
 
     def _send_command(self, command: bytes, parameter: bytes, refused: Type[Error], what: str) -> None:
         result = library().LUM_SendCmd(self._id, self._handle, command, parameter)
@@ -299,7 +367,7 @@ class Client:
         with self._lock:
             if self._has_left:
                 return
-            self._stop_watching.set()
+            self._watch_wakes.set()
             for subscription in self._subscriptions:
                 subscription._inbox.close(Closed("the client has been closed"))
             if self._watch is not None and self._watch is not threading.current_thread():
@@ -332,8 +400,11 @@ class Client:
     def _lose(self, reason: ConnectionLost) -> None:
         if self._lost is None:
             self._lost = reason
-        for subscription in self._subscriptions:
-            subscription._inbox.end(reason)
+        if self._reconnect:
+            self._watch_wakes.set()
+        else:
+            for subscription in self._subscriptions:
+                subscription._inbox.end(reason)
 
     # ---- Checks
 
@@ -343,10 +414,13 @@ class Client:
 
     def _require_connected(self) -> None:
         self._require_open()
-        if self._handle == 0:
+        if self._handle == 0 and not self._type:
             raise NotConnected("connect() comes first")
-        if self._lost is not None:
-            raise type(self._lost)(f"{_CONNECTION_ENDED}; connect() again")
+        # The watching thread may be connecting again at this moment.
+        lost = self._lost or (ConnectionLost("") if self._handle == 0 else None)
+        if lost is not None:
+            advice = "it is being opened again" if self._reconnect else "connect() again"
+            raise type(lost)(f"{_CONNECTION_ENDED}; {advice}")
 
     def _start_watch(self) -> None:
         if self._watch is None:
@@ -354,9 +428,14 @@ class Client:
             self._watch.start()
 
     def _watch_connection(self) -> None:
-        while not self._stop_watching.wait(_CHECK_INTERVAL):
+        while not self._closed:
+            pause = _RECONNECT_PAUSE if self._reconnect and self._lost is not None else _CHECK_INTERVAL
+            self._watch_wakes.wait(pause)
+            self._watch_wakes.clear()
             handle = self._handle
-            if self.is_connected and not self._answers() and self._handle == handle:
+            if self._reconnect and self._lost is not None:
+                self._connect_again()
+            elif self.is_connected and not self._answers() and self._handle == handle:
                 self._lose(ConnectionLost(_CONNECTION_ENDED, "LUM_GetServerVersion", -1))
 
 
@@ -400,12 +479,12 @@ def _join(name: bytes) -> int:
     raise JoinFailed("the network cannot be joined", "LUM_InitClient", result)
 
 
-def _device_info(record: Any) -> DeviceInfo:
+def _device_info(record: Any, searched: str) -> DeviceInfo:
     services = (
         Service(text_of(entry.serviceName), entry.outputLenBytes, Transport(entry.transport))
         for entry in record.serviceInfo[: record.serviceNum]
     )
-    return DeviceInfo(text_of(record.devServiceType), tuple(services))
+    return DeviceInfo(text_of(record.devServiceType), tuple(services), searched)
 
 
 def _is_taken(port: int) -> bool:

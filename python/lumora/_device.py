@@ -117,7 +117,7 @@ class Device(Taking[Event]):
         """Sends one block of 1 to 1,024,000 bytes to every subscriber of the service.
 
         The block is bytes or whatever else has a buffer, `timeout` is up to 3 seconds. Raises NoClient when
-        no client is connected; a block without subscribers is no failure.
+        no client is connected, or its connection has ended; a block without subscribers is no failure.
         """
         name = name_argument("the service", service)
         pointer, length = block_argument(data, _records.LUM_MAX_SERVER_DATA_LENGTH)
@@ -130,7 +130,9 @@ class Device(Taking[Event]):
         if result != 0:
             self._require_open()
             failure = SendFailed if any(self._subscribers.values()) else NoClient
-            raise failure("the block reached nobody", "LUM_SendDataToClient", result)
+            raise failure("the block reached no client", "LUM_SendDataToClient", result)
+        if sent.value == 0:
+            raise NoClient("the connection to the client has ended", "LUM_SendDataToClient", result)
         if sent.value != length:
             raise SendIncomplete(
                 f"only {sent.value} of {length} bytes were taken", "LUM_SendDataToClient", result, sent.value

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import enum
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from typing import Tuple
 
 from . import _records
@@ -37,3 +37,6 @@ class DeviceInfo:
     """Its type; where several of one type were found, with a number behind it."""
 
     services: Tuple[Service, ...]
+
+    searched: str = field(default="", compare=False)
+    """The type that was searched for."""

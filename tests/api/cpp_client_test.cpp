@@ -161,6 +161,181 @@ TEST_F(CppClientTest, TellsThatTheDeviceHasLeft) {
     EXPECT_EQ(Errc::NOT_CONNECTED, error);
 }
 
+// The library forgets a device whose channel has ended.
+TEST_F(CppClientTest, TellsThatTheConnectionIsLostWhenTheDeviceDies) {
+    Client client("viewer");
+    client.OnConnectionLost([this] { mArrivals.Add("lost"); });
+    Connect(client);
+    KeepData(client);
+    SendFromDevice(1, "data");
+    ASSERT_TRUE(HaveArrived({"face: data"}));
+    mFromServer.Close();
+    mDevice.Close();
+    EXPECT_TRUE(HaveArrived({"face: data", "lost"}));
+    std::error_code error;
+    EXPECT_FALSE(client.Send("data", error));
+    EXPECT_EQ(Errc::NOT_CONNECTED, error);
+}
+
+TEST_F(CppClientTest, TellsThatTheConnectionIsLostWhenTheDeviceFallsSilent) {
+    Client client("viewer");
+    client.OnConnectionLost([this] { mArrivals.Add("lost"); });
+    Connect(client);
+    mPlatform.devices[0].answer = [](const Request&, std::string&) { return -1; };
+    client.Find("camera", ONCE);  // the search replaces the device that answered
+    EXPECT_TRUE(HaveArrived({"lost"}));
+}
+
+TEST_F(CppClientTest, TellsOnceThatTheConnectionIsLost) {
+    Client client("viewer");
+    client.OnDeviceLeft([this] { mArrivals.Add("left"); });
+    client.OnConnectionLost([this] { mArrivals.Add("lost"); });
+    Connect(client);
+    RemoveCamera();
+    EXPECT_TRUE(HaveArrived({"left", "lost"}));
+    RemoveCamera();
+    mDeviceListener.reset();
+    Connect(client);
+    client.Disconnect();
+    EXPECT_EQ((Texts{"left", "lost"}), mArrivals.All());
+}
+
+TEST_F(CppClientTest, TellsThatTheConnectionIsLostWhenABlockCannotBeSent) {
+    Client client("viewer");
+    client.OnConnectionLost([this] { mArrivals.Add("lost"); });
+    Connect(client);
+    mDevice.SetReceiveBuffer(1);
+    const std::string block(LUM_MAX_CLIENT_DATA_LENGTH, 'd');
+    std::error_code error;
+    while (client.Send(block, error)) {
+    }
+    EXPECT_TRUE(HaveArrived({"lost"}));
+}
+
+TEST_F(CppClientTest, HandlerOfALostConnectionMayConnectAgain) {
+    Client client("viewer");
+    std::error_code error;
+    client.OnConnectionLost([&] {
+        client.Connect("camera", std::chrono::seconds(20), error);
+        mArrivals.Add("again");
+    });
+    Connect(client);
+    mDeviceListener.reset();
+    mDeviceListener = std::make_unique<RawListener>(DEVICE_PORT);
+    RemoveCamera();
+    mDevice = mDeviceListener->Accept();
+    EXPECT_TRUE(HaveArrived({"again"}));
+    EXPECT_FALSE(error) << error.message();
+    client.OnConnectionLost(nullptr);
+}
+
+TEST_F(CppClientTest, StaysConnectedAndSubscribed) {
+    Client client("viewer");
+    KeepData(client);
+    client.StayConnected();
+    client.OnReconnected([this] { mArrivals.Add("again"); });
+    Connect(client);
+    client.Subscribe("face", {1, lumora::Transport::RTP});
+    const std::string subscription = LastValue();
+    for (const Texts& expected :
+         {Texts{"again", "face: data"}, Texts{"again", "face: data", "again", "face: data"}}) {
+        mDevice.Close();
+        mFromServer.Close();
+        mDeviceListener.reset();
+        mPlatform.ClearRequests();
+        mDeviceListener = std::make_unique<RawListener>(DEVICE_PORT);
+        RemoveCamera();
+        mDevice = mDeviceListener->Accept();
+        ASSERT_TRUE(Eventually([&] { return mArrivals.All().size() + 1 == expected.size(); }));
+        EXPECT_EQ(subscription, LastValue());
+        SendFromDevice(1, "data");
+        EXPECT_TRUE(HaveArrived(expected));
+    }
+}
+
+TEST_F(CppClientTest, DoesNotConnectAgainOnceItHasDisconnected) {
+    Client client("viewer");
+    client.StayConnected();
+    client.OnConnectionLost([&] {
+        client.Disconnect();
+        mArrivals.Add("lost");
+    });
+    Connect(client);
+    mPlatform.ClearRequests();
+    RemoveCamera();
+    EXPECT_TRUE(HaveArrived({"lost"}));
+    std::error_code error;
+    EXPECT_FALSE(client.Send("data", error));
+    EXPECT_EQ(Errc::NOT_CONNECTED, error);
+}
+
+TEST_F(CppClientTest, TellsThatAnotherClientOfTheProcessHasTakenTheChannel) {
+    mPlatform.devices = {DescribedDevice(ServiceInfo("camera")),
+                         DescribedDevice(ServiceInfo("camera", "gait"), "127.0.0.1", 5684)};
+    Client first("viewer");
+    first.OnConnectionLost([this] { mArrivals.Add("lost"); });
+    Connect(first);
+    Client second("viewer");
+    const auto devices = second.Find("camera");
+    mDeviceListener.reset();
+    mDeviceListener = std::make_unique<RawListener>(DEVICE_PORT);
+    second.Connect(devices.at(1));
+    EXPECT_TRUE(HaveArrived({"lost"}));
+}
+
+// Both leave and join again, as the channel needs. The second one must not end a client that has been given
+// the number since.
+TEST_F(CppClientTest, TwoThreadsMayConnectIt) {
+    Client client("viewer");
+    Connect(client);
+    mDevice.SetReceiveBuffer(1);
+    const std::string block(LUM_MAX_CLIENT_DATA_LENGTH, 'd');
+    std::error_code error;
+    while (client.Send(block, error)) {
+    }
+    mDevice.Close();
+    mDeviceListener.reset();
+    mDeviceListener = std::make_unique<RawListener>(DEVICE_PORT);
+    mPlatform.onExit = [] { std::this_thread::yield(); };
+    std::thread other([&] { client.Connect("camera"); });
+    client.Connect("camera");
+    other.join();
+    mDevice = mDeviceListener->Accept();
+    client.Send("data");
+    EXPECT_EQ(ClientFrame(client.Id(), "data"), mDevice.Receive(10));
+    EXPECT_EQ(2, mPlatform.CallCount("Run"));
+}
+
+TEST_F(CppClientTest, ConnectFromAHandlerFailsAndChangesNothing) {
+    Client client("viewer");
+    Connect(client);
+    std::error_code error;
+    client.OnData([&](std::string_view, lumora::Bytes) {
+        client.Disconnect();
+        client.Connect("camera", ONCE, error);
+        mArrivals.Add(error.message());
+    });
+    SendFromDevice(1, "data");
+    EXPECT_TRUE(HaveArrived({"the device cannot be connected"}));
+    client.Send("data");
+}
+
+TEST_F(CppClientTest, SubscribesByAName) {
+    Client client("viewer");
+    Connect(client);
+    mPlatform.ClearRequests();
+    EXPECT_EQ(0, LUM_Subscribe(1, 1, "face"));
+    EXPECT_EQ(SUBSCRIBE_FACE, LastValue());
+    mPlatform.ClearRequests();
+    EXPECT_EQ(-1, LUM_Subscribe(1, 1, std::string(40, 'n').c_str()));
+    EXPECT_EQ(-1, LUM_Subscribe(1, 1, nullptr));
+    EXPECT_TRUE(mPlatform.Requests().empty());
+    EXPECT_EQ(0, LUM_Subscribe(1, 1, std::string(39, 'n').c_str()));
+}
+
+static_assert(std::is_same_v<decltype(std::declval<lumora::Bytes>().data()), const char*>,
+              "what one recipient of a frame sees, another one must not have changed");
+
 TEST_F(CppClientTest, ExceptionOutOfAHandlerEndsAtOnException) {
     Client client("viewer");
     Connect(client);

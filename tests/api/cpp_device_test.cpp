@@ -157,6 +157,128 @@ TEST_F(CppDeviceTest, FailedStartMayBeRepeated) {
     EXPECT_EQ(1, mPlatform.LiveHandles());
 }
 
+TEST_F(CppDeviceTest, FailedStartDoesNotLeaveItsTypeToTheNextDevice) {
+    std::error_code error;
+    {
+        Device camera("camera");
+        camera.Offer("face");
+        mPlatform.runResult = -1;
+        EXPECT_FALSE(camera.Start(error));
+    }
+    mPlatform.runResult = 0;
+    Device printer("printer");
+    printer.Offer("paper").Start();
+    EXPECT_STREQ("printer", mPlatform.Resource()->DoGetDescriptor(mPlatform.Resource()));
+    EXPECT_THAT(mPlatform.Get("ServiceInfo").reply, testing::HasSubstr("printer"));
+}
+
+TEST_F(CppDeviceTest, FailedStopDoesNotLeaveItsTypeToTheNextDevice) {
+    std::error_code error;
+    {
+        Device camera("camera");
+        camera.Offer("face").Start();
+        mPlatform.exitResult = -1;
+        EXPECT_FALSE(camera.Stop(error));
+        EXPECT_EQ(Errc::STOP_FAILED, error);
+    }
+    mPlatform.exitResult = 0;
+    Device printer("printer");
+    printer.Offer("paper").Start();
+    EXPECT_STREQ("printer", mPlatform.Resource()->DoGetDescriptor(mPlatform.Resource()));
+}
+
+TEST_F(CppDeviceTest, FailedSecondStartLeavesTheRunningDeviceAsItWas) {
+    Device device("camera");
+    device.Offer("face");
+    device.Start();
+    Subscribe(3, "face");
+    const std::string described = mPlatform.Get("ServiceInfo").reply;
+    for (char last = '1'; last <= '5'; ++last) {
+        device.Offer(std::string(38, '\x01') + last);  // six characters each in the document
+    }
+    std::error_code error;
+    EXPECT_FALSE(device.Start(error));
+    EXPECT_EQ(Errc::BAD_SERVICES, error);
+    EXPECT_EQ(described, mPlatform.Get("ServiceInfo").reply);
+    EXPECT_EQ(std::vector<int>{3}, device.Subscribers("face"));
+    OpenChannel();
+    device.Send("face", "data");
+    EXPECT_EQ(ServerFrameBytes("\x03", "face", "data"), mFromServer.Receive(16));
+}
+
+TEST_F(CppDeviceTest, DescriptionMayHaveExactlyAsManyCharactersAsTheLibraryTakes) {
+    const std::string name = "\"\\\b\f\n\r\t\x01\x1f\x7f z";
+    for (unsigned int bytes : {0U, 9U, 1024000U, 4294967295U}) {
+        Device device(name);
+        device.Offer(name, bytes).Offer("face", bytes, lumora::Transport::NONE);
+        device.Start();
+        LUM_DEVICE_INFO_S record = DeviceRecord({name, "face"});
+        SetName(record.devServiceType, name);
+        record.serviceInfo[0].outputLenBytes = record.serviceInfo[1].outputLenBytes = bytes;
+        EXPECT_EQ(mPlatform.Get("ServiceInfo").reply.size(), lumora::detail::DescriptionLength(record));
+    }
+}
+
+TEST_F(CppDeviceTest, TellsWhoIsSubscribed) {
+    Device device("camera");
+    device.Offer("face").Offer("gait");
+    device.OnSubscribe([&](const Subscription& begun) {
+        mArrivals.Add(std::to_string(device.Subscribers(begun.service).size()));
+    });
+    device.Start();
+    EXPECT_EQ(std::vector<int>(), device.Subscribers("face"));
+    Subscribe(3, "face");
+    Subscribe(3, "face");
+    Subscribe(4, "face");
+    EXPECT_THAT(device.Subscribers("face"), testing::UnorderedElementsAre(3, 4));
+    EXPECT_EQ(std::vector<int>(), device.Subscribers("gait"));
+    EXPECT_EQ("2", mArrivals.All().back());
+    EXPECT_EQ(0, Command("unsubscribe", "face"));
+    EXPECT_EQ(std::vector<int>{4}, device.Subscribers("face"));
+    device.Stop();
+    EXPECT_EQ(std::vector<int>(), device.Subscribers("face"));
+}
+
+// One thread's Start must not come between the end of the server and the end of the other thread's Stop.
+TEST_F(CppDeviceTest, TwoThreadsMayStartAndStopIt) {
+    Device device("camera");
+    device.Offer("face");
+    device.OnCommand([this](std::string_view name, std::string_view) { mArrivals.Add(std::string(name)); });
+    device.Start();
+    std::thread starting;
+    mPlatform.onExit = [&] {
+        starting = std::thread([&] { device.Start(); });
+        // Long enough for a thread that nothing holds back to have started the device.
+        Eventually([&] { return mPlatform.CallCount("Run") > 1; }, std::chrono::milliseconds(50));
+    };
+    device.Stop();
+    starting.join();
+    mPlatform.onExit = [] {};
+    EXPECT_EQ(1, mPlatform.LiveHandles());
+    EXPECT_EQ(0, Command("SetMode", "night"));
+    EXPECT_EQ(Texts{"SetMode"}, mArrivals.All());
+}
+
+TEST_F(CppDeviceTest, SendThatWritesNothingHasFailed) {
+    std::error_code error;
+    EXPECT_FALSE(lumora::detail::SendOutcome(0, 0, 4, error));
+    EXPECT_EQ(Errc::SEND_FAILED, error);
+    EXPECT_FALSE(lumora::detail::SendOutcome(0, 3, 4, error));
+    EXPECT_EQ(Errc::INCOMPLETE, error);
+    EXPECT_TRUE(lumora::detail::SendOutcome(0, 4, 4, error));
+}
+
+TEST_F(CppDeviceTest, BlockForAClientThatHasClosedItsConnectionIsAnError) {
+    Device device("camera");
+    device.Offer("face").Start();
+    Subscribe(3, "face");
+    OpenChannel();
+    mFromServer.Close();
+    std::error_code error;
+    EXPECT_TRUE(Eventually([&] { return !device.Send("face", "data", error); }));
+    EXPECT_EQ(Errc::SEND_FAILED, error);
+}
+
 TEST_F(CppDeviceTest, HasOneToEightServicesWithNames) {
     std::error_code error;
     Device device("camera");

@@ -124,7 +124,7 @@ TEST_F(TextTest, ClientShowsTextInPictureAndEveryStep) {
         EXPECT_THAT("\n" + client.Output(), HasSubstr("\n" + std::string(step) + " "));
     }
     EXPECT_THAT(client.Output(),
-                HasSubstr("text-reader: service \"text\", transport 2, up to 1024000 bytes"));
+                HasSubstr("text-reader: service \"text\", transport tcp, up to 1024000 bytes"));
     EXPECT_THAT(client.Output(), HasSubstr("here 1.1.1, device 1.1.1"));
     EXPECT_EQ(0, device.End());
 }

@@ -5,10 +5,12 @@ import asyncio
 import signal
 import socket
 import threading
+import time
 import unittest
 import unittest.mock
 
 import lumora
+from lumora._library import library
 from python_case import DEVICE, LIMIT, Peer, PythonCase
 
 try:
@@ -305,6 +307,55 @@ class Ends(PythonCase):
         self.assertRaises(lumora.ConnectionLost, client.send, HELLO)
 
         self.device()
+        client.connect("echo-device", timeout=LIMIT)
+        echoes = client.subscribe("echo")
+        client.send(HELLO)
+        self.assertEqual(echoes.get(LIMIT).data, HELLO)
+
+    def test_reconnects_by_itself_and_its_subscriptions_go_on(self):
+        device = self.device()
+        client = lumora.Client(reconnect=True)
+        self.addCleanup(client.close)
+        client.connect("echo-device", timeout=LIMIT)
+        echoes = client.subscribe("echo")
+        for end in (lambda: device.signal(signal.SIGKILL), lambda: client.command("leave")):
+            self.send_until_it_comes_back(client, echoes)
+            end()
+            device.end()
+            device = self.device()
+        self.send_until_it_comes_back(client, echoes)
+
+    def send_until_it_comes_back(self, client, echoes):
+        end = time.monotonic() + LIMIT
+        while time.monotonic() < end:
+            try:
+                client.send(HELLO)
+                self.assertEqual(echoes.get(1).data, HELLO)
+                return
+            except (lumora.ConnectionLost, lumora.SendFailed, lumora.ReceiveTimeout):
+                time.sleep(0.01)
+        self.fail("nothing comes back")
+
+    def test_close_ends_reconnecting(self):
+        device = self.device()
+        client = lumora.Client(reconnect=True)
+        client.connect("echo-device", timeout=LIMIT)
+        echoes = client.subscribe("echo")
+        device.signal(signal.SIGKILL)
+        device.end()
+        while client.is_connected:
+            time.sleep(0.01)
+        client.close()
+        with self.assertRaises(lumora.Closed):
+            echoes.get(LIMIT)
+        self.assertNotIn("lumora-watch", {thread.name for thread in threading.enumerate()})
+
+    def test_block_of_which_no_byte_was_sent(self):
+        self.device()
+        client = self.client()
+        with unittest.mock.patch.object(library(), "LUM_SendData", lambda *_: 0):
+            self.assertRaises(lumora.ConnectionLost, client.send, HELLO)
+        self.assertFalse(client.is_connected)
         client.connect("echo-device", timeout=LIMIT)
         echoes = client.subscribe("echo")
         client.send(HELLO)

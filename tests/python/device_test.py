@@ -3,8 +3,10 @@
 import asyncio
 import threading
 import unittest
+import unittest.mock
 
 import lumora
+from lumora._library import library
 from python_case import LIMIT, PythonCase
 
 # Subscribes, sends and commands, and ends when it has got an answer.
@@ -55,6 +57,11 @@ class Alone(PythonCase):
         self.assertEqual((caught.exception.function, caught.exception.code), ("LUM_RegisterAiDevInfo", -1))
         with lumora.Device("camera", ["picture"]):
             pass
+
+    def test_block_of_which_no_byte_was_sent(self):
+        with lumora.Device("camera", ["picture"]) as device:
+            with unittest.mock.patch.object(library(), "LUM_SendDataToClient", lambda *_: 0):
+                self.assertRaises(lumora.NoClient, device.send, "picture", b"a block")
 
     def test_nobody_to_send_to(self):
         with lumora.Device("camera", ["picture"]) as device:

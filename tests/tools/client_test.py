@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import signal
 import socket
 import subprocess
 import unittest
@@ -33,7 +34,7 @@ class Commands(LumoraCase):
         self.assertEqual(device.event("command")["parameter"], "-90")
 
     def test_absent_device(self):
-        self.assert_fails(lumora("cmd", "camera", "Stop", "--find", "0"), 3, '"camera"')
+        self.assert_fails(lumora("cmd", "camera", "Stop", "--wait", "0"), 3, '"camera"')
 
     def test_answer_that_does_not_come(self):
         self.device("camera", "--echo")
@@ -59,6 +60,23 @@ class Connection(LumoraCase):
         self.device("camera", "--echo")
         self.occupy(6666)
         self.assert_fails(lumora("cmd", "camera", "Stop"), 4, "6666")
+
+    def test_cause_of_a_failure_is_in_its_message(self):
+        self.device("camera", "--echo")
+        self.occupy(6666)
+        self.assertRegex(lumora("cmd", "camera", "Stop").stderr, r"the device cannot be connected \(.+\); ")
+
+    def test_client_that_is_refused_disturbs_no_other(self):
+        self.device("clock", "--service", "time", "--exec", "echo tick", "--every", "0.01")
+        subscribing = self.start("subscribe", "clock", "time")
+        subscribing.line()
+        joined = self.start("find", "lumora-cli", "--watch")
+        self.assertIn("+ ", joined.line())
+        self.assert_fails(lumora("send", "clock", "--text", "hi"), 4, "6667")
+        for _ in range(20):
+            subscribing.line()
+        self.assertEqual(joined.end(), 0)
+        self.assertEqual(joined.rest(), "")  # the one that was refused did not even join
 
     def test_several_devices_are_remarked_on(self):
         self.device("camera", "--echo")
@@ -116,6 +134,63 @@ class Send(LumoraCase):
         result = lumora("send", "archive", "-", "--await", "echo", "--as", "raw", input="grüße\n")
         self.assert_succeeds(result)
         self.assertEqual(result.stdout, "grüße\n")
+
+    def test_sends_texts(self):
+        device = self.device("archive", "--echo")
+        result = lumora("send", "archive", "--text", "one", "-m", "three", "--await", "echo", "--format", "%n %p")
+        self.assert_succeeds(result)
+        self.assertEqual(result.stdout, "3 one\n5 three\n")
+        self.assertEqual([device.event("data")["bytes"] for _ in range(2)], [3, 5])
+
+    def test_sends_lines_as_they_come(self):
+        device = self.device("archive", "--service", "none")
+        sending = self.start("send", "archive", "-", "--lines", stdin=subprocess.PIPE)
+        for line in ["one\n", "\n", "three\n"]:
+            sending.process.stdin.write(line)
+            sending.process.stdin.flush()
+        self.assertEqual([device.event("data")["bytes"] for _ in range(2)], [3, 5])
+        sending.process.stdin.write("rest")
+        sending.process.stdin.close()
+        self.assertEqual(device.event("data")["bytes"], 4)
+        self.assertEqual(sending.wait(), 0)
+        sending.process.stdin = None
+
+    def test_each_file_and_each_line_has_its_answer(self):
+        self.device("archive", "--echo")
+        folder = self.folder()
+        (folder / "a").write_text("one")
+        (folder / "b").write_text("two")
+        words = ["--await", "echo", "--format", "%p"]
+        result = lumora("send", "archive", str(folder / "a"), str(folder / "b"), *words)
+        self.assertEqual(result.stdout, "one\ntwo\n", result)
+        result = lumora("send", "archive", "-", "--lines", *words, input="1\n2\n3\n")
+        self.assertEqual(result.stdout, "1\n2\n3\n", result)
+
+    def test_interrupt_while_waiting_for_the_writer_of_a_pipe(self):
+        device = self.device("archive", "--echo")
+        fifo = self.folder() / "fifo"
+        os.mkfifo(fifo)
+        sending = self.start("send", "archive", str(fifo), "--await", "echo")
+        device.event("subscribed")
+        self.assertEqual(sending.end(), ENDED_BY_INTERRUPT)
+
+    def test_sends_what_comes_through_a_pipe(self):
+        device = self.device("archive", "--echo")
+        fifo = self.folder() / "fifo"
+        os.mkfifo(fifo)
+        sending = self.start("send", "archive", str(fifo), "--await", "echo", "--format", "%p")
+        device.event("subscribed")
+        fifo.write_text("late")
+        self.assertEqual(sending.line(), "late")
+        self.assertEqual(sending.wait(), 0)
+
+    def test_sizes_as_people_write_them(self):
+        self.device("archive", "--service", "none")
+        for size, blocks in [("1024", 3), ("1K", 3), ("1KiB", 3), ("1.5K", 2), ("0.5MiB", 1), ("3000B", 1)]:
+            with self.subTest(size):
+                words = ["--split", size, "--linger", "0", "--json"]
+                result = lumora("send", "archive", "-", *words, input="x" * 3000)
+                self.assertEqual(json.loads(result.stdout)["blocks"], blocks, result)
 
     def test_files_that_cannot_be_sent(self):
         folder = self.folder()
@@ -250,6 +325,31 @@ class Subscribe(LumoraCase):
         self.assert_succeeds(result)
         self.assertRegex(result.stdout, r"^([\d:.]+  time  5 bytes  tick\n){3}$")
 
+    def test_several_services_and_all(self):
+        device = self.device("camera", "--service", "echo", "--service", "sound", "--service", "text")
+        for words, services in [(["echo", "text"], {"echo", "text"}), (["--all"], {"echo", "sound", "text"})]:
+            subscribing = self.start("subscribe", "camera", *words)
+            told = {device.event("subscribed")["service"] for _ in services}
+            self.assertEqual(told, services)
+            self.assertEqual(subscribing.end(), 0)
+            for _ in services:
+                device.event("unsubscribed")
+
+    def test_format_of_its_own(self):
+        self.device("clock", "--service", "time", "--exec", "printf tick", "--every", "0.01")
+        result = lumora("subscribe", "clock", "time", "-c", "1", "--format", "%s|%n|%p|%x|%%|%q")
+        self.assertEqual(result.stdout, "time|4|tick|7469636b|%|%q\n", result)
+
+    def test_again_survives_restarts_of_the_device(self):
+        words = ["clock", "--service", "time", "--exec", "echo tick", "--every", "0.01"]
+        subscribing = self.start("subscribe", "clock", "time", "--again", "--format", "%p")
+        for number in [signal.SIGKILL, signal.SIGINT]:
+            device = self.device(*words)
+            device.event("subscribed")
+            self.assertEqual(subscribing.line(), "tick")
+            device.end(number)
+        self.assertEqual(subscribing.end(), 0)
+
     def test_saves_what_comes(self):
         self.device("clock", "--service", "time/utc", "--exec", "echo tick", "--every", "0.01")
         folder = self.folder()
@@ -298,6 +398,52 @@ class Subscribe(LumoraCase):
         self.assert_fails(lumora("subscribe", "archive", "sound"), 3, '"sound"', "lumora info archive")
 
 
+class Shell(LumoraCase):
+    def test_obeys_lines_of_a_script(self):
+        device = self.device("camera", "--echo")
+        script = "subscribe echo\ntext hello\ncmd Turn left and up\nservices\nversion\nfly\nsubscrbe\n"
+        result = lumora("shell", "camera", "--format", "%p", input=script)
+        self.assertEqual(result.returncode, 0, result)
+        lines = result.stdout.splitlines()
+        self.assertRegex(lines.pop(lines.index("echo") + 1), r"^\d+\.\d+\.\d+$")
+        self.assertEqual(sorted(lines), ["echo", "hello"])
+        self.assertIn("unknown word fly; try help", result.stderr)
+        self.assertIn("did you mean subscribe?", result.stderr)
+        event = device.event("command")
+        self.assertEqual((event["command"], event["parameter"]), ("Turn", "left and up"))
+
+    def test_a_line_that_fails_does_not_end_it(self):
+        self.device("camera", "--echo")
+        result = lumora("shell", "camera", input="subscribe sound\nsend /no/file\nservices\n")
+        self.assertEqual((result.returncode, result.stdout), (0, "echo\n"), result)
+        self.assertIn('"sound"', result.stderr)
+        self.assertIn("/no/file", result.stderr)
+
+    def test_ends_when_the_device_leaves(self):
+        device = self.device("camera", "--echo")
+        talking = self.start("shell", "camera", stdin=subprocess.PIPE)
+        talking.process.stdin.write("subscribe echo\n")
+        talking.process.stdin.flush()
+        device.event("subscribed")
+        device.end()
+        self.assertEqual(talking.wait(), 4)
+
+    def test_completes_and_remembers_on_a_terminal(self):
+        self.device("camera", "--echo")
+        environment = {"HOME": str(self.folder())}
+        talking = self.on_terminal("shell", "camera", "--format", "got %p", environment=environment)
+        talking.read_until("lumora> ")
+        talking.type("subs\tec\t\r")
+        talking.type("text hello\r")
+        talking.read_until("got hello")
+        talking.type("quit\r")
+        self.assertEqual(talking.process.wait(60), 0)
+        talking = self.on_terminal("shell", "camera", environment=environment)
+        talking.read_until("lumora> ")
+        talking.type("\x10\x10")
+        talking.read_until("text hello")
+
+
 class Ping(LumoraCase):
     def test_measures_every_block(self):
         self.device("echoing", "--echo")
@@ -338,7 +484,7 @@ class Ping(LumoraCase):
         self.assertIn("0 lost", pinging.rest().splitlines()[-1])
 
     def test_absent_device(self):
-        self.assert_fails(lumora("ping", "echoing", "--find", "0"), 3, '"echoing"')
+        self.assert_fails(lumora("ping", "echoing", "--wait", "0"), 3, '"echoing"')
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
 """Words, help, manual and completions: what needs no network."""
 
+import json
 import os
 import shutil
 import subprocess
@@ -7,7 +8,7 @@ import unittest
 
 from lumora_case import PROGRAM, SOURCES, LumoraCase, OnTerminal, lumora
 
-COMMANDS = ["find", "info", "version", "cmd", "subscribe", "send", "ping", "serve", "doctor"]
+COMMANDS = ["find", "info", "version", "cmd", "subscribe", "send", "ping", "shell", "serve", "doctor", "help"]
 
 
 class Help(LumoraCase):
@@ -32,6 +33,15 @@ class Help(LumoraCase):
             lines = lumora(command, "--help").stdout.splitlines()
             self.assertLessEqual(max(map(len, lines)), 100, command)
 
+    def test_command_shows_the_same(self):
+        self.assertEqual(lumora("help").stdout, lumora("--help").stdout)
+        self.assertEqual(lumora("help", "find").stdout, lumora("find", "--help").stdout)
+        self.assert_fails(lumora("help", "fnid"), 2, "fnid", "did you mean find?")
+
+    def test_short_options(self):
+        self.assertIn("  -c, --count N ", lumora("subscribe", "--help").stdout)
+        self.assert_fails(lumora("subscribe", "T", "S", "-c", "0"), 2, "1 to 1,000,000,000")
+
     def test_version_option(self):
         result = lumora("--version")
         self.assert_succeeds(result)
@@ -43,10 +53,12 @@ class WrongWords(LumoraCase):
         self.assert_fails(lumora(), 2, "lumora --help")
 
     def test_unknown_command(self):
-        self.assert_fails(lumora("fnid"), 2, "fnid", "lumora --help")
+        self.assert_fails(lumora("fnid"), 2, "unknown command fnid; did you mean find?", "lumora --help")
+        self.assert_fails(lumora("subscrbe", "camera"), 2, "did you mean subscribe?")
+        self.assertNotIn("did you mean", lumora("photograph").stderr)
 
     def test_unknown_option(self):
-        self.assert_fails(lumora("find", "--wach"), 2, "--wach", "lumora find --help")
+        self.assert_fails(lumora("find", "--wach"), 2, "--wach; did you mean --watch?", "lumora find --help")
 
     def test_missing_argument(self):
         self.assert_fails(lumora("subscribe", "camera"), 2, "SERVICE", "lumora subscribe --help")
@@ -62,6 +74,8 @@ class WrongWords(LumoraCase):
             (["subscribe", "T", "S", "--as", "octal"], "auto, text, hex, raw"),
             (["send", "T", "-", "--split", "6M"], "5,242,880"),
             (["send", "T", "-", "--split", "0"], "5,242,880"),
+            (["send", "T", "-", "--split", "1.0001K"], "5,242,880"),
+            (["send", "T", "-", "--split", "KiB"], "5,242,880"),
             (["ping", "T", "--size", "15"], "16 to 1,024,000"),
             (["find", "--log", "loud"], "trace, detail, state, warning, error, off"),
         ]:
@@ -77,6 +91,14 @@ class WrongWords(LumoraCase):
             (["subscribe", "T", "S" * 40], "39"),
             (["subscribe", "T", "S", "--as", "raw", "--json"], "--as raw"),
             (["serve", "T"], "--service"),
+            (["send", "T"], "--text"),
+            (["send", "T", "--text", ""], "1 to 5,242,880"),
+            (["send", "T", "-", "--lines", "--split", "1"], "--lines"),
+            (["subscribe", "T"], "--all"),
+            (["subscribe", "T", "S", "--all"], "--all"),
+            (["subscribe", "T", "S", "--format", "%p", "--json"], "--format"),
+            (["find", "T", "--address", "camera.local"], "camera.local"),
+            (["find", "T", "--address", "127.0.0.1:99999"], "99999"),
             (["serve", "T", "--echo", "--exec", "cat"], "--echo"),
             (["serve", "T", "--service", "a:quic"], "a:quic"),
             (["serve", "T", "--service", "a:tcp:much"], "a:tcp:much"),
@@ -94,6 +116,70 @@ class WrongWords(LumoraCase):
         result = lumora("--json", "find", "--interface", "none9")
         self.assertEqual(result.returncode, 2)
         self.assertRegex(result.stderr, r'^\{"error":".*none9.*","exit":2\}\n$')
+
+    def test_words_that_cannot_be_parsed_as_json(self):
+        for words in [["fnid", "--json"], ["--json", "find", "--wach"], ["-j", "subscribe"]]:
+            with self.subTest(words):
+                result = lumora(*words)
+                self.assertEqual((result.returncode, json.loads(result.stderr)["exit"]), (2, 2))
+
+
+class Fields(LumoraCase):
+    """What --json prints is what the pages say, and the other way round."""
+
+    def setUp(self):
+        self.documented = json.loads(lumora("--print", "fields").stdout)
+
+    def paths(self, value, path=""):
+        if isinstance(value, dict):
+            inner = [self.paths(element, f"{path}.{key}".lstrip(".")) for key, element in value.items()]
+            return set().union(*inner) if inner else set()
+        if isinstance(value, list) and value and not isinstance(value[0], str):
+            return set().union(*(self.paths(element, path + "[]") for element in value))
+        return {path}
+
+    def assert_documented(self, command, text, *others):
+        printed = set().union(*(self.paths(json.loads(line)) for line in text.splitlines()))
+        known = set(self.documented[command])
+        self.assertEqual(printed - known, set())
+        self.assertEqual(known - printed - set(others), set())
+
+    def test_of_commands_that_look(self):
+        self.device("camera", "--echo")
+        watched = ["time", "event", *[field for field in self.documented["find"] if field.startswith("device.")]]
+        self.assert_documented("find", lumora("find", "camera", "--json").stdout, *watched)
+        self.assert_documented("info", lumora("info", "camera", "--json").stdout)
+        self.assert_documented("version", lumora("version", "camera", "--json").stdout)
+        self.assert_documented("doctor", lumora("doctor", "--json", "--listen", "0").stdout)
+
+    def test_of_find_that_watches(self):
+        watching = self.start("find", "camera", "--watch", "--json")
+        self.device("camera", "--echo")
+        looked = [field for field in self.documented["find"] if field.startswith("[]")]
+        self.assert_documented("find", watching.line(), *looked)
+
+    def test_of_clients(self):
+        device = self.device("camera", "--echo")
+        folder = str(self.folder())
+        answers = ["--await", "echo", "--json"]
+        text = lumora("send", "camera", "--text", "a", *answers).stdout
+        other = lumora("send", "camera", "-", *answers, input="\0").stdout
+        file = lumora("send", "camera", "--text", "a", *answers, "--out", folder).stdout
+        self.assert_documented("send", text + other + file)
+        self.assert_documented("ping", lumora("ping", "camera", "--count", "1", "--json").stdout, "milliseconds")
+        taken = lumora("cmd", "camera", "Stop", "--json").stdout
+        self.assert_documented("cmd", taken, "time", "service", "bytes", "text", "hex", "file")
+        device.end()
+        told = device.rest()
+        self.assertEqual(self.paths(json.loads(told.splitlines()[0])) - set(self.documented["serve"]), set())
+
+    def test_of_serve(self):
+        device = self.start("--json", "serve", "camera", "--service", "s", "--exec", "cat", "--on-command", "false")
+        ready = device.line()
+        lumora("cmd", "camera", "Turn", "left")
+        lumora("send", "camera", "--text", "hi", "--await", "s")
+        device.end()
+        self.assert_documented("serve", ready + "\n" + device.rest())
 
 
 class Pages(LumoraCase):
@@ -140,14 +226,16 @@ class BashCompletion(LumoraCase):
             "compopt() { :; }\n"  # there is nothing to set outside of a completion
             '_lumora; printf "%s\\n" "${COMPREPLY[@]}"\n'
         )
+        path = os.path.dirname(PROGRAM) + ":" + os.environ["PATH"]
         result = subprocess.run(
-            ["bash", "-s", "--", *words], input=script, capture_output=True, text=True, check=True
+            ["bash", "-s", "--", *words], input=script, capture_output=True, text=True, check=True,
+            env={**os.environ, "PATH": path},
         )
         self.assertEqual(result.stderr, "")
         return result.stdout.split()
 
     def test_commands(self):
-        self.assertEqual(self.complete("s"), ["subscribe", "send", "serve"])
+        self.assertEqual(self.complete("s"), ["subscribe", "send", "shell", "serve"])
 
     def test_commands_behind_options(self):
         self.assertEqual(self.complete("--json", "--interface", "lo", "doc"), ["doctor"])
@@ -164,6 +252,18 @@ class BashCompletion(LumoraCase):
     def test_files(self):
         proposals = self.complete("send", "T", str(SOURCES / "READ"))
         self.assertEqual(proposals, [str(SOURCES / "README.md")])
+
+    def test_types_of_devices_and_their_services(self):
+        self.device("camera", "--service", "picture", "--service", "sound")
+        self.device("reader", "--echo")
+        self.assertEqual(self.complete("cmd", ""), ["camera", "reader"])
+        self.assertEqual(self.complete("info", "re"), ["reader"])
+        self.assertEqual(self.complete("subscribe", "--count", "3", "camera", ""), ["picture", "sound"])
+        self.assertEqual(self.complete("subscribe", "camera", "sound", "p"), ["picture"])
+        self.assertEqual(self.complete("send", "camera", "-", "--await", "s"), ["sound"])
+
+    def test_commands_of_help(self):
+        self.assertEqual(self.complete("help", "doc"), ["doctor"])
 
     def test_nothing_where_only_the_user_knows(self):
         self.assertEqual(self.complete("subscribe", "T", "S", "--count", ""), [])
@@ -188,7 +288,7 @@ class ZshCompletion(LumoraCase):
 
     def test_lists_commands_with_what_they_do(self):
         self.shell.type("lumora se\t")
-        self.shell.read_until("sends files to a device")
+        self.shell.read_until("sends files, texts or lines to a device")
 
     def test_completes_an_option_of_a_command(self):
         self.shell.type("lumora subscribe T S --tim\t")

@@ -8,7 +8,7 @@ import socket
 import subprocess
 import unittest
 
-from lumora_case import LumoraCase, lumora
+from lumora_case import SOURCES, LumoraCase, lumora
 
 GROUP = "224.0.1.187"
 
@@ -19,8 +19,8 @@ def in_own_network():
 
 
 class DoctorCase(LumoraCase):
-    def findings(self, listen="0"):
-        result = lumora("doctor", "--json", "--listen", listen)
+    def findings(self, *words, listen="0", **environment):
+        result = lumora("doctor", *words, "--json", "--listen", listen, env={**os.environ, **environment})
         report = json.loads(result.stdout)
         self.assertEqual(result.returncode, 1 if report["faults"] else 0)
         for level in ["fault", "warning"]:
@@ -46,11 +46,57 @@ class HealthyHost(DoctorCase):
     def test_for_people(self):
         result = lumora("doctor", "--listen", "0")
         self.assert_succeeds(result)
-        for area in ["Interfaces", "Multicast", "Ports", "Firewall", "Libraries", "Self-test over lo"]:
+        for area in ["Variables", "Interfaces", "Multicast", "Ports", "Firewall", "Libraries", "Self-test over lo"]:
             self.assertRegex(result.stdout, rf"(?m)^{area}$")
         self.assertRegex(result.stdout, r"(?m)^  ok       lo, 127\.0\.0\.1$")
         for file in ["liblumora_cpp.so", "liblumora.so", "liblink_log.so", "libsecurec.so"]:
             self.assertRegex(result.stdout, rf"(?m)^  ok       {re.escape(file)}:\s+/")
+
+
+class Variables(DoctorCase):
+    def test_those_that_can_be_used(self):
+        findings = self.findings(LUMORA_LINK_PORT="7000", LUMORA_LINK_PEERS="192.0.2.1, 192.0.2.2:7000")
+        self.assertEqual(self.of("variables", findings), [("ok", "those that are set can be used")])
+        self.assertIn(("ok", "UDP port 7000 of LUMORA_LINK_PORT is free"), self.of("ports", findings))
+
+    def test_those_that_cannot(self):
+        for name, value in [
+            ("LUMORA_LINK_PORT", "70000"), ("LUMORA_LINK_PORT", "coap"), ("LUMORA_LINK_PORT", "0"),
+            ("LUMORA_LINK_PEERS", "192.0.2.1,camera.local"), ("LUMORA_LINK_INTERFACE", "lo,none9"),
+        ]:
+            with self.subTest(value):
+                ((level, text),) = self.of("variables", self.findings(**{name: value}))
+                self.assertEqual(level, "fault")
+                self.assertIn(name, text)
+
+    def test_port_that_another_has(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+            holder.bind(("", 7000))
+            findings = self.findings(LUMORA_LINK_PORT="7000")
+        self.assertIn(("warning", "UDP port 7000 of LUMORA_LINK_PORT is taken"), self.of("ports", findings))
+        self.assertEqual(self.of("self-test", findings)[0][0], "ok")
+
+
+class Walk(DoctorCase):
+    def test_to_a_device(self):
+        self.device("camera", "--echo")
+        told = self.of("device", self.findings("camera"))
+        self.assertEqual([level for level, _ in told], ["ok"] * 3)
+        self.assertIn("127.0.0.1", told[0][1])
+        self.assertIn("1 service", told[1][1])
+        self.assertIn("6667 from there", told[2][1])
+
+    def test_to_a_device_that_is_not_there(self):
+        ((level, text),) = self.of("device", self.findings("camera", "--wait", "0"))
+        self.assertEqual((level, text), ("fault", 'no device of type "camera" was found'))
+
+    def test_to_a_device_that_cannot_be_connected(self):
+        self.device("camera", "--echo")
+        listener = socket.create_server(("", 6666))
+        self.addCleanup(listener.close)
+        level, text = self.of("device", self.findings("camera"))[-1]
+        self.assertEqual(level, "fault")
+        self.assertIn("cannot be connected", text)
 
 
 class Peculiarities(DoctorCase):
@@ -67,7 +113,7 @@ class Peculiarities(DoctorCase):
 
     def test_hears_other_nodes(self):
         self.device("camera", "--echo")
-        self.assertIn(("ok", "lo: joined, 1 node was heard"), self.of("multicast", self.findings("1.7")))
+        self.assertIn(("ok", "lo: joined, 1 node was heard"), self.of("multicast", self.findings(listen="1.7")))
 
     def test_self_test_has_ports_of_its_own(self):
         result = lumora("doctor", "--json", "--listen", "0", env={**os.environ, "LUMORA_LINK_PORT": "7000"})
@@ -105,6 +151,23 @@ class BrokenNetwork(DoctorCase):
         self.assertIn(
             ("fault", "no interface is up and has an IPv4 address"), self.of("interfaces", findings)
         )
+        self.assertEqual(self.of("self-test", findings), [("note", "left out: lo is down")])
+
+    @unittest.skipUnless(shutil.which("nft"), "needs nft")
+    def test_firewall_that_the_documents_prescribe(self):
+        text = (SOURCES / "docs/security.md").read_text(encoding="utf-8")
+        rules = re.search(r"^ *table inet .*?^ {7}\}$", text, re.DOTALL | re.MULTILINE)[0]
+        ours = "tcp dport { 6666, 6667 } accept\n udp dport { 5683, 7000 } accept\n iif lo accept\n"
+        closed = f"table ip t {{ chain c {{ type filter hook input priority 0; policy drop;\n {ours} }}\n }}\n"
+        other = "table ip t { chain c { type filter hook input priority 0\n tcp dport 22 drop\n }\n }\n"
+        for allowed in [rules.replace("192.0.2.0/24", "127.0.0.0/8"), closed, other]:
+            with self.subTest(allowed):
+                subprocess.run(["nft", "-f", "-"], input=allowed, text=True, check=True)
+                findings = self.findings()
+                subprocess.run(["nft", "flush", "ruleset"], check=True)
+                told = "the rules of nft drop something, but not what Lumora needs"
+                self.assertEqual(self.of("firewall", findings), [("ok", told)])
+                self.assertEqual(self.of("self-test", findings)[0][0], "ok")
 
     @unittest.skipUnless(shutil.which("nft"), "needs nft")
     def test_firewall_that_drops_multicast(self):

@@ -2,6 +2,7 @@
 
 import json
 import signal
+import socket
 import subprocess
 import unittest
 
@@ -59,7 +60,7 @@ class Find(LumoraCase):
 
     def test_interrupt_ends_a_search(self):
         watching = self.start("find", "lumora-cli", "--watch")
-        searching = self.start("version", "camera", "--find", "600")
+        searching = self.start("cmd", "camera", "Stop", "--wait", "600")
         self.assertIn("+ ", watching.line())  # it has joined the network
         self.assertEqual(searching.end(), ENDED_BY_INTERRUPT)
 
@@ -110,7 +111,49 @@ class Info(LumoraCase):
         self.assertEqual([device["answers"] for device in found], [True, True])
 
     def test_absent_device(self):
-        self.assert_fails(lumora("info", "camera", "--wait", "0"), 3, "lumora find")
+        self.assert_fails(lumora("info", "camera", "--wait", "0"), 3, '"camera"', "lumora find")
+
+
+class Addresses(LumoraCase):
+    """Several devices of one type; on one host their ports tell them apart."""
+
+    def addresses(self):
+        found = json.loads(lumora("find", "camera", "--json").stdout)
+        return {device["services"][0]["name"]: f"{device['address']}:{device['port']}" for device in found}
+
+    def test_choose_the_device(self):
+        devices = {service: self.device("camera", "--service", service) for service in ["one", "two", "three"]}
+        for service, address in self.addresses().items():
+            self.assert_succeeds(lumora("cmd", f"camera@{address}", "Stop", service))
+            self.assertEqual(devices[service].event("command")["parameter"], service)
+            self.assert_succeeds(lumora("cmd", "camera", "Go", service, "--address", address))
+            self.assertEqual(devices[service].event("command")["parameter"], service)
+
+    def test_hold_for_commands_that_look(self):
+        self.device("camera", "--service", "one")
+        self.device("camera", "--service", "two")
+        address = self.addresses()["two"]
+        for command in ["find", "info"]:
+            (found,) = json.loads(lumora(command, f"camera@{address}", "--json").stdout)
+            self.assertEqual(found["services"][0]["name"], "two")
+        self.assert_succeeds(lumora("version", f"camera@{address}"))
+
+    def test_that_no_device_has(self):
+        self.device("camera", "--echo")
+        for words in [["cmd", "camera@192.0.2.1", "Stop"], ["info", "camera@192.0.2.1"], ["version", "camera@192.0.2.1"]]:
+            self.assert_fails(lumora(*words, "--wait", "0"), 3, '"camera" at 192.0.2.1')
+
+    def test_an_at_sign_in_a_type_is_a_letter(self):
+        self.device("camera@home", "--echo")
+        self.assert_succeeds(lumora("info", "camera@home"))
+
+    def test_a_service_is_found_among_many_devices(self):
+        services = ["one", "two", "three", "four", "five", "six"]
+        for service in services:
+            self.device("camera", "--service", service)
+        for service in services:
+            result = lumora("subscribe", "camera", service, "--timeout", "0.1")
+            self.assertEqual(result.returncode, 5, result)
 
 
 class Version(LumoraCase):
@@ -119,13 +162,25 @@ class Version(LumoraCase):
         self.assert_succeeds(result)
         self.assertRegex(result.stdout, r"^program  (\d+\.\d+\.\d+)\nlibrary  \1\n$")
 
+    def test_without_a_device_touches_no_network(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as ear:
+            ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            ear.bind(("224.0.1.187", 5683))
+            membership = socket.inet_aton("224.0.1.187") + socket.inet_aton("127.0.0.1")
+            ear.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, membership)
+            ear.setblocking(False)
+            self.assert_succeeds(lumora("version"))
+            self.assertRaises(BlockingIOError, ear.recv, 1)
+            lumora("find", "camera", "--wait", "0")
+            ear.recv(1)  # this one does
+
     def test_of_a_device_too(self):
         self.device("camera", "--echo")
         versions = json.loads(lumora("version", "camera", "--json").stdout)
         self.assertEqual(versions["device"], versions["library"])
 
     def test_of_an_absent_device(self):
-        self.assert_fails(lumora("version", "camera", "--find", "0"), 3, '"camera"')
+        self.assert_fails(lumora("version", "camera", "--wait", "0"), 3, '"camera"')
 
 
 class Output(LumoraCase):

@@ -140,6 +140,19 @@ class Exec(LumoraCase):
         self.assertEqual([device.event("answer")["bytes"] for _ in range(2)], [2, 4])
         self.assertEqual((folder / "all").read_text(), "1\n2\n")
 
+    def test_commands_reach_the_script_and_it_answers(self):
+        program = 'echo "$LUMORA_COMMAND [$LUMORA_PARAMETER] $(cat) $LUMORA_SERVICE"'
+        device = self.device("lamp", "--service", "state", "--on-command", program)
+        result = lumora("cmd", "lamp", "Turn", "on", "--await", "state", "--as", "raw")
+        self.assert_succeeds(result)
+        self.assertEqual(result.stdout, "Turn [on] on state\n")
+        self.assertEqual(device.event("answer")["service"], "state")
+
+    def test_sizes_as_people_write_them(self):
+        self.device("camera", "--service", "picture:tcp:1.5M")
+        (found,) = json.loads(lumora("info", "camera", "--json").stdout)
+        self.assertEqual(found["services"][0]["outputBytes"], 1572864)
+
     def test_runs_by_itself_while_somebody_is_subscribed(self):
         folder = self.folder()
         device = self.device(

@@ -1,18 +1,23 @@
 // The program: which command, what holds for all of them, and how it ends.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <map>
+#include <memory>
+#include <set>
 
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/manual/command_line.h"
 #include "tools/lumora/manual/pages.h"
 #include "tools/lumora/os/interfaces.h"
 #include "tools/lumora/os/signals.h"
+#include "tools/lumora/session/link_node.h"
 #include "tools/lumora/terminal/failure.h"
+#include "tools/lumora/terminal/json.h"
 #include "tools/lumora/terminal/output.h"
 #include "tools/lumora/terminal/terminal.h"
+#include "tools/lumora/terminal/text.h"
 
 namespace lumora_cli {
 
@@ -43,8 +48,7 @@ Terms ExitCodes() {
 Terms Variables() {
     return {
         {"LUMORA_LINK_INTERFACE", "the network interfaces; --interface sets it"},
-        {"LUMORA_LOG_LEVEL",
-         "what the libraries log; --log sets it, and nothing is logged where neither does"},
+        {"LUMORA_LOG_LEVEL", "what the libraries log; --log sets it, and nothing is logged without either"},
         {"NO_COLOR", "not empty: no colours on a terminal either"},
     };
 }
@@ -70,32 +74,100 @@ void Apply(const Globals& globals) {
     setenv("LUMORA_LOG_LEVEL", level.c_str(), globals.logLevel.empty() ? 0 : 1);
 }
 
+const Command* Find(const Manual& manual, const std::string& name) {
+    const auto found = std::find_if(manual.commands.begin(), manual.commands.end(),
+                                    [&](const Command& command) { return command.name == name; });
+    return found != manual.commands.end() ? &*found : nullptr;
+}
+
+// The documented fields of each command, for the test that compares them with what is printed.
+std::string FieldsPage(const Manual& manual) {
+    JsonObject page;
+    for (const Command& command : manual.commands) {
+        page.AddRaw(command.name.c_str(),
+                    JsonArray(command.fields, [](const Field& field) { return JsonText(field.path); }));
+    }
+    return page.Text() + '\n';
+}
+
+// What a shell offers: the types of the devices, or the services of those of a type, one to a line.
+void PrintForCompletion(const std::string& what, const std::string& type) {
+    constexpr std::chrono::milliseconds LISTEN(1000);
+    LinkNode node;
+    std::set<std::string> names;
+    for (const FoundDevice& device :
+         type.empty() ? FindAllDevices(node, LISTEN) : FindDevices(node, type, LISTEN)) {
+        if (what == "types" && device.answers) {
+            names.insert(OneLine(device.type));
+        }
+        for (const Service& service : what == "services" ? device.services : std::vector<Service>()) {
+            names.insert(OneLine(service.name));
+        }
+    }
+    for (const std::string& name : names) {
+        PrintLine(name);
+    }
+}
+
 // --print PAGE [COMMAND]: what is installed or checked when the program is built.
 int PrintPage(const Manual& manual, int count, const char* const* words) {
     const std::string page = count > 2 ? words[2] : "";
-    const Command* about = nullptr;
-    for (const Command& command : manual.commands) {
-        if (count > 3 && command.name == words[3]) {
-            about = &command;
-        }
-    }
+    const Command* const about = count > 3 ? Find(manual, words[3]) : nullptr;
     const bool found = count < 4 || about != nullptr;
     if (page == "man" && found) {
         Print(ManPage(manual, about));
     } else if (page == "markdown") {
         Print(MarkdownPage(manual));
+    } else if (page == "types" || page == "services") {
+        Apply(g_globals);
+        PrintForCompletion(page, count > 3 ? words[3] : "");
+    } else if (page == "fields") {
+        Print(FieldsPage(manual));
     } else if (page == "bash") {
         Print(BashCompletion(manual));
     } else if (page == "zsh") {
         Print(ZshCompletion(manual));
     } else {
-        throw Failure(EXIT_USAGE, "--print takes man [COMMAND], markdown, bash or zsh");
+        throw Failure(EXIT_USAGE, "--print takes man [COMMAND], markdown, fields, bash or zsh");
     }
     return EXIT_OK;
 }
 
+// Also for words that cannot be parsed.
+bool WantsJson(int count, const char* const* words) {
+    return std::any_of(words, words + count, [](const char* word) {
+        return std::strcmp(word, "--json") == 0 || std::strcmp(word, "-j") == 0;
+    });
+}
+
+Command HelpCommand(const Manual& manual) {
+    const auto about = std::make_shared<std::string>();
+    Command command("help", "shows how a command is used");
+    Option& argument = command.Argument("COMMAND", *about, "one of the commands; without it, all are listed");
+    for (const Command& one : manual.commands) {
+        argument.choices.push_back(one.name);
+    }
+    command.Show("lumora help send", "as lumora send --help");
+    command.run = [about, &manual, names = argument.choices] {
+        const Command* const chosen = Find(manual, *about);
+        if (chosen == nullptr && !about->empty()) {
+            const std::string nearest = Nearest(*about, names);
+            throw Failure(
+                EXIT_USAGE, "unknown command " + *about,
+                nearest.empty() ? "lumora help lists the commands" : "did you mean " + nearest + '?');
+        }
+        Print(HelpPage(manual, chosen, Width(STDOUT_FILENO)));
+        return EXIT_OK;
+    };
+    return command;
+}
+
 int Run(int count, const char* const* words) {
+    if (WantsJson(count, words)) {
+        UseJson();
+    }
     Manual manual = {GlobalOptions(), AllCommands(), ExitCodes(), Variables(), {"lumora-platform-check"}};
+    manual.commands.push_back(HelpCommand(manual));
     if (count > 1 && std::strcmp(words[1], "--print") == 0) {
         return PrintPage(manual, count, words);
     }
@@ -120,15 +192,17 @@ int Run(int count, const char* const* words) {
 
 std::vector<Command> AllCommands() {
     return {FindCommand(), InfoCommand(), VersionCommand(), CmdCommand(),   SubscribeCommand(),
-            SendCommand(), PingCommand(), ServeCommand(),   DoctorCommand()};
+            SendCommand(), PingCommand(), ShellCommand(),   ServeCommand(), DoctorCommand()};
 }
 
 Command GlobalOptions() {
     Command command("lumora",
                     "finds devices on the local network, exchanges commands and data with them, or is one");
-    command.Flag("--json", g_globals.json,
-                 "results as JSON, one document, or one to a line where they come one after the other; the "
-                 "message of a failure too, on standard error");
+    command
+        .Flag("--json", g_globals.json,
+              "results as JSON, one document, or one to a line if they come one after the other; the message "
+              "of a failure too, on standard error, as the fields error and exit")
+        .letter = 'j';
     command
         .Text(
             "--interface", "NAMES", g_globals.interfaces,
@@ -137,10 +211,10 @@ Command GlobalOptions() {
         .offer = Option::Offer::INTERFACES;
     command.Choice("--log", g_globals.logLevel, LOG_LEVELS,
                    "what the libraries log to standard error. Sets LUMORA_LOG_LEVEL");
-    command.Show("lumora find", "who is there?");
-    command.Show("lumora serve echo-device --echo", "a device to try things on");
-    command.Show("lumora ping echo-device", "how long is the way there and back?");
-    command.Show("lumora doctor", "what is in the way?");
+    command.Show("lumora find", "lists the devices");
+    command.Show("lumora serve echo-device --echo", "is a device to try things on");
+    command.Show("lumora ping echo-device", "measures the way there and back");
+    command.Show("lumora doctor", "looks for what is in the way");
     return command;
 }
 

@@ -34,16 +34,15 @@ void Check(const Options& options) {
 
 int Run(const Options& options) {
     Check(options);
-    ClientSession session;
-    session.Find(options.session, options.await.service);
-    session.Connect();
+    BlockWriter writer(options.await.format);
+    ClientSession session(options.session, ServicesFor(options.await));
     SubscribeForAnswer(session, options.await);
     session.SendCommand(options.name, options.parameter);
     if (!options.await.service.empty()) {
-        PrintAnswer(session, options.await);
+        PrintAnswer(session, options.await, writer);
     } else if (IsJson()) {
         PrintLine(JsonObject()
-                      .Add("type", options.session.type)
+                      .Add("type", options.session.device.type)
                       .Add("command", options.name)
                       .Add("parameter", options.parameter)
                       .Add("taken", true)
@@ -58,9 +57,8 @@ Command CmdCommand() {
     const auto options = std::make_shared<Options>();
     Command command("cmd", "sends a command to a device");
     command.Describe(
-        "A command has no answer of its own; what the device has to say comes as data of one of its "
-        "services, "
-        "which --await shows. Exit code 0 says that the device's application was called.");
+        "A command has no answer of its own. What the device has to say comes as data of one of its "
+        "services, which --await shows. Exit code 0 says that the device's application was called.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
         "connected.");
@@ -70,6 +68,18 @@ Command CmdCommand() {
                      "its parameter; NAME and PARAM have up to 400 characters together. Put -- before what "
                      "begins with a hyphen.");
     AddAwaitOptions(command, options->await);
+    command.Prints({
+        {"type", "without --await: the type of the device, as it was named"},
+        {"command", "without --await: NAME"},
+        {"parameter", "without --await: PARAM"},
+        {"taken", "without --await: true"},
+        {"time", "of an answer: when it came, as 2026-01-31T12:03:04.123+0100"},
+        {"service", "of an answer"},
+        {"bytes", "of an answer: its length"},
+        {"text", "an answer that is text"},
+        {"hex", "any other answer"},
+        {"file", "with --out, the file of an answer"},
+    });
     command.Show("lumora cmd camera SetMode night", "sets the mode of a camera that knows this command");
     command.Show("lumora cmd text-reader SetLanguage deu --await text",
                  "and prints what the device says to it");

@@ -9,6 +9,7 @@
 
 #include "tools/lumora/commands/findings.h"
 #include "tools/lumora/manual/command.h"
+#include "tools/lumora/os/interfaces.h"
 #include "tools/lumora/os/ports.h"
 #include "tools/lumora/os/program.h"
 #include "tools/lumora/os/signals.h"
@@ -62,8 +63,8 @@ void PrintFinding(const Finding& finding) {
     std::string text = "  " + Coloured(word, ColourOf(finding.level), STDOUT_FILENO) +
                        std::string(WORD - word.size(), ' ') + Wrapped(finding.text, margin.size(), width) +
                        '\n';
-    if (!finding.wayOut.empty()) {
-        text += margin + "-> " + Wrapped(finding.wayOut, margin.size() + 3, width) + '\n';
+    if (!finding.advice.empty()) {
+        text += margin + "-> " + Wrapped(finding.advice, margin.size() + 3, width) + '\n';
     }
     Print(text);
 }
@@ -71,7 +72,7 @@ void PrintFinding(const Finding& finding) {
 std::string ToJson(const Finding& finding) {
     JsonObject object;
     object.Add("level", WordOf(finding.level)).Add("area", finding.area).Add("text", finding.text);
-    return finding.wayOut.empty() ? object.Text() : object.Add("wayOut", finding.wayOut).Text();
+    return finding.advice.empty() ? object.Text() : object.Add("advice", finding.advice).Text();
 }
 
 // "1 fault, 2 warnings", or that there is none.
@@ -93,10 +94,13 @@ std::size_t CountOf(const Findings& findings, Level level) {
 struct Options {
     // Somewhat longer than two of the messages that every node repeats.
     std::chrono::milliseconds listen{1700};
+    DeviceChoice device;  // no type: none
+    std::chrono::milliseconds wait{2000};
 };
 
 Findings LookRound(const Options& options) {
-    const std::pair<const char*, std::function<void(Findings&)>> areas[] = {
+    std::vector<std::pair<std::string, std::function<void(Findings&)>>> areas = {
+        {"Variables", LookAtVariables},
         {"Interfaces", LookAtInterfaces},
         {"Multicast", [&options](Findings& findings) { LookAtMulticast(findings, options.listen); }},
         {"Ports", LookAtPorts},
@@ -104,6 +108,11 @@ Findings LookRound(const Options& options) {
         {"Libraries", LookAtLibraries},
         {"Self-test over lo", TryOnLoopback},
     };
+    if (!options.device.type.empty()) {
+        areas.emplace_back("The way to " + options.device.type, [&options](Findings& findings) {
+            WalkTo(findings, options.device, options.wait);
+        });
+    }
     Findings all;
     for (const auto& [title, look] : areas) {
         if (!IsJson()) {
@@ -140,6 +149,16 @@ int Run(const Options& options) {
 
 }  // namespace
 
+namespace {
+
+bool IsLoopbackUp() {
+    const std::vector<Interface> interfaces = ListInterfaces();
+    return std::any_of(interfaces.begin(), interfaces.end(),
+                       [](const Interface& one) { return one.loopback && one.running; });
+}
+
+}  // namespace
+
 // Two processes, as in earnest: this program as a device and as a client.
 void TryOnLoopback(Findings& findings) {
     constexpr std::chrono::milliseconds PATIENCE(15000);
@@ -149,7 +168,16 @@ void TryOnLoopback(Findings& findings) {
                             "end what is connected and repeat"});
         return;
     }
-    unsetenv("LUMORA_LINK_PORT");  // two nodes on one host cannot have the same
+    if (!IsLoopbackUp()) {
+        findings.push_back({Level::NOTE, area, "left out: lo is down", "ip link set lo up"});
+        return;
+    }
+    // The device has the port that is configured, unless another node has it. The client cannot have the
+    // same.
+    const char* port = std::getenv("LUMORA_LINK_PORT");
+    if (port != nullptr && UdpPortState(std::atoi(port)) != PortState::FREE) {
+        unsetenv("LUMORA_LINK_PORT");
+    }
     const std::string program = "/proc/self/exe";
     const std::string type = "lumora-doctor-" + std::to_string(getpid());
     Child device({program, "--interface", "lo", "serve", type, "--echo"});
@@ -158,6 +186,7 @@ void TryOnLoopback(Findings& findings) {
                             "lumora --interface lo --log error serve test --echo tells why"});
         return;
     }
+    unsetenv("LUMORA_LINK_PORT");
     Child client({program, "--interface", "lo", "ping", type, "--count", "3", "--interval", "0"});
     std::string last;
     for (std::string line = client.NextLine(PATIENCE); !line.empty(); line = client.NextLine(PATIENCE)) {
@@ -183,17 +212,34 @@ Command DoctorCommand() {
     const auto options = std::make_shared<Options>();
     Command command("doctor", "looks for what keeps clients and devices from each other");
     command.Describe(
-        "Looks at the network interfaces, at multicast, at the TCP ports 6666 and 6667, at the firewall, at "
-        "the "
-        "libraries that are loaded, and runs a device and a client against each other over the loopback "
-        "interface. "
-        "Says what is wrong and what to do. Nothing that it sends leaves this host.");
+        "Looks at the variables of the link platform, at the network interfaces, at multicast, at the ports, "
+        "at the firewall, at the libraries that are loaded, and runs a device and a client against each "
+        "other over the loopback interface. Says what is wrong and what to do. Without TYPE nothing that it "
+        "sends leaves this host.");
+    command.Describe(
+        "With TYPE it also walks to that device: found, answers, TCP port 6666 reached there, 6667 reached "
+        "back. For the last two it connects, and so takes the place of a client that is connected.");
     command.Describe(
         "A fault keeps Lumora from working, a warning may; the exit code is 1 when there is a fault.");
+    command.Argument("TYPE", options->device.type, "a device to walk to, or TYPE@ADDRESS for one of several")
+        .offer = Option::Offer::TYPES;
+    AddAddress(command, options->device);
+    AddWait(command, options->wait, "how long to search for the device (2)");
     command.Seconds("--listen", options->listen, std::chrono::hours(1),
                     "how long to listen for other nodes (1.7)");
+    command.Prints({{"faults", "how many faults there are"},
+                    {"warnings", "how many warnings there are"},
+                    {"findings[].level", "ok, note, warning or fault"},
+                    {"findings[].area",
+                     "variables, interfaces, multicast, ports, firewall, libraries, self-test or device"},
+                    {"findings[].text", "what was found"},
+                    {"findings[].advice", "what to do about it; missing if there is nothing to do"}});
+    command.Show("lumora doctor camera", "why can this host not use that camera?");
     command.Show("lumora doctor --interface eth0", "only with an eye on this interface");
-    command.run = [options] { return Run(*options); };
+    command.run = [options] {
+        options->device.Take();
+        return Run(*options);
+    };
     return command;
 }
 

@@ -30,7 +30,7 @@ const std::vector<Needed>& NeededFiles() {
     static const std::vector<Needed> files = {
         {"liblumora_cpp.so", {"LUM_InitClient", "LUM_InitServer"}},
         {"liblumora.so",
-         {"GetLinkPlatform", "FreeLinkPlatform", "GetNextAppResourceProxy", "FreeAppResourceProxy2"}},
+         {"FreeAppResourceProxy2", "GetLinkPlatform", "FreeLinkPlatform", "GetNextAppResourceProxy"}},
         {"liblink_log.so", {"LogInfo"}},
         {"libsecurec.so", {"memcpy_s", "memset_s", "strncpy_s"}},
     };
@@ -42,10 +42,12 @@ std::string RealPath(const char* path) {
     return real != nullptr ? real.get() : path;
 }
 
-// The file that a function comes from, with its links followed; empty when nobody has the function.
+// The library that a function comes from, with its links followed; empty when none has the function. This
+// program has some of them as well, and is passed over.
 std::string FileOf(const char* function) {
     Dl_info info = {};
-    void* const address = dlsym(RTLD_DEFAULT, function);
+    void* address = dlsym(RTLD_NEXT, function);
+    address = address != nullptr ? address : dlsym(RTLD_DEFAULT, function);
     return address != nullptr && dladdr(address, &info) != 0 ? RealPath(info.dli_fname) : "";
 }
 

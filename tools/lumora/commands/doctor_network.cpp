@@ -1,10 +1,12 @@
 // lumora doctor: what the network lets through, as far as one host can see.
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -140,23 +142,63 @@ void TellJoinFault(Findings& findings, const Interface& entry, int error) {
 
 // ---- Firewalls
 
-// What the rules of this host drop, counted; -1 where they cannot be read.
-int DroppingRules() {
+struct Rules {
+    bool known = false;
+    int dropping = 0;  // that drop something
+    int inTheWay = 0;  // of these, the ones that may drop what Lumora sends
+};
+
+bool Has(const std::string& line, const std::string& part) { return line.find(part) != std::string::npos; }
+
+// Whether it names a port of Lumora's.
+bool NamesOurPort(const std::string& line) {
+    const char* link = std::getenv("LUMORA_LINK_PORT");
+    const bool fixed = link != nullptr && *link != '\0';
+    return Has(line, "5683") || Has(line, "6666") || Has(line, "6667") || (fixed && Has(line, link));
+}
+
+bool Drops(const std::string& line) { return Has(line, " drop") || Has(line, " reject"); }
+
+// Of rules that leave a network alone ("saddr != ..."), name the ports of others, or drop what belongs to no
+// connection, Lumora notices nothing. A chain that drops by itself is no obstacle if its rules accept our
+// ports.
+bool IsInTheWay(const std::string& line, bool acceptsOurs) {
+    if (Has(line, "policy drop")) {
+        return (Has(line, "hook input") || Has(line, "hook output")) && !acceptsOurs;
+    }
+    if (Has(line, "saddr !=") || Has(line, "ct state invalid") || Has(line, "iifname !=")) {
+        return false;
+    }
+    return !Has(line, "dport") || NamesOurPort(line);
+}
+
+std::vector<std::string> LinesOf(Child& program, std::chrono::milliseconds patience) {
+    std::vector<std::string> lines;
+    for (std::string line = program.NextLine(patience); !line.empty(); line = program.NextLine(patience)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+Rules ReadRules() {
     constexpr std::chrono::milliseconds PATIENCE(3000);
+    Rules rules;
     if (geteuid() != 0 || access("/usr/sbin/nft", X_OK) != 0) {
-        return -1;
+        return rules;
     }
     Child nft({"/usr/sbin/nft", "list", "ruleset"});
-    int dropping = 0;
-    for (std::string line = nft.NextLine(PATIENCE); !line.empty(); line = nft.NextLine(PATIENCE)) {
-        for (const char* word : {"policy drop", " drop", " reject"}) {
-            if (line.find(word) != std::string::npos) {
-                ++dropping;
-                break;
-            }
-        }
+    std::string accepted;
+    const std::vector<std::string> lines = LinesOf(nft, PATIENCE);
+    for (const std::string& line : lines) {
+        accepted += Has(line, " accept") && !Has(line, "policy") ? line : "";
     }
-    return nft.Wait(PATIENCE) == 0 ? dropping : -1;
+    const bool acceptsOurs = Has(accepted, "5683") && (Has(accepted, "6666") || Has(accepted, "6667"));
+    for (const std::string& line : lines) {
+        rules.dropping += Drops(line) ? 1 : 0;
+        rules.inTheWay += Drops(line) && IsInTheWay(line, acceptsOurs) ? 1 : 0;
+    }
+    rules.known = nft.Wait(PATIENCE) == 0;
+    return rules;
 }
 
 std::string WhatMustPass() {
@@ -167,7 +209,79 @@ std::string WhatMustPass() {
            ", TCP to 6666 (device) and 6667 (client)";
 }
 
+// ---- Variables
+
+// The items of a list, as the link platform splits it.
+std::vector<std::string> WordsOf(const char* variable) {
+    const char* value = std::getenv(variable);
+    std::string text = value != nullptr ? value : "";
+    std::replace(text.begin(), text.end(), ' ', ',');
+    std::vector<std::string> words = Split(text, ',');
+    words.erase(std::remove(words.begin(), words.end(), ""), words.end());
+    return words;
+}
+
+// 0: not set, -1: no port.
+int LinkPort() {
+    constexpr int LAST_PORT = 65535;
+    const char* value = std::getenv("LUMORA_LINK_PORT");
+    if (value == nullptr || *value == '\0') {
+        return 0;
+    }
+    char* end = nullptr;
+    const long port = std::strtol(value, &end, 10);
+    return *value >= '0' && *value <= '9' && *end == '\0' && port >= 1 && port <= LAST_PORT
+               ? static_cast<int>(port)
+               : -1;
+}
+
+void LookAtPortVariable(Findings& findings) {
+    if (LinkPort() < 0) {
+        findings.push_back(
+            {Level::FAULT, "variables",
+             "LUMORA_LINK_PORT: \"" + std::string(std::getenv("LUMORA_LINK_PORT")) +
+                 "\" is no port; it is ignored, and a firewall that lets one port pass is of no use",
+             "set it to a number from 1 to 65535"});
+    }
+}
+
+void LookAtLinkPort(Findings& findings) {
+    const int port = LinkPort();
+    if (port <= 0) {
+        return;
+    }
+    const bool taken = UdpPortState(port) == PortState::TAKEN;
+    const std::string name = "UDP port " + std::to_string(port) + " of LUMORA_LINK_PORT";
+    findings.push_back(
+        {taken ? Level::WARNING : Level::GOOD, "ports", name + (taken ? " is taken" : " is free"),
+         taken ? "another node has it, or another program: ss -ulnp 'sport = :" + std::to_string(port) +
+                     "' names it. Two nodes on one host need two ports"
+               : ""});
+}
+
 }  // namespace
+
+void LookAtVariables(Findings& findings) {
+    LookAtPortVariable(findings);
+    for (const std::string& name : WordsOf("LUMORA_LINK_INTERFACE")) {
+        if (if_nametoindex(name.c_str()) == 0) {
+            findings.push_back({Level::FAULT, "variables",
+                                "LUMORA_LINK_INTERFACE: this host has no interface \"" + name + '"',
+                                "ip link lists the interfaces"});
+        }
+    }
+    for (const std::string& peer : WordsOf("LUMORA_LINK_PEERS")) {
+        if (!ParseAddress(peer)) {
+            findings.push_back({Level::FAULT, "variables",
+                                "LUMORA_LINK_PEERS: \"" + peer +
+                                    "\" is no IPv4 address with or without a port; it is ignored",
+                                "name peers as 192.168.1.7 or 192.168.1.7:7000, separated by commas"});
+        }
+    }
+    if (findings.empty()) {
+        findings.push_back({Level::GOOD, "variables", "those that are set can be used", ""});
+    }
+}
 
 void LookAtInterfaces(Findings& findings) {
     bool usable = false;
@@ -228,6 +342,7 @@ void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening) {
 }
 
 void LookAtPorts(Findings& findings) {
+    LookAtLinkPort(findings);
     for (const auto& [port, whose] : {std::pair(DEVICE_PORT, "device"), std::pair(CLIENT_PORT, "client")}) {
         const std::string name = "TCP port " + std::to_string(port);
         switch (TcpPortState(port)) {
@@ -237,8 +352,7 @@ void LookAtPorts(Findings& findings) {
             case PortState::TAKEN:
                 findings.push_back({Level::WARNING, "ports", name + " is taken",
                                     "a " + std::string(whose) +
-                                        " that is connected has it, or another program: ss "
-                                        "-tlnp 'sport = :" +
+                                        " that is connected has it, or another program: ss -tlnp 'sport = :" +
                                         std::to_string(port) + "' names it. No other " + whose +
                                         " can be connected on this host"});
                 break;
@@ -251,16 +365,19 @@ void LookAtPorts(Findings& findings) {
 }
 
 void LookAtFirewall(Findings& findings) {
-    const int dropping = DroppingRules();
-    if (dropping < 0) {
+    const Rules rules = ReadRules();
+    if (!rules.known) {
         findings.push_back({Level::NOTE, "firewall", "its rules cannot be read: that needs root and nft",
                             "if there is one, " + WhatMustPass()});
-    } else if (dropping > 0) {
+    } else if (rules.inTheWay > 0) {
         findings.push_back(
             {Level::WARNING, "firewall",
-             Count(static_cast<std::size_t>(dropping), "rule of nft drops", "rules of nft drop") +
+             Count(static_cast<std::size_t>(rules.inTheWay), "rule of nft drops", "rules of nft drop") +
                  " something",
              WhatMustPass()});
+    } else if (rules.dropping > 0) {
+        findings.push_back(
+            {Level::GOOD, "firewall", "the rules of nft drop something, but not what Lumora needs", ""});
     } else {
         findings.push_back({Level::GOOD, "firewall", "no rule of nft on this host drops anything", ""});
     }

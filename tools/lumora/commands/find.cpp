@@ -1,10 +1,11 @@
-// lumora find: who is there, once or for as long as somebody watches.
+// lumora find: the devices of the network, once, or as they come and go.
 #include <unistd.h>
 
 #include <memory>
 
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/os/signals.h"
+#include "tools/lumora/session/client_session.h"
 #include "tools/lumora/session/link_node.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
@@ -18,9 +19,9 @@ namespace lumora_cli {
 namespace {
 
 struct Options {
-    std::string type;
+    DeviceChoice device;
     bool watch = false;
-    std::chrono::milliseconds wait{1500};
+    std::chrono::milliseconds wait{2000};
 };
 
 std::string OutputOf(const Service& service) {
@@ -44,17 +45,16 @@ void PrintTable(const std::vector<FoundDevice>& devices) {
 
 int Once(const Options& options) {
     LinkNode node;
-    const std::vector<FoundDevice> devices = options.type.empty()
-                                                 ? FindAllDevices(node, options.wait)
-                                                 : FindDevices(node, options.type, options.wait);
+    const std::string& type = options.device.type;
+    const std::vector<FoundDevice> devices =
+        type.empty() ? FindAllDevices(node, options.wait) : FindDevices(node, type, options.wait);
     if (IsJson()) {
         PrintLine(ToJson(devices));
     } else if (!devices.empty()) {
         PrintTable(devices);
     }
     if (devices.empty()) {
-        const std::string what =
-            options.type.empty() ? "no device" : "no device of type \"" + options.type + '"';
+        const std::string what = type.empty() ? "no device" : "no device of type " + options.device.Text();
         throw Failure(EXIT_NO_DEVICE, what + " was found",
                       "is one running in this network? --wait searches longer, lumora doctor looks for what "
                       "is in the way");
@@ -106,7 +106,7 @@ void PrintEvent(bool added, const FoundDevice& device) {
 int Watch(const Options& options) {
     LinkNode node;
     while (const std::optional<DeviceEvent> event = node.Events().Take(Never())) {
-        if (event->type.empty() || (!options.type.empty() && event->type != options.type)) {
+        if (event->type.empty() || (!options.device.type.empty() && event->type != options.device.type)) {
             continue;
         }
         PrintEvent(event->added, event->added
@@ -123,18 +123,46 @@ Command FindCommand() {
     Command command("find", "lists the devices of the network and their services");
     command.Describe(
         "Without TYPE every device is listed that makes itself heard. Clients are nodes with a type, too, "
-        "and "
-        "are listed without services.");
-    command.Argument("TYPE", options->type, "the type of the devices; without it, every device");
-    command.Flag("--watch", options->watch,
-                 "goes on, and prints a line for each device that comes (+) or goes (-)");
-    command.Seconds("--wait", options->wait, std::chrono::hours(24),
-                    "how long to search for a TYPE that is not found at once, and how long to listen without "
-                    "a TYPE (1.5)");
+        "and are listed without services.");
+    command
+        .Argument("TYPE", options->device.type,
+                  "the type of the devices, or TYPE@ADDRESS for one of several; without it, every device")
+        .offer = Option::Offer::TYPES;
+    AddAddress(command, options->device);
+    command
+        .Flag("--watch", options->watch,
+              "goes on, and prints a line for each device that comes (+) or goes (-)")
+        .letter = 'W';
+    AddWait(command, options->wait,
+            "how long to search for a TYPE that is not found at once, and how long to listen without a TYPE "
+            "(2)");
+    command.Prints({
+        {"[].address", "the IPv4 address"},
+        {"[].port", "the UDP port of the link platform"},
+        {"[].type", "the device type"},
+        {"[].answers", "false: the node did not describe any services"},
+        {"[].version", "of the device's library"},
+        {"[].services[].name", "the name of a service"},
+        {"[].services[].transport", "none, udp, tcp, rtp, 4 or 5"},
+        {"[].services[].outputBytes", "the length of its output; 0: any"},
+        {"time", "with --watch: when the device came or went"},
+        {"event", "with --watch: added or removed"},
+        {"device.address", "the IPv4 address"},
+        {"device.port", "the UDP port of the link platform"},
+        {"device.type", "the device type"},
+        {"device.answers", "false: the node did not describe any services"},
+        {"device.version", "of the device's library"},
+        {"device.services[].name", "the name of a service"},
+        {"device.services[].transport", "none, udp, tcp, rtp, 4 or 5"},
+        {"device.services[].outputBytes", "the length of its output; 0: any"},
+    });
     command.Show("lumora find", "every device");
     command.Show("lumora find camera --watch", "cameras as they come and go");
     command.Show("lumora --json find | jq -r '.[].type'", "the types alone");
-    command.run = [options] { return options->watch ? Watch(*options) : Once(*options); };
+    command.run = [options] {
+        options->device.Take();
+        return options->watch ? Watch(*options) : Once(*options);
+    };
     return command;
 }
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/lumora/session/device_address.h"
+
 namespace lumora_cli {
 
 struct Finding {
@@ -13,16 +15,19 @@ struct Finding {
     Level level;
     std::string area;
     std::string text;
-    std::string wayOut;
+    std::string advice;
 };
 
 using Findings = std::vector<Finding>;
 
+void LookAtVariables(Findings& findings);
 void LookAtInterfaces(Findings& findings);
 void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening);
 void LookAtPorts(Findings& findings);
 void LookAtFirewall(Findings& findings);
 void LookAtLibraries(Findings& findings);
 void TryOnLoopback(Findings& findings);
+// Searches for the device, asks it, and connects to it.
+void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds wait);
 
 }  // namespace lumora_cli

@@ -2,6 +2,7 @@
 #include <memory>
 
 #include "tools/lumora/manual/command.h"
+#include "tools/lumora/session/client_session.h"
 #include "tools/lumora/session/link_node.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
@@ -14,8 +15,8 @@ namespace lumora_cli {
 namespace {
 
 struct Options {
-    std::string type;
-    std::chrono::milliseconds wait{1500};
+    DeviceChoice device;
+    std::chrono::milliseconds wait{2000};
 };
 
 std::string Page(const FoundDevice& device) {
@@ -35,13 +36,17 @@ std::string Page(const FoundDevice& device) {
     return page;
 }
 
-int Run(const Options& options) {
+int Run(Options options) {
+    options.device.Take();
     LinkNode node;
-    const std::vector<FoundDevice> devices = options.type.empty()
-                                                 ? FindAllDevices(node, options.wait)
-                                                 : FindDevices(node, options.type, options.wait);
+    const std::string& type = options.device.type;
+    const std::vector<FoundDevice> devices =
+        type.empty() ? FindAllDevices(node, options.wait) : FindDevices(node, type, options.wait);
     if (devices.empty()) {
-        throw Failure(EXIT_NO_DEVICE, "no such device was found", "lumora find lists those that are there");
+        throw Failure(EXIT_NO_DEVICE,
+                      type.empty() ? "no device was found"
+                                   : "no device of type " + options.device.Text() + " was found",
+                      "lumora find lists those that are there, --wait searches longer");
     }
     std::string pages;
     for (const FoundDevice& device : devices) {
@@ -57,8 +62,20 @@ Command InfoCommand() {
     const auto options = std::make_shared<Options>();
     Command command("info", "tells all that a device says of itself");
     command.Describe("It only asks: a device that serves a client of another host is not disturbed.");
-    command.Argument("TYPE", options->type, "the type of the device; without it, every device");
-    command.Seconds("--wait", options->wait, std::chrono::hours(24), "how long to search (1.5)");
+    command
+        .Argument("TYPE", options->device.type,
+                  "the type of the device, or TYPE@ADDRESS for one of several; without it, every device")
+        .offer = Option::Offer::TYPES;
+    AddAddress(command, options->device);
+    AddWait(command, options->wait, "how long to search (2)");
+    command.Prints({{"[].address", "the IPv4 address"},
+                    {"[].port", "the UDP port of the link platform"},
+                    {"[].type", "the device type"},
+                    {"[].answers", "false: the node did not describe any services"},
+                    {"[].version", "of the device's library"},
+                    {"[].services[].name", "the name of a service"},
+                    {"[].services[].transport", "none, udp, tcp, rtp, 4 or 5"},
+                    {"[].services[].outputBytes", "the length of its output; 0: any"}});
     command.Show("lumora info camera", "every camera with its services and its version");
     command.run = [options] { return Run(*options); };
     return command;

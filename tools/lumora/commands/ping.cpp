@@ -1,6 +1,4 @@
 // lumora ping: how long a block takes to a device's echo service and back.
-#include <lumora.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -106,9 +104,7 @@ void PrintStatistics(unsigned sent, Times times) {
 
 int Run(const Options& options) {
     CheckName("SERVICE", options.service);
-    ClientSession session;
-    session.Find(options.session, options.service);
-    session.Connect();
+    ClientSession session(options.session, {options.service});
     session.Subscribe(options.service);
     std::random_device random;
     const std::uint64_t sender = random();
@@ -146,19 +142,38 @@ Command PingCommand() {
     Command command("ping", "measures the way to a device and back");
     command.Describe(
         "The device needs a service that sends back what it gets, as lumora serve --echo has one. The "
-        "figures "
-        "at the end are milliseconds; p99 is what 99 of 100 blocks did not exceed.");
+        "figures at the end are milliseconds; p99 is what 99 of 100 blocks did not exceed.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
         "connected.");
     AddSessionOptions(command, options->session);
-    command.Text("--service", "SERVICE", options->service, "the service that sends back (echo)");
-    command.Number("--count", "N", options->count, 0, 1000000000, "how many blocks; 0 is without end (5)");
-    command.Size("--size", options->size, sizeof(Mark), LUM_MAX_SERVER_DATA_LENGTH, "bytes of a block (64)");
-    command.Seconds("--interval", options->interval, std::chrono::hours(1),
-                    "the pause between two blocks (0.2)");
-    command.Seconds("--timeout", options->timeout, std::chrono::hours(1),
-                    "a block that is not back by then is lost (2)");
+    Option& service =
+        command.Text("--service", "SERVICE", options->service, "the service that sends back (echo)");
+    service.letter = 's';
+    service.offer = Option::Offer::SERVICES;
+    command.Number("--count", "N", options->count, 0, 1000000000, "how many blocks; 0 is without end (5)")
+        .letter = 'c';
+    command
+        .Size("--size", options->size, sizeof(Mark), LUM_MAX_SERVER_DATA_LENGTH,
+              "bytes of a block: 1500, 64K, 0.5M (64)")
+        .letter = 'b';
+    command
+        .Seconds("--interval", options->interval, std::chrono::hours(1), "the pause between two blocks (0.2)")
+        .letter = 'i';
+    command
+        .Seconds("--timeout", options->timeout, std::chrono::hours(1),
+                 "a block that is not back by then is lost (2)")
+        .letter = 't';
+    command.Prints({{"number", "of the block"},
+                    {"bytes", "of the block"},
+                    {"milliseconds", "there and back; null if the block was lost"},
+                    {"sent", "on the last line: how many blocks"},
+                    {"lost", "on the last line: how many of them did not come back"},
+                    {"milliseconds.least", "on the last line, as those that follow; none if all were lost"},
+                    {"milliseconds.mean", "the mean"},
+                    {"milliseconds.median", "the median"},
+                    {"milliseconds.p99", "what 99 of 100 blocks did not exceed"},
+                    {"milliseconds.most", "the longest time"}});
     command.Show("lumora ping echo-device --size 100K", "five blocks of 102,400 bytes");
     command.run = [options] { return Run(*options); };
     return command;

@@ -1,8 +1,8 @@
 // lumora send: files, or standard input, as blocks of data.
-#include <lumora.h>
 #include <unistd.h>
 
 #include <memory>
+#include <optional>
 
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/os/files.h"
@@ -22,6 +22,8 @@ namespace {
 struct Options {
     SessionOptions session;
     std::vector<std::string> files;
+    std::vector<std::string> texts;
+    bool lines = false;
     unsigned split = 0;
     std::chrono::milliseconds linger{300};
     AwaitOptions await;
@@ -37,13 +39,13 @@ struct Sum {
                   "--split 1M sends it as several");
 }
 
-// Before anybody is searched for: what cannot be sent is known at once. The sum is 0 where it is not known.
+// Before the network is joined: what cannot be sent is known at once. The sum is 0 if it is not known.
 std::uint64_t CheckFiles(const Options& options) {
     std::uint64_t total = 0;
     bool known = true;
     for (const std::string& path : options.files) {
-        const std::size_t length = InputFile(path).Length();
-        if (length > LUM_MAX_CLIENT_DATA_LENGTH && options.split == 0) {
+        const std::size_t length = InputFile::LengthOf(path);
+        if (length > LUM_MAX_CLIENT_DATA_LENGTH && options.split == 0 && !options.lines) {
             ThrowTooLong(path);
         }
         known = known && length > 0;
@@ -52,54 +54,118 @@ std::uint64_t CheckFiles(const Options& options) {
     return known ? total : 0;
 }
 
-Sum SendFile(ClientSession& session, const Options& options, const std::string& path, Progress& progress) {
-    InputFile file(path);
-    Sum sum;
-    // One byte more shows that there is more than fits.
-    const std::size_t most = options.split != 0 ? options.split : LUM_MAX_CLIENT_DATA_LENGTH + 1;
-    for (std::string block = file.Read(most); !block.empty();
-         block = options.split != 0 ? file.Read(most) : std::string()) {
+void Check(const Options& options) {
+    if (options.files.empty() && options.texts.empty()) {
+        throw Failure(EXIT_USAGE, "FILE or --text is needed", "- is standard input; see lumora send --help");
+    }
+    if (options.lines && options.split != 0) {
+        throw Failure(EXIT_USAGE, "--lines and --split both say where blocks end", "use one of them");
+    }
+    for (const std::string& text : options.texts) {
+        if (text.empty() || text.size() > LUM_MAX_CLIENT_DATA_LENGTH) {
+            throw Failure(EXIT_USAGE, "a block has 1 to 5,242,880 bytes, and --text " +
+                                          Count(text.size(), "byte", "bytes"));
+        }
+    }
+}
+
+// Sends what the user named, and prints one answer for each text, file, or line.
+class Sender {
+public:
+    Sender(ClientSession& session, const Options& options, std::uint64_t total)
+        : mSession(session), mOptions(options), mWriter(options.await.format), mProgress(total) {}
+
+    void SendAll() {
+        for (const std::string& text : mOptions.texts) {
+            Sum sum;
+            SendBlock("--text", text, sum);
+            Finish("", sum);
+        }
+        for (const std::string& path : mOptions.files) {
+            SendFile(path);
+        }
+    }
+
+    const Sum& Total() const { return mTotal; }
+
+private:
+    void SendFile(const std::string& path) {
+        InputFile file(path);
+        Sum sum;
+        while (std::optional<std::string> block = NextBlock(file, sum)) {
+            SendBlock(file.Name(), *block, sum);
+            if (mOptions.lines) {
+                PrintAnswer(mSession, mOptions.await, mWriter);
+            }
+        }
+        if (sum.blocks == 0) {
+            throw Failure(EXIT_FILE, file.Name() + " is empty", "a block has at least one byte");
+        }
+        Finish(path, sum);
+    }
+
+    std::optional<std::string> NextBlock(InputFile& file, const Sum& sum) const {
+        constexpr std::size_t TOO_LONG =
+            LUM_MAX_CLIENT_DATA_LENGTH + 1;  // shows that there is more than fits
+        std::string block;
+        if (mOptions.lines) {
+            do {
+                std::optional<std::string> line = file.ReadLine(TOO_LONG);
+                if (!line) {
+                    return std::nullopt;
+                }
+                block = std::move(*line);
+            } while (block.empty());
+        } else if (mOptions.split != 0 || sum.blocks == 0) {
+            block = file.Read(mOptions.split != 0 ? mOptions.split : TOO_LONG);
+        }
         if (block.size() > LUM_MAX_CLIENT_DATA_LENGTH) {
             ThrowTooLong(file.Name());
         }
-        session.Send(block);
+        return block.empty() ? std::nullopt : std::optional(std::move(block));
+    }
+
+    void SendBlock(const std::string& name, const std::string& block, Sum& sum) {
+        mSession.Send(block);
         ++sum.blocks;
         sum.bytes += block.size();
-        progress.Advance(file.Name().substr(file.Name().rfind('/') + 1), block.size());
+        mProgress.Advance(name.substr(name.rfind('/') + 1), block.size());
         ThrowWhenStopped();
     }
-    if (sum.blocks == 0) {
-        throw Failure(EXIT_FILE, file.Name() + " is empty", "a block has at least one byte");
-    }
-    return sum;
-}
 
-Sum SendFiles(ClientSession& session, const Options& options, std::uint64_t total) {
-    Progress progress(total);
-    Sum sum;
-    for (const std::string& path : options.files) {
-        const Sum sent = SendFile(session, options, path, progress);
-        sum.blocks += sent.blocks;
-        sum.bytes += sent.bytes;
+    void Finish(const std::string& path, const Sum& sum) {
+        mTotal.blocks += sum.blocks;
+        mTotal.bytes += sum.bytes;
         if (IsJson()) {
             PrintLine(
-                JsonObject().Add("file", path).Add("blocks", sent.blocks).Add("bytes", sent.bytes).Text());
+                JsonObject().Add("file", path).Add("blocks", sum.blocks).Add("bytes", sum.bytes).Text());
+        }
+        if (!mOptions.lines || path.empty()) {
+            PrintAnswer(mSession, mOptions.await, mWriter);
         }
     }
-    return sum;
-}
+
+    ClientSession& mSession;
+    const Options& mOptions;
+    BlockWriter mWriter;
+    Progress mProgress;
+    Sum mTotal;
+};
 
 int Run(const Options& options) {
+    Check(options);
     const std::uint64_t total = CheckFiles(options);
-    ClientSession session;
-    session.Find(options.session, options.await.service);
-    session.Connect();
+    ClientSession session(options.session, ServicesFor(options.await));
     SubscribeForAnswer(session, options.await);
-    const Sum sum = SendFiles(session, options, total);
+    Sum sum;
+    {
+        Sender sender(session, options, total);
+        sender.SendAll();
+        sum = sender.Total();
+    }
     if (!IsJson() && isatty(STDERR_FILENO) == 1) {
         Remark(ShortSize(sum.bytes) + " sent in " + Count(sum.blocks, "block", "blocks"));
     }
-    PrintAnswer(session, options.await);
     if (options.await.service.empty()) {
         PauseUnlessStopped(static_cast<int>(options.linger.count()));
     }
@@ -110,28 +176,45 @@ int Run(const Options& options) {
 
 Command SendCommand() {
     const auto options = std::make_shared<Options>();
-    Command command("send", "sends files to a device");
+    Command command("send", "sends files, texts or lines to a device");
     command.Describe(
         "Each file goes as one block of up to 5,242,880 bytes. Longer ones are refused: --split cuts them, "
-        "and "
-        "the device gets several blocks. On a terminal a long send shows how far it is.");
+        "and the device gets several blocks. On a terminal a long send shows how far it is.");
     command.Describe(
         "Exit code 0 says that the network has taken all; a device does not acknowledge data. The connection "
         "stays for the time of --linger, so that the device can read what is under way: allow more for one "
-        "that "
-        "works slowly, or let --await wait for its answer.");
+        "that works slowly, or let --await wait for its answer. With --await each file, text, or line has "
+        "one answer, and the next is sent after it.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
         "connected.");
     AddSessionOptions(command, options->session);
-    Option& files = command.Arguments("FILE", options->files, "files of any kind; - is standard input");
-    files.required = true;
-    files.offer = Option::Offer::FILES;
-    command.Size("--split", options->split, 1, LUM_MAX_CLIENT_DATA_LENGTH,
-                 "cuts files into blocks of so many bytes; 64K and 1M mean what they say");
+    command.Arguments("FILE", options->files, "files of any kind; - is standard input").offer =
+        Option::Offer::FILES;
+    command
+        .Texts("--text", "TEXT", options->texts,
+               "sends this text as a block, before the files; may be repeated")
+        .letter = 'm';
+    command
+        .Flag("--lines", options->lines, "each line of the files is a block, as it comes; empty ones are not")
+        .letter = 'l';
+    command
+        .Size("--split", options->split, 1, LUM_MAX_CLIENT_DATA_LENGTH,
+              "cuts files into blocks of so many bytes: 1500, 64K (64KiB), 1.5M")
+        .letter = 's';
     command.Seconds("--linger", options->linger, std::chrono::hours(1),
                     "how long the connection stays after the last block (0.3)");
     AddAwaitOptions(command, options->await);
+    command.Prints({
+        {"file", "the file, as it was named; empty for --text. With --out, the file of an answer"},
+        {"blocks", "how many it became"},
+        {"bytes", "how many were sent; of an answer, its length"},
+        {"time", "of an answer: when it came, as 2026-01-31T12:03:04.123+0100"},
+        {"service", "of an answer"},
+        {"text", "an answer that is text"},
+        {"hex", "any other answer"},
+    });
+    command.Show("lumora send shouter --text hello --await shout", "sends a word, and prints the answer");
     command.Show("lumora send text-reader page.png --await text", "has a page read, and prints its text");
     command.Show("tar -c src | lumora send archive --split 1M -", "sends what a pipe brings");
     command.run = [options] { return Run(*options); };

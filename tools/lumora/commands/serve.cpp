@@ -1,9 +1,10 @@
 // lumora serve: a device from the command line.
-#include <lumora.h>
 #include <unistd.h>
+#include <lumora.hpp>
 
 #include <atomic>
 #include <memory>
+#include <optional>
 
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/os/ports.h"
@@ -12,6 +13,7 @@
 #include "tools/lumora/session/client_session.h"
 #include "tools/lumora/session/inbox.h"
 #include "tools/lumora/session/link_node.h"
+#include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
 #include "tools/lumora/terminal/output.h"
@@ -27,13 +29,13 @@ struct Options {
     std::vector<std::string> services;
     bool echo = false;
     std::string program;
+    std::string onCommand;
     std::chrono::milliseconds every{0};
     std::chrono::milliseconds timeout{60000};
 };
 
 // A program may be slower than a client.
 constexpr std::size_t MOST_WAITING_BYTES = std::size_t{64} * 1024 * 1024;
-constexpr unsigned SEND_TIMEOUT_MS = LUM_MAX_SERVER_TIMEOUT_MS;
 
 // Something that a client has done.
 struct Event {
@@ -49,68 +51,8 @@ struct Event {
     std::string fault;
 };
 
-// The library's callbacks do not say for whom they are.
-struct Device {
-    std::string answersOn;  // the first service
-    bool echo = false;
-    bool keepsData = false;
-    Inbox<Event> events;
-    std::atomic<std::size_t> waitingBytes{0};
-};
-Device* g_device = nullptr;
-
-Event NewEvent(Event::Kind kind, int client, const std::string& name) {
-    return {kind, std::chrono::system_clock::now(), client, name, "", 0, "", ""};
-}
-
-// Empty, or what went wrong.
-std::string SendToSubscribers(const std::string& service, std::string_view data) {
-    unsigned sent = 0;
-    if (data.size() > LUM_MAX_SERVER_DATA_LENGTH) {
-        return Grouped(data.size()) + " bytes are more than a device may send, " +
-               Grouped(LUM_MAX_SERVER_DATA_LENGTH);
-    }
-    const auto length = static_cast<unsigned>(data.size());
-    if (LUM_SendDataToClient(service.c_str(), data.data(), length, &sent, SEND_TIMEOUT_MS) != 0) {
-        return "the client could not be reached";
-    }
-    return sent == length ? "" : "the client took only " + Grouped(sent) + " bytes";
-}
-
-int OnCommand(const char* name, const char* parameter) try {
-    Event event = NewEvent(Event::Kind::COMMAND, 0, name);
-    event.parameter = parameter;
-    g_device->events.Put(std::move(event));
-    return 0;
-} catch (const std::exception&) {
-    return -1;
-}
-
-int OnEventNotify(int client, int event, LUM_SUBSCRIBE_SERVICE_S subscription) try {
-    subscription.serviceName[LUM_NAME_SIZE - 1] = '\0';
-    g_device->events.Put(
-        NewEvent(event == LUM_NOTIFY_SUBSCRIBED ? Event::Kind::SUBSCRIBED : Event::Kind::LEFT, client,
-                 subscription.serviceName));
-    return 0;
-} catch (const std::exception&) {
-    return -1;
-}
-
-int OnData(int client, const char* data, unsigned int length) try {
-    Event event = NewEvent(Event::Kind::DATA, client, g_device->answersOn);
-    event.length = length;
-    if (g_device->echo && length > 0) {
-        event.fault = SendToSubscribers(g_device->answersOn, {data, length});
-    } else if (g_device->keepsData && g_device->waitingBytes + length > MOST_WAITING_BYTES) {
-        event.fault = "the block was dropped: the program is too slow";
-    } else if (g_device->keepsData) {
-        g_device->waitingBytes += length;
-        event.data.assign(data, length);
-    }
-    g_device->events.Put(std::move(event));
-    return 0;
-} catch (const std::exception&) {
-    return -1;
+Event NewEvent(Event::Kind kind, int client, std::string_view name) {
+    return {kind, std::chrono::system_clock::now(), client, std::string(name), "", 0, "", ""};
 }
 
 // ---- Setting up
@@ -121,71 +63,120 @@ int OnData(int client, const char* data, unsigned int length) try {
                   "as in picture:tcp:1024000");
 }
 
-LUM_SERVICE_INFO_S ParseServiceOption(const std::string& spec) {
+std::optional<lumora::Transport> ParseTransport(const std::string& word) {
+    for (const auto kind : {lumora::Transport::UDP, lumora::Transport::TCP, lumora::Transport::RTP}) {
+        if (TransportName(static_cast<int>(kind)) == word) {
+            return kind;
+        }
+    }
+    return std::nullopt;
+}
+
+lumora::Service ParseServiceOption(const std::string& spec) {
     const std::vector<std::string> parts = Split(spec, ':');
-    LUM_SERVICE_INFO_S service = {LUM_MAX_SERVER_DATA_LENGTH, "", LUM_TRANSPORT_TCP};
     if (parts.size() > 3 || parts[0].empty()) {
         ThrowBadService(spec);
     }
     CheckName("the name of a service", parts[0]);
-    parts[0].copy(service.serviceName, LUM_NAME_SIZE - 1);
-    if (parts.size() > 1) {
-        int kind = LUM_TRANSPORT_UDP;
-        while (kind <= LUM_TRANSPORT_RTP && TransportName(kind) != parts[1]) {
-            ++kind;
-        }
-        if (kind > LUM_TRANSPORT_RTP) {
-            ThrowBadService(spec);
-        }
-        service.transport = static_cast<LUM_TRANSPORT_E>(kind);
+    const auto transport = parts.size() > 1 ? ParseTransport(parts[1]) : lumora::Transport::TCP;
+    const auto bytes = parts.size() > 2 ? ParseSize(parts[2]) : LUM_MAX_SERVER_DATA_LENGTH;
+    if (!transport || !bytes || *bytes > INT32_MAX) {
+        ThrowBadService(spec);
     }
-    if (parts.size() > 2) {
-        char* end = nullptr;
-        const unsigned long bytes = std::strtoul(parts[2].c_str(), &end, 10);
-        if (parts[2].empty() || parts[2][0] < '0' || parts[2][0] > '9' || *end != '\0' || bytes > INT32_MAX) {
-            ThrowBadService(spec);
-        }
-        service.outputLenBytes = static_cast<unsigned>(bytes);
-    }
-    return service;
+    return {parts[0], static_cast<unsigned>(*bytes), *transport};
 }
 
-LUM_DEVICE_INFO_S DeviceInfo(const Options& options) {
-    LUM_DEVICE_INFO_S info = {};
-    std::vector<std::string> services = options.services;
-    if (services.empty() && options.echo) {
-        services = {"echo"};
+std::vector<lumora::Service> ServicesOf(const Options& options) {
+    std::vector<std::string> names = options.services;
+    if (names.empty() && options.echo) {
+        names = {"echo"};
     }
-    if (services.empty() || services.size() > LUM_MAX_SERVICES) {
+    if (names.empty() || names.size() > LUM_MAX_SERVICES) {
         throw Failure(EXIT_USAGE, "a device has 1 to 8 services", "name them with --service, or use --echo");
     }
     CheckName("TYPE", options.type);
-    options.type.copy(info.devServiceType, LUM_NAME_SIZE - 1);
-    for (const std::string& service : services) {
-        info.serviceInfo[info.serviceNum++] = ParseServiceOption(service);
+    std::vector<lumora::Service> services;
+    for (const std::string& name : names) {
+        services.push_back(ParseServiceOption(name));
     }
-    info.OnCommand = OnCommand;
-    info.OnEventNotify = OnEventNotify;
-    info.OnData = OnData;
-    return info;
+    return services;
 }
 
-// On the network from the beginning to the end of its life.
-class Presence {
+// The device in the network. What clients do waits in Events.
+class ServedDevice {
 public:
-    Presence(const std::string& type, const LUM_DEVICE_INFO_S& info) {
+    ServedDevice(const Options& options, const std::vector<lumora::Service>& services)
+        : mOptions(options), mAnswersOn(services.front().name), mDevice(options.type) {
         if (TcpPortState(DEVICE_PORT) == PortState::TAKEN) {
             throw Failure(EXIT_REFUSED, "TCP port 6666 is taken on this host",
                           "another device has a client: end one of them first");
         }
-        if (LUM_InitServer(type.c_str()) != 0 || LUM_RegisterAiDevInfo(&info) != 0) {
-            LUM_DeInitServer();
-            throw Failure(EXIT_FAILED, "the device cannot be made", "--log error tells why");
+        for (const lumora::Service& service : services) {
+            mDevice.Offer(service.name, service.outputBytes, service.transport);
+        }
+        Handle();
+        std::error_code error;
+        TakeCause();
+        if (!mDevice.Start(error)) {
+            throw Failure(EXIT_FAILED, WithCause("the device cannot be made: " + error.message()),
+                          "lumora doctor looks for what is wrong");
         }
     }
-    ~Presence() { LUM_DeInitServer(); }
-    Presence(const Presence&) = delete;
-    Presence& operator=(const Presence&) = delete;
+
+    Inbox<Event>& Events() { return mEvents; }
+    // The service that answers go to: the first one.
+    const std::string& AnswersOn() const { return mAnswersOn; }
+    bool HasSubscribers() const { return !mDevice.Subscribers(mAnswersOn).empty(); }
+    void Release(const Event& event) { mWaitingBytes -= event.data.size(); }
+
+    // Empty, or what went wrong.
+    std::string Send(std::string_view data) {
+        if (data.size() > LUM_MAX_SERVER_DATA_LENGTH) {
+            return Grouped(data.size()) + " bytes are more than a device may send, " +
+                   Grouped(LUM_MAX_SERVER_DATA_LENGTH);
+        }
+        std::error_code error;
+        TakeCause();
+        return mDevice.Send(mAnswersOn, data, error)
+                   ? ""
+                   : WithCause("the client could not be reached: " + error.message());
+    }
+
+private:
+    void Handle() {
+        mDevice.OnCommand([this](std::string_view name, std::string_view parameter) {
+            Event event = NewEvent(Event::Kind::COMMAND, 0, name);
+            event.parameter = parameter;
+            mEvents.Put(std::move(event));
+        });
+        mDevice.OnSubscribe([this](const lumora::Subscription& begun) {
+            mEvents.Put(NewEvent(Event::Kind::SUBSCRIBED, begun.client, begun.service));
+        });
+        mDevice.OnUnsubscribe([this](const lumora::Subscription& ended) {
+            mEvents.Put(NewEvent(Event::Kind::LEFT, ended.client, ended.service));
+        });
+        mDevice.OnData([this](int client, lumora::Bytes data) { TakeData(client, data); });
+    }
+
+    void TakeData(int client, lumora::Bytes data) {
+        Event event = NewEvent(Event::Kind::DATA, client, mAnswersOn);
+        event.length = data.size();
+        if (mOptions.echo && !data.empty()) {
+            event.fault = Send(data.Text());
+        } else if (!mOptions.program.empty() && mWaitingBytes + data.size() > MOST_WAITING_BYTES) {
+            event.fault = "the block was dropped: the program is too slow";
+        } else if (!mOptions.program.empty()) {
+            mWaitingBytes += data.size();
+            event.data = data.Text();
+        }
+        mEvents.Put(std::move(event));
+    }
+
+    const Options& mOptions;
+    const std::string mAnswersOn;
+    Inbox<Event> mEvents;  // filled on the library's threads
+    std::atomic<std::size_t> mWaitingBytes{0};
+    lumora::Device mDevice;  // the last one: no handler runs once it is gone
 };
 
 // ---- Telling
@@ -246,21 +237,20 @@ void Tell(const Event& event) {
     }
 }
 
-void TellReady(const Options& options, const LUM_DEVICE_INFO_S& info) {
+void TellReady(const Options& options, const std::vector<lumora::Service>& services) {
     const WallTime now = std::chrono::system_clock::now();
     std::string names;
-    std::vector<std::string> elements;
-    for (unsigned i = 0; i < info.serviceNum; ++i) {
-        names += (i == 0 ? "" : ", ") + std::string(info.serviceInfo[i].serviceName);
-        elements.push_back(JsonText(info.serviceInfo[i].serviceName));
+    for (const lumora::Service& service : services) {
+        names += (names.empty() ? "" : ", ") + service.name;
     }
     if (IsJson()) {
-        PrintLine(JsonObject()
-                      .Add("time", StampedTime(now))
-                      .Add("event", "ready")
-                      .Add("type", options.type)
-                      .AddRaw("services", JsonArray(elements))
-                      .Text());
+        PrintLine(
+            JsonObject()
+                .Add("time", StampedTime(now))
+                .Add("event", "ready")
+                .Add("type", options.type)
+                .AddRaw("services", JsonArray(services, [](const auto& one) { return JsonText(one.name); }))
+                .Text());
     } else {
         PrintLineAt(now, options.type + " is ready with " + names + "; Ctrl-C ends it");
     }
@@ -300,56 +290,54 @@ std::string FaultOf(const ProgramRun& run) {
     return run.output.empty() ? "the program wrote nothing" : "";
 }
 
-// client is 0 where nobody has asked: it is time for the next block.
-void AnswerByProgram(const Options& options, const std::string& service, int client,
-                     const std::string& data) {
-    const ProgramRun run = RunProgram(
-        options.program, data,
-        {{"LUMORA_CLIENT", client == 0 ? "" : std::to_string(client)}, {"LUMORA_SERVICE", service}},
-        LUM_MAX_SERVER_DATA_LENGTH, options.timeout);
-    std::string fault = FaultOf(run);
-    if (fault.empty()) {
-        fault = SendToSubscribers(service, run.output);
-    }
-    TellAnswer(service, run.output.size(), fault);
-}
-
 // What happens is worked off here, one thing after the other, until a signal comes.
 class Work {
 public:
-    Work(const Options& options, Device& device) : mOptions(options), mDevice(device) {}
+    Work(const Options& options, ServedDevice& device) : mOptions(options), mDevice(device) {}
 
     void Run() {
         while (StopSignal() == 0) {
-            const std::optional<Event> event = mDevice.events.Take(IsClock() ? mNext : Never());
+            const std::optional<Event> event = mDevice.Events().Take(IsClock() ? mNext : Never());
             if (event) {
                 Handle(*event);
             } else if (StopSignal() == 0) {
                 mNext = In(mOptions.every);
-                AnswerByProgram(mOptions, mDevice.answersOn, 0, "");
+                Answer(mOptions.program, "", {{"LUMORA_CLIENT", ""}});
             }
         }
     }
 
 private:
-    // Nobody listens, nobody speaks.
-    bool IsClock() const { return mOptions.every.count() != 0 && mSubscribers > 0; }
+    using Variables = std::vector<std::pair<std::string, std::string>>;
+
+    bool IsClock() const { return mOptions.every.count() != 0 && mDevice.HasSubscribers(); }
 
     void Handle(const Event& event) {
         Tell(event);
-        mDevice.waitingBytes -= event.data.size();
-        if (event.kind == Event::Kind::DATA && mDevice.keepsData && event.fault.empty()) {
-            AnswerByProgram(mOptions, event.name, event.client, event.data);
-        } else if (event.kind == Event::Kind::SUBSCRIBED && event.name == mDevice.answersOn) {
-            ++mSubscribers;
-        } else if (event.kind == Event::Kind::LEFT && event.name == mDevice.answersOn) {
-            --mSubscribers;
+        mDevice.Release(event);
+        if (event.kind == Event::Kind::DATA && !mOptions.program.empty() && event.fault.empty()) {
+            Answer(mOptions.program, event.data, {{"LUMORA_CLIENT", std::to_string(event.client)}});
+        } else if (event.kind == Event::Kind::COMMAND && !mOptions.onCommand.empty()) {
+            Answer(mOptions.onCommand, event.parameter,
+                   {{"LUMORA_CLIENT", ""},
+                    {"LUMORA_COMMAND", event.name},
+                    {"LUMORA_PARAMETER", event.parameter}});
         }
     }
 
+    void Answer(const std::string& program, const std::string& input, Variables variables) {
+        variables.emplace_back("LUMORA_SERVICE", mDevice.AnswersOn());
+        const ProgramRun run =
+            RunProgram(program, input, variables, LUM_MAX_SERVER_DATA_LENGTH, mOptions.timeout);
+        std::string fault = FaultOf(run);
+        if (fault.empty()) {
+            fault = mDevice.Send(run.output);
+        }
+        TellAnswer(mDevice.AnswersOn(), run.output.size(), fault);
+    }
+
     const Options& mOptions;
-    Device& mDevice;
-    int mSubscribers = 0;
+    ServedDevice& mDevice;
     Deadline mNext = Clock::now();
 };
 
@@ -360,14 +348,9 @@ int Run(const Options& options) {
     if (options.every.count() != 0 && options.program.empty()) {
         throw Failure(EXIT_USAGE, "--every runs what --exec names", "name a program");
     }
-    const LUM_DEVICE_INFO_S info = DeviceInfo(options);
-    Device device;
-    device.answersOn = info.serviceInfo[0].serviceName;
-    device.echo = options.echo;
-    device.keepsData = !options.program.empty();
-    g_device = &device;
-    const Presence presence(options.type, info);
-    TellReady(options, info);
+    const std::vector<lumora::Service> services = ServicesOf(options);
+    ServedDevice device(options, services);
+    TellReady(options, services);
     Work(options, device).Run();
     return EXIT_OK;
 }
@@ -379,28 +362,43 @@ Command ServeCommand() {
     Command command("serve", "is a device");
     command.Describe(
         "Prints a line for each thing that a client does. With --echo each block that a client sends goes "
-        "back "
-        "to the subscribers of the first service. With --exec a program gets each block on its standard "
-        "input, "
-        "and what it writes to its standard output, up to 1,024,000 bytes, goes to the subscribers of the "
-        "first "
-        "service: any script becomes a device. The program finds the client's number in LUMORA_CLIENT and "
-        "the "
-        "service's name in LUMORA_SERVICE; one that ends with another exit code than 0 sends nothing. Blocks "
-        "are "
+        "back to the subscribers of the first service. With --exec a program gets each block on its standard "
+        "input, and what it writes to its standard output, up to 1,024,000 bytes, goes to the subscribers of "
+        "the first service: any script becomes a device. --on-command does the same for commands.");
+    command.Describe(
+        "The program finds the client's number in LUMORA_CLIENT, the service's name in LUMORA_SERVICE, and "
+        "with --on-command the command in LUMORA_COMMAND and its parameter in LUMORA_PARAMETER and on its "
+        "standard input. One that ends with another exit code than 0 sends nothing. Blocks and commands are "
         "worked off one after the other.");
     command.Argument("TYPE", options->type, "the type by which clients find it").required = true;
-    command.Texts(
-        "--service", "NAME", options->services,
-        "offers a service; up to 8. NAME:TRANSPORT:BYTES also tells its transport (tcp, udp or rtp) "
-        "and the length of its output (tcp:1024000)");
-    command.Flag("--echo", options->echo, "sends back what comes; without --service, on the service echo");
-    command.Text("--exec", "PROGRAM", options->program, "a shell command that answers each block");
+    command
+        .Texts("--service", "NAME", options->services,
+               "offers a service; up to 8. NAME:TRANSPORT:BYTES also tells its transport (tcp, udp or rtp) "
+               "and the length of its output: picture:tcp:1M (tcp:1024000)")
+        .letter = 's';
+    command.Flag("--echo", options->echo, "sends back what comes; without --service, on the service echo")
+        .letter = 'e';
+    command.Text("--exec", "PROGRAM", options->program, "a shell command that answers each block").letter =
+        'x';
+    command.Text("--on-command", "PROGRAM", options->onCommand, "a shell command that answers each command")
+        .letter = 'c';
     command.Seconds("--every", options->every, std::chrono::hours(24),
                     "runs the program of --exec also by itself, with nothing on its standard input and no "
-                    "LUMORA_CLIENT, again and again while somebody is subscribed");
-    command.Seconds("--timeout", options->timeout, std::chrono::hours(24),
-                    "ends a program that takes longer (60)");
+                    "LUMORA_CLIENT, again and again while a client is subscribed");
+    command
+        .Seconds("--timeout", options->timeout, std::chrono::hours(24),
+                 "ends a program that takes longer (60)")
+        .letter = 't';
+    command.Prints({{"time", "when it happened"},
+                    {"event", "ready, subscribed, unsubscribed, command, data or answer"},
+                    {"type", "of ready: the device type"},
+                    {"services", "of ready: the names of the services"},
+                    {"client", "of subscribed, unsubscribed and data: the client's number"},
+                    {"service", "of subscribed, unsubscribed and answer"},
+                    {"command", "of command: its name"},
+                    {"parameter", "of command"},
+                    {"bytes", "of data and answer: the length"},
+                    {"fault", "of data and answer: why nothing was sent; missing if all went well"}});
     command.Show("lumora serve echo-device --echo", "something to try lumora ping on");
     command.Show("lumora serve counter --service words --exec 'wc -w'", "a device that counts words");
     command.Show("lumora serve sensor --service load --exec 'cat /proc/loadavg' --every 5",

@@ -13,19 +13,33 @@ namespace {
 
 struct Options {
     SessionOptions session;
-    std::string service;
+    std::vector<std::string> services;
+    bool all = false;
     unsigned count = 0;
     std::chrono::milliseconds timeout{0};
     BlockFormat format;
 };
 
+std::vector<std::string> NamesOf(const std::vector<lumora::Service>& services) {
+    std::vector<std::string> names;
+    for (const lumora::Service& service : services) {
+        names.push_back(service.name);
+    }
+    return names;
+}
+
 int Run(const Options& options) {
-    CheckName("SERVICE", options.service);
+    if (options.services.empty() != options.all) {
+        throw Failure(EXIT_USAGE, "either SERVICE or --all is needed", "see lumora subscribe --help");
+    }
+    for (const std::string& service : options.services) {
+        CheckName("SERVICE", service);
+    }
     BlockWriter writer(options.format);
-    ClientSession session;
-    session.Find(options.session, options.service);
-    session.Connect();
-    session.Subscribe(options.service);
+    ClientSession session(options.session, options.services);
+    for (const std::string& service : options.all ? NamesOf(session.Services()) : options.services) {
+        session.Subscribe(service);
+    }
     const bool endless = options.timeout.count() == 0;
     for (unsigned received = 0; options.count == 0 || received < options.count; ++received) {
         const std::optional<Block> block = session.Take(endless ? Never() : In(options.timeout));
@@ -47,22 +61,39 @@ int Run(const Options& options) {
 
 Command SubscribeCommand() {
     const auto options = std::make_shared<Options>();
-    Command command("subscribe", "prints or saves what a service of a device sends");
+    Command command("subscribe", "prints or saves what services of a device send");
     command.Describe(
         "Each block has its time, service and size before it. Goes on until a signal ends it, --count blocks "
-        "have come, or the device leaves.");
+        "have come, or the device leaves; with --again until a signal or --count.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
-        "connected, "
-        "and ends when another takes its place.");
+        "connected, and ends when another takes its place.");
     AddSessionOptions(command, options->session);
-    command.Argument("SERVICE", options->service, "one of the device's services; lumora info lists them")
-        .required = true;
-    command.Number("--count", "N", options->count, 1, 1000000000, "ends after N blocks");
-    command.Seconds("--timeout", options->timeout, std::chrono::hours(24 * 365),
-                    "gives up when no block came for so long; 0, the default, never does");
+    command
+        .Arguments("SERVICE", options->services,
+                   "services of the device, one or several; lumora info lists them")
+        .offer = Option::Offer::SERVICES;
+    command.Flag("--all", options->all, "all services of the device");
+    command
+        .Flag("--again", options->session.again,
+              "waits until the device is there, and after the end of a connection connects and subscribes "
+              "again")
+        .letter = 'r';
+    command.Number("--count", "N", options->count, 1, 1000000000, "ends after N blocks").letter = 'c';
+    command
+        .Seconds("--timeout", options->timeout, std::chrono::hours(24 * 365),
+                 "gives up when no block came for so long; 0, the default, never does")
+        .letter = 't';
     AddBlockFormat(command, options->format);
+    command.Prints({{"time", "when the block came, as 2026-01-31T12:03:04.123+0100"},
+                    {"service", "that sent it"},
+                    {"bytes", "its length"},
+                    {"text", "a block that is text"},
+                    {"hex", "any other block"},
+                    {"file", "with --out, the file"}});
     command.Show("lumora subscribe text-reader text", "prints the texts that the device reads");
+    command.Show("lumora subscribe camera --all --again --format '%t %s %p'",
+                 "all that the camera sends, as long as this host runs");
     command.Show("lumora subscribe camera picture --count 10 --out pictures", "saves ten pictures");
     command.run = [options] { return Run(*options); };
     return command;

@@ -3,6 +3,8 @@
 
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/session/client_session.h"
+#include "tools/lumora/session/link_node.h"
+#include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
 #include "tools/lumora/terminal/output.h"
@@ -11,14 +13,29 @@ namespace lumora_cli {
 
 namespace {
 
-int Run(const SessionOptions& options) {
-    ClientSession session;
-    const std::string library = session.LibraryVersion();
-    std::string device;
-    if (!options.type.empty()) {
-        session.Find(options);
-        device = session.DeviceVersion();
+// The library tells its version to a client only, and a client joins the network: this one stays at home.
+std::string LibraryVersion() {
+    StayOffline();
+    return lumora::Client("lumora-cli").LibraryVersion();
+}
+
+// Asks as a node that only looks: a client that is connected to the device is not disturbed.
+std::string DeviceVersion(SessionOptions options) {
+    options.device.Take();
+    CheckName("TYPE", options.device.type);
+    LinkNode node;
+    for (const FoundDevice& device : FindDevices(node, options.device.type, options.wait)) {
+        if (!device.version.empty()) {
+            return device.version;
+        }
     }
+    throw Failure(EXIT_NO_DEVICE, "no device of type " + options.device.Text() + " was found",
+                  "lumora find lists those that are there, --wait searches longer");
+}
+
+int Run(const SessionOptions& options) {
+    const std::string device = options.device.type.empty() ? "" : DeviceVersion(options);
+    const std::string library = LibraryVersion();
     if (IsJson()) {
         JsonObject versions;
         versions.Add("program", LUMORA_VERSION).Add("library", library);
@@ -40,7 +57,10 @@ Command VersionCommand() {
     Command command("version", "tells the versions of program, library and device");
     AddSessionOptions(command, *options);
     command.options.front().required = false;
-    command.options.front().text = "a device that is asked, too";
+    command.options.front().text = "a device that is asked, too; without it, nothing touches the network";
+    command.Prints({{"program", "the version of this program"},
+                    {"library", "the version of the library that it runs with"},
+                    {"device", "with TYPE, the version of the device's library"}});
     command.Show("lumora version camera", "three lines: program, library, device");
     command.run = [options] { return Run(*options); };
     return command;

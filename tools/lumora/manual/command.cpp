@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <utility>
 
 #include "tools/lumora/terminal/text.h"
@@ -46,21 +47,33 @@ std::string TakeSeconds(const std::string& text, std::chrono::milliseconds& vari
     return "";
 }
 
-std::string TakeSize(std::string text, unsigned& variable, unsigned least, unsigned most) {
-    unsigned long long factor = 1;
-    if (!text.empty() && (text.back() == 'K' || text.back() == 'M')) {
-        factor = text.back() == 'K' ? 1024 : 1024 * 1024;
-        text.pop_back();
-    }
-    unsigned count = 0;
-    if (!ReadWhole(text, count) || count * factor < least || count * factor > most) {
+std::string TakeSize(const std::string& text, unsigned& variable, unsigned least, unsigned most) {
+    const std::optional<unsigned long long> bytes = ParseSize(text);
+    if (!bytes || *bytes < least || *bytes > most) {
         return "is no size from " + Grouped(least) + " to " + Grouped(most) + " bytes";
     }
-    variable = static_cast<unsigned>(count * factor);
+    variable = static_cast<unsigned>(*bytes);
     return "";
 }
 
 }  // namespace
+
+std::optional<unsigned long long> ParseSize(const std::string& text) {
+    constexpr double MOST = 1ULL << 40U;
+    static const std::pair<const char*, double> UNITS[] = {
+        {"KiB", 1024}, {"MiB", 1024 * 1024}, {"K", 1024}, {"M", 1024 * 1024}, {"B", 1}, {"", 1}};
+    for (const auto& [unit, factor] : UNITS) {
+        const std::size_t length = std::strlen(unit);
+        double count = 0;
+        if (text.size() > length && text.compare(text.size() - length, length, unit) == 0 &&
+            ReadWhole(text.substr(0, text.size() - length), count)) {
+            const double bytes = count * factor;
+            const bool whole = bytes >= 0 && bytes <= MOST && bytes == std::floor(bytes);
+            return whole ? std::optional(static_cast<unsigned long long>(bytes)) : std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
 
 Command& Command::Describe(std::string paragraph) {
     paragraphs.push_back(std::move(paragraph));
@@ -69,6 +82,11 @@ Command& Command::Describe(std::string paragraph) {
 
 Command& Command::Show(std::string line, std::string what) {
     examples.push_back({std::move(line), std::move(what)});
+    return *this;
+}
+
+Command& Command::Prints(std::vector<Field> jsonFields) {
+    fields = std::move(jsonFields);
     return *this;
 }
 

@@ -1,8 +1,9 @@
-// A command as everybody needs it who has to know it: the parser, --help, the manual, the completions.
+// One description of each command, for the parser, --help, the manual pages and the completions.
 #pragma once
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,10 +11,12 @@ namespace lumora_cli {
 
 struct Option {
     // What a shell can offer for it.
-    enum class Offer { NOTHING, FILES, FOLDERS, INTERFACES };
+    enum class Offer { NOTHING, FILES, FOLDERS, INTERFACES, TYPES, SERVICES };
 
-    std::string name;   // "--count"; of an argument that stands alone, the word for it: "TYPE"
-    std::string value;  // the word for what follows; empty for a flag
+    std::string name;        // "--count"; of an argument that stands alone, the word for it: "TYPE"
+    std::string value;       // the word for what follows; empty for a flag
+    char letter = 0;         // 'c' for -c; 0: none
+    std::string formerName;  // understood, but not shown
     std::string text;
     bool required = false;
     bool repeated = false;
@@ -24,6 +27,12 @@ struct Option {
 
     bool IsArgument() const { return name[0] != '-'; }
     bool IsFlag() const { return !IsArgument() && value.empty(); }
+};
+
+// A field of what --json prints: its path, such as "services[].name", and its meaning.
+struct Field {
+    std::string path;
+    std::string text;
 };
 
 struct Example {
@@ -38,6 +47,7 @@ public:
 
     Command& Describe(std::string paragraph);
     Command& Show(std::string line, std::string what);
+    Command& Prints(std::vector<Field> jsonFields);
 
     // The variables must live as long as the command. Each returns what it added, for more to be said of it.
     Option& Argument(const std::string& word, std::string& variable, const std::string& text);
@@ -54,7 +64,7 @@ public:
     // Seconds with a fraction.
     Option& Seconds(const std::string& option, std::chrono::milliseconds& variable,
                     std::chrono::milliseconds most, const std::string& text);
-    // Bytes, with K for 1,024 and M for 1,048,576 of them.
+    // Bytes, as ParseSize takes them.
     Option& Size(const std::string& option, unsigned& variable, unsigned least, unsigned most,
                  const std::string& text);
 
@@ -62,6 +72,7 @@ public:
     std::string summary;
     std::vector<std::string> paragraphs;
     std::vector<Option> options;
+    std::vector<Field> fields;
     std::vector<Example> examples;
     std::function<int()> run;
 
@@ -69,6 +80,9 @@ private:
     using Take = std::function<std::string(const std::string&)>;
     Option& Add(const std::string& option, const std::string& word, const std::string& text, Take take);
 };
+
+// A number of bytes: 1500, 64K or 64KiB (1,024 bytes each), 1.5M or 1.5MiB. Nothing for other texts.
+std::optional<unsigned long long> ParseSize(const std::string& text);
 
 // Those that a user can name, in the order of the manual.
 std::vector<Command> AllCommands();
@@ -84,6 +98,7 @@ Command CmdCommand();
 Command SubscribeCommand();
 Command SendCommand();
 Command PingCommand();
+Command ShellCommand();
 Command ServeCommand();
 Command DoctorCommand();
 

@@ -4,15 +4,59 @@
 #include <string>
 
 #include "tools/lumora/terminal/failure.h"
+#include "tools/lumora/terminal/text.h"
 
 namespace lumora_cli {
 
 namespace {
 
-// What a command is called where somebody is told to read more.
+// The command line that shows more about these words.
 std::string HelpOf(const CLI::App& app, const Command& globals) {
     const std::vector<CLI::App*> chosen = app.get_subcommands();
     return globals.name + (chosen.empty() ? "" : ' ' + chosen.front()->get_name()) + " --help";
+}
+
+// All names of an option, as CLI11 takes them.
+std::string NamesOf(const Option& option) {
+    const std::string letter = option.letter != 0 ? std::string("-") + option.letter + ',' : "";
+    return letter + option.name + (option.formerName.empty() ? "" : ',' + option.formerName);
+}
+
+std::vector<std::string> OptionNames(const Command& globals, const Command* command) {
+    std::vector<std::string> names = {"--help"};
+    for (const Command* one : {&globals, command}) {
+        for (const Option& option : one != nullptr ? one->options : std::vector<Option>()) {
+            if (!option.IsArgument()) {
+                names.push_back(option.name);
+            }
+        }
+    }
+    return names;
+}
+
+std::string DidYouMean(const std::string& word, const std::vector<std::string>& known) {
+    const std::string nearest = Nearest(word, known);
+    return nearest.empty() ? "" : "did you mean " + nearest + "? ";
+}
+
+// What is wrong with words that no option and no argument takes.
+Failure UnknownWords(const CLI::App& app, const std::string& otherwise, const Command& globals,
+                     const std::vector<Command>& commands, const Command* command) {
+    const std::string more = "see " + HelpOf(app, globals);
+    std::vector<std::string> names;
+    for (const Command& one : commands) {
+        names.push_back(one.name);
+    }
+    for (const std::string& word : app.remaining(true)) {
+        if (word.size() > 1 && word[0] == '-') {
+            return {EXIT_USAGE, "unknown option " + word,
+                    DidYouMean(word.substr(0, word.find('=')), OptionNames(globals, command)) + more};
+        }
+        if (command == nullptr && !commands.empty()) {
+            return {EXIT_USAGE, "unknown command " + word, DidYouMean(word, names) + more};
+        }
+    }
+    return {EXIT_USAGE, otherwise, more};
 }
 
 bool TakeAll(const Option& option, const CLI::results_t& values) {
@@ -29,11 +73,12 @@ bool TakeAll(const Option& option, const CLI::results_t& values) {
 
 void AddOption(CLI::App& app, const Option& option) {
     if (option.IsFlag()) {
-        app.add_flag_callback(option.name, [take = option.take] { take(""); });
+        app.add_flag_callback(NamesOf(option), [take = option.take] { take(""); });
         return;
     }
-    CLI::Option* added = app.add_option(
-        option.name, [option](const CLI::results_t& values) { return TakeAll(option, values); });
+    CLI::Option* added =
+        app.add_option(option.IsArgument() ? option.name : NamesOf(option),
+                       [option](const CLI::results_t& values) { return TakeAll(option, values); });
     added->required(option.required);
     if (option.repeated && option.IsArgument()) {
         added->expected(1, CLI::detail::expected_max_vector_size)->allow_extra_args();
@@ -72,6 +117,8 @@ Choice ParseCommandLine(int count, const char* const* words, Command& globals,
         choice.page = Page::HELP;
     } catch (const CLI::CallForVersion&) {
         choice.page = Page::VERSION;
+    } catch (const CLI::ExtrasError& error) {
+        throw UnknownWords(app, error.what(), globals, commands, choice.command);
     } catch (const CLI::ParseError& error) {
         throw Failure(EXIT_USAGE, error.what(), "see " + HelpOf(app, globals));
     }

@@ -1,5 +1,5 @@
-// Completions for the two common shells. The words are fixed: looking for devices while somebody types would
-// be a surprise for the network.
+// Completions for the two common shells. Device types and services come from "lumora --print": it asks as a
+// node that only looks, which no device and no client notices.
 #include "tools/lumora/manual/pages.h"
 
 #include <algorithm>
@@ -24,6 +24,27 @@ std::string Words(const std::vector<std::string>& words) {
     return text;
 }
 
+// "-c | --count"
+std::string Spellings(const Option& option, const std::string& between) {
+    return (option.letter != 0 ? std::string("-") + option.letter + between : "") + option.name;
+}
+
+// Every option that a value follows.
+std::string ValuedOptions(const Manual& manual) {
+    std::string names;
+    for (const Option& option : manual.globals.options) {
+        names += option.IsFlag() ? "" : (names.empty() ? "" : " | ") + Spellings(option, " | ");
+    }
+    for (const Command& command : manual.commands) {
+        for (const Option& option : command.options) {
+            const std::string spellings = Spellings(option, " | ");
+            const bool known = (" | " + names + " | ").find(" | " + spellings + " | ") != std::string::npos;
+            names += option.IsArgument() || option.IsFlag() || known ? "" : " | " + spellings;
+        }
+    }
+    return names;
+}
+
 std::vector<std::string> CommandNames(const Manual& manual) {
     std::vector<std::string> names;
     for (const Command& command : manual.commands) {
@@ -45,6 +66,12 @@ std::string BashAnswer(const Option& option) {
             return "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- \"$word\")";
         case Option::Offer::INTERFACES:
             return "mapfile -t COMPREPLY < <(compgen -W \"$(ls /sys/class/net 2>/dev/null)\" -- \"$word\")";
+        case Option::Offer::TYPES:
+            return "mapfile -t COMPREPLY < <(compgen -W \"$(lumora --print types 2>/dev/null)\" -- "
+                   "\"$word\")";
+        case Option::Offer::SERVICES:
+            return "mapfile -t COMPREPLY < <(compgen -W \"$(lumora --print services \"$type\" 2>/dev/null)\" "
+                   "-- \"$word\")";
         case Option::Offer::NOTHING:
             break;
     }
@@ -55,20 +82,22 @@ std::string BashAnswer(const Option& option) {
 std::string BashCase(const Manual& manual, const Command* command) {
     std::vector<std::string> names = {"--help"};
     std::string values;
-    std::string otherwise = "COMPREPLY=()";
+    std::string arguments;
+    int position = 0;
     for (const Option& option : OptionsOf(manual, command)) {
         if (option.IsArgument()) {
-            otherwise = option.offer == Option::Offer::NOTHING ? otherwise : BashAnswer(option);
+            const std::string place = option.repeated ? "*" : std::to_string(position++);
+            arguments += "                " + place + ") " + BashAnswer(option) + " ;;\n";
             continue;
         }
         names.push_back(option.name);
         if (!option.IsFlag()) {
-            values += "            " + option.name + ") " + BashAnswer(option) + "; return ;;\n";
+            values += "            " + Spellings(option, " | ") + ") " + BashAnswer(option) + "; return ;;\n";
         }
     }
     return "        case $before in\n" + values + "        esac\n" + "        case $word in\n" +
            "            -*) mapfile -t COMPREPLY < <(compgen -W '" + Words(names) + "' -- \"$word\") ;;\n" +
-           "            *) " + otherwise + " ;;\n        esac\n";
+           "            *) case $position in\n" + arguments + "            esac ;;\n        esac\n";
 }
 
 // ---- zsh
@@ -105,6 +134,10 @@ std::string ZshAction(const Option& option) {
             return "_files -/";
         case Option::Offer::INTERFACES:
             return "_net_interfaces";
+        case Option::Offer::TYPES:
+            return "{compadd -- ${(f)\"$(lumora --print types 2>/dev/null)\"}}";
+        case Option::Offer::SERVICES:
+            return "{compadd -- ${(f)\"$(lumora --print services ${words[2]} 2>/dev/null)\"}}";
         case Option::Offer::NOTHING:
             break;
     }
@@ -125,8 +158,13 @@ std::string ZshSpec(const Option& option) {
     if (option.IsArgument()) {
         return '\'' + std::string(option.repeated ? "*" : option.required ? "" : ":") + follows + '\'';
     }
-    return '\'' + std::string(option.repeated ? "*" : "") + option.name + '[' +
-           ZshQuoted(Beginning(option.text)) + ']' + (option.IsFlag() ? "" : follows) + '\'';
+    const std::string about =
+        '[' + ZshQuoted(Beginning(option.text)) + ']' + (option.IsFlag() ? "" : follows) + '\'';
+    if (option.letter != 0 && !option.repeated) {
+        const std::string letter = std::string("-") + option.letter;
+        return "'(" + letter + ' ' + option.name + ")'{" + letter + ',' + option.name + "}'" + about;
+    }
+    return '\'' + std::string(option.repeated ? "*" : "") + option.name + about;
 }
 
 std::string ZshArguments(const Manual& manual, const Command* command, const std::string& indent) {
@@ -143,13 +181,21 @@ std::string BashCompletion(const Manual& manual) {
     std::string script =
         "# bash completion for lumora\n"
         "_lumora() {\n"
-        "    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command='' i\n"
+        "    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}\n"
+        "    local command='' type='' position=-1 i\n"
         "    COMPREPLY=()\n"
         "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
         "        case ${COMP_WORDS[i]} in\n"
-        "            --interface | --log) i=$((i + 1)) ;;\n"
-        "            -*) ;;\n"
-        "            *) command=${COMP_WORDS[i]} && break ;;\n"
+        "            " +
+        ValuedOptions(manual) +
+        ") i=$((i + 1)) ;;\n"
+        "            -?*) ;;\n"
+        "            *)\n"
+        "                case $position in\n"
+        "                    -1) command=${COMP_WORDS[i]} ;;\n"
+        "                    0) type=${COMP_WORDS[i]} ;;\n"
+        "                esac\n"
+        "                position=$((position + 1)) ;;\n"
         "        esac\n"
         "    done\n"
         "    case $command in\n"

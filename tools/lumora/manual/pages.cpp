@@ -43,7 +43,8 @@ std::string UsageOf(const Manual& manual, const Command* command) {
 }
 
 std::string TermOf(const Option& option) {
-    return option.IsArgument() || option.IsFlag() ? option.name : option.name + ' ' + option.value;
+    const std::string letter = option.letter != 0 ? std::string("-") + option.letter + ", " : "";
+    return letter + (option.IsArgument() || option.IsFlag() ? option.name : option.name + ' ' + option.value);
 }
 
 Terms TermsOf(const Command& command, bool arguments) {
@@ -52,6 +53,14 @@ Terms TermsOf(const Command& command, bool arguments) {
         if (option.IsArgument() == arguments) {
             terms.emplace_back(TermOf(option), option.text);
         }
+    }
+    return terms;
+}
+
+Terms FieldsOf(const Command& command) {
+    Terms terms;
+    for (const Field& field : command.fields) {
+        terms.emplace_back(field.path, field.text);
     }
     return terms;
 }
@@ -186,6 +195,7 @@ std::string MarkdownSection(const Manual& manual, const Command* command) {
     }
     section += MarkdownTable("argument", TermsOf(described, true));
     section += MarkdownTable("option", TermsOf(described, false));
+    section += MarkdownTable("field of --json", FieldsOf(described));
     for (const Example& example : described.examples) {
         section += "    " + example.line + "\n\n" + Wrapped(example.text, 0, PAGE_WIDTH) + "\n\n";
     }
@@ -206,6 +216,7 @@ std::string HelpPage(const Manual& manual, const Command* command, std::size_t w
     for (const auto& [title, terms] : OptionSections(manual, command)) {
         page += Section(title, terms, width);
     }
+    page += Section("Fields of --json", FieldsOf(described), width);
     page += ExamplesOf(described);
     return page + Section("Exit codes", manual.exitCodes, width);
 }
@@ -224,6 +235,7 @@ std::string ManPage(const Manual& manual, const Command* command) {
     for (const auto& [title, terms] : OptionSections(manual, command)) {
         page += RoffSection(title, terms);
     }
+    page += RoffSection("FIELDS OF --JSON", FieldsOf(described));
     page += RoffExamples(described);
     page += RoffSection("EXIT STATUS", manual.exitCodes);
     return page + RoffSection("ENVIRONMENT", manual.variables) + SeeAlso(manual, command);

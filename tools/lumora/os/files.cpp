@@ -62,41 +62,103 @@ void MakeFolder(const std::string& path) {
     }
 }
 
-InputFile::InputFile(const std::string& path) : mName(path == "-" ? "standard input" : path) {
-    if (path == "-") {
-        mFd = STDIN_FILENO;
-    } else {
-        mOwn = UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        mFd = mOwn.Get();
+namespace {
+
+std::string NameOf(const std::string& path) { return path == "-" ? "standard input" : path; }
+
+[[noreturn]] void ThrowUnreadable(const std::string& path, int error) {
+    throw Failure(EXIT_FILE, NameOf(path) + " cannot be read: " + SystemError(error));
+}
+
+// Opening a FIFO blocks until it has a writer, and no signal that this program watches would end that.
+// O_NONBLOCK opens it at once; until the first writer comes, reading gives the end of the file and polling
+// nothing.
+UniqueFd Open(const std::string& path) {
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd.IsOpen()) {
+        ThrowUnreadable(path, errno);
     }
+    return fd;
+}
+
+bool IsFifo(int fd) {
     struct stat status = {};
-    if (mFd < 0 || fstat(mFd, &status) != 0) {
-        throw Failure(EXIT_FILE, mName + " cannot be read: " + SystemError(errno));
+    return fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+}  // namespace
+
+std::size_t InputFile::LengthOf(const std::string& path) {
+    struct stat status = {};
+    const int result = path == "-" ? fstat(STDIN_FILENO, &status) : stat(path.c_str(), &status);
+    if (result != 0 || (path != "-" && access(path.c_str(), R_OK) != 0)) {
+        ThrowUnreadable(path, errno);
     }
     if (S_ISDIR(status.st_mode)) {
-        throw Failure(EXIT_FILE, mName + " is a folder", "name the files in it");
+        throw Failure(EXIT_FILE, NameOf(path) + " is a folder", "name the files in it");
     }
-    mLength = S_ISREG(status.st_mode) ? static_cast<std::size_t>(status.st_size) : 0;
+    return S_ISREG(status.st_mode) ? static_cast<std::size_t>(status.st_size) : 0;
+}
+
+InputFile::InputFile(const std::string& path) : mName(NameOf(path)) {
+    LengthOf(path);
+    if (path == "-") {
+        mFd = STDIN_FILENO;
+        return;
+    }
+    mOwn = Open(path);
+    mFd = mOwn.Get();
+    if (IsFifo(mFd) && Wait(mFd, Never()) == Woken::STOPPED) {
+        ThrowWhenStopped();
+    }
+}
+
+// 0 at the end.
+std::size_t InputFile::ReadSome(char* bytes, std::size_t most) {
+    while (true) {
+        if (Wait(mFd, Never()) == Woken::STOPPED) {
+            ThrowWhenStopped();
+        }
+        const ssize_t count = read(mFd, bytes, most);
+        if (count >= 0) {
+            return static_cast<std::size_t>(count);
+        }
+        if (errno != EINTR && errno != EAGAIN) {
+            ThrowUnreadable(mName, errno);
+        }
+    }
 }
 
 std::string InputFile::Read(std::size_t most) {
     std::string bytes(most, '\0');
     std::size_t length = 0;
-    while (length < most) {
-        if (Wait(mFd, Never()) == Woken::STOPPED) {
-            ThrowWhenStopped();
-        }
-        const ssize_t count = read(mFd, bytes.data() + length, most - length);
-        if (count == 0) {
-            break;
-        }
-        if (count < 0 && errno != EINTR && errno != EAGAIN) {
-            throw Failure(EXIT_FILE, mName + " cannot be read: " + SystemError(errno));
-        }
-        length += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    std::size_t count = 1;
+    while (length < most && count > 0) {
+        count = ReadSome(bytes.data() + length, most - length);
+        length += count;
     }
     bytes.resize(length);
     return bytes;
+}
+
+std::optional<std::string> InputFile::ReadLine(std::size_t most) {
+    char bytes[65536];
+    std::size_t end = mRest.find('\n');
+    while (end == std::string::npos && mRest.size() < most) {
+        const std::size_t count = ReadSome(bytes, sizeof(bytes));
+        if (count == 0) {
+            break;
+        }
+        const std::size_t before = mRest.size();
+        mRest.append(bytes, count);
+        end = mRest.find('\n', before);
+    }
+    if (mRest.empty()) {
+        return std::nullopt;
+    }
+    std::string line = mRest.substr(0, end);
+    mRest.erase(0, end == std::string::npos ? end : end + 1);
+    return line;
 }
 
 }  // namespace lumora_cli

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -18,17 +19,22 @@ class InputFile {
 public:
     explicit InputFile(const std::string& path);
 
+    // Checks that it can be read. 0 if the length is not known: a pipe, standard input. Does not open a pipe.
+    static std::size_t LengthOf(const std::string& path);
+
     const std::string& Name() const { return mName; }
-    // 0 where the length is not known: a pipe, standard input.
-    std::size_t Length() const { return mLength; }
     // As much as was asked for; less only at the end. A signal ends the waiting for a pipe.
     std::string Read(std::size_t most);
+    // The next line without its end, cut at most bytes; nothing at the end of the file.
+    std::optional<std::string> ReadLine(std::size_t most);
 
 private:
+    std::size_t ReadSome(char* bytes, std::size_t most);
+
     std::string mName;
     UniqueFd mOwn;
     int mFd = 0;
-    std::size_t mLength = 0;
+    std::string mRest;  // read, and not yet part of a line
 };
 
 }  // namespace lumora_cli

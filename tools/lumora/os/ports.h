@@ -10,5 +10,7 @@ enum class PortState { FREE, TAKEN, UNKNOWN };
 
 // Whether a listening socket could be had, as the library would ask for it.
 PortState TcpPortState(int port);
+// Whether a socket could be bound to it, as the link platform would ask for it.
+PortState UdpPortState(int port);
 
 }  // namespace lumora_cli

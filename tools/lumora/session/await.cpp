@@ -6,10 +6,18 @@
 namespace lumora_cli {
 
 void AddAwaitOptions(Command& command, AwaitOptions& options) {
-    command.Text("--await", "SERVICE", options.service,
-                 "subscribes to the service first, and afterwards waits for its next block and prints it");
-    command.Seconds("--timeout", options.timeout, std::chrono::hours(24), "how long to wait for it (10)");
+    Option& service = command.Text(
+        "--await", "SERVICE", options.service,
+        "subscribes to the service first, and afterwards waits for its next block and prints it");
+    service.letter = 'A';
+    service.offer = Option::Offer::SERVICES;
+    command.Seconds("--timeout", options.timeout, std::chrono::hours(24), "how long to wait for it (10)")
+        .letter = 't';
     AddBlockFormat(command, options.format);
+}
+
+std::vector<std::string> ServicesFor(const AwaitOptions& options) {
+    return options.service.empty() ? std::vector<std::string>() : std::vector<std::string>{options.service};
 }
 
 void SubscribeForAnswer(ClientSession& session, const AwaitOptions& options) {
@@ -18,11 +26,10 @@ void SubscribeForAnswer(ClientSession& session, const AwaitOptions& options) {
     }
 }
 
-void PrintAnswer(ClientSession& session, const AwaitOptions& options) {
+void PrintAnswer(ClientSession& session, const AwaitOptions& options, BlockWriter& writer) {
     if (options.service.empty()) {
         return;
     }
-    BlockWriter writer(options.format);
     const std::optional<Block> block = session.Take(In(options.timeout));
     ThrowWhenStopped();
     if (!block) {

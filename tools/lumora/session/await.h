@@ -18,9 +18,11 @@ struct AwaitOptions {
 
 void AddAwaitOptions(Command& command, AwaitOptions& options);
 
+// The services that the device needs for that: one or none.
+std::vector<std::string> ServicesFor(const AwaitOptions& options);
 // Before the request, so that no answer is missed.
 void SubscribeForAnswer(ClientSession& session, const AwaitOptions& options);
 // Prints the next block of the service. Throws when none comes in time.
-void PrintAnswer(ClientSession& session, const AwaitOptions& options);
+void PrintAnswer(ClientSession& session, const AwaitOptions& options, BlockWriter& writer);
 
 }  // namespace lumora_cli

@@ -47,6 +47,13 @@ std::string WithLineEnd(std::string text) {
     return text;
 }
 
+std::string WithoutLineEnd(std::string text) {
+    while (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    return text;
+}
+
 // For --as text: line ends and tabs stay, other control characters must not reach a terminal.
 std::string SafeText(const std::string& bytes) {
     std::string text;
@@ -60,10 +67,7 @@ std::string ForPeople(const Block& block, const std::string& form) {
     if (form == "hex" || (form == "auto" && !IsReadable(block.data))) {
         return '\n' + HexDump(block.data);
     }
-    std::string text = IsReadable(block.data) ? block.data : SafeText(block.data);
-    while (!text.empty() && text.back() == '\n') {
-        text.pop_back();
-    }
+    const std::string text = WithoutLineEnd(IsReadable(block.data) ? block.data : SafeText(block.data));
     const bool oneLine = text.find('\n') == std::string::npos;
     return (oneLine ? "  " : "\n") + WithLineEnd(text);
 }
@@ -72,17 +76,27 @@ std::string ForPeople(const Block& block, const std::string& form) {
 
 void AddBlockFormat(Command& command, BlockFormat& format) {
     command.Choice("--as", format.form, {"auto", "text", "hex", "raw"},
-                   "how a block is shown: auto is text where it is text and else hex, raw the bytes and "
-                   "nothing else");
+                   "how a block is shown: auto is text if it is text and else hex, raw the bytes and nothing "
+                   "else");
+    Option& out =
+        command.Text("--out", "DIR", format.folder,
+                     "saves each block to a file of its own in this folder, which is made if it is missing");
+    out.letter = 'o';
+    out.offer = Option::Offer::FOLDERS;
     command
-        .Text("--out", "DIR", format.folder,
-              "saves each block to a file of its own in this folder, which is made where it is missing")
-        .offer = Option::Offer::FOLDERS;
+        .Text("--format", "TEXT", format.pattern,
+              "prints a line of this form for each block: %t is its time, %s its service, %n its number of "
+              "bytes, %p its text, %x its bytes in hex, %f its file, %% a percent sign")
+        .letter = 'F';
 }
 
 BlockWriter::BlockWriter(BlockFormat format) : mFormat(std::move(format)) {
     if (mFormat.form == "raw" && (IsJson() || !mFormat.folder.empty())) {
         throw Failure(EXIT_USAGE, "--as raw goes neither with --json nor with --out",
+                      "leave one of them out");
+    }
+    if (!mFormat.pattern.empty() && (IsJson() || mFormat.form == "raw")) {
+        throw Failure(EXIT_USAGE, "--format goes neither with --json nor with --as raw",
                       "leave one of them out");
     }
     if (!mFormat.folder.empty()) {
@@ -100,10 +114,37 @@ void BlockWriter::Write(const Block& block) {
         PrintLine(JsonLine(block, mFormat.form, file));
         return;
     }
+    if (!mFormat.pattern.empty()) {
+        PrintLine(Filled(block, file));
+        return;
+    }
     const std::string head = ClockTime(block.time) + "  " + OneLine(block.service) + "  " +
                              Count(block.data.size(), "byte", "bytes");
     Print(Coloured(head, Colour::FAINT, STDOUT_FILENO) +
           (file.empty() ? ForPeople(block, mFormat.form) : "  " + OneLine(file) + '\n'));
+}
+
+std::string BlockWriter::Filled(const Block& block, const std::string& file) const {
+    std::string line;
+    for (std::size_t i = 0; i < mFormat.pattern.size(); ++i) {
+        const char character = mFormat.pattern[i];
+        const char directive =
+            character == '%' && i + 1 < mFormat.pattern.size() ? mFormat.pattern[i + 1] : 0;
+        const std::string known = "tsnpxf%";
+        if (directive == 0 || known.find(directive) == std::string::npos) {
+            line += character;
+            continue;
+        }
+        ++i;
+        line += directive == 't'   ? StampedTime(block.time)
+                : directive == 's' ? OneLine(block.service)
+                : directive == 'n' ? std::to_string(block.data.size())
+                : directive == 'p' ? WithoutLineEnd(SafeText(block.data))
+                : directive == 'x' ? Hex(block.data)
+                : directive == 'f' ? file
+                                   : "%";
+    }
+    return line;
 }
 
 std::string BlockWriter::Save(const Block& block) {

@@ -1,15 +1,18 @@
 // A client of one device, from the search to the end.
 #pragma once
 
-#include <lumora.h>
+#include <lumora.hpp>
 
 #include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/os/waiting.h"
+#include "tools/lumora/session/device_address.h"
+#include "tools/lumora/session/inbox.h"
 #include "tools/lumora/terminal/text.h"
 
 namespace lumora_cli {
@@ -22,42 +25,58 @@ struct Block {
 };
 
 struct SessionOptions {
-    std::string type;
-    std::chrono::milliseconds find{2000};
+    DeviceChoice device;
+    std::chrono::milliseconds wait{2000};
+    bool again = false;  // the session outlives the end of its connection
 };
 
+// TYPE, --address and --wait.
 void AddSessionOptions(Command& command, SessionOptions& options);
+void AddWait(Command& command, std::chrono::milliseconds& wait, const std::string& text);
 
-// One at a time: the library's callbacks do not say for whom they are. Whatever fails is thrown as a Failure.
+// Whatever fails is thrown as a Failure.
 class ClientSession {
 public:
-    // Joins the network.
-    ClientSession();
+    // Finds a device that has all of these services, and connects to it. Looks at the data port first:
+    // whoever cannot have it does not join the network either.
+    ClientSession(SessionOptions options, const std::vector<std::string>& services);
     ~ClientSession();
     ClientSession(const ClientSession&) = delete;
     ClientSession& operator=(const ClientSession&) = delete;
 
-    // Takes the first device that answers, among those with the service where one is named.
-    void Find(const SessionOptions& options, const std::string& service = "");
-    void Connect();
+    // The connected device's services.
+    const std::vector<lumora::Service>& Services() const { return mDevice.services; }
+
     void Subscribe(const std::string& service);
+    void Unsubscribe(const std::string& service);
     void SendCommand(const std::string& name, const std::string& parameter);
     void Send(std::string_view bytes);
+    std::string DeviceVersion();
 
-    std::string LibraryVersion() const;
-    std::string DeviceVersion() const;
-
-    // The next block; nothing when none came in time or a signal did. Notices when the device has left.
+    // The next block; nothing when none came in time or a signal did. Throws when the connection has ended.
     std::optional<Block> Take(Deadline deadline);
+    // Readable while there is something to take.
+    int ReadyFd() const { return mNews.ReadyFd(); }
 
 private:
-    std::string Chosen(const LUM_DEVICES_INFO_S& devices, const std::string& type,
-                       const std::string& service) const;
-    void RequireDevice() const;
+    struct News {
+        enum class Kind { BLOCK, LEFT, LOST, AGAIN };
+        Kind kind;
+        Block block;
+    };
 
-    int mClient = 0;
-    unsigned mHandle = 0;
-    bool mConnected = false;
+    void Handle();
+    void Find(const std::vector<std::string>& services);
+    bool Choose(const std::vector<lumora::DeviceInfo>& found, const std::vector<std::string>& services);
+    void Connect();
+    void Tell(News::Kind kind);
+
+    SessionOptions mOptions;
+    lumora::DeviceInfo mDevice;
+    Inbox<News> mNews;  // filled on the library's threads
+    std::atomic<std::size_t> mWaitingBytes{0};
+    std::atomic<unsigned> mLost{0};
+    lumora::Client mClient;  // the last one: no handler runs once it is gone
 };
 
 // Ends the program where a name cannot be one; what is "TYPE" or "SERVICE".

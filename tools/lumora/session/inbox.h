@@ -52,6 +52,9 @@ public:
         }
     }
 
+    // Readable once something was put. Take clears it.
+    int ReadyFd() const { return mReady.Get(); }
+
     std::optional<Item> TryTake() {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (mItems.empty()) {

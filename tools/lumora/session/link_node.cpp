@@ -6,6 +6,7 @@
 #include <set>
 
 #include "tools/lumora/os/signals.h"
+#include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
 
@@ -91,8 +92,8 @@ LinkNode::LinkNode()
     if (mPlatform == nullptr || mPlatform->Init(mPlatform.get()) != 0 ||
         mPlatform->RegisterResource(mPlatform.get(), &mResource, OnDeviceEvent) != 0 ||
         mPlatform->Run(mPlatform.get()) != 0) {
-        throw Failure(EXIT_FAILED, "the link platform does not start",
-                      "--log error tells why, lumora doctor looks for what is wrong");
+        throw Failure(EXIT_FAILED, WithCause("the link platform does not start"),
+                      "lumora doctor looks for what is wrong");
     }
 }
 

@@ -18,12 +18,12 @@ enum ExitCode : int {
     EXIT_BY_SIGNAL = 128  // and the signal's number
 };
 
-// The one line that the user reads: what is wrong, and the way out.
+// The one line that the user reads: what is wrong, and what to do about it.
 class Failure : public std::runtime_error {
 public:
     Failure(int code, const std::string& what) : std::runtime_error(what), mCode(code) {}
-    Failure(int code, const std::string& what, const std::string& wayOut)
-        : std::runtime_error(what + "; " + wayOut), mCode(code) {}
+    Failure(int code, const std::string& what, const std::string& advice)
+        : std::runtime_error(what + "; " + advice), mCode(code) {}
 
     int Code() const { return mCode; }
 

@@ -1,5 +1,6 @@
 #include "tools/lumora/terminal/text.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -64,6 +65,26 @@ std::string Format(const char* format, WallTime time) {
     std::ostringstream text;
     text << std::put_time(&parts, format);
     return text.str();
+}
+
+// How many letters have to be added, left out, replaced or exchanged with their neighbour.
+std::size_t EditDistance(const std::string& from, const std::string& to) {
+    std::vector<std::vector<std::size_t>> cost(from.size() + 1, std::vector<std::size_t>(to.size() + 1));
+    for (std::size_t i = 0; i <= from.size(); ++i) {
+        for (std::size_t k = 0; k <= to.size(); ++k) {
+            if (i == 0 || k == 0) {
+                cost[i][k] = i + k;
+                continue;
+            }
+            const bool same = from[i - 1] == to[k - 1];
+            cost[i][k] =
+                std::min({cost[i - 1][k] + 1, cost[i][k - 1] + 1, cost[i - 1][k - 1] + (same ? 0 : 1)});
+            if (i > 1 && k > 1 && from[i - 1] == to[k - 2] && from[i - 2] == to[k - 1]) {
+                cost[i][k] = std::min(cost[i][k], cost[i - 2][k - 2] + 1);
+            }
+        }
+    }
+    return cost[from.size()][to.size()];
 }
 
 std::string Thousandths(WallTime time) {
@@ -203,6 +224,19 @@ std::string Wrapped(const std::string& text, std::size_t indent, std::size_t wid
         }
     }
     return out;
+}
+
+std::string Nearest(const std::string& word, const std::vector<std::string>& known) {
+    std::string nearest;
+    std::size_t least = word.size() / 3 + 2;  // a third of the letters may be wrong
+    for (const std::string& candidate : known) {
+        const std::size_t distance = EditDistance(word, candidate);
+        if (distance < least) {
+            least = distance;
+            nearest = candidate;
+        }
+    }
+    return nearest;
 }
 
 std::vector<std::string> Split(const std::string& text, char separator) {

@@ -35,6 +35,9 @@ std::string FileTime(WallTime time);     // 20260131T120304.123
 // Breaks at blanks; every line but the first begins with indent blanks. Keeps line ends.
 std::string Wrapped(const std::string& text, std::size_t indent, std::size_t width);
 
+// The known word that a user may have meant; empty when none is near.
+std::string Nearest(const std::string& word, const std::vector<std::string>& known);
+
 std::vector<std::string> Split(const std::string& text, char separator);
 
 }  // namespace lumora_cli

@@ -1,0 +1,105 @@
+// lumora doctor TYPE: each step on the way to one device.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "tools/lumora/commands/findings.h"
+#include "tools/lumora/os/ports.h"
+#include "tools/lumora/os/signals.h"
+#include "tools/lumora/os/unique_fd.h"
+#include "tools/lumora/session/client_session.h"
+#include "tools/lumora/session/link_node.h"
+#include "tools/lumora/terminal/failure.h"
+
+namespace lumora_cli {
+
+namespace {
+
+using Level = Finding::Level;
+
+const char AREA[] = "device";
+
+// 0 or the error of an attempt to connect. A device listens on its data port only while a channel is set up,
+// so ECONNREFUSED means that the way is open.
+int ConnectError(const std::string& host, int port) {
+    constexpr int PATIENCE_MS = 2000;
+    const UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    inet_pton(AF_INET, host.c_str(), &address.sin_addr);
+    if (connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        return 0;
+    }
+    pollfd watched[] = {{fd.Get(), POLLOUT, 0}, {StopFd(), POLLIN, 0}};
+    if (errno != EINPROGRESS) {
+        return errno;
+    }
+    if (poll(watched, 2, PATIENCE_MS) == 0) {
+        return ETIMEDOUT;
+    }
+    ThrowWhenStopped();
+    int error = 0;
+    socklen_t length = sizeof(error);
+    getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error, &length);
+    return error;
+}
+
+void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDevice& found) {
+    try {
+        const ClientSession session({device, std::chrono::milliseconds(2000), false}, {});
+        findings.push_back(
+            {Level::GOOD, AREA, "connected: TCP port 6666 is reached there, and 6667 from there", ""});
+    } catch (const Failure& failure) {
+        const int error = ConnectError(found.address, DEVICE_PORT);
+        const bool open = error == 0 || error == ECONNREFUSED;
+        findings.push_back({Level::FAULT, AREA, std::string("cannot be connected: ") + failure.what(),
+                            open ? "TCP port 6666 is reached there, so look at the way back: a firewall on "
+                                   "this host has to let "
+                                   "TCP to port 6667 pass"
+                                 : "TCP port 6666 is not reached there (" + SystemError(error) +
+                                       "): a firewall there, or on the way, has to let it pass"});
+    }
+}
+
+}  // namespace
+
+void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds wait) {
+    CheckName("TYPE", device.type);
+    std::vector<FoundDevice> all;
+    {
+        LinkNode node;
+        all = FindDevices(node, device.type, wait);
+    }
+    if (all.empty()) {
+        findings.push_back(
+            {Level::FAULT, AREA, "no device of type " + device.Text() + " was found",
+             "is it running, in this network, and with this type? lumora find lists those that are there; "
+             "LUMORA_LINK_PEERS names devices that multicast does not reach"});
+        return;
+    }
+    const FoundDevice& found = all.front();
+    const std::string place = found.address + ", UDP port " + std::to_string(found.port);
+    findings.push_back({Level::GOOD, AREA, "found at " + place, ""});
+    if (all.size() > 1) {
+        findings.push_back({Level::NOTE, AREA, std::to_string(all.size()) + " devices have this type",
+                            device.type + "@ADDRESS names one of them"});
+    }
+    if (!found.answers) {
+        findings.push_back({Level::FAULT, AREA, "it does not tell its services",
+                            "a client, or a device that is not ready, hangs, or uses another key"});
+        return;
+    }
+    findings.push_back(
+        {Level::GOOD, AREA,
+         "answers: " + Count(found.services.size(), "service", "services") + ", version " + found.version,
+         ""});
+    device.address = found.address + ':' + std::to_string(found.port);
+    device.Take();
+    ReportChannel(findings, device, found);
+}
+
+}  // namespace lumora_cli

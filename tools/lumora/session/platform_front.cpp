@@ -1,0 +1,138 @@
+#include "tools/lumora/session/platform_front.h"
+
+#include <dlfcn.h>
+#include <link_log.h>
+#include <link_platform.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+namespace lumora_cli {
+
+namespace {
+
+// Each table calls the library's function, which it replaces. A table belongs to one handle, so all handles
+// of one library have the same function.
+AppResourceProxy* (*g_findResource)(LinkPlatform*, const char*) = nullptr;
+
+std::mutex g_mutex;  // guards g_wanted
+DeviceAddress g_wanted;
+bool g_offline = false;  // set before there are threads
+
+DeviceAddress Wanted() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_wanted;
+}
+
+template <typename Function>
+Function* Behind(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+// The first element with the wanted address, from this one on. Frees those before it.
+AppResourceProxy* FirstWanted(AppResourceProxy* proxy) {
+    static auto* const next = Behind<decltype(GetNextAppResourceProxy)>("GetNextAppResourceProxy");
+    const DeviceAddress wanted = Wanted();
+    while (proxy != nullptr && !wanted.Matches(proxy->GetAddress(proxy), proxy->GetPort(proxy))) {
+        AppResourceProxy* const other = proxy;
+        proxy = next(other);
+        FreeAppResourceProxy2(other);
+    }
+    return proxy;
+}
+
+// ---- A platform without a network
+
+int Succeed(LinkPlatform*) { return 0; }
+int IgnoreLevel(LinkPlatform*, int) { return 0; }
+int IgnoreResource(LinkPlatform*, AppResource*, DeviceEventFunction) { return 0; }
+AppResourceProxy* FindNothing(LinkPlatform*, const char*) { return nullptr; }
+LinkPlatform g_nowhere = {Succeed, nullptr, IgnoreLevel, IgnoreResource,
+                          nullptr, Succeed, Succeed,     FindNothing};
+
+// ---- The log
+
+// Fixed, because the libraries may log without memory.
+thread_local std::array<char, 200> t_cause = {};
+
+void RememberCause(const char* text) {
+    if (t_cause[0] == '\0') {
+        std::snprintf(t_cause.data(), t_cause.size(), "%s", text);
+    }
+}
+
+}  // namespace
+
+void FindOnly(const DeviceAddress& address) {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_wanted = address;
+}
+
+void StayOffline() { g_offline = true; }
+
+std::string TakeCause() {
+    std::string cause = t_cause.data();
+    t_cause[0] = '\0';
+    while (!cause.empty() &&
+           (cause.back() == '\n' || cause.back() == ' ' || cause.back() == '.' || cause.back() == '!')) {
+        cause.pop_back();
+    }
+    return cause;
+}
+
+std::string WithCause(const std::string& what) {
+    const std::string cause = TakeCause();
+    return cause.empty() ? what : what + " (" + cause + ')';
+}
+
+}  // namespace lumora_cli
+
+extern "C" {
+
+static AppResourceProxy* FindWanted(LinkPlatform* platform, const char* type) {
+    return lumora_cli::FirstWanted(lumora_cli::g_findResource(platform, type));
+}
+
+LinkPlatform* GetLinkPlatform(void) {
+    if (lumora_cli::g_offline) {
+        return &lumora_cli::g_nowhere;
+    }
+    static auto* const behind = lumora_cli::Behind<decltype(GetLinkPlatform)>("GetLinkPlatform");
+    LinkPlatform* const platform = behind();
+    if (platform != nullptr && platform->FindResource != FindWanted) {
+        lumora_cli::g_findResource = platform->FindResource;
+        platform->FindResource = FindWanted;
+    }
+    return platform;
+}
+
+void FreeLinkPlatform(LinkPlatform* platform) {
+    static auto* const behind = lumora_cli::Behind<decltype(FreeLinkPlatform)>("FreeLinkPlatform");
+    if (platform != &lumora_cli::g_nowhere) {
+        behind(platform);
+    }
+}
+
+AppResourceProxy* GetNextAppResourceProxy(AppResourceProxy* proxy) {
+    static auto* const behind =
+        lumora_cli::Behind<decltype(GetNextAppResourceProxy)>("GetNextAppResourceProxy");
+    return lumora_cli::FirstWanted(behind(proxy));
+}
+
+void LogInfo(int level, const char* tag, const char* function, int line, const char* format, ...) {
+    constexpr int ERROR_LEVEL = 4;
+    static auto* const behind = lumora_cli::Behind<decltype(LogInfo)>("LogInfo");
+    char text[2048];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    if (level == ERROR_LEVEL) {
+        lumora_cli::RememberCause(text);
+    }
+    behind(level, tag, function, line, "%s", text);
+}
+
+}  // extern "C"
