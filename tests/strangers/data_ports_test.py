@@ -1,4 +1,4 @@
-"""A stranger who connects to the data ports of a device and of a client whenever they are open."""
+"""A stranger that connects to the data ports of a device and of a client whenever they are open."""
 
 import time
 

@@ -1,4 +1,4 @@
-"""A stranger who sends so many requests that a device's tables are full of them."""
+"""A stranger that sends so many requests that a device's tables are full of them."""
 
 import stranger_case
 
@@ -43,7 +43,7 @@ class FullTables(stranger_case.StrangerCase):
         self.device()
         client = self.connected_client()
         with stranger_case.Stream(self, client):
-            self.over(self.stranger("fill", "requesters", "echo-device", 8192, RATE))
+            self.attack("fill", "requesters", "echo-device", 8192, RATE)
             flood = self.stranger("fill", "requesters", "echo-device", 1000, 140)
             while flood.line("done", limit=0.5) is None:
                 self.command_is_answered(client, "meanwhile")
@@ -55,7 +55,7 @@ class FullTables(stranger_case.StrangerCase):
         asking = self.node()
         foreign = self.stranger("foreign", "camera", host=stranger_case.NEW_HOST)
         self.is_equal("a foreign client's request", foreign.ask("go", "answered (.*)")[0][1], "0x44")
-        self.over(self.stranger("fill", "foreign-requests", "camera", 3000, RATE))
+        self.attack("fill", "foreign-requests", "camera", 3000, RATE)
         self.is_equal("its repetition", foreign.ask("go", "answered (.*)")[0][1], "0x44")
         self.node_finds(asking, "camera", "afterwards", ["10.77.0.2"])
         count = self.node_is_answered(asking, "afterwards", "count")

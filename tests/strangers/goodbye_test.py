@@ -1,4 +1,4 @@
-"""A stranger who says goodbye in the name of a device and of a client."""
+"""A stranger that says goodbye in the name of a device and of a client."""
 
 import presence_case
 import stranger_case

@@ -1,4 +1,4 @@
-"""A stranger who says hello in the name of nodes that do not exist."""
+"""A stranger that says hello in the name of nodes that do not exist."""
 
 import threading
 import time

@@ -1,6 +1,6 @@
 """Hosts on a bridge, each a network namespace, and programs that run on them.
 
-All of it ends with the process that made it, whatever ends that one.
+Hosts and programs end with the process that made them, also if that one is killed.
 """
 
 import os
@@ -15,11 +15,11 @@ import time
 # Bounds a failing test only.
 LIMIT = 60
 NOT_PERMITTED = 77
-DESCRIPTORS = 1024  # what a shell gives to programs; asked for here, because some machines give more
+DESCRIPTORS = 1024  # the usual limit of a process; some machines allow more
 
 
 def enter_own_network():
-    """Runs this program again in a network that joins the hosts; ends it where that is not permitted."""
+    """Runs this program again in a network namespace of its own. Exits with 77 if that is not permitted."""
     if "IN_OWN_NETWORK" in os.environ:
         return
     for command in (["true"], ["ip", "link", "add", "br0", "type", "bridge"], ["nft", "list", "ruleset"]):
@@ -35,7 +35,7 @@ def run(*command):
 
 
 class Program:
-    """A program while it runs; its output is gathered by lines."""
+    """A program that runs on a host. Threads gather the lines that it writes."""
 
     def __init__(self, host, words, environment=None, descriptors=DESCRIPTORS):
         self.lines = []
@@ -64,12 +64,12 @@ class Program:
                 lines.append(line.rstrip("\n"))
                 self.changed.notify_all()
 
+    # One write: a stream may tell lines on another thread.
     def tell(self, line):
-        self.process.stdin.write(line + "\n")
-        self.process.stdin.flush()
+        os.write(self.process.stdin.fileno(), f"{line}\n".encode())
 
     def line(self, pattern, start=0, limit=LIMIT):
-        """The first line from there on that matches from its beginning, as a match; none when it does not come."""
+        """Waits for a line behind the first `start` that begins with the pattern. None if it does not come."""
         end = time.monotonic() + limit
         with self.changed:
             while True:
@@ -83,7 +83,7 @@ class Program:
                     return None
 
     def ask(self, line, pattern, limit=LIMIT):
-        """Tells the program a line; the answer, and the seconds until it came. No answer is none, and the limit."""
+        """Tells the program a line and waits for the answer. Returns it, None without one, and the seconds."""
         with self.changed:
             start = len(self.lines)
         begin = time.monotonic()
@@ -126,7 +126,7 @@ class Host:
     def __init__(self, number):
         self.number = number
         self.address = f"10.77.0.{number}"
-        # It ends when its input does, and that is when this process ends.
+        # Keeps the namespace. Its input, and so the keeper, ends when this process does.
         self.keeper = subprocess.Popen(["unshare", "-n", "cat"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
         own = os.readlink("/proc/self/ns/net")
         while os.readlink(f"/proc/{self.keeper.pid}/ns/net") == own:
@@ -144,12 +144,12 @@ class Host:
         return run(*self.prefix(), *command)
 
     def drop_tcp(self):
-        """From here on the host is silent where others would refuse."""
+        """From here on the host answers no connection, not even by a refusal."""
         self.run("nft", "add table ip silent")
         self.run("nft", "add chain ip silent input { type filter hook input priority 0; }")
         self.run("nft", "add rule ip silent input ip protocol tcp drop")
 
-    # The link goes first: what the kernel does after the last process has ended comes some time later.
+    # The link is deleted first: the kernel ends an unused namespace only some time later.
     def close(self):
         run("ip", "link", "delete", f"h{self.number}")
         self.keeper.stdin.close()

@@ -1,4 +1,4 @@
-"""A stranger who speaks in the name of another host's address, so that the answers go there."""
+"""A stranger that speaks in the name of another host's address, so that the answers go there."""
 
 import time
 

@@ -1,4 +1,4 @@
-"""A stranger who closes a client's requests in its name, before the client has sent them."""
+"""A stranger that closes a client's requests in its name, before the client has sent them."""
 
 import stranger_case
 

@@ -1,4 +1,4 @@
-"""A stranger who says hello as if a device and a client had been started again on its host."""
+"""A stranger that says hello as if a device and a client had been started again on its host."""
 
 import time
 

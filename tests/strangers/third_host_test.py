@@ -1,4 +1,4 @@
-"""A stranger who asks for a data channel in the name of another host's node."""
+"""A stranger that asks for a data channel in the name of another host's node."""
 
 import time
 

@@ -1,4 +1,4 @@
-"""A stranger who is asked often, and computes from the tokens what the next ones will be."""
+"""A stranger that is asked often, and computes from the tokens what the next ones will be."""
 
 import struct
 

@@ -52,7 +52,7 @@ class Message:
 
 
 def decode(datagram):
-    """What the library sends; raises IndexError or struct.error for anything else."""
+    """Decodes a datagram of the library. Other bytes raise IndexError or struct.error."""
     length = datagram[0] & 15
     kind, code, message_id = datagram[0] >> 4 & 3, datagram[1], struct.unpack(">H", datagram[2:4])[0]
     token, rest = datagram[4:4 + length], datagram[4 + length:]
@@ -87,7 +87,7 @@ class Node:
 
 
 def node_of(link, address):
-    """The node of a link that came from there; the address in the link itself does not count."""
+    """The node that a link describes, at the address that the datagram came from. None for other texts."""
     text = link.decode(errors="replace")
     port = re.search(r"<coap://[\d.]+:(\d+)/lumora>", text)
     node = re.search(r'ep="([0-9a-f]+)"', text)
@@ -113,13 +113,13 @@ def goodbye(node, message_id):
 
 
 def requester(node, sequence=1, oldest_open=1, first_of_body=1, secret=b""):
-    """The option by which a node says who asks."""
+    """The option that tells a device which node asks."""
     head = struct.pack(">QIH", node.id, node.instance, node.port)
     return (REQUESTER, head + struct.pack(">III", sequence, oldest_open, first_of_body) + secret)
 
 
 def request(code, key, message_id, token, value=b"", options=()):
-    """A request to a node's resource; the options come behind the key, in ascending order."""
+    """A request to a node's resource. The options follow the key in ascending order."""
     return encode(CON, code, message_id, token, [*path("lumora"), (URI_QUERY, key.encode()), *options], value)
 
 
