@@ -8,7 +8,7 @@ LENGTH_THAT_NEEDS_BLOCKS = 1000
 
 class FullTables(stranger_case.StrangerCase):
     def fill(self, kind, count):
-        self.device()
+        device = self.device()
         client = self.connected_client()
         with stranger_case.Stream(self, client):
             flood = self.stranger("fill", kind, "echo-device", count, RATE)
@@ -17,6 +17,8 @@ class FullTables(stranger_case.StrangerCase):
             self.over(flood)
             self.command_is_answered(client, "afterwards")
             self.others_are_served("afterwards")
+        named = [line for line in device.log if "10.77.0.3 has more than its share" in line]
+        self.is_true("the device's log names the stranger", bool(named), named)
 
     # Nodes that the device has not heard of before.
     def others_are_served(self, what):
