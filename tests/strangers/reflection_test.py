@@ -52,7 +52,8 @@ class Reflection(stranger_case.StrangerCase):
         while watching.count("added .* camera") < CROWD:
             time.sleep(0.05)
         ratio = self.reflected("hello", "camera", 1, 0)
-        self.at_most("hello: bytes for each byte", ratio, 100)
+        # Each node may ask the newcomer four times whether it is there.
+        self.at_most("hello: bytes for each byte", ratio, 200)
 
 
 if __name__ == "__main__":
