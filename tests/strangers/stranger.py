@@ -351,14 +351,21 @@ def foreign(device_type):
     (device,) = listen_for(device_type)
     datagram = wire.request(wire.POST, "add", 0x1234, b"foreign!", b"1")
     with open_socket() as own:
-        own.settimeout(3)
+        own.settimeout(1)
         say("ready")
         for _ in sys.stdin:
-            own.sendto(datagram, (device.address, device.port))
-            try:
-                say("answered", f"{wire.decode(own.recv(2048)).code:#x}")
-            except TimeoutError:
-                say("answered", "nothing")
+            say("answered", post(own, datagram, (device.address, device.port)))
+
+
+def post(own, datagram, to):
+    """Repeats the datagram until it is answered, as RFC 7252 asks of clients. Returns the code of the answer."""
+    for _ in range(5):
+        own.sendto(datagram, to)
+        try:
+            return f"{wire.decode(own.recv(2048)).code:#x}"
+        except TimeoutError:
+            pass
+    return "nothing"
 
 
 ATTACKS = {
