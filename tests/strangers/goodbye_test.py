@@ -1,0 +1,13 @@
+"""A stranger that says goodbye in the name of a device and of a client."""
+
+import presence_case
+import stranger_case
+
+
+class Goodbye(presence_case.PresenceCase):
+    def test_removes_nobody(self):
+        self.nodes_stay("part")
+
+
+if __name__ == "__main__":
+    stranger_case.main()
