@@ -106,7 +106,7 @@ public:
                      Require(conversation == CONVERSATION, "the conversation is the one that was begun");
                      RequireAgreement(message);
                  },
-                 [](ConversationId) {}, [](ConversationId) {}}) {
+                 [](ConversationId) {}, [](ConversationId, std::uint16_t) {}, [](ConversationId) {}}) {
         Require(mPort.Open(std::nullopt) && mPort.Listen({htonl(INADDR_LOOPBACK), mGuard.port}),
                 "it listens");
         CoapMessage ping = MakePing();
