@@ -7,7 +7,7 @@ namespace lumora {
 
 namespace {
 
-// How long a stop may have to wait for a thread that it joins to notice it.
+// Upper bound on how late a waiting OnData notices that its transport is being stopped.
 constexpr std::chrono::milliseconds STOP_CHECK_INTERVAL(2);
 
 std::atomic<bool> g_allCallsRefused{false};
@@ -45,14 +45,14 @@ void ApiMutex::Unlock() {
     if (mState.exchange(FREE, std::memory_order_release) == HELD) {
         return;
     }
-    // Between a waiter's look at the state and its sleep it holds the mutex.
+    // A waiter holds mMutex from checking the state until it sleeps, so locking it here cannot miss a waiter.
     { const std::lock_guard<std::mutex> lock(mMutex); }
     mReleased.notify_one();
 }
 
 ApiLock::ApiLock(ApiMutex& mutex, Side side, const char* function, int line, FromOnData fromOnData)
     : mMutex(mutex) {
-    if (IsForkedChild(function, line) || WouldWaitForItself(side, function, line)) {
+    if (IsForkedChild(function, line) || RejectReentrantCall(side, function, line)) {
         return;
     }
     const std::atomic<bool>* transportRunning =
@@ -87,7 +87,7 @@ bool IsForkedChild(const char* function, int line) {
     return true;
 }
 
-bool WouldWaitForItself(Side side, const char* function, int line) {
+bool RejectReentrantCall(Side side, const char* function, int line) {
     if (!CallbackScope::Inside(side)) {
         return false;
     }

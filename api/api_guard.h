@@ -1,4 +1,4 @@
-// What every exported function does around its work: check, take its side's mutex, and let nothing throw.
+// Shared by all exported functions: checks, the side's mutex, and exceptions that must not leave the library.
 #pragma once
 
 #include <atomic>
@@ -7,8 +7,9 @@
 
 #include "base/callback_scope.h"
 #include "base/log.h"
+#include "base/thread_annotations.h"
 
-// The checks of an exported function read as a table: what must hold, and what is logged when it does not.
+// The checks of an exported function read as a table: what must hold, and what is logged if it does not.
 #define LUMORA_REQUIRE(condition, ...) \
     do {                               \
         if (!(condition)) {            \
@@ -19,38 +20,39 @@
 
 namespace lumora {
 
-// Serialises the exported functions of one side. Unlike a plain mutex it can be waited for by a thread that
-// somebody else may begin to wait for meanwhile.
-class ApiMutex {
+// Serialises the exported functions of one side. Unlike std::mutex, waiting can be abandoned: OnData must
+// stop waiting when another thread starts to join its receive thread. std::timed_mutex could do that, too,
+// but ThreadSanitizer does not see it being locked.
+class CAPABILITY("mutex") ApiMutex {
 public:
-    void Lock();
+    void Lock() ACQUIRE();
     // Gives up, and returns false, once wanted has turned false.
-    bool LockWhile(const std::atomic<bool>& wanted);
-    void Unlock();
+    bool LockWhile(const std::atomic<bool>& wanted) TRY_ACQUIRE(true);
+    void Unlock() RELEASE();
     bool IsFree() const { return mState == FREE; }
 
 private:
-    // Somebody waits as long as it is CONTENDED; whoever gets it after waiting leaves it so, because others
-    // may wait too.
+    // A thread that waited acquires the lock as CONTENDED, because there may be more waiters.
     enum State { FREE, HELD, CONTENDED };
 
     bool TryLock();
 
     std::atomic<int> mState{FREE};
-    std::mutex mMutex;  // of those who wait; a leaf lock
+    std::mutex mMutex;  // a waiter holds it from checking the state until it sleeps; a leaf lock
     std::condition_variable mReleased;
 };
 
 // Whether a function may be called from the OnData callback.
 enum class FromOnData { REFUSED, ALLOWED };
 
-// Holds a side's API mutex for the rest of the calling function, or does not where waiting for it would mean
-// to wait for oneself; that is logged in the name of function.
+// Holds a side's API mutex for the rest of the calling function. Fails, and logs on behalf of `function`, if
+// waiting would deadlock. The analysis cannot express a lock that may not be held, so it leaves this class
+// out.
 class ApiLock {
 public:
     ApiLock(ApiMutex& mutex, Side side, const char* function, int line,
-            FromOnData fromOnData = FromOnData::REFUSED);
-    ~ApiLock();
+            FromOnData fromOnData = FromOnData::REFUSED) NO_THREAD_SAFETY_ANALYSIS;
+    ~ApiLock() NO_THREAD_SAFETY_ANALYSIS;
     ApiLock(const ApiLock&) = delete;
     ApiLock& operator=(const ApiLock&) = delete;
 
@@ -70,7 +72,7 @@ void RefuseAllCalls();
 bool IsForkedChild(const char* function, int line);
 
 // Whether the calling thread is inside a callback of this side that must not call back; logged.
-bool WouldWaitForItself(Side side, const char* function, int line);
+bool RejectReentrantCall(Side side, const char* function, int line);
 
 // The result of an exported function that something was thrown out of. Call it while that is being handled.
 int FailedByException(const char* function, int line);

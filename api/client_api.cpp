@@ -252,7 +252,7 @@ int LUM_SendData(int clientID, unsigned int handle, const void* data, unsigned i
 
 int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen) try {
     if (lumora::IsForkedChild(__func__, __LINE__) ||
-        lumora::WouldWaitForItself(Side::CLIENT, __func__, __LINE__)) {
+        lumora::RejectReentrantCall(Side::CLIENT, __func__, __LINE__)) {
         return -1;
     }
     const std::shared_ptr<LumoraClientModule> lumora = HoldClient();
@@ -269,7 +269,7 @@ int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen) try {
 
 int LUM_GetServerVersion(int clientID, unsigned int handle, char* buff, unsigned int buffLen) try {
     if (lumora::IsForkedChild(__func__, __LINE__) ||
-        lumora::WouldWaitForItself(Side::CLIENT, __func__, __LINE__)) {
+        lumora::RejectReentrantCall(Side::CLIENT, __func__, __LINE__)) {
         return -1;
     }
     const std::shared_ptr<LumoraClientModule> lumora = HoldClient();

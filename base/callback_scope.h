@@ -1,5 +1,4 @@
-// What the current thread is in the middle of: calls that would have to wait for themselves are told apart
-// by it.
+// Tracks per thread which callbacks are running, to detect re-entrant calls that would deadlock.
 #pragma once
 
 #include <atomic>
@@ -8,7 +7,8 @@ namespace lumora {
 
 enum class Side { CLIENT, SERVER };
 
-// While one lives, its thread runs an application callback of the given side with that side's mMutex held.
+// While one lives, its thread runs an application callback of the given side, under that side's callback
+// lock.
 class CallbackScope {
 public:
     explicit CallbackScope(Side side);
@@ -25,7 +25,7 @@ private:
 // While one lives, its thread is a server transport's receive thread that runs the application's OnData.
 class DataCallbackScope {
 public:
-    // running turns false when somebody begins to stop the transport, and so to wait for this thread.
+    // running turns false when another thread starts to stop the transport, and so to join this thread.
     explicit DataCallbackScope(const std::atomic<bool>& running);
     ~DataCallbackScope();
     DataCallbackScope(const DataCallbackScope&) = delete;

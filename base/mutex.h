@@ -12,7 +12,7 @@ public:
     void lock() ACQUIRE() { mMutex.lock(); }
     void unlock() RELEASE() { mMutex.unlock(); }
 
-    // For those who ask whether it is held, which the analysis has no word for.
+    // Lets tests check whether the mutex is held; the analysis cannot express that.
     std::mutex& Native() { return mMutex; }
 
 private:
@@ -30,7 +30,7 @@ private:
     Mutex& mMutex;
 };
 
-// Lets a lock go for one scope and takes it again, also when the scope is left by an exception.
+// Releases a mutex for one scope and takes it again, also if an exception ends the scope.
 class SCOPED_CAPABILITY MutexUnlock {
 public:
     explicit MutexUnlock(Mutex& mutex) RELEASE(mutex) : mMutex(mutex) { mMutex.unlock(); }

@@ -20,7 +20,7 @@ namespace {
 
 constexpr char DEINIT[] = "DeInitLumoraModule";
 
-// ids is sorted: the first position whose ID is not one more than the position is free.
+// ids is sorted, so the first position that does not hold its own number plus one is a free ID.
 unsigned int LowestFreeId(const std::vector<unsigned int>& ids) {
     unsigned int id = 1;
     while (ids.size() >= id && ids[id - 1] == id) {

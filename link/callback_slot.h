@@ -2,8 +2,9 @@
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
 #include <set>
+
+#include "base/mutex.h"
 
 namespace lumora {
 
@@ -13,11 +14,11 @@ template <typename Callback>
 class CallbackSlot {
 public:
     void Set(Callback* callback) {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const MutexLock lock(mMutex);
         mCallback = callback;
     }
 
-    // Calls function with the callback and returns its result, or otherwise when the slot is empty.
+    // Calls function with the callback and returns its result, or otherwise if the slot is empty.
     template <typename Function, typename Result>
     Result Call(Function function, Result otherwise) {
         const InProgress call(*this);
@@ -25,48 +26,54 @@ public:
     }
 
     bool IsSet() {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const MutexLock lock(mMutex);
         return mCallback != nullptr;
     }
 
     // Empties the slot if it holds callback, and returns when no call into callback is in progress any
-    // more. Must not be called from within such a call.
+    // more. Must not be called from within such a call: it would wait for itself.
     void Withdraw(Callback* callback) {
-        std::unique_lock<std::mutex> lock(mMutex);
+        const MutexLock lock(mMutex);
         if (mCallback == callback) {
             mCallback = nullptr;
         }
-        mCallEnded.wait(lock, [&] { return mCallsInProgress.count(callback) == 0; });
+        while (mCallsInProgress.count(callback) != 0) {
+            mCallEnded.wait(mMutex);
+        }
     }
 
 private:
-    struct InProgress {
-        explicit InProgress(CallbackSlot& owner) : slot(owner) {
-            const std::lock_guard<std::mutex> lock(slot.mMutex);
-            callback = slot.mCallback;
-            if (callback != nullptr) {
-                slot.mCallsInProgress.insert(callback);
-            }
+    Callback* Begin() {
+        const MutexLock lock(mMutex);
+        if (mCallback != nullptr) {
+            mCallsInProgress.insert(mCallback);
         }
+        return mCallback;
+    }
+    void End(Callback* callback) {
+        const MutexLock lock(mMutex);
+        mCallsInProgress.erase(mCallsInProgress.find(callback));
+        mCallEnded.notify_all();
+    }
+
+    struct InProgress {
+        explicit InProgress(CallbackSlot& owner) : slot(owner), callback(owner.Begin()) {}
         ~InProgress() {
-            if (callback == nullptr) {
-                return;
+            if (callback != nullptr) {
+                slot.End(callback);
             }
-            const std::lock_guard<std::mutex> lock(slot.mMutex);
-            slot.mCallsInProgress.erase(slot.mCallsInProgress.find(callback));
-            slot.mCallEnded.notify_all();
         }
         InProgress(const InProgress&) = delete;
         InProgress& operator=(const InProgress&) = delete;
 
         CallbackSlot& slot;
-        Callback* callback = nullptr;
+        Callback* const callback;
     };
 
-    std::mutex mMutex;  // guards the members below; a leaf lock
-    std::condition_variable mCallEnded;
-    Callback* mCallback = nullptr;
-    std::multiset<Callback*> mCallsInProgress;
+    Mutex mMutex;  // a leaf lock
+    std::condition_variable_any mCallEnded;
+    Callback* mCallback GUARDED_BY(mMutex) = nullptr;
+    std::multiset<Callback*> mCallsInProgress GUARDED_BY(mMutex);
 };
 
 }  // namespace lumora

@@ -11,8 +11,8 @@
 
 namespace lumora {
 
-// The process-wide registry. It holds one descriptor at a time: where a process plays both sides, the one
-// that registered last gets all requests. Any thread may use it.
+// The process-wide registry. It holds one descriptor at a time: if a process plays both sides, the side that
+// registered last gets all requests. Any thread may use it.
 class LinkDeviceDescriptorWrapper {
 public:
     virtual ~LinkDeviceDescriptorWrapper();

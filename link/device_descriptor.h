@@ -1,4 +1,4 @@
-// What a module says of itself to other devices, and the requests that it answers.
+// A local descriptor: the device type that other nodes see, and the handlers of their requests.
 #pragma once
 
 #include <string>

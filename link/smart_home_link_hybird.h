@@ -33,7 +33,7 @@ public:
     // Hands an event of the connected device to the callback that registered last.
     static int NotifyCallback(NotifyDeviceInfo* info);
 
-    // For a callback that dies: a later event finds nobody. Returns when no event is being handed to it.
+    // Unregisters a callback before it is destroyed. Returns when no event is being handed to it any more.
     static void WithdrawNotifyCallback(lumoraAiModule::LumoraNotifyCallback* callback);
 
 private:

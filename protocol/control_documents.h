@@ -24,7 +24,7 @@ extern const char* const GET_VERSION_KEY;
 extern const char* const SUBSCRIBE_COMMAND;
 extern const char* const UNSUBSCRIBE_COMMAND;
 
-// What a client sends as the value of a service query; nobody reads it.
+// What a client sends as the value of a service query. The device does not read it.
 extern const char* const SERVICE_INFO_VALUE;
 
 // Replies.

@@ -49,7 +49,7 @@ FrameDamage ReadServerFrame(char* frame, unsigned int length, ServerFrame& field
     }
     fields.name = position;
     fields.payload = position + fields.nameLen;
-    // A frame that was cut by its own lengths never gets here; one behind which nobody knows what is does.
+    // Cannot happen for frames cut by their own lengths; callers that pass raw bytes can get here.
     const auto offset = static_cast<unsigned int>(fields.payload - frame);
     return fields.payloadLen > length + FRAME_SPARE_LENGTH - offset ? FrameDamage::PAYLOAD_MISSING
                                                                     : FrameDamage::NONE;

@@ -29,7 +29,7 @@ constexpr unsigned int MAX_FRAME_NAME_LENGTH = 40;
 constexpr unsigned int FRAME_SPARE_LENGTH =
     SERVER_FRAME_FIXED_HEAD_LENGTH + MAX_FRAME_CLIENTS + MAX_FRAME_NAME_LENGTH;
 
-// Here, where every compiler sees that it is one load on a little-endian host.
+// Inline, so that compilers reduce it to one load on little-endian hosts.
 inline std::uint32_t ReadLittleEndian32(const char* bytes) {
     const auto* octets = reinterpret_cast<const unsigned char*>(bytes);
     return static_cast<std::uint32_t>(octets[0]) | static_cast<std::uint32_t>(octets[1]) << 8 |
@@ -40,7 +40,7 @@ void WriteLittleEndian32(char* bytes, std::uint32_t value);
 inline unsigned int HeadLengthOf(const char* frame) { return static_cast<unsigned char>(frame[0]); }
 inline std::uint32_t PayloadLengthOf(const char* frame) { return ReadLittleEndian32(frame + 1); }
 
-// How many of the bytes that went out were payload: none while the head was not out itself.
+// The number of payload bytes among those written; 0 if not even the head was written.
 inline unsigned int PayloadWritten(unsigned int written, unsigned int headLength) {
     return written > headLength ? written - headLength : 0;
 }

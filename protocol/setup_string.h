@@ -1,4 +1,4 @@
-// The setup string: the text by which a client tells a device where their data channel goes.
+// The setup string: the JSON text that tells a device on which port a client wants its data channel.
 #pragma once
 
 #include <string>

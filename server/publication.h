@@ -20,7 +20,7 @@ struct LumoraServiceManager {
 
 using ServiceMap = std::map<std::string, std::shared_ptr<const LumoraServiceManager>>;
 
-// One consistent look at what is published. It never changes: a change publishes something else.
+// One consistent state. It never changes: a change publishes another one.
 struct Published {
     std::shared_ptr<LumoraTransManager> mTransManager;  // null until a client sets one up
     std::shared_ptr<const ServiceMap> mServiceMap;      // null until services are registered
@@ -35,9 +35,9 @@ struct Published {
     }
 };
 
-// A send takes one look and works with it for as long as it takes; no request waits for a send, and no send
-// for a request. The lock is held for a swap or a copy, never across a call to the outside. Withdrawing needs
-// no memory.
+// A send copies the current state once and works with that copy, so sends and requests do not wait for each
+// other. The lock is held for a swap or a copy, never across a call to the outside. Withdrawing needs no
+// memory.
 class Publication {
 public:
     Published Current() {

@@ -80,7 +80,7 @@ int LumoraServerModule::OnCoapPost(const std::string& key, const std::string& va
     if (key == COMMAND_KEY) {
         return HandleCommand(value);
     }
-    // stoi throws for what is no number: the request then fails at the boundary to the platform.
+    // stoi throws if the value is not a number; the registry turns that into a failed request.
     if (key == DESTROY_KEY) {
         ret = HandleDestroy(std::stoi(value));
     } else if (key == CONNECT_KEY) {

@@ -8,7 +8,7 @@ namespace lumoraAiModule {
 namespace {
 
 constexpr std::size_t PAGE_SIZE = 4096;
-constexpr unsigned int LARGE = 4096;  // below this, a copy takes too short to be worth another page
+constexpr unsigned int LARGE = 4096;  // smaller copies are too short to gain from another page
 
 }  // namespace
 
@@ -34,7 +34,7 @@ bool FrameBuffer::AllocateArray(std::size_t size) {
 }
 
 bool FrameBuffer::AllocateAt(std::size_t pageOffset, std::size_t size) {
-    if (size > SIZE_MAX - PAGE_SIZE) {  // on a 32-bit host the sum would begin anew
+    if (size > SIZE_MAX - PAGE_SIZE) {  // the sum would overflow on 32-bit hosts
         Release();
         return false;
     }

@@ -8,13 +8,10 @@ namespace lumoraAiModule {
 // Frees an array made by new char[] and clears the pointer. Does nothing for a null pointer.
 void ReleaseBuffer(char** buffer);
 
-// An array of bytes whose contents are undefined until they are written: frames are large and most of their
-// bytes are overwritten at once.
+// An array of bytes, not zeroed: frames are large, and most of their bytes are overwritten at once.
 //
-// Where a large one lies within its first page is chosen, because copying between addresses that differ by a
-// few bytes within their pages takes some processors twice as long. Large arrays and the kernel's buffers
-// begin with a page or a few bytes behind it: what is copied into the kernel begins half a page away from
-// them, what the kernel copies to with a page.
+// Some CPUs copy at half speed when source and destination have nearly the same page offset. malloc and the
+// kernel use offsets near 0 for large blocks, so send buffers start mid-page and receive buffers at offset 0.
 class FrameBuffer {
 public:
     FrameBuffer() = default;

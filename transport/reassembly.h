@@ -13,7 +13,7 @@ public:
 
     // False when memory ran out.
     bool Allocate();
-    // The bytes behind the capacity: nobody else ever writes them.
+    // The bytes behind the capacity. No read and no append ever writes them.
     char* Spare() { return mBuffer.Bytes() + mCapacity; }
     void Release();
 
@@ -22,10 +22,10 @@ public:
     unsigned int Length() const { return mLength; }
     unsigned int Room() const { return mCapacity - mLength; }
 
-    // Takes length more bytes, which may have been read to End() or behind. -1 when they do not fit.
+    // Appends length bytes. They may already lie at End(), where a read put them. -1 if they do not fit.
     int Append(const char* data, unsigned int length);
 
-    // Drops the first bytes, of which only the count changes; CopyLeftDataToBuffer moves the rest.
+    // Reduces Length(); the bytes move when CopyLeftDataToBuffer is called.
     void Consume(unsigned int count) { mLength -= count; }
 
     // Moves the buffered bytes, which start at offset consumed, to the front. 0 or -1.

@@ -105,7 +105,7 @@ int LumoraTCPTransClient::ClientParseAndSendData(char* data, unsigned int length
     unsigned int frameLength = 0;
     while (consumed + headLen < length && length - consumed >= COMMON_HEAD_LENGTH) {
         ParseDataHead(data + consumed, headLen, frameLength);
-        // A frame of no length would be cut off for ever.
+        // A frame of length 0 would be cut off without end.
         if (frameLength == 0 || frameLength > length - consumed) {
             break;
         }

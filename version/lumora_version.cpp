@@ -7,7 +7,7 @@
 
 namespace lumoraAiModule {
 
-// SOURCE_DATE_EPOCH fixes both where a build has to be repeatable.
+// SOURCE_DATE_EPOCH fixes both if a build has to be reproducible.
 const char* const g_mRealDateTime = __DATE__;
 const char* const g_mRealHourTime = __TIME__;
 
@@ -23,7 +23,7 @@ constexpr int LAST_ONE_DIGIT = 9;
 constexpr std::array<const char*, 12> MONTH_NAMES = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
-// Like substr, but empty where the text is too short.
+// Like substr, but empty if the text is too short.
 std::string Cut(const std::string& text, std::size_t offset, std::size_t count) {
     return offset < text.size() ? text.substr(offset, count) : std::string();
 }
