@@ -74,7 +74,7 @@ int CopyVersion(const char* function, const std::string& version, char* buff, un
     if (!lock.IsHeld()) {                                                       \
         return -1;                                                              \
     }                                                                           \
-    [[maybe_unused]] LumoraClientModule* const lumora = g_lumoraClient->get()
+    [[maybe_unused]] LumoraClientModule* const module = g_lumoraClient->get()
 
 int LUM_InitClient(int* clientID, const char* devType) try {
     LUMORA_TRACE("Enter\n");
@@ -102,10 +102,10 @@ int LUM_InitClient(int* clientID, const char* devType) try {
 int LUM_DeInitClient(int clientID) try {
     LUMORA_TRACE("Enter\n");
     LOCK_CLIENT_API();
-    LUMORA_REQUIRE(lumora != nullptr, "lumora is null, please call InitClient first.\n");
+    LUMORA_REQUIRE(module != nullptr, "lumora is null, please call InitClient first.\n");
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
     unsigned int count = 0;
-    LUMORA_REQUIRE(lumora->DeInitLumoraModule(clientID, &count) == 0, "LUM_DeInitClient failed!\n");
+    LUMORA_REQUIRE(module->DeInitLumoraModule(clientID, &count) == 0, "LUM_DeInitClient failed!\n");
     if (count != 0) {
         LUMORA_STATE("There are already %d clients use Lumora. \n", static_cast<int>(count));
     } else {
@@ -123,9 +123,9 @@ int LUM_DeInitClient(int clientID) try {
 int LUM_RegisterEvent(int clientID, LUM_EVENT_CALLBACK callback) try {
     LOCK_CLIENT_API();
     LUMORA_REQUIRE(callback != nullptr, "callback is null!\n");
-    LUMORA_REQUIRE(lumora != nullptr, "lumora is null, please call LUM_InitModule first.\n");
+    LUMORA_REQUIRE(module != nullptr, "lumora is null, please call LUM_InitModule first.\n");
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
-    LUMORA_REQUIRE(lumora->RegisterEvent(clientID, callback) == 0, "LUM_RegisterEvent failed!\n");
+    LUMORA_REQUIRE(module->RegisterEvent(clientID, callback) == 0, "LUM_RegisterEvent failed!\n");
     LUMORA_STATE("Client[%d] register event success. \n", clientID);
     return 0;
 } catch (...) {
@@ -134,7 +134,7 @@ int LUM_RegisterEvent(int clientID, LUM_EVENT_CALLBACK callback) try {
 
 int LUM_GetAiDeviceList(const char* devType, LUM_DEVICES_INFO_S* devsInfo) try {
     LOCK_CLIENT_API();
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_InitModule first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_InitModule first.\n");
     LUMORA_REQUIRE(devType != nullptr, "devType is null!\n");
     LUMORA_REQUIRE(devsInfo != nullptr, "devsInfo is null!\n");
     const std::size_t length = LengthUpTo(devType, LUM_MAX_DEV_TYPE_LENGTH);
@@ -143,14 +143,14 @@ int LUM_GetAiDeviceList(const char* devType, LUM_DEVICES_INFO_S* devsInfo) try {
                    LUM_MAX_DEV_TYPE_LENGTH);
     LUMORA_REQUIRE(memset_s(devsInfo, sizeof(*devsInfo), 0, sizeof(*devsInfo)) == 0, "memset_s failed\n");
     std::string type = devType;
-    return lumora->GetNetDeviceList(type, devsInfo);
+    return module->GetNetDeviceList(type, devsInfo);
 } catch (...) {
     return FailedByException(__func__, __LINE__);
 }
 
 int LUM_CreateAiDevice(int clientID, const char* devType, unsigned int* handle) try {
     LOCK_CLIENT_API();
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_InitModule first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_InitModule first.\n");
     LUMORA_REQUIRE(devType != nullptr, "devType is null!\n");
     LUMORA_REQUIRE(handle != nullptr, "handle is null!\n");
     const std::size_t length = LengthUpTo(devType, LUM_MAX_DEV_TYPE_LENGTH);
@@ -159,7 +159,7 @@ int LUM_CreateAiDevice(int clientID, const char* devType, unsigned int* handle) 
                    LUM_MAX_DEV_TYPE_LENGTH);
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
     std::string type = devType;
-    LUMORA_REQUIRE(lumora->CreateAiDevice(clientID, type, handle) == 0, "CreateAiDevice failed!\n");
+    LUMORA_REQUIRE(module->CreateAiDevice(clientID, type, handle) == 0, "CreateAiDevice failed!\n");
     LUMORA_STATE("Client[%d] create resouce for remote device[%s] success. \n", clientID, devType);
     return 0;
 } catch (...) {
@@ -168,10 +168,10 @@ int LUM_CreateAiDevice(int clientID, const char* devType, unsigned int* handle) 
 
 int LUM_RegisterAiDeviceEvent(int clientID, unsigned int handle, LUM_DEVICE_EVENT_CALLBACK callback) try {
     LOCK_CLIENT_API();
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_InitModule first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_InitModule first.\n");
     LUMORA_REQUIRE(callback != nullptr, "callback is nullptr.\n");
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
-    LUMORA_REQUIRE(lumora->RegisterAiDeviceEvent(clientID, handle, callback) == 0,
+    LUMORA_REQUIRE(module->RegisterAiDeviceEvent(clientID, handle, callback) == 0,
                    "RegisterAiDeviceEvent failed!\n");
     LUMORA_STATE("Client[%d] regester event callback function success. \n", clientID);
     return 0;
@@ -182,9 +182,9 @@ int LUM_RegisterAiDeviceEvent(int clientID, unsigned int handle, LUM_DEVICE_EVEN
 int LUM_ConnectAiDevice(int clientID, unsigned int handle) try {
     LUMORA_TRACE("Enter\n");
     LOCK_CLIENT_API();
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_InitModule first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_InitModule first.\n");
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
-    LUMORA_REQUIRE(lumora->ConnectAiDevice(clientID, handle) == 0, "ConnectAiDevice failed!\n");
+    LUMORA_REQUIRE(module->ConnectAiDevice(clientID, handle) == 0, "ConnectAiDevice failed!\n");
     LUMORA_STATE("Client[%d] connect to remote device success. \n", clientID);
     LUMORA_TRACE("Out\n");
     return 0;
@@ -194,9 +194,9 @@ int LUM_ConnectAiDevice(int clientID, unsigned int handle) try {
 
 int LUM_DisconnectAiDevice(int clientID, unsigned int handle) try {
     LOCK_CLIENT_API();
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_InitModule first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_InitModule first.\n");
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
-    LUMORA_REQUIRE(lumora->DisconnectAiDevice(clientID, handle) == 0, "LUM_DisconnectAiDevice failed!\n");
+    LUMORA_REQUIRE(module->DisconnectAiDevice(clientID, handle) == 0, "LUM_DisconnectAiDevice failed!\n");
     LUMORA_STATE("Client[%d] disconnect from remote device. \n", clientID);
     return 0;
 } catch (...) {
@@ -206,8 +206,8 @@ int LUM_DisconnectAiDevice(int clientID, unsigned int handle) try {
 int LUM_DestoryAiDevice(int clientID, unsigned int handle) try {
     LOCK_CLIENT_API();
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_ConnectAiDevice first.\n");
-    LUMORA_REQUIRE(lumora->DestoryAiDevice(clientID, handle) == 0, "LUM_DestoryAiDevice failed!\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_ConnectAiDevice first.\n");
+    LUMORA_REQUIRE(module->DestoryAiDevice(clientID, handle) == 0, "LUM_DestoryAiDevice failed!\n");
     LUMORA_STATE("Client[%d] destory resouce for remote device success. \n", clientID);
     return 0;
 } catch (...) {
@@ -217,7 +217,7 @@ int LUM_DestoryAiDevice(int clientID, unsigned int handle) try {
 int LUM_SendCmd(int clientID, unsigned int handle, const char* cmd, const char* param) try {
     LOCK_CLIENT_API();
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_ConnectAiDevice first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_ConnectAiDevice first.\n");
     LUMORA_REQUIRE(cmd != nullptr, "cmd can't be nullptr.\n");
     LUMORA_REQUIRE(param != nullptr, "param can't be nullptr.\n");
     const std::size_t cmdLength = LengthUpTo(cmd, LUM_MAX_CMD_LENGTH);
@@ -226,7 +226,7 @@ int LUM_SendCmd(int clientID, unsigned int handle, const char* cmd, const char* 
     LUMORA_REQUIRE(paramLength <= LUM_MAX_CMD_LENGTH, "param is illegal\n");
     LUMORA_REQUIRE(cmdLength + paramLength <= LUM_MAX_CMD_LENGTH,
                    "Total length of param and cmd exceeding the limit length: %d\n", LUM_MAX_CMD_LENGTH);
-    LUMORA_REQUIRE(lumora->SendCmd(clientID, handle, cmd, param) == 0, "LUM_SendCmd failed!\n");
+    LUMORA_REQUIRE(module->SendCmd(clientID, handle, cmd, param) == 0, "LUM_SendCmd failed!\n");
     return 0;
 } catch (...) {
     return FailedByException(__func__, __LINE__);
@@ -236,7 +236,7 @@ int LUM_SendData(int clientID, unsigned int handle, const void* data, unsigned i
                  unsigned int* sendLength, unsigned int timeoutMs) try {
     LOCK_CLIENT_API();
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_ConnectAiDevice first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_ConnectAiDevice first.\n");
     LUMORA_REQUIRE(data != nullptr, "input data buffer is nullptr.\n");
     LUMORA_REQUIRE(sendLength != nullptr, "sendLength is nullptr.\n");
     LUMORA_REQUIRE(length != 0, "payload length is 0.\n");
@@ -244,7 +244,7 @@ int LUM_SendData(int clientID, unsigned int handle, const void* data, unsigned i
                    static_cast<int>(length), LUM_MAX_CLIENT_DATA_LENGTH);
     LUMORA_REQUIRE(timeoutMs <= LUM_MAX_CLIENT_TIMEOUT_MS, "timeoutMs is illegal.\n");
     lumoraAiModule::SendDataInfo info(data, length, timeoutMs);
-    LUMORA_REQUIRE(lumora->SendData(clientID, handle, info, *sendLength) == 0, "LUM_SendData failed!\n");
+    LUMORA_REQUIRE(module->SendData(clientID, handle, info, *sendLength) == 0, "LUM_SendData failed!\n");
     return 0;
 } catch (...) {
     return FailedByException(__func__, __LINE__);
@@ -255,13 +255,13 @@ int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen) try {
         lumora::RejectReentrantCall(Side::CLIENT, __func__, __LINE__)) {
         return -1;
     }
-    const std::shared_ptr<LumoraClientModule> lumora = HoldClient();
+    const std::shared_ptr<LumoraClientModule> module = HoldClient();
     LUMORA_REQUIRE(clientID >= 0, "clientID is illegal.\n");
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_ConnectAiDevice first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_ConnectAiDevice first.\n");
     LUMORA_REQUIRE(buff != nullptr, "input data buffer is nullptr.\n");
     LUMORA_REQUIRE(buffLen >= LUM_MIN_VERSION_BUFFER_LENGTH, "buffLen is too short.\n");
     std::string version;
-    LUMORA_REQUIRE(lumora->GetClientVersion(clientID, version) == 0, "LUM_SendData failed!\n");
+    LUMORA_REQUIRE(module->GetClientVersion(clientID, version) == 0, "LUM_SendData failed!\n");
     return CopyVersion(__func__, version, buff, buffLen);
 } catch (...) {
     return FailedByException(__func__, __LINE__);
@@ -272,13 +272,13 @@ int LUM_GetServerVersion(int clientID, unsigned int handle, char* buff, unsigned
         lumora::RejectReentrantCall(Side::CLIENT, __func__, __LINE__)) {
         return -1;
     }
-    const std::shared_ptr<LumoraClientModule> lumora = HoldClient();
+    const std::shared_ptr<LumoraClientModule> module = HoldClient();
     LUMORA_REQUIRE(clientID >= 0, "clientID is illegal.\n");
-    LUMORA_REQUIRE(lumora != nullptr, "please call LUM_ConnectAiDevice first.\n");
+    LUMORA_REQUIRE(module != nullptr, "please call LUM_ConnectAiDevice first.\n");
     LUMORA_REQUIRE(buff != nullptr, "input data buffer is nullptr.\n");
     LUMORA_REQUIRE(buffLen >= LUM_MIN_VERSION_BUFFER_LENGTH, "buffLen is too short.\n");
     std::string version;
-    LUMORA_REQUIRE(lumora->GetServerVersion(clientID, handle, version) == 0, "LUM_SendData failed!\n");
+    LUMORA_REQUIRE(module->GetServerVersion(clientID, handle, version) == 0, "LUM_SendData failed!\n");
     return CopyVersion(__func__, version, buff, buffLen);
 } catch (...) {
     return FailedByException(__func__, __LINE__);
