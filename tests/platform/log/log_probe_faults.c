@@ -111,11 +111,11 @@ int RunVanishingFolder(const char* folder) {
     return Exists(file) ? 0 : 2;
 }
 
-static volatile sig_atomic_t logging = 1;
+static int logging = 1; /* read and written by atomic operations */
 
 static void* LogUntilToldToStop(void* unused) {
     (void)unused;
-    while (logging) {
+    while (__atomic_load_n(&logging, __ATOMIC_RELAXED)) {
         LOG(4, "from another thread");
     }
     return NULL;
@@ -143,7 +143,7 @@ int RunForkWhileLogging(const char* argument) {
     for (int i = 0; i < 300 && failed == 0; ++i) {
         failed = !ForkedChildCanLog();
     }
-    logging = 0;
+    __atomic_store_n(&logging, 0, __ATOMIC_RELAXED);
     for (int i = 0; i < 2; ++i) {
         pthread_join(threads[i], NULL);
     }
