@@ -227,7 +227,7 @@ LUM_EXPORT int LUM_DeInitClient(int clientID);
 /*
  * Sets the callback that is called when the connected device leaves the network. It replaces an earlier one.
  * Only the device of the process's last connection is watched. The callback is not called if the data channel
- * breaks first, as when the device's process is killed.
+ * breaks first, as it does when the device's process ends.
  * Fails if there is no such client.
  */
 LUM_EXPORT int LUM_RegisterEvent(int clientID, LUM_EVENT_CALLBACK callback);
