@@ -71,7 +71,7 @@
  *   The clientID in OnData and OnEventNotify is what the peer wrote. It is not limited to 1 to 20, clients of
  *   different processes use the same numbers, and nothing authenticates it.
  *
- * fork, dlclose
+ * Fork and dlclose
  *   A process that becomes a daemon calls fork before its first LUM_InitClient or LUM_InitServer. If a client
  *   or a device is running at the time of a fork, every function fails in the child with -1 and one log line
  *   of level 4, LUM_DeInitClient and LUM_DeInitServer too. Only exec may follow. The parent goes on as
