@@ -271,7 +271,7 @@ LUM_EXPORT int LUM_RegisterAiDeviceEvent(int clientID, unsigned int handle,
  * Fails if there is no such client, handle or device, if port 6667 is taken, if the device refuses or does
  * not answer, or if its port cannot be reached. The channel to another device is closed by then. If a channel
  * to this device was open for other clients, it may be closed too. Waits for a callback in progress on the
- * former channel, and for the device: 8 s at most to set up, 8 s to connect, 60 s to announce the client.
+ * former channel, and for the device: 8 s at most to set up, 8 s to connect, 60 s for the request after that.
  */
 LUM_EXPORT int LUM_ConnectAiDevice(int clientID, unsigned int handle);
 
@@ -384,13 +384,14 @@ LUM_EXPORT int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S* devInfo);
  * characters); data need stay valid only during the call. A service without subscribers is no failure.
  * timeoutMs above 3000 means 3000 and does not shorten the limit, which is half a second without any
  * progress. May be called from OnData.
- * Success means that *sendLength bytes were handed to the network, not that a client has them. *sendLength 0
- * means that the client has closed its connection. A short count, 0 included, means that the block is lost
- * and that the channel is closed.
+ * Success means that *sendLength bytes were handed to the network, not that a client has them. A short
+ * *sendLength means that the channel is closed and the block is lost. It is 0 once the client has closed its
+ * connection.
  * Fails if no client has opened a data channel, if it broke, if there is no such service, or if too many
- * clients subscribed: 93 less the length of the name fit. In OnData it also fails while another thread ends
- * the channel. Read *sendLength only after a success: a failure writes 0 or leaves it alone. Waits while the
- * client reads, however slowly; requests go on meanwhile.
+ * clients subscribed: 93 less the length of the name fit, and a client process reads no block for more than
+ * 20. In OnData it also fails while another thread ends the channel. Read *sendLength only after a success: a
+ * failure writes 0 or leaves it alone. Waits while the client reads, however slowly; requests go on
+ * meanwhile.
  */
 LUM_EXPORT int LUM_SendDataToClient(const char* serviceName, const void* data, unsigned int dataLen,
                                     unsigned int* sendLength, unsigned int timeoutMs);
