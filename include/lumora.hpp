@@ -23,9 +23,10 @@
 ///
 /// Threads and callbacks
 ///   Any thread may call any function, but for moving and destroying an object that another thread uses.
-///   Calls of one side (clients or device) run one after the other, and may take seconds while a device does
-///   not answer. Handlers run on threads of the library, one at a time for each side but for Device::OnData,
-///   and hold up what they run on; long work belongs on a thread of the application:
+///   Calls of one side (clients or device) run one after the other. A call to a device that does not answer
+///   takes seconds, or up to a minute if its handler does not return; docs/guide.md has the table. Handlers
+///   run on threads of the library, one at a time for each side but for Device::OnData, and delay everything
+///   else that their thread does; long work belongs on a thread of the application:
 ///
 ///   | handler                        | runs on                         | may call of its own side |
 ///   |--------------------------------|---------------------------------|--------------------------|

@@ -74,6 +74,7 @@ def document(path):
             first = False
         elif not inside and not line.startswith("    "):
             line = re.sub(r"`([^`]+)`", quoted_code, line)
+            line = re.sub(r"`[^`]*`|<code>.*?</code>|(?<=[A-Z])@(?=[A-Z])", escaped_at, line)
             line = re.sub(r"(!?)\[((?:[^][]|\[[^]]*\])*)\]\(([^()\s]+)\)",
                           lambda link: moved_link(path, *link.groups()), line)
         lines.append(line)
@@ -86,6 +87,11 @@ def quoted_code(code):
         return code.group()
     escaped = html.escape(code.group(1)).replace("&#x27;", "'")
     return "<code>" + re.sub(r"([%\\])", r"\\\1", escaped) + "</code>"
+
+
+def escaped_at(found):
+    """TYPE@ADDRESS is a text and no command. In code Doxygen reads none."""
+    return "\\@" if found.group() == "@" else found.group()
 
 
 def moved_link(path, image, text, target):
