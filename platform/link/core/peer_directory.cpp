@@ -20,7 +20,7 @@ bool WasHeardFrom(const Peer& peer, in_addr_t host) { return peer.hosts.count(ho
 }  // namespace
 
 bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
-    if (node.identity.id == mOwnId || IsBuried(node.identity, now)) {
+    if (node.identity.id == mOwnId || IsBuried(node, now)) {
         return false;
     }
     const auto known = mPeers.find(node.identity.id);
@@ -66,6 +66,9 @@ void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast
         ++peer.words;
         Clear(peer, now);
         AskIfUnicast(peer, now);
+    } else if (!peer.confirmed) {
+        // One of the two endpoints may be a stranger's. The ping's answer decides for the known one.
+        Challenge(peer, now);
     }
 }
 
@@ -80,6 +83,7 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
     if (node.identity == peer.node.identity && node.deviceType == peer.node.deviceType) {
         peer.goodbyeDisproved = peer.goodbyeDisproved || peer.saidGoodbye;
         peer.saidGoodbye.reset();
+        peer.goodbyeHosts.clear();
         Clear(peer, now);
         Confirm(peer);
         return false;
@@ -87,7 +91,7 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
     // The node was started again, offers something else or has gone: for others, a new device.
     const bool unicast = peer.unicast;
     if (node.identity.id == pinged && node.identity != peer.node.identity) {
-        Bury(peer.node.identity, now);
+        Bury(peer.node.identity, peer.node.endpoint, now);
     }
     Remove(known);
     const auto elsewhere = mPeers.find(node.identity.id);
@@ -95,7 +99,7 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
         Challenge(elsewhere->second, now);
         return false;
     }
-    if (node.identity.id == mOwnId || IsBuried(node.identity, now)) {
+    if (node.identity.id == mOwnId || IsBuried(node, now)) {
         return false;
     }
     Confirm(Add(node, unicast, now));
@@ -104,11 +108,13 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
 
 void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now) {
     const auto known = mPeers.find(identity.id);
-    if (known == mPeers.end() || known->second.node.identity != identity) {
+    if (known == mPeers.end() || known->second.node.identity != identity ||
+        !WasHeardFrom(known->second, source)) {
         return;
     }
     Peer& peer = known->second;
-    if (!WasHeardFrom(peer, source) || peer.saidGoodbye) {
+    peer.goodbyeHosts.insert(source);
+    if (peer.saidGoodbye) {
         return;
     }
     if (peer.goodbyeDisproved) {
@@ -125,9 +131,11 @@ void PeerDirectory::Refuse(std::uint64_t nodeId, TimePoint now) {
     if (known == mPeers.end()) {
         return;
     }
-    // Else no grave: the same instance may live on under another address.
-    if (known->second.saidGoodbye) {
-        Bury(known->second.node.identity, now);
+    const Peer& peer = known->second;
+    // A confirmed node that said no goodbye may have lost its port for a moment: no grave, it may come back.
+    // One that never answered is a stranger's invention, and the stranger may repeat it at once.
+    if (peer.saidGoodbye || !peer.confirmed) {
+        Bury(peer, now);
     }
     Remove(known);
 }
@@ -188,7 +196,7 @@ void PeerDirectory::Tick(TimePoint now) {
             peer.doubtedSince ? GivenUpAt(peer, patience) : peer.heard + patience.doubtAfter;
         if (due <= now) {
             if (peer.saidGoodbye) {
-                Bury(peer.node.identity, now);
+                Bury(peer, now);
             }
             // Else the link may only have been cut: no grave, the same instance may come back.
             at = Remove(at);
@@ -317,19 +325,30 @@ std::vector<DeviceEvent> PeerDirectory::TakeEvents() {
     return events;
 }
 
-bool PeerDirectory::IsBuried(const NodeIdentity& identity, TimePoint now) {
+bool PeerDirectory::IsBuried(const NodeDescription& node, TimePoint now) {
     while (!mGraves.empty() && mGraves.front().until <= now) {
         mGraves.pop_front();
     }
-    return std::any_of(mGraves.begin(), mGraves.end(),
-                       [&](const Grave& grave) { return grave.identity == identity; });
+    return std::any_of(mGraves.begin(), mGraves.end(), [&](const Grave& grave) {
+        return grave.identity == node.identity && grave.endpoint == node.endpoint;
+    });
 }
 
-void PeerDirectory::Bury(const NodeIdentity& identity, TimePoint now) {
+// A node on several networks says goodbye on each, under the address that it has there.
+void PeerDirectory::Bury(const Peer& peer, TimePoint now) {
+    Bury(peer.node.identity, peer.node.endpoint, now);
+    for (const in_addr_t host : peer.goodbyeHosts) {
+        if (host != peer.node.endpoint.host) {
+            Bury(peer.node.identity, {host, peer.node.endpoint.port}, now);
+        }
+    }
+}
+
+void PeerDirectory::Bury(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now) {
     if (mGraves.size() >= MAX_GRAVES) {
         mGraves.pop_front();
     }
-    mGraves.push_back({identity, now + GRAVE_TIME});
+    mGraves.push_back({identity, endpoint, now + GRAVE_TIME});
 }
 
 Peer& PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now) {

@@ -33,6 +33,7 @@ struct Peer {
     std::set<in_addr_t> hosts;  // every address under which it was heard
     std::optional<TimePoint> doubtedSince;
     std::optional<TimePoint> saidGoodbye;
+    std::set<in_addr_t> goodbyeHosts;  // the addresses from which the goodbye came
     // It answered after a goodbye, which was forged. The next one gets no shorter patience.
     bool goodbyeDisproved = false;
     bool confirmed = false;
@@ -117,8 +118,18 @@ private:
     };
     using Age = std::pair<unsigned, std::uint64_t>;  // number, id: the smaller, the longer known
 
-    bool IsBuried(const NodeIdentity& identity, TimePoint now);
-    void Bury(const NodeIdentity& identity, TimePoint now);
+    // An instance that ended at an endpoint. A hello that was delayed on its way must not revive it. The same
+    // instance at another endpoint is not affected: a stranger that says hello and goodbye under its own
+    // address with the identity of a device must not hide that device.
+    struct Grave {
+        NodeIdentity identity;
+        Endpoint endpoint;
+        TimePoint until;
+    };
+
+    bool IsBuried(const NodeDescription& node, TimePoint now);
+    void Bury(const Peer& peer, TimePoint now);
+    void Bury(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now);
     Peer& Add(const NodeDescription& node, bool unicast, TimePoint now);
     Peers_t::iterator Remove(Peers_t::iterator peer);
     bool MakeRoom();
@@ -153,11 +164,6 @@ private:
     TimePoint mMayCheck{};
     unsigned mLastNumber = 0;
     std::vector<DeviceEvent> mEvents;
-    // Instances that ended for good: a hello that was delayed on its way must not revive them.
-    struct Grave {
-        NodeIdentity identity;
-        TimePoint until;
-    };
     std::deque<Grave> mGraves;
 };
 

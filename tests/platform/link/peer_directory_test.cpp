@@ -136,6 +136,55 @@ TEST_F(PeerDirectoryTest, AGoodbyeIsBelievedSoonWhenThePingIsNotAnswered) {
     EXPECT_LE(PeerDirectory::GIVE_UP_AFTER_GOODBYE, Milliseconds(700));
 }
 
+TEST_F(PeerDirectoryTest, AGoodbyeOfAStrangersNodeDoesNotHideTheDeviceWithTheSameIdentity) {
+    Hear(Node(1, 1, "10.0.0.9:1"));
+    Leave({1, 1}, "10.0.0.9");
+    directory.Refuse(1, now);
+    EXPECT_TRUE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.9:1")));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.9:1", "-1 10.0.0.9:1", "+2 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, AStrangersNodeThatAnsweredPingsDoesNotHideTheDeviceWhenItGoes) {
+    Hear(Node(1, 1, "10.0.0.9:1"));
+    Pong(1, Node(1, 1, "10.0.0.9:1"));
+    Leave({1, 1}, "10.0.0.9");
+    directory.Refuse(1, now);
+    EXPECT_TRUE(Hear(Node(1, 1, "10.0.0.1:1")));
+}
+
+TEST_F(PeerDirectoryTest, AnEndpointThatRefusedItsFirstPingIsIgnoredForAWhile) {
+    Hear(Node(1, 1, "10.0.0.9:1"));
+    directory.Refuse(1, now);
+    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.9:1")));
+    Wait(Milliseconds(10000));
+    EXPECT_TRUE(Hear(Node(1, 1, "10.0.0.9:1")));
+}
+
+TEST_F(PeerDirectoryTest, AnUnconfirmedNodeThatIsHeardFromAnotherEndpointIsPingedAtOnce) {
+    Hear(Node(1, 1, "10.0.0.9:1"));
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Wait(Milliseconds(0));
+    EXPECT_THAT(Doubted(), ElementsAre(1));
+    Pong(1, Node(1, 1, "10.0.0.9:1"));
+    Wait(PeerDirectory::ASK_AGAIN_AFTER);
+    Hear(Node(1, 1, "10.0.0.1:1"));
+    Wait(Milliseconds(0));
+    EXPECT_THAT(Doubted(), IsEmpty()) << "a confirmed node is not";
+}
+
+TEST_F(PeerDirectoryTest, AGoodbyeOnEveryNetworkKeepsTheNodeAwayOnEach) {
+    for (const char* endpoint : {"10.0.0.1:1", "11.0.0.1:1"}) {
+        Hear(Node(1, 1, endpoint));
+    }
+    Leave({1, 1}, "10.0.0.1");
+    Leave({1, 1}, "11.0.0.1");
+    directory.Refuse(1, now);
+    for (const char* endpoint : {"10.0.0.1:1", "11.0.0.1:1"}) {
+        EXPECT_FALSE(Hear(Node(1, 1, endpoint)));
+    }
+}
+
 TEST_F(PeerDirectoryTest, ANodeThatAnswersAfterItsGoodbyeStaysAndIsNotGivenUpSoonAfterAnother) {
     Hear(Node(1, 1, "10.0.0.1:1"));
     Leave({1, 1}, "10.0.0.1");
