@@ -12,8 +12,8 @@ namespace {
 // When the copies of one message leave. The last pause repeats while the peer is alive.
 // Nine copies leave before an unacknowledged request ends.
 constexpr std::array<Milliseconds, 10> PAUSES = {
-    Milliseconds(300), Milliseconds(500), Milliseconds(500), Milliseconds(500),  Milliseconds(500),
-    Milliseconds(500), Milliseconds(500), Milliseconds(500), Milliseconds(1000), Milliseconds(2000)};
+    Milliseconds(300), Milliseconds(450), Milliseconds(450), Milliseconds(450),  Milliseconds(450),
+    Milliseconds(450), Milliseconds(450), Milliseconds(450), Milliseconds(1000), Milliseconds(2000)};
 constexpr Milliseconds HASTY_PAUSE{100};
 constexpr Milliseconds FIRST_PING{2000};
 constexpr Milliseconds PING_INTERVAL{500};

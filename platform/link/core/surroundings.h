@@ -25,7 +25,7 @@ public:
 
     // How long no copy of a request may go without an acknowledgement before NodeCore::OnUnacknowledged is
     // told. Without a key only; nothing is told of pings.
-    static constexpr Milliseconds UNACKNOWLEDGED{4000};
+    static constexpr Milliseconds UNACKNOWLEDGED{3700};
 
     // Opens the conversation when it is new. A request may leave once more than it was given, with the same
     // id.
