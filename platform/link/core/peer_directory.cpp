@@ -6,8 +6,6 @@ namespace lumora_link {
 
 namespace {
 
-// Bounds what a flood of invented nodes can cost.
-constexpr std::size_t MAX_PEERS = 4096;
 constexpr std::size_t MAX_HOSTS = 16;
 constexpr std::size_t MAX_SUSPECTS = 512;
 // Among more nodes the work of asking would cost more answers than it saves time.
@@ -34,7 +32,7 @@ bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint no
         Challenge(mPeers.at(owner->second), now);
         return false;
     }
-    if (!MakeRoom()) {
+    if (!MakeRoom(node.endpoint.host)) {
         return false;
     }
     AskIfUnicast(Add(node, unicast, now), now);
@@ -163,11 +161,11 @@ void PeerDirectory::SuspectAt(const Endpoint& endpoint, TimePoint now) {
 }
 
 void PeerDirectory::AskAt(in_addr_t host, TimePoint now) {
-    const auto oldest = mUnconfirmed.OldestOf(host);
-    if (!oldest) {
+    const std::uint64_t* oldest = mUnconfirmed.Oldest(host);
+    if (oldest == nullptr) {
         return;
     }
-    Peer& peer = mPeers.at(oldest->second);
+    Peer& peer = mPeers.at(*oldest);
     if (now - peer.challenged >= ASK_AGAIN_AFTER) {
         peer.challenged = now;
         Doubt(peer, now);
@@ -238,7 +236,7 @@ void PeerDirectory::Clear(Peer& peer, TimePoint now) {
 void PeerDirectory::Confirm(Peer& peer) {
     if (!peer.confirmed) {
         peer.confirmed = true;
-        mUnconfirmed.Remove(peer.node.endpoint.host, {peer.number, peer.node.identity.id});
+        LeaveUnconfirmed(peer);
         ++mConfirmedAt[peer.node.endpoint.host];
     }
 }
@@ -366,20 +364,29 @@ Peer& PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint no
         mEvents.push_back({true, peer.number, node});
     }
     mIds[node.endpoint] = node.identity.id;
-    mUnconfirmed.Add(node.endpoint.host, {peer.number, node.identity.id});
+    peer.place = mUnconfirmed.Add(node.endpoint.host, node.identity.id);
+    mUnconfirmedQuota.Enter(node.endpoint.host);
     return mPeers.emplace(node.identity.id, std::move(peer)).first->second;
 }
 
 // Confirmed nodes stay. Of the others, the address with the most nodes pays.
-bool PeerDirectory::MakeRoom() {
+bool PeerDirectory::MakeRoom(in_addr_t newcomer) {
     if (mPeers.size() < MAX_PEERS) {
         return true;
     }
-    const auto oldest = mUnconfirmed.OldestOfMostCrowded();
-    if (oldest) {
-        Remove(mPeers.find(oldest->second));
+    const in_addr_t yields = mUnconfirmedQuota.Largest(newcomer);
+    const std::uint64_t* oldest = mUnconfirmed.Oldest(yields);
+    if (oldest == nullptr) {
+        return false;
     }
-    return oldest.has_value();
+    mUnconfirmedQuota.OnBite(yields);
+    Remove(mPeers.find(*oldest));
+    return true;
+}
+
+void PeerDirectory::LeaveUnconfirmed(const Peer& peer) {
+    mUnconfirmed.Remove(peer.node.endpoint.host, peer.place);
+    mUnconfirmedQuota.Leave(peer.node.endpoint.host);
 }
 
 bool PeerDirectory::SuspectNeighbours(const NodeDescription& newcomer, TimePoint now) {
@@ -406,7 +413,7 @@ PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator at) {
     mIds.erase(peer.node.endpoint);
     const in_addr_t host = peer.node.endpoint.host;
     if (!peer.confirmed) {
-        mUnconfirmed.Remove(host, {peer.number, at->first});
+        LeaveUnconfirmed(peer);
     } else if (--mConfirmedAt[host] == 0) {
         mConfirmedAt.erase(host);
     }

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/link/core/sources.h"
+#include "platform/link/core/source_quota.h"
 #include "platform/link/core/surroundings.h"
 #include "platform/link/wire/types.h"
 
@@ -39,6 +39,7 @@ struct Peer {
     bool confirmed = false;
     unsigned words = 1;  // how often it was heard at its endpoint
     TimePoint challenged{};
+    std::uint64_t place = 0;  // among the unconfirmed nodes of its address
 
     // Inventing a node takes one datagram. This one did more than that.
     bool IsEstablished() const { return confirmed || words > 1; }
@@ -46,6 +47,8 @@ struct Peer {
 
 class PeerDirectory {
 public:
+    // Bounds what a flood of invented nodes can cost.
+    static constexpr std::size_t MAX_PEERS = 4096;
     // One hello may be lost and the next be late before anybody asks.
     static constexpr Milliseconds DOUBT_AFTER{1200};
     // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
@@ -94,10 +97,12 @@ public:
     // Whether a search may count on it: its address is not flooding the table, or it was heard more than
     // once.
     bool IsCredible(const Peer& peer) const {
-        return peer.IsEstablished() || mUnconfirmed.CountOf(peer.node.endpoint.host) <= MANY;
+        return peer.IsEstablished() || mUnconfirmedQuota.CountOf(peer.node.endpoint.host) <= MANY;
     }
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
+    // How many nodes were dropped to make room for others.
+    std::size_t QuotaBites() const { return mUnconfirmedQuota.Bites(); }
     // What all of them need where each has so long to itself.
     Milliseconds ForAll(Milliseconds each) const {
         return each * static_cast<Milliseconds::rep>(mPeers.size());
@@ -132,7 +137,8 @@ private:
     void Bury(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now);
     Peer& Add(const NodeDescription& node, bool unicast, TimePoint now);
     Peers_t::iterator Remove(Peers_t::iterator peer);
-    bool MakeRoom();
+    bool MakeRoom(in_addr_t newcomer);
+    void LeaveUnconfirmed(const Peer& peer);
     void OnWord(Peer& peer, const NodeDescription& node, bool unicast, TimePoint now);
     void AskIfUnicast(Peer& peer, TimePoint now);
     void Clear(Peer& peer, TimePoint now);
@@ -152,7 +158,8 @@ private:
     const std::uint64_t mOwnId;
     Peers_t mPeers;
     std::map<Endpoint, std::uint64_t> mIds;
-    Sources<Age> mUnconfirmed;
+    SourceQuota mUnconfirmedQuota{"nodes", MAX_PEERS, MAX_PEERS};
+    OldestFirst<std::uint64_t> mUnconfirmed;        // ids
     std::map<in_addr_t, std::size_t> mConfirmedAt;  // how many confirmed nodes have that address
     std::set<Age> mDoubtedConfirmed;
     std::set<Age> mDoubtedOthers;

@@ -20,7 +20,8 @@ Presence::Presence(const Self& self, Labels& labels, Network& network, std::vect
       mLabels(labels),
       mNetwork(network),
       mConfigured(std::move(peers)),
-      mDirectory(self.identity.id) {}
+      mDirectory(self.identity.id),
+      mTextQuota("hellos", MAX_TEXTS, MAX_TEXTS) {}
 
 // All who heard the newcomer do this at the same moment, and keep the distance that they get here: the more
 // they are, the longer the time that they share.
@@ -72,13 +73,21 @@ Presence::Text& Presence::TextFrom(const Endpoint& source) {
     if (known != mTexts.end()) {
         return known->second;
     }
-    if (mTexts.size() >= MAX_TEXTS) {
-        const TextAge oldest = *mTextSources.OldestOfMostCrowded();
-        mTextSources.Remove(oldest.second.host, oldest);
-        mTexts.erase(oldest.second);
+    if (const auto yields = mTextQuota.WhoYields(source.host)) {
+        mTextQuota.OnBite(*yields);
+        ForgetOldestText(*yields);
     }
-    mTextSources.Add(source.host, {++mLastText, source});
-    return mTexts[source];
+    Text& text = mTexts[source];
+    text.place = mOldestTexts.Add(source.host, source);
+    mTextQuota.Enter(source.host);
+    return text;
+}
+
+void Presence::ForgetOldestText(in_addr_t host) {
+    const auto text = mTexts.find(*mOldestTexts.Oldest(host));
+    mOldestTexts.Remove(host, text->second.place);
+    mTextQuota.Leave(host);
+    mTexts.erase(text);
 }
 
 void Presence::Hear(const NodeDescription& node, bool unicast, TimePoint now) {

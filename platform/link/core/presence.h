@@ -63,14 +63,14 @@ private:
     struct Text {
         std::string link;
         std::optional<NodeDescription> node;
-        std::uint64_t number = 0;
+        std::uint64_t place = 0;  // among those of its address
     };
-    using TextAge = std::pair<std::uint64_t, Endpoint>;
 
     const NodeDescription* Read(const std::string& link, const Endpoint& source);
     void Tell(const char* path);
     void Greet(TimePoint now);
     Text& TextFrom(const Endpoint& source);
+    void ForgetOldestText(in_addr_t host);
     void PingDoubted(TimePoint now);
     void EndOtherPings(const std::vector<std::uint64_t>& doubted);
     bool IsTrusted(in_addr_t host) const;
@@ -85,8 +85,8 @@ private:
     Pings mPings;
     std::map<ConversationId, std::uint64_t> mPinged;  // the ids of the nodes
     std::map<Endpoint, Text> mTexts;                  // the latest from each socket
-    Sources<TextAge> mTextSources;
-    std::uint64_t mLastText = 0;
+    SourceQuota mTextQuota;
+    OldestFirst<Endpoint> mOldestTexts;
     TimePoint mLastHello{};
     TimePoint mNextHello{};
     bool mHurried = false;

@@ -414,7 +414,8 @@ TEST_F(PeerDirectoryTest, AFullTableMakesRoomAtTheExpenseOfTheAddressWithTheMost
     EXPECT_NE(directory.Find(2), nullptr);
     EXPECT_EQ(directory.Find(100), nullptr) << "the oldest of the flood";
     EXPECT_TRUE(Hear(Node(3, 1, "10.0.0.3:1"))) << "a newcomer of another address";
-    EXPECT_THAT(directory.Peers(), SizeIs(4096));
+    EXPECT_THAT(directory.Peers(), SizeIs(PeerDirectory::MAX_PEERS));
+    EXPECT_EQ(directory.QuotaBites(), 2 + 5900 + 1 - PeerDirectory::MAX_PEERS);
 }
 
 TEST_F(PeerDirectoryTest, ConfirmedNodesAreNotPushedOut) {
