@@ -143,7 +143,7 @@ void Presence::Tick(TimePoint now) {
 }
 
 TimePoint Presence::NextDeadline() const {
-    TimePoint next = std::min(mNextHello, mDirectory.NextDeadline());
+    TimePoint next = std::min({mNextHello, mDirectory.NextDeadline(), mMorePings});
     for (const auto& [nodeId, ping] : mPings) {
         next = std::min(next, ping.next);
     }
@@ -191,8 +191,14 @@ void Presence::Tell(const char* path) {
 
 void Presence::PingDoubted(TimePoint now) {
     const std::vector<std::uint64_t> doubted = mDirectory.Doubted(MAX_PINGS);
-    EndOtherPings(doubted);
+    // The network closes the sockets of the ended pings only after this turn, so they count until then.
+    const std::size_t closing = EndOtherPings(doubted);
+    mMorePings = TimePoint::max();
     for (const std::uint64_t nodeId : doubted) {
+        if (mPings.count(nodeId) == 0 && mPings.size() + closing >= MAX_PINGS) {
+            mMorePings = now;
+            continue;
+        }
         const auto [at, isNew] = mPings.try_emplace(nodeId);
         Ping& ping = at->second;
         if (isNew) {
@@ -206,7 +212,9 @@ void Presence::PingDoubted(TimePoint now) {
     }
 }
 
-void Presence::EndOtherPings(const std::vector<std::uint64_t>& doubted) {
+// How many have ended.
+std::size_t Presence::EndOtherPings(const std::vector<std::uint64_t>& doubted) {
+    const std::size_t before = mPings.size();
     for (auto at = mPings.begin(); at != mPings.end();) {
         const bool goesOn = std::find(doubted.begin(), doubted.end(), at->first) != doubted.end() &&
                             PingedBy(at->second.conversation) != nullptr;
@@ -216,6 +224,7 @@ void Presence::EndOtherPings(const std::vector<std::uint64_t>& doubted) {
         }
         at = goesOn ? std::next(at) : mPings.erase(at);
     }
+    return before - mPings.size();
 }
 
 bool Presence::IsTrusted(in_addr_t host) const { return mSelf.IsOwn(host) || mDirectory.IsConfirmed(host); }

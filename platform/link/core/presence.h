@@ -72,7 +72,7 @@ private:
     Text& TextFrom(const Endpoint& source);
     void ForgetOldestText(in_addr_t host);
     void PingDoubted(TimePoint now);
-    void EndOtherPings(const std::vector<std::uint64_t>& doubted);
+    std::size_t EndOtherPings(const std::vector<std::uint64_t>& doubted);
     bool IsTrusted(in_addr_t host) const;
     const Peer* PingedBy(ConversationId conversation) const;
     void Send(Ping& ping, const Peer& peer, TimePoint now);
@@ -83,6 +83,7 @@ private:
     const std::vector<Endpoint> mConfigured;
     PeerDirectory mDirectory;
     Pings mPings;
+    TimePoint mMorePings = TimePoint::max();          // when those begin for which there was no socket
     std::map<ConversationId, std::uint64_t> mPinged;  // the ids of the nodes
     std::map<Endpoint, Text> mTexts;                  // the latest from each socket
     SourceQuota mTextQuota;

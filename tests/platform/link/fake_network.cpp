@@ -96,6 +96,7 @@ void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMes
 void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
     Watch(conversation, message);
     mOpen.insert(conversation);
+    mMostOpen = std::max(mMostOpen, mOpen.size());
     FakeNode* listener = mNetwork.ListenerAt(to);
     const Endpoint source{mInterfaces.front().host,
                           static_cast<std::uint16_t>(CONVERSATION_PORT + conversation % 10000)};
@@ -148,7 +149,8 @@ void FakeNode::Watch(ConversationId conversation, const CoapMessage& message) {
 
 void FakeNode::Hang(ConversationId conversation) {
     mHung.insert(conversation);
-    mOpen.erase(conversation);
+    // A real socket is closed when the node has done what is due now.
+    mNetwork.At(mNetwork.Now(), [this, conversation] { mOpen.erase(conversation); });
 }
 
 void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {

@@ -56,6 +56,7 @@ public:
     unsigned Datagrams() const { return mDatagrams; }
     // Each takes a socket on a real host.
     std::size_t OpenConversations() const { return mOpen.size(); }
+    std::size_t MostOpenConversations() const { return mMostOpen; }
 
 private:
     friend class FakeNetwork;
@@ -99,6 +100,7 @@ private:
     // Of each conversation: its latest request, and whether anything came back for it.
     std::map<ConversationId, std::pair<std::uint16_t, bool>> mWatched;
     std::set<ConversationId> mOpen;
+    std::size_t mMostOpen = 0;
     std::uint64_t mLastTicket = 0;
     unsigned mDatagrams = 0;
     std::size_t mBytesToStrangers = 0;

@@ -369,6 +369,7 @@ TEST_F(NodeCoreTest, InventedNodesTakeFewPingsAndHinderNoSearch) {
     network.Run(seconds(5));
     EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
     EXPECT_EQ(asker.OpenConversations(), 0U);
+    EXPECT_LE(asker.MostOpenConversations(), Presence::MAX_PINGS + 1) << "and a request";
 }
 
 TEST_F(NodeCoreTest, ANewcomerAmongManyIsGreetedByAFew) {
