@@ -10,15 +10,15 @@ constexpr std::size_t MAX_HOSTS = 16;
 constexpr std::size_t MAX_SUSPECTS = 512;
 // Among more nodes the work of asking would cost more answers than it saves time.
 constexpr std::size_t MOST_NEIGHBOURS = 64;
-constexpr std::size_t MAX_GRAVES = 1024;
-constexpr Milliseconds GRAVE_TIME{10000};
+constexpr std::size_t MAX_TOMBSTONES = 1024;
+constexpr Milliseconds TOMBSTONE_TIME{10000};
 
 bool WasHeardFrom(const Peer& peer, in_addr_t host) { return peer.hosts.count(host) != 0; }
 
 }  // namespace
 
-bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
-    if (node.identity.id == mOwnId || IsBuried(node, now)) {
+bool PeerDirectory::OnHello(const NodeDescription& node, bool unicast, TimePoint now) {
+    if (node.identity.id == mOwnId || HasTombstone(node, now)) {
         return false;
     }
     const auto known = mPeers.find(node.identity.id);
@@ -89,7 +89,7 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
     // The node was started again, offers something else or has gone: for others, a new device.
     const bool unicast = peer.unicast;
     if (node.identity.id == pinged && node.identity != peer.node.identity) {
-        Bury(peer.node.identity, peer.node.endpoint, now);
+        AddTombstone(peer.node.identity, peer.node.endpoint, now);
     }
     Remove(known);
     const auto elsewhere = mPeers.find(node.identity.id);
@@ -97,14 +97,14 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
         Challenge(elsewhere->second, now);
         return false;
     }
-    if (node.identity.id == mOwnId || IsBuried(node, now)) {
+    if (node.identity.id == mOwnId || HasTombstone(node, now)) {
         return false;
     }
     Confirm(Add(node, unicast, now));
     return true;
 }
 
-void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now) {
+void PeerDirectory::OnGoodbye(const NodeIdentity& identity, in_addr_t source, TimePoint now) {
     const auto known = mPeers.find(identity.id);
     if (known == mPeers.end() || known->second.node.identity != identity ||
         !WasHeardFrom(known->second, source)) {
@@ -120,25 +120,26 @@ void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePo
         return;
     }
     peer.saidGoodbye = now;
-    Doubt(peer, now);
+    Probe(peer, now);
     CheckAt(now);
 }
 
-void PeerDirectory::Refuse(std::uint64_t nodeId, TimePoint now) {
+void PeerDirectory::OnPortUnreachable(std::uint64_t nodeId, TimePoint now) {
     const auto known = mPeers.find(nodeId);
     if (known == mPeers.end()) {
         return;
     }
     const Peer& peer = known->second;
-    // A confirmed node that said no goodbye may have lost its port for a moment: no grave, it may come back.
-    // One that never answered is a stranger's invention, and the stranger may repeat it at once.
+    // A confirmed node that said no goodbye may have lost its port for a moment: no tombstone, it may come
+    // back. One that never answered is a stranger's invention, and the stranger may repeat it at once.
     if (peer.saidGoodbye || !peer.confirmed) {
-        Bury(peer, now);
+        AddTombstone(peer, now);
     }
     Remove(known);
 }
 
-// Anybody can claim something of a node, and everybody hears it and asks the node: not too often.
+// Any host can claim something of a node. All nodes hear the claim and ping the node, so each limits its
+// pings.
 void PeerDirectory::Challenge(Peer& peer, TimePoint now) {
     if (now - peer.challenged >= ASK_AGAIN_AFTER) {
         peer.challenged = now;
@@ -168,7 +169,7 @@ void PeerDirectory::AskAt(in_addr_t host, TimePoint now) {
     Peer& peer = mPeers.at(*oldest);
     if (now - peer.challenged >= ASK_AGAIN_AFTER) {
         peer.challenged = now;
-        Doubt(peer, now);
+        Probe(peer, now);
         CheckAt(now);
     }
 }
@@ -181,22 +182,22 @@ void PeerDirectory::Tick(TimePoint now) {
     }
     mNextCheck = TimePoint::max();
     mMayCheck = now + CHECK_MANY_EVERY;
-    DoubtSuspects(now);
+    ProbeSuspects(now);
     Announce(now);
     const Patience patience = IsCrowd() ? Patience{DOUBT_IN_CROWD_AFTER, GIVE_UP_IN_CROWD_AFTER}
                                         : Patience{DOUBT_AFTER, GIVE_UP_AFTER};
     for (auto at = mPeers.begin(); at != mPeers.end();) {
         Peer& peer = at->second;
         if (!peer.doubtedSince && now - peer.heard >= patience.doubtAfter) {
-            Doubt(peer, now);
+            Probe(peer, now);
         }
         const TimePoint due =
             peer.doubtedSince ? GivenUpAt(peer, patience) : peer.heard + patience.doubtAfter;
         if (due <= now) {
             if (peer.saidGoodbye) {
-                Bury(peer, now);
+                AddTombstone(peer, now);
             }
-            // Else the link may only have been cut: no grave, the same instance may come back.
+            // Else the link may only have been cut: no tombstone, the same instance may come back.
             at = Remove(at);
             continue;
         }
@@ -206,20 +207,20 @@ void PeerDirectory::Tick(TimePoint now) {
 }
 
 TimePoint PeerDirectory::GivenUpAt(const Peer& peer, const Patience& patience) {
-    // A suspect that merely does not answer gets as long as anybody.
+    // A suspect that only fails to answer gets as long as any silent node.
     const TimePoint silent =
         std::max(*peer.doubtedSince, peer.heard + patience.doubtAfter) + patience.giveUpAfter;
     return peer.saidGoodbye ? std::min(silent, *peer.saidGoodbye + GIVE_UP_AFTER_GOODBYE) : silent;
 }
 
-void PeerDirectory::Doubt(Peer& peer, TimePoint now) {
+void PeerDirectory::Probe(Peer& peer, TimePoint now) {
     if (!peer.doubtedSince) {
         peer.doubtedSince = now;
         (peer.confirmed ? mDoubtedConfirmed : mDoubtedOthers).insert({peer.number, peer.node.identity.id});
     }
 }
 
-void PeerDirectory::EndDoubt(Peer& peer) {
+void PeerDirectory::EndProbe(Peer& peer) {
     const Age age{peer.number, peer.node.identity.id};
     peer.doubtedSince.reset();
     mDoubtedConfirmed.erase(age);
@@ -230,7 +231,7 @@ void PeerDirectory::EndDoubt(Peer& peer) {
 // It has just shown at its endpoint that it is there.
 void PeerDirectory::Clear(Peer& peer, TimePoint now) {
     peer.heard = now;
-    EndDoubt(peer);
+    EndProbe(peer);
 }
 
 void PeerDirectory::Confirm(Peer& peer) {
@@ -251,7 +252,7 @@ std::vector<std::uint64_t> PeerDirectory::Doubted(std::size_t most) const {
     return ids;
 }
 
-void PeerDirectory::DoubtSuspects(TimePoint now) {
+void PeerDirectory::ProbeSuspects(TimePoint now) {
     for (auto at = mSuspects.begin(); at != mSuspects.end();) {
         at = at->second <= now ? mSuspects.erase(at) : std::next(at);
     }
@@ -263,7 +264,7 @@ void PeerDirectory::DoubtSuspects(TimePoint now) {
     const std::size_t most = std::clamp<std::size_t>(share, 1, ASKED_AT_ONCE);
     Peer* suspect = LongestSilentSuspect();
     for (; suspect != nullptr && mAsked < most; suspect = LongestSilentSuspect()) {
-        Doubt(*suspect, now);
+        Probe(*suspect, now);
         ++mAsked;
     }
     if (suspect != nullptr) {
@@ -323,30 +324,30 @@ std::vector<DeviceEvent> PeerDirectory::TakeEvents() {
     return events;
 }
 
-bool PeerDirectory::IsBuried(const NodeDescription& node, TimePoint now) {
-    while (!mGraves.empty() && mGraves.front().until <= now) {
-        mGraves.pop_front();
+bool PeerDirectory::HasTombstone(const NodeDescription& node, TimePoint now) {
+    while (!mTombstones.empty() && mTombstones.front().until <= now) {
+        mTombstones.pop_front();
     }
-    return std::any_of(mGraves.begin(), mGraves.end(), [&](const Grave& grave) {
-        return grave.identity == node.identity && grave.endpoint == node.endpoint;
+    return std::any_of(mTombstones.begin(), mTombstones.end(), [&](const Tombstone& tombstone) {
+        return tombstone.identity == node.identity && tombstone.endpoint == node.endpoint;
     });
 }
 
 // A node on several networks says goodbye on each, under the address that it has there.
-void PeerDirectory::Bury(const Peer& peer, TimePoint now) {
-    Bury(peer.node.identity, peer.node.endpoint, now);
+void PeerDirectory::AddTombstone(const Peer& peer, TimePoint now) {
+    AddTombstone(peer.node.identity, peer.node.endpoint, now);
     for (const in_addr_t host : peer.goodbyeHosts) {
         if (host != peer.node.endpoint.host) {
-            Bury(peer.node.identity, {host, peer.node.endpoint.port}, now);
+            AddTombstone(peer.node.identity, {host, peer.node.endpoint.port}, now);
         }
     }
 }
 
-void PeerDirectory::Bury(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now) {
-    if (mGraves.size() >= MAX_GRAVES) {
-        mGraves.pop_front();
+void PeerDirectory::AddTombstone(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now) {
+    if (mTombstones.size() >= MAX_TOMBSTONES) {
+        mTombstones.pop_front();
     }
-    mGraves.push_back({identity, endpoint, now + GRAVE_TIME});
+    mTombstones.push_back({identity, endpoint, now + TOMBSTONE_TIME});
 }
 
 Peer& PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now) {
@@ -409,7 +410,7 @@ PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator at) {
     if (announced) {
         mEvents.push_back({false, peer.number, peer.node});
     }
-    EndDoubt(peer);
+    EndProbe(peer);
     mIds.erase(peer.node.endpoint);
     const in_addr_t host = peer.node.endpoint.host;
     if (!peer.confirmed) {

@@ -6,7 +6,8 @@
 //
 // A process that is killed and started again leaves a dead node behind, at the address where the new
 // one appears. So whoever appears makes its neighbours suspects, who are pinged at once, and is
-// announced when they have answered or are gone: nobody shall take the old one's end for its own.
+// announced when they have answered or are gone, so that no application mistakes the old node's removal for
+// the new one's.
 #pragma once
 
 #include <algorithm>
@@ -18,8 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/link/core/ports.h"
 #include "platform/link/core/source_quota.h"
-#include "platform/link/core/surroundings.h"
 #include "platform/link/wire/types.h"
 
 namespace lumora_link {
@@ -49,7 +50,7 @@ class PeerDirectory {
 public:
     // Bounds what a flood of invented nodes can cost.
     static constexpr std::size_t MAX_PEERS = 4096;
-    // One hello may be lost and the next be late before anybody asks.
+    // One hello may be lost and the next one late before the node is pinged.
     static constexpr Milliseconds DOUBT_AFTER{1200};
     // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
     static constexpr Milliseconds GIVE_UP_AFTER{1400};
@@ -57,9 +58,9 @@ public:
     static constexpr std::size_t CROWD = 32;
     static constexpr Milliseconds DOUBT_IN_CROWD_AFTER{1650};
     static constexpr Milliseconds GIVE_UP_IN_CROWD_AFTER{1250};
-    // An answer of a neighbour is not waited for any longer.
+    // The longest wait for the answers of a newcomer's neighbours.
     static constexpr Milliseconds HOLD_BACK{100};
-    // By then every suspect that is alive has said hello to the newcomer, though pings were short.
+    // Long enough for every live suspect to have sent a hello even if its ping was not sent (rate limit).
     static constexpr Milliseconds SUSPICION{600};
     // With many nodes on one host those that have been silent longest are asked first.
     static constexpr std::size_t ASKED_AT_ONCE = 16;
@@ -75,20 +76,20 @@ public:
     explicit PeerDirectory(std::uint64_t ownId) : mOwnId(ownId) {}
 
     // What a hello or an answer to a probe says. True if the node was not known before.
-    bool Hear(const NodeDescription& node, bool unicast, TimePoint now);
+    bool OnHello(const NodeDescription& node, bool unicast, TimePoint now);
     // A node at the endpoint of the pinged one has answered the ping and described itself. True if that
     // is a node that was not known before.
     bool OnPong(std::uint64_t pinged, NodeDescription node, TimePoint now);
     // Heeded only if it comes from where the node was heard.
-    void Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now);
-    // Nobody listens any more where the node was.
-    void Refuse(std::uint64_t nodeId, TimePoint now);
+    void OnGoodbye(const NodeIdentity& identity, in_addr_t source, TimePoint now);
+    // The host of the pinged node answers that no socket has the port.
+    void OnPortUnreachable(std::uint64_t nodeId, TimePoint now);
     // Something tells that the node may be gone: to be pinged now, although it has not been silent.
     void Suspect(std::uint64_t nodeId, TimePoint now);
     void SuspectAt(const Endpoint& endpoint, TimePoint now);
     // Pings a node at that address, to learn whether the address receives what is sent there.
     void AskAt(in_addr_t host, TimePoint now);
-    // Doubts silent nodes and suspects, and removes those that stayed silent.
+    // Probes silent nodes and suspects, and removes those that stayed silent.
     void Tick(TimePoint now);
     // At the latest; hearing from nodes only puts off what is due.
     TimePoint NextDeadline() const { return IsMany() ? std::max(mNextCheck, mMayCheck) : mNextCheck; }
@@ -126,15 +127,15 @@ private:
     // An instance that ended at an endpoint. A hello that was delayed on its way must not revive it. The same
     // instance at another endpoint is not affected: a stranger that says hello and goodbye under its own
     // address with the identity of a device must not hide that device.
-    struct Grave {
+    struct Tombstone {
         NodeIdentity identity;
         Endpoint endpoint;
         TimePoint until;
     };
 
-    bool IsBuried(const NodeDescription& node, TimePoint now);
-    void Bury(const Peer& peer, TimePoint now);
-    void Bury(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now);
+    bool HasTombstone(const NodeDescription& node, TimePoint now);
+    void AddTombstone(const Peer& peer, TimePoint now);
+    void AddTombstone(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now);
     Peer& Add(const NodeDescription& node, bool unicast, TimePoint now);
     Peers_t::iterator Remove(Peers_t::iterator peer);
     bool MakeRoom(in_addr_t newcomer);
@@ -148,9 +149,9 @@ private:
     bool IsCrowd() const { return mPeers.size() > CROWD; }
     bool IsMany() const { return mPeers.size() > MANY; }
     static TimePoint GivenUpAt(const Peer& peer, const Patience& patience);
-    void Doubt(Peer& peer, TimePoint now);
-    void EndDoubt(Peer& peer);
-    void DoubtSuspects(TimePoint now);
+    void Probe(Peer& peer, TimePoint now);
+    void EndProbe(Peer& peer);
+    void ProbeSuspects(TimePoint now);
     Peer* LongestSilentSuspect();
     void Announce(TimePoint now);
     void CheckAt(TimePoint time) { mNextCheck = std::min(mNextCheck, time); }
@@ -171,7 +172,7 @@ private:
     TimePoint mMayCheck{};
     unsigned mLastNumber = 0;
     std::vector<DeviceEvent> mEvents;
-    std::deque<Grave> mGraves;
+    std::deque<Tombstone> mTombstones;
 };
 
 }  // namespace lumora_link

@@ -108,7 +108,7 @@ void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const C
     }
     if (!listener->mAlive) {
         mNetwork.At(mNetwork.Now() + USUAL_DELAY, [this, conversation] {
-            if (mAlive && mHung.count(conversation) == 0) {
+            if (mAlive && mClosed.count(conversation) == 0) {
                 mCore.OnRefused(conversation, mNetwork.Now());
             }
         });
@@ -141,14 +141,14 @@ void FakeNode::Watch(ConversationId conversation, const CoapMessage& message) {
     watched->second = {message.messageId, false};
     mNetwork.At(mNetwork.Now() + UNACKNOWLEDGED, [this, conversation, messageId = message.messageId] {
         const auto& [latest, acknowledged] = mWatched.at(conversation);
-        if (mAlive && latest == messageId && !acknowledged && mHung.count(conversation) == 0) {
+        if (mAlive && latest == messageId && !acknowledged && mClosed.count(conversation) == 0) {
             mCore.OnUnacknowledged(conversation, messageId, mNetwork.Now());
         }
     });
 }
 
-void FakeNode::Hang(ConversationId conversation) {
-    mHung.insert(conversation);
+void FakeNode::CloseConversation(ConversationId conversation) {
+    mClosed.insert(conversation);
     // A real socket is closed when the node has done what is due now.
     mNetwork.At(mNetwork.Now(), [this, conversation] { mOpen.erase(conversation); });
 }
@@ -166,7 +166,7 @@ void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {
         if (message.code == code::EMPTY) {
             return;
         }
-        if (way.conversation && way.asker->mHung.count(*way.conversation) == 0) {
+        if (way.conversation && way.asker->mClosed.count(*way.conversation) == 0) {
             way.asker->mCore.OnAnswer(*way.conversation, message, mNetwork.Now());
         } else if (!way.conversation) {
             way.asker->mCore.OnSearchAnswer(message, way.from, mNetwork.Now());

@@ -79,7 +79,7 @@ private:
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override;
     CoapMessage Rewritten(CoapMessage message) const;
     void Watch(ConversationId conversation, const CoapMessage& message);
-    void Hang(ConversationId conversation) override;
+    void CloseConversation(ConversationId conversation) override;
     void OnPeerGone(const Endpoint&) override {}
     void Reply(ReplyPath path, const CoapMessage& message) override;
     void Forget(ReplyPath path) override;
@@ -96,7 +96,7 @@ private:
     Calls mCalls;
     std::map<ReplyPath, Way> mWays;
     ReplyPath mLastPath = 0;
-    std::set<ConversationId> mHung;
+    std::set<ConversationId> mClosed;
     // Of each conversation: its latest request, and whether anything came back for it.
     std::map<ConversationId, std::pair<std::uint16_t, bool>> mWatched;
     std::set<ConversationId> mOpen;
