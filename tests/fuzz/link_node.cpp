@@ -41,13 +41,13 @@ public:
         mLastToken = message.token;
     }
     void Transmit(ConversationId conversation, const Endpoint&, const CoapMessage& message) override {
-        Require(mHung.count(conversation) == 0, "nothing is said in a conversation that has ended");
+        Require(mClosed.count(conversation) == 0, "nothing is said in a conversation that has ended");
         RequireReadable(message);
         mLastToken = message.token;
         mLastConversation = conversation;
     }
-    void Hang(ConversationId conversation) override {
-        Require(mHung.insert(conversation).second, "a conversation ends once");
+    void CloseConversation(ConversationId conversation) override {
+        Require(mClosed.insert(conversation).second, "a conversation ends once");
     }
     void OnPeerGone(const Endpoint&) override {}
     void Reply(ReplyPath path, const CoapMessage& message) override {
@@ -92,7 +92,7 @@ public:
 
     std::set<ReplyPath> mPaths;
     ReplyPath mLastPath = 0;
-    std::set<ConversationId> mHung;
+    std::set<ConversationId> mClosed;
     ConversationId mLastConversation = 0;
     std::string mLastToken;
     std::deque<std::uint64_t> mCalls;
@@ -204,14 +204,14 @@ private:
                 }
                 break;
             default:
-                if (mSurroundings.mHung.count(mSurroundings.mLastConversation) == 0) {
+                if (mSurroundings.mClosed.count(mSurroundings.mLastConversation) == 0) {
                     mCore.OnAnswer(mSurroundings.mLastConversation, *message, mNow);
                 }
         }
     }
 
     void Refuse() {
-        if (mSurroundings.mHung.count(mSurroundings.mLastConversation) == 0) {
+        if (mSurroundings.mClosed.count(mSurroundings.mLastConversation) == 0) {
             mCore.OnRefused(mSurroundings.mLastConversation, mNow);
         }
     }

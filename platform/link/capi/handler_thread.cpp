@@ -1,7 +1,9 @@
 #include "platform/link/capi/handler_thread.h"
 
-#include "platform/link/io/contain.h"
+#include <exception>
+
 #include "platform/link/io/log.h"
+#include "platform/link/io/run_guarded.h"
 #include "platform/link/io/worker.h"
 
 namespace lumora_link {
@@ -43,11 +45,11 @@ void HandlerThread::Run() {
         const TimePoint began = Clock::now();
         RunOne(*call);
         CallQueue::Dropped dropped;
-        Contain([&] {
+        RunGuarded([&] {
             MutexLock lock(mMutex);
             dropped = mQueue.OnEnded(*call, began, Clock::now());
         });
-        Contain([&] { Drop(dropped); });
+        RunGuarded([&] { Drop(dropped); });
     }
 }
 
@@ -68,10 +70,12 @@ void HandlerThread::RunOne(const HandlerCall& call) {
     Outcome outcome{code::INTERNAL_ERROR, {}};
     try {
         outcome = mListener.run(call);
+    } catch (const std::exception& error) {
+        LINK_LOG_LIMITED(LEVEL_ERROR, "a handler threw; the request has failed: %s\n", error.what());
     } catch (...) {
-        LINK_LOG(LEVEL_ERROR, "a handler threw; the request has failed\n");
+        LINK_LOG_LIMITED(LEVEL_ERROR, "a handler threw; the request has failed\n");
     }
-    Contain([&] { mListener.onHandled(call.ticket, std::move(outcome)); });
+    RunGuarded([&] { mListener.onHandled(call.ticket, std::move(outcome)); });
 }
 
 void HandlerThread::Drop(CallQueue::Dropped ticket) {

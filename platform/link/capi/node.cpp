@@ -1,8 +1,8 @@
 #include "platform/link/capi/node.h"
 
 #include "platform/link/capi/handler_call.h"
-#include "platform/link/io/contain.h"
 #include "platform/link/io/log.h"
+#include "platform/link/io/run_guarded.h"
 
 namespace lumora_link {
 
@@ -24,7 +24,7 @@ Node::~Node() { Stop(); }
 
 void Node::Stop() {
     mAccepting = false;
-    Contain([this] { mIo.Post([](NodeCore& core, TimePoint) { core.RefuseRequests(); }); });
+    RunGuarded([this] { mIo.Post([](NodeCore& core, TimePoint) { core.RefuseRequests(); }); });
     mHandlers.Stop();
     mEvents.Stop();
     mIo.Stop();

@@ -11,7 +11,7 @@
 #include "link_platform.h"
 #include "platform/link/capi/handler_thread.h"
 #include "platform/link/capi/waiting_room.h"
-#include "platform/link/core/surroundings.h"
+#include "platform/link/core/ports.h"
 #include "platform/link/io/config.h"
 #include "platform/link/io/mutex.h"
 #include "platform/link/io/node_io.h"

@@ -12,8 +12,8 @@
 #include <map>
 #include <optional>
 
+#include "platform/link/core/ports.h"
 #include "platform/link/core/source_quota.h"
-#include "platform/link/core/surroundings.h"
 
 namespace lumora_link {
 

@@ -25,10 +25,10 @@ constexpr Milliseconds FRESH{1600};
 
 }  // namespace
 
-Discovery::Discovery(const Self& self, Labels& labels, Network& network, Application& application,
-                     Presence& presence, const UnansweredPeers& unanswered)
-    : mSelf(self),
-      mLabels(labels),
+Discovery::Discovery(const LocalNode& localNode, IdSource& idSource, Network& network,
+                     Application& application, Presence& presence, const UnansweredPeers& unanswered)
+    : mLocalNode(localNode),
+      mIdSource(idSource),
       mNetwork(network),
       mApplication(application),
       mPresence(presence),
@@ -42,20 +42,20 @@ void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType,
         }
     }
     mSearches.push_back(
-        {ticket, mLabels.NextToken().substr(0, TOKEN_BYTES), Search(deviceType, std::move(expected), now)});
+        {ticket, mIdSource.NextToken().substr(0, TOKEN_BYTES), Search(deviceType, std::move(expected), now)});
     Tick(now);
 }
 
 void Discovery::OnProbe(const CoapMessage& probe, const Endpoint& source, const LocalInterface& via,
                         TimePoint now) {
     const std::set<NodeHint> known = KnownNodes(probe);
-    const bool alreadyKnown = known.count(HintOf(mSelf.identity.id)) != 0;
-    if (!mSelf.deviceType || !IsAskedFor(probe, mSelf.deviceType) || alreadyKnown ||
+    const bool alreadyKnown = known.count(HintOf(mLocalNode.identity.id)) != 0;
+    if (!mLocalNode.deviceType || !IsAskedFor(probe, mLocalNode.deviceType) || alreadyKnown ||
         !MayAnswer(source, now)) {
         return;
     }
     const Milliseconds leisure = mPresence.Directory().ForAll(LEISURE_PER_NODE);
-    const TimePoint at = now + mLabels.Jitter(std::min(LONGEST_LEISURE, leisure));
+    const TimePoint at = now + mIdSource.Jitter(std::min(LONGEST_LEISURE, leisure));
     Schedule(probe, source, via.index, at);
     if (!known.empty()) {
         // The asker has found others but not us: datagrams get lost here.
@@ -72,9 +72,9 @@ void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, Time
             continue;
         }
         auto node = ParseLinkOfType(answer.payload, running.search.DeviceType());
-        if (node && node->identity.id != mSelf.identity.id && node->secured == mSelf.secured) {
+        if (node && node->identity.id != mLocalNode.identity.id && node->secured == mLocalNode.secured) {
             node->endpoint.host = source.host;
-            mPresence.Hear(*node, false, now);
+            mPresence.OnHello(*node, false, now);
             running.search.OnAnswer(static_cast<unsigned char>(answer.token.back()), *node, now);
         }
     }
@@ -125,16 +125,16 @@ bool Discovery::MayAnswer(const Endpoint& asker, TimePoint now) {
 }
 
 void Discovery::Schedule(const CoapMessage& probe, const Endpoint& to, unsigned interface, TimePoint at) {
-    const LocalInterface* local = mSelf.InterfaceOf(interface);
-    CoapMessage answer = MakeLinkAnswer(probe, FormatLink(mSelf.DescribedAt(local->host)));
-    answer.messageId = mLabels.NextMessageId();
+    const LocalInterface* local = mLocalNode.InterfaceOf(interface);
+    CoapMessage answer = MakeLinkAnswer(probe, FormatLink(mLocalNode.DescribedAt(local->host)));
+    answer.messageId = mIdSource.NextMessageId();
     mAnswers.emplace(at, DelayedAnswer{to, interface, std::move(answer)});
 }
 
 void Discovery::SendDueAnswers(TimePoint now) {
     while (!mAnswers.empty() && mAnswers.begin()->first <= now) {
         const DelayedAnswer& answer = mAnswers.begin()->second;
-        if (const LocalInterface* local = mSelf.InterfaceOf(answer.interface)) {
+        if (const LocalInterface* local = mLocalNode.InterfaceOf(answer.interface)) {
             mNetwork.Send(*local, answer.to, answer.message);
             mPresence.OnSentTo(answer.to.host, answer.message);
         }
@@ -175,8 +175,8 @@ void Discovery::Probe(const Running& running, unsigned number) {
             }
         }
     }
-    for (const LocalInterface& local : mSelf.interfaces) {
-        probe.messageId = mLabels.NextMessageId();
+    for (const LocalInterface& local : mLocalNode.interfaces) {
+        probe.messageId = mIdSource.NextMessageId();
         mNetwork.Send(local, MulticastGroup(), probe);
         for (const Endpoint& target : targets) {
             if (local.Reaches(target)) {

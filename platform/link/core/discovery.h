@@ -7,17 +7,17 @@
 #include <string>
 #include <vector>
 
+#include "platform/link/core/local_node.h"
+#include "platform/link/core/ports.h"
 #include "platform/link/core/presence.h"
 #include "platform/link/core/search.h"
-#include "platform/link/core/self.h"
-#include "platform/link/core/surroundings.h"
 #include "platform/link/core/unanswered_peers.h"
 
 namespace lumora_link {
 
 class Discovery {
 public:
-    Discovery(const Self& self, Labels& labels, Network& network, Application& application,
+    Discovery(const LocalNode& localNode, IdSource& idSource, Network& network, Application& application,
               Presence& presence, const UnansweredPeers& unanswered);
 
     void StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now);
@@ -50,8 +50,8 @@ private:
     void Probe(const Running& running, unsigned number);
     std::vector<NodeDescription> ResultOf(const Search& search, TimePoint now) const;
 
-    const Self& mSelf;
-    Labels& mLabels;
+    const LocalNode& mLocalNode;
+    IdSource& mIdSource;
     Network& mNetwork;
     Application& mApplication;
     Presence& mPresence;

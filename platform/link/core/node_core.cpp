@@ -8,11 +8,11 @@ namespace lumora_link {
 
 namespace {
 
-Self SelfOf(NodeIdentity identity, bool secured) {
-    Self self;
-    self.secured = secured;
-    self.identity = identity;
-    return self;
+LocalNode LocalNodeOf(NodeIdentity identity, bool secured) {
+    LocalNode localNode;
+    localNode.secured = secured;
+    localNode.identity = identity;
+    return localNode;
 }
 
 }  // namespace
@@ -21,12 +21,12 @@ NodeCore::NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> pe
                    Network& network, Application& application)
     : mApplication(application),
       mNetwork(network),
-      mSelf(SelfOf(identity, secured)),
-      mLabels(random),
-      mPresence(mSelf, mLabels, network, std::move(peers)),
+      mLocalNode(LocalNodeOf(identity, secured)),
+      mIdSource(random),
+      mPresence(mLocalNode, mIdSource, network, std::move(peers)),
       mReplies(network, mPresence),
-      mDiscovery(mSelf, mLabels, network, application, mPresence, mUnanswered),
-      mClient(mSelf, mLabels, network, application, mUnanswered),
+      mDiscovery(mLocalNode, mIdSource, network, application, mPresence, mUnanswered),
+      mClient(mLocalNode, mIdSource, network, application, mUnanswered),
       mServer(mPresence.Directory(), mReplies, application) {}
 
 void NodeCore::MeteredNetwork::Reply(ReplyPath path, const CoapMessage& message) {
@@ -43,13 +43,13 @@ void NodeCore::MeteredNetwork::Forget(ReplyPath path) {
 }
 
 void NodeCore::SetDeviceType(std::optional<std::string> deviceType, TimePoint now) {
-    mSelf.deviceType = std::move(deviceType);
+    mLocalNode.deviceType = std::move(deviceType);
     mPresence.HelloSoon(now);
 }
 
 void NodeCore::SetInterfaces(std::vector<LocalInterface> interfaces, std::uint16_t port, TimePoint now) {
-    mSelf.interfaces = std::move(interfaces);
-    mSelf.port = port;
+    mLocalNode.interfaces = std::move(interfaces);
+    mLocalNode.port = port;
     mPresence.HelloSoon(now);
 }
 
@@ -74,7 +74,7 @@ void NodeCore::Close(TimePoint now) {
 
 void NodeCore::OnGroupMessage(const CoapMessage& message, const Endpoint& source, unsigned interface,
                               TimePoint now) {
-    const LocalInterface* local = mSelf.InterfaceOf(interface);
+    const LocalInterface* local = mLocalNode.InterfaceOf(interface);
     if (local == nullptr || message.type != MessageType::NonConfirmable) {
         return;
     }
@@ -96,7 +96,7 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
                          ReplyPath path, TimePoint now) {
     const std::string uri = PathOf(message);
     // By DTLS the sender has shown that it receives: the handshake needed its answer.
-    const bool secured = mSelf.secured && uri == RESOURCE_PATH;
+    const bool secured = mLocalNode.secured && uri == RESOURCE_PATH;
     if (!secured && !mPresence.MaySendTo(source.host, now)) {
         mNetwork.Forget(path);
         return;
@@ -120,9 +120,10 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
 // Asked directly, a node without the wanted type still answers: with no links, so that the asker
 // need not wait.
 void NodeCore::Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path) {
-    const bool asked = IsAskedFor(request, mSelf.deviceType);
+    const bool asked = IsAskedFor(request, mLocalNode.deviceType);
     if (asked || request.type == MessageType::Confirmable) {
-        mReplies.Reply(path, MakeLinkAnswer(request, asked ? FormatLink(mSelf.DescribedAt(localHost)) : ""));
+        mReplies.Reply(path,
+                       MakeLinkAnswer(request, asked ? FormatLink(mLocalNode.DescribedAt(localHost)) : ""));
     }
     mReplies.Forget(path);
 }

@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "platform/link/core/discovery.h"
+#include "platform/link/core/local_node.h"
+#include "platform/link/core/ports.h"
 #include "platform/link/core/presence.h"
 #include "platform/link/core/request_client.h"
 #include "platform/link/core/request_server.h"
-#include "platform/link/core/self.h"
-#include "platform/link/core/surroundings.h"
 
 namespace lumora_link {
 
@@ -68,7 +68,9 @@ private:
         void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override {
             mNetwork.Transmit(conversation, to, message);
         }
-        void Hang(ConversationId conversation) override { mNetwork.Hang(conversation); }
+        void CloseConversation(ConversationId conversation) override {
+            mNetwork.CloseConversation(conversation);
+        }
         void OnPeerGone(const Endpoint& endpoint) override { mNetwork.OnPeerGone(endpoint); }
         void Reply(ReplyPath path, const CoapMessage& message) override;
         void Forget(ReplyPath path) override;
@@ -81,8 +83,8 @@ private:
 
     Application& mApplication;
     Network& mNetwork;
-    Self mSelf;
-    Labels mLabels;
+    LocalNode mLocalNode;
+    IdSource mIdSource;
     UnansweredPeers mUnanswered;
     Presence mPresence;
     MeteredNetwork mReplies;

@@ -6,21 +6,19 @@ namespace lumora_link {
 
 namespace {
 
-// Bounds what a flood of invented nodes can cost.
-constexpr std::size_t MAX_PEERS = 4096;
 constexpr std::size_t MAX_HOSTS = 16;
 constexpr std::size_t MAX_SUSPECTS = 512;
 // Among more nodes the work of asking would cost more answers than it saves time.
 constexpr std::size_t MOST_NEIGHBOURS = 64;
-constexpr std::size_t MAX_GRAVES = 1024;
-constexpr Milliseconds GRAVE_TIME{10000};
+constexpr std::size_t MAX_TOMBSTONES = 1024;
+constexpr Milliseconds TOMBSTONE_TIME{10000};
 
 bool WasHeardFrom(const Peer& peer, in_addr_t host) { return peer.hosts.count(host) != 0; }
 
 }  // namespace
 
-bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
-    if (node.identity.id == mOwnId || IsBuried(node.identity, now)) {
+bool PeerDirectory::OnHello(const NodeDescription& node, bool unicast, TimePoint now) {
+    if (node.identity.id == mOwnId || HasTombstone(node, now)) {
         return false;
     }
     const auto known = mPeers.find(node.identity.id);
@@ -34,7 +32,7 @@ bool PeerDirectory::Hear(const NodeDescription& node, bool unicast, TimePoint no
         Challenge(mPeers.at(owner->second), now);
         return false;
     }
-    if (!MakeRoom()) {
+    if (!MakeRoom(node.endpoint.host)) {
         return false;
     }
     AskIfUnicast(Add(node, unicast, now), now);
@@ -66,6 +64,9 @@ void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast
         ++peer.words;
         Clear(peer, now);
         AskIfUnicast(peer, now);
+    } else if (!peer.confirmed) {
+        // One of the two endpoints may be a stranger's. The ping's answer decides for the known one.
+        Challenge(peer, now);
     }
 }
 
@@ -80,6 +81,7 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
     if (node.identity == peer.node.identity && node.deviceType == peer.node.deviceType) {
         peer.goodbyeDisproved = peer.goodbyeDisproved || peer.saidGoodbye;
         peer.saidGoodbye.reset();
+        peer.goodbyeHosts.clear();
         Clear(peer, now);
         Confirm(peer);
         return false;
@@ -87,7 +89,7 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
     // The node was started again, offers something else or has gone: for others, a new device.
     const bool unicast = peer.unicast;
     if (node.identity.id == pinged && node.identity != peer.node.identity) {
-        Bury(peer.node.identity, now);
+        AddTombstone(peer.node.identity, peer.node.endpoint, now);
     }
     Remove(known);
     const auto elsewhere = mPeers.find(node.identity.id);
@@ -95,20 +97,22 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
         Challenge(elsewhere->second, now);
         return false;
     }
-    if (node.identity.id == mOwnId || IsBuried(node.identity, now)) {
+    if (node.identity.id == mOwnId || HasTombstone(node, now)) {
         return false;
     }
     Confirm(Add(node, unicast, now));
     return true;
 }
 
-void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now) {
+void PeerDirectory::OnGoodbye(const NodeIdentity& identity, in_addr_t source, TimePoint now) {
     const auto known = mPeers.find(identity.id);
-    if (known == mPeers.end() || known->second.node.identity != identity) {
+    if (known == mPeers.end() || known->second.node.identity != identity ||
+        !WasHeardFrom(known->second, source)) {
         return;
     }
     Peer& peer = known->second;
-    if (!WasHeardFrom(peer, source) || peer.saidGoodbye) {
+    peer.goodbyeHosts.insert(source);
+    if (peer.saidGoodbye) {
         return;
     }
     if (peer.goodbyeDisproved) {
@@ -116,23 +120,26 @@ void PeerDirectory::Leave(const NodeIdentity& identity, in_addr_t source, TimePo
         return;
     }
     peer.saidGoodbye = now;
-    Doubt(peer, now);
+    Probe(peer, now);
     CheckAt(now);
 }
 
-void PeerDirectory::Refuse(std::uint64_t nodeId, TimePoint now) {
+void PeerDirectory::OnPortUnreachable(std::uint64_t nodeId, TimePoint now) {
     const auto known = mPeers.find(nodeId);
     if (known == mPeers.end()) {
         return;
     }
-    // Else no grave: the same instance may live on under another address.
-    if (known->second.saidGoodbye) {
-        Bury(known->second.node.identity, now);
+    const Peer& peer = known->second;
+    // A confirmed node that said no goodbye may have lost its port for a moment: no tombstone, it may come
+    // back. One that never answered is a stranger's invention, and the stranger may repeat it at once.
+    if (peer.saidGoodbye || !peer.confirmed) {
+        AddTombstone(peer, now);
     }
     Remove(known);
 }
 
-// Anybody can claim something of a node, and everybody hears it and asks the node: not too often.
+// Any host can claim something of a node. All nodes hear the claim and ping the node, so each limits its
+// pings.
 void PeerDirectory::Challenge(Peer& peer, TimePoint now) {
     if (now - peer.challenged >= ASK_AGAIN_AFTER) {
         peer.challenged = now;
@@ -155,14 +162,14 @@ void PeerDirectory::SuspectAt(const Endpoint& endpoint, TimePoint now) {
 }
 
 void PeerDirectory::AskAt(in_addr_t host, TimePoint now) {
-    const auto oldest = mUnconfirmed.OldestOf(host);
-    if (!oldest) {
+    const std::uint64_t* oldest = mUnconfirmed.Oldest(host);
+    if (oldest == nullptr) {
         return;
     }
-    Peer& peer = mPeers.at(oldest->second);
+    Peer& peer = mPeers.at(*oldest);
     if (now - peer.challenged >= ASK_AGAIN_AFTER) {
         peer.challenged = now;
-        Doubt(peer, now);
+        Probe(peer, now);
         CheckAt(now);
     }
 }
@@ -175,22 +182,22 @@ void PeerDirectory::Tick(TimePoint now) {
     }
     mNextCheck = TimePoint::max();
     mMayCheck = now + CHECK_MANY_EVERY;
-    DoubtSuspects(now);
+    ProbeSuspects(now);
     Announce(now);
     const Patience patience = IsCrowd() ? Patience{DOUBT_IN_CROWD_AFTER, GIVE_UP_IN_CROWD_AFTER}
                                         : Patience{DOUBT_AFTER, GIVE_UP_AFTER};
     for (auto at = mPeers.begin(); at != mPeers.end();) {
         Peer& peer = at->second;
         if (!peer.doubtedSince && now - peer.heard >= patience.doubtAfter) {
-            Doubt(peer, now);
+            Probe(peer, now);
         }
         const TimePoint due =
             peer.doubtedSince ? GivenUpAt(peer, patience) : peer.heard + patience.doubtAfter;
         if (due <= now) {
             if (peer.saidGoodbye) {
-                Bury(peer.node.identity, now);
+                AddTombstone(peer, now);
             }
-            // Else the link may only have been cut: no grave, the same instance may come back.
+            // Else the link may only have been cut: no tombstone, the same instance may come back.
             at = Remove(at);
             continue;
         }
@@ -200,20 +207,20 @@ void PeerDirectory::Tick(TimePoint now) {
 }
 
 TimePoint PeerDirectory::GivenUpAt(const Peer& peer, const Patience& patience) {
-    // A suspect that merely does not answer gets as long as anybody.
+    // A suspect that only fails to answer gets as long as any silent node.
     const TimePoint silent =
         std::max(*peer.doubtedSince, peer.heard + patience.doubtAfter) + patience.giveUpAfter;
     return peer.saidGoodbye ? std::min(silent, *peer.saidGoodbye + GIVE_UP_AFTER_GOODBYE) : silent;
 }
 
-void PeerDirectory::Doubt(Peer& peer, TimePoint now) {
+void PeerDirectory::Probe(Peer& peer, TimePoint now) {
     if (!peer.doubtedSince) {
         peer.doubtedSince = now;
         (peer.confirmed ? mDoubtedConfirmed : mDoubtedOthers).insert({peer.number, peer.node.identity.id});
     }
 }
 
-void PeerDirectory::EndDoubt(Peer& peer) {
+void PeerDirectory::EndProbe(Peer& peer) {
     const Age age{peer.number, peer.node.identity.id};
     peer.doubtedSince.reset();
     mDoubtedConfirmed.erase(age);
@@ -224,13 +231,13 @@ void PeerDirectory::EndDoubt(Peer& peer) {
 // It has just shown at its endpoint that it is there.
 void PeerDirectory::Clear(Peer& peer, TimePoint now) {
     peer.heard = now;
-    EndDoubt(peer);
+    EndProbe(peer);
 }
 
 void PeerDirectory::Confirm(Peer& peer) {
     if (!peer.confirmed) {
         peer.confirmed = true;
-        mUnconfirmed.Remove(peer.node.endpoint.host, {peer.number, peer.node.identity.id});
+        LeaveUnconfirmed(peer);
         ++mConfirmedAt[peer.node.endpoint.host];
     }
 }
@@ -245,7 +252,7 @@ std::vector<std::uint64_t> PeerDirectory::Doubted(std::size_t most) const {
     return ids;
 }
 
-void PeerDirectory::DoubtSuspects(TimePoint now) {
+void PeerDirectory::ProbeSuspects(TimePoint now) {
     for (auto at = mSuspects.begin(); at != mSuspects.end();) {
         at = at->second <= now ? mSuspects.erase(at) : std::next(at);
     }
@@ -257,7 +264,7 @@ void PeerDirectory::DoubtSuspects(TimePoint now) {
     const std::size_t most = std::clamp<std::size_t>(share, 1, ASKED_AT_ONCE);
     Peer* suspect = LongestSilentSuspect();
     for (; suspect != nullptr && mAsked < most; suspect = LongestSilentSuspect()) {
-        Doubt(*suspect, now);
+        Probe(*suspect, now);
         ++mAsked;
     }
     if (suspect != nullptr) {
@@ -317,19 +324,30 @@ std::vector<DeviceEvent> PeerDirectory::TakeEvents() {
     return events;
 }
 
-bool PeerDirectory::IsBuried(const NodeIdentity& identity, TimePoint now) {
-    while (!mGraves.empty() && mGraves.front().until <= now) {
-        mGraves.pop_front();
+bool PeerDirectory::HasTombstone(const NodeDescription& node, TimePoint now) {
+    while (!mTombstones.empty() && mTombstones.front().until <= now) {
+        mTombstones.pop_front();
     }
-    return std::any_of(mGraves.begin(), mGraves.end(),
-                       [&](const Grave& grave) { return grave.identity == identity; });
+    return std::any_of(mTombstones.begin(), mTombstones.end(), [&](const Tombstone& tombstone) {
+        return tombstone.identity == node.identity && tombstone.endpoint == node.endpoint;
+    });
 }
 
-void PeerDirectory::Bury(const NodeIdentity& identity, TimePoint now) {
-    if (mGraves.size() >= MAX_GRAVES) {
-        mGraves.pop_front();
+// A node on several networks says goodbye on each, under the address that it has there.
+void PeerDirectory::AddTombstone(const Peer& peer, TimePoint now) {
+    AddTombstone(peer.node.identity, peer.node.endpoint, now);
+    for (const in_addr_t host : peer.goodbyeHosts) {
+        if (host != peer.node.endpoint.host) {
+            AddTombstone(peer.node.identity, {host, peer.node.endpoint.port}, now);
+        }
     }
-    mGraves.push_back({identity, now + GRAVE_TIME});
+}
+
+void PeerDirectory::AddTombstone(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now) {
+    if (mTombstones.size() >= MAX_TOMBSTONES) {
+        mTombstones.pop_front();
+    }
+    mTombstones.push_back({identity, endpoint, now + TOMBSTONE_TIME});
 }
 
 Peer& PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint now) {
@@ -347,20 +365,29 @@ Peer& PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint no
         mEvents.push_back({true, peer.number, node});
     }
     mIds[node.endpoint] = node.identity.id;
-    mUnconfirmed.Add(node.endpoint.host, {peer.number, node.identity.id});
+    peer.place = mUnconfirmed.Add(node.endpoint.host, node.identity.id);
+    mUnconfirmedQuota.Enter(node.endpoint.host);
     return mPeers.emplace(node.identity.id, std::move(peer)).first->second;
 }
 
 // Confirmed nodes stay. Of the others, the address with the most nodes pays.
-bool PeerDirectory::MakeRoom() {
+bool PeerDirectory::MakeRoom(in_addr_t newcomer) {
     if (mPeers.size() < MAX_PEERS) {
         return true;
     }
-    const auto oldest = mUnconfirmed.OldestOfMostCrowded();
-    if (oldest) {
-        Remove(mPeers.find(oldest->second));
+    const in_addr_t yields = mUnconfirmedQuota.Largest(newcomer);
+    const std::uint64_t* oldest = mUnconfirmed.Oldest(yields);
+    if (oldest == nullptr) {
+        return false;
     }
-    return oldest.has_value();
+    mUnconfirmedQuota.OnBite(yields);
+    Remove(mPeers.find(*oldest));
+    return true;
+}
+
+void PeerDirectory::LeaveUnconfirmed(const Peer& peer) {
+    mUnconfirmed.Remove(peer.node.endpoint.host, peer.place);
+    mUnconfirmedQuota.Leave(peer.node.endpoint.host);
 }
 
 bool PeerDirectory::SuspectNeighbours(const NodeDescription& newcomer, TimePoint now) {
@@ -383,11 +410,11 @@ PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator at) {
     if (announced) {
         mEvents.push_back({false, peer.number, peer.node});
     }
-    EndDoubt(peer);
+    EndProbe(peer);
     mIds.erase(peer.node.endpoint);
     const in_addr_t host = peer.node.endpoint.host;
     if (!peer.confirmed) {
-        mUnconfirmed.Remove(host, {peer.number, at->first});
+        LeaveUnconfirmed(peer);
     } else if (--mConfirmedAt[host] == 0) {
         mConfirmedAt.erase(host);
     }

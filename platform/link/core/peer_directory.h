@@ -6,7 +6,8 @@
 //
 // A process that is killed and started again leaves a dead node behind, at the address where the new
 // one appears. So whoever appears makes its neighbours suspects, who are pinged at once, and is
-// announced when they have answered or are gone: nobody shall take the old one's end for its own.
+// announced when they have answered or are gone, so that no application mistakes the old node's removal for
+// the new one's.
 #pragma once
 
 #include <algorithm>
@@ -18,8 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/link/core/sources.h"
-#include "platform/link/core/surroundings.h"
+#include "platform/link/core/ports.h"
+#include "platform/link/core/source_quota.h"
 #include "platform/link/wire/types.h"
 
 namespace lumora_link {
@@ -33,11 +34,13 @@ struct Peer {
     std::set<in_addr_t> hosts;  // every address under which it was heard
     std::optional<TimePoint> doubtedSince;
     std::optional<TimePoint> saidGoodbye;
+    std::set<in_addr_t> goodbyeHosts;  // the addresses from which the goodbye came
     // It answered after a goodbye, which was forged. The next one gets no shorter patience.
     bool goodbyeDisproved = false;
     bool confirmed = false;
     unsigned words = 1;  // how often it was heard at its endpoint
     TimePoint challenged{};
+    std::uint64_t place = 0;  // among the unconfirmed nodes of its address
 
     // Inventing a node takes one datagram. This one did more than that.
     bool IsEstablished() const { return confirmed || words > 1; }
@@ -45,7 +48,9 @@ struct Peer {
 
 class PeerDirectory {
 public:
-    // One hello may be lost and the next be late before anybody asks.
+    // Bounds what a flood of invented nodes can cost.
+    static constexpr std::size_t MAX_PEERS = 4096;
+    // One hello may be lost and the next one late before the node is pinged.
     static constexpr Milliseconds DOUBT_AFTER{1200};
     // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
     static constexpr Milliseconds GIVE_UP_AFTER{1400};
@@ -53,9 +58,9 @@ public:
     static constexpr std::size_t CROWD = 32;
     static constexpr Milliseconds DOUBT_IN_CROWD_AFTER{1650};
     static constexpr Milliseconds GIVE_UP_IN_CROWD_AFTER{1250};
-    // An answer of a neighbour is not waited for any longer.
+    // The longest wait for the answers of a newcomer's neighbours.
     static constexpr Milliseconds HOLD_BACK{100};
-    // By then every suspect that is alive has said hello to the newcomer, though pings were short.
+    // Long enough for every live suspect to have sent a hello even if its ping was not sent (rate limit).
     static constexpr Milliseconds SUSPICION{600};
     // With many nodes on one host those that have been silent longest are asked first.
     static constexpr std::size_t ASKED_AT_ONCE = 16;
@@ -71,20 +76,20 @@ public:
     explicit PeerDirectory(std::uint64_t ownId) : mOwnId(ownId) {}
 
     // What a hello or an answer to a probe says. True if the node was not known before.
-    bool Hear(const NodeDescription& node, bool unicast, TimePoint now);
+    bool OnHello(const NodeDescription& node, bool unicast, TimePoint now);
     // A node at the endpoint of the pinged one has answered the ping and described itself. True if that
     // is a node that was not known before.
     bool OnPong(std::uint64_t pinged, NodeDescription node, TimePoint now);
     // Heeded only if it comes from where the node was heard.
-    void Leave(const NodeIdentity& identity, in_addr_t source, TimePoint now);
-    // Nobody listens any more where the node was.
-    void Refuse(std::uint64_t nodeId, TimePoint now);
+    void OnGoodbye(const NodeIdentity& identity, in_addr_t source, TimePoint now);
+    // The host of the pinged node answers that no socket has the port.
+    void OnPortUnreachable(std::uint64_t nodeId, TimePoint now);
     // Something tells that the node may be gone: to be pinged now, although it has not been silent.
     void Suspect(std::uint64_t nodeId, TimePoint now);
     void SuspectAt(const Endpoint& endpoint, TimePoint now);
     // Pings a node at that address, to learn whether the address receives what is sent there.
     void AskAt(in_addr_t host, TimePoint now);
-    // Doubts silent nodes and suspects, and removes those that stayed silent.
+    // Probes silent nodes and suspects, and removes those that stayed silent.
     void Tick(TimePoint now);
     // At the latest; hearing from nodes only puts off what is due.
     TimePoint NextDeadline() const { return IsMany() ? std::max(mNextCheck, mMayCheck) : mNextCheck; }
@@ -93,10 +98,12 @@ public:
     // Whether a search may count on it: its address is not flooding the table, or it was heard more than
     // once.
     bool IsCredible(const Peer& peer) const {
-        return peer.IsEstablished() || mUnconfirmed.CountOf(peer.node.endpoint.host) <= MANY;
+        return peer.IsEstablished() || mUnconfirmedQuota.CountOf(peer.node.endpoint.host) <= MANY;
     }
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
+    // How many nodes were dropped to make room for others.
+    std::size_t QuotaBites() const { return mUnconfirmedQuota.Bites(); }
     // What all of them need where each has so long to itself.
     Milliseconds ForAll(Milliseconds each) const {
         return each * static_cast<Milliseconds::rep>(mPeers.size());
@@ -117,11 +124,22 @@ private:
     };
     using Age = std::pair<unsigned, std::uint64_t>;  // number, id: the smaller, the longer known
 
-    bool IsBuried(const NodeIdentity& identity, TimePoint now);
-    void Bury(const NodeIdentity& identity, TimePoint now);
+    // An instance that ended at an endpoint. A hello that was delayed on its way must not revive it. The same
+    // instance at another endpoint is not affected: a stranger that says hello and goodbye under its own
+    // address with the identity of a device must not hide that device.
+    struct Tombstone {
+        NodeIdentity identity;
+        Endpoint endpoint;
+        TimePoint until;
+    };
+
+    bool HasTombstone(const NodeDescription& node, TimePoint now);
+    void AddTombstone(const Peer& peer, TimePoint now);
+    void AddTombstone(const NodeIdentity& identity, const Endpoint& endpoint, TimePoint now);
     Peer& Add(const NodeDescription& node, bool unicast, TimePoint now);
     Peers_t::iterator Remove(Peers_t::iterator peer);
-    bool MakeRoom();
+    bool MakeRoom(in_addr_t newcomer);
+    void LeaveUnconfirmed(const Peer& peer);
     void OnWord(Peer& peer, const NodeDescription& node, bool unicast, TimePoint now);
     void AskIfUnicast(Peer& peer, TimePoint now);
     void Clear(Peer& peer, TimePoint now);
@@ -131,9 +149,9 @@ private:
     bool IsCrowd() const { return mPeers.size() > CROWD; }
     bool IsMany() const { return mPeers.size() > MANY; }
     static TimePoint GivenUpAt(const Peer& peer, const Patience& patience);
-    void Doubt(Peer& peer, TimePoint now);
-    void EndDoubt(Peer& peer);
-    void DoubtSuspects(TimePoint now);
+    void Probe(Peer& peer, TimePoint now);
+    void EndProbe(Peer& peer);
+    void ProbeSuspects(TimePoint now);
     Peer* LongestSilentSuspect();
     void Announce(TimePoint now);
     void CheckAt(TimePoint time) { mNextCheck = std::min(mNextCheck, time); }
@@ -141,7 +159,8 @@ private:
     const std::uint64_t mOwnId;
     Peers_t mPeers;
     std::map<Endpoint, std::uint64_t> mIds;
-    Sources<Age> mUnconfirmed;
+    SourceQuota mUnconfirmedQuota{"nodes", MAX_PEERS, MAX_PEERS};
+    OldestFirst<std::uint64_t> mUnconfirmed;        // ids
     std::map<in_addr_t, std::size_t> mConfirmedAt;  // how many confirmed nodes have that address
     std::set<Age> mDoubtedConfirmed;
     std::set<Age> mDoubtedOthers;
@@ -153,12 +172,7 @@ private:
     TimePoint mMayCheck{};
     unsigned mLastNumber = 0;
     std::vector<DeviceEvent> mEvents;
-    // Instances that ended for good: a hello that was delayed on its way must not revive them.
-    struct Grave {
-        NodeIdentity identity;
-        TimePoint until;
-    };
-    std::deque<Grave> mGraves;
+    std::deque<Tombstone> mTombstones;
 };
 
 }  // namespace lumora_link

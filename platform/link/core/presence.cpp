@@ -15,12 +15,14 @@ constexpr std::size_t MAX_UNICAST_TARGETS = 256;
 
 }  // namespace
 
-Presence::Presence(const Self& self, Labels& labels, Network& network, std::vector<Endpoint> peers)
-    : mSelf(self),
-      mLabels(labels),
+Presence::Presence(const LocalNode& localNode, IdSource& idSource, Network& network,
+                   std::vector<Endpoint> peers)
+    : mLocalNode(localNode),
+      mIdSource(idSource),
       mNetwork(network),
       mConfigured(std::move(peers)),
-      mDirectory(self.identity.id) {}
+      mDirectory(localNode.identity.id),
+      mTextQuota("hellos", MAX_TEXTS, MAX_TEXTS) {}
 
 // All who heard the newcomer do this at the same moment, and keep the distance that they get here: the more
 // they are, the longer the time that they share.
@@ -28,14 +30,14 @@ void Presence::HelloSoon(TimePoint now) {
     const Milliseconds shared =
         std::clamp(mDirectory.ForAll(NEWCOMER_JITTER_PER_NODE), NEWCOMER_JITTER, HELLO_INTERVAL);
     const TimePoint earliest = std::max(now, mLastHello + SHORTEST_INTERVAL);
-    mNextHello = std::min(mNextHello, earliest + mLabels.Jitter(shared));
+    mNextHello = std::min(mNextHello, earliest + mIdSource.Jitter(shared));
     mHurried = true;
 }
 
 // All hear the newcomer and each other, so each says hello with a chance that leaves a few of them.
 void Presence::Greet(TimePoint now) {
     const auto nodes = static_cast<Milliseconds::rep>(mDirectory.Peers().size());
-    if (mLabels.Jitter(Milliseconds(nodes)) < Milliseconds(GREETERS)) {
+    if (mIdSource.Jitter(Milliseconds(nodes)) < Milliseconds(GREETERS)) {
         HelloSoon(now);
     }
 }
@@ -47,9 +49,9 @@ void Presence::OnNotice(const CoapMessage& notice, const Endpoint& source, bool 
         return;
     }
     if (goodbye) {
-        mDirectory.Leave(node->identity, source.host, now);
+        mDirectory.OnGoodbye(node->identity, source.host, now);
     } else {
-        Hear(*node, unicast, now);
+        OnHello(*node, unicast, now);
     }
 }
 
@@ -72,17 +74,25 @@ Presence::Text& Presence::TextFrom(const Endpoint& source) {
     if (known != mTexts.end()) {
         return known->second;
     }
-    if (mTexts.size() >= MAX_TEXTS) {
-        const TextAge oldest = *mTextSources.OldestOfMostCrowded();
-        mTextSources.Remove(oldest.second.host, oldest);
-        mTexts.erase(oldest.second);
+    if (const auto yields = mTextQuota.WhoYields(source.host)) {
+        mTextQuota.OnBite(*yields);
+        ForgetOldestText(*yields);
     }
-    mTextSources.Add(source.host, {++mLastText, source});
-    return mTexts[source];
+    Text& text = mTexts[source];
+    text.place = mOldestTexts.Add(source.host, source);
+    mTextQuota.Enter(source.host);
+    return text;
 }
 
-void Presence::Hear(const NodeDescription& node, bool unicast, TimePoint now) {
-    if (node.secured == mSelf.secured && mDirectory.Hear(node, unicast, now)) {
+void Presence::ForgetOldestText(in_addr_t host) {
+    const auto text = mTexts.find(*mOldestTexts.Oldest(host));
+    mOldestTexts.Remove(host, text->second.place);
+    mTextQuota.Leave(host);
+    mTexts.erase(text);
+}
+
+void Presence::OnHello(const NodeDescription& node, bool unicast, TimePoint now) {
+    if (node.secured == mLocalNode.secured && mDirectory.OnHello(node, unicast, now)) {
         Greet(now);
     }
 }
@@ -93,7 +103,7 @@ bool Presence::OnAnswer(ConversationId conversation, const CoapMessage& answer, 
         return false;
     }
     const auto node = ParseLink(answer.payload);
-    const bool valid = PingedBy(conversation) != nullptr && node && node->secured == mSelf.secured &&
+    const bool valid = PingedBy(conversation) != nullptr && node && node->secured == mLocalNode.secured &&
                        answer.token == mPings.at(pinged->second).token;
     if (valid && mDirectory.OnPong(pinged->second, *node, now)) {
         Greet(now);
@@ -107,7 +117,7 @@ bool Presence::OnRefused(ConversationId conversation, TimePoint now) {
         return false;
     }
     if (PingedBy(conversation) != nullptr) {
-        mDirectory.Refuse(pinged->second, now);
+        mDirectory.OnPortUnreachable(pinged->second, now);
     }
     return true;
 }
@@ -124,7 +134,7 @@ void Presence::Tick(TimePoint now) {
         Tell(HELLO_PATH);
         // Many nodes say hello together at their start and to a newcomer, but not the next time.
         const Milliseconds range = mHurried ? HELLO_INTERVAL - SHORTEST_INTERVAL : Milliseconds(0);
-        const Milliseconds earlier = mLabels.Jitter(range);
+        const Milliseconds earlier = mIdSource.Jitter(range);
         mHurried = false;
         mLastHello = now;
         mNextHello = now + HELLO_INTERVAL - earlier;
@@ -134,7 +144,7 @@ void Presence::Tick(TimePoint now) {
 }
 
 TimePoint Presence::NextDeadline() const {
-    TimePoint next = std::min(mNextHello, mDirectory.NextDeadline());
+    TimePoint next = std::min({mNextHello, mDirectory.NextDeadline(), mMorePings});
     for (const auto& [nodeId, ping] : mPings) {
         next = std::min(next, ping.next);
     }
@@ -164,13 +174,13 @@ std::vector<Endpoint> Presence::UnicastTargets() const {
 // A node without a resource only looks. Others that do not know it cannot take its end for the end of another
 // application on its host.
 void Presence::Tell(const char* path) {
-    if (!mSelf.deviceType) {
+    if (!mLocalNode.deviceType) {
         return;
     }
     const std::vector<Endpoint> targets = UnicastTargets();
-    for (const LocalInterface& local : mSelf.interfaces) {
-        CoapMessage notice = MakeNotice(path, FormatLink(mSelf.DescribedAt(local.host)));
-        notice.messageId = mLabels.NextMessageId();
+    for (const LocalInterface& local : mLocalNode.interfaces) {
+        CoapMessage notice = MakeNotice(path, FormatLink(mLocalNode.DescribedAt(local.host)));
+        notice.messageId = mIdSource.NextMessageId();
         mNetwork.Send(local, MulticastGroup(), notice);
         for (const Endpoint& target : targets) {
             if (local.Reaches(target)) {
@@ -182,13 +192,19 @@ void Presence::Tell(const char* path) {
 
 void Presence::PingDoubted(TimePoint now) {
     const std::vector<std::uint64_t> doubted = mDirectory.Doubted(MAX_PINGS);
-    EndOtherPings(doubted);
+    // The network closes the sockets of the ended pings only after this turn, so they count until then.
+    const std::size_t closing = EndOtherPings(doubted);
+    mMorePings = TimePoint::max();
     for (const std::uint64_t nodeId : doubted) {
+        if (mPings.count(nodeId) == 0 && mPings.size() + closing >= MAX_PINGS) {
+            mMorePings = now;
+            continue;
+        }
         const auto [at, isNew] = mPings.try_emplace(nodeId);
         Ping& ping = at->second;
         if (isNew) {
-            ping = {mLabels.NextConversation(), mLabels.NextToken(), mDirectory.Find(nodeId)->node.endpoint,
-                    now};
+            ping = {mIdSource.NextConversation(), mIdSource.NextToken(),
+                    mDirectory.Find(nodeId)->node.endpoint, now};
             mPinged[ping.conversation] = nodeId;
         }
         if (now >= ping.next) {
@@ -197,19 +213,24 @@ void Presence::PingDoubted(TimePoint now) {
     }
 }
 
-void Presence::EndOtherPings(const std::vector<std::uint64_t>& doubted) {
+// How many have ended.
+std::size_t Presence::EndOtherPings(const std::vector<std::uint64_t>& doubted) {
+    const std::size_t before = mPings.size();
     for (auto at = mPings.begin(); at != mPings.end();) {
         const bool goesOn = std::find(doubted.begin(), doubted.end(), at->first) != doubted.end() &&
                             PingedBy(at->second.conversation) != nullptr;
         if (!goesOn) {
-            mNetwork.Hang(at->second.conversation);
+            mNetwork.CloseConversation(at->second.conversation);
             mPinged.erase(at->second.conversation);
         }
         at = goesOn ? std::next(at) : mPings.erase(at);
     }
+    return before - mPings.size();
 }
 
-bool Presence::IsTrusted(in_addr_t host) const { return mSelf.IsOwn(host) || mDirectory.IsConfirmed(host); }
+bool Presence::IsTrusted(in_addr_t host) const {
+    return mLocalNode.IsOwn(host) || mDirectory.IsConfirmed(host);
+}
 
 bool Presence::MaySendTo(in_addr_t host, TimePoint now) {
     if (IsTrusted(host)) {
@@ -236,7 +257,7 @@ void Presence::Send(Ping& ping, const Peer& peer, TimePoint now) {
     }
     CoapMessage message = MakePing();
     message.token = ping.token;
-    message.messageId = mLabels.NextMessageId();
+    message.messageId = mIdSource.NextMessageId();
     mNetwork.Transmit(ping.conversation, peer.node.endpoint, message);
     OnSentTo(peer.node.endpoint.host, message);
 }

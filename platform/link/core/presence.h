@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "platform/link/core/answer_budget.h"
+#include "platform/link/core/local_node.h"
 #include "platform/link/core/peer_directory.h"
-#include "platform/link/core/self.h"
-#include "platform/link/core/surroundings.h"
+#include "platform/link/core/ports.h"
 #include "platform/link/wire/messages.h"
 
 namespace lumora_link {
@@ -28,11 +28,11 @@ public:
     static constexpr std::size_t GREETERS = 8;
 
     // The peers are asked and told by unicast, where multicast does not get through.
-    Presence(const Self& self, Labels& labels, Network& network, std::vector<Endpoint> peers);
+    Presence(const LocalNode& localNode, IdSource& idSource, Network& network, std::vector<Endpoint> peers);
 
     void HelloSoon(TimePoint now);
     void OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now);
-    void Hear(const NodeDescription& node, bool unicast, TimePoint now);
+    void OnHello(const NodeDescription& node, bool unicast, TimePoint now);
 
     // False where the conversation is not one of ours.
     bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
@@ -63,30 +63,31 @@ private:
     struct Text {
         std::string link;
         std::optional<NodeDescription> node;
-        std::uint64_t number = 0;
+        std::uint64_t place = 0;  // among those of its address
     };
-    using TextAge = std::pair<std::uint64_t, Endpoint>;
 
     const NodeDescription* Read(const std::string& link, const Endpoint& source);
     void Tell(const char* path);
     void Greet(TimePoint now);
     Text& TextFrom(const Endpoint& source);
+    void ForgetOldestText(in_addr_t host);
     void PingDoubted(TimePoint now);
-    void EndOtherPings(const std::vector<std::uint64_t>& doubted);
+    std::size_t EndOtherPings(const std::vector<std::uint64_t>& doubted);
     bool IsTrusted(in_addr_t host) const;
     const Peer* PingedBy(ConversationId conversation) const;
     void Send(Ping& ping, const Peer& peer, TimePoint now);
 
-    const Self& mSelf;
-    Labels& mLabels;
+    const LocalNode& mLocalNode;
+    IdSource& mIdSource;
     Network& mNetwork;
     const std::vector<Endpoint> mConfigured;
     PeerDirectory mDirectory;
     Pings mPings;
+    TimePoint mMorePings = TimePoint::max();          // when those begin for which there was no socket
     std::map<ConversationId, std::uint64_t> mPinged;  // the ids of the nodes
     std::map<Endpoint, Text> mTexts;                  // the latest from each socket
-    Sources<TextAge> mTextSources;
-    std::uint64_t mLastText = 0;
+    SourceQuota mTextQuota;
+    OldestFirst<Endpoint> mOldestTexts;
     TimePoint mLastHello{};
     TimePoint mNextHello{};
     bool mHurried = false;

@@ -12,8 +12,8 @@ namespace {
 // When the copies of one message leave. The last pause repeats while the peer is alive.
 // Nine copies leave before an unacknowledged request ends.
 constexpr std::array<Milliseconds, 10> PAUSES = {
-    Milliseconds(300), Milliseconds(500), Milliseconds(500), Milliseconds(500),  Milliseconds(500),
-    Milliseconds(500), Milliseconds(500), Milliseconds(500), Milliseconds(1000), Milliseconds(2000)};
+    Milliseconds(300), Milliseconds(450), Milliseconds(450), Milliseconds(450),  Milliseconds(450),
+    Milliseconds(450), Milliseconds(450), Milliseconds(450), Milliseconds(1000), Milliseconds(2000)};
 constexpr Milliseconds HASTY_PAUSE{100};
 constexpr Milliseconds FIRST_PING{2000};
 constexpr Milliseconds PING_INTERVAL{500};
@@ -39,12 +39,16 @@ std::vector<std::string> CutIntoBlocks(const std::string& key, const std::string
 
 }  // namespace
 
-RequestClient::RequestClient(const Self& self, Labels& labels, Network& network, Application& application,
-                             UnansweredPeers& unanswered)
-    : mSelf(self), mLabels(labels), mNetwork(network), mApplication(application), mUnanswered(unanswered) {}
+RequestClient::RequestClient(const LocalNode& localNode, IdSource& idSource, Network& network,
+                             Application& application, UnansweredPeers& unanswered)
+    : mLocalNode(localNode),
+      mIdSource(idSource),
+      mNetwork(network),
+      mApplication(application),
+      mUnanswered(unanswered) {}
 
 void RequestClient::Start(OutgoingRequest request, TimePoint now) {
-    const ConversationId conversation = mLabels.NextConversation();
+    const ConversationId conversation = mIdSource.NextConversation();
     Exchange& exchange = mExchanges[conversation];
     exchange.request = std::move(request);
     exchange.blocks = CutIntoBlocks(exchange.request.key, exchange.request.value);
@@ -52,7 +56,7 @@ void RequestClient::Start(OutgoingRequest request, TimePoint now) {
     const bool get = exchange.request.method == code::GET;
     exchange.hasty = get && mUnanswered.Contains(exchange.request.to, now);
     exchange.end = now + (exchange.hasty ? LONGEST_GET_AFTER_SILENCE : get ? LONGEST_GET : LONGEST);
-    exchange.pingToken = mLabels.NextToken();
+    exchange.pingToken = mIdSource.NextToken();
     exchange.nextPing = now + FIRST_PING;
     BeginBody(conversation, exchange, now);
 }
@@ -95,7 +99,7 @@ void RequestClient::OnUnacknowledged(ConversationId conversation, std::uint16_t 
     }
 }
 
-// To be reached is a word of the peer, and the time for the answer begins with the first copy.
+// A completed handshake counts as a sign of life. The schedule of copies restarts.
 void RequestClient::OnReached(ConversationId conversation, TimePoint now) {
     const auto at = mExchanges.find(conversation);
     if (at != mExchanges.end()) {
@@ -170,22 +174,22 @@ CoapMessage RequestClient::Compose(const Exchange& exchange) {
     CoapMessage message;
     message.type = MessageType::Confirmable;
     message.code = exchange.request.method;
-    message.messageId = mLabels.NextMessageId();
-    message.token = mLabels.NextToken();
+    message.messageId = mIdSource.NextMessageId();
+    message.token = mIdSource.NextToken();
     AddKey(message, exchange.request.key);
     if (exchange.blocks.size() > 1) {
         const bool more = exchange.block + 1 < exchange.blocks.size();
         const Block block{static_cast<std::uint32_t>(exchange.block), more, BLOCK_EXPONENT};
         message.Add(option::BLOCK1, EncodeBlock(block));
     }
-    if (!mSelf.deviceType && exchange.blocks.size() <= 1) {
+    if (!mLocalNode.deviceType && exchange.blocks.size() <= 1) {
         // A node that only looks asks as a foreign client does: no other node knows its id.
         message.payload = exchange.blocks.empty() ? std::string() : exchange.blocks.front();
         return message;
     }
     Requester requester;
-    requester.identity = mSelf.identity;
-    requester.port = mSelf.port;
+    requester.identity = mLocalNode.identity;
+    requester.port = mLocalNode.port;
     requester.sequence = exchange.sequence;
     requester.oldestOpen = OldestOpen();
     requester.firstOfBody = exchange.firstOfBody;
@@ -206,7 +210,7 @@ void RequestClient::SendPing(ConversationId conversation, Exchange& exchange, Ti
     exchange.nextPing = now + PING_INTERVAL;
     CoapMessage ping = MakePing();
     ping.token = exchange.pingToken;
-    ping.messageId = mLabels.NextMessageId();
+    ping.messageId = mIdSource.NextMessageId();
     mNetwork.Transmit(conversation, exchange.request.to, ping);
 }
 
@@ -229,19 +233,19 @@ std::uint64_t RequestClient::SecretFor(const Endpoint& device) {
     if (mSecrets.size() >= MAX_SECRETS) {
         mSecrets.erase(mSecrets.begin());  // the device takes the next one for that of another client
     }
-    return mSecrets.emplace(device, mLabels.NextSecret()).first->second;
+    return mSecrets.emplace(device, mIdSource.NextSecret()).first->second;
 }
 
 // Another exchange may have replaced it already.
 void RequestClient::ReplaceSecret(const Endpoint& device, std::uint64_t former) {
     const auto known = mSecrets.find(device);
     if (known != mSecrets.end() && known->second == former) {
-        known->second = mLabels.NextSecret();
+        known->second = mIdSource.NextSecret();
     }
 }
 
 RequestClient::Exchanges::iterator RequestClient::End(Exchanges::iterator exchange, Outcome outcome) {
-    mNetwork.Hang(exchange->first);
+    mNetwork.CloseConversation(exchange->first);
     const std::uint64_t ticket = exchange->second.request.ticket;
     const auto next = mExchanges.erase(exchange);
     mApplication.RequestEnded(ticket, std::move(outcome));
@@ -250,7 +254,7 @@ RequestClient::Exchanges::iterator RequestClient::End(Exchanges::iterator exchan
 
 // With a key only its holders answer pings: a silent node is then no stranger's.
 void RequestClient::EndUnanswered(Exchanges::iterator exchange, TimePoint now) {
-    if (!mSelf.secured) {
+    if (!mLocalNode.secured) {
         mUnanswered.Add(exchange->second.request.to, now);
     }
     End(exchange, {});

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/link/core/self.h"
-#include "platform/link/core/surroundings.h"
+#include "platform/link/core/local_node.h"
+#include "platform/link/core/ports.h"
 #include "platform/link/core/unanswered_peers.h"
 #include "platform/link/wire/messages.h"
 
@@ -36,7 +36,7 @@ public:
     // A GET to a node that left a request unanswered.
     static constexpr Milliseconds LONGEST_GET_AFTER_SILENCE{500};
 
-    RequestClient(const Self& self, Labels& labels, Network& network, Application& application,
+    RequestClient(const LocalNode& localNode, IdSource& idSource, Network& network, Application& application,
                   UnansweredPeers& unanswered);
 
     void Start(OutgoingRequest request, TimePoint now);
@@ -84,8 +84,8 @@ private:
     Exchanges::iterator End(Exchanges::iterator exchange, Outcome outcome);
     void EndUnanswered(Exchanges::iterator exchange, TimePoint now);
 
-    const Self& mSelf;
-    Labels& mLabels;
+    const LocalNode& mLocalNode;
+    IdSource& mIdSource;
     Network& mNetwork;
     Application& mApplication;
     UnansweredPeers& mUnanswered;

@@ -9,10 +9,10 @@
 #include <optional>
 #include <string>
 
+#include "platform/link/core/local_node.h"
 #include "platform/link/core/peer_directory.h"
+#include "platform/link/core/ports.h"
 #include "platform/link/core/request_table.h"
-#include "platform/link/core/self.h"
-#include "platform/link/core/surroundings.h"
 
 namespace lumora_link {
 

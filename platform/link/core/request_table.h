@@ -16,8 +16,8 @@
 #include <tuple>
 #include <utility>
 
+#include "platform/link/core/ports.h"
 #include "platform/link/core/source_quota.h"
-#include "platform/link/core/surroundings.h"
 #include "platform/link/wire/messages.h"
 #include "platform/link/wire/types.h"
 

@@ -11,6 +11,7 @@ namespace {
 constexpr std::array<Milliseconds, 9> PROBES = {Milliseconds(0),   Milliseconds(30),  Milliseconds(100),
                                                 Milliseconds(130), Milliseconds(300), Milliseconds(350),
                                                 Milliseconds(400), Milliseconds(450), Milliseconds(500)};
+constexpr Milliseconds SHORTEST_PAUSE{30};
 constexpr unsigned REMINDER = 2;
 constexpr unsigned FIRST_RESCUE = 4;
 constexpr unsigned ALL_REGULAR = (1U << FIRST_RESCUE) - 1;
@@ -18,13 +19,25 @@ constexpr unsigned ALL_REGULAR = (1U << FIRST_RESCUE) - 1;
 }  // namespace
 
 Search::Search(std::string deviceType, std::set<std::uint64_t> expected, TimePoint now)
-    : mDeviceType(std::move(deviceType)), mExpected(std::move(expected)), mStart(now), mLastNew(now) {}
+    : mDeviceType(std::move(deviceType)),
+      mExpected(std::move(expected)),
+      mStart(now),
+      mLastProbe(now),
+      mLastNew(now) {}
 
 std::optional<unsigned> Search::TakeDueProbe(TimePoint now) {
-    if (mNextProbe >= PROBES.size() || now < mStart + PROBES[mNextProbe]) {
+    if (now < NextProbe()) {
         return std::nullopt;
     }
+    mLastProbe = now;
     return mNextProbe++;
+}
+
+TimePoint Search::NextProbe() const {
+    if (mNextProbe >= PROBES.size()) {
+        return TimePoint::max();
+    }
+    return mNextProbe == 0 ? mStart : std::max(mStart + PROBES[mNextProbe], mLastProbe + SHORTEST_PAUSE);
 }
 
 bool Search::IsRescue(unsigned probe) const { return probe >= FIRST_RESCUE; }
@@ -43,7 +56,7 @@ void Search::OnAnswer(unsigned probe, const NodeDescription& node, TimePoint now
 }
 
 bool Search::IsOver(TimePoint now) const {
-    if (now >= mStart + LONGEST) {
+    if (now >= End()) {
         return true;
     }
     const bool asked = mNextProbe >= FIRST_RESCUE;
@@ -52,14 +65,16 @@ bool Search::IsOver(TimePoint now) const {
 }
 
 TimePoint Search::NextDeadline(TimePoint now) const {
-    TimePoint next = mStart + LONGEST;
-    if (mNextProbe < PROBES.size()) {
-        next = std::min(next, mStart + PROBES[mNextProbe]);
-    }
+    TimePoint next = std::min(End(), NextProbe());
     if (mNextProbe >= FIRST_RESCUE && QuietSince() > now) {
         next = std::min(next, QuietSince());
     }
     return next;
+}
+
+TimePoint Search::End() const {
+    const TimePoint answered = std::max(mLastProbe, mLastNew) + QUIET;
+    return std::min(std::max(mStart + LONGEST, answered), mStart + LONGEST_ON_A_BUSY_HOST);
 }
 
 TimePoint Search::QuietSince() const { return std::max(mLastNew, mStart + PROBES[FIRST_RESCUE - 1]) + QUIET; }

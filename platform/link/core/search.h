@@ -3,6 +3,10 @@
 // Each probe is sent twice, because a lost one costs a device. While every device answers every
 // copy, the network is taken for sound and the search ends early. Where some answers are missing,
 // further copies follow, which name the devices already found so that only the others answer.
+//
+// A busy host sends late and hears late. Probes that are overdue then leave one by one, and the search goes
+// on while answers of new devices come: otherwise it would end before the answers to its last probes are
+// read.
 #pragma once
 
 #include <cstdint>
@@ -20,6 +24,8 @@ namespace lumora_link {
 class Search {
 public:
     static constexpr Milliseconds LONGEST{600};
+    static constexpr Milliseconds LONGEST_ON_A_BUSY_HOST{1000};
+    // The answers to a probe come within this time.
     static constexpr Milliseconds QUIET{100};
 
     // The expected nodes are known to be there and to match.
@@ -45,12 +51,15 @@ public:
 
 private:
     bool EverybodyAnsweredEverything() const;
+    TimePoint NextProbe() const;
     TimePoint QuietSince() const;
+    TimePoint End() const;
 
     const std::string mDeviceType;
     std::set<std::uint64_t> mExpected;
     const TimePoint mStart;
     unsigned mNextProbe = 0;
+    TimePoint mLastProbe;
     TimePoint mLastNew;
     std::map<std::uint64_t, NodeDescription> mFound;
     std::map<std::uint64_t, unsigned> mAnswered;  // bit n: to probe copy n

@@ -42,7 +42,7 @@ void SecuredSessions::Transmit(ConversationId conversation, const Endpoint& to, 
     }
 }
 
-void SecuredSessions::Hang(ConversationId conversation) {
+void SecuredSessions::CloseConversation(ConversationId conversation) {
     const auto at = mConversations.find(conversation);
     if (at == mConversations.end()) {
         return;

@@ -14,7 +14,7 @@
 #include <set>
 #include <string>
 
-#include "platform/link/core/surroundings.h"
+#include "platform/link/core/ports.h"
 #include "platform/link/wire/types.h"
 
 namespace lumora_link {
@@ -52,7 +52,7 @@ public:
     explicit SecuredSessions(Carrier& carrier) : mCarrier(carrier) {}
 
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message, TimePoint now);
-    void Hang(ConversationId conversation);
+    void CloseConversation(ConversationId conversation);
     // The node that was there is gone; what may answer at its endpoint is another.
     void OnPeerGone(const Endpoint& endpoint, TimePoint now);
 

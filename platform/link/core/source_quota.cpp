@@ -42,14 +42,14 @@ void SourceQuota::Move(in_addr_t source, std::size_t from, std::size_t to) {
 }
 
 std::optional<in_addr_t> SourceQuota::WhoYields(in_addr_t source) const {
-    if (Of(source) >= mPerSource) {
+    if (CountOf(source) >= mPerSource) {
         return source;
     }
     return mEntries >= mTotal ? std::make_optional(Largest(source)) : std::nullopt;
 }
 
 in_addr_t SourceQuota::Largest(in_addr_t source) const {
-    const bool other = !mBySize.empty() && mBySize.rbegin()->first > Of(source);
+    const bool other = !mBySize.empty() && mBySize.rbegin()->first > CountOf(source);
     return other ? mBySize.rbegin()->second : source;
 }
 
@@ -59,7 +59,7 @@ void SourceQuota::OnBite(in_addr_t source) {
                      HostText(source).c_str(), mTable, mBites);
 }
 
-std::size_t SourceQuota::Of(in_addr_t source) const {
+std::size_t SourceQuota::CountOf(in_addr_t source) const {
     const auto at = mCounts.find(source);
     return at == mCounts.end() ? 0 : at->second;
 }

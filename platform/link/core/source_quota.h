@@ -1,5 +1,7 @@
-// How many entries of a table each source address has. A table that asks this before it grows gives every
-// address the same share, so that a flood from one address costs only that address its service.
+// Which entries of a bounded table came from which address.
+//
+// Any host can fill a table. A table that asks this before it grows gives every address the same share, so
+// that a flood from one address costs only that address its service.
 #pragma once
 
 #include <netinet/in.h>
@@ -22,6 +24,7 @@ public:
     void Enter(in_addr_t source);
     void Leave(in_addr_t source);
     std::size_t Entries() const { return mEntries; }
+    std::size_t CountOf(in_addr_t source) const;
 
     // The address that has to give up an entry before `source` may have another one: `source` itself if it
     // has its share, the address with most entries if the table is full, nothing if there is room.
@@ -34,7 +37,6 @@ public:
     std::size_t Bites() const { return mBites; }
 
 private:
-    std::size_t Of(in_addr_t source) const;
     void Move(in_addr_t source, std::size_t from, std::size_t to);
 
     const char* const mTable;

@@ -4,17 +4,37 @@
 
 namespace lumora_link {
 
-void UnansweredPeers::Add(const Endpoint& peer, TimePoint now) {
-    if (mPeers.size() >= MAX_PEERS && mPeers.count(peer) == 0) {
-        mPeers.erase(std::min_element(mPeers.begin(), mPeers.end(),
-                                      [](const auto& a, const auto& b) { return a.second < b.second; }));
+namespace {
+
+template <typename Key>
+void Remember(std::map<Key, TimePoint>& times, const Key& key, TimePoint now) {
+    if (times.size() >= UnansweredPeers::MAX_PEERS && times.count(key) == 0) {
+        times.erase(std::min_element(times.begin(), times.end(),
+                                     [](const auto& a, const auto& b) { return a.second < b.second; }));
     }
-    mPeers[peer] = now;
+    times[key] = now;
+}
+
+template <typename Key>
+bool IsRemembered(const std::map<Key, TimePoint>& times, const Key& key, TimePoint now) {
+    const auto at = times.find(key);
+    return at != times.end() && now - at->second < UnansweredPeers::REMEMBERED;
+}
+
+}  // namespace
+
+void UnansweredPeers::Add(const Endpoint& peer, TimePoint now) {
+    Remember(mPeers, peer, now);
+    Remember(mHosts, peer.host, now);
+}
+
+void UnansweredPeers::Remove(const Endpoint& peer) {
+    mPeers.erase(peer);
+    mHosts.erase(peer.host);
 }
 
 bool UnansweredPeers::Contains(const Endpoint& peer, TimePoint now) const {
-    const auto at = mPeers.find(peer);
-    return at != mPeers.end() && now - at->second < REMEMBERED;
+    return IsRemembered(mPeers, peer, now) || IsRemembered(mHosts, peer.host, now);
 }
 
 }  // namespace lumora_link

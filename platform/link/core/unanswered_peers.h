@@ -1,6 +1,9 @@
 // The nodes that left a request unanswered. A stranger that answers searches and pings, but no request, must
 // not cost every later call its whole time: these nodes come last in a search, and a GET to them gets little
 // time.
+//
+// One host can pretend to be many nodes. So all nodes of an address that left a request unanswered are
+// treated like that one, until a node of the address answers a request.
 #pragma once
 
 #include <map>
@@ -16,11 +19,13 @@ public:
 
     void Add(const Endpoint& peer, TimePoint now);
     // It has answered.
-    void Remove(const Endpoint& peer) { mPeers.erase(peer); }
+    void Remove(const Endpoint& peer);
+    // Whether that node, or another of its address, left its latest request unanswered.
     bool Contains(const Endpoint& peer, TimePoint now) const;
 
 private:
     std::map<Endpoint, TimePoint> mPeers;  // and when the request ended
+    std::map<in_addr_t, TimePoint> mHosts;
 };
 
 }  // namespace lumora_link

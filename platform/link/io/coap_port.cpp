@@ -6,8 +6,8 @@
 #include <mutex>
 
 #include "platform/link/io/close_on_exec.h"
-#include "platform/link/io/contain.h"
 #include "platform/link/io/log.h"
+#include "platform/link/io/run_guarded.h"
 #include "platform/link/wire/messages.h"
 
 namespace lumora_link {
@@ -25,9 +25,9 @@ constexpr unsigned SESSION_SECONDS = 30;
 constexpr coap_fixed_point_t NEVER_REPEAT = {600, 0};
 constexpr std::uint16_t UNLIMITED = 1000;
 // libcoap tells that a message was not acknowledged after this time, one repetition, and twice this time.
-constexpr coap_fixed_point_t FIRST_THIRD = {1, 333};
+constexpr coap_fixed_point_t FIRST_THIRD = {1, 233};
 constexpr coap_fixed_point_t EXACTLY = {1, 0};
-static_assert(3 * 1333 <= Network::UNACKNOWLEDGED.count(), "told by then");
+static_assert(3 * 1233 <= Network::UNACKNOWLEDGED.count(), "told by then");
 
 void Log(coap_log_t, const char* message) {
     const int error = errno;
@@ -258,9 +258,9 @@ void CoapPort::Transmit(ConversationId conversation, const Endpoint& to, const C
     }
 }
 
-void CoapPort::Hang(ConversationId conversation) {
+void CoapPort::CloseConversation(ConversationId conversation) {
     if (mPsk) {
-        mSessions.Hang(conversation);
+        mSessions.CloseConversation(conversation);
     } else {
         CloseChannel(conversation);
     }
@@ -411,7 +411,7 @@ void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, c
     const coap_pdu_type_t answerType = coap_pdu_get_type(response);
     // An empty response that is not confirmable is not sent: the real one follows by Reply.
     coap_pdu_set_type(response, COAP_MESSAGE_NON);
-    Contain([&] {
+    RunGuarded([&] {
         const CoapMessage message = MessageOf(request);
         if (MayBeCut(message)) {
             coap_pdu_set_type(response, answerType);
@@ -434,7 +434,7 @@ CoapPort::ChannelId CoapPort::ChannelOf(const coap_session_t* session) {
 
 coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*, const coap_pdu_t* received,
                                      coap_mid_t) {
-    Contain([&] {
+    RunGuarded([&] {
         auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
         const ChannelId channel = ChannelOf(session);
         if (channel == 0) {
@@ -463,7 +463,7 @@ void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t* sent, coap_nack
         return;
     }
     // Told later: libcoap is walking through the very messages that the listener may end.
-    Contain([&] {
+    RunGuarded([&] {
         auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
         if (unacknowledged) {
             port->OnUnacknowledged(channel, sent);
@@ -482,7 +482,7 @@ int CoapPort::OnEvent(coap_session_t* session, coap_event_t event) {
         return 0;
     }
     auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
-    Contain([&] {
+    RunGuarded([&] {
         if (event == COAP_EVENT_DTLS_CONNECTED) {
             port->mConnected.push_back(channel);
         } else if (event == COAP_EVENT_DTLS_ERROR || event == COAP_EVENT_DTLS_CLOSED) {

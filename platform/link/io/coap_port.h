@@ -15,8 +15,8 @@
 #include <set>
 #include <vector>
 
+#include "platform/link/core/ports.h"
 #include "platform/link/core/secured_sessions.h"
-#include "platform/link/core/surroundings.h"
 #include "platform/link/io/psk.h"
 #include "platform/link/wire/types.h"
 
@@ -55,7 +55,7 @@ public:
     TimePoint NextDeadline() const { return mSessions.NextDeadline(); }
 
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message);
-    void Hang(ConversationId conversation);
+    void CloseConversation(ConversationId conversation);
     void OnPeerGone(const Endpoint& endpoint);
     void Reply(ReplyPath path, const CoapMessage& message);
     void Forget(ReplyPath path);

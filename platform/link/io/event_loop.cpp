@@ -8,7 +8,7 @@
 #include <array>
 #include <ctime>
 
-#include "platform/link/io/contain.h"
+#include "platform/link/io/run_guarded.h"
 
 namespace lumora_link {
 
@@ -78,7 +78,7 @@ void EventLoop::RunOnce() {
         const auto watched = mWatched.find(events[static_cast<std::size_t>(at)].data.fd);
         if (watched != mWatched.end()) {
             const Task task = watched->second;
-            Contain(task);
+            RunGuarded(task);
         }
     }
 }
@@ -122,7 +122,7 @@ void EventLoop::RunPosted() {
         tasks.swap(mPosted);
     }
     for (const Task& task : tasks) {
-        Contain(task);
+        RunGuarded(task);
     }
 }
 

@@ -11,8 +11,8 @@
 #include <future>
 
 #include "platform/link/io/close_on_exec.h"
-#include "platform/link/io/contain.h"
 #include "platform/link/io/log.h"
+#include "platform/link/io/run_guarded.h"
 #include "platform/link/io/worker.h"
 
 namespace lumora_link {
@@ -176,9 +176,9 @@ bool NodeIo::Open() {
 
 void NodeIo::Run() {
     while (mRunning) {
-        Contain([this] { Turn(); });
+        RunGuarded([this] { Turn(); });
     }
-    Contain([this] { mCore.Close(Clock::now()); });
+    RunGuarded([this] { mCore.Close(Clock::now()); });
 }
 
 void NodeIo::Turn() {
@@ -270,7 +270,7 @@ void NodeIo::Transmit(ConversationId conversation, const Endpoint& to, const Coa
     mCoap->Transmit(conversation, to, message);
 }
 
-void NodeIo::Hang(ConversationId conversation) { mCoap->Hang(conversation); }
+void NodeIo::CloseConversation(ConversationId conversation) { mCoap->CloseConversation(conversation); }
 
 void NodeIo::OnPeerGone(const Endpoint& endpoint) { mCoap->OnPeerGone(endpoint); }
 

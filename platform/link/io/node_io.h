@@ -53,7 +53,7 @@ private:
 
     void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) override;
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override;
-    void Hang(ConversationId conversation) override;
+    void CloseConversation(ConversationId conversation) override;
     void OnPeerGone(const Endpoint& endpoint) override;
     void Reply(ReplyPath path, const CoapMessage& message) override;
     void Forget(ReplyPath path) override;

@@ -4,7 +4,7 @@
 
 #include <array>
 
-#include "platform/link/core/surroundings.h"
+#include "platform/link/core/ports.h"
 
 namespace lumora_link {
 

@@ -96,6 +96,7 @@ void FakeNode::Send(const LocalInterface& via, const Endpoint& to, const CoapMes
 void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
     Watch(conversation, message);
     mOpen.insert(conversation);
+    mMostOpen = std::max(mMostOpen, mOpen.size());
     FakeNode* listener = mNetwork.ListenerAt(to);
     const Endpoint source{mInterfaces.front().host,
                           static_cast<std::uint16_t>(CONVERSATION_PORT + conversation % 10000)};
@@ -107,7 +108,7 @@ void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const C
     }
     if (!listener->mAlive) {
         mNetwork.At(mNetwork.Now() + USUAL_DELAY, [this, conversation] {
-            if (mAlive && mHung.count(conversation) == 0) {
+            if (mAlive && mClosed.count(conversation) == 0) {
                 mCore.OnRefused(conversation, mNetwork.Now());
             }
         });
@@ -140,15 +141,16 @@ void FakeNode::Watch(ConversationId conversation, const CoapMessage& message) {
     watched->second = {message.messageId, false};
     mNetwork.At(mNetwork.Now() + UNACKNOWLEDGED, [this, conversation, messageId = message.messageId] {
         const auto& [latest, acknowledged] = mWatched.at(conversation);
-        if (mAlive && latest == messageId && !acknowledged && mHung.count(conversation) == 0) {
+        if (mAlive && latest == messageId && !acknowledged && mClosed.count(conversation) == 0) {
             mCore.OnUnacknowledged(conversation, messageId, mNetwork.Now());
         }
     });
 }
 
-void FakeNode::Hang(ConversationId conversation) {
-    mHung.insert(conversation);
-    mOpen.erase(conversation);
+void FakeNode::CloseConversation(ConversationId conversation) {
+    mClosed.insert(conversation);
+    // A real socket is closed when the node has done what is due now.
+    mNetwork.At(mNetwork.Now(), [this, conversation] { mOpen.erase(conversation); });
 }
 
 void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {
@@ -164,7 +166,7 @@ void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {
         if (message.code == code::EMPTY) {
             return;
         }
-        if (way.conversation && way.asker->mHung.count(*way.conversation) == 0) {
+        if (way.conversation && way.asker->mClosed.count(*way.conversation) == 0) {
             way.asker->mCore.OnAnswer(*way.conversation, message, mNetwork.Now());
         } else if (!way.conversation) {
             way.asker->mCore.OnSearchAnswer(message, way.from, mNetwork.Now());

@@ -56,6 +56,7 @@ public:
     unsigned Datagrams() const { return mDatagrams; }
     // Each takes a socket on a real host.
     std::size_t OpenConversations() const { return mOpen.size(); }
+    std::size_t MostOpenConversations() const { return mMostOpen; }
 
 private:
     friend class FakeNetwork;
@@ -78,7 +79,7 @@ private:
     void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) override;
     CoapMessage Rewritten(CoapMessage message) const;
     void Watch(ConversationId conversation, const CoapMessage& message);
-    void Hang(ConversationId conversation) override;
+    void CloseConversation(ConversationId conversation) override;
     void OnPeerGone(const Endpoint&) override {}
     void Reply(ReplyPath path, const CoapMessage& message) override;
     void Forget(ReplyPath path) override;
@@ -95,10 +96,11 @@ private:
     Calls mCalls;
     std::map<ReplyPath, Way> mWays;
     ReplyPath mLastPath = 0;
-    std::set<ConversationId> mHung;
+    std::set<ConversationId> mClosed;
     // Of each conversation: its latest request, and whether anything came back for it.
     std::map<ConversationId, std::pair<std::uint16_t, bool>> mWatched;
     std::set<ConversationId> mOpen;
+    std::size_t mMostOpen = 0;
     std::uint64_t mLastTicket = 0;
     unsigned mDatagrams = 0;
     std::size_t mBytesToStrangers = 0;

@@ -21,7 +21,7 @@ NodeDescription Node(std::uint64_t id, std::uint32_t instance, const char* endpo
 }
 
 struct PeerDirectoryTest : testing::Test {
-    bool Hear(const NodeDescription& node) { return directory.Hear(node, false, now); }
+    bool OnHello(const NodeDescription& node) { return directory.OnHello(node, false, now); }
     void Wait(Milliseconds time) {
         now += time;
         directory.Tick(now);
@@ -35,8 +35,8 @@ struct PeerDirectoryTest : testing::Test {
         return texts;
     }
 
-    void Leave(const NodeIdentity& identity, const char* source) {
-        directory.Leave(identity, inet_addr(source), now);
+    void OnGoodbye(const NodeIdentity& identity, const char* source) {
+        directory.OnGoodbye(identity, inet_addr(source), now);
     }
     bool Pong(std::uint64_t pinged, const NodeDescription& node) {
         return directory.OnPong(pinged, node, now);
@@ -50,18 +50,18 @@ struct PeerDirectoryTest : testing::Test {
 }  // namespace
 
 TEST_F(PeerDirectoryTest, AddsANodeAtFirstSightOnly) {
-    EXPECT_TRUE(Hear(Node(1, 1, "10.0.0.1:1")));
-    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_TRUE(OnHello(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_FALSE(OnHello(Node(1, 1, "10.0.0.1:1")));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
 }
 
 TEST_F(PeerDirectoryTest, DoesNotKnowItself) {
-    EXPECT_FALSE(Hear(Node(OWN_ID, 1, "10.0.0.1:1")));
+    EXPECT_FALSE(OnHello(Node(OWN_ID, 1, "10.0.0.1:1")));
     EXPECT_THAT(Events(), IsEmpty());
 }
 
 TEST_F(PeerDirectoryTest, DoubtsASilentNodeBeforeItRemovesIt) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     Wait(PeerDirectory::DOUBT_AFTER - Milliseconds(1));
     EXPECT_FALSE(directory.Find(1)->doubtedSince);
     Wait(Milliseconds(1));
@@ -78,7 +78,7 @@ TEST_F(PeerDirectoryTest, InACrowdNobodyIsDoubtedForOneLostHello) {
     constexpr std::size_t NODES = PeerDirectory::CROWD + 1;
     const auto hearAll = [this] {
         for (std::uint64_t id = 0; id < NODES; ++id) {
-            Hear(Node(101 + id, 1, ("10.0.0.1:" + std::to_string(101 + id)).c_str()));
+            OnHello(Node(101 + id, 1, ("10.0.0.1:" + std::to_string(101 + id)).c_str()));
         }
     };
     hearAll();
@@ -97,9 +97,9 @@ TEST_F(PeerDirectoryTest, InACrowdNobodyIsDoubtedForOneLostHello) {
 }
 
 TEST_F(PeerDirectoryTest, AWordEndsTheDoubt) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     Wait(PeerDirectory::DOUBT_AFTER);
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     EXPECT_FALSE(directory.Find(1)->doubtedSince);
     Wait(PeerDirectory::GIVE_UP_AFTER - Milliseconds(1));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
@@ -107,51 +107,100 @@ TEST_F(PeerDirectoryTest, AWordEndsTheDoubt) {
 
 TEST_F(PeerDirectoryTest, TellsWhenItWantsToBeAskedNext) {
     EXPECT_EQ(directory.NextDeadline(), TimePoint::max());
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::DOUBT_AFTER);
     Wait(PeerDirectory::DOUBT_AFTER);
     EXPECT_EQ(directory.NextDeadline(), now + PeerDirectory::GIVE_UP_AFTER);
 }
 
 TEST_F(PeerDirectoryTest, AGoodbyeIsBelievedWhenThePortRefusesAndItsInstanceStaysAway) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Leave({1, 1}, "10.0.0.1");
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnGoodbye({1, 1}, "10.0.0.1");
     EXPECT_THAT(Doubted(), ElementsAre(1)) << "to be pinged at once";
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
-    directory.Refuse(1, now);
-    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
-    EXPECT_TRUE(Hear(Node(1, 2, "10.0.0.1:1")));
+    directory.OnPortUnreachable(1, now);
+    EXPECT_FALSE(OnHello(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_TRUE(OnHello(Node(1, 2, "10.0.0.1:1")));
     EXPECT_THAT(Events(), ElementsAre("-1 10.0.0.1:1", "+2 10.0.0.1:1"));
 }
 
 TEST_F(PeerDirectoryTest, AGoodbyeIsBelievedSoonWhenThePingIsNotAnswered) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Leave({1, 1}, "10.0.0.1");
-    Hear(Node(1, 1, "10.0.0.1:1"));  // one that was delayed on its way
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnGoodbye({1, 1}, "10.0.0.1");
+    OnHello(Node(1, 1, "10.0.0.1:1"));  // one that was delayed on its way
     Wait(PeerDirectory::GIVE_UP_AFTER_GOODBYE - Milliseconds(1));
     EXPECT_NE(directory.Find(1), nullptr);
     Wait(Milliseconds(1));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1"));
-    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_FALSE(OnHello(Node(1, 1, "10.0.0.1:1")));
     EXPECT_LE(PeerDirectory::GIVE_UP_AFTER_GOODBYE, Milliseconds(700));
 }
 
+TEST_F(PeerDirectoryTest, AGoodbyeOfAStrangersNodeDoesNotHideTheDeviceWithTheSameIdentity) {
+    OnHello(Node(1, 1, "10.0.0.9:1"));
+    OnGoodbye({1, 1}, "10.0.0.9");
+    directory.OnPortUnreachable(1, now);
+    EXPECT_TRUE(OnHello(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_FALSE(OnHello(Node(1, 1, "10.0.0.9:1")));
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.9:1", "-1 10.0.0.9:1", "+2 10.0.0.1:1"));
+}
+
+TEST_F(PeerDirectoryTest, AStrangersNodeThatAnsweredPingsDoesNotHideTheDeviceWhenItGoes) {
+    OnHello(Node(1, 1, "10.0.0.9:1"));
+    Pong(1, Node(1, 1, "10.0.0.9:1"));
+    OnGoodbye({1, 1}, "10.0.0.9");
+    directory.OnPortUnreachable(1, now);
+    EXPECT_TRUE(OnHello(Node(1, 1, "10.0.0.1:1")));
+}
+
+TEST_F(PeerDirectoryTest, AnEndpointThatRefusedItsFirstPingIsIgnoredForAWhile) {
+    OnHello(Node(1, 1, "10.0.0.9:1"));
+    directory.OnPortUnreachable(1, now);
+    EXPECT_FALSE(OnHello(Node(1, 1, "10.0.0.9:1")));
+    Wait(Milliseconds(10000));
+    EXPECT_TRUE(OnHello(Node(1, 1, "10.0.0.9:1")));
+}
+
+TEST_F(PeerDirectoryTest, AnUnconfirmedNodeThatIsHeardFromAnotherEndpointIsPingedAtOnce) {
+    OnHello(Node(1, 1, "10.0.0.9:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    Wait(Milliseconds(0));
+    EXPECT_THAT(Doubted(), ElementsAre(1));
+    Pong(1, Node(1, 1, "10.0.0.9:1"));
+    Wait(PeerDirectory::ASK_AGAIN_AFTER);
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    Wait(Milliseconds(0));
+    EXPECT_THAT(Doubted(), IsEmpty()) << "a confirmed node is not";
+}
+
+TEST_F(PeerDirectoryTest, AGoodbyeOnEveryNetworkKeepsTheNodeAwayOnEach) {
+    for (const char* endpoint : {"10.0.0.1:1", "11.0.0.1:1"}) {
+        OnHello(Node(1, 1, endpoint));
+    }
+    OnGoodbye({1, 1}, "10.0.0.1");
+    OnGoodbye({1, 1}, "11.0.0.1");
+    directory.OnPortUnreachable(1, now);
+    for (const char* endpoint : {"10.0.0.1:1", "11.0.0.1:1"}) {
+        EXPECT_FALSE(OnHello(Node(1, 1, endpoint)));
+    }
+}
+
 TEST_F(PeerDirectoryTest, ANodeThatAnswersAfterItsGoodbyeStaysAndIsNotGivenUpSoonAfterAnother) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Leave({1, 1}, "10.0.0.1");
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnGoodbye({1, 1}, "10.0.0.1");
     Pong(1, Node(1, 1, "10.0.0.1:1"));
     EXPECT_THAT(Doubted(), IsEmpty());
-    Leave({1, 1}, "10.0.0.1");
+    OnGoodbye({1, 1}, "10.0.0.1");
     Wait(PeerDirectory::DOUBT_AFTER + PeerDirectory::GIVE_UP_AFTER - Milliseconds(1));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
 }
 
 TEST_F(PeerDirectoryTest, ForgedClaimsDoNotMakeANodeAskedWithoutAnEnd) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     int asked = 0;
     for (int count = 0; count < 1000; ++count) {
-        Leave({1, 1}, "10.0.0.1");
-        Hear(Node(1, 9, "10.0.0.9:1"));
+        OnGoodbye({1, 1}, "10.0.0.1");
+        OnHello(Node(1, 9, "10.0.0.9:1"));
         Wait(Milliseconds(1));
         if (!Doubted().empty()) {
             ++asked;
@@ -162,47 +211,47 @@ TEST_F(PeerDirectoryTest, ForgedClaimsDoNotMakeANodeAskedWithoutAnEnd) {
 }
 
 TEST_F(PeerDirectoryTest, AGoodbyeOfAnotherInstanceOrFromElsewhereIsNotBelieved) {
-    Hear(Node(1, 2, "10.0.0.1:1"));
-    Leave({1, 1}, "10.0.0.1");
-    Leave({1, 2}, "10.0.0.9");
+    OnHello(Node(1, 2, "10.0.0.1:1"));
+    OnGoodbye({1, 1}, "10.0.0.1");
+    OnGoodbye({1, 2}, "10.0.0.9");
     EXPECT_NE(directory.Find(1), nullptr);
     EXPECT_THAT(Doubted(), IsEmpty());
 }
 
 TEST_F(PeerDirectoryTest, ALateHelloOfTheInstanceBeforeChangesNothing) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     Pong(1, Node(1, 2, "10.0.0.1:1"));
-    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1")));
+    EXPECT_FALSE(OnHello(Node(1, 1, "10.0.0.1:1")));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
 }
 
 TEST_F(PeerDirectoryTest, ARefusedNodeIsRemovedButMayComeBack) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    directory.Refuse(1, now);
-    EXPECT_TRUE(Hear(Node(1, 1, "10.0.0.2:1")));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    directory.OnPortUnreachable(1, now);
+    EXPECT_TRUE(OnHello(Node(1, 1, "10.0.0.2:1")));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.2:1"));
 }
 
 TEST_F(PeerDirectoryTest, ANodeKeepsItsFirstAddressWhileThatIsAlive) {
     for (int round = 0; round < 10; ++round) {
-        Hear(Node(1, 1, "10.0.0.1:1"));
-        Hear(Node(1, 1, "11.0.0.1:1"));
+        OnHello(Node(1, 1, "10.0.0.1:1"));
+        OnHello(Node(1, 1, "11.0.0.1:1"));
         Wait(Milliseconds(750));
     }
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
 }
 
 TEST_F(PeerDirectoryTest, ANodeWhoseAddressDiesMovesToTheOther) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     for (int round = 0; round < 10; ++round) {
-        Hear(Node(1, 1, "11.0.0.1:1"));
+        OnHello(Node(1, 1, "11.0.0.1:1"));
         Wait(Milliseconds(300));
     }
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 11.0.0.1:1"));
 }
 
 TEST_F(PeerDirectoryTest, ANodeThatOffersSomethingElseIsAnotherDevice) {
-    Hear(Node(1, 1, "10.0.0.1:1", "camera"));
+    OnHello(Node(1, 1, "10.0.0.1:1", "camera"));
     Pong(1, Node(1, 1, "10.0.0.1:1", "reader"));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1", "+2 10.0.0.1:1"));
     EXPECT_THAT(directory.OfType("reader"), SizeIs(1));
@@ -210,42 +259,42 @@ TEST_F(PeerDirectoryTest, ANodeThatOffersSomethingElseIsAnotherDevice) {
 }
 
 TEST_F(PeerDirectoryTest, ANewcomerIsAnnouncedWhenItsNeighboursHaveAnswered) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Hear(Node(2, 1, "10.0.0.2:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(2, 1, "10.0.0.2:1"));
     Events();
-    Hear(Node(3, 1, "10.0.0.1:2"));
+    OnHello(Node(3, 1, "10.0.0.1:2"));
     Wait(Milliseconds(1));
     EXPECT_THAT(Doubted(), ElementsAre(1));
     EXPECT_THAT(Events(), IsEmpty());
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     EXPECT_THAT(Doubted(), IsEmpty());
     EXPECT_THAT(Events(), ElementsAre("+3 10.0.0.1:2"));
 }
 
 TEST_F(PeerDirectoryTest, ANeighbourThatRefusesIsRemovedBeforeTheNewcomerIsAdded) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Hear(Node(2, 1, "10.0.0.1:2"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(2, 1, "10.0.0.1:2"));
     Wait(Milliseconds(1));
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     Events();
-    Hear(Node(3, 1, "10.0.0.1:3"));
+    OnHello(Node(3, 1, "10.0.0.1:3"));
     Wait(Milliseconds(1));
-    directory.Refuse(1, now);
-    Hear(Node(2, 1, "10.0.0.1:2"));
+    directory.OnPortUnreachable(1, now);
+    OnHello(Node(2, 1, "10.0.0.1:2"));
     EXPECT_THAT(Events(), ElementsAre("-1 10.0.0.1:1", "+3 10.0.0.1:3"));
 }
 
 TEST_F(PeerDirectoryTest, ANeighbourOnAnyOfItsAddressesIsSuspected) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Hear(Node(1, 1, "11.0.0.1:1"));
-    Hear(Node(2, 1, "11.0.0.1:2"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "11.0.0.1:1"));
+    OnHello(Node(2, 1, "11.0.0.1:2"));
     Wait(Milliseconds(1));
     EXPECT_THAT(Doubted(), ElementsAre(1));
 }
 
 TEST_F(PeerDirectoryTest, ANewcomerIsNotHeldBackForLong) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Hear(Node(2, 1, "10.0.0.1:2"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(2, 1, "10.0.0.1:2"));
     EXPECT_EQ(directory.NextDeadline(), now);
     Wait(PeerDirectory::HOLD_BACK - Milliseconds(1));
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
@@ -255,15 +304,15 @@ TEST_F(PeerDirectoryTest, ANewcomerIsNotHeldBackForLong) {
 }
 
 TEST_F(PeerDirectoryTest, ANewcomerThatGoesBeforeItIsAnnouncedIsNeverMentioned) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Hear(Node(2, 1, "10.0.0.1:2"));
-    directory.Refuse(2, now);
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(2, 1, "10.0.0.1:2"));
+    directory.OnPortUnreachable(2, now);
     Wait(PeerDirectory::HOLD_BACK);
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
 }
 
 TEST_F(PeerDirectoryTest, ASuspectThatDoesNotAnswerGetsAsLongAsAnySilentNode) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     directory.Suspect(1, now);
     Wait(Milliseconds(0));
     EXPECT_THAT(Doubted(), ElementsAre(1));
@@ -275,15 +324,15 @@ TEST_F(PeerDirectoryTest, ASuspectThatDoesNotAnswerGetsAsLongAsAnySilentNode) {
 
 TEST_F(PeerDirectoryTest, OfManyNeighboursThoseThatWereSilentLongestAreAskedFirst) {
     for (std::uint64_t id = 100; id < 120; ++id) {
-        Hear(Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
+        OnHello(Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
     }
     for (std::uint64_t id = 119; id >= 100; --id) {
         Wait(Milliseconds(30));
-        Hear(Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
+        OnHello(Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
     }
     Wait(PeerDirectory::ASK_AGAIN_AFTER);
     EXPECT_THAT(Doubted(), IsEmpty());
-    Hear(Node(200, 1, "10.0.0.1:200"));
+    OnHello(Node(200, 1, "10.0.0.1:200"));
     Wait(Milliseconds(0));
     EXPECT_THAT(Doubted(), SizeIs(PeerDirectory::ASKED_AT_ONCE));
     EXPECT_THAT(Doubted(), Not(Contains(103))) << "heard after the sixteenth";
@@ -293,8 +342,8 @@ TEST_F(PeerDirectoryTest, OfManyNeighboursThoseThatWereSilentLongestAreAskedFirs
 }
 
 TEST_F(PeerDirectoryTest, AHelloOfAnotherInstanceIsBelievedOnlyFromAPing) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    EXPECT_FALSE(Hear(Node(1, 2, "10.0.0.1:1")));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_FALSE(OnHello(Node(1, 2, "10.0.0.1:1")));
     Wait(Milliseconds(0));
     EXPECT_THAT(Doubted(), ElementsAre(1));
     EXPECT_EQ(directory.Find(1)->node.identity.instance, 1U);
@@ -303,8 +352,8 @@ TEST_F(PeerDirectoryTest, AHelloOfAnotherInstanceIsBelievedOnlyFromAPing) {
 }
 
 TEST_F(PeerDirectoryTest, AHelloThatOffersSomethingElseIsBelievedOnlyFromAPing) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    EXPECT_FALSE(Hear(Node(1, 1, "10.0.0.1:1", "printer")));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_FALSE(OnHello(Node(1, 1, "10.0.0.1:1", "printer")));
     Wait(Milliseconds(0));
     EXPECT_THAT(Doubted(), ElementsAre(1));
     EXPECT_EQ(directory.Find(1)->node.deviceType, "camera");
@@ -313,8 +362,8 @@ TEST_F(PeerDirectoryTest, AHelloThatOffersSomethingElseIsBelievedOnlyFromAPing) 
 }
 
 TEST_F(PeerDirectoryTest, WhoClaimsTheEndpointOfAnotherMustProveIt) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    EXPECT_FALSE(Hear(Node(2, 1, "10.0.0.1:1")));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    EXPECT_FALSE(OnHello(Node(2, 1, "10.0.0.1:1")));
     Wait(Milliseconds(0));
     EXPECT_THAT(Doubted(), ElementsAre(1));
     EXPECT_NE(directory.Find(1), nullptr);
@@ -324,22 +373,22 @@ TEST_F(PeerDirectoryTest, WhoClaimsTheEndpointOfAnotherMustProveIt) {
 }
 
 TEST_F(PeerDirectoryTest, AnAnswerSaysNothingAboutNodesAtOtherEndpoints) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
-    Hear(Node(9, 1, "10.0.0.9:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(9, 1, "10.0.0.9:1"));
     for (const std::uint32_t instance : {1U, 2U}) {
         EXPECT_FALSE(Pong(9, Node(1, instance, "10.0.0.1:1")));
         EXPECT_EQ(directory.Find(1)->node.identity.instance, 1U);
         EXPECT_EQ(EndpointText(directory.Find(1)->node.endpoint), "10.0.0.1:1");
-        Hear(Node(9, 1, "10.0.0.9:1"));
+        OnHello(Node(9, 1, "10.0.0.9:1"));
     }
 }
 
 TEST_F(PeerDirectoryTest, HellosFromElsewhereKeepNobodyAlive) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     for (int count = 0; count < 30; ++count) {
         Wait(Milliseconds(100));
         if (count < 20) {
-            Hear(Node(1, 1, "10.0.0.9:1"));
+            OnHello(Node(1, 1, "10.0.0.9:1"));
         }
     }
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1"));
@@ -347,7 +396,7 @@ TEST_F(PeerDirectoryTest, HellosFromElsewhereKeepNobodyAlive) {
 
 TEST_F(PeerDirectoryTest, ConfirmedNodesAndThenThoseKnownLongestArePingedFirst) {
     for (std::uint64_t id = 1; id <= 5; ++id) {
-        Hear(Node(10 - id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
+        OnHello(Node(10 - id, 1, ("10.0.0.1:" + std::to_string(id)).c_str()));
     }
     Pong(6, Node(6, 1, "10.0.0.1:4"));
     Wait(PeerDirectory::DOUBT_AFTER);
@@ -355,33 +404,34 @@ TEST_F(PeerDirectoryTest, ConfirmedNodesAndThenThoseKnownLongestArePingedFirst) 
 }
 
 TEST_F(PeerDirectoryTest, AFullTableMakesRoomAtTheExpenseOfTheAddressWithTheMostNodes) {
-    Hear(Node(1, 1, "10.0.0.1:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
     Pong(1, Node(1, 1, "10.0.0.1:1"));
-    Hear(Node(2, 1, "10.0.0.2:1"));
+    OnHello(Node(2, 1, "10.0.0.2:1"));
     for (std::uint64_t id = 100; id < 6000; ++id) {
-        Hear(Node(id, 1, ("10.0.0.9:" + std::to_string(id)).c_str()));
+        OnHello(Node(id, 1, ("10.0.0.9:" + std::to_string(id)).c_str()));
     }
     EXPECT_NE(directory.Find(1), nullptr);
     EXPECT_NE(directory.Find(2), nullptr);
     EXPECT_EQ(directory.Find(100), nullptr) << "the oldest of the flood";
-    EXPECT_TRUE(Hear(Node(3, 1, "10.0.0.3:1"))) << "a newcomer of another address";
-    EXPECT_THAT(directory.Peers(), SizeIs(4096));
+    EXPECT_TRUE(OnHello(Node(3, 1, "10.0.0.3:1"))) << "a newcomer of another address";
+    EXPECT_THAT(directory.Peers(), SizeIs(PeerDirectory::MAX_PEERS));
+    EXPECT_EQ(directory.QuotaBites(), 2 + 5900 + 1 - PeerDirectory::MAX_PEERS);
 }
 
 TEST_F(PeerDirectoryTest, ConfirmedNodesAreNotPushedOut) {
     for (std::uint64_t id = 101; id <= 4196; ++id) {
         const NodeDescription node = Node(id, 1, ("10.0.0.1:" + std::to_string(id)).c_str());
-        Hear(node);
+        OnHello(node);
         Pong(id, node);
     }
-    EXPECT_FALSE(Hear(Node(5000, 1, "10.0.0.9:1")));
+    EXPECT_FALSE(OnHello(Node(5000, 1, "10.0.0.9:1")));
     EXPECT_NE(directory.Find(101), nullptr);
 }
 
 TEST_F(PeerDirectoryTest, AFloodOfNodesIsBounded) {
     for (std::uint64_t id = 100; id < 6000; ++id) {
         const auto port = std::to_string(id);
-        Hear(Node(id, 1, ("10.0.0.1:" + port).c_str()));
+        OnHello(Node(id, 1, ("10.0.0.1:" + port).c_str()));
     }
     EXPECT_THAT(directory.Peers(), SizeIs(4096));
 }

@@ -55,6 +55,26 @@ TEST_F(SearchTest, AsksToTheEndWhenNothingAnswers) {
     EXPECT_EQ(SinceStart(), 600);
 }
 
+TEST_F(SearchTest, OverdueProbesLeaveOneByOneAndTheLastOneIsWaitedFor) {
+    Search search("camera", {}, now);
+    EXPECT_EQ(search.TakeDueProbe(now), 0U);
+    now += Milliseconds(590);
+    EXPECT_THAT(Run(search), ElementsAre(590, 620, 650, 680, 710, 740, 770, 800));
+    EXPECT_EQ(SinceStart(), 900);
+}
+
+TEST_F(SearchTest, WhileDevicesTurnUpItGoesOnForASecondAtMost) {
+    Search search("camera", {}, now);
+    Run(search);
+    EXPECT_EQ(SinceStart(), 600);
+    for (std::uint64_t id = 1; id < 100 && SinceStart() < 1000; ++id) {
+        search.OnAnswer(1, Camera(id), now);
+        EXPECT_FALSE(search.IsOver(now));
+        now = std::min(now + Milliseconds(90), start + Search::LONGEST_ON_A_BUSY_HOST);
+    }
+    EXPECT_TRUE(search.IsOver(now));
+}
+
 TEST_F(SearchTest, AMissingAnswerTellsThatDatagramsGetLost) {
     Search search("camera", {}, now);
     Run(search, [&](unsigned probe) {

@@ -57,7 +57,7 @@ struct SecuredSessionsTest : testing::Test, SecuredSessions::Carrier {
         Ask(conversation, "first", PEER);
         sessions.OnConnected(session, now);
         EXPECT_EQ(sessions.OnAnswer(session, "first", now), conversation);
-        sessions.Hang(conversation);
+        sessions.CloseConversation(conversation);
         written.clear();
         probed.clear();
     }
@@ -91,7 +91,7 @@ TEST_F(SecuredSessionsTest, LaterRequestsUseTheSessionThatIsThere) {
         const std::string token = std::to_string(conversation);
         Ask(conversation, token);
         EXPECT_EQ(sessions.OnAnswer(1, token, now), conversation);
-        sessions.Hang(conversation);
+        sessions.CloseConversation(conversation);
         After(seconds(1));
     }
     EXPECT_THAT(opened, ElementsAre(1));
@@ -196,7 +196,7 @@ TEST_F(SecuredSessionsTest, ARequestIsAnsweredByItsSessionThoughANewerOneIsThere
     Ask(2, "b");
     EXPECT_THAT(written, ElementsAre("1 b", "2 c", "1 b"));
     EXPECT_EQ(sessions.OnAnswer(1, "b", now), 2U);
-    sessions.Hang(2);
+    sessions.CloseConversation(2);
     After(Milliseconds(1));
     EXPECT_THAT(closed, ElementsAre(1));
 }
@@ -236,7 +236,7 @@ TEST_F(SecuredSessionsTest, IdleAndOldSessionsAreClosed) {
     for (auto age = seconds(0); age < SecuredSessions::OLDEST; age += seconds(10)) {
         Ask(3, "c");
         sessions.OnAnswer(2, "c", now);
-        sessions.Hang(3);
+        sessions.CloseConversation(3);
         After(seconds(10));
     }
     EXPECT_THAT(closed, ElementsAre(1, 2));
@@ -260,7 +260,7 @@ TEST_F(SecuredSessionsTest, BeyondTheirNumberTheLongestUnusedMakesRoom) {
         }
         sessions.OnConnected(host, now);
         sessions.OnAnswer(host, std::to_string(host), now);
-        sessions.Hang(host);
+        sessions.CloseConversation(host);
         now += Milliseconds(1);
     }
     EXPECT_EQ(sessions.Sessions(), SecuredSessions::MAX_SESSIONS);
@@ -274,7 +274,7 @@ TEST_F(SecuredSessionsTest, WhereAllAreInUseOthersWait) {
     EXPECT_THAT(opened, SizeIs(SecuredSessions::MAX_SESSIONS));
     sessions.OnConnected(1, now);
     sessions.OnAnswer(1, "1", now);
-    sessions.Hang(1);
+    sessions.CloseConversation(1);
     After(SecuredSessions::RETRY);
     EXPECT_THAT(closed, ElementsAre(1));
 }
@@ -283,7 +283,7 @@ TEST_F(SecuredSessionsTest, TheNextTryIsDueWhileSomebodyWaitsAndNeverOtherwise) 
     EXPECT_EQ(sessions.NextDeadline(), TimePoint::max());
     Ask(1, "a");
     EXPECT_EQ(sessions.NextDeadline(), now + SecuredSessions::RETRY);
-    sessions.Hang(1);
+    sessions.CloseConversation(1);
     EXPECT_EQ(sessions.NextDeadline(), TimePoint::max());
 }
 

@@ -1,4 +1,4 @@
-// What a node knows of itself, and the labels that it puts on its messages.
+// The node of this handle, and the numbers by which its messages are told apart.
 #pragma once
 
 #include <algorithm>
@@ -6,26 +6,26 @@
 #include <string>
 #include <vector>
 
-#include "platform/link/core/surroundings.h"
+#include "platform/link/core/ports.h"
 #include "platform/link/wire/byte_reader.h"
 #include "platform/link/wire/types.h"
 
 namespace lumora_link {
 
-struct Self {
+struct LocalNode {
     NodeIdentity identity;
     std::optional<std::string> deviceType;
     std::vector<LocalInterface> interfaces;
     std::uint16_t port = 0;
-    // Holds a key: speaks with those who hold it too, and with nobody else.
+    // The node holds a key. It speaks only with nodes that hold the same one.
     bool secured = false;
 
-    // As seen by those who reach it through that address of this host.
+    // As nodes see it that reach it through that address of this host.
     NodeDescription DescribedAt(in_addr_t host) const {
         return {identity, {host, port}, deviceType, secured};
     }
 
-    // Other hosts cannot send in the name of these.
+    // No other host can send from these addresses.
     bool IsOwn(in_addr_t host) const {
         return LocalInterface::IsLoopback(host) ||
                std::any_of(interfaces.begin(), interfaces.end(),
@@ -42,20 +42,20 @@ struct Self {
     }
 };
 
-class Labels {
+class IdSource {
 public:
-    explicit Labels(RandomSource& random)
+    explicit IdSource(RandomSource& random)
         : mRandom(random), mMessageId(static_cast<std::uint16_t>(random.Next())) {}
 
     ConversationId NextConversation() { return ++mConversation; }
     std::uint16_t NextMessageId() { return ++mMessageId; }
-    // Not to be guessed by those who do not see the request.
+    // A host that does not see the request cannot guess its token.
     std::string NextToken() {
         std::string token;
         AppendBigEndian(token, mRandom.Next(), 8);
         return token;
     }
-    // Tells this node's requests to one device from those that others send in its name.
+    // Tells this node's requests to one device from those that strangers send under its id.
     std::uint64_t NextSecret() { return std::max<std::uint64_t>(mRandom.Next(), 1); }
     // Spreads what many nodes would otherwise send at the same moment.
     Milliseconds Jitter(Milliseconds upTo) {

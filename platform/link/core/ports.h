@@ -1,5 +1,5 @@
-// What a node's protocol logic needs from outside. The real network and the application's threads
-// stand behind these; tests put a network of their own there, and a clock.
+// The interfaces by which a node's protocol logic reaches the network, the application and the random
+// numbers. Tests implement them with a network in the process and a clock of their own.
 #pragma once
 
 #include <cstdint>
@@ -25,12 +25,12 @@ public:
 
     // How long no copy of a request may go without an acknowledgement before NodeCore::OnUnacknowledged is
     // told. Without a key only; nothing is told of pings.
-    static constexpr Milliseconds UNACKNOWLEDGED{4000};
+    static constexpr Milliseconds UNACKNOWLEDGED{3700};
 
     // Opens the conversation when it is new. A request may leave once more than it was given, with the same
     // id.
     virtual void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) = 0;
-    virtual void Hang(ConversationId conversation) = 0;
+    virtual void CloseConversation(ConversationId conversation) = 0;
     // The node that was there has been removed: what was kept of it is of no use to another.
     virtual void OnPeerGone(const Endpoint& endpoint) = 0;
 
