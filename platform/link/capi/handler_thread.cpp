@@ -2,9 +2,9 @@
 
 #include <exception>
 
-#include "platform/link/io/log.h"
 #include "platform/link/io/run_guarded.h"
 #include "platform/link/io/worker.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

@@ -4,7 +4,7 @@
 #include "platform/link/capi/platform_handle.h"
 #include "platform/link/capi/resource_proxy.h"
 #include "platform/link/io/coap_port.h"
-#include "platform/link/io/log.h"
+#include "platform/link/log.h"
 
 #define LINK_EXPORT __attribute__((visibility("default")))
 

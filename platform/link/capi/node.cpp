@@ -1,8 +1,8 @@
 #include "platform/link/capi/node.h"
 
 #include "platform/link/capi/handler_call.h"
-#include "platform/link/io/log.h"
 #include "platform/link/io/run_guarded.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "platform/link/capi/resource_proxy.h"
-#include "platform/link/io/log.h"
 #include "platform/link/io/system_random.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "platform/link/io/log.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

@@ -1,6 +1,6 @@
 #include "platform/link/core/source_quota.h"
 
-#include "platform/link/io/log.h"
+#include "platform/link/log.h"
 #include "platform/link/wire/types.h"
 
 namespace lumora_link {

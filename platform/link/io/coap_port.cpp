@@ -6,8 +6,8 @@
 #include <mutex>
 
 #include "platform/link/io/close_on_exec.h"
-#include "platform/link/io/log.h"
 #include "platform/link/io/run_guarded.h"
+#include "platform/link/log.h"
 #include "platform/link/wire/messages.h"
 
 namespace lumora_link {

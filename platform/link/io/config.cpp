@@ -4,7 +4,7 @@
 
 #include <charconv>
 
-#include "platform/link/io/log.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <optional>
 
-#include "platform/link/io/log.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

@@ -11,9 +11,9 @@
 #include <future>
 
 #include "platform/link/io/close_on_exec.h"
-#include "platform/link/io/log.h"
 #include "platform/link/io/run_guarded.h"
 #include "platform/link/io/worker.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

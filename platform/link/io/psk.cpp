@@ -5,8 +5,8 @@
 
 #include <array>
 
-#include "platform/link/io/log.h"
 #include "platform/link/io/unique_fd.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

@@ -4,7 +4,7 @@
 #include <exception>
 #include <new>
 
-#include "platform/link/io/log.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

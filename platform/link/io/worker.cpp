@@ -4,7 +4,7 @@
 
 #include <csignal>
 
-#include "platform/link/io/log.h"
+#include "platform/link/log.h"
 
 namespace lumora_link {
 

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 
 namespace lumora_cli {
@@ -59,7 +60,9 @@ thread_local std::array<char, 200> t_cause = {};
 
 void RememberCause(const char* text) {
     if (t_cause[0] == '\0') {
-        std::snprintf(t_cause.data(), t_cause.size(), "%s", text);
+        const std::size_t length = strnlen(text, t_cause.size() - 1);
+        std::memcpy(t_cause.data(), text, length);
+        t_cause[length] = '\0';
     }
 }
 
