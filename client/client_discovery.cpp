@@ -129,53 +129,62 @@ int LumoraClientModule::OnAddDevice(unsigned int id, const std::string& addr, in
     return 0;
 }
 
+// Everything is forgotten before the application is told, because it may search and connect again on another
+// thread as soon as its callback runs.
 int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, int port, const std::string&) {
     LUMORA_TRACE("Enter\n");
     const MutexLock delivery(mDeliveryMutex);
     LUMORA_STATE("Received request to remove device[%s:%d].\n", addr.c_str(), port);
     RemoteDevices::Departed departed;
+    ClientRegistry::Disconnected disconnected;
+    std::optional<int> destroyed;
     {
         const MutexLock lock(mMutex);
         departed = mDevices.FindDeparted(addr, port);
+        if (!departed.isKnown) {
+            LUMORA_ERROR("device addr : %s is not the one we conncted!!\n", addr.c_str());
+            return -1;
+        }
+        LUMORA_DETAIL("We will clear %s 's resource, handle = %d!\n", departed.serviceType.c_str(),
+                      static_cast<int>(departed.handle));
+        if (departed.handle != 0) {  // 0 stands in the records of all clients that are not connected
+            disconnected = mClients.DisconnectAll(departed.handle);
+        }
+        mDevices.Forget(addr, port, departed);
+        destroyed = DestoryTransportOf(departed.handle);
     }
-    if (!departed.isKnown) {
-        LUMORA_ERROR("device addr : %s is not the one we conncted!!\n", addr.c_str());
-        return -1;
-    }
-    LUMORA_DETAIL("We will clear %s 's resource, handle = %d!\n", departed.serviceType.c_str(),
-                  static_cast<int>(departed.handle));
-    if (departed.handle != 0) {  // 0 stands in the records of all clients that are not connected
-        NotifyDeviceRemoved(departed.handle);
-    }
-    const MutexLock lock(mMutex);
-    mDevices.Forget(addr, port, departed);
-    const auto transport = mTransportMap.find(departed.handle);
-    if (transport == mTransportMap.end()) {
+    NotifyDeviceRemoved(disconnected);
+    if (!destroyed) {
         LUMORA_ERROR("This Handle no transport.\n");
         return 0;
     }
-    if (transport->second->DestoryTransports() != 0) {  // closes the sending socket, waits for nothing
+    if (*destroyed != 0) {
         LUMORA_ERROR("DestoryTransports!\n");
         return -1;
     }
-    mTransportMap.erase(transport);
     LUMORA_TRACE("Out\n");
     return 0;
 }
 
-void LumoraClientModule::NotifyDeviceRemoved(unsigned int handle) {
-    for (const unsigned int id : ClientInstances()) {
-        const int clientID = static_cast<int>(id);
-        const std::optional<LUM_EVENT_CALLBACK> callback =
-            mClients.EventCallbackIfConnected(clientID, handle);
-        if (!callback) {
-            continue;
-        }
-        if (*callback != nullptr) {
+// None if the handle has no transport. Closes the sending socket, and waits for nothing.
+std::optional<int> LumoraClientModule::DestoryTransportOf(unsigned int handle) {
+    const auto transport = mTransportMap.find(handle);
+    if (transport == mTransportMap.end()) {
+        return std::nullopt;
+    }
+    const int ret = transport->second->DestoryTransports();
+    if (ret == 0) {
+        mTransportMap.erase(transport);
+    }
+    return ret;
+}
+
+void LumoraClientModule::NotifyDeviceRemoved(const ClientRegistry::Disconnected& clients) {
+    for (const auto& [clientID, callback] : clients) {
+        if (callback != nullptr) {
             const lumora::CallbackScope scope(lumora::Side::CLIENT);
-            (*callback)(clientID, LUM_EVENT_DEVICE_REMOVED);
+            callback(clientID, LUM_EVENT_DEVICE_REMOVED);
         }
-        mClients.Disconnect(clientID, handle);
     }
 }
 

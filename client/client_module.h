@@ -5,6 +5,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -105,7 +106,8 @@ private:
 
     void AskForServices(const std::list<std::shared_ptr<lumora::LinkDevice>>& devices, SearchResult& result,
                         LUM_DEVICES_INFO_S& devsInfo) EXCLUDES(mMutex);
-    void NotifyDeviceRemoved(unsigned int handle) REQUIRES(mDeliveryMutex) EXCLUDES(mMutex);
+    static void NotifyDeviceRemoved(const ClientRegistry::Disconnected& clients);
+    std::optional<int> DestoryTransportOf(unsigned int handle) REQUIRES(mMutex);
 
     RemoteDevices::Resolved Resolve(unsigned int handle) EXCLUDES(mMutex);
 

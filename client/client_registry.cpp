@@ -76,30 +76,17 @@ bool ClientRegistry::SetConnectedHandle(int clientID, unsigned int handle) {
     return true;
 }
 
-void ClientRegistry::Disconnect(int clientID, unsigned int handle) {
+ClientRegistry::Disconnected ClientRegistry::DisconnectAll(unsigned int handle) {
+    Disconnected disconnected;
     const MutexLock lock(mMutex);
-    LumoraClientManager* client = Find(clientID);
-    if (client != nullptr && client->connectedHandle == handle) {
-        client->connectedHandle = 0;
-    }
-}
-
-void ClientRegistry::DisconnectAll(unsigned int handle) {
-    const MutexLock lock(mMutex);
+    disconnected.reserve(mClientManagerMap.size());  // throws, if at all, before anything has changed
     for (const auto& [clientID, client] : mClientManagerMap) {
         if (client->connectedHandle == handle) {
             client->connectedHandle = 0;
+            disconnected.emplace_back(static_cast<int>(clientID), client->eventCallback);
         }
     }
-}
-
-std::optional<LUM_EVENT_CALLBACK> ClientRegistry::EventCallbackIfConnected(int clientID,
-                                                                           unsigned int handle) {
-    const MutexLock lock(mMutex);
-    const LumoraClientManager* client = Find(clientID);
-    return client != nullptr && client->connectedHandle == handle
-               ? std::optional<LUM_EVENT_CALLBACK>(client->eventCallback)
-               : std::nullopt;
+    return disconnected;
 }
 
 Recipients ClientRegistry::RecipientsOf(const ServerFrame& frame) {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "base/mutex.h"
@@ -52,12 +53,11 @@ public:
     std::optional<unsigned int> ConnectedHandle(int clientID);
     // False when there is no such client.
     bool SetConnectedHandle(int clientID, unsigned int handle);
-    // The client is no longer connected, if it still was to handle.
-    void Disconnect(int clientID, unsigned int handle);
-    void DisconnectAll(unsigned int handle);
+    // The clients that were connected to handle are no longer connected. Returns them in ascending order,
+    // each with its event callback, which is null if it has registered none.
+    using Disconnected = std::vector<std::pair<int, LUM_EVENT_CALLBACK>>;
+    Disconnected DisconnectAll(unsigned int handle);
 
-    // The event callback of a client that is connected to handle, null when it has none; none for others.
-    std::optional<LUM_EVENT_CALLBACK> EventCallbackIfConnected(int clientID, unsigned int handle);
     // Looks up all recipients in one step: what happens to a client later changes nothing for this frame.
     Recipients RecipientsOf(const ServerFrame& frame);
 

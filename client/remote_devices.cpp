@@ -142,14 +142,8 @@ RemoteDevices::Departed RemoteDevices::FindDeparted(const std::string& addr, int
 
 void RemoteDevices::Forget(const std::string& addr, int port, const Departed& departed) {
     mLeftWhileAsking.insert(AddressKey(addr, port));
-    const auto device = mServiceDevMap.find(departed.serviceType);
-    if (device != mServiceDevMap.end() && device->second == departed.device) {
-        mServiceDevMap.erase(device);
-    }
-    const auto type = mHandleServiceMap.find(departed.handle);
-    if (type != mHandleServiceMap.end() && type->second == departed.serviceType) {
-        mHandleServiceMap.erase(type);
-    }
+    mServiceDevMap.erase(departed.serviceType);
+    mHandleServiceMap.erase(departed.handle);
 }
 
 }  // namespace lumoraAiModule

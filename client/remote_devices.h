@@ -61,10 +61,9 @@ public:
         bool isKnown = false;  // false when no search has found a device at its address
         std::string serviceType;
         unsigned int handle = 0;                     // the type's lowest handle, 0 without one
-        std::shared_ptr<lumora::LinkDevice> device;  // null when it was forgotten before
+        std::shared_ptr<lumora::LinkDevice> device;  // for the caller to release without its lock
     };
     Departed FindDeparted(const std::string& addr, int port) const;
-    // Forgets what FindDeparted found, as far as it has not been replaced since.
     void Forget(const std::string& addr, int port, const Departed& departed);
 
 private:

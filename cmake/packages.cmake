@@ -95,7 +95,7 @@ install(DIRECTORY python/lumora DESTINATION ${python_folder} COMPONENT python
     FILES_MATCHING PATTERN "*.py" PATTERN py.typed PATTERN __pycache__ EXCLUDE)
 install(FILES ${PROJECT_BINARY_DIR}/lumora.egg-info DESTINATION ${python_folder}
     RENAME lumora-${PROJECT_VERSION}.egg-info COMPONENT python)
-install(FILES examples/python/device.py examples/python/client.py
+install(FILES examples/python/device.py examples/python/client.py examples/python/sensor.py
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-lumora/examples COMPONENT python)
 
 set(CPACK_DEBIAN_DOC_PACKAGE_NAME lumora-doc)

@@ -1,6 +1,5 @@
 #include "text_recognizer.h"
 
-#include <leptonica/allheaders.h>
 #include <tesseract/baseapi.h>
 #include <tesseract/ocrclass.h>
 
@@ -9,69 +8,18 @@
 #include <stdexcept>
 #include <vector>
 
+#include "picture.h"
+
 namespace text_reader {
 
 namespace {
-
-// A4 at 600 dots per inch. A small file can claim any size, and its pixels all have to be held.
-constexpr std::int64_t MAX_PIXELS = 35'000'000;
-
-// For pictures that do not say how fine they are; Tesseract guesses badly and says so each time.
-constexpr int USUAL_DOTS_PER_INCH = 300;
-
-struct PixDestroyer {
-    void operator()(Pix* pix) const { pixDestroy(&pix); }
-};
-using PixOwner = std::unique_ptr<Pix, PixDestroyer>;
-
-const unsigned char* Bytes(const std::string& picture) {
-    return reinterpret_cast<const unsigned char*>(picture.data());
-}
-
-void RequirePngOrJpeg(const std::string& picture) {
-    constexpr std::size_t MAGIC_LENGTH = 12;
-    int format = IFF_UNKNOWN;
-    const bool known = picture.size() >= MAGIC_LENGTH && findFileFormatBuffer(Bytes(picture), &format) == 0;
-    if (!known || (format != IFF_PNG && format != IFF_JFIF_JPEG)) {
-        throw std::runtime_error("this is no picture that can be read: send a PNG or a JPEG file");
-    }
-}
-
-// Before anything is decoded.
-void RequireSaneSize(const std::string& picture) {
-    int width = 0;
-    int height = 0;
-    if (pixReadHeaderMem(Bytes(picture), picture.size(), nullptr, &width, &height, nullptr, nullptr,
-                         nullptr) != 0) {
-        throw std::runtime_error("the picture is damaged: its head cannot be read");
-    }
-    if (std::int64_t{width} * height > MAX_PIXELS) {
-        throw std::runtime_error("the picture has " + std::to_string(width) + " x " + std::to_string(height) +
-                                 " pixels: scale it down to " + std::to_string(MAX_PIXELS) + " or fewer");
-    }
-}
-
-PixOwner Decode(const std::string& picture) {
-    RequirePngOrJpeg(picture);
-    RequireSaneSize(picture);
-    PixOwner pix(pixReadMem(Bytes(picture), picture.size()));
-    if (pix == nullptr) {
-        throw std::runtime_error("the picture is damaged: it cannot be decoded");
-    }
-    if (pixGetXRes(pix.get()) <= 0) {
-        pixSetResolution(pix.get(), USUAL_DOTS_PER_INCH, USUAL_DOTS_PER_INCH);
-    }
-    return pix;
-}
 
 bool IsCancelled(void* flag, int) { return *static_cast<std::atomic<bool>*>(flag); }
 
 }  // namespace
 
 TextRecognizer::TextRecognizer(const std::string& language, std::chrono::milliseconds limit)
-    : mLimit(limit), mTesseract(Load(language)) {
-    setMsgSeverity(L_SEVERITY_NONE);  // what is wrong with a picture goes to who sent it
-}
+    : mLimit(limit), mTesseract(Load(language)) {}
 
 TextRecognizer::~TextRecognizer() = default;
 
@@ -122,7 +70,7 @@ void TextRecognizer::RequireGoingOn() const {
 
 std::string TextRecognizer::Read(const std::string& picture) {
     RequireGoingOn();
-    const PixOwner pix = Decode(picture);
+    const PixOwner pix = DecodePicture(picture);
     tesseract::ETEXT_DESC monitor;
     monitor.cancel = IsCancelled;
     monitor.cancel_this = &mCancelled;

@@ -114,6 +114,8 @@ class Document:
         if verb.startswith("examples/"):
             if content != (self.sources / verb).read_text():
                 raise Fault(f"this is not what {verb} says: copy the file's text")
+            (self.folder / verb).parent.mkdir(parents=True, exist_ok=True)
+            (self.folder / verb).write_text(content)
         elif verb == "file":
             (self.folder / rest[0]).write_text(content)
         elif rest and not os.environ.get(OWN_NAMES):

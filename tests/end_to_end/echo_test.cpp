@@ -26,11 +26,6 @@ public:
 class CppEchoDevice : public EchoDevice {
 public:
     CppEchoDevice() : EchoDevice(CPP_DEVICE_PROGRAM) {}
-
-    int End() {
-        CloseInput();
-        return WaitForEnd();
-    }
 };
 
 void ExpectEcho(const std::string& text, const std::string& program = CLIENT_PROGRAM) {
@@ -83,6 +78,26 @@ TEST(EchoTest, DeviceInCppServesClientsInBoth) {
     ExpectEcho("from C++", CPP_CLIENT_PROGRAM);
     device.WaitForLine("client 1 subscribed to echo");
     EXPECT_EQ(0, device.End());
+}
+
+// As a service, or behind "&" in a script: there is nothing to read.
+TEST(EchoTest, DevicesWithoutInputGoOnUntilTheyAreEnded) {
+    for (const char* program : {DEVICE_PROGRAM, CPP_DEVICE_PROGRAM}) {
+        EchoDevice device(program);
+        device.CloseInput();
+        ExpectEcho("still there");
+        EXPECT_EQ(0, device.End());
+    }
+}
+
+TEST(EchoTest, DevicesWithClosedInputGoOnUntilTheyAreEnded) {
+    for (const std::string program : {DEVICE_PROGRAM, CPP_DEVICE_PROGRAM}) {
+        Process device({"/bin/sh", "-c", "exec \"$0\" <&-", program});
+        device.WaitForLine("ready");
+        ExpectEcho("still there");
+        device.Signal(SIGTERM);
+        EXPECT_EQ(0, device.WaitForEnd());
+    }
 }
 
 TEST(EchoTest, ClientWithoutDeviceFails) {

@@ -120,7 +120,7 @@ END
     connect "after a dead idle channel, $1"
 }
 
-make_bridge || exit 77
+make_bridge || skip "bridges are not permitted here"
 make_host 1
 make_host 2
 export LUMORA_LINK_INTERFACE=eth0

@@ -63,6 +63,14 @@ protected:
         return path;
     }
 
+    // As a camera stores the page that was held so, with an EXIF orientation from 1 to 8.
+    std::string Turn(const std::string& page, int orientation) {
+        const std::string path = mFolder / "turned.jpg";
+        Process turner({TURNED_PAGE_PROGRAM, page, path, std::to_string(orientation)});
+        EXPECT_EQ(0, turner.WaitForEnd());
+        return path;
+    }
+
     std::string Write(const std::string& bytes) {
         const std::string path = mFolder / "file.png";
         std::ofstream(path, std::ios::binary) << bytes;
@@ -126,6 +134,18 @@ TEST_F(TextTest, ClientShowsTextInPictureAndEveryStep) {
     EXPECT_THAT(client.Output(),
                 HasSubstr("text-reader: service \"text\", transport tcp, up to 1024000 bytes"));
     EXPECT_THAT(client.Output(), HasSubstr("here 1.1.1, device 1.1.1"));
+    EXPECT_EQ(0, device.End());
+}
+
+TEST_F(TextTest, PhotographsAreReadHoweverTheCameraWasHeld) {
+    constexpr int UPRIGHT = 1;
+    constexpr int LAST = 8;
+    const std::string page = Render(PAGE);
+    TextReader device;
+    for (int orientation = UPRIGHT; orientation <= LAST; ++orientation) {
+        SCOPED_TRACE(orientation);
+        ExpectPageRead(Turn(page, orientation));
+    }
     EXPECT_EQ(0, device.End());
 }
 

@@ -55,7 +55,7 @@ text_in_a_picture() {
     end_device
 }
 
-make_bridge || exit 77
+make_bridge || skip "bridges are not permitted here"
 make_host 1
 make_host 2
 export LUMORA_LINK_INTERFACE=eth0

@@ -127,7 +127,7 @@ end_devices() {
 
 check_quietly() { [ "$2" = "$3" ] || check "$@"; }
 
-make_bridge || exit 77
+make_bridge || skip "bridges are not permitted here"
 for host in 1 2 3 4; do
     make_host "$host"
 done

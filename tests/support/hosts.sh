@@ -6,11 +6,17 @@ hosts=()     # process that keeps the namespace of host N
 children=()
 failures=0
 
+# skip REASON: the runner shows it.
+skip() {
+    echo "$*"
+    exit 77
+}
+
 # enter_own_network [ARGUMENT...]: runs the calling script again with these, in a namespace that joins the
 # hosts. Ends with 77 where namespaces are not permitted.
 enter_own_network() {
     if [ -z "${IN_OWN_NETWORK:-}" ]; then
-        unshare -n true 2>/dev/null || exit 77
+        unshare -n true 2>/dev/null || skip "network namespaces are not permitted here"
         exec env IN_OWN_NETWORK=1 unshare -n "$0" "$@"
     fi
     work=$(mktemp -d)

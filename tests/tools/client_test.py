@@ -223,6 +223,20 @@ class Send(LumoraCase):
         self.assertIn("standard input", text)
         self.assertRegex(text, r"\r\x1b\[Klumora: [\d.]+ \w+ sent in [\d,]+ blocks\r\n$")
 
+    def test_answers_begin_on_a_line_without_progress(self):
+        self.device("archive", "--echo")
+        words = ["--lines", "--await", "echo", "--format", "answer %p"]
+        sending = self.on_terminal("send", "archive", "-", *words, stdin=subprocess.PIPE)
+        number = 0
+        while "B/s" not in sending.text:
+            number += 1
+            sending.process.stdin.write(f"{number}\n".encode())
+            sending.process.stdin.flush()
+            sending.read_until(f"answer {number}\r\n")
+        sending.process.stdin.close()
+        sending.process.stdin = None
+        self.assertIn(f"\r\x1b[Kanswer {number}\r\n", sending.text)
+
     def test_shows_a_bar_where_the_whole_is_known(self):
         self.device("archive", "--service", "none")
         folder = self.folder()

@@ -8,6 +8,7 @@ import shutil
 import subprocess
 import unittest
 
+from child_process import ChildProcess
 from lumora_case import LIMIT, LumoraCase
 
 PROGRAM = os.environ["LUMORA_PLATFORM_CHECK"]
@@ -74,6 +75,30 @@ class OurLibraries(LumoraCase):
         self.assertRegex(result.stdout, r"\n\d\d rules hold, 0 deviate\.\n$")
         for area in ["library", "handle", "search", "proxy", "get", "change", "threads", "events", "log", "securec"]:
             self.assertRegex(result.stdout, rf"(?m)^ok        {area} ")
+
+
+@unittest.skipUnless(os.environ.get("LUMORA_PLATFORM_SKELETON"), "built without the examples")
+class Skeleton(LumoraCase):
+    """The example from which others begin a platform library of their own."""
+
+    def test_keeps_every_rule(self):
+        result = check(os.environ["LUMORA_PLATFORM_SKELETON"], "--thorough")
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.stdout)
+        self.assertRegex(result.stdout, r"\n\d\d rules hold, 0 deviate\.\n$")
+
+    def test_carries_a_device_and_a_client(self):
+        folder = str(pathlib.Path(os.environ["LUMORA_PLATFORM_SKELETON"]).parent)
+        environment = {**os.environ, "LD_LIBRARY_PATH": folder}
+        programs = os.environ["LUMORA_EXAMPLES"]
+        device = ChildProcess([programs + "/device"], env=environment)
+        self.addCleanup(device.close)
+        self.assertEqual(device.line(), "ready; Ctrl-C ends it")
+        self.assertIn(folder, pathlib.Path(f"/proc/{device.process.pid}/maps").read_text(encoding="utf-8"))
+        result = subprocess.run(
+            [programs + "/client", "over another platform"],
+            env=environment, capture_output=True, text=True, timeout=LIMIT, check=False,
+        )
+        self.assertEqual((result.returncode, result.stdout), (0, "echo: over another platform\n"), result)
 
 
 class Deviations(LumoraCase):

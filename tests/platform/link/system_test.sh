@@ -354,11 +354,11 @@ decoded() {
         "$(tshark -r "$work/traffic" -d udp.port==1-65535,coap -Y '_ws.malformed || _ws.expert.severity==8388608' 2>/dev/null | wc -l)" 0
 }
 
-make_bridge || exit 77
+make_bridge || skip "bridges are not permitted here"
 for host in 1 2 3 4 5; do
     make_host $host
 done
-nft list ruleset >/dev/null 2>&1 || exit 77
+nft list ruleset >/dev/null 2>&1 || skip "nft is missing, or not permitted here"
 [ $# -gt 0 ] ||
     set -- five_hosts killed_and_cut blocked_multicast foreign_client late_and_moved both_sides time_limits
 [ "$1" != long ] || set -- lossy two_hundred decoded never_answered hour_in_short secured_lossy

@@ -95,7 +95,7 @@ private:
         while (std::optional<std::string> block = NextBlock(file, sum)) {
             SendBlock(file.Name(), *block, sum);
             if (mOptions.lines) {
-                PrintAnswer(mSession, mOptions.await, mWriter);
+                Answer();
             }
         }
         if (sum.blocks == 0) {
@@ -141,8 +141,13 @@ private:
                 JsonObject().Add("file", path).Add("blocks", sum.blocks).Add("bytes", sum.bytes).Text());
         }
         if (!mOptions.lines || path.empty()) {
-            PrintAnswer(mSession, mOptions.await, mWriter);
+            Answer();
         }
+    }
+
+    void Answer() {
+        mProgress.Clear();
+        PrintAnswer(mSession, mOptions.await, mWriter);
     }
 
     ClientSession& mSession;

@@ -53,9 +53,12 @@ Progress::Progress(std::uint64_t total)
       mBegin(Clock::now()),
       mNext(mBegin + QUIET) {}
 
-Progress::~Progress() {
+Progress::~Progress() { Clear(); }
+
+void Progress::Clear() {
     if (mOnScreen) {
         Show(CLEAR_LINE);
+        mOnScreen = false;
     }
 }
 

@@ -18,6 +18,9 @@ public:
 
     void Advance(const std::string& name, std::uint64_t done);
 
+    // Takes the line away, so that other output does not begin behind it. The next Advance may show it again.
+    void Clear();
+
 private:
     std::string Line(const std::string& name, std::size_t width) const;
     std::string Figures() const;
