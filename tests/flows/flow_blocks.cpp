@@ -69,6 +69,9 @@ void FlowReceiver::Take(const char* data, std::size_t length) {
         const Clock::time_point returned{Clock::duration(head.previousReturned)};
         mReport.lateness = std::max<Milliseconds>(mReport.lateness, mLast - returned);
     }
+    if (head.number != mNext && mReport.lost == 0) {
+        mReport.firstLost = mNext;
+    }
     mReport.lost += head.number - mNext;
     ++mReport.received;
     mNext = head.number + 1;

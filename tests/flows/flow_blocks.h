@@ -34,9 +34,10 @@ private:
 struct FlowReport {
     std::uint64_t received = 0;
     std::uint64_t lost = 0;
-    std::uint64_t damaged = 0;  // torn, repeated or out of order
-    Milliseconds gap{0};        // the longest pause between two deliveries
-    Milliseconds lateness{0};   // the longest time from the return of a block's send to its delivery
+    std::uint64_t firstLost = 0;  // the number of the first of them
+    std::uint64_t damaged = 0;    // torn, repeated or out of order
+    Milliseconds gap{0};          // the longest pause between two deliveries
+    Milliseconds lateness{0};     // the longest time from the return of a block's send to its delivery
 };
 
 // Checks the blocks of one flow as they are delivered. Safe to use from several threads.

@@ -184,18 +184,19 @@ private:
         }
         const std::string start = std::to_string(std::min<unsigned long>(mSize, LUM_MAX_SERVER_DATA_LENGTH)) +
                                   " " + std::to_string(mPace);
-        const bool good = LUM_InitClient(&mClient, "flow-client") == 0 && FindEventually(types) == 0 &&
-                          LUM_CreateAiDevice(mClient, "stream", &mHandle) == 0 &&
-                          (types.size() == 1 || LUM_CreateAiDevice(mClient, "silent", &mSilent) == 0) &&
-                          LUM_RegisterAiDeviceEvent(mClient, mHandle, OnDeviceEvent) == 0 &&
-                          LUM_ConnectAiDevice(mClient, mHandle) == 0 &&
-                          Subscribe(mClient, mHandle, TALLY_SERVICE) == 0 &&
-                          (!mOptions.Receives() || Subscribe(mClient, mHandle, DOWN_SERVICE) == 0) &&
-                          (!mOptions.Has("echo") || LUM_SendCmd(mClient, mHandle, "echo", "") == 0) &&
-                          (!mOptions.Receives() || mOptions.Has("echo") ||
-                           LUM_SendCmd(mClient, mHandle, "start", start.c_str()) == 0);
-        g_client = mClient;
-        return good;
+        if (LUM_InitClient(&mClient, "flow-client") != 0) {
+            return false;
+        }
+        g_client = mClient;  // before the first block can arrive
+        return FindEventually(types) == 0 && LUM_CreateAiDevice(mClient, "stream", &mHandle) == 0 &&
+               (types.size() == 1 || LUM_CreateAiDevice(mClient, "silent", &mSilent) == 0) &&
+               LUM_RegisterAiDeviceEvent(mClient, mHandle, OnDeviceEvent) == 0 &&
+               LUM_ConnectAiDevice(mClient, mHandle) == 0 &&
+               Subscribe(mClient, mHandle, TALLY_SERVICE) == 0 &&
+               (!mOptions.Receives() || Subscribe(mClient, mHandle, DOWN_SERVICE) == 0) &&
+               (!mOptions.Has("echo") || LUM_SendCmd(mClient, mHandle, "echo", "") == 0) &&
+               (!mOptions.Receives() || mOptions.Has("echo") ||
+                LUM_SendCmd(mClient, mHandle, "start", start.c_str()) == 0);
     }
 
     void RunThreads() {
@@ -331,6 +332,11 @@ private:
             sentDown, static_cast<unsigned long long>(down.received),
             static_cast<unsigned long long>(down.damaged), down.gap.count(), down.lateness.count(),
             mDevice.longestSendMs);
+        if (down.lost != 0) {
+            std::printf("  down: %llu blocks were passed over, the first is number %llu\n",
+                        static_cast<unsigned long long>(down.lost),
+                        static_cast<unsigned long long>(down.firstLost));
+        }
         std::printf(
             "  stall of the machine %.0f ms; %llu events of other clients, %llu questions to a silent "
             "device\n",
