@@ -14,7 +14,7 @@ using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 // Writes the blocks of one flow. A block names its number in its head and in every 64 bytes behind it, so
-// that bytes of another block are noticed wherever they stand.
+// that bytes of another block are noticed at any place.
 class FlowWriter {
 public:
     explicit FlowWriter(std::size_t size);

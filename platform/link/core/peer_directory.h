@@ -5,9 +5,9 @@
 // they say about a known node only makes it pinged. A node that has answered a ping is confirmed.
 //
 // A process that is killed and started again leaves a dead node behind, at the address where the new
-// one appears. So whoever appears makes its neighbours suspects, who are pinged at once, and is
-// announced when they have answered or are gone, so that no application mistakes the old node's removal for
-// the new one's.
+// one appears. So the nodes at the address of a newcomer become suspects and are pinged at once. The newcomer
+// is announced when they have answered or are gone, so that no application mistakes the old node's removal
+// for the new one's.
 #pragma once
 
 #include <algorithm>

@@ -37,8 +37,8 @@ void AddWait(Command& command, std::chrono::milliseconds& wait, const std::strin
 // Whatever fails is thrown as a Failure.
 class ClientSession {
 public:
-    // Finds a device that has all of these services, and connects to it. Looks at the data port first:
-    // whoever cannot have it does not join the network either.
+    // Finds a device that has all of these services, and connects to it. Looks at the data port first: if
+    // another process has it, this one does not join the network.
     ClientSession(SessionOptions options, const std::vector<std::string>& services);
     ~ClientSession();
     ClientSession(const ClientSession&) = delete;
