@@ -44,7 +44,7 @@
  *   Any thread may call any function. Calls of one side run one after the other, so that each also waits for
  *   the calls before it. The two version queries do not wait for them.
  *   On our own link platform a request to a device ends after 6.5 s at most if the device is silent, and
- *   after 4 s if the device is alive but does not acknowledge it. An acknowledged request ends after 8 s if
+ *   after 3.7 s if the device is alive but does not acknowledge it. An acknowledged request ends after 8 s if
  *   it only reads (search, versions, setting up a channel) and after 60 s otherwise. Connecting a data
  *   channel takes 8 s at most. docs/guide.md lists what each call waits for.
  *   The library's threads block all signals.
