@@ -35,7 +35,7 @@ void SetClient(std::shared_ptr<LumoraClientModule> client) {
 // Runs in the child, which has one thread. The pointer is read as it is: if another thread of the parent was
 // changing it, that thread held the API mutex, and atomic_load might wait for it.
 void RefuseInChildOfClient() {
-    if (!g_lumoraClientMutex->IsFree() || g_lumoraClient->get() != nullptr) {
+    if (!g_lumoraClientMutex->IsFree() || *g_lumoraClient != nullptr) {
         lumora::RefuseAllCalls();
     }
 }

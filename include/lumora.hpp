@@ -947,8 +947,12 @@ inline void ClientState::CheckDevice() {
 // One answer may get lost on its way.
 inline bool ClientState::Answers(unsigned int handle) const {
     std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
-    const auto ask = [&] { return LUM_GetServerVersion(mId, handle, text.data(), text.size()) == 0; };
-    return ask() || ask();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (LUM_GetServerVersion(mId, handle, text.data(), text.size()) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 inline void ClientState::ConnectAgain() {

@@ -27,7 +27,7 @@ constexpr std::uint16_t UNLIMITED = 1000;
 // libcoap tells that a message was not acknowledged after this time, one repetition, and twice this time.
 constexpr coap_fixed_point_t FIRST_THIRD = {1, 233};
 constexpr coap_fixed_point_t EXACTLY = {1, 0};
-static_assert(3 * 1233 <= Network::UNACKNOWLEDGED.count(), "told by then");
+static_assert(3 * Milliseconds(1233) <= Network::UNACKNOWLEDGED, "told by then");
 
 void Log(coap_log_t, const char* message) {
     const int error = errno;

@@ -236,10 +236,11 @@ int LinkPort() {
 }
 
 void LookAtPortVariable(Findings& findings) {
-    if (LinkPort() < 0) {
+    const char* const port = std::getenv("LUMORA_LINK_PORT");
+    if (port != nullptr && LinkPort() < 0) {
         findings.push_back(
             {Level::FAULT, "variables",
-             "LUMORA_LINK_PORT: \"" + std::string(std::getenv("LUMORA_LINK_PORT")) +
+             "LUMORA_LINK_PORT: \"" + std::string(port) +
                  "\" is no port; it is ignored, and a firewall that lets one port pass is of no use",
              "set it to a number from 1 to 65535"});
     }

@@ -96,6 +96,7 @@ std::vector<lumora::Service> ServicesOf(const Options& options) {
     }
     CheckName("TYPE", options.type);
     std::vector<lumora::Service> services;
+    services.reserve(names.size());
     for (const std::string& name : names) {
         services.push_back(ParseServiceOption(name));
     }

@@ -22,6 +22,7 @@ struct Options {
 
 std::vector<std::string> NamesOf(const std::vector<lumora::Service>& services) {
     std::vector<std::string> names;
+    names.reserve(services.size());
     for (const lumora::Service& service : services) {
         names.push_back(service.name);
     }

@@ -44,6 +44,7 @@ Failure UnknownWords(const CLI::App& app, const std::string& otherwise, const Co
                      const std::vector<Command>& commands, const Command* command) {
     const std::string more = "see " + HelpOf(app, globals);
     std::vector<std::string> names;
+    names.reserve(commands.size());
     for (const Command& one : commands) {
         names.push_back(one.name);
     }

@@ -129,7 +129,7 @@ std::string BlockWriter::Filled(const Block& block, const std::string& file) con
     for (std::size_t i = 0; i < mFormat.pattern.size(); ++i) {
         const char character = mFormat.pattern[i];
         const char directive =
-            character == '%' && i + 1 < mFormat.pattern.size() ? mFormat.pattern[i + 1] : 0;
+            character == '%' && i + 1 < mFormat.pattern.size() ? mFormat.pattern[i + 1] : '\0';
         const std::string known = "tsnpxf%";
         if (directive == 0 || known.find(directive) == std::string::npos) {
             line += character;

@@ -54,6 +54,7 @@ bool HasAll(const std::vector<std::string>& offered, const std::vector<std::stri
 template <typename Services>
 std::vector<std::string> NamesOf(const Services& services) {
     std::vector<std::string> names;
+    names.reserve(services.size());
     for (const auto& service : services) {
         names.push_back(service.name);
     }
