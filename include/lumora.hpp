@@ -721,7 +721,7 @@ inline bool ClientState::Connect(const std::string& type, std::chrono::milliseco
         return false;
     }
     const std::lock_guard<std::mutex> change(mChange);
-    if (mBroken && !JoinAgain(error)) {
+    if (!IsJoined(error) || (mBroken && !JoinAgain(error))) {
         return false;
     }
     if (Device() != type) {
@@ -738,6 +738,9 @@ inline bool ClientState::Connect(const DeviceInfo& device, std::error_code& erro
         return false;
     }
     const std::lock_guard<std::mutex> change(mChange);
+    if (!IsJoined(error)) {
+        return false;
+    }
     if (Device() != device.name) {
         End();
     }
@@ -1165,7 +1168,7 @@ public:
                         [&](std::error_code& error) { return Connect(type, patience, error); });
     }
     bool Connect(std::string_view type, std::chrono::milliseconds patience, std::error_code& error) {
-        return MayUse(type, error) && mState->Connect(std::string(type), patience, error);
+        return MayConnect(type, error) && mState->Connect(std::string(type), patience, error);
     }
 
     /// The same for a device of the last search, once. Errors: NOT_JOINED, CONNECT_FAILED.
@@ -1174,7 +1177,7 @@ public:
                         [&](std::error_code& error) { return Connect(device, error); });
     }
     bool Connect(const DeviceInfo& device, std::error_code& error) {
-        return MayUse(device.name, error) && mState->Connect(device, error);
+        return MayConnect(device.name, error) && mState->Connect(device, error);
     }
 
     /// From now on, a connection that is lost is opened again: the client searches for a device of the same
@@ -1282,6 +1285,12 @@ private:
     }
 
     bool IsConnected(std::error_code& error) const { return IsJoined(error) && mState->IsConnected(error); }
+
+    // Whether the client is in the network is looked at when no other thread is joining it anew.
+    bool MayConnect(std::string_view name, std::error_code& error) const {
+        return detail::Outcome(mState != nullptr, Errc::NOT_JOINED, error) &&
+               detail::Outcome(detail::IsName(name), Errc::BAD_NAME, error);
+    }
 
     bool MayUse(std::string_view name, std::error_code& error) const {
         return IsJoined(error) && detail::Outcome(detail::IsName(name), Errc::BAD_NAME, error);

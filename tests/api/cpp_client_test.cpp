@@ -1,4 +1,6 @@
 // lumora::Client: what it makes of the client side's functions.
+#include <future>
+
 #include "tests/api/cpp_fixture.h"
 #include "tests/support/eventually.h"
 
@@ -283,19 +285,42 @@ TEST_F(CppClientTest, TellsThatAnotherClientOfTheProcessHasTakenTheChannel) {
     EXPECT_TRUE(HaveArrived({"lost"}));
 }
 
+class BrokenChannelTest : public CppClientTest {
+protected:
+    // Sends until the client has closed the channel: a connect has to leave and join the network again then.
+    void BreakTheChannel() {
+        Connect(mClient);
+        mDevice.SetReceiveBuffer(1);
+        const std::string block(LUM_MAX_CLIENT_DATA_LENGTH, 'd');
+        std::error_code error;
+        while (mClient.Send(block, error)) {
+        }
+        mDevice.Close();
+        mDeviceListener.reset();
+        mDeviceListener = std::make_unique<RawListener>(DEVICE_PORT);
+    }
+    Client mClient{"viewer"};
+};
+
+TEST_F(BrokenChannelTest, ConnectWaitsForAThreadThatJoinsAgain) {
+    BreakTheChannel();
+    std::future<void> second;
+    mPlatform.onPlatformTable = [&](LinkPlatform&) {
+        if (!second.valid()) {
+            second = std::async(std::launch::async, [&] { mClient.Connect("camera"); });
+            second.wait_for(std::chrono::milliseconds(20));  // it would have failed by then
+        }
+    };
+    mClient.Connect("camera");
+    second.get();
+    mDevice = mDeviceListener->Accept();
+}
+
 // Both leave and join again, as the channel needs. The second one must not end a client that has been given
 // the number since.
-TEST_F(CppClientTest, TwoThreadsMayConnectIt) {
-    Client client("viewer");
-    Connect(client);
-    mDevice.SetReceiveBuffer(1);
-    const std::string block(LUM_MAX_CLIENT_DATA_LENGTH, 'd');
-    std::error_code error;
-    while (client.Send(block, error)) {
-    }
-    mDevice.Close();
-    mDeviceListener.reset();
-    mDeviceListener = std::make_unique<RawListener>(DEVICE_PORT);
+TEST_F(BrokenChannelTest, TwoThreadsMayConnectIt) {
+    Client& client = mClient;
+    BreakTheChannel();
     mPlatform.onExit = [] { std::this_thread::yield(); };
     std::thread other([&] { client.Connect("camera"); });
     client.Connect("camera");
