@@ -17,9 +17,9 @@ bool IsSame(const CoapMessage& a, const CoapMessage& b) {
 
 void RequireRequesterSurvives(const CoapMessage& message) {
     if (const auto requester = DecodeRequester(message)) {
-        CoapMessage again;
-        again.Add(option::REQUESTER, EncodeRequester(*requester));
-        Require(message.Find(option::REQUESTER)->compare(0, 26, *again.Find(option::REQUESTER)) == 0,
+        // Without the last 8 bytes if the secret is 0, and without what follows them.
+        const std::string again = EncodeRequester(*requester);
+        Require(message.Find(option::REQUESTER)->compare(0, again.size(), again) == 0,
                 "a requester is written as it was read");
     }
 }

@@ -118,6 +118,9 @@ void RequestServer::MakeRoomForBody(in_addr_t source) {
             const bool older = oldest == mBodies.end() || at->second.since < oldest->second.since;
             oldest = at->first.first.host == *yields && older ? at : oldest;
         }
+        if (oldest == mBodies.end()) {
+            return;
+        }
         Erase(oldest);
     }
 }

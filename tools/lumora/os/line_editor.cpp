@@ -133,17 +133,20 @@ private:
 
 }  // namespace
 
-LineEditor::LineEditor(const std::string& prompt, std::vector<std::string> completions) {
+LineEditor::LineEditor(const std::string& prompt, std::vector<std::string> completions)
+    : mSource(MakeSource(prompt, std::move(completions))) {}
+
+std::unique_ptr<LineEditor::Source> LineEditor::MakeSource(const std::string& prompt,
+                                                           std::vector<std::string> completions) {
 #ifdef LUMORA_HAVE_EDITLINE
     if (IsTerminal(STDIN_FILENO) && IsTerminal(STDOUT_FILENO)) {
-        mSource = std::make_unique<EditedSource>(prompt, std::move(completions));
-        return;
+        return std::make_unique<EditedSource>(prompt, std::move(completions));
     }
 #else
     static_cast<void>(prompt);
     static_cast<void>(completions);
 #endif
-    mSource = std::make_unique<PlainSource>();
+    return std::make_unique<PlainSource>();
 }
 
 LineEditor::~LineEditor() = default;

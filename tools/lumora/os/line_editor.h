@@ -24,6 +24,9 @@ public:
     class Source;
 
 private:
+    static std::unique_ptr<Source> MakeSource(const std::string& prompt,
+                                              std::vector<std::string> completions);
+
     std::unique_ptr<Source> mSource;
 };
 
