@@ -1,6 +1,7 @@
 """lumora find, info, version: who is there, and what they say of themselves."""
 
 import json
+import os
 import signal
 import socket
 import subprocess
@@ -204,10 +205,12 @@ class Output(LumoraCase):
         self.assert_fails(result, 6, "standard input is empty")
 
     def test_a_closed_pipe_is_not(self):
-        version = self.start("version")
-        version.process.stdout.close()
-        self.assertEqual(version.wait(), ENDED_BY_CLOSED_PIPE)
-        self.assertEqual(version.errors(), "")
+        reading, writing = os.pipe()
+        os.close(reading)
+        result = subprocess.run([PROGRAM, "version"], stdout=writing, stderr=subprocess.PIPE, text=True, check=False)
+        os.close(writing)
+        self.assertEqual(result.returncode, ENDED_BY_CLOSED_PIPE)
+        self.assertEqual(result.stderr, "")
 
     def test_the_log_is_silent_unless_it_is_asked_for(self):
         self.assertEqual(lumora("version").stderr, "")
