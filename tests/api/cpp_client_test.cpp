@@ -1,5 +1,5 @@
 // lumora::Client: what it makes of the client side's functions.
-#include <future>
+#include <thread>
 
 #include "tests/api/cpp_fixture.h"
 #include "tests/support/eventually.h"
@@ -304,15 +304,20 @@ protected:
 
 TEST_F(BrokenChannelTest, ConnectWaitsForAThreadThatJoinsAgain) {
     BreakTheChannel();
-    std::future<void> second;
+    std::error_code error;
+    std::thread second;
+    // Runs while the first thread joins: the client is not in the network at that moment.
     mPlatform.onPlatformTable = [&](LinkPlatform&) {
-        if (!second.valid()) {
-            second = std::async(std::launch::async, [&] { mClient.Connect("camera"); });
-            second.wait_for(std::chrono::milliseconds(20));  // it would have failed by then
+        if (!second.joinable()) {
+            second = std::thread([&] { mClient.Connect("camera", std::chrono::seconds(5), error); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it would have failed by then
         }
     };
     mClient.Connect("camera");
-    second.get();
+    ASSERT_TRUE(second.joinable());
+    second.join();
+    mPlatform.onPlatformTable = [](LinkPlatform&) {};
+    EXPECT_FALSE(error) << error.message();
     mDevice = mDeviceListener->Accept();
 }
 
