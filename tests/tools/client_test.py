@@ -244,7 +244,7 @@ class Send(LumoraCase):
         (folder / "picture").write_bytes(bytes(400_000))
         sending = self.on_terminal("send", "archive", str(folder / "picture"), "--split", "1")
         sending.read_until("left")
-        self.assertRegex(sending.text, r"picture +\[#*\.*\] +\d+ % .* [KM]?i?B/s  \d+:\d\d left")
+        self.assertRegex(sending.text, r"picture +\[#*\.*\] +\d+ % .* KiB/s  \d+:\d\d left")
 
 
 class Subscribe(LumoraCase):
