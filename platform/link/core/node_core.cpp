@@ -48,6 +48,9 @@ void NodeCore::SetDeviceType(std::optional<std::string> deviceType, TimePoint no
 }
 
 void NodeCore::SetInterfaces(std::vector<LocalInterface> interfaces, std::uint16_t port, TimePoint now) {
+    if (mLocalNode.interfaces != interfaces) {
+        mPresence.OnNetworkChanged(now);
+    }
     mLocalNode.interfaces = std::move(interfaces);
     mLocalNode.port = port;
     mPresence.HelloSoon(now);
@@ -107,7 +110,7 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
     if (uri == RESOURCE_PATH) {
         mServer.OnRequest(message, source, localHost, path, now);
     } else if (uri == WELL_KNOWN_PATH && message.code == code::GET) {
-        Describe(message, localHost, path);
+        Describe(message, localHost, path, now);
     } else {
         if (message.code == code::POST) {
             mPresence.OnNotice(message, source, true, now);
@@ -119,11 +122,10 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
 
 // Asked directly, a node without the wanted type still answers: with no links, so that the asker
 // need not wait.
-void NodeCore::Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path) {
+void NodeCore::Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path, TimePoint now) {
     const bool asked = IsAskedFor(request, mLocalNode.deviceType);
     if (asked || request.type == MessageType::Confirmable) {
-        mReplies.Reply(path,
-                       MakeLinkAnswer(request, asked ? FormatLink(mLocalNode.DescribedAt(localHost)) : ""));
+        mReplies.Reply(path, asked ? mDiscovery.AnswerTo(request, localHost, now) : MakeLinkAnswer(request, ""));
     }
     mReplies.Forget(path);
 }
@@ -161,6 +163,7 @@ void NodeCore::PassEvents() {
     for (DeviceEvent& event : mPresence.Directory().TakeEvents()) {
         if (!event.added) {
             mNetwork.OnPeerGone(event.node.endpoint);
+            mDiscovery.OnRemoved(event.node.identity.id);
         }
         mApplication.Notify(std::move(event));
     }

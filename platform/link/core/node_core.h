@@ -52,7 +52,7 @@ public:
     TimePoint NextDeadline(TimePoint now) const;
 
 private:
-    void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path);
+    void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path, TimePoint now);
     void PassEvents();
 
     // Passes everything on, and charges replies to the budget of the address that they go to.

@@ -19,6 +19,7 @@ public:
     static constexpr Milliseconds HELLO_INTERVAL{750};
     // A newcomer makes the others speak at once, but never more often than this.
     static constexpr Milliseconds SHORTEST_INTERVAL{250};
+    static constexpr Milliseconds TWO_HELLOS{1600};
     static constexpr Milliseconds PING_INTERVAL{100};
     // A node that was heard once only may be invented, and its address another host's.
     static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{500};
@@ -31,6 +32,9 @@ public:
     Presence(const LocalNode& localNode, IdSource& idSource, Network& network, std::vector<Endpoint> peers);
 
     void HelloSoon(TimePoint now);
+    void OnNetworkChanged(TimePoint now) { mListeningSince = now; }
+    // Every node has said hello since this one listens, though one hello of each was lost.
+    bool KnowsEveryNode(TimePoint now) const { return now - mListeningSince >= TWO_HELLOS; }
     void OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now);
     void OnHello(const NodeDescription& node, bool unicast, TimePoint now);
 
@@ -88,6 +92,7 @@ private:
     std::map<Endpoint, Text> mTexts;                  // the latest from each socket
     SourceQuota mTextQuota;
     OldestFirst<Endpoint> mOldestTexts;
+    TimePoint mListeningSince{};
     TimePoint mLastHello{};
     TimePoint mNextHello{};
     bool mHurried = false;

@@ -50,6 +50,7 @@ constexpr std::uint16_t BLOCK1 = 27;
 // Of the range for experiments; even and thus elective, so foreign servers may ignore them.
 constexpr std::uint16_t REQUESTER = 65000;
 constexpr std::uint16_t KNOWN_NODES = 65008;
+constexpr std::uint16_t NODE_COUNT = 65016;
 }  // namespace option
 
 struct CoapOption {

@@ -14,8 +14,6 @@ namespace {
 constexpr std::size_t MAX_OPTION_BYTES = 255;
 constexpr std::string_view TYPE_QUERY = "rt=";
 constexpr std::uint32_t LINK_FORMAT = 40;
-// Keeps a probe within one Ethernet frame.
-constexpr std::size_t MAX_KNOWN_NODES = 250;
 
 void AddPath(CoapMessage& message, std::string_view path) {
     while (!path.empty()) {
@@ -109,6 +107,11 @@ std::set<NodeHint> KnownNodes(const CoapMessage& probe) {
     return known;
 }
 
+bool IsAskedForExactly(const CoapMessage& probe, const std::string& deviceType) {
+    const std::string* query = probe.Find(option::URI_QUERY);
+    return query != nullptr && *query == std::string(TYPE_QUERY) + deviceType;
+}
+
 bool IsAskedFor(const CoapMessage& probe, const std::optional<std::string>& deviceType) {
     const std::string* query = probe.Find(option::URI_QUERY);
     if (query == nullptr) {
@@ -135,6 +138,16 @@ CoapMessage MakeLinkAnswer(const CoapMessage& request, const std::string& link) 
     answer.Add(option::CONTENT_FORMAT, EncodeUint(LINK_FORMAT));
     answer.payload = link;
     return answer;
+}
+
+void AddCount(CoapMessage& answer, std::size_t count) {
+    answer.Add(option::NODE_COUNT, EncodeUint(static_cast<std::uint32_t>(count)));
+}
+
+std::optional<std::uint32_t> CountIn(const CoapMessage& answer) {
+    const std::string* count = answer.Find(option::NODE_COUNT);
+    const bool valid = count != nullptr && count->size() <= sizeof(std::uint32_t);
+    return valid ? std::make_optional(DecodeUint(*count)) : std::nullopt;
 }
 
 CoapMessage MakeNotice(const char* path, const std::string& link) {

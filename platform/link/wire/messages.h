@@ -50,13 +50,22 @@ std::optional<Block> FindBlock(const CoapMessage& message);
 using NodeHint = std::uint32_t;
 NodeHint HintOf(std::uint64_t nodeId);
 
+// Keeps a probe within one Ethernet frame.
+constexpr std::size_t MAX_KNOWN_NODES = 250;
 CoapMessage MakeProbe(const std::string& deviceType, const std::string& token,
                       const std::vector<NodeHint>& known);
 std::set<NodeHint> KnownNodes(const CoapMessage& probe);
 // Whether a node with that device type is asked for by this GET of /.well-known/core.
 bool IsAskedFor(const CoapMessage& probe, const std::optional<std::string>& deviceType);
+// False if nodes of other types are asked for too.
+bool IsAskedForExactly(const CoapMessage& probe, const std::string& deviceType);
 
 CoapMessage MakeLinkAnswer(const CoapMessage& request, const std::string& link);
+// How many nodes of the type asked for the sender of an answer knows, itself included. Only nodes that have
+// been there for a while tell it. Older nodes pass over the option.
+void AddCount(CoapMessage& answer, std::size_t count);
+std::optional<std::uint32_t> CountIn(const CoapMessage& answer);
+
 CoapMessage MakeNotice(const char* path, const std::string& link);
 CoapMessage MakePing();
 

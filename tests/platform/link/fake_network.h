@@ -132,8 +132,8 @@ public:
     bool multicastBlocked = false;
     // For one message in particular; true lets it pass.
     std::function<bool(const CoapMessage&)> filter;
-    // What the receiver sees instead.
-    std::function<void(CoapMessage&)> rewrite;
+    // What the receiver of a search answer sees instead, and who sent it.
+    std::function<void(CoapMessage&, const FakeNode&)> rewrite;
     // Nodes that answer searches and pings, but no request.
     std::function<bool(const FakeNode&)> ignoring;
 

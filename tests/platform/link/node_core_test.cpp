@@ -797,7 +797,7 @@ TEST_F(NodeCoreTest, ASearchAnswerWithSeveralLinksIsReadForTheOneWithTheType) {
     FakeNode& device = network.Add("camera");
     // A hello alone would make the device known.
     network.filter = [](const CoapMessage& message) { return PathOf(message) != HELLO_PATH; };
-    network.rewrite = [&](CoapMessage& message) {
+    network.rewrite = [&](CoapMessage& message, const FakeNode&) {
         if (message.code == code::CONTENT && message.payload.find("camera") != std::string::npos) {
             message.payload = "</sensors/t>;rt=\"a,b\";ct=40," + message.payload + ",</other>";
         }
