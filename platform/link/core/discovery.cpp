@@ -12,7 +12,7 @@ constexpr std::size_t TOKEN_BYTES = 7;  // one byte is left for the number of th
 
 // Five answers per millisecond do not overrun an asker. A longer spread would only cost time.
 constexpr std::size_t ANSWERS_PER_MILLISECOND = 5;
-constexpr Milliseconds LONGEST_LEISURE{40};
+constexpr Milliseconds LONGEST_LEISURE{30};
 constexpr Milliseconds SECOND_COPY{15};
 
 // A search sends nine probes; who asks much more often is not answered.

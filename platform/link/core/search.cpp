@@ -12,8 +12,8 @@ namespace {
 constexpr std::array<Milliseconds, 9> PROBES = {Milliseconds(0),   Milliseconds(5),   Milliseconds(100),
                                                 Milliseconds(130), Milliseconds(300), Milliseconds(350),
                                                 Milliseconds(400), Milliseconds(450), Milliseconds(500)};
-// Many nodes spread their answers over 40 ms. The copy leaves afterwards, and is not needed if all have come.
-constexpr Milliseconds COPY_AMONG_MANY{50};
+// Many nodes spread their answers over 30 ms. The copy leaves afterwards, and is not needed if all have come.
+constexpr Milliseconds COPY_AMONG_MANY{60};
 constexpr Milliseconds SHORTEST_PAUSE{30};
 constexpr unsigned COPY = 1;
 constexpr unsigned REMINDER = 2;
