@@ -221,8 +221,7 @@ std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint
     std::vector<NodeDescription> result;
     for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {
         // A live node has said hello lately. It counts as found although its answers were lost.
-        const bool fresh =
-            mPresence.Directory().IsCredible(*peer) && now - peer->heard < Presence::TWO_HELLOS;
+        const bool fresh = mPresence.Directory().IsCredible(*peer) && now - peer->heard < Presence::LATELY;
         if (fresh || search.HasFound(peer->node.identity.id)) {
             result.push_back(peer->node);
         }

@@ -63,6 +63,10 @@ void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast
         peer.unicast = peer.unicast || unicast;
         ++peer.words;
         Clear(peer, now);
+        if (!IsCrowd()) {
+            // The thread is awake for this hello. Looking now saves waking up when the peer would have been due.
+            CheckAt(now);
+        }
         AskIfUnicast(peer, now);
     } else if (!peer.confirmed) {
         // One of the two endpoints may be a stranger's. The ping's answer decides for the known one.
@@ -184,15 +188,12 @@ void PeerDirectory::Tick(TimePoint now) {
     mMayCheck = now + CHECK_MANY_EVERY;
     ProbeSuspects(now);
     Announce(now);
-    const Patience patience = IsCrowd() ? Patience{DOUBT_IN_CROWD_AFTER, GIVE_UP_IN_CROWD_AFTER}
-                                        : Patience{DOUBT_AFTER, GIVE_UP_AFTER};
     for (auto at = mPeers.begin(); at != mPeers.end();) {
         Peer& peer = at->second;
-        if (!peer.doubtedSince && now - peer.heard >= patience.doubtAfter) {
+        if (!peer.doubtedSince && now - peer.heard >= DOUBT_AFTER) {
             Probe(peer, now);
         }
-        const TimePoint due =
-            peer.doubtedSince ? GivenUpAt(peer, patience) : peer.heard + patience.doubtAfter;
+        const TimePoint due = peer.doubtedSince ? GivenUpAt(peer) : peer.heard + DOUBT_AFTER;
         if (due <= now) {
             if (peer.saidGoodbye) {
                 AddTombstone(peer, now);
@@ -206,10 +207,9 @@ void PeerDirectory::Tick(TimePoint now) {
     }
 }
 
-TimePoint PeerDirectory::GivenUpAt(const Peer& peer, const Patience& patience) {
+TimePoint PeerDirectory::GivenUpAt(const Peer& peer) {
     // A suspect that only fails to answer gets as long as any silent node.
-    const TimePoint silent =
-        std::max(*peer.doubtedSince, peer.heard + patience.doubtAfter) + patience.giveUpAfter;
+    const TimePoint silent = std::max(*peer.doubtedSince, peer.heard + DOUBT_AFTER) + GIVE_UP_AFTER;
     return peer.saidGoodbye ? std::min(silent, *peer.saidGoodbye + GIVE_UP_AFTER_GOODBYE) : silent;
 }
 

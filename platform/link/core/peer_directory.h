@@ -50,14 +50,13 @@ class PeerDirectory {
 public:
     // Bounds what a flood of invented nodes can cost.
     static constexpr std::size_t MAX_PEERS = 4096;
-    // One hello may be lost and the next one late before the node is pinged.
-    static constexpr Milliseconds DOUBT_AFTER{1200};
+    // A node is pinged if one hello of a few nodes, or two hellos of a crowd, are missing.
+    static constexpr Milliseconds DOUBT_AFTER{1700};
     // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
-    static constexpr Milliseconds GIVE_UP_AFTER{1400};
-    // Where many nodes lose a hello each, their pings would choke the network: two must be missing.
+    static constexpr Milliseconds GIVE_UP_AFTER{1250};
+    // More nodes than this say hello twice as often: if each lost hello of many nodes caused pings, the pings
+    // would choke the network.
     static constexpr std::size_t CROWD = 32;
-    static constexpr Milliseconds DOUBT_IN_CROWD_AFTER{1650};
-    static constexpr Milliseconds GIVE_UP_IN_CROWD_AFTER{1250};
     // The longest wait for the answers of a newcomer's neighbours.
     static constexpr Milliseconds HOLD_BACK{100};
     // Long enough for every live suspect to have sent a hello even if its ping was not sent (rate limit).
@@ -102,6 +101,7 @@ public:
     }
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
+    bool IsCrowd() const { return mPeers.size() > CROWD; }
     // How many nodes were dropped to make room for others.
     std::size_t QuotaBites() const { return mUnconfirmedQuota.Bites(); }
     // What all of them need where each has so long to itself.
@@ -118,10 +118,6 @@ public:
 
 private:
     using Peers_t = std::map<std::uint64_t, Peer>;
-    struct Patience {
-        Milliseconds doubtAfter;
-        Milliseconds giveUpAfter;
-    };
     using Age = std::pair<unsigned, std::uint64_t>;  // number, id: the smaller, the longer known
 
     // An instance that ended at an endpoint. A hello that was delayed on its way must not revive it. The same
@@ -146,9 +142,8 @@ private:
     void Confirm(Peer& peer);
     void Challenge(Peer& peer, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
-    bool IsCrowd() const { return mPeers.size() > CROWD; }
     bool IsMany() const { return mPeers.size() > MANY; }
-    static TimePoint GivenUpAt(const Peer& peer, const Patience& patience);
+    static TimePoint GivenUpAt(const Peer& peer);
     void Probe(Peer& peer, TimePoint now);
     void EndProbe(Peer& peer);
     void ProbeSuspects(TimePoint now);

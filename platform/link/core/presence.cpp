@@ -28,16 +28,18 @@ Presence::Presence(const LocalNode& localNode, IdSource& idSource, Network& netw
 // they are, the longer the time that they share.
 void Presence::HelloSoon(TimePoint now) {
     const Milliseconds shared =
-        std::clamp(mDirectory.ForAll(NEWCOMER_JITTER_PER_NODE), NEWCOMER_JITTER, HELLO_INTERVAL);
+        std::clamp(mDirectory.ForAll(NEWCOMER_JITTER_PER_NODE), NEWCOMER_JITTER, HELLO_INTERVAL_IN_CROWD);
     const TimePoint earliest = std::max(now, mLastHello + SHORTEST_INTERVAL);
     mNextHello = std::min(mNextHello, earliest + mIdSource.Jitter(shared));
     mHurried = true;
 }
 
-// All hear the newcomer and each other, so each says hello with a chance that leaves a few of them.
+// All nodes hear the newcomer and each other. A few nodes all say hello, so that the newcomer knows them at once.
+// Each of many says it with a chance that leaves about GREETERS of them.
 void Presence::Greet(TimePoint now) {
-    const auto nodes = static_cast<Milliseconds::rep>(mDirectory.Peers().size());
-    if (mIdSource.Jitter(Milliseconds(nodes)) < Milliseconds(GREETERS)) {
+    const std::size_t nodes = mDirectory.Peers().size();
+    const Milliseconds chance = mIdSource.Jitter(Milliseconds(nodes));
+    if (nodes <= 2 * GREETERS || chance < Milliseconds(GREETERS)) {
         HelloSoon(now);
     }
 }
@@ -133,11 +135,11 @@ void Presence::Tick(TimePoint now) {
     if (now >= mNextHello) {
         Tell(HELLO_PATH);
         // Many nodes say hello together at their start and to a newcomer, but not the next time.
-        const Milliseconds range = mHurried ? HELLO_INTERVAL - SHORTEST_INTERVAL : Milliseconds(0);
+        const Milliseconds range = mHurried ? HelloInterval() - SHORTEST_INTERVAL : Milliseconds(0);
         const Milliseconds earlier = mIdSource.Jitter(range);
         mHurried = false;
         mLastHello = now;
-        mNextHello = now + HELLO_INTERVAL - earlier;
+        mNextHello = now + HelloInterval() - earlier;
     }
     mDirectory.Tick(now);
     PingDoubted(now);

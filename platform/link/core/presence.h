@@ -16,13 +16,17 @@ namespace lumora_link {
 
 class Presence {
 public:
-    static constexpr Milliseconds HELLO_INTERVAL{750};
+    // Each hello wakes every node, and a few idle nodes on batteries need no more of them.
+    static constexpr Milliseconds HELLO_INTERVAL{1500};
+    // Among many nodes a lost hello must not cause pings, so two of them fit into the time.
+    static constexpr Milliseconds HELLO_INTERVAL_IN_CROWD{750};
     // A newcomer makes the others speak at once, but never more often than this.
     static constexpr Milliseconds SHORTEST_INTERVAL{250};
-    static constexpr Milliseconds TWO_HELLOS{1600};
-    static constexpr Milliseconds PING_INTERVAL{100};
+    // A live node has said hello within this time, unless datagrams were lost.
+    static constexpr Milliseconds LATELY{1600};
+    static constexpr Milliseconds PING_INTERVAL{75};
     // A node that was heard once only may be invented, and its address another host's.
-    static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{500};
+    static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{400};
     // Each open ping may take a descriptor.
     static constexpr std::size_t MAX_PINGS = 64;
     // A newcomer is greeted by about so many. All of them would answer one datagram with hundreds.
@@ -33,8 +37,8 @@ public:
 
     void HelloSoon(TimePoint now);
     void OnNetworkChanged(TimePoint now) { mListeningSince = now; }
-    // Every node has said hello since this one listens, though one hello of each was lost.
-    bool KnowsEveryNode(TimePoint now) const { return now - mListeningSince >= TWO_HELLOS; }
+    // Every node has had the time to greet this one or to say hello in its turn.
+    bool KnowsEveryNode(TimePoint now) const { return now - mListeningSince >= LATELY; }
     void OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now);
     void OnHello(const NodeDescription& node, bool unicast, TimePoint now);
 
@@ -70,6 +74,9 @@ private:
         std::uint64_t place = 0;  // among those of its address
     };
 
+    Milliseconds HelloInterval() const {
+        return mDirectory.IsCrowd() ? HELLO_INTERVAL_IN_CROWD : HELLO_INTERVAL;
+    }
     const NodeDescription* Read(const std::string& link, const Endpoint& source);
     void Tell(const char* path);
     void Greet(TimePoint now);

@@ -124,6 +124,11 @@ void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const C
     });
 }
 
+void FakeNode::WakeUp() {
+    mWakeUps += mNetwork.Now() != mAwake;
+    mAwake = mNetwork.Now();
+}
+
 CoapMessage FakeNode::Rewritten(CoapMessage message) const {
     if (mNetwork.rewrite) {
         mNetwork.rewrite(message, *this);
@@ -260,6 +265,7 @@ bool FakeNetwork::Step(TimePoint end) {
     if (due != nullptr) {
         // As NodeIo does: a deadline that is later than now, once it is reached, is slept past.
         if (due->mCore.NextDeadline(mNow) <= mNow) {
+            due->WakeUp();
             due->mCore.Tick(mNow);
         }
         return true;
@@ -289,6 +295,7 @@ void FakeNetwork::Carry(FakeNode& from, FakeNode& to, const CoapMessage& message
         const TimePoint arrival = mNow + USUAL_DELAY + Milliseconds(mGenerator() % range);
         At(arrival, [&from, &to, deliver] {
             if (to.mAlive && to.mReachable && from.mReachable) {
+                to.WakeUp();
                 deliver();
             }
         });
