@@ -43,8 +43,14 @@ std::unique_ptr<Pipe> MakeZmqPipe(bool pair);  // PAIR, or PUSH and PULL
 #ifdef LUMORA_BENCH_NNG
 std::unique_ptr<Pipe> MakeNngPipe(bool pair);
 #endif
+#ifdef LUMORA_BENCH_DDS
+std::unique_ptr<Pipe> MakeDdsPipe();
+#endif
+#ifdef LUMORA_BENCH_MQTT
+std::unique_ptr<Pipe> MakeMqttPipe();
+#endif
 
-// By one of the names in pipe.cpp.
+extern const char* const PIPES;  // the names of those that this program has
 std::unique_ptr<Pipe> MakePipe(const std::string& name);
 
 }  // namespace lumora_bench

@@ -26,7 +26,7 @@ public:
     static constexpr Milliseconds LATELY{1600};
     static constexpr Milliseconds PING_INTERVAL{75};
     // A node that was heard once only may be invented, and its address another host's.
-    static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{400};
+    static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{500};
     // Each open ping may take a descriptor.
     static constexpr std::size_t MAX_PINGS = 64;
     // A newcomer is greeted by about so many. All of them would answer one datagram with hundreds.
