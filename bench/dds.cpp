@@ -14,17 +14,18 @@ dds_entity_t Checked(dds_entity_t result, const char* what) {
 
 void ChooseInterface() {
     const char* name = std::getenv("LUMORA_LINK_INTERFACE");
-    const std::string interface =
-        "<CycloneDDS><Domain><General><Interfaces><NetworkInterface name=\"" +
-        std::string(name != nullptr ? name : "lo") +
-        "\" multicast=\"true\"/></Interfaces><AllowMulticast>true</AllowMulticast></General></Domain></CycloneDDS>";
+    const std::string interface = "<CycloneDDS><Domain><General><Interfaces><NetworkInterface name=\"" +
+                                  std::string(name != nullptr ? name : "lo") +
+                                  "\" "
+                                  "multicast=\"true\"/></Interfaces><AllowMulticast>true</AllowMulticast></"
+                                  "General></Domain></CycloneDDS>";
     setenv("CYCLONEDDS_URI", interface.c_str(), 0);
 }
 
 dds_entity_t BlockTopic(dds_entity_t participant, std::string name) {
     std::replace(name.begin(), name.end(), '-', '_');  // a topic's name has none
-    return Checked(
-        dds_create_topic(participant, &lumora_bench_Block_desc, name.c_str(), nullptr, nullptr), "topic");
+    return Checked(dds_create_topic(participant, &lumora_bench_Block_desc, name.c_str(), nullptr, nullptr),
+                   "topic");
 }
 
 DdsQos::DdsQos(bool latest) : mQos(dds_create_qos()) {

@@ -47,7 +47,8 @@ void OnResolved(AvahiServiceResolver* resolver, AvahiIfIndex, AvahiProtocol, Ava
 }
 
 void OnBrowsed(AvahiServiceBrowser*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
-               const char* name, const char* type, const char* domain, AvahiLookupResultFlags, void* context) {
+               const char* name, const char* type, const char* domain, AvahiLookupResultFlags,
+               void* context) {
     auto* finder = static_cast<Finder*>(context);
     if (event == AVAHI_BROWSER_NEW) {
         avahi_service_resolver_new(finder->client, interface, protocol, name, type, domain, AVAHI_PROTO_INET,
@@ -100,8 +101,8 @@ void Offer(const std::string& type, unsigned int count) {
 unsigned int Travel(const std::string& type, unsigned int count, Steps& steps) {
     AvahiSimplePoll* poll = avahi_simple_poll_new();
     Finder finder = {poll, Connect(poll), count, 0, {}};
-    avahi_service_browser_new(finder.client, AVAHI_IF_UNSPEC, AVAHI_PROTO_INET, ServiceOf(type).c_str(), nullptr,
-                              AvahiLookupFlags(0), OnBrowsed, &finder);
+    avahi_service_browser_new(finder.client, AVAHI_IF_UNSPEC, AVAHI_PROTO_INET, ServiceOf(type).c_str(),
+                              nullptr, AvahiLookupFlags(0), OnBrowsed, &finder);
     steps.Reach("started");
     avahi_simple_poll_loop(poll);
     steps.Reach("found");

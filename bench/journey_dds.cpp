@@ -17,7 +17,8 @@ void Offer(const std::string& type, unsigned int count) {
     for (unsigned int device = 0; device < count; ++device) {
         const dds_entity_t participant = Checked(dds_create_participant(0, nullptr, nullptr), "participant");
         const dds_entity_t topic = BlockTopic(participant, type);
-        const dds_entity_t writer = Checked(dds_create_writer(participant, topic, qos.Get(), nullptr), "writer");
+        const dds_entity_t writer =
+            Checked(dds_create_writer(participant, topic, qos.Get(), nullptr), "writer");
         lumora_bench_Block block = {};
         block.sender = static_cast<std::uint32_t>(getpid()) * 1000 + device;
         block.bytes._buffer = bytes.data();

@@ -43,7 +43,8 @@ public:
             mRoom.Raise();
         }
         if (receives) {
-            Check(mosquitto_subscribe(mClient, nullptr, device ? "bench/up" : "bench/down", QOS), "subscribe");
+            Check(mosquitto_subscribe(mClient, nullptr, device ? "bench/up" : "bench/down", QOS),
+                  "subscribe");
             mSubscribed.Wait();
         }
         Meet(device);
@@ -70,11 +71,13 @@ public:
 private:
     // The broker drops what no client has subscribed to yet. So each side leaves a retained word when it has.
     void Meet(bool device) {
-        Check(mosquitto_subscribe(mClient, nullptr, device ? "bench/client" : "bench/device", QOS), "subscribe");
+        Check(mosquitto_subscribe(mClient, nullptr, device ? "bench/client" : "bench/device", QOS),
+              "subscribe");
         mSubscribed.Wait();
         mRoom.Wait();
-        Check(mosquitto_publish(mClient, nullptr, device ? "bench/device" : "bench/client", 1, "x", QOS, true),
-              "publish");
+        Check(
+            mosquitto_publish(mClient, nullptr, device ? "bench/device" : "bench/client", 1, "x", QOS, true),
+            "publish");
         mMet.Wait();
     }
 
@@ -88,7 +91,8 @@ private:
             return;
         }
         if (pipe.mHandler) {
-            pipe.mHandler(static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen));
+            pipe.mHandler(static_cast<const char*>(message->payload),
+                          static_cast<std::size_t>(message->payloadlen));
         }
         if (pipe.mExchanging) {
             pipe.mAnswered.Raise();

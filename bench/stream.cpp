@@ -79,7 +79,8 @@ private:
 // Each side sends and receives, so each prints both: first what it received, then what all of it has cost.
 void RunBoth(Pipe& pipe, const Measurement& what) {
     StreamReceiver receiver;
-    pipe.Open(what.role, Flow::BOTH, [&](const char* data, std::size_t length) { receiver.Take(data, length); });
+    pipe.Open(what.role, Flow::BOTH,
+              [&](const char* data, std::size_t length) { receiver.Take(data, length); });
     std::thread sender([&] { SendFor(pipe, what); });
     receiver.Print();
     sender.join();

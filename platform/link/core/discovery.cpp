@@ -8,14 +8,15 @@ namespace lumora_link {
 
 namespace {
 
-constexpr std::size_t TOKEN_BYTES = 7;  // one byte is left for the number of the probe
+// A token has 8 bytes. The last one is the number of the probe.
+constexpr std::size_t TOKEN_BYTES = 7;
 
 // Five answers per millisecond do not overrun an asker. A longer spread would only cost time.
 constexpr std::size_t ANSWERS_PER_MILLISECOND = 5;
 constexpr Milliseconds LONGEST_LEISURE{30};
 constexpr Milliseconds SECOND_COPY{15};
 
-// A search sends nine probes; who asks much more often is not answered.
+// A search sends nine probes. An asker that sends many more gets no answers until the second is over.
 constexpr unsigned ANSWERS_PER_SECOND = 40;
 constexpr std::size_t MAX_ASKERS = 1024;
 constexpr std::size_t MAX_DELAYED_ANSWERS = 4096;
@@ -77,9 +78,9 @@ Milliseconds Discovery::LongestDelay(const CoapMessage& probe) const {
 // This node included.
 std::size_t Discovery::NodesLikeThis() const {
     const std::vector<const Peer*> others = mPresence.Directory().OfType(*mLocalNode.deviceType);
-    return 1 + static_cast<std::size_t>(std::count_if(
-                   others.begin(), others.end(),
-                   [this](const Peer* peer) { return mPresence.Directory().IsCredible(*peer); }));
+    return 1 + static_cast<std::size_t>(std::count_if(others.begin(), others.end(), [this](const Peer* peer) {
+               return mPresence.Directory().IsCredible(*peer);
+           }));
 }
 
 CoapMessage Discovery::AnswerTo(const CoapMessage& probe, in_addr_t localHost, TimePoint now) const {
@@ -215,8 +216,8 @@ void Discovery::Probe(const Running& running, unsigned number, TimePoint now) {
     }
 }
 
-// The directory decides under which address a node is named, here as in events. An application asks one node
-// after the other, so those that left a request unanswered come last.
+// Nodes are listed under the address that the directory and the device events use. An application asks one
+// node after the other, so nodes that left a request unanswered come last.
 std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint now) const {
     std::vector<NodeDescription> result;
     for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {

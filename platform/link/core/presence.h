@@ -20,7 +20,7 @@ public:
     static constexpr Milliseconds HELLO_INTERVAL{1500};
     // Among many nodes a lost hello must not cause pings, so two of them fit into the time.
     static constexpr Milliseconds HELLO_INTERVAL_IN_CROWD{750};
-    // A newcomer makes the others speak at once, but never more often than this.
+    // Newcomers cause hellos at once. Two hellos of a node are never closer than this.
     static constexpr Milliseconds SHORTEST_INTERVAL{250};
     // A live node has said hello within this time, unless datagrams were lost.
     static constexpr Milliseconds LATELY{1600};
@@ -29,10 +29,10 @@ public:
     static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{500};
     // Each open ping may take a descriptor.
     static constexpr std::size_t MAX_PINGS = 64;
-    // A newcomer is greeted by about so many. All of them would answer one datagram with hundreds.
+    // About so many of many nodes greet a newcomer. Hundreds of hellos for one datagram would be a reflector.
     static constexpr std::size_t GREETERS = 8;
 
-    // The peers are asked and told by unicast, where multicast does not get through.
+    // `peers` get unicast copies of what goes to the group, for networks that block multicast.
     Presence(const LocalNode& localNode, IdSource& idSource, Network& network, std::vector<Endpoint> peers);
 
     void HelloSoon(TimePoint now);
@@ -42,7 +42,7 @@ public:
     void OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now);
     void OnHello(const NodeDescription& node, bool unicast, TimePoint now);
 
-    // False where the conversation is not one of ours.
+    // False if the conversation is not a ping of this object.
     bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
     bool OnRefused(ConversationId conversation, TimePoint now);
 
@@ -56,7 +56,7 @@ public:
     // limited.
     bool MaySendTo(in_addr_t host, TimePoint now);
     void OnSentTo(in_addr_t host, const CoapMessage& message);
-    // Where unicast copies of what goes to the group must be sent besides.
+    // The endpoints that get unicast copies of what goes to the group.
     std::vector<Endpoint> UnicastTargets() const;
 
 private:

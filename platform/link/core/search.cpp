@@ -143,7 +143,8 @@ TimePoint Search::End() const {
 TimePoint Search::QuietSince() const { return std::max(mLastNew, mStart + PROBES[FIRST_RESCUE - 1]) + QUIET; }
 
 bool Search::IsMissingAny() const {
-    return std::any_of(mExpected.begin(), mExpected.end(), [this](std::uint64_t id) { return !HasFound(id); });
+    return std::any_of(mExpected.begin(), mExpected.end(),
+                       [this](std::uint64_t id) { return !HasFound(id); });
 }
 
 std::set<std::uint64_t> Search::Missing() const {

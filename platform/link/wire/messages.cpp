@@ -58,6 +58,7 @@ std::optional<Requester> DecodeRequester(const CoapMessage& message) {
     return reader.Failed() ? std::nullopt : std::make_optional(requester);
 }
 
+// RFC 7959, section 2.2: number, more, size exponent in 4 bits, in one number.
 std::string EncodeBlock(const Block& block) {
     return EncodeUint(block.number << 4 | (block.more ? 8U : 0U) | block.sizeExponent);
 }
@@ -71,6 +72,7 @@ std::optional<Block> FindBlock(const CoapMessage& message) {
     return Block{value >> 4, (value & 8) != 0, value & 7};
 }
 
+// Folds the id, so that all of its bits count.
 NodeHint HintOf(std::uint64_t nodeId) { return static_cast<NodeHint>(nodeId ^ nodeId >> 32); }
 
 CoapMessage MakeProbe(const std::string& deviceType, const std::string& token,
@@ -81,7 +83,8 @@ CoapMessage MakeProbe(const std::string& deviceType, const std::string& token,
     AddPath(probe, WELL_KNOWN_PATH);
     std::string query = std::string(TYPE_QUERY) + deviceType;
     if (query.size() > MAX_OPTION_BYTES) {
-        // Asks by the longest prefix that fits; the asker compares the whole type in the answers.
+        // Asks for the longest prefix that fits into one option. The asker compares the whole type in the
+        // answers.
         query.resize(MAX_OPTION_BYTES - 1);
         query.push_back('*');
     }

@@ -1,5 +1,5 @@
-// How long a search takes and what it finds: among nodes that count each other, among nodes that do not, through
-// loss, and with strangers that count wrongly.
+// How long a search takes and what it finds: among nodes that count each other, among nodes that do not,
+// through loss, and with strangers that count wrongly.
 #include "platform/link/core/discovery.h"
 
 #include <gmock/gmock.h>

@@ -247,7 +247,8 @@ bool FakeNetwork::RunUntil(const std::function<bool()>& condition, Milliseconds 
     return true;
 }
 
-// The events of one moment or one node's deadline, whichever comes first; false where nothing is due by the end.
+// The events of one moment or one node's deadline, whichever comes first; false where nothing is due by the
+// end.
 bool FakeNetwork::Step(TimePoint end) {
     TimePoint next = mEvents.empty() ? TimePoint::max() : mEvents.begin()->first;
     FakeNode* due = nullptr;
