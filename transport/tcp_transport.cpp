@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,12 +9,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <system_error>
 #include <utility>
 
 #include "base/log.h"
+#include "base/thread.h"
 #include "protocol/data_frame.h"
 #include "securec.h"
 #include "transport/operation_names.h"
@@ -30,22 +29,6 @@ constexpr int LOST_PEER_PAUSE_MS = 20;
 constexpr int ACCEPT_PAUSE_MS = 2;
 constexpr int WOULD_BLOCK_PAUSE_MS = 1;
 constexpr unsigned int WOULD_BLOCK_LIMIT = 500;
-
-// Threads inherit the signal mask of their creator. The application's signals belong to its own threads.
-class AllSignalsBlocked {
-public:
-    AllSignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &mBefore);
-    }
-    ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-    AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-    AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
-private:
-    sigset_t mBefore;
-};
 
 in_port_t NetworkPort(int port) { return htons(static_cast<std::uint16_t>(port)); }
 
@@ -190,7 +173,7 @@ int TcpTransport::SetupSenderSocket(int port, const std::string& addr, int limit
 
 int TcpTransport::StartReceiveThread() {
     const lumora::MutexLock lock(mThreadMutex);
-    const AllSignalsBlocked blocked;
+    const lumora::AllSignalsBlocked blocked;
     try {
         mReceiveThread = std::thread([self = shared_from_this()] {
             self->mReceiveThreadId = std::this_thread::get_id();
