@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <utility>
@@ -47,12 +48,13 @@ int TcpSender::SetupSenderSocket(int port, const std::string& addr, int limitSec
     return 0;
 }
 
-int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const char* data, unsigned int length,
+int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame,
                         unsigned int* written) {
+    const unsigned int length = frame.Length();
     unsigned int wouldBlockWrites = 0;
     *written = 0;
     while (*written < length && MayWrite()) {
-        const ssize_t count = send(socket->Number(), data + *written, length - *written, MSG_NOSIGNAL);
+        const ssize_t count = WriteFrom(*socket, frame, *written);
         if (count >= 0) {
             wouldBlockWrites = 0;
             *written += static_cast<unsigned int>(count);
@@ -73,6 +75,23 @@ int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const char* d
         }
     }
     return 0;
+}
+
+// One system call for what is left of the frame behind offset.
+ssize_t TcpSender::WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset) {
+    if (offset >= frame.headLength) {
+        offset -= frame.headLength;
+        return send(socket.Number(), frame.payload + offset, frame.payloadLength - offset, MSG_NOSIGNAL);
+    }
+    if (frame.payloadLength == 0) {
+        return send(socket.Number(), frame.head + offset, frame.headLength - offset, MSG_NOSIGNAL);
+    }
+    iovec parts[] = {{const_cast<char*>(frame.head) + offset, frame.headLength - offset},
+                     {const_cast<char*>(frame.payload), frame.payloadLength}};
+    msghdr message = {};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    return sendmsg(socket.Number(), &message, MSG_NOSIGNAL);
 }
 
 // A device's channel whose receiving direction has ended can no longer send. A client's can.

@@ -1,6 +1,8 @@
 // The sending direction of a data channel: connects, and writes frames.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <memory>
 #include <string>
@@ -9,6 +11,7 @@
 #include "transport/channel_state.h"
 #include "transport/side_log.h"
 #include "transport/socket.h"
+#include "transport/transport_manager.h"
 
 namespace lumoraAiModule {
 
@@ -34,11 +37,12 @@ public:
 
     // Writes until all is written or the channel breaks: a retry budget bounds it, not a time-out. -1 only
     // for a broken connection; a spent budget shows in *written.
-    int WriteAll(const std::shared_ptr<Descriptor>& socket, const char* data, unsigned int length,
-                 unsigned int* written) REQUIRES(mMutex);
+    int WriteAll(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, unsigned int* written)
+        REQUIRES(mMutex);
 
 private:
     bool MayWrite() const;
+    static ssize_t WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset);
     bool PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites);
     void SetSocket(std::shared_ptr<Descriptor> socket);
 

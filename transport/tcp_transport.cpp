@@ -18,6 +18,14 @@ int TcpTransport::GetTransStatus(LUM_TRANSPORT_STATUS_E& status) {
     return 0;
 }
 
+int TcpTransport::SendData(const void* data, unsigned int length, unsigned int* written,
+                           unsigned int timeout) {
+    FrameParts frame;
+    frame.head = static_cast<const char*>(data);
+    frame.headLength = length;
+    return SendFrame(frame, written, timeout);
+}
+
 int TcpTransport::BeginReceiving(const std::string& addr, int port) {
     int error = 0;
     if (mReceiver.Listen(addr, port, error) != 0) {

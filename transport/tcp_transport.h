@@ -26,6 +26,7 @@ public:
     int DestoryTransports() override;
     int StartTransports(TransType) override { return 0; }
     int GetTransStatus(LUM_TRANSPORT_STATUS_E& status) override;
+    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
 
 protected:
     TcpTransport(Side side, unsigned int reassemblyCapacity, std::atomic<bool>& leftOverPending)
