@@ -64,7 +64,7 @@ void Apply(const Globals& globals) {
         CheckInterfaceNames(globals.interfaces);
         setenv("LUMORA_LINK_INTERFACE", globals.interfaces.c_str(), 1);
     }
-    // What goes wrong is told in one line; the log is for those who ask for it.
+    // A failure is printed in one line. The libraries' log is off unless the user asks for it.
     std::string level = "5";
     for (std::size_t i = 0; i < LOG_LEVELS.size(); ++i) {
         if (globals.logLevel == LOG_LEVELS[i]) {

@@ -218,7 +218,9 @@ Command DoctorCommand() {
         "sends leaves this host.");
     command.Describe(
         "With TYPE it also walks to that device: found, answers, TCP port 6666 reached there, 6667 reached "
-        "back. For the last two it connects, and so takes the place of a client that is connected.");
+        "back. For the last two it connects, and so takes the place of a client that is connected from "
+        "another "
+        "host. While a client runs on this host, it uses port 6667: the walk then ends after the answer.");
     command.Describe(
         "A fault keeps Lumora from working, a warning may; the exit code is 1 when there is a fault.");
     command.Argument("TYPE", options->device.type, "a device to walk to, or TYPE@ADDRESS for one of several")

@@ -72,7 +72,7 @@ int PortOf(const lumora::UniqueFd& fd) {
     return ntohs(address.sin_port);
 }
 
-// To the group, on a port of our own and never beyond this host: nobody else is to hear it.
+// Sends to the group on a port of our own, with TTL 0, so that the datagram never leaves this host.
 bool HearsItself(const Interface& entry) {
     constexpr std::chrono::milliseconds PATIENCE(500);
     constexpr char TEXT[] = "lumora doctor";
@@ -256,6 +256,23 @@ void LookAtLinkPort(Findings& findings) {
                : ""});
 }
 
+Finding TakenPort(int port, const std::string& whose) {
+    const std::string name = "TCP port " + std::to_string(port);
+    const std::string limit = "No other " + whose + " can be connected on this host";
+    const std::optional<PortHolder> holder = TcpPortHolder(port);
+    if (!holder) {
+        return {Level::WARNING, "ports", name + " is taken",
+                "a " + whose + " that is connected has it, or another program: ss -tlnp 'sport = :" +
+                    std::to_string(port) + "' names it. " + limit};
+    }
+    if (!holder->usesLumora) {
+        return {Level::WARNING, "ports", name + " is taken", holder->Text() + ", has it. " + limit};
+    }
+    return {Level::NOTE, "ports",
+            name + " is used by a running " + whose + " of this host: " + holder->Text(),
+            limit + " meanwhile"};
+}
+
 }  // namespace
 
 void LookAtVariables(Findings& findings) {
@@ -328,7 +345,7 @@ void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening) {
         const bool alone = ear.heard.empty();
         findings.push_back({alone ? Level::NOTE : Level::GOOD, "multicast",
                             ear.entry.name + ": joined, " +
-                                (alone ? "nobody else was heard"
+                                (alone ? "no other node was heard"
                                        : Count(ear.heard.size(), "node was heard", "nodes were heard")),
                             alone && !ear.entry.loopback
                                 ? "if devices run in this network, multicast is blocked on the way: a switch "
@@ -347,11 +364,7 @@ void LookAtPorts(Findings& findings) {
                 findings.push_back({Level::GOOD, "ports", name + " is free", ""});
                 break;
             case PortState::TAKEN:
-                findings.push_back({Level::WARNING, "ports", name + " is taken",
-                                    "a " + std::string(whose) +
-                                        " that is connected has it, or another program: ss -tlnp 'sport = :" +
-                                        std::to_string(port) + "' names it. No other " + whose +
-                                        " can be connected on this host"});
+                findings.push_back(TakenPort(port, whose));
                 break;
             case PortState::UNKNOWN:
                 findings.push_back({Level::FAULT, "ports",

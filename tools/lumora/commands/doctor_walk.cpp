@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <optional>
 
 #include "base/unique_fd.h"
 #include "tools/lumora/commands/findings.h"
@@ -65,6 +66,24 @@ void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDe
     }
 }
 
+// While another client of this host is connected, it has the port that the device sends to. A connection
+// cannot be tried then: not even to port 6666 alone, because the device might take it for that client's.
+Finding NotConnected(const std::optional<PortHolder>& holder) {
+    const std::string text = "found and asked only. Not checked: TCP port 6666 there, and 6667 from there. ";
+    if (!holder) {
+        return {Level::WARNING, AREA, text + "TCP port 6667 of this host is taken",
+                "ss -tlnp 'sport = :6667' as root names the program. End it and repeat"};
+    }
+    if (!holder->usesLumora) {
+        return {Level::FAULT, AREA,
+                "cannot be connected: TCP port 6667 of this host belongs to " + holder->Text(),
+                "no client can be connected on this host until that program ends"};
+    }
+    return {Level::NOTE, AREA,
+            text + "TCP port 6667 is used by a running client of this host: " + holder->Text(),
+            "end that client and repeat, to check the rest of the way"};
+}
+
 }  // namespace
 
 void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds wait) {
@@ -99,7 +118,11 @@ void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds w
          ""});
     device.address = found.address + ':' + std::to_string(found.port);
     device.Take();
-    ReportChannel(findings, device, found);
+    if (TcpPortState(CLIENT_PORT) == PortState::TAKEN) {
+        findings.push_back(NotConnected(TcpPortHolder(CLIENT_PORT)));
+    } else {
+        ReportChannel(findings, device, found);
+    }
 }
 
 }  // namespace lumora_cli

@@ -47,7 +47,7 @@ struct Event {
     std::string name;       // of the service or the command
     std::string parameter;  // of the command
     std::size_t length = 0;
-    std::string data;  // only where a program wants it
+    std::string data;  // empty unless a program gets it
     std::string fault;
 };
 

@@ -37,7 +37,7 @@ static int OnDeviceEvent(NotifyDeviceInfo* info) {
     }
 }
 
-// Whoever asks this node is refused: it only looks.
+// This node only searches, so it refuses all requests.
 static int RefuseGet(AppResource*, const RemoteEndpoint*, const char*, char*, unsigned int) { return -1; }
 static int Refuse(AppResource*, const RemoteEndpoint*, const char*, const char*, unsigned int) { return -1; }
 static const char* NoDescriptor(AppResource*) { return nullptr; }

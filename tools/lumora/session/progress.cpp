@@ -72,7 +72,7 @@ void Progress::Advance(const std::string& name, std::uint64_t done) {
     Show(CLEAR_LINE + Line(name, Width(STDERR_FILENO) - 1));
 }
 
-// Without a total there is no bar. Where room is short the name goes, and then the bar shrinks.
+// Without a total there is no bar. On a narrow terminal the name is left out first, and then the bar shrinks.
 std::string Progress::Line(const std::string& name, std::size_t width) const {
     constexpr std::size_t SHORTEST_BAR = 8;
     constexpr std::size_t LONGEST_BAR = 20;
