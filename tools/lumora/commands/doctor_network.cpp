@@ -58,6 +58,7 @@ lumora::UniqueFd Join(const Interface& entry, int port) {
                         lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
                         lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, MembershipOn(entry));
     if (!joined) {
+        // Close may change errno, and the caller reports it.
         const int error = errno;
         fd.Close();
         errno = error;
@@ -65,6 +66,7 @@ lumora::UniqueFd Join(const Interface& entry, int port) {
     return fd;
 }
 
+// The port that the kernel chose for a socket bound to port 0.
 int PortOf(const lumora::UniqueFd& fd) {
     sockaddr_in address = {};
     socklen_t length = sizeof(address);
@@ -76,6 +78,8 @@ int PortOf(const lumora::UniqueFd& fd) {
 bool HearsItself(const Interface& entry) {
     constexpr std::chrono::milliseconds PATIENCE(500);
     constexpr char TEXT[] = "lumora doctor";
+    // Port 0: the real port of the group would also deliver messages of other nodes, and they would count as
+    // an echo.
     const lumora::UniqueFd ear = Join(entry, 0);
     const lumora::UniqueFd mouth(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!ear || !mouth ||
@@ -89,6 +93,7 @@ bool HearsItself(const Interface& entry) {
            Wait(ear.Get(), In(PATIENCE)) == Woken::READY;
 }
 
+// A socket that listens to the group on one interface.
 struct Ear {
     Interface entry;
     lumora::UniqueFd socket;
@@ -110,6 +115,7 @@ void HearOne(Ear& ear) {
 // All at once.
 void Listen(std::vector<Ear>& ears, std::chrono::milliseconds time) {
     const Deadline end = In(time);
+    // poll may wake early, so the loop checks the time itself.
     while (Clock::now() < end && StopSignal() == 0) {
         std::vector<pollfd> watched = {{StopFd(), POLLIN, 0}};
         for (const Ear& ear : ears) {
@@ -138,6 +144,7 @@ void TellJoinFault(Findings& findings, const Interface& entry, int error) {
 
 // ---- Firewalls
 
+// What nft says. A rough reading of its text: it recognises common rules and warns rather than proves.
 struct Rules {
     bool known = false;
     int dropping = 0;  // that drop something
@@ -179,6 +186,7 @@ std::vector<std::string> LinesOf(Child& program, std::chrono::milliseconds patie
 Rules ReadRules() {
     constexpr std::chrono::milliseconds PATIENCE(3000);
     Rules rules;
+    // Listing rules needs root. The tool is not installed on every host.
     if (geteuid() != 0 || access("/usr/sbin/nft", X_OK) != 0) {
         return rules;
     }
@@ -188,6 +196,7 @@ Rules ReadRules() {
     for (const std::string& line : lines) {
         accepted += Has(line, " accept") && !Has(line, "policy") ? line : "";
     }
+    // A chain with the policy "drop" is harmless if it accepts our ports elsewhere.
     const bool acceptsOurs = Has(accepted, "5683") && (Has(accepted, "6666") || Has(accepted, "6667"));
     for (const std::string& line : lines) {
         rules.dropping += Drops(line) ? 1 : 0;
@@ -210,6 +219,7 @@ std::string WhatMustPass() {
 // The items of a list, as the link platform splits it.
 std::vector<std::string> WordsOf(const char* variable) {
     const char* value = std::getenv(variable);
+    // The platform takes commas and blanks as separators.
     std::string text = value != nullptr ? value : "";
     std::replace(text.begin(), text.end(), ' ', ',');
     std::vector<std::string> words = Split(text, ',');

@@ -36,14 +36,18 @@ int ConnectError(const std::string& host, int port) {
         return 0;
     }
     pollfd watched[] = {{fd.Get(), POLLOUT, 0}, {StopFd(), POLLIN, 0}};
+    // A non-blocking connect reports at once only what this host knows, such as a missing route.
     if (errno != EINPROGRESS) {
         return errno;
     }
+    // A packet filter that drops gives no answer at all. Without this limit the kernel would try for two
+    // minutes.
     if (poll(watched, 2, PATIENCE_MS) == 0) {
         return ETIMEDOUT;
     }
     ThrowWhenStopped();
     int error = 0;
+    // When the socket becomes writable, SO_ERROR tells how the attempt ended.
     socklen_t length = sizeof(error);
     getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error, &length);
     return error;
@@ -51,10 +55,12 @@ int ConnectError(const std::string& host, int port) {
 
 void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDevice& found) {
     try {
+        // A session connects in both directions: ours to port 6666 there, and the device's to port 6667 here.
         const ClientSession session({device, std::chrono::milliseconds(2000), false}, {});
         findings.push_back(
             {Level::GOOD, AREA, "connected: TCP port 6666 is reached there, and 6667 from there", ""});
     } catch (const Failure& failure) {
+        // Only after a failure: tells which of the two directions is blocked.
         const int error = ConnectError(found.address, DEVICE_PORT);
         const bool open = error == 0 || error == ECONNREFUSED;
         findings.push_back({Level::FAULT, AREA, std::string("cannot be connected: ") + failure.what(),
@@ -90,6 +96,8 @@ void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds w
     CheckName("TYPE", device.type);
     std::vector<FoundDevice> all;
     {
+        // The node leaves the network before the client joins. Both in one process would be two nodes with
+        // one configured port.
         LinkNode node;
         all = FindDevices(node, device.type, wait);
     }
@@ -116,6 +124,7 @@ void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds w
         {Level::GOOD, AREA,
          "answers: " + Count(found.services.size(), "service", "services") + ", version " + found.version,
          ""});
+    // From here on only this device, also if another one of the type answers sooner.
     device.address = found.address + ':' + std::to_string(found.port);
     device.Take();
     if (TcpPortState(CLIENT_PORT) == PortState::TAKEN) {

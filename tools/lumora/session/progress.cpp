@@ -15,7 +15,9 @@ namespace {
 
 // What is done sooner needs no line.
 constexpr std::chrono::milliseconds QUIET(300);
+// Redrawing more often costs time and cannot be read.
 constexpr std::chrono::milliseconds BETWEEN_LINES(100);
+// Carriage return, and the escape sequence that erases to the end of the line.
 const char CLEAR_LINE[] = "\r\033[K";
 
 void Show(const std::string& text) {
@@ -69,6 +71,8 @@ void Progress::Advance(const std::string& name, std::uint64_t done) {
     }
     mNext = Clock::now() + BETWEEN_LINES;
     mOnScreen = true;
+    // One column less than the width: a full line would wrap on some terminals, and then it cannot be
+    // cleared.
     Show(CLEAR_LINE + Line(name, Width(STDERR_FILENO) - 1));
 }
 
@@ -96,6 +100,7 @@ double Progress::Share() const {
 std::string Progress::Figures() const {
     constexpr double PERCENT = 100;
     const double seconds = std::chrono::duration<double>(Clock::now() - mBegin).count();
+    // The lower bound avoids a division by zero in the first millisecond.
     const double rate = static_cast<double>(mDone) / std::max(seconds, 0.001);
     const std::string sums = Padded(ShortSize(mDone), 10) + "  " +
                              Padded(ShortSize(static_cast<unsigned long long>(rate)) + "/s", 12) + "  ";
