@@ -13,7 +13,8 @@ namespace {
 constexpr int UNDER_WAY = 32;
 constexpr std::size_t LONGEST = 300000;
 
-// How many pass before anybody looks: until reads of every length have touched the buffers that they go to.
+// Blocks before the first reading of the memory: until reads of every length have touched the buffers that
+// they go to.
 long Before(long messages) { return messages / 10 + 1000; }
 
 // Mostly short; now and then one that does not fit into a read.

@@ -14,7 +14,8 @@ struct Measurement {
     std::string mode;
     std::size_t size = 64;
     double seconds = 1;
-    double number = 1000;  // messages per second where they are paced, of all where growth is looked for
+    double number =
+        1000;  // messages per second of paced streams; messages in all when memory growth is measured
 };
 
 // The last byte of a message says whether it is the last one.

@@ -1,5 +1,5 @@
 // Hand-made sockets, as good as plain code gets them: TCP_NODELAY, one blocking write per message, and a
-// thread that waits in select and reads as much as 1 MiB at a time. A frame that is whole is handed on where
+// thread that waits in select and reads as much as 1 MiB at a time. A whole frame is handed on where
 // it lies.
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
@@ -31,7 +31,7 @@ struct FreeDeleter {
 };
 using Buffer = std::unique_ptr<char[], FreeDeleter>;
 
-// Untouched: pages that nobody writes to do not count as memory.
+// Untouched: a page counts as memory only once it is written to.
 Buffer AllocateBuffer(std::size_t size) {
     return Buffer(static_cast<char*>(std::aligned_alloc(ALIGNMENT, size)));
 }
@@ -140,7 +140,7 @@ private:
             close(fd);
             usleep(1000);
         }
-        Fail("nobody listens");
+        Fail("no peer listens");
     }
 
     void WriteAll(const char* data, std::size_t length) const {

@@ -34,8 +34,8 @@ using lumoraAiModule::LumoraTransCallback;
 using lumoraAiModule::LumoraTransManager;
 using lumoraAiModule::TransType;
 
-constexpr int PORT = 6690;       // where the transport listens
-constexpr int SINK_PORT = 6691;  // where it sends to
+constexpr int PORT = 6690;       // of the transport
+constexpr int SINK_PORT = 6691;  // of the peer that it sends to
 constexpr int SETTLE_MS = 20;
 constexpr unsigned int FRAME_LENGTH = 100000;
 
@@ -208,7 +208,7 @@ struct State {
 };
 
 constexpr State STATES[] = {
-    {"nobody has connected", StopNobodyConnected},  {"idle", StopIdle},
+    {"no peer has connected", StopNobodyConnected}, {"idle", StopIdle},
     {"in the middle of a frame", StopWithinAFrame}, {"frames are coming", StopWhileFramesCome},
     {"sending is stuck", StopWhileSendingIsStuck},  {"the peer has closed", StopAfterTheEnd},
 };

@@ -14,7 +14,7 @@ endif()
 # What is built does not tell in which folders that was; of two that match, the compiler takes the latter.
 set(lumora_paths $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.;-ffile-prefix-map=${CMAKE_BINARY_DIR}=./build>)
 
-# Where CMAKE_UNITY_BUILD joins sources, the fixtures of tests are no longer in the file that is compiled.
+# If CMAKE_UNITY_BUILD joins sources, the fixtures of tests are no longer in the file that is compiled.
 if(CMAKE_UNITY_BUILD)
     list(APPEND lumora_warnings $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>)
 endif()

@@ -11,7 +11,7 @@ foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection -mbranch-protecti
         list(APPEND lumora_hardening ${flag})
     endif()
 endforeach()
-# The C library checks lengths only where the compiler optimizes, and warns elsewhere; the sanitizers check more.
+# The C library checks lengths only if the compiler optimizes, and warns otherwise; the sanitizers check more.
 if(NOT LUMORA_SANITIZE)
     list(APPEND lumora_hardening
         $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)

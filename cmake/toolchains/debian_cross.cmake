@@ -17,7 +17,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # A package is searched for below the parents of the folders of PATH first. With /bin among them that is the sysroot
-# itself, where lib/ leads to usr/lib/: the package would be found, and take its headers to be in include/.
+# itself, whose lib/ leads to usr/lib/: the package would be found, and take its headers to be in include/.
 list(PREPEND CMAKE_PREFIX_PATH /usr)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${CMAKE_SYSROOT}/usr/lib/${lumora_triplet}/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig)

@@ -75,7 +75,7 @@ class Subscription(Taking[Block]):
         return self._service
 
     def close(self) -> None:
-        """Ends the iteration; blocks that nobody has taken are gone. Waits for a callback in progress."""
+        """Ends the iteration; blocks that were not taken are dropped. Waits for a callback in progress."""
         self._inbox.close(Closed("the subscription has been closed"))
         self._client._unsubscribe(self)
         self._end_calling()
@@ -266,7 +266,7 @@ class Client:
         self._handle = 0
         self._lost = None
         result = library().LUM_ConnectAiDevice(self._id, handle)
-        # Also where this has failed, the channel to another device was closed for it.
+        # Even if this has failed, the channel to another device was closed for it.
         for other in list(_clients.values()):
             if other._handle not in (0, handle.value):
                 other._lose(ConnectionLost("a client of this process has turned to another device"))
@@ -374,7 +374,7 @@ class Client:
                 self._watch.join()
             if self._handle != 0 and self._lost is None:
                 library().LUM_DestoryAiDevice(self._id, self._handle)  # the device need not notice by itself
-            _clients.pop(self._id, None)  # before the number is somebody else's
+            _clients.pop(self._id, None)  # before another client gets the number
             library().LUM_DeInitClient(self._id)
             self._has_left = True
             _lifetime.closed(self)
@@ -384,7 +384,7 @@ class Client:
 
     def _forget_in_child(self) -> None:
         self._closed = self._has_left = True
-        self._lock = threading.RLock()  # whoever held it is not here
+        self._lock = threading.RLock()  # a thread that held it does not exist here
         for subscription in self._subscriptions:
             subscription._inbox.close_in_child(Closed("the client has been closed"))
         _clients.pop(self._id, None)
@@ -439,7 +439,7 @@ class Client:
                 self._lose(ConnectionLost(_CONNECTION_ENDED, "LUM_GetServerVersion", -1))
 
 
-# ---- The library's callbacks do not say for whom they are, so there is one of each for the whole process.
+# ---- The library's callbacks have no argument for an object, so there is one of each for the whole process.
 
 _clients: Dict[int, Client] = {}
 

@@ -8,7 +8,7 @@ from typing import Optional
 class Error(Exception):
     """The base of all that this package raises about the library and the network.
 
-    `function` is the library's function that failed and `code` its result; both are None where no call of
+    `function` is the library's function that failed and `code` its result; both are None if no call of
     the library is behind it. The library's log tells the reason.
     """
 
@@ -93,7 +93,7 @@ class ReceiveTimeout(Error, TimeoutError):
 
 
 class QueueOverflow(Error):
-    """Blocks came faster than they were taken, where Overflow.FAIL was chosen."""
+    """Blocks came faster than they were taken, and Overflow.FAIL was chosen."""
 
 
 class Closed(Error):

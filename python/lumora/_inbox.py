@@ -1,4 +1,4 @@
-"""From the library's threads, which must not be held up, to whoever takes: a thread or a coroutine."""
+"""Hands events from the library's threads, which must not wait, to the thread or coroutine that takes them."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ from ._errors import Error, QueueOverflow, ReceiveTimeout
 Item = TypeVar("Item")
 _Waiter = Tuple[asyncio.AbstractEventLoop, "asyncio.Future[None]"]
 
-# Commands and subscriptions are never dropped for data; but anybody may send some.
+# Commands and subscriptions are never dropped for data. Any host may send them, so their number is bounded.
 _MOST_NOTES = 1024
 
 
@@ -88,7 +88,7 @@ class Inbox(Generic[Item]):
         _wake_coroutines(waiters)
 
     def close_in_child(self, reason: Error) -> None:
-        """After a fork: whoever held the lock is not here."""
+        """After a fork: a thread that held the lock does not exist here."""
         self._changed = threading.Condition()
         self._waiters = []
         self.close(reason)
@@ -152,7 +152,7 @@ class Inbox(Generic[Item]):
 
     def _raise_end(self) -> None:
         if self._end is not None:
-            # Another one each time: an exception keeps the trace of where it was raised.
+            # A new one each time: an exception keeps the trace of the place that raised it.
             raise copy.copy(self._end)
 
     def _wake(self) -> List[_Waiter]:

@@ -37,7 +37,7 @@ def library() -> ctypes.CDLL:
 
 
 def log_error(function: str, line: int, text: str) -> None:
-    """Writes to where the library writes."""
+    """Writes to the library's log."""
     # The text is an argument: as a format it might hold directives.
     library().LogInfo(
         LOG_ERROR, b"LUMRA", function.encode(), line, b"%s\n", ctypes.c_char_p(text.encode(errors="replace"))
@@ -45,7 +45,7 @@ def log_error(function: str, line: int, text: str) -> None:
 
 
 def log_callback_failure(failure: Exception) -> None:
-    """Where the callback failed: there is nobody to whom it could be raised."""
+    """Logs the place at which a callback failed. C code called it, so the exception cannot be raised further."""
     trace = failure.__traceback__
     while trace is not None and trace.tb_next is not None:
         trace = trace.tb_next

@@ -34,7 +34,7 @@ def _close_all() -> None:
 
 
 def _forget_all() -> None:
-    # The library's threads exist in the parent only: nobody could be waited for.
+    # The library's threads exist in the parent only, so there is no thread to wait for.
     for thing in _open:
         thing._forget_in_child()
     _open.clear()

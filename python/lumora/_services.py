@@ -34,7 +34,7 @@ class DeviceInfo:
     """A device that a search has found."""
 
     type: str
-    """Its type; where several of one type were found, with a number behind it."""
+    """Its type; if several of one type were found, with a number behind it."""
 
     services: Tuple[Service, ...]
 

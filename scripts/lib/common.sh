@@ -42,7 +42,7 @@ configure_logged() {
     configure "$@" >"$log" || die "see $log"
 }
 
-# Sanitizers want their part of the address space for themselves; where it may be, it is not randomized.
+# Sanitizers need a fixed part of the address space. Address randomization is turned off if that is permitted.
 run_ctest() {
     local without_randomization=()
     if setarch --addr-no-randomize true 2>/dev/null; then

@@ -57,7 +57,7 @@ def arguments(text, start):
 
 
 def joined(argument):
-    """The text of adjacent literals, or None where there is none."""
+    """The text of adjacent literals, or None if there is none."""
     argument = argument.replace("PRIu64", '"llu"')
     return "".join(LITERAL.findall(argument)) if argument.startswith('"') else None
 

@@ -39,7 +39,7 @@ def page(document, folder, documents):
 
 
 def moved(document, page_path, documents, link):
-    """Where a link of a document leads from its page."""
+    """The target of a document's link, from its page."""
     file = (document.parent / link).resolve()
     if file in documents:
         return link[:-len("md")] + "html"
