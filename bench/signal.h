@@ -1,4 +1,4 @@
-// How threads of a bench wait for each other, and how they give up.
+// Lets threads of a bench wait for each other, up to a time limit.
 #pragma once
 
 #include <semaphore.h>

@@ -1,5 +1,5 @@
-// How long a transport takes to stop, whatever it is doing, and how soon it notices that its peer is gone:
-// over real sockets of which the other ends are ours.
+// Measures how long a transport takes to stop in each state, and how soon it notices the end of its peer. The
+// sockets are real; this program is the peer.
 //
 // usage: lumora_bench_transport_waits ROUNDS
 #include <arpa/inet.h>
@@ -103,7 +103,7 @@ public:
     std::atomic<Clock::time_point> disconnected{};
 };
 
-// A transport of one side, and frames that this side takes.
+// A transport of one side, and the frames that this side receives.
 struct Side {
     const char* name;
     std::shared_ptr<LumoraTransManager> transport;

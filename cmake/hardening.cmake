@@ -1,5 +1,5 @@
-# What makes a memory fault of ours, or of a library below us, harder to use: for every build but Debug, whose
-# objects are read in a debugger. scripts/lib/check_hardening reads it off the files that are built.
+# Options that make memory faults harder to exploit, for every build but Debug. scripts/lib/check_hardening checks the
+# built files.
 include(CheckCXXCompilerFlag)
 
 # CET is of x86 alone, branch protection of 64-bit ARM alone; some compilers lack the guard for large stack frames.

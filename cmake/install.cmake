@@ -17,7 +17,7 @@ if(LUMORA_PLATFORM STREQUAL "external")
     install(FILES cmake/external_platform.cmake DESTINATION ${package_folder} COMPONENT dev)
 endif()
 
-# Who passes on what is installed passes these on with it. Our Debian packages have a file of their own for that.
+# The notices that must be redistributed with the installed files. Our Debian packages have a file of their own.
 install(FILES LICENSE SECURITY.md packaging/debian/copyright ${PROJECT_BINARY_DIR}/lumora.spdx.json
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/lumora COMPONENT notices)
 

@@ -1,7 +1,7 @@
-# How what is installed finds our libraries.
+# The run paths by which installed files find our libraries.
 
-# The folders are relative, so that an installed tree can be moved, and are looked at after LD_LIBRARY_PATH, so that a
-# vendor's libraries can be put first. A distribution does not need them: it installs to folders in which the dynamic linker looks.
+# The folders are relative, so that an installed tree can be moved. LD_LIBRARY_PATH comes before them, so that a vendor's
+# libraries can be put first. A distribution does not need them, because the dynamic linker knows its folders.
 option(LUMORA_INSTALL_RUNPATH "Let installed files find our libraries by a path relative to themselves" ON)
 
 # lumora_run_path(TARGET FOLDER...): CMake would otherwise leave a longer path in what it builds, to be shortened when

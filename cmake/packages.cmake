@@ -20,7 +20,7 @@ endif()
 
 set(any_platform "lumora-platform | lumora-platform-libraries")
 
-# What the programs need is read from them; of another machine's packages this one knows nothing.
+# The dependencies are read from the programs. This is not possible for the packages of another machine.
 if(CMAKE_CROSSCOMPILING)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${lumora_arch})
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
@@ -112,7 +112,7 @@ install(FILES README.md SECURITY.md DESTINATION ${doc_folder} COMPONENT doc)
 install(FILES ${PROJECT_BINARY_DIR}/lumora.spdx.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liblumora-cpp COMPONENT runtime)
 
-# Each package says whose it is and what changed.
+# Each package has a copyright file and a changelog.
 find_program(GZIP_PROGRAM gzip REQUIRED)
 execute_process(COMMAND ${GZIP_PROGRAM} -9nc ${PROJECT_SOURCE_DIR}/packaging/debian/changelog
     OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog.gz COMMAND_ERROR_IS_FATAL ANY)

@@ -1,4 +1,4 @@
-# What the builds for other machines share: Debian's cross compiler, and build/sysroot/ARCH of scripts/sysroot.
+# The common part of the builds for other machines: Debian's cross compiler, and build/sysroot/ARCH of scripts/sysroot.
 # Each ARCH.cmake sets lumora_arch, lumora_triplet and lumora_emulator first.
 
 get_filename_component(lumora_root ${CMAKE_CURRENT_LIST_DIR}/../.. ABSOLUTE)

@@ -1,4 +1,4 @@
-"""A device: what clients find, and what answers them."""
+"""A device, and the events that clients cause."""
 
 from __future__ import annotations
 
@@ -50,7 +50,7 @@ class Command:
 
 @dataclass(frozen=True)
 class Subscribed:
-    """A client wants what this service sends."""
+    """A client has subscribed to a service."""
 
     client: int
     service: str
@@ -58,7 +58,7 @@ class Subscribed:
 
 @dataclass(frozen=True)
 class Unsubscribed:
-    """A client no longer wants it, or went away."""
+    """A subscription has ended, or its client has left."""
 
     client: int
     service: str
@@ -178,8 +178,8 @@ class Device(Taking[Event]):
         _device = None
 
 
-# ---- The library calls these on its threads, which must not wait: each call only queues an event. The callbacks have
-# ---- no argument for an object, but a process is at most one device.
+# ---- The library calls these on its threads, which must not wait: each call only queues an event. The
+# ---- callbacks have no argument for an object, but a process is at most one device.
 
 _device: Optional[Device] = None
 _starting = threading.Lock()

@@ -1,4 +1,4 @@
-"""Hands events from the library's threads, which must not wait, to the thread or coroutine that takes them."""
+"""Hands events from the library's threads, which must not wait, to a thread or coroutine."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ _MOST_NOTES = 1024
 
 
 class Overflow(enum.Enum):
-    """What happens when a block comes and the queue is full."""
+    """The treatment of a block that arrives while the queue is full."""
 
     DROP_OLDEST = "drop oldest"
     """The blocks that have waited longest make room."""
@@ -29,7 +29,7 @@ class Overflow(enum.Enum):
     """The block that has just come is dropped."""
 
     FAIL = "fail"
-    """What waits can still be taken; then QueueOverflow is raised. Nothing is put in any more."""
+    """The queued blocks can still be taken; then QueueOverflow is raised. No more are queued."""
 
 
 class Inbox(Generic[Item]):
@@ -60,7 +60,7 @@ class Inbox(Generic[Item]):
         _wake_coroutines(waiters)
 
     def put_note(self, item: Item) -> None:
-        """Something small that is not dropped to make room for blocks."""
+        """Queues a small event that is not dropped to make room for blocks."""
         with self._changed:
             if self._end is None:
                 if len(self._items) - self._blocks < _MOST_NOTES:
@@ -71,7 +71,7 @@ class Inbox(Generic[Item]):
         _wake_coroutines(waiters)
 
     def end(self, reason: Error) -> None:
-        """What waits can still be taken; then the first reason is raised."""
+        """Closes the queue. Queued events can still be taken; then the first reason is raised."""
         with self._changed:
             if self._end is None:
                 self._end = reason
@@ -79,7 +79,7 @@ class Inbox(Generic[Item]):
         _wake_coroutines(waiters)
 
     def close(self, reason: Error) -> None:
-        """The same, but what waits is forgotten."""
+        """The same, but drops the queued events."""
         with self._changed:
             self._items.clear()
             self._blocks = self._bytes = 0

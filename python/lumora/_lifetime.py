@@ -1,4 +1,4 @@
-"""Whatever is open when the interpreter ends is closed before the library's threads would meet its ruins."""
+"""Closes open clients and devices at the interpreter's end, before threads of the library call into it."""
 
 from __future__ import annotations
 
