@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes docs/generated/errors.md from docs/errors.tsv, and compares the table with what the sources log.
+"""Makes docs/generated/errors.md from docs/errors.tsv, and compares the table with the log texts of the sources.
 
   error_reference.py --write   makes the document
   error_reference.py --check   fails when the table lacks a text, has one that no source logs any more, gives it
@@ -70,7 +70,7 @@ def level_of(argument):
 
 
 def logged_by_python(path):
-    """The same for Python's one function; what it fills in is shown as C would."""
+    """The same for Python's one function. Its fields are shown as formats of C."""
     for text in re.findall(r'\blog_error\([^\n]*, f?"((?:[^"\\]|\\.)*)"\)', path.read_text()):
         yield 4, re.sub(r"{[^{}]*}", "%s", text)
 

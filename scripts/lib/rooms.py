@@ -16,10 +16,11 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PICTURE = ROOT / "docs" / "generated" / "rooms.svg"
-# What is built from the folders, in the order of the picture.
+# Each built file and its folders, in the order of the picture.
 GROUPS = {
     "liblumora_cpp.so": ["api", "client", "server", "transport", "link", "version", "protocol", "base"],
-    "liblumora.so": ["platform/link", "platform/link/capi", "platform/link/io", "platform/link/core", "platform/link/wire"],
+    "liblumora.so": ["platform/link", "platform/link/capi", "platform/link/io", "platform/link/core",
+                     "platform/link/wire"],
     "liblink_log.so": ["platform/log"],
     "libsecurec.so": ["platform/securec"],
     "lumora": ["tools/lumora", "tools/lumora/commands", "tools/lumora/session", "tools/lumora/manual",
