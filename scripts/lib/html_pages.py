@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/env -S python3 -B
 """Makes HTML of the documents: html_pages.py FOLDER. Needs cmark-gfm.
 
 The pages stand in FOLDER as the documents stand in the project. Links between documents lead to pages, links to other
