@@ -41,6 +41,11 @@ void ForgetCallbacks() {
 
 }  // namespace
 
+std::vector<unsigned int> ClientModuleProbe::IdsInUse() {
+    const lumora::MutexLock lock(LumoraClientModule::mInstanceMutex);
+    return *LumoraClientModule::mClientInstance;
+}
+
 void ClientModuleProbe::EndSearch(LumoraClientModule& module, SearchResult result) {
     const lumora::MutexLock lock(module.mMutex);
     module.mDevices.Replace(result);

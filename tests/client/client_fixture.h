@@ -39,7 +39,7 @@ inline const std::string SETUP = " Get " + SETUP_KEY + R"( {"p":2,"ep":{"addr":"
 
 // What lies behind the module's operations and cannot be reached through them.
 struct ClientModuleProbe {
-    static std::vector<unsigned int> IdsInUse() { return LumoraClientModule::ClientInstances(); }
+    static std::vector<unsigned int> IdsInUse();
     // As if a search had ended with this result.
     static void EndSearch(LumoraClientModule& module, SearchResult result);
     // Puts a transport in the place of the handle's.

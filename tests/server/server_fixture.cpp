@@ -106,7 +106,7 @@ std::vector<Data> Application::Received(size_t count) const {
     return Received();
 }
 
-ServerModuleTest::ServerModuleTest() : mModule(std::make_unique<LumoraServerModule>("camera")) {
+ServerModuleTest::ServerModuleTest() : mModule(std::make_unique<LumoraServerModule>("camera", Sources())) {
     mLog.Clear();
 }
 
