@@ -1,4 +1,4 @@
-// The client module over a platform in the process and, where a test needs them, devices that a raw peer
+// The client module over a platform in the process and, if a test needs them, devices that a raw peer
 // plays.
 #pragma once
 
@@ -30,8 +30,8 @@ using lumora_test::RawListener;
 using lumora_test::Request;
 using lumora_test::ServiceInfo;
 
-constexpr unsigned int NO_HANDLE = 4711;  // a handle that nobody was given
-constexpr int NO_CLIENT = 17;             // an ID that nobody was given
+constexpr unsigned int NO_HANDLE = 4711;  // a handle that was not given out
+constexpr int NO_CLIENT = 17;             // an ID that was not given out
 
 // What a device is asked for before it hears of the first client.
 inline const std::string SETUP_KEY = ".sys.mediaservice.setup";

@@ -195,7 +195,7 @@ TEST_F(ClientRegistryTest, LateEndOfAnOldInstanceLeavesTheNewOneRegistered) {
     holder.reset();
     EXPECT_EQ(1, mPlatform.LiveHandles());
     EXPECT_STREQ("phone", mPlatform.Resource()->DoGetDescriptor(mPlatform.Resource()));
-    EXPECT_EQ(0, mPlatform.SendEvent(2, 7, "192.0.2.1", 5683, "camera")) << "nobody takes events";
+    EXPECT_EQ(0, mPlatform.SendEvent(2, 7, "192.0.2.1", 5683, "camera")) << "events have no receiver";
 }
 
 // ---- RegisterEvent ----

@@ -1,4 +1,4 @@
-// ConnectAiDevice where it succeeds, and what it asks of whom in which order.
+// ConnectAiDevice when it succeeds: what it asks of which device, in which order.
 #include "tests/client/client_fixture.h"
 #include "tests/support/eventually.h"
 

@@ -69,7 +69,7 @@ TEST_F(ConnectionLostTest, ClientsOfOtherHandlesStayConnected) {
     EXPECT_TRUE(IsFound("camera"));
 }
 
-TEST_F(ConnectionLostTest, NobodyIsToldByAClientEvent) {
+TEST_F(ConnectionLostTest, NoClientIsToldByAClientEvent) {
     EXPECT_EQ(0, mModule->RegisterEvent(1, RemovalCallback));
     const unsigned int camera = Camera();
     Connect(1, camera);

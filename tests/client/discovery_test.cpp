@@ -105,7 +105,7 @@ TEST_F(DiscoveryTest, DevicesThatDoNotAnswerDoNotCount) {
     EXPECT_THAT(mLog.Texts(4), IsEmpty());
 }
 
-TEST_F(DiscoveryTest, SearchSucceedsThoughNobodyAnswers) {
+TEST_F(DiscoveryTest, SearchSucceedsThoughNoDeviceAnswers) {
     mResults["ServiceInfo"] = -1;
     AddDevice("camera");
     AddDevice("reader");

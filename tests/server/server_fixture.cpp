@@ -63,7 +63,7 @@ int Application::OnCommand(const char* cmd, const char* param) {
         g_application->mCommands.emplace_back(cmd, param);
     }
     g_application->onCommand();
-    return -1;  // nobody may look at it
+    return -1;  // must be ignored
 }
 
 int Application::OnNotify(int clientID, int event, LUM_SUBSCRIBE_SERVICE_S subscription) {

@@ -315,7 +315,7 @@ TEST_F(LinkNodeTest, ASlowRequestIsAcknowledgedFirstAndRunsOnceToo) {
     EXPECT_THAT(device.Requests(), SizeIs(1));
 }
 
-TEST_F(LinkNodeTest, DamagedDatagramsDisturbNobody) {
+TEST_F(LinkNodeTest, DamagedDatagramsHaveNoEffect) {
     Start();
     RawPeer peer(proxy);
     const std::string whole = SerializeMessage(RawPost("key", "value"));
