@@ -9,10 +9,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <system_error>
 #include <utility>
+
+#include "base/log.h"
+#include "securec.h"
 
 namespace lumoraAiModule {
 
@@ -101,6 +104,17 @@ Descriptor AcceptConnection(const Descriptor& listenSocket, in_addr& from) {
         accept4(listenSocket.Number(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC));
     from = peer.sin_addr;
     return connection;
+}
+
+int FillAddress(const char* operation, int port, sockaddr_in& address) {
+    if (memset_s(&address, sizeof(address), 0, sizeof(address)) != 0) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "memset_s failed\n");
+        return -1;
+    }
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return 0;
 }
 
 int SetNonBlocking(const Descriptor& socket) {

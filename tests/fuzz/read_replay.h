@@ -24,11 +24,11 @@ public:
     using lumora_test::OpenTransport<Transport>::OpenTransport;
 
     void Reset() {
-        this->mReassembly.Consume(this->mReassembly.Length());
+        this->Held().Consume(this->Held().Length());
         this->Pending() = false;
     }
     bool Holds(const std::string& bytes) {
-        return std::string_view(this->mReassembly.Data(), this->mReassembly.Length()) == bytes;
+        return std::string_view(this->Held().Data(), this->Held().Length()) == bytes;
     }
     // Puts the bytes where a read would have put them.
     int Receive(const std::string& bytes, bool aside) {
@@ -38,7 +38,7 @@ public:
             lumora_test::ReceivedBytes received(bytes);
             return this->ParseAndSendData(received.Data(), length);
         }
-        char* data = this->mReassembly.End();
+        char* data = this->Held().End();
         std::copy(bytes.begin(), bytes.end(), data);
         std::fill_n(data + length, lumoraAiModule::FRAME_SPARE_LENGTH, '\0');
         return this->ParseAndSendData(data, length);

@@ -24,6 +24,11 @@ protected:
         EXPECT_EQ(0U, this->mWritten);
         EXPECT_THAT(this->mLog.Texts(4), ElementsAre(NO_CHANNEL));
     }
+    int SendApart(const Bytes& head, const Bytes& payload) {
+        const lumoraAiModule::FrameParts frame = {head.data(), static_cast<unsigned int>(head.size()),
+                                                  payload.data(), static_cast<unsigned int>(payload.size())};
+        return this->mTransport->SendFrame(frame, &this->mWritten, 0);
+    }
     void ExpectTimedOut() {
         EXPECT_TRUE(this->mTransport->IsBroken());
         EXPECT_FALSE(this->mTransport->IsRunning());
@@ -41,6 +46,27 @@ TYPED_TEST(TcpSendTest, BytesGoOutAsTheyAre) {
     EXPECT_EQ(0, this->Send(bytes));
     EXPECT_EQ(8U, this->mWritten);
     EXPECT_EQ(bytes, this->mSinkPeer.Receive(8));
+}
+
+TYPED_TEST(TcpSendTest, HeadAndPayloadThatLieApartGoOutAsOneFrame) {
+    this->Connect();
+    EXPECT_EQ(0, this->SendApart("head", "and payload"));
+    EXPECT_EQ(15U, this->mWritten);
+    EXPECT_EQ(1, SystemCallCount(SystemCall::SEND));
+    EXPECT_EQ("headand payload", this->mSinkPeer.Receive(15));
+}
+
+TYPED_TEST(TcpSendTest, ShortWritesOfHeadAndPayloadAreContinued) {
+    for (const std::size_t most : std::initializer_list<std::size_t>{1, 3, 4, 5, 14}) {
+        SCOPED_TRACE(most);
+        this->Connect();
+        LimitTransfer(SystemCall::SEND, most);
+        EXPECT_EQ(0, this->SendApart("head", "and payload"));
+        EXPECT_EQ(15U, this->mWritten);
+        EXPECT_EQ("headand payload", this->mSinkPeer.Receive(15));
+        this->Stop();
+        ResetSystemFaults();
+    }
 }
 
 TYPED_TEST(TcpSendTest, NothingIsSentForNothing) {
