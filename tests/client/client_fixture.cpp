@@ -253,6 +253,21 @@ void ChannelTest::Connect(int clientID, unsigned int handle) {
     mFromClient = mListener.Accept();
 }
 
+unsigned int ChannelTest::ConnectToCamera() {
+    const unsigned int camera = Camera();
+    Connect(1, camera);
+    ForgetAsked();
+    mLog.Clear();
+    return camera;
+}
+
+void ChannelTest::LoseTheCamera() {
+    mPlatform.devices = {Device("reader", 5684)};
+    EXPECT_EQ(0, Search());
+    ForgetAsked();
+    mLog.Clear();
+}
+
 void ChannelTest::RegisterEvents(int clientID, unsigned int handle) {
     ASSERT_EQ(0, mModule->RegisterAiDeviceEvent(clientID, handle, FirstCallback)) << mLog.Dump();
 }

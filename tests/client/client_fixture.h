@@ -160,6 +160,10 @@ protected:
     unsigned int Reader(int clientID = 1) { return Handle(clientID, "reader"); }
     // Connects, and takes up the connection that the client makes.
     void Connect(int clientID, unsigned int handle);
+    // The first client does so; the log and the requests begin anew.
+    unsigned int ConnectToCamera();
+    // Makes the search find the reader only: the camera's handle stays.
+    void LoseTheCamera();
     int TryToConnect(int clientID, unsigned int handle) { return mModule->ConnectAiDevice(clientID, handle); }
     void RegisterEvents(int clientID, unsigned int handle);
     // The device closes its sending half; returns when the client knows.

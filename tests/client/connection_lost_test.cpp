@@ -11,11 +11,6 @@ using testing::IsEmpty;
 
 class ConnectionLostTest : public ChannelTest {
 protected:
-    void LoseTheCamera() {
-        mPlatform.devices = {Device("reader", 5684)};
-        EXPECT_EQ(0, Search());
-        mLog.Clear();
-    }
     bool IsFound(std::string type) {
         unsigned int handle = 0;
         return mModule->CreateAiDevice(1, type, &handle) == 0;

@@ -115,8 +115,7 @@ TEST_F(RefusalTest, CallsWithoutAnArgumentClientOrHandle) {
 }
 
 TEST_F(RefusalTest, CallsForADeviceThatTheLastSearchDidNotFind) {
-    mPlatform.devices = {Device("reader", 5684)};
-    EXPECT_EQ(0, Search());
+    LoseTheCamera();
     ExpectRefused({
         {"DestoryAiDevice", [&] { return mModule->DestoryAiDevice(1, mCamera); },
          "Device source: camera no resource!\n"},

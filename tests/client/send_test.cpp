@@ -17,19 +17,6 @@ using testing::IsEmpty;
 
 class SendTest : public ChannelTest {
 protected:
-    unsigned int ConnectToCamera() {
-        const unsigned int camera = Camera();
-        Connect(1, camera);
-        ForgetAsked();
-        mLog.Clear();
-        return camera;
-    }
-    void LoseTheCamera() {
-        mPlatform.devices = {Device("reader", 5684)};
-        EXPECT_EQ(0, Search());
-        ForgetAsked();
-        mLog.Clear();
-    }
     int Command(unsigned int handle, const char* cmd, const char* param, int clientID = 1) {
         return mModule->SendCmd(clientID, handle, cmd, param);
     }

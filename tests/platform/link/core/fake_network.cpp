@@ -1,4 +1,4 @@
-#include "fake_network.h"
+#include "tests/platform/link/core/fake_network.h"
 
 #include <algorithm>
 

@@ -15,8 +15,8 @@
 #include "platform/link/io/unique_fd.h"
 #include "platform/link/wire/coap_message.h"
 #include "platform/link/wire/messages.h"
-#include "raw_coap_peer.h"
-#include "test_node.h"
+#include "tests/platform/link/capi/test_node.h"
+#include "tests/platform/link/io/raw_coap_peer.h"
 #include "tests/support/eventually.h"
 #include "tests/support/own_network.h"
 

@@ -7,8 +7,8 @@
 #include <fstream>
 
 #include "platform/link/io/coap_port.h"
-#include "raw_coap_peer.h"
-#include "test_node.h"
+#include "tests/platform/link/capi/test_node.h"
+#include "tests/platform/link/io/raw_coap_peer.h"
 #include "tests/support/eventually.h"
 #include "tests/support/own_network.h"
 

@@ -7,8 +7,8 @@
 #include <map>
 #include <set>
 
-#include "fake_network.h"
 #include "platform/link/wire/link_format.h"
+#include "tests/platform/link/core/fake_network.h"
 
 namespace lumora_link::test {
 
