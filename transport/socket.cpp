@@ -145,6 +145,11 @@ void TuneConnection(const Descriptor& socket) {
     lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
 }
 
+// Setting the option again is what pushes, whatever it was before.
+void PushWritten(const Descriptor& socket) {
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
 void LimitReadWaits(const Descriptor& socket, int microseconds) {
     lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_RCVTIMEO, timeval{0, microseconds});
 }

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "test_node.h"
+#include "tests/platform/link/capi/test_node.h"
 #include "tests/support/eventually.h"
 #include "tests/support/own_network.h"
 
