@@ -1,18 +1,17 @@
 #include "transport/tcp_receiver.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <system_error>
 #include <utility>
 
 #include "base/log.h"
+#include "base/thread.h"
 #include "protocol/data_frame.h"
 #include "transport/operation_names.h"
 
@@ -27,22 +26,6 @@ constexpr int LOST_PEER_PAUSE_MS = 20;    // how soon a stop is noticed while a 
 constexpr int ACCEPT_PAUSE_MS = 2;        // the same while the peer is waited for
 constexpr int NOTHING_READ_PAUSE_MS = 1;  // after select promised data and read found none
 constexpr unsigned int NOTHING_READ_LIMIT = 500;
-
-// Threads inherit the signal mask of their creator. The application's signals belong to its own threads.
-class AllSignalsBlocked {
-public:
-    AllSignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &mBefore);
-    }
-    ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-    AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-    AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
-private:
-    sigset_t mBefore;
-};
 
 }  // namespace
 
@@ -115,7 +98,7 @@ int TcpReceiver::BindAndListen(const Descriptor& socket, const sockaddr_in& addr
 
 int TcpReceiver::StartThread(std::shared_ptr<void> owner) {
     const lumora::MutexLock lock(mThreadMutex);
-    const AllSignalsBlocked blocked;
+    const lumora::AllSignalsBlocked blocked;
     try {
         mReceiveThread = std::thread([this, owner = std::move(owner)] {
             mReceiveThreadId = std::this_thread::get_id();

@@ -1,4 +1,4 @@
-#include "test_node.h"
+#include "tests/platform/link/capi/test_node.h"
 
 #include <arpa/inet.h>
 

@@ -1,4 +1,4 @@
-#include "fake_network.h"
+#include "tests/platform/link/core/fake_network.h"
 
 #include <algorithm>
 
@@ -242,7 +242,7 @@ bool FakeNetwork::RunUntil(const std::function<bool()>& condition, Milliseconds 
     return true;
 }
 
-// One event or one node's deadline, whichever comes first; false where nothing is due by the end.
+// One event or one node's deadline, whichever comes first; false if nothing is due by the end.
 bool FakeNetwork::Step(TimePoint end) {
     TimePoint next = mEvents.empty() ? TimePoint::max() : mEvents.begin()->first;
     FakeNode* due = nullptr;
@@ -289,7 +289,7 @@ void FakeNetwork::Carry(FakeNode& from, FakeNode& to, const CoapMessage& message
 }
 
 FakeNode* FakeNetwork::ListenerAt(const Endpoint& endpoint) {
-    // The latest, where several had the address one after the other.
+    // The latest, if several had the address one after the other.
     for (auto node = mNodes.rbegin(); node != mNodes.rend(); ++node) {
         for (const LocalInterface& local : (*node)->mInterfaces) {
             const bool port = endpoint.port == (*node)->mPort || endpoint.port == SOCKET_PORT;

@@ -103,10 +103,10 @@ TEST_F(SecuredSessionsTest, PeersHaveSessionsOfTheirOwn) {
     Ask(2, "b", OTHER);
     EXPECT_THAT(opened, ElementsAre(1, 2));
     EXPECT_THAT(written, IsEmpty());
-    EXPECT_EQ(sessions.OnAnswer(1, "b", now), std::nullopt) << "nobody answers for another";
+    EXPECT_EQ(sessions.OnAnswer(1, "b", now), std::nullopt) << "one peer cannot answer for another";
 }
 
-TEST_F(SecuredSessionsTest, WhileSomebodyWaitsAFewHandshakesRunBesideEachOther) {
+TEST_F(SecuredSessionsTest, WhileAPeerWaitsAFewHandshakesRunAtTheSameTime) {
     Ask(1, "a");
     for (int count = 0; count < 30; ++count) {
         After(Milliseconds(100));
@@ -119,7 +119,7 @@ TEST_F(SecuredSessionsTest, WhileSomebodyWaitsAFewHandshakesRunBesideEachOther) 
     EXPECT_EQ(sessions.Sessions(), 1U);
 }
 
-TEST_F(SecuredSessionsTest, AHandshakeThatFailsIsReplacedAndNobodyIsRefused) {
+TEST_F(SecuredSessionsTest, AHandshakeThatFailsIsReplacedAndNoPeerIsRefused) {
     Ask(1, "a");
     sessions.OnFailed(1, false);
     After(SecuredSessions::RETRY);
@@ -279,7 +279,7 @@ TEST_F(SecuredSessionsTest, WhereAllAreInUseOthersWait) {
     EXPECT_THAT(closed, ElementsAre(1));
 }
 
-TEST_F(SecuredSessionsTest, TheNextTryIsDueWhileSomebodyWaitsAndNeverOtherwise) {
+TEST_F(SecuredSessionsTest, TheNextTryIsDueWhileAPeerWaitsAndNeverOtherwise) {
     EXPECT_EQ(sessions.NextDeadline(), TimePoint::max());
     Ask(1, "a");
     EXPECT_EQ(sessions.NextDeadline(), now + SecuredSessions::RETRY);

@@ -50,7 +50,7 @@ class Find(LumoraCase):
         self.assertEqual((result.returncode, result.stdout), (3, "[]\n"))
         self.assertEqual(json.loads(result.stderr)["exit"], 3)
 
-    def test_nobody_at_all(self):
+    def test_no_device_at_all(self):
         self.assert_fails(lumora("find", "--wait", "0.1"), 3, "no device was found")
 
     def test_waits_for_a_device_that_comes_later(self):

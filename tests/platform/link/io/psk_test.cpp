@@ -49,7 +49,7 @@ TEST_F(PskFileTest, HoldsIdentityAndKeyOnOneLine) {
     EXPECT_EQ(Read("lumora:se:cret\n", 0400)->key, "se:cret");
 }
 
-TEST_F(PskFileTest, IsRefusedWhereOthersThanTheOwnerMayUseIt) {
+TEST_F(PskFileTest, IsRefusedIfOthersThanTheOwnerMayUseIt) {
     for (const mode_t mode : {0640U, 0604U, 0620U, 0602U, 0644U}) {
         EXPECT_FALSE(Read("lumora:secret\n", mode)) << std::oct << mode;
         EXPECT_THAT(log,
@@ -57,7 +57,7 @@ TEST_F(PskFileTest, IsRefusedWhereOthersThanTheOwnerMayUseIt) {
     }
 }
 
-TEST_F(PskFileTest, IsRefusedWhereItIsNotThatLine) {
+TEST_F(PskFileTest, IsRefusedIfItIsNotThatLine) {
     for (const char* text : {"", "\n", "lumora", ":secret", "lumora:", "lumora:secret\nmore\n"}) {
         EXPECT_FALSE(Read(text)) << text;
         EXPECT_THAT(log, HasSubstr("is not one line identity:key"));

@@ -12,11 +12,11 @@
 #include <set>
 #include <thread>
 
-#include "platform/link/io/unique_fd.h"
+#include "base/unique_fd.h"
 #include "platform/link/wire/coap_message.h"
 #include "platform/link/wire/messages.h"
-#include "raw_coap_peer.h"
-#include "test_node.h"
+#include "tests/platform/link/capi/test_node.h"
+#include "tests/platform/link/io/raw_coap_peer.h"
 #include "tests/support/eventually.h"
 #include "tests/support/own_network.h"
 
@@ -315,7 +315,7 @@ TEST_F(LinkNodeTest, ASlowRequestIsAcknowledgedFirstAndRunsOnceToo) {
     EXPECT_THAT(device.Requests(), SizeIs(1));
 }
 
-TEST_F(LinkNodeTest, DamagedDatagramsDisturbNobody) {
+TEST_F(LinkNodeTest, DamagedDatagramsHaveNoEffect) {
     Start();
     RawPeer peer(proxy);
     const std::string whole = SerializeMessage(RawPost("key", "value"));

@@ -7,8 +7,8 @@
 #include <fstream>
 
 #include "platform/link/io/coap_port.h"
-#include "raw_coap_peer.h"
-#include "test_node.h"
+#include "tests/platform/link/capi/test_node.h"
+#include "tests/platform/link/io/raw_coap_peer.h"
 #include "tests/support/eventually.h"
 #include "tests/support/own_network.h"
 
@@ -98,7 +98,7 @@ TEST_F(SecuredNodeTest, PlainRequestsAreRefusedAndSecuredOnesServed) {
     EXPECT_THAT(device.Requests(), SizeIs(1));
 }
 
-TEST_F(SecuredNodeTest, WhoeverAsksWithoutTheKeyIsToldWhereTheNodeIs) {
+TEST_F(SecuredNodeTest, ARequestWithoutTheKeyIsToldTheAddressOfTheNode) {
     UseKey("secret");
     ASSERT_TRUE(asker.Start());
     ASSERT_TRUE(device.Start());
@@ -136,7 +136,7 @@ TEST_F(SecuredNodeTest, RequestsToOneNodeShareASession) {
         EXPECT_EQ(Post(found.At(0), "key", "value"), 0);
     }
     EXPECT_GT(OpenDescriptors(), before) << "the session stays";
-    EXPECT_LT(OpenDescriptors(), before + 10) << "with the sessions of pings, where the machine is slow";
+    EXPECT_LT(OpenDescriptors(), before + 10) << "with the sessions of pings, if the machine is slow";
     EXPECT_THAT(device.Requests(), SizeIs(50));
 }
 
@@ -155,7 +155,7 @@ TEST_F(SecuredNodeTest, ANodeThatWasStartedAgainIsAskedByANewSession) {
                 ElementsAre(Request{"POST", "", "before", ""}, Request{"POST", "", "after", ""}));
 }
 
-TEST_F(SecuredNodeTest, AForgedGoodbyeRemovesNobody) {
+TEST_F(SecuredNodeTest, AForgedGoodbyeRemovesNoNode) {
     UseKey("secret");
     ASSERT_TRUE(asker.Start());
     ASSERT_TRUE(device.Start());

@@ -7,8 +7,8 @@
 #include <map>
 #include <set>
 
-#include "fake_network.h"
 #include "platform/link/wire/link_format.h"
+#include "tests/platform/link/core/fake_network.h"
 
 namespace lumora_link::test {
 
@@ -173,7 +173,7 @@ TEST_F(NodeCoreTest, NoticesWithinThreeSecondsThatALinkWasCutAndThatItIsBack) {
     }
 }
 
-TEST_F(NodeCoreTest, LossRemovesNobodyInAnHour) {
+TEST_F(NodeCoreTest, LossRemovesNoNodeInAnHour) {
     network.lossPercent = 20;
     FakeNode& watcher = network.Add(std::nullopt);
     network.Add("camera");
@@ -235,7 +235,7 @@ TEST_F(NodeCoreTest, NeighboursThatAreAliveAreAskedOnceAndStay) {
     };
     network.AddAt({200, 1}, {LocalInterface{2, "eth0", htonl(0x0a000063)}}, 9, "camera");
     network.Run(seconds(3));
-    // The watcher asks 8, each neighbour the 7 others; the newcomer asks each, whoever speaks first.
+    // The watcher asks 8, each neighbour the 7 others; the newcomer asks each, in either order.
     EXPECT_LE(pings, 8 + 8 * 7 + 2 * 8);
     EXPECT_GE(pings, 8 + 8 * 7);
     for (const FakeNode* node : nodes) {
@@ -261,7 +261,7 @@ TEST_F(NodeCoreTest, ASearchLeavesOutTheNodeThatRefuses) {
     network.Run(seconds(2));
     network.Kill(gone);
     EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
-    EXPECT_LE(searchTime, Milliseconds(300)) << "nobody is missing any more";
+    EXPECT_LE(searchTime, Milliseconds(300)) << "no node is missing any more";
     EXPECT_THAT(EventsOf(asker), ElementsAre("+1", "+2", "-1"));
 }
 
@@ -281,7 +281,7 @@ TEST_F(NodeCoreTest, SecuredNodesAreNoticedAndRemovedLikeOthers) {
     EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1", "+2", "-2"));
 }
 
-TEST_F(NodeCoreTest, ForgedGoodbyesAndHellosRemoveAndReplaceNobody) {
+TEST_F(NodeCoreTest, ForgedGoodbyesAndHellosRemoveAndReplaceNoNode) {
     FakeNode& watcher = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
     network.Run(seconds(2));
@@ -506,7 +506,7 @@ TEST_F(NodeCoreTest, SecuredAndOtherNodesDoNotSeeEachOther) {
     EXPECT_THAT(EventsOf(closed), IsEmpty());
 }
 
-TEST_F(NodeCoreTest, AHelloThatComesAfterTheGoodbyeRevivesNobody) {
+TEST_F(NodeCoreTest, AHelloThatComesAfterTheGoodbyeRevivesNoNode) {
     network.longestDelay = Milliseconds(200);
     for (int round = 0; round < 20; ++round) {
         FakeNode& watcher = network.Add(std::nullopt);
@@ -898,7 +898,7 @@ TEST_F(NodeCoreTest, WhoAsksWithoutAnEndIsNotAnsweredWithoutAnEnd) {
     EXPECT_LT(device.Datagrams() - before, 200U) << "of 400 probes in the first second alone";
 }
 
-TEST_F(NodeCoreTest, FiftyNodesPingLittleThroughLossAndRemoveNobody) {
+TEST_F(NodeCoreTest, FiftyNodesPingLittleThroughLossAndRemoveNoNode) {
     std::vector<FakeNode*> nodes;
     for (int count = 0; count < 50; ++count) {
         nodes.push_back(&network.Add("camera"));
@@ -924,7 +924,7 @@ TEST_F(NodeCoreTest, AmongManyNodesHellosAreSpreadWhenOneComesAndAfterwards) {
         network.Add("camera");
     }
     network.Run(seconds(1));
-    std::map<std::uint16_t, TimePoint> hellos;  // each is delivered to everybody
+    std::map<std::uint16_t, TimePoint> hellos;  // each is delivered to all nodes
     network.filter = [&](const CoapMessage& message) {
         if (PathOf(message) == HELLO_PATH) {
             hellos.try_emplace(message.messageId, network.Now());

@@ -84,7 +84,7 @@ TEST_F(RequestTableTest, AnotherInstanceCountsAnew) {
     EXPECT_EQ(Admit(49, 49), Verdict::STALE) << "the former instance is still told apart";
 }
 
-TEST_F(RequestTableTest, AnAnswerNobodyWaitsForIsNotKept) {
+TEST_F(RequestTableTest, AnAnswerToNoPendingRequestIsNotKept) {
     Admit(1, 1);
     Admit(2, 2);
     Answer(1);

@@ -74,7 +74,7 @@ TEST_F(PeerDirectoryTest, DoubtsASilentNodeBeforeItRemovesIt) {
     EXPECT_LE(PeerDirectory::DOUBT_AFTER + PeerDirectory::GIVE_UP_AFTER, Milliseconds(3000));
 }
 
-TEST_F(PeerDirectoryTest, InACrowdNobodyIsDoubtedForOneLostHello) {
+TEST_F(PeerDirectoryTest, AmongManyNodesOneLostHelloCausesNoProbe) {
     constexpr std::size_t NODES = PeerDirectory::CROWD + 1;
     const auto hearAll = [this] {
         for (std::uint64_t id = 0; id < NODES; ++id) {
@@ -383,7 +383,7 @@ TEST_F(PeerDirectoryTest, AnAnswerSaysNothingAboutNodesAtOtherEndpoints) {
     }
 }
 
-TEST_F(PeerDirectoryTest, HellosFromElsewhereKeepNobodyAlive) {
+TEST_F(PeerDirectoryTest, HellosFromElsewhereKeepNoNodeAlive) {
     OnHello(Node(1, 1, "10.0.0.1:1"));
     for (int count = 0; count < 30; ++count) {
         Wait(Milliseconds(100));
