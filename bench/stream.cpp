@@ -1,4 +1,4 @@
-// Messages one after the other in one direction, as fast as the pipe takes them.
+// Sends messages in one direction, as fast as the pipe takes them.
 #include <cinttypes>
 #include <cstdio>
 #include <thread>
@@ -17,7 +17,7 @@ std::uint64_t SendFor(Pipe& pipe, const Measurement& what) {
     message[what.size - 1] = MORE;
     const Clock::time_point begin = Clock::now();
     std::uint64_t messages = 0;
-    // Reading the clock costs as much as a small message: not at each of them.
+    // Reading the clock costs as much as a small message, so it is not read for each.
     const std::uint64_t stride = what.size < 16384 ? 64 : 1;
     while (messages % stride != 0 || Seconds(Clock::now() - begin) < what.seconds) {
         pipe.Send(message.data(), message.size());
@@ -36,7 +36,7 @@ void PrintCost(std::uint64_t messages, double cpuBefore) {
 void SendStream(Pipe& pipe, const Measurement& what) {
     const double cpuBefore = CpuSeconds();
     const std::uint64_t messages = SendFor(pipe, what);
-    // Threads of the pipe may still have much to send, and that counts.
+    // Threads of the pipe may still send; that time counts.
     WaitForEndOfInput();
     PrintCost(messages, cpuBefore);
     pipe.Close();

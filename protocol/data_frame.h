@@ -1,7 +1,7 @@
 // The frames that carry application data over a TCP stream, as pure functions over bytes.
 //
 // Both kinds begin with the length of the head (one byte) and of the payload (four bytes, little-endian on
-// every host). docs/protocol.md shows them byte by byte.
+// every host). docs/wire.md shows them byte by byte.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +28,13 @@ constexpr unsigned int MAX_FRAME_NAME_LENGTH = 40;
 // fields, so every buffer that frames are read from carries this many readable bytes behind its data.
 constexpr unsigned int FRAME_SPARE_LENGTH =
     SERVER_FRAME_FIXED_HEAD_LENGTH + MAX_FRAME_CLIENTS + MAX_FRAME_NAME_LENGTH;
+
+// From this payload on a frame is not built in one piece: head and payload are handed to the transport apart,
+// because copying a large payload would cost more than a second piece of a write.
+constexpr unsigned int MIN_APART_PAYLOAD = 65536;
+inline bool IsSentApart(unsigned int payloadLen) {
+    return payloadLen >= MIN_APART_PAYLOAD && payloadLen <= MAX_CLIENT_FRAME_PAYLOAD;
+}
 
 // Inline, so that compilers reduce it to one load on little-endian hosts.
 inline std::uint32_t ReadLittleEndian32(const char* bytes) {

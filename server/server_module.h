@@ -15,8 +15,21 @@
 #include "server/publication.h"
 #include "transport/frame_buffer.h"
 #include "transport/transport_manager.h"
+#include "version/lumora_version.h"
 
 namespace lumoraAiModule {
+
+// What the module takes from outside. Tests hand in functions that fail or that open no socket.
+struct ServerSources {
+    using NewTransport = std::shared_ptr<LumoraTransManager> (*)(LumoraTransManagerFactory& factory,
+                                                                 LUM_TRANSPORT_E protocol);
+    using GetVersion = int (*)(std::string& version);
+
+    NewTransport newTransport = [](LumoraTransManagerFactory& factory, LUM_TRANSPORT_E protocol) {
+        return factory.CreateTransportsManager(protocol);
+    };
+    GetVersion getVersion = LumoraVersion::GetVersion;
+};
 
 // The device: its services and their subscribers, the clients that connected, the data channel to them, and
 // the application's callbacks.
@@ -29,7 +42,7 @@ namespace lumoraAiModule {
 // publication's lock is a leaf.
 class LumoraServerModule : public LumoraCoapCallback, public LumoraNotifyCallback {
 public:
-    explicit LumoraServerModule(const std::string& devType);
+    explicit LumoraServerModule(const std::string& devType, const ServerSources& sources = ServerSources());
     ~LumoraServerModule() override;
     LumoraServerModule(const LumoraServerModule&) = delete;
     LumoraServerModule& operator=(const LumoraServerModule&) = delete;
@@ -86,10 +99,13 @@ private:
     int PacketAndSendData(const Published& published, const std::string& serviceName, const char* data,
                           unsigned int dataLen, unsigned int* sendLength, unsigned int timeoutMs)
         REQUIRES(mSendMutex);
+    // The whole frame; only its head if the payload is sent apart.
     static int AllocateServerFrame(FrameBuffer& frame, unsigned int headLen, unsigned int dataLen);
     static int FillServerFrame(FrameBuffer& frame, const std::vector<unsigned int>& clientIds,
                                const std::string& serviceName, unsigned int headLen, const char* data,
                                unsigned int dataLen);
+    static FrameParts ServerFrameParts(const FrameBuffer& frame, unsigned int headLen, const char* data,
+                                       unsigned int dataLen);
 
     lumora::Mutex mMutex;
     lumora::Mutex mSendMutex;
@@ -106,6 +122,7 @@ private:
     std::string mLocalServiceInfo GUARDED_BY(mMutex);
     LUM_DEVICE_INFO_S mDevInfo GUARDED_BY(mMutex) = {};
     std::vector<unsigned int> mClientList GUARDED_BY(mMutex);
+    const ServerSources mSources;
 
     static LumoraServerModule* mInstance;  // under the server API mutex
 };

@@ -9,10 +9,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <system_error>
 #include <utility>
+
+#include "base/log.h"
+#include "base/socket_option.h"
+#include "securec.h"
 
 namespace lumoraAiModule {
 
@@ -22,11 +26,6 @@ namespace {
 constexpr int KEEPALIVE_IDLE_SECONDS = 5;
 constexpr int KEEPALIVE_INTERVAL_SECONDS = 3;
 constexpr int KEEPALIVE_COUNT = 3;
-
-template <typename Value>
-int SetOption(const Descriptor& socket, int level, int name, const Value& value) {
-    return setsockopt(socket.Number(), level, name, &value, sizeof(value));
-}
 
 using Clock = std::chrono::steady_clock;
 
@@ -103,16 +102,29 @@ Descriptor AcceptConnection(const Descriptor& listenSocket, in_addr& from) {
     return connection;
 }
 
+int FillAddress(const char* operation, int port, sockaddr_in& address) {
+    if (memset_s(&address, sizeof(address), 0, sizeof(address)) != 0) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "memset_s failed\n");
+        return -1;
+    }
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return 0;
+}
+
 int SetNonBlocking(const Descriptor& socket) {
     const int flags = fcntl(socket.Number(), F_GETFL);
     return flags < 0 ? -1 : fcntl(socket.Number(), F_SETFL, flags | O_NONBLOCK);
 }
 
-int SetReuseAddress(const Descriptor& socket) { return SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1); }
+int SetReuseAddress(const Descriptor& socket) {
+    return lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_REUSEADDR, 1) ? 0 : -1;
+}
 
 int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seconds) {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
-    SetOption(socket, SOL_SOCKET, SO_SNDTIMEO, timeval{seconds, 0});
+    lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_SNDTIMEO, timeval{seconds, 0});
     if (connect(socket.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
         return 0;
     }
@@ -126,15 +138,20 @@ int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seco
 }
 
 void TuneConnection(const Descriptor& socket) {
-    SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
-    SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_NODELAY, 1);
+    lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_KEEPALIVE, 1);
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
+}
+
+// Setting the option again is what pushes, whatever it was before.
+void PushWritten(const Descriptor& socket) {
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_NODELAY, 1);
 }
 
 void LimitReadWaits(const Descriptor& socket, int microseconds) {
-    SetOption(socket, SOL_SOCKET, SO_RCVTIMEO, timeval{0, microseconds});
+    lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_RCVTIMEO, timeval{0, microseconds});
 }
 
 void StopReading(const Descriptor& socket) { shutdown(socket.Number(), SHUT_RD); }

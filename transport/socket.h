@@ -3,6 +3,7 @@
 
 #include <netinet/in.h>
 
+#include <cerrno>
 #include <string>
 
 namespace lumoraAiModule {
@@ -34,6 +35,10 @@ Descriptor OpenStreamSocket();
 // A connection from the backlog of a non-blocking listening socket, and the address that it comes from.
 Descriptor AcceptConnection(const Descriptor& listenSocket, in_addr& from);
 
+// Any local address with port; callers that connect overwrite the address. 0 or -1; a failure is logged as
+// one of operation.
+int FillAddress(const char* operation, int port, sockaddr_in& address);
+
 // 0 or -1 with errno.
 int SetNonBlocking(const Descriptor& socket);
 int SetReuseAddress(const Descriptor& socket);
@@ -44,6 +49,9 @@ int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seco
 // Small frames go out at once instead of waiting for an acknowledgement of the one before, and a peer that
 // vanished without a word is noticed. Best effort: the connection works without.
 void TuneConnection(const Descriptor& socket);
+
+// Sends what was written with MSG_MORE and still waits for more.
+void PushWritten(const Descriptor& socket);
 
 // Reads that find nothing wait, but not longer than this (less than a second), and then fail with EAGAIN.
 // Best effort.
@@ -59,6 +67,9 @@ bool HasPeerLeft(const Descriptor& socket, int milliseconds = 0);
 // Waits at most so long for one of the events (POLLIN, POLLOUT, POLLRDHUP), whatever signals arrive
 // meanwhile, and tells whether there is one.
 bool PauseUntilReady(int fd, short events, int milliseconds);
+
+// Whether a read or a write failed only for now.
+inline bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
 // What strerror says, without its shared buffer.
 std::string ErrorText(int error);

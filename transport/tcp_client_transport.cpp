@@ -20,7 +20,9 @@ constexpr int CONNECT_LIMIT_SECONDS = 8;
 std::atomic<bool> LumoraTCPTransClient::mLeftOverPending{false};
 
 LumoraTCPTransClient::LumoraTCPTransClient(LumoraTransCallback& callback, unsigned int handle)
-    : TcpTransport(CLIENT_REASSEMBLY_SIZE), mCallback(callback), mHandle(handle) {}
+    : TcpTransport(Side::CLIENT, CLIENT_REASSEMBLY_SIZE, mLeftOverPending),
+      mCallback(callback),
+      mHandle(handle) {}
 
 int LumoraTCPTransClient::CreateTransports(TransType type, const std::string& addr, int port,
                                            LUM_OBSERVER_S&) {
@@ -38,7 +40,7 @@ int LumoraTCPTransClient::CreateReceiveDirection(const std::string& addr, int po
     if (BeginReceiving(addr, port) != 0) {
         return -1;
     }
-    if (!mReassembly.Allocate()) {
+    if (!mStream.Held().Allocate()) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "new memory failed, low memory!\n");
         return -1;
     }
@@ -49,45 +51,29 @@ int LumoraTCPTransClient::CreateReceiveDirection(const std::string& addr, int po
     return 0;
 }
 
-void LumoraTCPTransClient::LogBindError(int error) {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET, "bind socket error: %s(errno: %d)\n",
-                  ErrorText(error).c_str(), error);
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET, "will stop transport\n");
-}
-
-void LumoraTCPTransClient::LogBound(in_port_t) {
-    LUMORA_LOG_AS(lumora::LOG_DETAIL, SETUP_RECEIVER_SOCKET, "----bind sucess--will lissten--\n");
-}
-
-void LumoraTCPTransClient::LogListenError(int error) {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET, "listen socket error: %s(errno: %d)\n",
-                  ErrorText(error).c_str(), error);
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET, "will stop transport\n");
-}
-
 void LumoraTCPTransClient::ClientReceiveThread() {
     FrameBuffer readBuffer;
-    if (AllocateReadBuffer(readBuffer) && AcceptAndReceive(readBuffer)) {
+    if (mReceiver.AllocateReadBuffer(readBuffer) && mReceiver.AcceptAndReceive(readBuffer)) {
         LUMORA_STATE("The client reveived thread exit.\n");
     }
 }
 
 bool LumoraTCPTransClient::OnReceived(char* data, unsigned int length) {
     if (ParseAndSendData(data, length) != 0) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "ParseAndSendData failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(Side::CLIENT), "ParseAndSendData failed!\n");
         return false;
     }
     return true;
 }
 
 bool LumoraTCPTransClient::OnReceiveTimeout() {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "Recv Data timeout error.\n");
+    LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(Side::CLIENT), "Recv Data timeout error.\n");
     return true;
 }
 
 void LumoraTCPTransClient::OnConnectionLost(int) {
-    mRunning = false;
-    mBroken = true;
+    mState.running = false;
+    mState.broken = true;
     mCallback.OnDisconnect(mHandle);
 }
 
@@ -131,48 +117,48 @@ void LumoraTCPTransClient::ParseDataHead(const char* data, unsigned int& headLen
     frameLength = headLen + payloadLen;
 }
 
-unsigned int LumoraTCPTransClient::PendingFrameLength() {
+unsigned int LumoraTCPTransClient::WholeFrameLength(const char* data) {
+    const bool isLegal = HeadLengthOf(data) <= MAX_SERVER_FRAME_HEAD_LENGTH &&
+                         PayloadLengthOf(data) <= MAX_SERVER_FRAME_PAYLOAD;
+    return isLegal ? HeadLengthOf(data) + PayloadLengthOf(data) : 0;
+}
+
+unsigned int LumoraTCPTransClient::PendingFrameLength(const char* data, unsigned int) {
     unsigned int headLen = 0;
     unsigned int frameLength = 0;
-    ParseDataHead(mReassembly.Data(), headLen, frameLength);
+    ParseDataHead(data, headLen, frameLength);
     return frameLength;
 }
 
 unsigned int LumoraTCPTransClient::MinimumHeadLength() const { return COMMON_HEAD_LENGTH; }
 
-int LumoraTCPTransClient::SendData(const void* data, unsigned int length, unsigned int* written,
-                                   unsigned int) {
-    const lumora::MutexLock lock(mMutex);
-    const std::shared_ptr<Descriptor> socket = SendSocket();
-    if (socket == nullptr || mBroken) {
-        LUMORA_ERROR("No transport channel created, please connect first.\n");
+int LumoraTCPTransClient::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
+    const lumora::MutexLock lock(mSender.mMutex);
+    const std::shared_ptr<Descriptor> socket = mSender.Socket();
+    if (socket == nullptr || mState.broken) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         *written = 0;
         return -1;
     }
-    if (WriteAll(socket, static_cast<const char*>(data), length, written) != 0) {
+    if (mSender.WriteAll(socket, frame, written) != 0) {
         return -1;
     }
-    LUMORA_DETAIL("write length = %d.\n", static_cast<int>(*written));
+    LUMORA_LOG_AS(lumora::LOG_DETAIL, SEND_DATA, "write length = %d.\n", static_cast<int>(*written));
     return 0;
 }
 
-void LumoraTCPTransClient::LogWriteError(int error) {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "write failed error: %s(errno: %d), will stop transport\n",
-                  ErrorText(error).c_str(), error);
-}
-
 int LumoraTCPTransClient::StopTransports() {
-    mStopping = true;  // before the mutex: a send in progress stops at its next pass
+    mSender.Interrupt();  // before the mutex, which a send in progress holds
     {
-        const lumora::MutexLock lock(mMutex);
-        mStopping = false;
+        const lumora::MutexLock lock(mSender.mMutex);
+        mSender.Resume();
         LUMORA_STATE("The transport will be stopped.\n");
-        StopReceiving();
-        SetSendSocket(nullptr);
-        mBroken = false;
+        mReceiver.Stop();
+        mSender.Close();
+        mState.broken = false;
     }
     // Outside of the mutex: a callback on the receive thread may be about to send.
-    JoinReceiveThread();
+    mReceiver.Join();
     LUMORA_STATE("The transport has been stopped.\n");
     return 0;
 }

@@ -15,40 +15,31 @@ public:
     int CreateTransports(TransType type, const std::string& addr, int port,
                          LUM_OBSERVER_S& observer) override;
     int StopTransports() override;
-    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
+    int SendFrame(const FrameParts& frame, unsigned int* written, unsigned int timeout) override;
 
     // Public for unit tests and fuzzers.
     int ClientParseAndSendData(char* data, unsigned int length, unsigned int& consumed);
     static void ParseDataHead(const char* data, unsigned int& headLen, unsigned int& frameLength);
 
 protected:
-    void LogBindError(int error) override;
-    void LogBound(in_port_t networkPort) override;
-    void LogListenError(int error) override;
-
     void ReceiveThread() override { ClientReceiveThread(); }
-    const char* ReceiveThreadName() const override { return "ClientReceiveThread"; }
     void ClientReceiveThread();
     bool OnReceived(char* data, unsigned int length) override;
     bool OnReceiveTimeout() override;
     void OnConnectionLost(int error) override;
 
     void CutFrames(char* data, unsigned int length, unsigned int& consumed) override;
-    unsigned int PendingFrameLength() override;
+    unsigned int WholeFrameLength(const char* data) override;
+    unsigned int PendingFrameLength(const char* data, unsigned int length) override;
     unsigned int MinimumHeadLength() const override;
-    std::atomic<bool>& LeftOverPending() override { return mLeftOverPending; }
 
-    bool MayWrite() const override { return !mBroken && !mStopping; }
-    void LogWriteError(int error) override;
+    static std::atomic<bool> mLeftOverPending;
 
 private:
     int CreateReceiveDirection(const std::string& addr, int port);
 
-    static std::atomic<bool> mLeftOverPending;
-
     LumoraTransCallback& mCallback;
     const unsigned int mHandle;
-    std::atomic<bool> mStopping{false};  // StopTransports waits for mMutex
 };
 
 }  // namespace lumoraAiModule

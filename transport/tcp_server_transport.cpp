@@ -21,7 +21,8 @@ constexpr int CONNECT_BACK_LIMIT_SECONDS = 5;
 
 std::atomic<bool> LumoraTCPTransServer::mLeftOverPending{false};
 
-LumoraTCPTransServer::LumoraTCPTransServer() : TcpTransport(SERVER_REASSEMBLY_SIZE) {}
+LumoraTCPTransServer::LumoraTCPTransServer()
+    : TcpTransport(Side::SERVER, SERVER_REASSEMBLY_SIZE, mLeftOverPending) {}
 
 int LumoraTCPTransServer::CreateTransports(TransType type, const std::string& addr, int port,
                                            LUM_OBSERVER_S& observer) {
@@ -41,14 +42,14 @@ int LumoraTCPTransServer::CreateReceiveDirection(const std::string& addr, int po
         return -1;
     }
     SetObserver(observer);
-    if (!mReassembly.Allocate()) {
+    if (!mStream.Held().Allocate()) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "new memory failed, low memory!\n");
         return -1;
     }
     // Everything before the spare bytes is written before it is read: zeroing it would only cost memory.
-    if (memset_s(mReassembly.Spare(), FRAME_SPARE_LENGTH, 0, FRAME_SPARE_LENGTH) != 0) {
+    if (memset_s(mStream.Held().Spare(), FRAME_SPARE_LENGTH, 0, FRAME_SPARE_LENGTH) != 0) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "memset_s failed\n");
-        mReassembly.Release();
+        mStream.Held().Release();
         return -1;
     }
     if (StartReceiveThread() != 0) {
@@ -66,54 +67,38 @@ int LumoraTCPTransServer::CreateSendDirection(const std::string& addr, int port)
     return 0;
 }
 
-void LumoraTCPTransServer::LogBindError(int error) {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET,
-                  "bind socket error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(), error);
-}
-
-// The port is logged as it stands in the socket address.
-void LumoraTCPTransServer::LogBound(in_port_t networkPort) {
-    LUMORA_LOG_AS(lumora::LOG_STATE, SETUP_RECEIVER_SOCKET,
-                  "After bind socket success, start to listen at port %d.\n", static_cast<int>(networkPort));
-}
-
-void LumoraTCPTransServer::LogListenError(int error) {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SETUP_RECEIVER_SOCKET,
-                  "listen socket error: %s(errno: %d), will stop transport\n", ErrorText(error).c_str(),
-                  error);
-}
-
 void LumoraTCPTransServer::ServerReceiveThread() {
     FrameBuffer readBuffer;
-    if (!AllocateReadBuffer(readBuffer)) {
+    if (!mReceiver.AllocateReadBuffer(readBuffer)) {
         return;
     }
     if (memset_s(readBuffer.Bytes() + READ_SIZE, FRAME_SPARE_LENGTH, 0, FRAME_SPARE_LENGTH) != 0) {
         LUMORA_ERROR("memset_s failed!\n");
         return;
     }
-    if (AcceptAndReceive(readBuffer)) {
+    if (mReceiver.AcceptAndReceive(readBuffer)) {
         LUMORA_STATE("The server reveived thread exit.\n");
     }
 }
 
 bool LumoraTCPTransServer::OnReceived(char* data, unsigned int length) {
     ParseAndSendData(data, length);
-    mWouldBlockReads = 0;
+    mReceiver.RenewReadBudget();
     return true;
 }
 
 bool LumoraTCPTransServer::OnReceiveTimeout() {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(), "Recv Data timeout error, will exit.\n");
+    LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(Side::SERVER),
+                  "Recv Data timeout error, will exit.\n");
     return false;
 }
 
 // The application is not told: its next SendData shows it. After an orderly close that writes nothing and
 // reports 0 bytes, after an error it fails.
 void LumoraTCPTransServer::OnConnectionLost(int error) {
-    mRunning = false;
-    mBroken = mBroken || error != 0;
-    mWouldBlockReads = 0;
+    mState.running = false;
+    mState.broken = mState.broken || error != 0;
+    mReceiver.RenewReadBudget();
 }
 
 void LumoraTCPTransServer::CutFrames(char* data, unsigned int length, unsigned int& consumed) {
@@ -121,7 +106,7 @@ void LumoraTCPTransServer::CutFrames(char* data, unsigned int length, unsigned i
 }
 
 int LumoraTCPTransServer::ServerParseAndSendData(char* data, unsigned int length, unsigned int& consumed) {
-    const lumora::DataCallbackScope scope(mRunning);
+    const lumora::DataCallbackScope scope(mState.running);
     consumed = 0;
     while (consumed + CLIENT_FRAME_HEAD_LENGTH < length) {
         int clientID = 0;
@@ -163,49 +148,48 @@ void LumoraTCPTransServer::ParseDataHead(const char* data, unsigned int length, 
     *clientID = static_cast<unsigned char>(data[COMMON_HEAD_LENGTH]);
 }
 
-unsigned int LumoraTCPTransServer::PendingFrameLength() {
+unsigned int LumoraTCPTransServer::WholeFrameLength(const char* data) {
+    const bool isLegal =
+        HeadLengthOf(data) <= CLIENT_FRAME_HEAD_LENGTH && PayloadLengthOf(data) <= MAX_CLIENT_FRAME_PAYLOAD;
+    return isLegal ? CLIENT_FRAME_HEAD_LENGTH + PayloadLengthOf(data) : 0;
+}
+
+unsigned int LumoraTCPTransServer::PendingFrameLength(const char* data, unsigned int length) {
     int clientID = 0;
     unsigned int payloadLen = 0;
-    ParseDataHead(mReassembly.Data(), mReassembly.Length(), &clientID, &payloadLen);
+    ParseDataHead(data, length, &clientID, &payloadLen);
     return payloadLen;
 }
 
 unsigned int LumoraTCPTransServer::MinimumHeadLength() const { return CLIENT_FRAME_HEAD_LENGTH; }
 
-int LumoraTCPTransServer::SendData(const void* data, unsigned int length, unsigned int* written,
-                                   unsigned int) {
-    const lumora::MutexLock lock(mMutex);
+int LumoraTCPTransServer::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
+    const lumora::MutexLock lock(mSender.mMutex);
     if (!mConnected) {
-        LUMORA_ERROR("No transport channel created, please connect first.\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         return -1;
     }
-    const std::shared_ptr<Descriptor> socket = SendSocket();
-    if (socket == nullptr || mBroken) {
-        LUMORA_ERROR("No transport channel created, please connect first.\n");
+    const std::shared_ptr<Descriptor> socket = mSender.Socket();
+    if (socket == nullptr || mState.broken) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         *written = 0;
         return -1;
     }
-    return WriteAll(socket, static_cast<const char*>(data), length, written);
-}
-
-void LumoraTCPTransServer::LogWriteError(int error) {
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "write failed error: %s(errno: %d)\n",
-                  ErrorText(error).c_str(), error);
-    LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "SendData will stop transport\n");
+    return mSender.WriteAll(socket, frame, written);
 }
 
 int LumoraTCPTransServer::StopTransports() {
     LUMORA_DETAIL("will stop transport\n");
-    StopReceiving();  // before the mutex: a send in progress stops at its next pass
+    mReceiver.Stop();  // before the mutex: a send in progress stops at its next pass
     {
-        const lumora::MutexLock lock(mMutex);
-        if (SendSocket() != nullptr) {
-            SetSendSocket(nullptr);
-            mBroken = false;
+        const lumora::MutexLock lock(mSender.mMutex);
+        if (mSender.Socket() != nullptr) {
+            mSender.Close();
+            mState.broken = false;
         }
     }
     // Outside of the mutex: OnData on the receive thread may be about to send.
-    JoinReceiveThread();
+    mReceiver.Join();
     LUMORA_TRACE("stop transport out\n");
     return 0;
 }

@@ -14,7 +14,7 @@ public:
     int CreateTransports(TransType type, const std::string& addr, int port,
                          LUM_OBSERVER_S& observer) override;
     int StopTransports() override;
-    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
+    int SendFrame(const FrameParts& frame, unsigned int* written, unsigned int timeout) override;
 
     // Public for unit tests and fuzzers.
     int ServerParseAndSendData(char* data, unsigned int length, unsigned int& consumed);
@@ -23,31 +23,22 @@ public:
     void SetObserver(const LUM_OBSERVER_S& observer) { mObserver = observer; }
 
 protected:
-    void LogBindError(int error) override;
-    void LogBound(in_port_t networkPort) override;
-    void LogListenError(int error) override;
-
     void ReceiveThread() override { ServerReceiveThread(); }
-    const char* ReceiveThreadName() const override { return "ServerReceiveThread"; }
     void ServerReceiveThread();
     bool OnReceived(char* data, unsigned int length) override;
     bool OnReceiveTimeout() override;
     void OnConnectionLost(int error) override;
 
     void CutFrames(char* data, unsigned int length, unsigned int& consumed) override;
-    unsigned int PendingFrameLength() override;
+    unsigned int WholeFrameLength(const char* data) override;
+    unsigned int PendingFrameLength(const char* data, unsigned int length) override;
     unsigned int MinimumHeadLength() const override;
-    std::atomic<bool>& LeftOverPending() override { return mLeftOverPending; }
 
-    // A channel whose receiving direction has ended can no longer send.
-    bool MayWrite() const override { return !mBroken && mRunning; }
-    void LogWriteError(int error) override;
+    static std::atomic<bool> mLeftOverPending;
 
 private:
     int CreateReceiveDirection(const std::string& addr, int port, const LUM_OBSERVER_S& observer);
     int CreateSendDirection(const std::string& addr, int port);
-
-    static std::atomic<bool> mLeftOverPending;
 
     LUM_OBSERVER_S mObserver;
     std::atomic<bool> mConnected{false};  // set once the sending direction has been created

@@ -1,12 +1,12 @@
-// Where log lines go, and what happens when they cannot go there.
+// Writes log lines to a file, to syslog or to standard error, and tries again after a failure.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string_view>
 
+#include "base/mutex.h"
 #include "log_settings.h"
 
 namespace spdlog::sinks {
@@ -23,8 +23,8 @@ struct LogLine {
     std::string_view text;
 };
 
-// Writes lines one after the other. A line that cannot be written is lost; the output is opened anew a little
-// later, and the number of lost lines is then the first thing that it is told.
+// Writes one line at a time. A line that cannot be written is lost. The output is opened again one second
+// later at the earliest, and its first line is then the number of lost lines.
 class LogWriter {
 public:
     explicit LogWriter(LogSettings settings);
@@ -34,26 +34,26 @@ public:
 
     void Write(const LogLine& line);
 
-    // Around a fork, as of a LineLimit.
-    void Lock() { mMutex.lock(); }
-    void Unlock() { mMutex.unlock(); }
+    // Around a fork: see LockLog in link_log.cpp.
+    void Lock() ACQUIRE(mMutex) { mMutex.lock(); }
+    void Unlock() RELEASE(mMutex) { mMutex.unlock(); }
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    void OpenFirst();
-    void Open();
-    bool OpenAgain();
-    void Put(const LogLine& line);
-    void ReportLostLines();
-    void Fail(const char* reason);
+    void OpenFirst() REQUIRES(mMutex);
+    void Open() REQUIRES(mMutex);
+    bool OpenAgain() REQUIRES(mMutex);
+    void Put(const LogLine& line) REQUIRES(mMutex);
+    void ReportLostLines() REQUIRES(mMutex);
+    void Fail(const char* reason) REQUIRES(mMutex);
 
-    LogSettings mSettings;                       // never changes once the output was opened
-    std::mutex mMutex;                           // guards everything below
-    std::unique_ptr<spdlog::sinks::sink> mSink;  // null while the output is out of order
-    Clock::time_point mNextAttempt;
-    Clock::time_point mNextComplaint;
-    uint64_t mLostLines = 0;
+    lumora::Mutex mMutex;
+    LogSettings mSettings GUARDED_BY(mMutex);
+    std::unique_ptr<spdlog::sinks::sink> mSink GUARDED_BY(mMutex);  // null while the output cannot be written
+    Clock::time_point mNextAttempt GUARDED_BY(mMutex);
+    Clock::time_point mNextComplaint GUARDED_BY(mMutex);
+    uint64_t mLostLines GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace lumora_log

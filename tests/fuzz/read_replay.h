@@ -14,7 +14,7 @@
 
 namespace lumora_fuzz {
 
-// The kinds of records: one read each, into the place where the rest of a pending frame is needed where there
+// The kinds of records: one read each, into the place where the rest of a pending frame is needed if there
 // is one, or into the read buffer, as when that place has no room for a whole read.
 enum ReadKind : std::uint8_t { READ_INTO_PLACE, READ_ASIDE, READ_KINDS };
 
@@ -24,11 +24,11 @@ public:
     using lumora_test::OpenTransport<Transport>::OpenTransport;
 
     void Reset() {
-        this->mReassembly.Consume(this->mReassembly.Length());
+        this->Held().Consume(this->Held().Length());
         this->Pending() = false;
     }
     bool Holds(const std::string& bytes) {
-        return std::string_view(this->mReassembly.Data(), this->mReassembly.Length()) == bytes;
+        return std::string_view(this->Held().Data(), this->Held().Length()) == bytes;
     }
     // Puts the bytes where a read would have put them.
     int Receive(const std::string& bytes, bool aside) {
@@ -38,7 +38,7 @@ public:
             lumora_test::ReceivedBytes received(bytes);
             return this->ParseAndSendData(received.Data(), length);
         }
-        char* data = this->mReassembly.End();
+        char* data = this->Held().End();
         std::copy(bytes.begin(), bytes.end(), data);
         std::fill_n(data + length, lumoraAiModule::FRAME_SPARE_LENGTH, '\0');
         return this->ParseAndSendData(data, length);
@@ -56,7 +56,7 @@ void ReplayReads(const Script& reads, Transport& transport, lumora_test::Inbox& 
         }
         const bool fits = model.Feed(bytes);
         const int result = transport.Receive(bytes, kind % READ_KINDS == READ_ASIDE);
-        Require(result == (fits ? 0 : -1), "bytes are refused where they do not fit");
+        Require(result == (fits ? 0 : -1), "bytes are refused if they do not fit");
         Require(transport.Holds(model.Held()), "the rest is what the model keeps");
     }
     Require(delivered.Take() == model.Delivered(), "what is delivered is what the model delivers");

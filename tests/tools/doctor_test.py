@@ -14,7 +14,7 @@ GROUP = "224.0.1.187"
 
 
 def in_own_network():
-    """Whether this network may be changed: nobody else's interfaces are in it."""
+    """Whether this network may be changed: no interfaces of other processes are in it."""
     return [name for _, name in socket.if_nameindex()] == ["lo"] and os.geteuid() == 0
 
 
@@ -98,12 +98,36 @@ class Walk(DoctorCase):
         self.assertEqual(level, "fault")
         self.assertIn("cannot be connected", text)
 
+    def test_beside_a_client_that_is_connected(self):
+        self.device("camera", "--echo")
+        client = self.start("ping", "camera", "--count", "0")
+        client.line()
+        findings = self.findings("camera")
+        holder = f"lumora, process {client.process.pid}"
+        self.assertIn(
+            ("note", f"TCP port 6667 is used by a running client of this host: {holder}"),
+            self.of("ports", findings),
+        )
+        walk = self.of("device", findings)
+        self.assertEqual([level for level, _ in walk], ["ok", "ok", "note"])
+        self.assertIn("Not checked: TCP port 6666 there, and 6667 from there", walk[2][1])
+        self.assertIn(holder, walk[2][1])
+        self.assertEqual([finding for finding in findings if finding["level"] == "fault"], [])
+
+    def test_beside_another_program_on_the_clients_port(self):
+        self.device("camera", "--echo")
+        listener = socket.create_server(("", 6667))
+        self.addCleanup(listener.close)
+        level, text = self.of("device", self.findings("camera"))[-1]
+        self.assertEqual(level, "fault")
+        self.assertIn(f"process {os.getpid()}", text)
+
 
 class Peculiarities(DoctorCase):
     def test_names_a_vendors_files(self):
         foreign = os.environ.get("LUMORA_FOREIGN_LIBRARIES")
         if not foreign:
-            self.skipTest("needs libraries of somebody else's")
+            self.skipTest("needs libraries that are not ours")
         result = lumora("doctor", "--json", "--listen", "0", env={**os.environ, "LD_LIBRARY_PATH": foreign})
         lines = self.of("libraries", json.loads(result.stdout)["findings"])
         for file in ["liblumora.so", "liblink_log.so", "libsecurec.so"]:
@@ -126,7 +150,7 @@ class Peculiarities(DoctorCase):
         self.assertEqual(self.of("ports", findings)[0], ("warning", "TCP port 6666 is taken"))
         self.assertEqual(self.of("self-test", findings)[0][0], "note")
 
-    def test_group_port_that_somebody_keeps_for_himself(self):
+    def test_group_port_that_another_process_holds_alone(self):
         holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.addCleanup(holder.close)
         holder.bind(("", 5683))

@@ -122,17 +122,17 @@ class OpenTransport : public Transport {
 public:
     using Transport::CutFrames;
     using Transport::ParseAndSendData;
-    using Transport::PendingFrameLength;
     using Transport::Transport;
 
-    bool AllocateReassembly() { return Transport::mReassembly.Allocate(); }
-    unsigned int BufferedLength() const { return Transport::mReassembly.Length(); }
-    std::string Buffered() { return std::string(Transport::mReassembly.Data(), BufferedLength()); }
-    bool IsRunning() const { return Transport::mRunning; }
-    bool IsBroken() const { return Transport::mBroken; }
-    bool HasSendSocket() { return Transport::SendSocket() != nullptr; }
+    lumoraAiModule::Reassembly& Held() { return Transport::mStream.Held(); }
+    bool AllocateReassembly() { return Held().Allocate(); }
+    unsigned int BufferedLength() { return Held().Length(); }
+    std::string Buffered() { return std::string(Held().Data(), BufferedLength()); }
+    bool IsRunning() const { return Transport::mState.running; }
+    bool IsBroken() const { return Transport::mState.broken; }
+    bool HasSendSocket() { return Transport::mSender.Socket() != nullptr; }
     // The flag of all transports of this side.
-    std::atomic<bool>& Pending() { return Transport::LeftOverPending(); }
+    static std::atomic<bool>& Pending() { return Transport::mLeftOverPending; }
 };
 
 using OpenClient = OpenTransport<lumoraAiModule::LumoraTCPTransClient>;

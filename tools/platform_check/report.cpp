@@ -23,7 +23,6 @@ namespace {
 using lumora_cli::EXIT_FAILED;
 using lumora_cli::Failure;
 using lumora_cli::SystemError;
-using lumora_cli::UniqueFd;
 
 // What a line begins with: a check that begins, and the three results.
 constexpr char BEGINS = '.';
@@ -41,12 +40,13 @@ public:
 
     // Nothing at the end, and when it says nothing for so long.
     std::optional<std::string> NextLine(unsigned limitSeconds);
-    // Where there is no next line: how the process ended. Ends it if it has not.
+    // After NextLine gave nothing: how the process ended, or an empty text if it ended well. If it still
+    // runs, the destructor kills it.
     std::string End();
 
 private:
     pid_t mId = -1;
-    UniqueFd mOutput;
+    lumora::UniqueFd mOutput;
     std::string mUnread;
     bool mAtEnd = false;
 };
@@ -56,8 +56,8 @@ Child::Child(const std::function<void(Report&)>& look) {
     if (pipe2(ends, O_CLOEXEC) != 0) {
         throw Failure(EXIT_FAILED, "there is no pipe: " + SystemError(errno));
     }
-    mOutput = UniqueFd(ends[0]);
-    const UniqueFd input(ends[1]);
+    mOutput = lumora::UniqueFd(ends[0]);
+    const lumora::UniqueFd input(ends[1]);
     mId = fork();
     if (mId < 0) {
         throw Failure(EXIT_FAILED, "there is no process: " + SystemError(errno));
@@ -141,7 +141,7 @@ void Report::Write(char kind, const std::string& rule, const std::string& expect
         line += lumora_cli::OneLine(field) + BETWEEN;
     }
     line.back() = '\n';
-    // Where nobody reads, there is nobody to tell.
+    // A failed write needs no report: no reader is left.
     if (write(mFd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         _exit(EXIT_FAILED);
     }

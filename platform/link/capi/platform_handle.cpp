@@ -14,8 +14,9 @@ PlatformHandle::PlatformHandle() : mNodeId(SystemRandom().Next()) {}
 PlatformHandle::~PlatformHandle() { Exit(); }
 
 bool PlatformHandle::Init() {
+    // secure_getenv: a program with more rights than its caller ignores the caller's environment.
     Config config = ReadConfig([](const char* name) -> const char* { return secure_getenv(name); });
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     if (!mInitialised) {
         mConfig = std::move(config);
         mInitialised = true;
@@ -41,7 +42,7 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
     }
     std::shared_ptr<Node> node;
     {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         mRegistration = registration;
         node = mNode;
     }
@@ -52,11 +53,11 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
 }
 
 bool PlatformHandle::Run() {
-    MutexLock lifecycle(mLifecycle);
+    lumora::MutexLock lifecycle(mLifecycle);
     Config config;
     Registration registration;
     {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         if (!mInitialised) {
             LINK_LOG(LEVEL_ERROR, "Run before Init\n");
             return false;
@@ -69,10 +70,11 @@ bool PlatformHandle::Run() {
     }
     const NodeIdentity identity{mNodeId, static_cast<std::uint32_t>(SystemRandom().Next())};
     auto node = std::make_shared<Node>(std::move(config), identity, std::move(registration));
+    // Without mMutex, because Start waits for the I/O thread.
     if (!node->Start()) {
         return false;
     }
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     mNode = std::move(node);
     return true;
 }
@@ -82,13 +84,14 @@ bool PlatformHandle::Exit() {
         LINK_LOG(LEVEL_ERROR, "Exit was called by a handler or a device event, for which it would wait\n");
         return false;
     }
-    MutexLock lifecycle(mLifecycle);
+    lumora::MutexLock lifecycle(mLifecycle);
     const std::shared_ptr<Node> node = CurrentNode();
     if (node == nullptr) {
         return true;
     }
+    // Without mMutex: Stop joins threads whose handlers may call Find, which takes mMutex.
     node->Stop();
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     mNode.reset();
     return true;
 }
@@ -108,7 +111,7 @@ bool PlatformHandle::IsOwnThread() {
 }
 
 std::shared_ptr<Node> PlatformHandle::CurrentNode() {
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     return mNode;
 }
 

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "link_platform.h"
 #include "platform/link/capi/node.h"
 #include "platform/link/io/config.h"
-#include "platform/link/io/mutex.h"
 
 namespace lumora_link {
 
@@ -20,7 +20,8 @@ public:
     bool Init();
     bool Register(AppResource* resource, DeviceEventFunction onDeviceEvent);
     bool Run();
-    // False on a thread that it would wait for.
+    // Stops the node; blocks until its threads have ended. False on a thread of the node itself, because the
+    // call would wait for its own thread.
     bool Exit();
     AppResourceProxy* Find(const char* deviceType);
     bool IsOwnThread();
@@ -29,12 +30,14 @@ private:
     std::shared_ptr<Node> CurrentNode();
 
     const std::uint64_t mNodeId;
-    Mutex mLifecycle;  // held while a node starts or stops; never asked for by its threads
-    Mutex mMutex;
-    bool mInitialised LINK_GUARDED_BY(mMutex) = false;
-    Config mConfig LINK_GUARDED_BY(mMutex);
-    Registration mRegistration LINK_GUARDED_BY(mMutex);
-    std::shared_ptr<Node> mNode LINK_GUARDED_BY(mMutex);
+    // Serialises Run and Exit, and is held while a node's threads are started and joined. Those threads never
+    // take it; they take mMutex only.
+    lumora::Mutex mLifecycle ACQUIRED_BEFORE(mMutex);
+    lumora::Mutex mMutex;
+    bool mInitialised GUARDED_BY(mMutex) = false;
+    Config mConfig GUARDED_BY(mMutex);
+    Registration mRegistration GUARDED_BY(mMutex);
+    std::shared_ptr<Node> mNode GUARDED_BY(mMutex);
 };
 
 }  // namespace lumora_link

@@ -1,20 +1,20 @@
-// Where application threads wait for what the I/O thread will tell them.
+// Application threads wait here for results of the I/O thread.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <optional>
 
-#include "platform/link/io/mutex.h"
+#include "base/mutex.h"
 
 namespace lumora_link {
 
 template <typename Result>
 class WaitingRoom {
 public:
-    // Nothing once the room is closed.
+    // Reserves a ticket for a result. Nothing once the room is closed.
     std::optional<std::uint64_t> Enter() {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         if (mClosed) {
             return std::nullopt;
         }
@@ -22,8 +22,9 @@ public:
         return mLastTicket;
     }
 
+    // Wakes the thread that waits with this ticket. Ignored if that thread has gone.
     void Tell(std::uint64_t ticket, Result result) {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         const auto at = mResults.find(ticket);
         if (at != mResults.end()) {
             at->second = std::move(result);
@@ -31,9 +32,9 @@ public:
         }
     }
 
-    // An empty result where the room was closed first.
+    // Blocks until Tell or Close, and gives the ticket back. An empty result if Close came first.
     Result Wait(std::uint64_t ticket) {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         while (!mClosed && !mResults[ticket]) {
             mTold.Wait(mMutex);
         }
@@ -42,18 +43,19 @@ public:
         return result;
     }
 
+    // Wakes every waiting thread; no ticket is given out afterwards.
     void Close() {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         mClosed = true;
         mTold.NotifyAll();
     }
 
 private:
-    Mutex mMutex;
-    Condition mTold;
-    std::map<std::uint64_t, std::optional<Result>> mResults LINK_GUARDED_BY(mMutex);
-    std::uint64_t mLastTicket LINK_GUARDED_BY(mMutex) = 0;
-    bool mClosed LINK_GUARDED_BY(mMutex) = false;
+    lumora::Mutex mMutex;
+    lumora::Condition mTold;
+    std::map<std::uint64_t, std::optional<Result>> mResults GUARDED_BY(mMutex);
+    std::uint64_t mLastTicket GUARDED_BY(mMutex) = 0;
+    bool mClosed GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace lumora_link

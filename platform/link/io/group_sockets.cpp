@@ -7,15 +7,17 @@
 #include <cstring>
 #include <optional>
 
+#include "base/socket_option.h"
 #include "platform/link/log.h"
 
 namespace lumora_link {
 
 namespace {
 
-// Many nodes may answer one probe at the same moment.
+// Many nodes answer one probe at the same moment; the default buffer would drop answers. The kernel may grant
+// less.
 constexpr int RECEIVE_BUFFER = 1 << 20;
-// One burst must not keep the thread from everything else.
+// Datagrams read before the loop looks at its other descriptors again. A burst must not starve those.
 constexpr int READS_PER_TURN = 64;
 
 sockaddr_in SocketAddressOf(const Endpoint& endpoint) {
@@ -26,22 +28,17 @@ sockaddr_in SocketAddressOf(const Endpoint& endpoint) {
     return address;
 }
 
-template <typename Value>
-bool SetOption(const UniqueFd& socket, int level, int name, const Value& value) {
-    return setsockopt(socket.Get(), level, name, &value, sizeof value) == 0;
-}
-
-UniqueFd BoundSocket(const Endpoint& endpoint, bool shared) {
-    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+lumora::UniqueFd BoundSocket(const Endpoint& endpoint, bool shared) {
+    lumora::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_in address = SocketAddressOf(endpoint);
-    const bool ready = fd && (!shared || SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1)) &&
+    const bool ready = fd && (!shared || lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1)) &&
                        bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     if (!ready) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "no socket on %s: %s\n", EndpointText(endpoint).c_str(),
                          std::strerror(errno));
-        return UniqueFd();
+        return lumora::UniqueFd();
     }
-    SetOption(fd, SOL_SOCKET, SO_RCVBUF, RECEIVE_BUFFER);
+    lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_RCVBUF, RECEIVE_BUFFER);
     return fd;
 }
 
@@ -76,7 +73,8 @@ std::optional<Datagram> Receive(int fd) {
     header.msg_controllen = control.size();
     const ssize_t bytes = recvmsg(fd, &header, 0);
     if (bytes < 0) {
-        // A refusal of something sent earlier (ICMP) is reported here once; the socket lives on.
+        // The kernel reports an ICMP error for an earlier datagram here, once. The socket stays usable, so
+        // the caller gets an empty datagram and reads on.
         return errno == EAGAIN || errno == EBADF ? std::nullopt : std::make_optional<Datagram>();
     }
     Datagram datagram;
@@ -91,7 +89,7 @@ std::optional<Datagram> Receive(int fd) {
 GroupSockets::GroupSockets(EventLoop& loop, Listener listener)
     : mLoop(loop), mListener(std::move(listener)) {}
 
-// Needs no memory.
+// Allocates nothing: a node must be able to end without memory.
 GroupSockets::~GroupSockets() {
     while (!mMembers.empty()) {
         Leave(mMembers.begin()->first);
@@ -103,11 +101,12 @@ GroupSockets::~GroupSockets() {
 
 bool GroupSockets::Open() {
     mGroup = BoundSocket(MulticastGroup(), true);
-    if (!mGroup || !SetOption(mGroup, IPPROTO_IP, IP_PKTINFO, 1)) {
+    if (!mGroup || !lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, IP_PKTINFO, 1)) {
         return false;
     }
-    // Otherwise what other programs joined on other interfaces would be heard here too.
-    SetOption(mGroup, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    // Linux delivers a group's datagrams to every socket of the host if any program joined the group on any
+    // interface. This option restricts the socket to its own memberships.
+    lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0);
     mLoop.Watch(mGroup.Get(), [this] { ReadGroup(); });
     return true;
 }
@@ -157,10 +156,11 @@ void GroupSockets::Join(const LocalInterface& local) {
     ip_mreqn out = {};
     out.imr_address.s_addr = local.host;
     out.imr_ifindex = static_cast<int>(local.index);
-    // TTL 1 keeps what goes to the group on this network; unicast to configured peers is routed.
-    const bool ready = member.socket && SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_IF, out) &&
-                       SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_TTL, 1) &&
-                       SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1);
+    // TTL 1 keeps multicast on this network. Unicast to configured peers is not affected and is routed.
+    const bool ready = member.socket &&
+                       lumora::SetSocketOption(member.socket.Get(), IPPROTO_IP, IP_MULTICAST_IF, out) &&
+                       lumora::SetSocketOption(member.socket.Get(), IPPROTO_IP, IP_MULTICAST_TTL, 1) &&
+                       lumora::SetSocketOption(member.socket.Get(), IPPROTO_IP, IP_MULTICAST_LOOP, 1);
     if (!ready) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "interface %s cannot be used\n", local.name.c_str());
         return;
@@ -184,8 +184,8 @@ void GroupSockets::Membership(const LocalInterface& local, int option) {
     request.imr_multiaddr.s_addr = MulticastGroup().host;
     request.imr_address.s_addr = local.host;
     request.imr_ifindex = static_cast<int>(local.index);
-    // Leaving fails where the interface has gone; the membership went with it.
-    if (!SetOption(mGroup, IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
+    // Leaving fails if the interface has gone; the kernel dropped the membership with it.
+    if (!lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "cannot join the group on %s: %s\n", local.name.c_str(),
                          std::strerror(errno));
     }

@@ -1,16 +1,13 @@
-// A thread of its own for calls into the application, in order.
+// A thread that runs calls into the application, in the order of posting.
 #pragma once
 
 #include <deque>
 #include <functional>
 #include <thread>
 
-#include "platform/link/io/mutex.h"
+#include "base/mutex.h"
 
 namespace lumora_link {
-
-// Starts a thread that blocks every signal: the application's signals are the application's.
-std::thread StartQuietThread(const char* name, std::function<void()> body);
 
 class Worker {
 public:
@@ -21,9 +18,9 @@ public:
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    // False where the queue is full or the worker has been stopped.
+    // False if the queue is full or the worker has been stopped.
     bool Post(Task task);
-    // Lets the running task end, drops the others and joins. Not to be called by a task.
+    // Waits for the running task, drops the waiting ones, and joins. Must not be called by a task.
     void Stop();
     bool IsCurrentThread() const { return std::this_thread::get_id() == mId; }
 
@@ -31,12 +28,12 @@ private:
     void Run();
 
     const std::size_t mLimit;
-    Mutex mMutex;
-    Condition mChanged;
-    std::deque<Task> mTasks LINK_GUARDED_BY(mMutex);
-    bool mStopping LINK_GUARDED_BY(mMutex) = false;
+    lumora::Mutex mMutex;
+    lumora::Condition mChanged;
+    std::deque<Task> mTasks GUARDED_BY(mMutex);
+    bool mStopping GUARDED_BY(mMutex) = false;
     std::thread mThread;
-    std::thread::id mId;  // stays readable for others while Stop joins
+    std::thread::id mId;  // a copy, because other threads may read it while Stop joins
 };
 
 }  // namespace lumora_link

@@ -12,12 +12,13 @@
 #include <cstdlib>
 #include <set>
 
+#include "base/socket_option.h"
+#include "base/unique_fd.h"
 #include "tools/lumora/commands/findings.h"
 #include "tools/lumora/os/interfaces.h"
 #include "tools/lumora/os/ports.h"
 #include "tools/lumora/os/program.h"
 #include "tools/lumora/os/signals.h"
-#include "tools/lumora/os/unique_fd.h"
 #include "tools/lumora/os/waiting.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/text.h"
@@ -48,20 +49,16 @@ ip_mreqn MembershipOn(const Interface& entry) {
     return membership;
 }
 
-template <typename Value>
-bool SetOption(const UniqueFd& fd, int level, int option, const Value& value) {
-    return setsockopt(fd.Get(), level, option, &value, sizeof(value)) == 0;
-}
-
 // A socket that hears the group on this interface alone; closed, and errno set, when there can be none.
-UniqueFd Join(const Interface& entry, int port) {
-    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+lumora::UniqueFd Join(const Interface& entry, int port) {
+    lumora::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_in address = AddressOf(GROUP, port);
-    const bool joined = fd.IsOpen() && SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1) &&
+    const bool joined = fd && lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1) &&
                         bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
-                        SetOption(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
-                        SetOption(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, MembershipOn(entry));
+                        lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
+                        lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, MembershipOn(entry));
     if (!joined) {
+        // Close may change errno, and the caller reports it.
         const int error = errno;
         fd.Close();
         errno = error;
@@ -69,22 +66,25 @@ UniqueFd Join(const Interface& entry, int port) {
     return fd;
 }
 
-int PortOf(const UniqueFd& fd) {
+// The port that the kernel chose for a socket bound to port 0.
+int PortOf(const lumora::UniqueFd& fd) {
     sockaddr_in address = {};
     socklen_t length = sizeof(address);
     getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
 }
 
-// To the group, on a port of our own and never beyond this host: nobody else is to hear it.
+// Sends to the group on a port of our own, with TTL 0, so that the datagram never leaves this host.
 bool HearsItself(const Interface& entry) {
     constexpr std::chrono::milliseconds PATIENCE(500);
     constexpr char TEXT[] = "lumora doctor";
-    const UniqueFd ear = Join(entry, 0);
-    const UniqueFd mouth(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!ear.IsOpen() || !mouth.IsOpen() ||
-        !SetOption(mouth, IPPROTO_IP, IP_MULTICAST_IF, MembershipOn(entry)) ||
-        !SetOption(mouth, IPPROTO_IP, IP_MULTICAST_TTL, 0)) {
+    // Port 0: the real port of the group would also deliver messages of other nodes, and they would count as
+    // an echo.
+    const lumora::UniqueFd ear = Join(entry, 0);
+    const lumora::UniqueFd mouth(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!ear || !mouth ||
+        !lumora::SetSocketOption(mouth.Get(), IPPROTO_IP, IP_MULTICAST_IF, MembershipOn(entry)) ||
+        !lumora::SetSocketOption(mouth.Get(), IPPROTO_IP, IP_MULTICAST_TTL, 0)) {
         return false;
     }
     const sockaddr_in group = AddressOf(GROUP, PortOf(ear));
@@ -93,9 +93,10 @@ bool HearsItself(const Interface& entry) {
            Wait(ear.Get(), In(PATIENCE)) == Woken::READY;
 }
 
+// A socket that listens to the group on one interface.
 struct Ear {
     Interface entry;
-    UniqueFd socket;
+    lumora::UniqueFd socket;
     std::set<std::string> heard;  // address and port of who spoke
 };
 
@@ -114,6 +115,7 @@ void HearOne(Ear& ear) {
 // All at once.
 void Listen(std::vector<Ear>& ears, std::chrono::milliseconds time) {
     const Deadline end = In(time);
+    // poll may wake early, so the loop checks the time itself.
     while (Clock::now() < end && StopSignal() == 0) {
         std::vector<pollfd> watched = {{StopFd(), POLLIN, 0}};
         for (const Ear& ear : ears) {
@@ -142,6 +144,7 @@ void TellJoinFault(Findings& findings, const Interface& entry, int error) {
 
 // ---- Firewalls
 
+// What nft says. A rough reading of its text: it recognises common rules and warns rather than proves.
 struct Rules {
     bool known = false;
     int dropping = 0;  // that drop something
@@ -183,6 +186,7 @@ std::vector<std::string> LinesOf(Child& program, std::chrono::milliseconds patie
 Rules ReadRules() {
     constexpr std::chrono::milliseconds PATIENCE(3000);
     Rules rules;
+    // Listing rules needs root. The tool is not installed on every host.
     if (geteuid() != 0 || access("/usr/sbin/nft", X_OK) != 0) {
         return rules;
     }
@@ -192,6 +196,7 @@ Rules ReadRules() {
     for (const std::string& line : lines) {
         accepted += Has(line, " accept") && !Has(line, "policy") ? line : "";
     }
+    // A chain with the policy "drop" is harmless if it accepts our ports elsewhere.
     const bool acceptsOurs = Has(accepted, "5683") && (Has(accepted, "6666") || Has(accepted, "6667"));
     for (const std::string& line : lines) {
         rules.dropping += Drops(line) ? 1 : 0;
@@ -214,6 +219,7 @@ std::string WhatMustPass() {
 // The items of a list, as the link platform splits it.
 std::vector<std::string> WordsOf(const char* variable) {
     const char* value = std::getenv(variable);
+    // The platform takes commas and blanks as separators.
     std::string text = value != nullptr ? value : "";
     std::replace(text.begin(), text.end(), ' ', ',');
     std::vector<std::string> words = Split(text, ',');
@@ -258,6 +264,23 @@ void LookAtLinkPort(Findings& findings) {
          taken ? "another node has it, or another program: ss -ulnp 'sport = :" + std::to_string(port) +
                      "' names it. Two nodes on one host need two ports"
                : ""});
+}
+
+Finding TakenPort(int port, const std::string& whose) {
+    const std::string name = "TCP port " + std::to_string(port);
+    const std::string limit = "No other " + whose + " can be connected on this host";
+    const std::optional<PortHolder> holder = TcpPortHolder(port);
+    if (!holder) {
+        return {Level::WARNING, "ports", name + " is taken",
+                "a " + whose + " that is connected has it, or another program: ss -tlnp 'sport = :" +
+                    std::to_string(port) + "' names it. " + limit};
+    }
+    if (!holder->usesLumora) {
+        return {Level::WARNING, "ports", name + " is taken", holder->Text() + ", has it. " + limit};
+    }
+    return {Level::NOTE, "ports",
+            name + " is used by a running " + whose + " of this host: " + holder->Text(),
+            limit + " meanwhile"};
 }
 
 }  // namespace
@@ -315,8 +338,8 @@ void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening) {
         if (!entry.running || entry.address.empty()) {
             continue;
         }
-        UniqueFd socket = Join(entry, GROUP_PORT);
-        if (!socket.IsOpen()) {
+        lumora::UniqueFd socket = Join(entry, GROUP_PORT);
+        if (!socket) {
             TellJoinFault(findings, entry, errno);
             continue;
         }
@@ -332,7 +355,7 @@ void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening) {
         const bool alone = ear.heard.empty();
         findings.push_back({alone ? Level::NOTE : Level::GOOD, "multicast",
                             ear.entry.name + ": joined, " +
-                                (alone ? "nobody else was heard"
+                                (alone ? "no other node was heard"
                                        : Count(ear.heard.size(), "node was heard", "nodes were heard")),
                             alone && !ear.entry.loopback
                                 ? "if devices run in this network, multicast is blocked on the way: a switch "
@@ -351,11 +374,7 @@ void LookAtPorts(Findings& findings) {
                 findings.push_back({Level::GOOD, "ports", name + " is free", ""});
                 break;
             case PortState::TAKEN:
-                findings.push_back({Level::WARNING, "ports", name + " is taken",
-                                    "a " + std::string(whose) +
-                                        " that is connected has it, or another program: ss -tlnp 'sport = :" +
-                                        std::to_string(port) + "' names it. No other " + whose +
-                                        " can be connected on this host"});
+                findings.push_back(TakenPort(port, whose));
                 break;
             case PortState::UNKNOWN:
                 findings.push_back({Level::FAULT, "ports",

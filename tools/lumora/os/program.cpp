@@ -12,8 +12,8 @@
 #include <csignal>
 #include <cstring>
 
+#include "base/unique_fd.h"
 #include "tools/lumora/os/signals.h"
-#include "tools/lumora/os/unique_fd.h"
 #include "tools/lumora/os/waiting.h"
 #include "tools/lumora/terminal/failure.h"
 
@@ -21,7 +21,7 @@ namespace lumora_cli {
 
 namespace {
 
-// How often it is looked whether a process has ended: nothing else tells.
+// How often to check whether a process has ended. pidfd_open would report it, but only from Linux 5.3 on.
 constexpr int EXIT_CHECK_MS = 5;
 
 struct Pipe {
@@ -30,16 +30,17 @@ struct Pipe {
         if (pipe2(ends, O_CLOEXEC) != 0) {
             throw Failure(EXIT_FAILED, "no pipe: " + SystemError(errno));
         }
-        read = UniqueFd(ends[0]);
-        write = UniqueFd(ends[1]);
+        read = lumora::UniqueFd(ends[0]);
+        write = lumora::UniqueFd(ends[1]);
     }
 
-    UniqueFd read;
-    UniqueFd write;
+    lumora::UniqueFd read;
+    lumora::UniqueFd write;
 };
 
-// What a child gets in place of what we have: signals as they are by default, a process group of its own, so
-// that all it starts ends with it, and no descriptors of the libraries.
+// What a child does not inherit from us. Its signals have their default handlers and none is blocked. It
+// leads a process group, so that one kill() reaches all that it starts. It gets no descriptors of the
+// libraries.
 class SpawnPlan {
 public:
     SpawnPlan() {
@@ -62,7 +63,7 @@ public:
     SpawnPlan(const SpawnPlan&) = delete;
     SpawnPlan& operator=(const SpawnPlan&) = delete;
 
-    void Become(const UniqueFd& ours, int theirs) {
+    void Become(const lumora::UniqueFd& ours, int theirs) {
         posix_spawn_file_actions_adddup2(&mActions, ours.Get(), theirs);
     }
     void Silence(int theirs) { posix_spawn_file_actions_addopen(&mActions, theirs, "/dev/null", O_RDWR, 0); }
@@ -101,7 +102,7 @@ std::vector<std::string> OurEnvironment() {
     return variables;
 }
 
-// With a variable twice, the first counts for some programs and the last for others.
+// Replaces a variable. If it stood twice, some programs would use the first and others the last.
 void SetVariable(std::vector<std::string>& environment, const std::string& name, const std::string& value) {
     const std::string begin = name + '=';
     environment.erase(
@@ -115,15 +116,18 @@ int ExitCodeOf(int status) {
     return WIFSIGNALED(status) ? EXIT_BY_SIGNAL + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-void SetNonBlocking(const UniqueFd& fd) { fcntl(fd.Get(), F_SETFL, fcntl(fd.Get(), F_GETFL) | O_NONBLOCK); }
+void SetNonBlocking(const lumora::UniqueFd& fd) {
+    fcntl(fd.Get(), F_SETFL, fcntl(fd.Get(), F_GETFL) | O_NONBLOCK);
+}
 
-// Without taking its exit code: its number stays its own.
+// WNOWAIT leaves the exit status unread, so the kernel does not give the process number to another process
+// yet.
 bool IsRunning(pid_t id) {
     siginfo_t info = {};
     return waitid(P_PID, static_cast<id_t>(id), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
-// One run, from the start to the end: feeds, reads, and sees that it ends.
+// One run of a program: writes its input, reads its output, and ends it.
 class Runner {
 public:
     Runner(const std::string& input, std::size_t mostOutput, Deadline deadline)
@@ -142,7 +146,8 @@ public:
         SetNonBlocking(mIn.write);
         SetNonBlocking(mOut.read);
         Attend(id);
-        // Also what it has left running: nobody else would end it.
+        // Kills the whole process group: processes that the program left running have no other parent that
+        // ends them.
         kill(-id, SIGKILL);
         int status = 0;
         waitpid(id, &status, 0);
@@ -151,9 +156,10 @@ public:
     }
 
 private:
-    // Its output ends with the last of the processes that it has started; it may go on after that.
+    // The pipe ends when the last process that holds it ends. The program itself may run on without an
+    // output.
     void Attend(pid_t id) {
-        while (mOut.read.IsOpen() || IsRunning(id)) {
+        while (mOut.read || IsRunning(id)) {
             pollfd watched[] = {
                 {StopFd(), POLLIN, 0}, {mIn.write.Get(), POLLOUT, 0}, {mOut.read.Get(), POLLIN, 0}};
             poll(watched, std::size(watched), PollTime());
@@ -174,11 +180,11 @@ private:
 
     int PollTime() const {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(mDeadline - Clock::now());
-        const int most = mOut.read.IsOpen() ? 60'000 : EXIT_CHECK_MS;
+        const int most = mOut.read ? 60'000 : EXIT_CHECK_MS;
         return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, most));
     }
 
-    // A program need not read what it is given.
+    // A program may end or close its input without reading all of it: EPIPE is no failure.
     void Feed() {
         const ssize_t count = write(mIn.write.Get(), mInput.data() + mFed, mInput.size() - mFed);
         if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -252,7 +258,7 @@ void Child::End() {
 
 std::string Child::NextLine(std::chrono::milliseconds timeout) {
     const Deadline deadline = In(timeout);
-    while (mOutput.IsOpen()) {
+    while (mOutput) {
         const std::size_t end = mRest.find('\n');
         if (end != std::string::npos) {
             std::string line = mRest.substr(0, end);

@@ -1,0 +1,294 @@
+#include "transport/tcp_receiver.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "base/log.h"
+#include "base/thread.h"
+#include "protocol/data_frame.h"
+#include "transport/operation_names.h"
+
+namespace lumoraAiModule {
+
+namespace {
+
+constexpr int LISTEN_BACKLOG = 10;
+constexpr int READ_WAIT_US = 500000;  // after it, a read that waits looks whether it shall go on
+constexpr std::chrono::milliseconds LOST_PEER_LOOK{1000};
+constexpr int LOST_PEER_PAUSE_MS = 20;    // how soon a stop is noticed while a lost peer is looked for
+constexpr int ACCEPT_PAUSE_MS = 2;        // the same while the peer is waited for
+constexpr int NOTHING_READ_PAUSE_MS = 1;  // after select promised data and read found none
+constexpr unsigned int NOTHING_READ_LIMIT = 500;
+
+}  // namespace
+
+// The thread holds its transport while it runs, so it has either ended, or it is what runs this destructor
+// and cannot join itself.
+TcpReceiver::~TcpReceiver() {
+    if (!mReceiveThread.joinable()) {
+        return;
+    }
+    if (mReceiveThread.get_id() == std::this_thread::get_id()) {
+        mReceiveThread.detach();
+    } else {
+        mReceiveThread.join();
+    }
+}
+
+int TcpReceiver::Listen(const std::string& addr, int port, int& error) {
+    Stop();
+    Join();  // of a receiving direction that was created before
+    {
+        const lumora::MutexLock lock(mReceiveSocketMutex);
+        mStopped = false;
+        mPeerHadLeft = false;
+    }
+    mExpectedPeer = ExpectedPeer(addr);
+    mState.running = true;
+    return SetupReceiverSocket(port, mListenSocket, error);
+}
+
+int TcpReceiver::SetupReceiverSocket(int port, Descriptor& listenSocket, int& error) {
+    Descriptor socket = OpenStreamSocket();
+    if (!socket.IsOpen()) {
+        error = errno;
+        LUMORA_ERROR("create socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+        return -1;
+    }
+    SetNonBlocking(socket);
+    LUMORA_DETAIL("set non-blocking socket Succ, port = : %d\n", port);
+
+    sockaddr_in address;
+    if (FillAddress(SETUP_RECEIVER_SOCKET, port, address) != 0) {
+        return -1;
+    }
+    if (SetReuseAddress(socket) != 0) {
+        LUMORA_ERROR("setsockopt error :%s(errno:%d)\n", ErrorText(errno).c_str(), errno);
+        return -1;
+    }
+    if (BindAndListen(socket, address, error) != 0) {
+        mHandler.OnListenFailed();
+        return -1;
+    }
+    listenSocket = std::move(socket);
+    return 0;
+}
+
+int TcpReceiver::BindAndListen(const Descriptor& socket, const sockaddr_in& address, int& error) {
+    if (bind(socket.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        error = errno;
+        LogBindError(mSide, error);
+        return -1;
+    }
+    LogBound(mSide, address.sin_port);
+    if (listen(socket.Number(), LISTEN_BACKLOG) != 0) {
+        error = errno;
+        LogListenError(mSide, error);
+        return -1;
+    }
+    return 0;
+}
+
+int TcpReceiver::StartThread(std::shared_ptr<void> owner) {
+    const lumora::MutexLock lock(mThreadMutex);
+    const lumora::AllSignalsBlocked blocked;
+    try {
+        mReceiveThread = std::thread([this, owner = std::move(owner)] {
+            mReceiveThreadId = std::this_thread::get_id();
+            mHandler.ReceiveThread();
+            mReceiveThreadId = std::thread::id();
+        });
+    } catch (const std::system_error& failure) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS, "create receive thread error: %s\n",
+                      failure.what());
+        mState.running = false;
+        CloseSocket();
+        return -1;
+    }
+    return 0;
+}
+
+bool TcpReceiver::AllocateReadBuffer(FrameBuffer& readBuffer) {
+    if (!readBuffer.AllocatePages(READ_SIZE + FRAME_SPARE_LENGTH)) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(mSide), "new memory failed, low memory!\n");
+        return false;
+    }
+    return true;
+}
+
+bool TcpReceiver::AcceptAndReceive(FrameBuffer& readBuffer) {
+    if (WaitForConnect(mReceiveSocket, mListenSocket) != 0) {
+        CloseSocket();
+        readBuffer.Release();
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(mSide), "WaitForConnect failed!\n");
+        return false;
+    }
+    if (mReceiveSocket.IsOpen()) {  // there is none when the transport was stopped before the peer came
+        ReceiveLoop(readBuffer.Bytes());
+    }
+    readBuffer.Release();
+    CloseSocket();
+    mState.running = false;
+    return true;
+}
+
+int TcpReceiver::WaitForConnect(Descriptor& receiveSocket, const Descriptor& listenSocket) {
+    mExpectedPeer.Begin(ExpectedPeer::Clock::now());
+    while (mState.running) {
+        in_addr from = {};
+        Descriptor accepted = AcceptConnection(listenSocket, from);
+        const bool isAccepted = accepted.IsOpen();
+        const int error = errno;
+        Descriptor connection = mExpectedPeer.Choose(std::move(accepted), from, ExpectedPeer::Clock::now());
+        if (connection.IsOpen()) {
+            TuneConnection(connection);
+            LimitReadWaits(connection, READ_WAIT_US);
+            const lumora::MutexLock lock(mReceiveSocketMutex);
+            receiveSocket = std::move(connection);
+            return 0;
+        }
+        if (isAccepted) {  // from elsewhere: the expected one may be right behind it
+            continue;
+        }
+        if (error != EAGAIN) {
+            LUMORA_ERROR("accept socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+            return -1;
+        }
+        LUMORA_DETAIL("wait for connections\n");
+        PauseUntilReady(listenSocket.Number(), POLLIN, ACCEPT_PAUSE_MS);
+    }
+    return 0;
+}
+
+// Ends when the connection does, when the transport is stopped, or when a send failed.
+void TcpReceiver::ReceiveLoop(char* readBuffer) {
+    mWouldBlockReads = 0;
+    bool dataCame = false;
+    while (mState.running) {
+        if (!ReceiveOnce(readBuffer, dataCame)) {
+            return;
+        }
+    }
+    LookForLostPeer(readBuffer);
+}
+
+// While data keeps arriving, the thread blocks in read() (SO_RCVTIMEO) instead of select() and read(): one
+// system call less for each piece. False ends the loop.
+bool TcpReceiver::ReceiveOnce(char* readBuffer, bool& dataCame) {
+    const ReceiveWait::Result result = dataCame ? ReceiveWait::Result::READABLE : WaitForData();
+    if (result != ReceiveWait::Result::READABLE) {
+        return result == ReceiveWait::Result::NOT_YET;
+    }
+    char* data = nullptr;
+    const ssize_t count = ReadSome(readBuffer, data);
+    if (count > 0) {
+        dataCame = true;
+        return mHandler.OnReceived(data, static_cast<unsigned int>(count));
+    }
+    const int error = errno;
+    const bool waited = std::exchange(dataCame, false);
+    if (waited && WouldBlock(error)) {  // the wait ran out, or the process was halted meanwhile
+        return true;
+    }
+    return !HasBeenStopped() && OnNothingRead(error);
+}
+
+ReceiveWait::Result TcpReceiver::WaitForData() {
+    const ReceiveWait::Result result = mState.receiveWait.ForData(mReceiveSocket);
+    const int error = errno;
+    mHandler.OnWaitEnded();
+    if (result == ReceiveWait::Result::FAILED) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(mSide), "select error, ret = %d(%s)\n", -1,
+                      ErrorText(error).c_str());
+    }
+    return result;
+}
+
+ssize_t TcpReceiver::ReadSome(char* readBuffer, char*& data) {
+    unsigned int most = 0;
+    data = mStream.ReadPosition(readBuffer, most);
+    errno = 0;  // the end of the stream leaves it alone, and must not look like a read that would block
+    const ssize_t count = read(mReceiveSocket.Number(), data, most);
+    if (count > 0) {
+        std::memset(data + count, 0, FRAME_SPARE_LENGTH);
+    }
+    return count;
+}
+
+// After StopReading, read() returns 0, exactly as after a close by the peer; mPeerHadLeft tells them apart.
+bool TcpReceiver::HasBeenStopped() {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    return mStopped && !mPeerHadLeft;
+}
+
+// A send failed. When the peer has died, the close of this connection arrives a little before or after the
+// error of the other one, behind what the peer had sent before: that has to be read, because a full receive
+// window holds the close back. Without this look a client would not learn of the end of three in ten devices
+// that die under a stream. A stop ends it.
+void TcpReceiver::LookForLostPeer(char* readBuffer) {
+    const auto deadline = std::chrono::steady_clock::now() + LOST_PEER_LOOK;
+    while (!HasBeenStopped() && std::chrono::steady_clock::now() < deadline) {
+        const ssize_t count = recv(mReceiveSocket.Number(), readBuffer, READ_SIZE, MSG_DONTWAIT);
+        const int error = count < 0 ? errno : 0;
+        if (count > 0) {
+            continue;
+        }
+        if (count == 0 || !WouldBlock(error)) {
+            if (!HasBeenStopped()) {
+                mHandler.OnConnectionLost(error);
+            }
+            return;
+        }
+        PauseUntilReady(mReceiveSocket.Number(), POLLIN, LOST_PEER_PAUSE_MS);
+    }
+}
+
+bool TcpReceiver::OnNothingRead(int error) {
+    if (error == EAGAIN) {
+        PauseUntilReady(mReceiveSocket.Number(), POLLIN, NOTHING_READ_PAUSE_MS);
+        if (mWouldBlockReads++ <= NOTHING_READ_LIMIT) {
+            return true;
+        }
+        if (!mHandler.OnReceiveTimeout()) {
+            return false;
+        }
+    }
+    mHandler.OnConnectionLost(error);
+    return false;
+}
+
+void TcpReceiver::CloseSocket() {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    mReceiveSocket.Close();
+    mListenSocket.Close();
+}
+
+void TcpReceiver::Stop() {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    mState.running = false;
+    if (!std::exchange(mStopped, true) && mReceiveSocket.IsOpen()) {
+        mPeerHadLeft = HasPeerLeft(mReceiveSocket);
+        StopReading(mReceiveSocket);
+    }
+}
+
+void TcpReceiver::Join() {
+    if (mReceiveThreadId == std::this_thread::get_id()) {
+        return;
+    }
+    const lumora::MutexLock lock(mThreadMutex);
+    if (mReceiveThread.joinable()) {
+        LUMORA_LOG_AS(lumora::LOG_DETAIL, STOP_TRANSPORTS, "joinable will join.\n");
+        mReceiveThread.join();
+    }
+    CloseSocket();
+}
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,106 @@
+// The receiving direction of a data channel: listens, accepts the peer, and reads on a thread of its own.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "base/mutex.h"
+#include "transport/channel_state.h"
+#include "transport/expected_peer.h"
+#include "transport/frame_buffer.h"
+#include "transport/frame_stream.h"
+#include "transport/side_log.h"
+#include "transport/socket.h"
+
+namespace lumoraAiModule {
+
+// The transport that a receiver belongs to. All but OnListenFailed is called on the receive thread.
+class ReceiveHandler {
+public:
+    virtual ~ReceiveHandler() = default;
+    // The port cannot be listened at.
+    virtual void OnListenFailed() = 0;
+    // The body of the receive thread.
+    virtual void ReceiveThread() = 0;
+    // New data came. False ends the receive loop.
+    virtual bool OnReceived(char* data, unsigned int length) = 0;
+    // The budget for reads that would block is spent. True if that counts as a lost connection, false if it
+    // just ends the receive loop.
+    virtual bool OnReceiveTimeout() = 0;
+    // The peer closed the connection (error is 0), or it broke.
+    virtual void OnConnectionLost(int error) = 0;
+    // A wait for data has ended, with data or without.
+    virtual void OnWaitEnded() = 0;
+};
+
+class TcpReceiver {
+public:
+    // Keeps references to all three.
+    TcpReceiver(Side side, ReceiveHandler& handler, FrameStream& stream, ChannelState& state)
+        : mSide(side), mHandler(handler), mStream(stream), mState(state) {}
+    ~TcpReceiver();
+    TcpReceiver(const TcpReceiver&) = delete;
+    TcpReceiver& operator=(const TcpReceiver&) = delete;
+
+    // Listens on port. The peer is expected to connect from addr, or from anywhere if that is no IPv4
+    // address. 0 or -1; error receives the errno of the step that failed, 0 if it has none.
+    int Listen(const std::string& addr, int port, int& error);
+    // Starts the receive thread, which holds owner until it has ended: the handler may drop every other
+    // reference to itself. 0 or -1.
+    int StartThread(std::shared_ptr<void> owner);
+
+    // Ends the receive thread and wakes it. A transport that only breaks clears the running flag instead: its
+    // thread then ends when its wait does, after it has seen whether the peer has closed the connection.
+    void Stop();
+    // Waits for the receive thread's end, unless this is the receive thread itself, and closes what it used.
+    void Join();
+
+    // The rest is for the receive thread.
+    bool AllocateReadBuffer(FrameBuffer& readBuffer);
+    // Waits for the peer, then receives until the transport is stopped or the connection ends. False if the
+    // peer could not be waited for.
+    bool AcceptAndReceive(FrameBuffer& readBuffer);
+    // Gives reads that would block their full budget again.
+    void RenewReadBudget() { mWouldBlockReads = 0; }
+
+private:
+    int SetupReceiverSocket(int port, Descriptor& listenSocket, int& error);
+    int BindAndListen(const Descriptor& socket, const sockaddr_in& address, int& error);
+    // Returns 0 with a connection, or without one if the transport is being stopped.
+    int WaitForConnect(Descriptor& receiveSocket, const Descriptor& listenSocket);
+    void ReceiveLoop(char* readBuffer);
+    bool ReceiveOnce(char* readBuffer, bool& dataCame);
+    ReceiveWait::Result WaitForData();
+    ssize_t ReadSome(char* readBuffer, char*& data);
+    bool HasBeenStopped();
+    bool OnNothingRead(int error);
+    void LookForLostPeer(char* readBuffer);
+    void CloseSocket();
+
+    const Side mSide;
+    ReceiveHandler& mHandler;
+    FrameStream& mStream;
+    ChannelState& mState;
+
+    ExpectedPeer mExpectedPeer;  // set before the receive thread starts, then used by it alone
+    unsigned int mWouldBlockReads = 0;
+
+    // Written before the receive thread starts, by it, and after it has been joined.
+    Descriptor mListenSocket;
+    Descriptor mReceiveSocket;  // written under mReceiveSocketMutex, besides
+
+    // A leaf lock: it keeps mReceiveSocket open while Stop shuts it down.
+    lumora::Mutex mReceiveSocketMutex;
+    bool mStopped GUARDED_BY(mReceiveSocketMutex) = false;
+    bool mPeerHadLeft GUARDED_BY(mReceiveSocketMutex) = false;  // when Stop shut the socket down
+
+    lumora::Mutex mThreadMutex;  // held while the receive thread is joined; that thread never takes it
+    std::thread mReceiveThread GUARDED_BY(mThreadMutex);
+    std::atomic<std::thread::id> mReceiveThreadId{std::thread::id()};
+};
+
+}  // namespace lumoraAiModule

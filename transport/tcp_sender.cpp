@@ -1,0 +1,169 @@
+#include "transport/tcp_sender.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "base/log.h"
+#include "transport/operation_names.h"
+
+namespace lumoraAiModule {
+
+namespace {
+
+constexpr int FULL_SOCKET_PAUSE_MS = 1;
+constexpr unsigned int FULL_SOCKET_LIMIT = 500;  // pauses without one byte written
+
+}  // namespace
+
+int TcpSender::SetupSenderSocket(int port, const std::string& addr, int limitSeconds, int& error) {
+    auto socket = std::make_shared<Descriptor>(OpenStreamSocket());
+    if (!socket->IsOpen()) {
+        error = errno;
+        LUMORA_ERROR("create socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+        return -1;
+    }
+    sockaddr_in address;
+    if (FillAddress(SETUP_SENDER_SOCKET, port, address) != 0) {
+        return -1;
+    }
+    LUMORA_DETAIL("addr: %s\n", addr.c_str());
+    if (inet_pton(AF_INET, addr.c_str(), &address.sin_addr) <= 0) {
+        LUMORA_ERROR("inet_pton error for %s\n", addr.c_str());
+        return -1;
+    }
+    if (ConnectWithin(*socket, address, limitSeconds) != 0) {
+        error = errno;
+        LUMORA_ERROR("connect error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+        return -1;
+    }
+    TuneConnection(*socket);
+    SetNonBlocking(*socket);
+    LUMORA_DETAIL("set non-blocking socket\n");
+    SetSocket(std::move(socket));
+    return 0;
+}
+
+int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame,
+                        unsigned int* written) {
+    const unsigned int length = frame.Length();
+    const bool holdsBack =
+        mBurst.MayHoldBack(length, SendBurst::Clock::now()) && mState.receiveWait.IsWaiting();
+    const int result = Write(socket, frame, holdsBack ? MSG_NOSIGNAL | MSG_MORE : MSG_NOSIGNAL, written);
+    mBurst.OnSent(length, holdsBack, SendBurst::Clock::now());
+    if (holdsBack) {
+        OnHeldBack();
+    } else if (*written > 0) {
+        mHoldsBack = false;
+    }
+    return result;
+}
+
+// The receive thread is the one that pushes: it has a wait that can be ended, so no thread more is needed. It
+// may have left its wait since it was asked for:
+//   this thread       mHoldsBack = true, then asks whether the receive thread waits
+//   receive thread    leaves its wait, then asks whether frames are held back
+// At least one of the two sees the other and pushes.
+void TcpSender::OnHeldBack() {
+    mHoldsBack = true;
+    if (mState.receiveWait.IsWaiting()) {
+        mState.receiveWait.EndSoon(SendBurst::LONGEST_HOLD_BACK);
+    } else {
+        PushHeldBack();
+    }
+}
+
+void TcpSender::PushHeldBack() {
+    if (!mHoldsBack.exchange(false)) {
+        return;
+    }
+    if (const std::shared_ptr<Descriptor> socket = Socket()) {
+        PushWritten(*socket);
+    }
+}
+
+int TcpSender::Write(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, int flags,
+                     unsigned int* written) {
+    const unsigned int length = frame.Length();
+    unsigned int wouldBlockWrites = 0;
+    *written = 0;
+    while (*written < length && MayWrite()) {
+        const ssize_t count = WriteFrom(*socket, frame, *written, flags);
+        if (count >= 0) {
+            wouldBlockWrites = 0;
+            *written += static_cast<unsigned int>(count);
+        } else {
+            const int error = errno;
+            if (!WouldBlock(error)) {
+                LogWriteError(mSide, error);
+                mState.EndReceiving();
+                Close();
+                return -1;
+            }
+            if (!PauseBeforeNextWrite(*socket, error, wouldBlockWrites)) {
+                return 0;
+            }
+        }
+        if (*written < length && Socket() != socket) {  // it was closed meanwhile
+            return 0;
+        }
+    }
+    return 0;
+}
+
+// One system call for what is left of the frame behind offset.
+ssize_t TcpSender::WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset,
+                             int flags) {
+    if (offset >= frame.headLength) {
+        offset -= frame.headLength;
+        return send(socket.Number(), frame.payload + offset, frame.payloadLength - offset, flags);
+    }
+    if (frame.payloadLength == 0) {
+        return send(socket.Number(), frame.head + offset, frame.headLength - offset, flags);
+    }
+    iovec parts[] = {{const_cast<char*>(frame.head) + offset, frame.headLength - offset},
+                     {const_cast<char*>(frame.payload), frame.payloadLength}};
+    msghdr message = {};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    return sendmsg(socket.Number(), &message, flags);
+}
+
+// A device's channel whose receiving direction has ended can no longer send. A client's can.
+bool TcpSender::MayWrite() const {
+    return !mState.broken && !mInterrupted && (mSide == Side::CLIENT || mState.running);
+}
+
+bool TcpSender::PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites) {
+    PauseUntilReady(socket.Number(), POLLOUT, FULL_SOCKET_PAUSE_MS);
+    if (wouldBlockWrites++ <= FULL_SOCKET_LIMIT) {
+        return true;
+    }
+    LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "SendData timeout: %s(errno: %d)\n", ErrorText(error).c_str(),
+                  error);
+    mState.broken = true;
+    mState.EndReceiving();
+    Close();
+    return false;
+}
+
+std::shared_ptr<Descriptor> TcpSender::Socket() {
+    const lumora::MutexLock lock(mSocketMutex);
+    return mSocket;
+}
+
+void TcpSender::SetSocket(std::shared_ptr<Descriptor> socket) {
+    {
+        const lumora::MutexLock lock(mSocketMutex);
+        mSocket.swap(socket);
+    }
+    if (socket != nullptr && socket->IsOpen()) {
+        shutdown(socket->Number(), SHUT_RDWR);  // wakes a writer that waits for room
+    }
+}
+
+}  // namespace lumoraAiModule

@@ -1,0 +1,68 @@
+// The sending direction of a data channel: connects, and writes frames.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "base/mutex.h"
+#include "transport/channel_state.h"
+#include "transport/send_burst.h"
+#include "transport/side_log.h"
+#include "transport/socket.h"
+#include "transport/transport_manager.h"
+
+namespace lumoraAiModule {
+
+class TcpSender {
+public:
+    TcpSender(Side side, ChannelState& state) : mSide(side), mState(state) {}
+
+    // 0 or -1; error receives the errno of the step that failed, 0 if it has none.
+    int SetupSenderSocket(int port, const std::string& addr, int limitSeconds, int& error);
+
+    // Null if there is no connection.
+    std::shared_ptr<Descriptor> Socket();
+    // Closes the connection. A writer that is in the middle of a send keeps the descriptor until it has
+    // noticed.
+    void Close() { SetSocket(nullptr); }
+
+    // Ends a send that another thread is in the middle of; the next WriteAll returns at once, until Resume.
+    void Interrupt() { mInterrupted = true; }
+    void Resume() { mInterrupted = false; }
+
+    // Serialises writes, and writes with the stop.
+    lumora::Mutex mMutex;
+
+    // Writes until all is written or the channel breaks: a retry budget bounds it, not a time-out. -1 only
+    // for a broken connection; a spent budget shows in *written.
+    int WriteAll(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, unsigned int* written)
+        REQUIRES(mMutex);
+
+    // Sends the small frames that wait in the kernel for others. Any thread may call it.
+    void PushHeldBack();
+
+private:
+    bool MayWrite() const;
+    int Write(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, int flags,
+              unsigned int* written);
+    static ssize_t WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset,
+                             int flags);
+    void OnHeldBack();
+    bool PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites);
+    void SetSocket(std::shared_ptr<Descriptor> socket);
+
+    const Side mSide;
+    ChannelState& mState;
+    std::atomic<bool> mInterrupted{false};
+
+    SendBurst mBurst GUARDED_BY(mMutex);
+    std::atomic<bool> mHoldsBack{false};
+
+    lumora::Mutex mSocketMutex;  // a leaf lock
+    std::shared_ptr<Descriptor> mSocket GUARDED_BY(mSocketMutex);
+};
+
+}  // namespace lumoraAiModule
