@@ -17,7 +17,8 @@ public:
     virtual ~LumoraTransCallback() = default;
     // One whole frame, head included, valid only during the call.
     virtual int OnRecvData(char* data, unsigned int length) = 0;
-    // The receiving connection broke or timed out; handle is the one the transport was created with.
+    // The peer closed the receiving connection, or it broke or timed out. handle is the one that the
+    // transport was created with.
     virtual int OnDisconnect(unsigned int handle) = 0;
 };
 
