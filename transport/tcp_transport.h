@@ -41,6 +41,7 @@ protected:
     int ParseAndSendData(char* data, unsigned int length) { return mStream.ParseAndSendData(data, length); }
 
     void OnListenFailed() override { StopTransports(); }
+    void OnWaitEnded() override { mSender.PushHeldBack(); }
 
     ChannelState mState;
     FrameStream mStream;

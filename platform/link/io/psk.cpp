@@ -5,7 +5,7 @@
 
 #include <array>
 
-#include "platform/link/io/unique_fd.h"
+#include "base/unique_fd.h"
 #include "platform/link/log.h"
 
 namespace lumora_link {
@@ -32,7 +32,7 @@ std::optional<Psk> ParsePsk(std::string text) {
 }  // namespace
 
 std::optional<Psk> ReadPskFile(const std::string& path) {
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const lumora::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat state = {};
     if (!file || fstat(file.Get(), &state) != 0 || !S_ISREG(state.st_mode)) {
         LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: \"%s\" cannot be read\n", path.c_str());

@@ -12,7 +12,7 @@
 #include <set>
 #include <thread>
 
-#include "platform/link/io/unique_fd.h"
+#include "base/unique_fd.h"
 #include "platform/link/wire/coap_message.h"
 #include "platform/link/wire/messages.h"
 #include "tests/platform/link/capi/test_node.h"

@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/link/io/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tests/platform/link/capi/test_node.h"
 #include "tests/support/eventually.h"
 
@@ -33,10 +33,10 @@ public:
         std::array<int, 2> output = {};
         EXPECT_EQ(pipe2(input.data(), O_CLOEXEC), 0);
         EXPECT_EQ(pipe2(output.data(), O_CLOEXEC), 0);
-        UniqueFd childInput(input[0]);
-        UniqueFd childOutput(output[1]);
-        UniqueFd ready(output[0]);
-        mInput = UniqueFd(input[1]);
+        lumora::UniqueFd childInput(input[0]);
+        lumora::UniqueFd childOutput(output[1]);
+        lumora::UniqueFd ready(output[0]);
+        mInput = lumora::UniqueFd(input[1]);
         mPid = fork();
         if (mPid == 0) {
             dup2(childInput.Get(), STDIN_FILENO);
@@ -44,12 +44,12 @@ public:
             execl(LINK_TEST_TOOL, LINK_TEST_TOOL, command, deviceType.c_str(), nullptr);
             _exit(127);
         }
-        childOutput = UniqueFd();
+        childOutput = lumora::UniqueFd();
         char word[6] = {};
         EXPECT_EQ(read(ready.Get(), word, sizeof word), 6) << "the process does not start";
     }
     ~ServingProcess() {
-        mInput = UniqueFd();
+        mInput = lumora::UniqueFd();
         Reap();
     }
     ServingProcess(const ServingProcess&) = delete;
@@ -61,7 +61,7 @@ public:
     }
     // Lets it end by itself.
     void End() {
-        mInput = UniqueFd();
+        mInput = lumora::UniqueFd();
         Reap();
     }
 
@@ -73,7 +73,7 @@ private:
         }
     }
     pid_t mPid = -1;
-    UniqueFd mInput;
+    lumora::UniqueFd mInput;
 };
 
 bool HasEvents(TestNode& node, std::size_t count) {

@@ -6,7 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include "platform/link/io/unique_fd.h"
+#include "base/unique_fd.h"
 #include "platform/link/wire/messages.h"
 
 namespace lumora_link::test {
@@ -73,7 +73,7 @@ struct CoapPortTest : testing::Test {
         }
     }
 
-    UniqueFd peer{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    lumora::UniqueFd peer{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     Endpoint to;
     std::vector<CoapMessage> answers;
     std::vector<ConversationId> refused;

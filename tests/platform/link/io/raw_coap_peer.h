@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "base/unique_fd.h"
 #include "link_platform.h"
-#include "platform/link/io/unique_fd.h"
 #include "platform/link/wire/coap_message.h"
 #include "platform/link/wire/messages.h"
 
@@ -37,7 +37,7 @@ public:
     }
 
 private:
-    UniqueFd mSocket;
+    lumora::UniqueFd mSocket;
 };
 
 inline CoapMessage RawPost(const std::string& key, const std::string& value) {

@@ -1,12 +1,13 @@
-// A descriptor with one owner.
+// A file descriptor with one owner.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace lumora_cli {
+namespace lumora {
 
+// Closes its descriptor when it dies. Holds none if the number is negative, as after a failed system call.
 class UniqueFd {
 public:
     UniqueFd() = default;
@@ -14,15 +15,17 @@ public:
     ~UniqueFd() { Close(); }
     UniqueFd(UniqueFd&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
     UniqueFd& operator=(UniqueFd&& other) noexcept {
-        Close();
-        mFd = std::exchange(other.mFd, -1);
+        if (this != &other) {
+            Close();
+            mFd = std::exchange(other.mFd, -1);
+        }
         return *this;
     }
     UniqueFd(const UniqueFd&) = delete;
     UniqueFd& operator=(const UniqueFd&) = delete;
 
     int Get() const { return mFd; }
-    bool IsOpen() const { return mFd >= 0; }
+    explicit operator bool() const { return mFd >= 0; }
     void Close() {
         if (mFd >= 0) {
             close(std::exchange(mFd, -1));
@@ -33,4 +36,4 @@ private:
     int mFd = -1;
 };
 
-}  // namespace lumora_cli
+}  // namespace lumora
