@@ -11,7 +11,6 @@ namespace {
 
 using lumora_test::Eventually;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 const Bytes FRAME = lumora_test::ServerFrameBytes("\x01", "face", "meanwhile");
 
