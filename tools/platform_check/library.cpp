@@ -59,7 +59,7 @@ void FindFiles(Files& files) {
 std::string LoadPlatform(const Files& files, PlatformFunctions& functions) {
     for (const std::string& file : {files.securec, files.log}) {
         if (!file.empty()) {
-            dlopen(file.c_str(), RTLD_NOW | RTLD_GLOBAL);  // where that fails, the platform's own will say so
+            dlopen(file.c_str(), RTLD_NOW | RTLD_GLOBAL);  // if that fails, loading the platform reports it
         }
     }
     void* const library = dlopen(files.platform.c_str(), RTLD_NOW | RTLD_LOCAL);

@@ -17,7 +17,7 @@ namespace {
 
 using Log = decltype(&LogInfo);
 
-// Lines of this process are nobody's to read.
+// The output of this process is discarded.
 void HideStandardError() {
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(nowhere, STDERR_FILENO);

@@ -61,7 +61,7 @@ struct Event {
     }
 };
 
-// Events come without saying for whom.
+// Events do not tell which node they belong to, so one object collects them all.
 class Events {
 public:
     void Add(Event event) {

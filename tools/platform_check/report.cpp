@@ -40,7 +40,8 @@ public:
 
     // Nothing at the end, and when it says nothing for so long.
     std::optional<std::string> NextLine(unsigned limitSeconds);
-    // Where there is no next line: how the process ended. Ends it if it has not.
+    // After NextLine gave nothing: how the process ended, or an empty text if it ended well. If it still
+    // runs, the destructor kills it.
     std::string End();
 
 private:
@@ -140,7 +141,7 @@ void Report::Write(char kind, const std::string& rule, const std::string& expect
         line += lumora_cli::OneLine(field) + BETWEEN;
     }
     line.back() = '\n';
-    // Where nobody reads, there is nobody to tell.
+    // A failed write needs no report: no reader is left.
     if (write(mFd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         _exit(EXIT_FAILED);
     }

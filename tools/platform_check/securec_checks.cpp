@@ -15,7 +15,7 @@ namespace {
 constexpr char CANARY = '#';
 constexpr std::size_t BEHIND = 16;
 
-// A destination, and bytes behind it that nobody may write to.
+// A destination, and guard bytes behind it that the function must not write to.
 class Destination {
 public:
     explicit Destination(std::size_t size) : mBytes(size + BEHIND, CANARY), mSize(size) {}

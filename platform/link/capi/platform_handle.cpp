@@ -14,6 +14,7 @@ PlatformHandle::PlatformHandle() : mNodeId(SystemRandom().Next()) {}
 PlatformHandle::~PlatformHandle() { Exit(); }
 
 bool PlatformHandle::Init() {
+    // secure_getenv: a program with more rights than its caller ignores the caller's environment.
     Config config = ReadConfig([](const char* name) -> const char* { return secure_getenv(name); });
     lumora::MutexLock lock(mMutex);
     if (!mInitialised) {
@@ -69,6 +70,7 @@ bool PlatformHandle::Run() {
     }
     const NodeIdentity identity{mNodeId, static_cast<std::uint32_t>(SystemRandom().Next())};
     auto node = std::make_shared<Node>(std::move(config), identity, std::move(registration));
+    // Without mMutex, because Start waits for the I/O thread.
     if (!node->Start()) {
         return false;
     }
@@ -87,6 +89,7 @@ bool PlatformHandle::Exit() {
     if (node == nullptr) {
         return true;
     }
+    // Without mMutex: Stop joins threads whose handlers may call Find, which takes mMutex.
     node->Stop();
     lumora::MutexLock lock(mMutex);
     mNode.reset();

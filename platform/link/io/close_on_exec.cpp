@@ -40,6 +40,7 @@ void CloseOnExec(int epoll) {
     }
 }
 
+// The kernel gives out the lowest free number, so a duplicate that is closed at once shows it.
 int NextDescriptor(int any) { return lumora::UniqueFd(fcntl(any, F_DUPFD_CLOEXEC, 0)).Get(); }
 
 bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
@@ -50,6 +51,7 @@ bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
            fcntl(socket, F_SETFD, FD_CLOEXEC) == 0;
 }
 
+// Opens them all to find out, and closes them again: RLIMIT_NOFILE alone does not tell how many are in use.
 bool DescriptorsAreLeft(std::size_t count) {
     std::vector<lumora::UniqueFd> taken(count);
     return std::all_of(taken.begin(), taken.end(), [](lumora::UniqueFd& fd) {

@@ -28,6 +28,7 @@ void Worker::Stop() {
         mStopping = true;
         mChanged.NotifyAll();
     }
+    // Without mMutex: the thread needs it to see mStopping. Waits as long as the running task takes.
     if (mThread.joinable()) {
         mThread.join();
     }
@@ -47,6 +48,7 @@ void Worker::Run() {
             task = std::move(mTasks.front());
             mTasks.pop_front();
         }
+        // Without mMutex: a task may take long, and it may post another one.
         try {
             task();
         } catch (...) {

@@ -29,7 +29,7 @@ struct Options {
 
 using Times = std::vector<std::chrono::nanoseconds>;
 
-// What goes out: who sent it and which one it is, and then bytes that nobody looks at.
+// A block: the sender, the block's number, and filler bytes.
 struct Mark {
     std::uint64_t sender;
     std::uint64_t number;

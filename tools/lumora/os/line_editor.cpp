@@ -19,7 +19,7 @@
 
 namespace lumora_cli {
 
-// Where lines come from. Both kinds read only after poll has said that there is something.
+// A source of lines. Both kinds read only after poll has reported input, so that a signal can end the wait.
 class LineEditor::Source {
 public:
     virtual ~Source() = default;

@@ -21,7 +21,7 @@ namespace lumora_cli {
 
 namespace {
 
-// How often it is looked whether a process has ended: nothing else tells.
+// How often to check whether a process has ended. pidfd_open would report it, but only from Linux 5.3 on.
 constexpr int EXIT_CHECK_MS = 5;
 
 struct Pipe {
@@ -38,8 +38,9 @@ struct Pipe {
     lumora::UniqueFd write;
 };
 
-// What a child gets in place of what we have: signals as they are by default, a process group of its own, so
-// that all it starts ends with it, and no descriptors of the libraries.
+// What a child does not inherit from us. Its signals have their default handlers and none is blocked. It
+// leads a process group, so that one kill() reaches all that it starts. It gets no descriptors of the
+// libraries.
 class SpawnPlan {
 public:
     SpawnPlan() {
@@ -101,7 +102,7 @@ std::vector<std::string> OurEnvironment() {
     return variables;
 }
 
-// With a variable twice, the first counts for some programs and the last for others.
+// Replaces a variable. If it stood twice, some programs would use the first and others the last.
 void SetVariable(std::vector<std::string>& environment, const std::string& name, const std::string& value) {
     const std::string begin = name + '=';
     environment.erase(
@@ -119,13 +120,14 @@ void SetNonBlocking(const lumora::UniqueFd& fd) {
     fcntl(fd.Get(), F_SETFL, fcntl(fd.Get(), F_GETFL) | O_NONBLOCK);
 }
 
-// Without taking its exit code: its number stays its own.
+// WNOWAIT leaves the exit status unread, so the kernel does not give the process number to another process
+// yet.
 bool IsRunning(pid_t id) {
     siginfo_t info = {};
     return waitid(P_PID, static_cast<id_t>(id), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
-// One run, from the start to the end: feeds, reads, and sees that it ends.
+// One run of a program: writes its input, reads its output, and ends it.
 class Runner {
 public:
     Runner(const std::string& input, std::size_t mostOutput, Deadline deadline)
@@ -144,7 +146,8 @@ public:
         SetNonBlocking(mIn.write);
         SetNonBlocking(mOut.read);
         Attend(id);
-        // Also what it has left running: nobody else would end it.
+        // Kills the whole process group: processes that the program left running have no other parent that
+        // ends them.
         kill(-id, SIGKILL);
         int status = 0;
         waitpid(id, &status, 0);
@@ -153,7 +156,8 @@ public:
     }
 
 private:
-    // Its output ends with the last of the processes that it has started; it may go on after that.
+    // The pipe ends when the last process that holds it ends. The program itself may run on without an
+    // output.
     void Attend(pid_t id) {
         while (mOut.read || IsRunning(id)) {
             pollfd watched[] = {
@@ -180,7 +184,7 @@ private:
         return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, most));
     }
 
-    // A program need not read what it is given.
+    // A program may end or close its input without reading all of it: EPIPE is no failure.
     void Feed() {
         const ssize_t count = write(mIn.write.Get(), mInput.data() + mFed, mInput.size() - mFed);
         if (count < 0 && (errno == EAGAIN || errno == EINTR)) {

@@ -18,10 +18,10 @@ namespace {
 std::atomic<int> g_signal{0};
 std::atomic<int> g_eventFd{-1};
 
-// Wakes the thread when all is done; nobody else sends it.
+// Wakes the thread that waits for signals at the end. This program sends it to itself only.
 constexpr int END_OF_WORK = SIGUSR1;
 
-// nohup, and a shell that starts something in the background, have signals ignored that are not meant for it.
+// nohup, and shells that start a program in the background, set signals to be ignored. They stay ignored.
 bool IsIgnored(int number) {
     struct sigaction action = {};
     return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
@@ -42,7 +42,7 @@ sigset_t Watched() {
 }  // namespace
 
 StopSignals::StopSignals() {
-    // Writing to a pipe that nobody reads is an error here, and not the end.
+    // A write to a pipe without a reader then fails with EPIPE instead of ending the process.
     std::signal(SIGPIPE, SIG_IGN);
     const sigset_t watched = Watched();
     pthread_sigmask(SIG_BLOCK, &watched, nullptr);
@@ -67,7 +67,7 @@ void StopSignals::Run() {
         }
         const std::uint64_t one = 1;
         if (write(g_eventFd, &one, sizeof(one)) < 0) {
-            _exit(EXIT_BY_SIGNAL + number);  // nobody would notice
+            _exit(EXIT_BY_SIGNAL + number);  // without the event no thread would notice the signal
         }
     }
 }

@@ -1,4 +1,4 @@
-// Waiting that ends when it should: in time, by a signal, or when nobody reads our output any more.
+// Waits that also end by a deadline, by a signal, and when the reader of our output has left.
 #pragma once
 
 #include <chrono>
@@ -8,7 +8,7 @@ namespace lumora_cli {
 using Clock = std::chrono::steady_clock;
 using Deadline = Clock::time_point;
 
-// Far enough away to mean never, and near enough to calculate with.
+// A year: no command runs that long, and adding to it does not overflow as time_point::max() would.
 inline Deadline Never() { return Clock::now() + std::chrono::hours(24 * 365); }
 inline Deadline In(std::chrono::milliseconds time) { return Clock::now() + time; }
 

@@ -30,6 +30,7 @@ void PrintAnswer(ClientSession& session, const AwaitOptions& options, BlockWrite
     if (options.service.empty()) {
         return;
     }
+    // Blocks up to --timeout, and ends early by a signal.
     const std::optional<Block> block = session.Take(In(options.timeout));
     ThrowWhenStopped();
     if (!block) {

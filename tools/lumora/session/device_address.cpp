@@ -29,6 +29,7 @@ std::optional<DeviceAddress> ParseAddress(const std::string& text) {
 }
 
 void DeviceChoice::Take() {
+    // A type may contain "@" itself. Only what parses as an address after the last one is taken off.
     const std::size_t at = type.rfind('@');
     if (address.empty() && at != std::string::npos && ParseAddress(type.substr(at + 1))) {
         address = type.substr(at + 1);
@@ -42,6 +43,7 @@ void DeviceChoice::Take() {
         throw Failure(EXIT_USAGE, "--address \"" + address + "\" is no IPv4 address",
                       "it is one as 192.168.1.7, or with the port that lumora find shows, 192.168.1.7:40123");
     }
+    // The library cannot search by address, so the platform's answers are filtered below it.
     FindOnly(*wanted);
 }
 
