@@ -175,7 +175,7 @@ int LumoraClientModule::StartCoapService() {
     return 0;
 }
 
-// The flag falls before the platform stops, so that searches are refused from then on. It stays down if
+// The flag is cleared before the platform stops, so that searches are refused from then on. It stays clear if
 // stopping fails: the next client starts a link of its own.
 int LumoraClientModule::CloseCoapService() {
     if (!mIsRunning) {

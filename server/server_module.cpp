@@ -151,8 +151,8 @@ int LumoraServerModule::StartCoapService() {
     return 0;
 }
 
-// The flag falls before the platform stops, and stays down if stopping fails: LUM_InitServer may then be
-// called again.
+// The flag is cleared before the platform stops, and stays clear if stopping fails: LUM_InitServer may then
+// be called again.
 int LumoraServerModule::CloseCoapService() {
     LUMORA_TRACE("Enter\n");
     if (!mIsInit) {

@@ -31,7 +31,8 @@ unsigned int FrameStream::MissingBytes() {
 
 // The flag is shared by all transports of a side, and a stop leaves it set. A new transport may thus begin
 // with the flag set and nothing held: its first bytes are then appended and cut from the held ones, which
-// gives the same frames.
+// gives the same frames. Two transports that receive at the same time would disturb each other; the modules
+// stop one before they make the next.
 int FrameStream::ParseAndSendData(char* data, unsigned int length) {
     if (!mLeftOverPending) {
         return CutNewBytes(data, length);

@@ -65,7 +65,7 @@ Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
 }
 
 // 0 stands for "none", and the kernel gives that number to a socket when the application has closed its
-// standard input. Such a socket is moved to another number. select writes behind its set for a number of
+// standard input. Such a socket is moved to another number. FD_SET writes behind its set for a number of
 // FD_SETSIZE or more, so an application with that many open files is refused with EMFILE. close may change
 // errno; the caller logs the error of the step that failed.
 Descriptor Descriptor::Adopt(int fd) {

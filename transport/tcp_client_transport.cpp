@@ -60,8 +60,8 @@ void LumoraTCPTransClient::ClientReceiveThread() {
     }
 }
 
-// A stream that cannot be cut ends the thread without OnDisconnect. The application can still send, and the
-// device stays known to it; applications rely on being told only of connections that ended.
+// A stream that cannot be cut ends the thread without OnDisconnect, which is for connections that ended: the
+// module keeps the device, and the application can still send to it.
 bool LumoraTCPTransClient::OnReceived(char* data, unsigned int length) {
     if (ParseAndSendData(data, length) != 0) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(Side::CLIENT), "ParseAndSendData failed!\n");
@@ -75,7 +75,7 @@ bool LumoraTCPTransClient::OnReceiveTimeout() {
     return true;
 }
 
-// The flags come first: OnDisconnect tells the application, and a send that it starts then must fail at once.
+// The flags come first: a send that another thread starts while OnDisconnect runs must fail at once.
 // OnDisconnect may drop the module's last reference to this transport; the reference of the receive thread
 // keeps it alive until that thread has closed its sockets.
 void LumoraTCPTransClient::OnConnectionLost(int) {
