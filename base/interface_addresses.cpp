@@ -40,12 +40,14 @@ InterfaceAddress EntryOf(const ifaddrs& from) {
 
 }  // namespace
 
+// The owner frees the kernel's list also if memory for ours runs out.
 std::vector<InterfaceAddress> ListInterfaceAddresses() {
     ifaddrs* first = nullptr;
     if (getifaddrs(&first) != 0) {
         return {};
     }
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, freeifaddrs);
+    // Copied, because the list of the C library ends with owner.
     std::vector<InterfaceAddress> all;
     for (const ifaddrs* at = first; at != nullptr; at = at->ifa_next) {
         all.push_back(EntryOf(*at));

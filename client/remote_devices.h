@@ -44,13 +44,13 @@ public:
     bool Leads(unsigned int handle, const std::shared_ptr<lumora::LinkDevice>& device) const;
 
     // Between these two the devices of a search are asked for their services. The result replaces what was
-    // known, without the devices that left meanwhile; afterwards it holds the former devices, to be released.
+    // known, without the devices that were known before and left meanwhile. Afterwards it holds the former
+    // devices, to be released.
     void BeginAsking() { mLeftWhileAsking.clear(); }
     void Replace(SearchResult& result);
 
     bool HasType(const std::string& serviceType) const { return mServiceDevMap.count(serviceType) != 0; }
-    // The type's handle: the smallest free number, or the one that was given out before (isNew is false
-    // then).
+    // The smallest free number (isNew is true), or a smaller one that the type already has (isNew is false).
     unsigned int CreateHandle(const std::string& serviceType, bool& isNew);
     void Forget(unsigned int handle);
     void ClearHandles() { mHandleServiceMap.clear(); }

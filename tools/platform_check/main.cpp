@@ -99,6 +99,7 @@ Colour ColourOf(Finding::Result result) {
                                                  : Colour::BOLD;
 }
 
+// At least one blank, also after a text that is too long.
 std::string Padded(const std::string& text, std::size_t width) {
     return text + std::string(text.size() < width ? width - text.size() : 1, ' ');
 }
@@ -128,6 +129,7 @@ std::string ToJson(const Finding& finding) {
 
 std::vector<Finding> Look(const Options& options) {
     std::vector<Finding> all;
+    // Findings are printed as they come, because some checks take many seconds.
     const auto take = [&all](const Finding& finding) {
         if (!IsJson()) {
             PrintFinding(finding);
@@ -135,6 +137,8 @@ std::vector<Finding> Look(const Options& options) {
         all.push_back(finding);
     };
     const Files& files = options.files;
+    // Each library is loaded in a process of its own. A crash ends its checks only, and libraries cannot hide
+    // each other's functions.
     RunApart(
         options.limit, [&](Report& report) { CheckPlatform(files, options.thorough, report); }, take);
     if (files.log.empty()) {
@@ -160,6 +164,7 @@ void Apply(Options& options) {
     if (!options.interfaces.empty()) {
         CheckInterfaceNames(options.interfaces);
     }
+    // Without --interface a value that the user has set stays.
     setenv("LUMORA_LINK_INTERFACE", options.interfaces.empty() ? "lo" : options.interfaces.c_str(),
            options.interfaces.empty() ? 0 : 1);
     setenv("LUMORA_LOG_LEVEL", "5", 0);
@@ -171,6 +176,7 @@ int Judge(const std::vector<Finding>& all) {
         return static_cast<std::size_t>(std::count_if(
             all.begin(), all.end(), [&](const Finding& finding) { return finding.result == result; }));
     };
+    // Notes count neither way.
     const std::size_t held = count(Finding::Result::HOLDS);
     const std::size_t deviating = count(Finding::Result::DEVIATES);
     if (IsJson()) {

@@ -63,6 +63,7 @@ void CallDeviceEvent(const Registration& registration, const DeviceEvent& event)
     if (registration.onDeviceEvent == nullptr) {
         return;
     }
+    // These texts live until the call returns. An application that wants them longer copies them.
     const std::string address = HostText(event.node.endpoint.host);
     const std::string deviceType = event.node.deviceType.value_or("");
     NotifyDeviceInfo info = {};

@@ -34,6 +34,7 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
     registration.onDeviceEvent = onDeviceEvent;
     const auto describe = registration.handlers.DoGetDescriptor;
     if (const char* text = describe == nullptr ? nullptr : describe(resource)) {
+        // strnlen: the application's text may lack a terminator.
         if (strnlen(text, MAX_TEXT_BYTES + 1) > MAX_TEXT_BYTES) {
             LINK_LOG(LEVEL_ERROR, "a device type has at most %zu bytes\n", MAX_TEXT_BYTES);
             return false;
@@ -46,6 +47,7 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
         mRegistration = registration;
         node = mNode;
     }
+    // Without mMutex: the node posts to its I/O thread.
     if (node != nullptr) {
         node->Register(std::move(registration));
     }
@@ -68,6 +70,8 @@ bool PlatformHandle::Run() {
         config = mConfig;
         registration = mRegistration;
     }
+    // A node that starts again has the same id and a new number of its life, so that peers tell it from the
+    // old one.
     const NodeIdentity identity{mNodeId, static_cast<std::uint32_t>(SystemRandom().Next())};
     auto node = std::make_shared<Node>(std::move(config), identity, std::move(registration));
     // Without mMutex, because Start waits for the I/O thread.

@@ -116,6 +116,7 @@ AppResourceProxy* MakeProxyChain(const std::shared_ptr<Node>& node,
     for (std::unique_ptr<Proxy>& proxy : proxies) {
         proxy->chain = chain;
         proxy->place = chain->elements.size();
+        // reserve has made room, so this cannot throw and lose the element.
         chain->elements.push_back(proxy.release());
     }
     return chain->elements.empty() ? nullptr : chain->elements.front();
@@ -127,6 +128,7 @@ AppResourceProxy* NextOf(AppResourceProxy* proxy) {
     }
     Chain& chain = *OwnerOf(proxy)->chain;
     lumora::MutexLock lock(chain.mutex);
+    // Freed elements have left null behind.
     for (std::size_t at = OwnerOf(proxy)->place + 1; at < chain.elements.size(); ++at) {
         if (chain.elements[at] != nullptr) {
             return chain.elements[at];

@@ -20,6 +20,7 @@ std::string ReadWhole(const std::string& path) {
     const lumora::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string text;
     std::array<char, 4096> part;
+    // A file of /proc has no size, so this reads until the end.
     for (ssize_t bytes = 1; file && bytes > 0;) {
         bytes = read(file.Get(), part.data(), part.size());
         text.append(part.data(), bytes > 0 ? static_cast<std::size_t>(bytes) : 0);

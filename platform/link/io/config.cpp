@@ -13,6 +13,7 @@ namespace {
 std::vector<std::string> SplitList(const char* text) {
     std::vector<std::string> items;
     std::string item;
+    // The terminator counts as a separator, so the last item needs no code of its own.
     for (const char* at = text; at != nullptr; ++at) {
         const bool end = *at == '\0';
         if (!end && *at != ',' && *at != ' ') {

@@ -26,6 +26,7 @@ void Drain(int fd) {
 }  // namespace
 
 bool EventLoop::Open() {
+    // A node needs three descriptors for the loop itself.
     mEpoll = lumora::UniqueFd(epoll_create1(EPOLL_CLOEXEC));
     mWake = lumora::UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     mTimer = lumora::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
@@ -86,6 +87,7 @@ void EventLoop::RunOnce() {
     }
 }
 
+// The task runs on the loop's thread. After Shut it is dropped, because no thread would run it.
 bool EventLoop::Post(Task task) {
     lumora::MutexLock lock(mMutex);
     if (mShut) {

@@ -69,9 +69,11 @@ std::optional<Datagram> Receive(int fd) {
     header.msg_namelen = sizeof source;
     header.msg_iov = &part;
     header.msg_iovlen = 1;
+    // IP_PKTINFO: the kernel tells by which interface a multicast datagram came in.
     header.msg_control = control.data();
     header.msg_controllen = control.size();
     const ssize_t bytes = recvmsg(fd, &header, 0);
+    // EAGAIN: nothing is left. EBADF: the socket was closed by an earlier task of this turn.
     if (bytes < 0) {
         // The kernel reports an ICMP error for an earlier datagram here, once. The socket stays usable, so
         // the caller gets an empty datagram and reads on.
@@ -116,6 +118,7 @@ bool GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
     for (const LocalInterface& local : interfaces) {
         wanted[local.index] = local;
     }
+    // Collected first: Leave changes the map. An interface whose address has changed leaves and joins again.
     std::vector<unsigned> leaving;
     for (const auto& [index, member] : mMembers) {
         const auto at = wanted.find(index);

@@ -29,6 +29,7 @@ NodeIo::NodeIo(Config config, NodeIdentity identity, std::optional<std::string> 
                Application& application)
     : mConfig(std::move(config)),
       mCore(identity, mConfig.pskFile.has_value(), mConfig.peers, mRandom, *this, application) {
+    // The thread does not run yet, so the core may be used here.
     mCore.SetDeviceType(std::move(deviceType), Clock::now());
 }
 
@@ -36,6 +37,8 @@ NodeIo::~NodeIo() { Stop(); }
 
 bool NodeIo::Start() {
     std::promise<bool> opened;
+    // The thread opens the sockets itself, because only that thread may use them. Start waits for the
+    // outcome.
     std::future<bool> ready = opened.get_future();
     mThread = lumora::StartThread("lumora-link-io", [this, &opened] {
         bool open = false;
@@ -143,6 +146,8 @@ bool NodeIo::Open() {
     }
     mCoap = std::make_unique<CoapPort>(CoapPort::Listener{
         [this](const CoapMessage& message, const Endpoint& source, in_addr_t local, ReplyPath path) {
+            // Requests of hosts outside the local networks are dropped before the core stores anything for
+            // them.
             if (IsHeeded(source)) {
                 mCore.OnRequest(message, source, local, path, Clock::now());
             } else {
@@ -183,10 +188,12 @@ void NodeIo::Run() {
     while (mRunning) {
         RunGuarded([this] { Turn(); });
     }
+    // Sends the goodbye while the sockets are open.
     RunGuarded([this] { mCore.Close(Clock::now()); });
 }
 
 void NodeIo::Turn() {
+    // libcoap queues work for itself. It must be done before the next deadline is computed.
     mCoap->Settle();
     const TimePoint now = Clock::now();
     if (mCore.NextDeadline(now) <= now) {
@@ -233,6 +240,7 @@ bool NodeIo::FollowInterfaces() {
     const auto refused = [this](const LocalInterface& local) {
         return !mCoap->Listen({local.host, mPort.port});
     };
+    // Interfaces on which libcoap cannot listen are left out for now; see mTryAgain.
     used.erase(std::remove_if(used.begin(), used.end(), refused), used.end());
     const bool complete = mGroup->Use(used) && used.size() == wanted;
     mTryAgain = complete || DescriptorsAreLeft(DescriptorsOfAnInterface()) ? TimePoint::max()

@@ -7,6 +7,7 @@ namespace lumora_link {
 
 Worker::Worker(const char* name, std::size_t limit) : mLimit(limit) {
     mThread = lumora::StartThread(name, [this] { Run(); });
+    // The first task may run before this line, but tasks are posted only after the constructor.
     mId = mThread.get_id();
 }
 
@@ -14,6 +15,7 @@ Worker::~Worker() { Stop(); }
 
 bool Worker::Post(Task task) {
     lumora::MutexLock lock(mMutex);
+    // The limit bounds the memory if the application does not return from a call.
     if (mStopping || mTasks.size() >= mLimit) {
         return false;
     }

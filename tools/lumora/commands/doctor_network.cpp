@@ -121,9 +121,7 @@ void Listen(std::vector<Ear>& ears, std::chrono::milliseconds time) {
         for (const Ear& ear : ears) {
             watched.push_back({ear.socket.Get(), POLLIN, 0});
         }
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        poll(watched.data(), watched.size(),
-             static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0)));
+        poll(watched.data(), watched.size(), PollTime(end));
         for (std::size_t i = 0; i < ears.size(); ++i) {
             if (watched[i + 1].revents != 0) {
                 HearOne(ears[i]);

@@ -42,6 +42,7 @@ int Run(Options options) {
     LinkNode node;
     const std::string& type = options.device.type;
     const std::vector<FoundDevice> devices =
+        // Without a type, all devices that send a hello in this time.
         type.empty() ? FindAllDevices(node, options.wait) : FindDevices(node, type, options.wait);
     if (devices.empty()) {
         throw Failure(EXIT_NO_DEVICE,

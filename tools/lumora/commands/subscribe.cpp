@@ -42,6 +42,7 @@ int Run(const Options& options) {
     for (const std::string& service : options.all ? NamesOf(session.Services()) : options.services) {
         session.Subscribe(service);
     }
+    // A timeout of 0 waits for ever; each block starts the time anew.
     const bool endless = options.timeout.count() == 0;
     for (unsigned received = 0; options.count == 0 || received < options.count; ++received) {
         const std::optional<Block> block = session.Take(endless ? Never() : In(options.timeout));

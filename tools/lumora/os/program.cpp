@@ -70,6 +70,7 @@ public:
 
     // -1 when it cannot be started.
     pid_t Start(const std::vector<std::string>& words, const std::vector<std::string>& environment) {
+        // Libraries may hold descriptors without close-on-exec. Closes all but the standard ones.
         posix_spawn_file_actions_addclosefrom_np(&mActions, STDERR_FILENO + 1);
         std::vector<char*> argumentPointers = Pointers(words);
         std::vector<char*> environmentPointers = Pointers(environment);
@@ -84,6 +85,7 @@ private:
         std::vector<char*> pointers;
         pointers.reserve(texts.size() + 1);
         for (const std::string& text : texts) {
+            // posix_spawn takes char* for historical reasons and does not write to them.
             pointers.push_back(const_cast<char*>(text.c_str()));
         }
         pointers.push_back(nullptr);
@@ -113,6 +115,7 @@ void SetVariable(std::vector<std::string>& environment, const std::string& name,
 }
 
 int ExitCodeOf(int status) {
+    // As shells tell it.
     return WIFSIGNALED(status) ? EXIT_BY_SIGNAL + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
@@ -136,13 +139,16 @@ public:
     ProgramRun Run(const std::string& command, const std::vector<std::string>& environment) {
         SpawnPlan plan;
         plan.Become(mIn.read, STDIN_FILENO);
+        // Pipes are close-on-exec: the child keeps only the ends that it got as standard descriptors.
         plan.Become(mOut.write, STDOUT_FILENO);
         const pid_t id = plan.Start({"/bin/sh", "-c", command}, environment);
+        // The child's ends. While we hold them, neither side could see the end of a pipe.
         mIn.read.Close();
         mOut.write.Close();
         if (id < 0) {
             return mRun;
         }
+        // Two blocking pipes can deadlock: the child waits for us to read while we wait for it to read.
         SetNonBlocking(mIn.write);
         SetNonBlocking(mOut.read);
         Attend(id);
@@ -150,6 +156,7 @@ public:
         // ends them.
         kill(-id, SIGKILL);
         int status = 0;
+        // Returns at once or soon: SIGKILL cannot be blocked.
         waitpid(id, &status, 0);
         mRun.exitCode = ExitCodeOf(status);
         return mRun;
@@ -162,8 +169,9 @@ private:
         while (mOut.read || IsRunning(id)) {
             pollfd watched[] = {
                 {StopFd(), POLLIN, 0}, {mIn.write.Get(), POLLOUT, 0}, {mOut.read.Get(), POLLIN, 0}};
-            poll(watched, std::size(watched), PollTime());
+            poll(watched, std::size(watched), WaitTime());
             if (watched[0].revents != 0 || Clock::now() >= mDeadline) {
+                // The caller kills the process group after this.
                 mRun.end = watched[0].revents != 0 ? ProgramRun::End::STOPPED : ProgramRun::End::LATE;
                 return;
             }
@@ -178,10 +186,9 @@ private:
         mRun.end = ProgramRun::End::EXITED;
     }
 
-    int PollTime() const {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(mDeadline - Clock::now());
-        const int most = mOut.read ? 60'000 : EXIT_CHECK_MS;
-        return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, most));
+    // After the output has ended nothing wakes poll when the process ends, so it checks often.
+    int WaitTime() const {
+        return PollTime(mDeadline, std::chrono::milliseconds(mOut.read ? 60'000 : EXIT_CHECK_MS));
     }
 
     // A program may end or close its input without reading all of it: EPIPE is no failure.
@@ -252,6 +259,7 @@ Child::~Child() {
 
 void Child::End() {
     if (mId > 0) {
+        // The child may clean up. Wait or the destructor kills it if it does not end.
         kill(mId, SIGTERM);
     }
 }
@@ -290,6 +298,7 @@ int Child::Wait(std::chrono::milliseconds timeout) {
     }
     int status = 0;
     waitpid(mId, &status, 0);
+    // The kernel may give the number to another process now, so it must not be used again.
     mId = -1;
     return ExitCodeOf(status);
 }

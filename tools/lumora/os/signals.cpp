@@ -45,12 +45,15 @@ StopSignals::StopSignals() {
     // A write to a pipe without a reader then fails with EPIPE instead of ending the process.
     std::signal(SIGPIPE, SIG_IGN);
     const sigset_t watched = Watched();
+    // Blocked in all threads, so that only sigwait in our thread takes them.
     pthread_sigmask(SIG_BLOCK, &watched, nullptr);
+    // Never closed: other threads may poll it until the process ends.
     g_eventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     mThread = std::thread([this] { Run(); });
 }
 
 StopSignals::~StopSignals() {
+    // sigwait cannot be woken by anything but a signal.
     pthread_kill(mThread.native_handle(), END_OF_WORK);
     mThread.join();
 }
@@ -62,9 +65,11 @@ void StopSignals::Run() {
         if (sigwait(&watched, &number) != 0 || number == END_OF_WORK) {
             return;
         }
+        // The second signal. Destructors would wait for the network, so the process ends without them.
         if (g_signal.exchange(number) != 0) {
             _exit(EXIT_BY_SIGNAL + number);
         }
+        // The event stays readable for good: each wait that begins later ends at once.
         const std::uint64_t one = 1;
         if (write(g_eventFd, &one, sizeof(one)) < 0) {
             _exit(EXIT_BY_SIGNAL + number);  // without the event no thread would notice the signal

@@ -12,6 +12,10 @@ using Deadline = Clock::time_point;
 inline Deadline Never() { return Clock::now() + std::chrono::hours(24 * 365); }
 inline Deadline In(std::chrono::milliseconds time) { return Clock::now() + time; }
 
+// The time for poll(): milliseconds until the deadline, rounded up, from 0 to most. Callers poll again after
+// most.
+int PollTime(Deadline deadline, std::chrono::milliseconds most = std::chrono::minutes(1));
+
 enum class Woken { READY, LATE, STOPPED };
 
 // Waits for fd to become readable. Throws a QuietEnd when the reader of standard output has left.

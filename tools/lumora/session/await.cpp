@@ -20,6 +20,7 @@ std::vector<std::string> ServicesFor(const AwaitOptions& options) {
     return options.service.empty() ? std::vector<std::string>() : std::vector<std::string>{options.service};
 }
 
+// Before anything is sent: the device sends to subscribers only, and the answer may come at once.
 void SubscribeForAnswer(ClientSession& session, const AwaitOptions& options) {
     if (!options.service.empty()) {
         session.Subscribe(options.service);

@@ -21,6 +21,7 @@ std::optional<DeviceAddress> ParseAddress(const std::string& text) {
     if (colon != std::string::npos) {
         const char* const end = text.data() + text.size();
         const auto [rest, error] = std::from_chars(text.data() + colon + 1, end, address.port);
+        // from_chars accepts "80x" as 80, so the end is compared too.
         if (error != std::errc() || rest != end || address.port < 1 || address.port > LAST_PORT) {
             return std::nullopt;
         }
