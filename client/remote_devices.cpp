@@ -1,5 +1,7 @@
 #include "client/remote_devices.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "base/log.h"
@@ -105,6 +107,22 @@ void RemoteDevices::Replace(SearchResult& result) {
     }
     mServiceDevMap.swap(result.mServiceDevMap);
     mAddrServiceMap.merge(result.mAddrServiceMap);  // an entry that is there already stays
+    if (mAddrServiceMap.size() > MAX_ADDRESSES) {
+        DropAddressesOfFormerSearches();
+    }
+}
+
+// Any host can take a new port for each search and would make the table grow without end. The addresses of
+// devices with a handle stay: a client may be connected to them and has to be told when they leave.
+void RemoteDevices::DropAddressesOfFormerSearches() {
+    const auto isInUse = [this](const std::string& serviceType) {
+        return HasType(serviceType) ||
+               std::any_of(mHandleServiceMap.begin(), mHandleServiceMap.end(),
+                           [&](const auto& handle) { return handle.second == serviceType; });
+    };
+    for (auto address = mAddrServiceMap.begin(); address != mAddrServiceMap.end();) {
+        address = isInUse(address->second) ? std::next(address) : mAddrServiceMap.erase(address);
+    }
 }
 
 // The first number that is free or has the type. A type whose handle lies above a number that has become free

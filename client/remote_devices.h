@@ -1,6 +1,7 @@
 // The remote devices that the client module knows, and the handles that were given out for them.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <set>
@@ -67,6 +68,10 @@ public:
     void Forget(const std::string& addr, int port, const Departed& departed);
 
 private:
+    static constexpr std::size_t MAX_ADDRESSES = 1024;
+
+    void DropAddressesOfFormerSearches();
+
     std::map<std::string, std::shared_ptr<lumora::LinkDevice>> mServiceDevMap;
     std::map<unsigned int, std::string> mHandleServiceMap;
     std::map<std::string, std::string> mAddrServiceMap;  // "address:port" to service type
