@@ -128,7 +128,7 @@ CoapPort::~CoapPort() {
 
 bool CoapPort::CanSecure() {
     StartLibrary();
-    return coap_dtls_is_supported() != 0;
+    return LUMORA_LINK_HAS_KEYS != 0 && coap_dtls_is_supported() != 0;
 }
 
 bool CoapPort::Open(std::optional<Psk> psk) {

@@ -40,7 +40,7 @@ public:
     CoapPort(const CoapPort&) = delete;
     CoapPort& operator=(const CoapPort&) = delete;
 
-    // Whether the libcoap that this was built with has DTLS.
+    // Whether this library was built with DTLS.
     static bool CanSecure();
     // With a key every conversation is by DTLS, and the resource is served to nobody else.
     bool Open(std::optional<Psk> psk);

@@ -16,6 +16,7 @@ struct Config {
     std::uint16_t port = 0;               // LUMORA_LINK_PORT; the system's choice where 0
     // LUMORA_LINK_PSK_FILE; an empty name counts, so that nobody is unsecured by mistake.
     std::optional<std::string> pskFile;
+    bool requireKey = false;  // LUMORA_LINK_REQUIRE_KEY, or the build says so
 };
 
 using Environment = std::function<const char*(const char* name)>;

@@ -112,6 +112,10 @@ std::size_t NodeIo::DescriptorsOfANode() const {
 }
 
 bool NodeIo::Open() {
+    if (mConfig.requireKey && !mConfig.pskFile) {
+        LINK_LOG(LEVEL_ERROR, "a key is required, and LUMORA_LINK_PSK_FILE is not set\n");
+        return false;
+    }
     if (mConfig.pskFile) {
         if (!CoapPort::CanSecure()) {
             LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE is set, but this library was built without DTLS\n");

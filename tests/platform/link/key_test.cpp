@@ -69,6 +69,18 @@ TEST_F(KeyTest, ANodeWhoseKeyMayBeReadByOthersDoesNotRun) {
     EXPECT_FALSE(device.Start());
 }
 
+TEST_F(KeyTest, ANodeThatMustHaveAKeyAndHasNoneDoesNotRun) {
+    unsetenv("LUMORA_LINK_PSK_FILE");
+    setenv("LUMORA_LINK_REQUIRE_KEY", "1", 1);
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(device.Start());
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                HasSubstr("a key is required, and LUMORA_LINK_PSK_FILE is not set"));
+    setenv("LUMORA_LINK_REQUIRE_KEY", "0", 1);
+    EXPECT_TRUE(TestNode("lamp").Start());
+    unsetenv("LUMORA_LINK_REQUIRE_KEY");
+}
+
 TEST_F(KeyTest, ANodeThatCannotUseItsKeyDoesNotRun) {
     if (CoapPort::CanSecure()) {
         GTEST_SKIP() << "built with DTLS";
