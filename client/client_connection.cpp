@@ -374,8 +374,7 @@ int LumoraClientModule::SendData(int clientID, unsigned int handle, SendDataInfo
         return -1;
     }
     // The write may wait for the device, so no lock of the module is held: frames go on being delivered.
-    const int ret = path.transport->SendData(frame.Bytes(), info.length + CLIENT_FRAME_HEAD_LENGTH,
-                                             &sendLength, info.timeoutMs);
+    const int ret = path.transport->SendFrame(ClientFrameParts(frame, info), &sendLength, info.timeoutMs);
     if (ret != 0) {
         LUMORA_ERROR("SendData failed!\n");
         sendLength = 0;
@@ -401,8 +400,9 @@ LumoraClientModule::SendPath LumoraClientModule::FindSendPath(unsigned int handl
 
 int LumoraClientModule::BuildClientFrame(int clientID, const SendDataInfo& info, FrameBuffer& frame) {
     constexpr char OPERATION[] = "SendData";
+    const bool isWhole = !IsSentApart(info.length);
     if (info.length > UINT_MAX - CLIENT_FRAME_HEAD_LENGTH ||
-        !frame.Allocate(info.length + CLIENT_FRAME_HEAD_LENGTH)) {
+        !frame.Allocate(CLIENT_FRAME_HEAD_LENGTH + (isWhole ? info.length : 0))) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "dataBuff memory malloc error\n");
         return -1;
     }
@@ -413,7 +413,7 @@ int LumoraClientModule::BuildClientFrame(int clientID, const SendDataInfo& info,
     }
     WriteClientFrameHead(frame.Bytes(), info.length, clientID);
     // memcpy_s fails for a destination size of 0, even when copying 0 bytes.
-    if (info.length != 0 &&
+    if (isWhole && info.length != 0 &&
         memcpy_s(frame.Bytes() + CLIENT_FRAME_HEAD_LENGTH, info.length, info.data, info.length) != 0) {
         LUMORA_LOG_AS(lumora::LOG_DETAIL, OPERATION, "memcpy_s failed\n");
         return -1;
@@ -422,6 +422,19 @@ int LumoraClientModule::BuildClientFrame(int clientID, const SendDataInfo& info,
                   static_cast<int>(HeadLengthOf(frame.Bytes())),
                   static_cast<int>(PayloadLengthOf(frame.Bytes())));
     return 0;
+}
+
+FrameParts LumoraClientModule::ClientFrameParts(const FrameBuffer& frame, const SendDataInfo& info) {
+    FrameParts parts;
+    parts.head = frame.Bytes();
+    parts.headLength = CLIENT_FRAME_HEAD_LENGTH;
+    if (IsSentApart(info.length)) {
+        parts.payload = static_cast<const char*>(info.data);
+        parts.payloadLength = info.length;
+    } else {
+        parts.headLength += info.length;
+    }
+    return parts;
 }
 
 int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {

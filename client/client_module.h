@@ -128,7 +128,9 @@ private:
     };
     SendPath FindSendPath(unsigned int handle) EXCLUDES(mMutex);
     static int WaitUntilFree(lumora::LinkDevice& device);
+    // The whole frame; only its head if the payload is sent apart.
     static int BuildClientFrame(int clientID, const SendDataInfo& info, FrameBuffer& frame);
+    static FrameParts ClientFrameParts(const FrameBuffer& frame, const SendDataInfo& info);
     int Deliver(const Recipient& recipient, const ServerFrame& frame) REQUIRES(mDeliveryMutex);
 
     // Held while the application is called back, so that callbacks come one at a time and none comes after

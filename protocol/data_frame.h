@@ -29,6 +29,13 @@ constexpr unsigned int MAX_FRAME_NAME_LENGTH = 40;
 constexpr unsigned int FRAME_SPARE_LENGTH =
     SERVER_FRAME_FIXED_HEAD_LENGTH + MAX_FRAME_CLIENTS + MAX_FRAME_NAME_LENGTH;
 
+// From this payload on a frame is not built in one piece: head and payload are handed to the transport apart,
+// because copying a large payload would cost more than a second piece of a write.
+constexpr unsigned int MIN_APART_PAYLOAD = 65536;
+inline bool IsSentApart(unsigned int payloadLen) {
+    return payloadLen >= MIN_APART_PAYLOAD && payloadLen <= MAX_CLIENT_FRAME_PAYLOAD;
+}
+
 // Inline, so that compilers reduce it to one load on little-endian hosts.
 inline std::uint32_t ReadLittleEndian32(const char* bytes) {
     const auto* octets = reinterpret_cast<const unsigned char*>(bytes);

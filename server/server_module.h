@@ -86,10 +86,13 @@ private:
     int PacketAndSendData(const Published& published, const std::string& serviceName, const char* data,
                           unsigned int dataLen, unsigned int* sendLength, unsigned int timeoutMs)
         REQUIRES(mSendMutex);
+    // The whole frame; only its head if the payload is sent apart.
     static int AllocateServerFrame(FrameBuffer& frame, unsigned int headLen, unsigned int dataLen);
     static int FillServerFrame(FrameBuffer& frame, const std::vector<unsigned int>& clientIds,
                                const std::string& serviceName, unsigned int headLen, const char* data,
                                unsigned int dataLen);
+    static FrameParts ServerFrameParts(const FrameBuffer& frame, unsigned int headLen, const char* data,
+                                       unsigned int dataLen);
 
     lumora::Mutex mMutex;
     lumora::Mutex mSendMutex;

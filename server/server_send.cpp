@@ -69,7 +69,7 @@ int LumoraServerModule::PacketAndSendData(const Published& published, const std:
     // Asked for again: a request may have stopped the transport while the frame was built.
     const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
     if (transport != nullptr &&
-        transport->SendData(frame.Bytes(), headLen + dataLen, sendLength, timeoutMs) != 0) {
+        transport->SendFrame(ServerFrameParts(frame, headLen, data, dataLen), sendLength, timeoutMs) != 0) {
         LUMORA_ERROR("SendDataToClient failed!\n");
         *sendLength = 0;
         return -1;
@@ -81,7 +81,7 @@ int LumoraServerModule::PacketAndSendData(const Published& published, const std:
 int LumoraServerModule::AllocateServerFrame(FrameBuffer& frame, unsigned int headLen, unsigned int dataLen) {
     // A bounded copy may write to the whole of its destination: there is room for that behind the name,
     // however short the payload.
-    if (!frame.Allocate(headLen + dataLen + LUM_NAME_SIZE)) {
+    if (!frame.Allocate(headLen + (IsSentApart(dataLen) ? 0 : dataLen) + LUM_NAME_SIZE)) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, PACKET_AND_SEND, "memory malloc error\n");
         return -1;
     }
@@ -101,11 +101,25 @@ int LumoraServerModule::FillServerFrame(FrameBuffer& frame, const std::vector<un
         LUMORA_LOG_AS(lumora::LOG_ERROR, PACKET_AND_SEND, "strncpy_s failed!\n");
         return -1;
     }
-    if (memcpy_s(frame.Bytes() + headLen, dataLen, data, dataLen) != 0) {
+    if (!IsSentApart(dataLen) && memcpy_s(frame.Bytes() + headLen, dataLen, data, dataLen) != 0) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, PACKET_AND_SEND, "memcpy_s failed!\n");
         return -1;
     }
     return 0;
+}
+
+FrameParts LumoraServerModule::ServerFrameParts(const FrameBuffer& frame, unsigned int headLen,
+                                                const char* data, unsigned int dataLen) {
+    FrameParts parts;
+    parts.head = frame.Bytes();
+    parts.headLength = headLen;
+    if (IsSentApart(dataLen)) {
+        parts.payload = data;
+        parts.payloadLength = dataLen;
+    } else {
+        parts.headLength += dataLen;
+    }
+    return parts;
 }
 
 }  // namespace lumoraAiModule

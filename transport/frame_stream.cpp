@@ -9,11 +9,24 @@
 namespace lumoraAiModule {
 
 char* FrameStream::ReadPosition(char* readBuffer, unsigned int& most) {
-    const bool continues = mLeftOverPending && mHeld.Room() > 0;
+    most = READ_SIZE;
+    if (mHeld.Room() == 0) {
+        return readBuffer;
+    }
     // Never more than there is room for: a frame of the largest size fits, a frame and a whole read might
     // not.
-    most = continues ? std::min(mHeld.Room(), READ_SIZE) : READ_SIZE;
-    return continues ? mHeld.End() : readBuffer;
+    most = std::min({READ_SIZE, mHeld.Room(), MissingBytes()});
+    return mHeld.End();
+}
+
+// What the pending frame lacks. A read that stops there brings nothing that would have to be moved to the
+// front afterwards. For a small frame moving costs less than the additional read.
+unsigned int FrameStream::MissingBytes() {
+    if (mHeld.Length() < mCutter.MinimumHeadLength()) {
+        return READ_SIZE;
+    }
+    const unsigned int whole = mCutter.WholeFrameLength(mHeld.Data());
+    return whole >= MIN_APART_PAYLOAD && whole > mHeld.Length() ? whole - mHeld.Length() : READ_SIZE;
 }
 
 int FrameStream::ParseAndSendData(char* data, unsigned int length) {

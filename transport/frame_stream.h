@@ -15,6 +15,8 @@ public:
     virtual ~FrameCutter() = default;
     // Hands every whole frame in data upward. consumed receives the sum of their lengths.
     virtual void CutFrames(char* data, unsigned int length, unsigned int& consumed) = 0;
+    // The length of the frame that data begins with, head included. 0 if it is not known or not legal.
+    virtual unsigned int WholeFrameLength(const char* data) = 0;
     // How many buffered bytes it takes before cutting the frame that data begins with is worth a try.
     virtual unsigned int PendingFrameLength(const char* data, unsigned int length) = 0;
     // The shortest head that can be read at all.
@@ -31,14 +33,15 @@ public:
 
     Reassembly& Held() { return mHeld; }
 
-    // Where the next read is to put its bytes, and most, the number of bytes that it may bring. The rest of a
-    // pending frame goes straight to where it is needed; anything else goes to readBuffer.
+    // Where the next read is to put its bytes, and most, the number of bytes that it may bring. They go
+    // straight behind the held ones; to readBuffer only if there is no room.
     char* ReadPosition(char* readBuffer, unsigned int& most);
 
     // Hands the whole frames among the held and the new bytes upward, and keeps the rest. 0 or -1.
     int ParseAndSendData(char* data, unsigned int length);
 
 private:
+    unsigned int MissingBytes();
     int CutNewBytes(char* data, unsigned int length);
     int CutHeldBytes();
 

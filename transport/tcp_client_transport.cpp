@@ -117,6 +117,12 @@ void LumoraTCPTransClient::ParseDataHead(const char* data, unsigned int& headLen
     frameLength = headLen + payloadLen;
 }
 
+unsigned int LumoraTCPTransClient::WholeFrameLength(const char* data) {
+    const bool isLegal = HeadLengthOf(data) <= MAX_SERVER_FRAME_HEAD_LENGTH &&
+                         PayloadLengthOf(data) <= MAX_SERVER_FRAME_PAYLOAD;
+    return isLegal ? HeadLengthOf(data) + PayloadLengthOf(data) : 0;
+}
+
 unsigned int LumoraTCPTransClient::PendingFrameLength(const char* data, unsigned int) {
     unsigned int headLen = 0;
     unsigned int frameLength = 0;
@@ -126,19 +132,18 @@ unsigned int LumoraTCPTransClient::PendingFrameLength(const char* data, unsigned
 
 unsigned int LumoraTCPTransClient::MinimumHeadLength() const { return COMMON_HEAD_LENGTH; }
 
-int LumoraTCPTransClient::SendData(const void* data, unsigned int length, unsigned int* written,
-                                   unsigned int) {
+int LumoraTCPTransClient::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
     const lumora::MutexLock lock(mSender.mMutex);
     const std::shared_ptr<Descriptor> socket = mSender.Socket();
     if (socket == nullptr || mState.broken) {
-        LUMORA_ERROR("No transport channel created, please connect first.\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         *written = 0;
         return -1;
     }
-    if (mSender.WriteAll(socket, static_cast<const char*>(data), length, written) != 0) {
+    if (mSender.WriteAll(socket, frame, written) != 0) {
         return -1;
     }
-    LUMORA_DETAIL("write length = %d.\n", static_cast<int>(*written));
+    LUMORA_LOG_AS(lumora::LOG_DETAIL, SEND_DATA, "write length = %d.\n", static_cast<int>(*written));
     return 0;
 }
 

@@ -15,7 +15,7 @@ public:
     int CreateTransports(TransType type, const std::string& addr, int port,
                          LUM_OBSERVER_S& observer) override;
     int StopTransports() override;
-    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
+    int SendFrame(const FrameParts& frame, unsigned int* written, unsigned int timeout) override;
 
     // Public for unit tests and fuzzers.
     int ClientParseAndSendData(char* data, unsigned int length, unsigned int& consumed);
@@ -29,6 +29,7 @@ protected:
     void OnConnectionLost(int error) override;
 
     void CutFrames(char* data, unsigned int length, unsigned int& consumed) override;
+    unsigned int WholeFrameLength(const char* data) override;
     unsigned int PendingFrameLength(const char* data, unsigned int length) override;
     unsigned int MinimumHeadLength() const override;
 

@@ -148,6 +148,12 @@ void LumoraTCPTransServer::ParseDataHead(const char* data, unsigned int length, 
     *clientID = static_cast<unsigned char>(data[COMMON_HEAD_LENGTH]);
 }
 
+unsigned int LumoraTCPTransServer::WholeFrameLength(const char* data) {
+    const bool isLegal =
+        HeadLengthOf(data) <= CLIENT_FRAME_HEAD_LENGTH && PayloadLengthOf(data) <= MAX_CLIENT_FRAME_PAYLOAD;
+    return isLegal ? CLIENT_FRAME_HEAD_LENGTH + PayloadLengthOf(data) : 0;
+}
+
 unsigned int LumoraTCPTransServer::PendingFrameLength(const char* data, unsigned int length) {
     int clientID = 0;
     unsigned int payloadLen = 0;
@@ -157,20 +163,19 @@ unsigned int LumoraTCPTransServer::PendingFrameLength(const char* data, unsigned
 
 unsigned int LumoraTCPTransServer::MinimumHeadLength() const { return CLIENT_FRAME_HEAD_LENGTH; }
 
-int LumoraTCPTransServer::SendData(const void* data, unsigned int length, unsigned int* written,
-                                   unsigned int) {
+int LumoraTCPTransServer::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
     const lumora::MutexLock lock(mSender.mMutex);
     if (!mConnected) {
-        LUMORA_ERROR("No transport channel created, please connect first.\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         return -1;
     }
     const std::shared_ptr<Descriptor> socket = mSender.Socket();
     if (socket == nullptr || mState.broken) {
-        LUMORA_ERROR("No transport channel created, please connect first.\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         *written = 0;
         return -1;
     }
-    return mSender.WriteAll(socket, static_cast<const char*>(data), length, written);
+    return mSender.WriteAll(socket, frame, written);
 }
 
 int LumoraTCPTransServer::StopTransports() {

@@ -7,7 +7,7 @@ namespace lumoraAiModule {
 
 int TcpTransport::DestoryTransports() {
     mSender.Close();
-    mState.running = false;
+    mState.EndReceiving();
     mState.broken = false;
     return 0;
 }
@@ -16,6 +16,14 @@ int TcpTransport::GetTransStatus(LUM_TRANSPORT_STATUS_E& status) {
     status = mTransStatus;
     LUMORA_DETAIL("mTransStatus :%d \n", static_cast<int>(status));
     return 0;
+}
+
+int TcpTransport::SendData(const void* data, unsigned int length, unsigned int* written,
+                           unsigned int timeout) {
+    FrameParts frame;
+    frame.head = static_cast<const char*>(data);
+    frame.headLength = length;
+    return SendFrame(frame, written, timeout);
 }
 
 int TcpTransport::BeginReceiving(const std::string& addr, int port) {

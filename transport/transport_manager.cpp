@@ -46,6 +46,9 @@ int LumoraTransManager::GetTransStatus(LUM_TRANSPORT_STATUS_E&) { return NotCall
 int LumoraTransManager::SendData(const void*, unsigned int, unsigned int*, unsigned int) {
     return NotCallable("SendData");
 }
+int LumoraTransManager::SendFrame(const FrameParts&, unsigned int*, unsigned int) {
+    return NotCallable("SendFrame");
+}
 
 std::shared_ptr<LumoraTransManager> LumoraTransManagerFactory::CreateTransportsManager(
     LUM_TRANSPORT_E protocol, LumoraTransCallback& callback, unsigned int handle) {

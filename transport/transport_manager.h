@@ -21,6 +21,16 @@ public:
     virtual int OnDisconnect(unsigned int handle) = 0;
 };
 
+// A frame as it is written: head and payload, or the whole frame as the head and no payload.
+struct FrameParts {
+    const char* head = nullptr;
+    unsigned int headLength = 0;
+    const char* payload = nullptr;
+    unsigned int payloadLength = 0;
+
+    unsigned int Length() const { return headLength + payloadLength; }
+};
+
 // The application's callbacks, as a transport is handed them.
 struct LUM_OBSERVER_S {
     LUM_COMMAND_CALLBACK OnCommand = nullptr;
@@ -42,6 +52,8 @@ public:
     virtual int GetTransStatus(LUM_TRANSPORT_STATUS_E& status);
     // Sends one frame. *written receives the number of bytes that went out.
     virtual int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout);
+    // The same for a frame whose head and payload lie apart.
+    virtual int SendFrame(const FrameParts& frame, unsigned int* written, unsigned int timeout);
 };
 
 // Makes transports by protocol. Has no state: any thread may use it.

@@ -15,6 +15,7 @@
 #include "tests/support/captured_log.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/fake_securec.h"
+#include "tests/support/joined_frame.h"
 #include "tests/support/raw_peer.h"
 
 namespace lumoraAiModule {
@@ -25,6 +26,7 @@ using lumora_test::CapturedLog;
 using lumora_test::FailBoundedCall;
 using lumora_test::FakeDevice;
 using lumora_test::FakePlatform;
+using lumora_test::Joined;
 using lumora_test::RawConnection;
 using lumora_test::RawListener;
 using lumora_test::Request;
@@ -63,6 +65,11 @@ public:
         usedTimeout = timeout;
         *written = reportedWritten;
         return sendResult;
+    }
+
+    int SendFrame(const FrameParts& parts, unsigned int* written, unsigned int timeout) override {
+        const Bytes whole = Joined(parts);
+        return SendData(whole.data(), parts.Length(), written, timeout);
     }
 
     int destroyResult = 0;

@@ -1,5 +1,6 @@
 #include "tests/server/fake_transports.h"
 
+#include "tests/support/joined_frame.h"
 #include "tests/support/system_faults.h"
 #include "version/lumora_version.h"
 
@@ -37,6 +38,13 @@ int FakeTransport::SendData(const void* data, unsigned int length, unsigned int*
     sent.emplace_back(static_cast<const char*>(data), length);
     timeouts.push_back(timeout);
     return send(length, written);
+}
+
+int FakeTransport::SendFrame(const lumoraAiModule::FrameParts& frame, unsigned int* written,
+                             unsigned int timeout) {
+    const AllocationFaultsPaused paused;
+    const std::string whole = Joined(frame);
+    return SendData(whole.data(), frame.Length(), written, timeout);
 }
 
 FakeTransports::FakeTransports() { g_transports = this; }

@@ -29,6 +29,8 @@ public:
     int StopTransports() override;
     int GetTransStatus(LUM_TRANSPORT_STATUS_E& status) override;
     int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
+    int SendFrame(const lumoraAiModule::FrameParts& frame, unsigned int* written,
+                  unsigned int timeout) override;
 
     int receiveResult = 0;  // of CreateTransports for SERVER_RECEIVE
     int sendingResult = 0;  // and for SERVER_SEND

@@ -302,11 +302,32 @@ TEST_F(ServerSendTest, FrameWithoutMemoryFailsTheSend) {
 }
 
 TEST_F(ServerSendTest, FrameOfTheLongestPayloadWithoutMemoryFailsTheSend) {
+    const std::string name = "face";
+    const Bytes payload(LUM_MAX_SERVER_DATA_LENGTH, 'x');
     OpenFakeChannel();
-    FailLargeAllocation(LUM_MAX_SERVER_DATA_LENGTH);
-    EXPECT_EQ(-1, mModule->SendDataToClient("face", "abc", LUM_MAX_SERVER_DATA_LENGTH, &mSent, 0));
+    Send(name, "abc");
+    mLog.Clear();
+    mSent = 4711;
+    FailAllocation();
+    const int ret = mModule->SendDataToClient(name, payload.data(), LUM_MAX_SERVER_DATA_LENGTH, &mSent, 0);
+    ResetAllocationFaults();
+    EXPECT_EQ(-1, ret);
     EXPECT_THAT(Errors(), ElementsAre("memory malloc error\n", "PacketAndSendData failed!\n"));
     EXPECT_EQ(4711U, mSent);
+}
+
+TEST_F(ServerSendTest, PayloadFrom64KibOnIsNotCopied) {
+    OpenFakeChannel();
+    const Bytes clientIDs = SubscribeMany(3, "face");
+    const Bytes payload(65536, 'x');
+    ResetAllocationFaults();
+    FailBoundedCall(Bounded::MEMCPY);
+    EXPECT_EQ(0, mModule->SendDataToClient("face", payload.data(), 65536, &mSent, 0));
+    EXPECT_EQ(0, LargeAllocationCount());
+    EXPECT_EQ(65536U, mSent);
+    EXPECT_THAT(Frames(), ElementsAre(ServerFrameBytes(clientIDs, "face", payload)));
+    EXPECT_EQ(-1, mModule->SendDataToClient("face", payload.data(), 65535, &mSent, 0));
+    EXPECT_THAT(Errors(), ElementsAre("memcpy_s failed!\n", "PacketAndSendData failed!\n"));
 }
 
 TEST_F(ServerSendTest, SendAllocatesOnce) {

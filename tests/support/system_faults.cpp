@@ -240,6 +240,20 @@ AllocationFaultsPaused::~AllocationFaultsPaused() { --t_allocationFaultsPaused; 
 using lumora_test::FailsNow;
 using lumora_test::SystemCall;
 
+namespace {
+
+// The first bytes of what message holds, as many as one call may move.
+std::string LimitedText(const msghdr& message) {
+    std::string text;
+    for (std::size_t i = 0; i < message.msg_iovlen; ++i) {
+        text.append(static_cast<const char*>(message.msg_iov[i].iov_base), message.msg_iov[i].iov_len);
+    }
+    text.resize(lumora_test::Limited(SystemCall::SEND, text.size()));
+    return text;
+}
+
+}  // namespace
+
 // The linker gives every call of f to __wrap_f, and the real f the name __real_f.
 extern "C" {
 
@@ -306,6 +320,16 @@ ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
     return FailsNow(SystemCall::SEND)
                ? -1
                : __real_send(fd, data, lumora_test::Limited(SystemCall::SEND, size), flags);
+}
+
+// A send of several pieces.
+ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags) {
+    if (FailsNow(SystemCall::SEND)) {
+        return -1;
+    }
+    const lumora_test::AllocationFaultsPaused paused;
+    const std::string text = LimitedText(*message);
+    return __real_send(fd, text.data(), text.size(), flags);
 }
 
 void* __real_malloc(size_t);

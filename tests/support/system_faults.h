@@ -18,7 +18,7 @@ enum class SystemCall {
     CONNECT,
     SELECT,
     READ,
-    SEND,
+    SEND,  // sendmsg as well
     MALLOC,
     COUNT
 };

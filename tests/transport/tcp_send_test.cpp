@@ -1,5 +1,7 @@
 // What both sides share in sending.
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <thread>
@@ -24,6 +26,11 @@ protected:
         EXPECT_EQ(0U, this->mWritten);
         EXPECT_THAT(this->mLog.Texts(4), ElementsAre(NO_CHANNEL));
     }
+    int SendApart(const Bytes& head, const Bytes& payload) {
+        const lumoraAiModule::FrameParts frame = {head.data(), static_cast<unsigned int>(head.size()),
+                                                  payload.data(), static_cast<unsigned int>(payload.size())};
+        return this->mTransport->SendFrame(frame, &this->mWritten, 0);
+    }
     void ExpectTimedOut() {
         EXPECT_TRUE(this->mTransport->IsBroken());
         EXPECT_FALSE(this->mTransport->IsRunning());
@@ -43,6 +50,27 @@ TYPED_TEST(TcpSendTest, BytesGoOutAsTheyAre) {
     EXPECT_EQ(bytes, this->mSinkPeer.Receive(8));
 }
 
+TYPED_TEST(TcpSendTest, HeadAndPayloadThatLieApartGoOutAsOneFrame) {
+    this->Connect();
+    EXPECT_EQ(0, this->SendApart("head", "and payload"));
+    EXPECT_EQ(15U, this->mWritten);
+    EXPECT_EQ(1, SystemCallCount(SystemCall::SEND));
+    EXPECT_EQ("headand payload", this->mSinkPeer.Receive(15));
+}
+
+TYPED_TEST(TcpSendTest, ShortWritesOfHeadAndPayloadAreContinued) {
+    for (const std::size_t most : std::initializer_list<std::size_t>{1, 3, 4, 5, 14}) {
+        SCOPED_TRACE(most);
+        this->Connect();
+        LimitTransfer(SystemCall::SEND, most);
+        EXPECT_EQ(0, this->SendApart("head", "and payload"));
+        EXPECT_EQ(15U, this->mWritten);
+        EXPECT_EQ("headand payload", this->mSinkPeer.Receive(15));
+        this->Stop();
+        ResetSystemFaults();
+    }
+}
+
 TYPED_TEST(TcpSendTest, NothingIsSentForNothing) {
     this->Connect();
     EXPECT_EQ(0, this->Send(""));
@@ -57,6 +85,37 @@ TYPED_TEST(TcpSendTest, LargeBlocksGoOutWhole) {
     EXPECT_EQ(0, this->Send(bytes));
     reader.join();
     EXPECT_EQ(bytes.size(), this->mWritten);
+}
+
+// The kernel holds back a segment that more was promised for up to 200 ms.
+TYPED_TEST(TcpSendTest, EndOfABurstIsNotHeldBack) {
+    constexpr int BURSTS = 100;
+    constexpr int FRAMES = 20;
+    const Bytes frame(64, 'x');
+    for (const bool receives : {false, true}) {
+        SCOPED_TRACE(receives ? "while data comes" : "while the receive thread waits");
+        this->Connect();
+        std::atomic<bool> ended{false};
+        std::thread peer([&] {
+            while (receives && !ended) {
+                this->mPeer.Send(TypeParam::Frame("abc"));
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+            }
+        });
+        int late = 0;
+        for (int burst = 0; burst < BURSTS; ++burst) {
+            for (int i = 0; i < FRAMES; ++i) {
+                EXPECT_EQ(0, this->Send(frame));
+            }
+            const auto sent = std::chrono::steady_clock::now();
+            EXPECT_EQ(frame.size() * FRAMES, this->mSinkPeer.Receive(frame.size() * FRAMES).size());
+            late += std::chrono::steady_clock::now() - sent > std::chrono::milliseconds(100) ? 1 : 0;
+        }
+        EXPECT_LT(late, BURSTS / 10);
+        ended = true;
+        peer.join();
+        this->Stop();
+    }
 }
 
 TYPED_TEST(TcpSendTest, ShortWritesAreContinued) {
