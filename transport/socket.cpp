@@ -147,9 +147,6 @@ void TuneConnection(const Descriptor& socket) {
     SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
 }
 
-// Setting the option again is what pushes, whatever it was before.
-void PushWritten(const Descriptor& socket) { SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1); }
-
 void LimitReadWaits(const Descriptor& socket, int microseconds) {
     SetOption(socket, SOL_SOCKET, SO_RCVTIMEO, timeval{0, microseconds});
 }

@@ -7,7 +7,7 @@ namespace lumoraAiModule {
 
 int TcpTransport::DestoryTransports() {
     mSender.Close();
-    mState.EndReceiving();
+    mState.running = false;
     mState.broken = false;
     return 0;
 }
