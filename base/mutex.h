@@ -1,6 +1,8 @@
-// std::mutex and its guard under names that clang's thread-safety analysis can follow.
+// std::mutex, its guard and a condition, with annotations that clang's thread-safety analysis checks.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 #include "base/thread_annotations.h"
@@ -30,7 +32,7 @@ private:
     Mutex& mMutex;
 };
 
-// Releases a mutex for one scope and takes it again, also if an exception ends the scope.
+// Releases a mutex for one scope and acquires it again, also if an exception ends the scope.
 class SCOPED_CAPABILITY MutexUnlock {
 public:
     explicit MutexUnlock(Mutex& mutex) RELEASE(mutex) : mMutex(mutex) { mMutex.unlock(); }
@@ -40,6 +42,24 @@ public:
 
 private:
     Mutex& mMutex;
+};
+
+// Waits with a Mutex held: waiting releases the mutex, and returning acquires it again.
+class Condition {
+public:
+    void Wait(Mutex& mutex) REQUIRES(mutex) { mCondition.wait(mutex); }
+    // Returns at the deadline at the latest; time_point::max() means no deadline.
+    void WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) REQUIRES(mutex) {
+        if (deadline == std::chrono::steady_clock::time_point::max()) {
+            mCondition.wait(mutex);  // as a timeout, max() overflows in the C library
+        } else {
+            mCondition.wait_until(mutex, deadline);
+        }
+    }
+    void NotifyAll() { mCondition.notify_all(); }
+
+private:
+    std::condition_variable_any mCondition;
 };
 
 }  // namespace lumora

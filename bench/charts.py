@@ -5,7 +5,7 @@ from xml.sax.saxutils import escape
 
 LIGHT = {"paper": "#ffffff", "ink": "#1f2328", "soft": "#656d76", "grid": "#d8dee4"}
 DARK = {"paper": "#0d1117", "ink": "#e6edf3", "soft": "#9198a1", "grid": "#30363d"}
-# Of each series its colour on light, on dark, and whether its line is broken.
+# For each series: its colour on light pages, its colour on dark pages, and whether its line is broken.
 SERIES = {
     "lumora": ("#0969da", "#58a6ff", False),
     "tcp-framed": ("#424a53", "#c9d1d9", False),

@@ -1,8 +1,8 @@
-// Many devices on one network, for clients that search: as many nodes of the link platform, each of which
-// tells its services when it is asked.
+// Many devices on one network, for clients that search: COUNT nodes of the link platform, each of which
+// answers requests for its services.
 //
 // usage: lumora_bench_crowd TYPE COUNT
-// Prints "ready" when all are there; they leave when the standard input ends.
+// Prints "ready" when all nodes run. They end with the standard input.
 #include <unistd.h>
 
 #include <algorithm>

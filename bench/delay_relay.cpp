@@ -1,9 +1,9 @@
-// A link that takes its time: joins this network namespace with a new one by two TUN devices, and hands every
-// packet on after a delay, in the order in which they came.
+// A slow link: joins this network namespace with a new one by two TUN devices, and hands every packet on
+// after a delay, in order.
 //
 // usage: lumora_bench_relay DEVICE MICROSECONDS
-// Prints "ready" when both devices are there; the new namespace is its own, /proc/PID/ns/net. All of it is
-// gone when the standard input has ended. Giving the devices addresses is the caller's part.
+// Prints "ready" when both devices exist. The new namespace is that of this process, /proc/PID/ns/net.
+// Everything ends with the standard input. The caller gives the devices their addresses.
 #include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>

@@ -1,5 +1,5 @@
-// Whether memory grows with traffic: messages of many lengths go up and come back, and both sides look at
-// their heap when some have passed and when all have.
+// Measures whether memory grows with traffic: messages of many lengths go up and come back. Both sides read
+// the size of their heap after some messages and after all.
 #include <cstdio>
 #include <vector>
 
@@ -13,10 +13,11 @@ namespace {
 constexpr int UNDER_WAY = 32;
 constexpr std::size_t LONGEST = 300000;
 
-// How many pass before anybody looks: until reads of every length have touched the buffers that they go to.
+// Blocks before the first reading of the memory: until reads of every length have touched the buffers that
+// they go to.
 long Before(long messages) { return messages / 10 + 1000; }
 
-// Mostly short; now and then one that does not fit into a read.
+// Mostly short lengths, and some that do not fit into a read.
 std::size_t LengthOf(long number) {
     return number % 1000 == 999 ? LONGEST : 16 + static_cast<std::size_t>(number * 37 % 4096);
 }

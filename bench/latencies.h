@@ -1,4 +1,4 @@
-// Many times, told by their percentiles.
+// Collects times and gives their percentiles.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
-// What the library's own work costs within one process: frames, control documents, log lines that are not
-// written.
+// The cost of the library's own work within one process: frames, control documents, log lines that are
+// filtered out.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -144,7 +144,7 @@ void ServiceDocumentThereAndBack(benchmark::State& state) {
 }
 BENCHMARK(ServiceDocumentThereAndBack);
 
-// Traces stand on every message's way: below the threshold they must cost next to nothing.
+// Each message passes trace calls: below the threshold they must cost next to nothing.
 void FilteredLogLine(benchmark::State& state) {
     for (auto _ : state) {
         LUMORA_TRACE("payloadLen = %d , clientNum = %d\n", 1024, 2);

@@ -1,4 +1,4 @@
-// What one side of a measurement is to do, and who does it.
+// The parameters of one side of a measurement, and the functions that run it.
 #pragma once
 
 #include <cstddef>
@@ -14,15 +14,16 @@ struct Measurement {
     std::string mode;
     std::size_t size = 64;
     double seconds = 1;
-    double number = 1000;  // messages per second where they are paced, of all where growth is looked for
+    double number =
+        1000;  // messages per second of paced streams; messages in all when memory growth is measured
 };
 
 // The last byte of a message says whether it is the last one.
 constexpr char MORE = 0;
 constexpr char LAST = 1;
 
-// Each opens the pipe, prints a line of JSON when this side has seen something, and closes the pipe when the
-// input ends, which is when the other side is done.
+// Each function opens the pipe, prints a line of JSON if this side has a result, and closes the pipe when the
+// standard input ends: the other side is done then.
 void RunStream(Pipe& pipe, const Measurement& what);
 void RunPingPong(Pipe& pipe, const Measurement& what);
 void RunPaced(Pipe& pipe, const Measurement& what);

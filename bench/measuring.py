@@ -20,7 +20,7 @@ def die(message):
 def add_options(parser, name):
     parser.add_argument("--quick", action="store_true", help="one short round of less, to see that all of it runs")
     parser.add_argument("--build", help="folder of a build that has the benches; nothing is installed or built")
-    parser.add_argument("--out", default=str(ROOT / "out" / name), help="where the JSON lines go")
+    parser.add_argument("--out", default=str(ROOT / "out" / name), help="file for the JSON lines")
 
 
 def programs(options):
@@ -56,7 +56,7 @@ def enter_own_network():
 
 def choose_congestion_control():
     """What devices use. One that paces, as some hosts have by default, would measure its timers."""
-    for name in ("cubic", "reno"):  # alike where nothing is lost; a namespace may not be allowed the first
+    for name in ("cubic", "reno"):  # alike if nothing is lost; a namespace may not be allowed the first
         try:
             CONGESTION_CONTROL.write_text(name)
             return

@@ -44,7 +44,7 @@ public:
     }
 
     void Send(const char* data, std::size_t length) override {
-        // The interface takes what it only reads as writable.
+        // The interface takes a writable pointer, but only reads.
         Check(nng_send(mSocket, const_cast<char*>(data), length, 0), "send");
     }
 

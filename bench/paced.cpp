@@ -1,4 +1,4 @@
-// So many messages a second from the client to the device, each with the time at which it was sent.
+// The client sends a number of messages per second to the device, each with its time of sending.
 #include <ctime>
 
 #include <cstdint>
@@ -17,7 +17,7 @@ std::uint64_t Counted(const Measurement& what) {
     return static_cast<std::uint64_t>(what.seconds * what.number) + 1;
 }
 
-// The first messages are not counted: some pipes are still connecting when they take them.
+// The first messages are not counted: some pipes take them before they are connected.
 std::uint64_t LeftOut(const Measurement& what) { return Counted(what) / 4; }
 
 void SleepUntil(Clock::time_point when) {

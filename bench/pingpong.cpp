@@ -1,4 +1,5 @@
-// There and back: the client sends, the device answers with the same bytes from where it received them.
+// Ping-pong: the client sends, the device answers with the same bytes from the buffer that it received them
+// in.
 #include <vector>
 
 #include "bench/latencies.h"

@@ -13,7 +13,7 @@ namespace lumora_bench {
 enum class Role { DEVICE, CLIENT };
 enum class Flow { UP, DOWN, BOTH };  // UP: client to device
 
-// Gets every message on a thread of the library's choice.
+// Called for every message, on a thread that the library chooses.
 using Handler = std::function<void(const char* data, std::size_t length)>;
 
 enum class TcpKind {
@@ -23,14 +23,14 @@ enum class TcpKind {
     UNFRAMED        // bytes without boundaries: what the machine can do at all
 };
 
-// Failures end the process with a message: a benchmark that half works measures nothing.
+// A failure ends the process with a message, so that no wrong figure is printed.
 class Pipe {
 public:
     virtual ~Pipe() = default;
     // Returns when messages can flow. The device is started first; handler may be empty.
     virtual void Open(Role role, Flow flow, Handler handler) = 0;
     virtual void Send(const char* data, std::size_t length) = 0;
-    // Sends, and returns when one message has come back, the way a program of this library would wait for it.
+    // Sends, and returns when one message has come back. Waits as a program of this library would.
     virtual void Exchange(const char* data, std::size_t length) = 0;
     virtual void Close() = 0;
 };
@@ -44,7 +44,7 @@ std::unique_ptr<Pipe> MakeZmqPipe(bool pair);  // PAIR, or PUSH and PULL
 std::unique_ptr<Pipe> MakeNngPipe(bool pair);
 #endif
 
-// By one of the names in pipe.cpp.
+// name is one of those in pipe.cpp.
 std::unique_ptr<Pipe> MakePipe(const std::string& name);
 
 }  // namespace lumora_bench

@@ -40,7 +40,7 @@ double CpuSeconds() {
     return InSeconds(usage.ru_utime) + InSeconds(usage.ru_stime);
 }
 
-// Not from rusage: that remembers the program that started this one.
+// Not from rusage: its peak includes the program that called exec.
 long PeakKilobytes() { return StatusKilobytes("VmHWM:"); }
 
 long ResidentKilobytes() { return StatusKilobytes("VmRSS:"); }

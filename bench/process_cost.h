@@ -1,4 +1,4 @@
-// What the process itself has cost so far.
+// Processor time and memory of this process so far.
 #pragma once
 
 #include <chrono>

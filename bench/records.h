@@ -1,4 +1,4 @@
-// The records that every Lumora device and client of the benches fill.
+// The records of the devices and clients of the benches.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// How threads of a bench wait for each other, and how they give up.
+// Lets threads of a bench wait for each other, up to a time limit.
 #pragma once
 
 #include <semaphore.h>
@@ -9,7 +9,7 @@ namespace lumora_bench {
 
 [[noreturn]] void Fail(const std::string& what);
 
-// Where a thread waits for the callback of another.
+// Lets a thread wait for a callback on another one.
 class Signal {
 public:
     Signal() { sem_init(&mSemaphore, 0, 0); }

@@ -1,4 +1,4 @@
-// Messages one after the other in one direction, as fast as the pipe takes them.
+// Sends messages in one direction, as fast as the pipe takes them.
 #include <cinttypes>
 #include <cstdio>
 #include <vector>
@@ -16,7 +16,7 @@ void SendStream(Pipe& pipe, const Measurement& what) {
     const double cpuBefore = CpuSeconds();
     const Clock::time_point begin = Clock::now();
     std::uint64_t messages = 0;
-    // Reading the clock costs as much as a small message: not at each of them.
+    // Reading the clock costs as much as a small message, so it is not read for each.
     const std::uint64_t stride = what.size < 16384 ? 64 : 1;
     while (messages % stride != 0 || Seconds(Clock::now() - begin) < what.seconds) {
         pipe.Send(message.data(), message.size());
@@ -24,7 +24,7 @@ void SendStream(Pipe& pipe, const Measurement& what) {
     }
     message[what.size - 1] = LAST;
     pipe.Send(message.data(), message.size());
-    // Threads of the pipe may still have much to send, and that counts.
+    // Threads of the pipe may still send; that time counts.
     WaitForEndOfInput();
     std::printf("{\"messages\":%" PRIu64 ",\"cpu_s\":%.4f,\"peak_kb\":%ld}\n", messages + 1,
                 CpuSeconds() - cpuBefore, PeakKilobytes());

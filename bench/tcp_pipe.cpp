@@ -1,6 +1,5 @@
-// Hand-made sockets, as good as plain code gets them: TCP_NODELAY, one blocking write per message, and a
-// thread that waits in select and reads as much as 1 MiB at a time. A frame that is whole is handed on where
-// it lies.
+// Plain sockets, as fast as simple code makes them: TCP_NODELAY, one blocking write per message, and a thread
+// that waits in select and reads up to 1 MiB at a time. A whole frame is handed on without a copy.
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/select.h>
@@ -23,7 +22,7 @@ constexpr int PORT = 6700;
 constexpr std::size_t HEAD = 6;
 constexpr std::size_t LONGEST_MESSAGE = 5242880;
 constexpr std::size_t READ_SIZE = 1048576;
-// The kernel's copy takes twice as long on some processors when it does not begin at a cache line.
+// On some processors the kernel's copy takes twice as long if it does not begin at a cache line.
 constexpr std::size_t ALIGNMENT = 64;
 
 struct FreeDeleter {
@@ -31,7 +30,7 @@ struct FreeDeleter {
 };
 using Buffer = std::unique_ptr<char[], FreeDeleter>;
 
-// Untouched: pages that nobody writes to do not count as memory.
+// Untouched: a page counts as memory only once it is written to.
 Buffer AllocateBuffer(std::size_t size) {
     return Buffer(static_cast<char*>(std::aligned_alloc(ALIGNMENT, size)));
 }
@@ -140,7 +139,7 @@ private:
             close(fd);
             usleep(1000);
         }
-        Fail("nobody listens");
+        Fail("no peer listens");
     }
 
     void WriteAll(const char* data, std::size_t length) const {
@@ -164,7 +163,7 @@ private:
         return read(mReceiveSocket, to, READ_SIZE);
     }
 
-    // False when nothing will come any more.
+    // False at the end of the stream.
     bool ReceiveSome() {
         const ssize_t count = Read(&mIn[mHeld]);
         if (count <= 0) {

@@ -1,5 +1,5 @@
-// How long a transport takes to stop, whatever it is doing, and how soon it notices that its peer is gone:
-// over real sockets of which the other ends are ours.
+// Measures how long a transport takes to stop in each state, and how soon it notices the end of its peer. The
+// sockets are real; this program is the peer.
 //
 // usage: lumora_bench_transport_waits ROUNDS
 #include <arpa/inet.h>
@@ -34,8 +34,8 @@ using lumoraAiModule::LumoraTransCallback;
 using lumoraAiModule::LumoraTransManager;
 using lumoraAiModule::TransType;
 
-constexpr int PORT = 6690;       // where the transport listens
-constexpr int SINK_PORT = 6691;  // where it sends to
+constexpr int PORT = 6690;       // of the transport
+constexpr int SINK_PORT = 6691;  // of the peer that it sends to
 constexpr int SETTLE_MS = 20;
 constexpr unsigned int FRAME_LENGTH = 100000;
 
@@ -103,7 +103,7 @@ public:
     std::atomic<Clock::time_point> disconnected{};
 };
 
-// A transport of one side, and frames that this side takes.
+// A transport of one side, and the frames that this side receives.
 struct Side {
     const char* name;
     std::shared_ptr<LumoraTransManager> transport;
@@ -208,7 +208,7 @@ struct State {
 };
 
 constexpr State STATES[] = {
-    {"nobody has connected", StopNobodyConnected},  {"idle", StopIdle},
+    {"no peer has connected", StopNobodyConnected}, {"idle", StopIdle},
     {"in the middle of a frame", StopWithinAFrame}, {"frames are coming", StopWhileFramesCome},
     {"sending is stuck", StopWhileSendingIsStuck},  {"the peer has closed", StopAfterTheEnd},
 };

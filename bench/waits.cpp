@@ -1,4 +1,4 @@
-// What an application waits for: each call of a client's and a device's life, timed. bench/waits starts it.
+// Times each call of a client and of a device. bench/waits starts it.
 #include <unistd.h>
 
 #include <cstdio>
@@ -25,7 +25,7 @@ int OnNotify(int, int, LUM_SUBSCRIBE_SERVICE_S) { return 0; }
 int OnData(int, const char*, unsigned int) { return 0; }
 int OnDeviceEvent(LUM_DEVICE_EVENT_S) { return 0; }
 
-// Milliseconds that a call takes, which must succeed.
+// Milliseconds that a call takes. The call must succeed.
 template <typename Call>
 double Timed(const char* what, Call call) {
     const Clock::time_point begin = Clock::now();

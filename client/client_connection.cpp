@@ -12,7 +12,6 @@
 #include "protocol/data_frame.h"
 #include "protocol/setup_string.h"
 #include "securec.h"
-#include "version/lumora_version.h"
 
 namespace lumoraAiModule {
 
@@ -122,7 +121,7 @@ std::shared_ptr<LumoraTransManager> LumoraClientModule::NewTransport(unsigned in
                       static_cast<int>(handle));
         return nullptr;
     }
-    mTransManager = mTransFactory->CreateTransportsManager(LUM_TRANSPORT_TCP, *this, handle);
+    mTransManager = mSources.newTransport(*mTransFactory, LUM_TRANSPORT_TCP, *this, handle);
     if (mTransManager == nullptr) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "CreateTransportsManager failed!\n");
         return nullptr;
@@ -536,7 +535,7 @@ int LumoraClientModule::GetClientVersion(int clientID, std::string& version) {
         return -1;
     }
     LUMORA_TRACE("client [%d] OUT.\n", clientID);
-    if (LumoraVersion::GetVersion(version) != 0) {
+    if (mSources.getVersion(version) != 0) {
         LUMORA_ERROR("GetVersion failed!\n");
         return -1;
     }

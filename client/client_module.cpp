@@ -84,12 +84,8 @@ bool LumoraClientModule::IsClientInstance(int clientID) {
                               static_cast<unsigned int>(clientID));
 }
 
-std::vector<unsigned int> LumoraClientModule::ClientInstances() {
-    const MutexLock lock(mInstanceMutex);
-    return *mClientInstance;
-}
-
-LumoraClientModule::LumoraClientModule(const std::string& devType) : mDevServiceType(devType) {
+LumoraClientModule::LumoraClientModule(const std::string& devType, const ClientSources& sources)
+    : mDevServiceType(devType), mSources(sources) {
     LUMORA_STATE("Register dev ServiceType = %s\n", mDevServiceType.c_str());
 }
 

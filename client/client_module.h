@@ -20,6 +20,7 @@
 #include "lumora.h"
 #include "transport/frame_buffer.h"
 #include "transport/transport_manager.h"
+#include "version/lumora_version.h"
 
 namespace lumoraAiModule {
 
@@ -36,6 +37,21 @@ struct SendDataInfo {
     unsigned int timeoutMs;
 };
 
+// What the module takes from outside. Tests hand in functions that fail or that open no socket.
+struct ClientSources {
+    using NewTransport = std::shared_ptr<LumoraTransManager> (*)(LumoraTransManagerFactory& factory,
+                                                                 LUM_TRANSPORT_E protocol,
+                                                                 LumoraTransCallback& callback,
+                                                                 unsigned int handle);
+    using GetVersion = int (*)(std::string& version);
+
+    NewTransport newTransport = [](LumoraTransManagerFactory& factory, LUM_TRANSPORT_E protocol,
+                                   LumoraTransCallback& callback, unsigned int handle) {
+        return factory.CreateTransportsManager(protocol, callback, handle);
+    };
+    GetVersion getVersion = LumoraVersion::GetVersion;
+};
+
 // Shared by up to 20 application clients. Holds the link to the network, the clients, the devices that were
 // found with the handles that were given out for them, and the data channel.
 //
@@ -49,7 +65,7 @@ struct SendDataInfo {
 // operation.
 class LumoraClientModule : public LumoraTransCallback, public LumoraNotifyCallback {
 public:
-    explicit LumoraClientModule(const std::string& devType);
+    explicit LumoraClientModule(const std::string& devType, const ClientSources& sources = ClientSources());
     ~LumoraClientModule() override;
     LumoraClientModule(const LumoraClientModule&) = delete;
     LumoraClientModule& operator=(const LumoraClientModule&) = delete;
@@ -102,7 +118,6 @@ private:
     void ReleaseResources() EXCLUDES(mMutex);
     // The caller holds the client API mutex, under which alone the IDs change.
     static bool IsClientInstance(int clientID) NO_THREAD_SAFETY_ANALYSIS;
-    static std::vector<unsigned int> ClientInstances();
 
     void AskForServices(const std::list<std::shared_ptr<lumora::LinkDevice>>& devices, SearchResult& result,
                         LUM_DEVICES_INFO_S& devsInfo) EXCLUDES(mMutex);
@@ -150,6 +165,7 @@ private:
     // A channel may end while it is still being opened, before it has an entry in mTransportMap.
     unsigned int mOpeningHandle GUARDED_BY(mMutex) = 0;  // 0 when none is being opened
     bool mLostWhileOpening GUARDED_BY(mMutex) = false;
+    const ClientSources mSources;
 
     // The instance and the client IDs in use, ascending. Changed only under the client API mutex, but also
     // read by threads that do not hold it.

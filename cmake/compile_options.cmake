@@ -11,10 +11,10 @@ if(LUMORA_WARNINGS_AS_ERRORS)
     list(APPEND lumora_warnings -Werror)
 endif()
 
-# What is built does not tell in which folders that was; of two that match, the compiler takes the latter.
+# Built files do not contain the names of build folders. If two prefixes match, the compiler takes the latter.
 set(lumora_paths $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.;-ffile-prefix-map=${CMAKE_BINARY_DIR}=./build>)
 
-# Where CMAKE_UNITY_BUILD joins sources, the fixtures of tests are no longer in the file that is compiled.
+# If CMAKE_UNITY_BUILD joins sources, the fixtures of tests are no longer in the file that is compiled.
 if(CMAKE_UNITY_BUILD)
     list(APPEND lumora_warnings $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>)
 endif()

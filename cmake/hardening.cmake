@@ -1,5 +1,5 @@
-# What makes a memory fault of ours, or of a library below us, harder to use: for every build but Debug, whose
-# objects are read in a debugger. scripts/lib/check_hardening reads it off the files that are built.
+# Options that make memory faults harder to exploit, for every build but Debug. scripts/lib/check_hardening checks the
+# built files.
 include(CheckCXXCompilerFlag)
 
 # CET is of x86 alone, branch protection of 64-bit ARM alone; some compilers lack the guard for large stack frames.
@@ -11,7 +11,7 @@ foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection -mbranch-protecti
         list(APPEND lumora_hardening ${flag})
     endif()
 endforeach()
-# The C library checks lengths only where the compiler optimizes, and warns elsewhere; the sanitizers check more.
+# The C library checks lengths only if the compiler optimizes, and warns otherwise; the sanitizers check more.
 if(NOT LUMORA_SANITIZE)
     list(APPEND lumora_hardening
         $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)

@@ -1,4 +1,4 @@
-# What `cmake --install` puts where, in components that can be installed apart.
+# The files that `cmake --install` installs, in components that can be installed apart.
 include(CMakePackageConfigHelpers)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/lumora)
@@ -17,14 +17,14 @@ if(LUMORA_PLATFORM STREQUAL "external")
     install(FILES cmake/external_platform.cmake DESTINATION ${package_folder} COMPONENT dev)
 endif()
 
-# Who passes on what is installed passes these on with it. Our Debian packages have a file of their own for that.
+# The notices that must be redistributed with the installed files. Our Debian packages have a file of their own.
 install(FILES LICENSE SECURITY.md packaging/debian/copyright ${PROJECT_BINARY_DIR}/lumora.spdx.json
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/lumora COMPONENT notices)
 
 # The folders relative to the file itself: an unpacked tree can be moved, and used as part of a sysroot.
 file(RELATIVE_PATH pc_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" pc_prefix ${pc_prefix})
-# The linker looks for what liblumora_cpp.so needs, too, but not where -L says.
+# The linker also looks for the libraries that liblumora_cpp.so needs, but not in the folders of -L.
 set(pc_libraries "-L\${libdir} -Wl,-rpath-link,\${libdir} -llumora_cpp")
 set(pc_requires "")
 if(NOT BUILD_SHARED)

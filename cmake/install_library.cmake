@@ -1,7 +1,7 @@
-# How what is installed finds our libraries.
+# The run paths by which installed files find our libraries.
 
-# The folders are relative, so that an installed tree can be moved, and are looked at after LD_LIBRARY_PATH, so that a
-# vendor's libraries can be put first. A distribution installs where the dynamic linker looks anyway.
+# The folders are relative, so that an installed tree can be moved. LD_LIBRARY_PATH comes before them, so that a vendor's
+# libraries can be put first. A distribution does not need them, because the dynamic linker knows its folders.
 option(LUMORA_INSTALL_RUNPATH "Let installed files find our libraries by a path relative to themselves" ON)
 
 # lumora_run_path(TARGET FOLDER...): CMake would otherwise leave a longer path in what it builds, to be shortened when
@@ -30,7 +30,7 @@ endfunction()
 function(lumora_install_program target folder component)
     cmake_path(ABSOLUTE_PATH folder BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} NORMALIZE OUTPUT_VARIABLE from)
     file(RELATIVE_PATH libraries ${from} ${CMAKE_INSTALL_FULL_LIBDIR})
-    # Where it is built, the program stands in bin/, whatever the folder.
+    # In the build folder every program stands in bin/, whatever folder it is installed to.
     set(folders $ORIGIN/../lib $ORIGIN/${libraries})
     list(REMOVE_DUPLICATES folders)
     lumora_run_path(${target} ${folders})

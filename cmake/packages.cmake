@@ -20,7 +20,7 @@ endif()
 
 set(any_platform "lumora-platform | lumora-platform-libraries")
 
-# What the programs need is read from them; of another machine's packages this one knows nothing.
+# The dependencies are read from the programs. This is not possible for the packages of another machine.
 if(CMAKE_CROSSCOMPILING)
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${lumora_arch})
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
@@ -41,7 +41,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${runtime_needs}${any_platform}")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Programs find devices by type over multicast, send them commands and blocks
 of data, and receive what they have to say; or they are such a device.")
 
-# Whoever provides the three libraries of these names takes the place of whoever did before.
+# A package that provides the three libraries of these names replaces the former one.
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME lumora-platform)
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_DEPENDS "${platform_needs}")
@@ -75,7 +75,7 @@ to them, plays one and looks for what is wrong with a network, and
 lumora-platform-check, which tells in what a vendor's platform libraries
 deviate.")
 
-# The same on every machine, and where Debian's Python looks; elsewhere pip installs it.
+# A folder in which the Python of every Debian looks. On other systems pip installs the package.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-lumora)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
@@ -112,7 +112,7 @@ install(FILES README.md SECURITY.md DESTINATION ${doc_folder} COMPONENT doc)
 install(FILES ${PROJECT_BINARY_DIR}/lumora.spdx.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liblumora-cpp COMPONENT runtime)
 
-# Each package says whose it is and what changed.
+# Each package has a copyright file and a changelog.
 find_program(GZIP_PROGRAM gzip REQUIRED)
 execute_process(COMMAND ${GZIP_PROGRAM} -9nc ${PROJECT_SOURCE_DIR}/packaging/debian/changelog
     OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog.gz COMMAND_ERROR_IS_FATAL ANY)

@@ -1,5 +1,5 @@
-# The bill of materials, in SPDX 2.3: which libraries this build was made with, and in which versions. What these
-# libraries need themselves is not in it; the distribution that built them knows.
+# The bill of materials, in SPDX 2.3: the libraries of this build and their versions. The dependencies of these libraries
+# are not in it.
 
 # lumora_uses(NAME VERSION LICENCE HOMEPAGE FILE HOW): FILE of ours is linked with it, or has parts of it compiled in
 # (HOW: DYNAMIC_LINK or STATIC_LINK).
@@ -19,7 +19,7 @@ function(lumora_uses name version licence homepage file how)
     set_property(GLOBAL APPEND_STRING PROPERTY LUMORA_SBOM_RELATIONS "${relation}")
 endfunction()
 
-# Once everything that is used has been found.
+# Called after all libraries have been found.
 function(lumora_write_sbom file)
     get_property(packages GLOBAL PROPERTY LUMORA_SBOM_PACKAGES)
     get_property(relations GLOBAL PROPERTY LUMORA_SBOM_RELATIONS)

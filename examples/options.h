@@ -1,4 +1,4 @@
-// What both ends of the text-reading example need to read their command lines.
+// Command-line parsing for both ends of the text-reading example.
 #pragma once
 
 #include <charconv>
@@ -12,7 +12,7 @@ namespace text_reader {
 
 inline constexpr int USAGE_ERROR = 2;
 
-// A number within bounds, or the end of the program with a message.
+// Returns a number within bounds. Otherwise prints a message and ends the program.
 inline int NumberOption(const char* option, const char* text, int least, int most) {
     int value = 0;
     const char* const end = text + std::strlen(text);

@@ -12,10 +12,10 @@ namespace text_reader {
 
 namespace {
 
-// A4 at 600 dots per inch. A small file can claim any size, and its pixels all have to be held.
+// A4 at 600 dots per inch. A small file can claim any size, and decoding allocates all its pixels.
 constexpr std::int64_t MAX_PIXELS = 35'000'000;
 
-// For pictures that do not say how fine they are; Tesseract guesses badly and says so each time.
+// The resolution of pictures that name none. Tesseract guesses badly and logs each guess.
 constexpr int USUAL_DOTS_PER_INCH = 300;
 
 const unsigned char* Bytes(const std::string& picture) {
@@ -31,7 +31,7 @@ void RequirePngOrJpeg(const std::string& picture) {
     }
 }
 
-// Before anything is decoded.
+// Checked before anything is decoded.
 void RequireSaneSize(const std::string& picture) {
     int width = 0;
     int height = 0;

@@ -3,7 +3,7 @@
 //
 //     text 312\n<the text that was read, in 312 milliseconds>
 //     note\n<something worth knowing, such as a new language>
-//     error\n<why a picture or a command came to nothing>
+//     error\n<why a picture or a command failed>
 #pragma once
 
 #include <optional>

@@ -36,12 +36,12 @@ std::unique_ptr<tesseract::TessBaseAPI> TextRecognizer::Load(const std::string& 
 std::vector<std::string> TextRecognizer::InstalledLanguages() const {
     std::vector<std::string> names;
     mTesseract->GetAvailableLanguagesAsVector(&names);
-    // This one is listed, but finds the orientation of a page only.
+    // "osd" is listed, but finds only the orientation of a page.
     names.erase(std::remove(names.begin(), names.end(), "osd"), names.end());
     return names;
 }
 
-// A language becomes part of a file's name: nothing but what is there may come from outside.
+// A language becomes part of a file's name, and clients choose it, so only installed ones are accepted.
 void TextRecognizer::RequireInstalled(const std::string& language) const {
     const std::vector<std::string> installed = InstalledLanguages();
     std::istringstream parts(language + "+");

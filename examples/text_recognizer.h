@@ -13,7 +13,8 @@ class TessBaseAPI;
 
 namespace text_reader {
 
-// One thread at a time, but for Cancel. Failures are std::runtime_error with a text that can be shown.
+// Only Cancel may be called while another thread calls a function. Failures are std::runtime_error with a
+// text that can be shown.
 class TextRecognizer {
 public:
     // A language is a name of Tesseract's, "eng" for one, or several with "+" between them.

@@ -26,7 +26,7 @@ enum ExitCode {
     DEVICE_REFUSED = 6
 };
 
-// A failure with what to do about it. Every operation below may end with one.
+// A failure and its remedy. Every operation below may throw one.
 class Failure : public std::runtime_error {
 public:
     Failure(ExitCode code, const std::string& message) : std::runtime_error(message), mCode(code) {}
@@ -49,7 +49,7 @@ public:
     void SendCommand(const std::string& command, const std::string& parameter);
     void Send(const std::string& picture);
 
-    // The next answer of this kind. One that is an error is a failure.
+    // The next answer of this kind. An error answer throws.
     Answer Await(Answer::Kind kind, int seconds);
 
 private:

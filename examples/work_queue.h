@@ -1,4 +1,4 @@
-// Work for one thread, brought by others that must not wait: a full queue refuses.
+// A bounded queue of work for one thread. Adding never waits: a full queue refuses.
 #pragma once
 
 #include <condition_variable>
@@ -15,7 +15,7 @@ class WorkQueue {
 public:
     explicit WorkQueue(std::size_t capacity) : mCapacity(capacity) {}
 
-    // Whether the item was taken: not when the queue is full or closed.
+    // False if the queue is full or closed.
     bool TryPush(Item item) {
         {
             const std::lock_guard<std::mutex> lock(mMutex);

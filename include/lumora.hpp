@@ -1,4 +1,5 @@
-/// lumora.hpp - Lumora for C++17: lumora::Client uses a device, lumora::Device is one.
+/// @file
+/// Lumora for C++17: lumora::Client uses a device, lumora::Device is one.
 ///
 ///     lumora::Client client("viewer");
 ///     client.OnData([](std::string_view service, lumora::Bytes data) { Show(data.Text()); });
@@ -11,43 +12,44 @@
 ///     device.OnData([&](int client, lumora::Bytes picture) { device.Send("faces", FacesIn(picture)); });
 ///     device.Start();
 ///
-/// All of it is inline and calls the functions of lumora.h, whose limits hold here, too; a program links with
+/// All of it is inline and calls the functions of lumora.h, whose limits hold here, too. A program links with
 /// liblumora_cpp as one in C does.
 ///
-/// Errors
-///   What can fail throws a lumora::Error. With a std::error_code as the last argument it does not: it sets
-///   or clears that, and where it has no other result returns whether all went well. (Overloads, because
-///   everybody knows them from <filesystem>; a Result type would be one more to learn.) The codes are
-///   lumora::Errc; the log says more. Only memory that runs out throws from both. Without exceptions
-///   (-fno-exceptions) use the second form: the first ends the program.
+/// ### Errors
+/// A function that fails throws a lumora::Error. Its overload with a std::error_code as the last argument
+/// sets or clears that instead. If the function has no other result, the overload returns true for success.
+/// The codes are lumora::Errc; the log says more. Only lack of memory throws from both. Without exceptions
+/// (-fno-exceptions) use the overloads: the first form ends the program.
 ///
-/// Threads and callbacks
-///   Any thread may call any function, but for moving and destroying an object that another thread uses.
-///   Calls of one side (clients or device) run one after the other. A call to a device that does not answer
-///   takes seconds, or up to a minute if its handler does not return; docs/guide.md has the table. Handlers
-///   run on threads of the library, one at a time for each side but for Device::OnData, and delay everything
-///   else that their thread does; long work belongs on a thread of the application:
+/// ### Threads and callbacks
+/// Any thread may call any function. An object must not be moved or destroyed while another thread uses it.
+/// Calls of one side (clients or device) run one after the other. A call to a device that does not answer
+/// takes seconds, or up to a minute if its handler does not return; docs/guide.md has the table.
 ///
-///   | handler                        | runs on                         | may call of its own side |
-///   |--------------------------------|---------------------------------|--------------------------|
-///   | Client::OnData                 | the connection's receive thread | nothing                  |
-///   | Client::OnDeviceLeft           | the platform's event thread     | nothing                  |
-///   | Client::OnConnectionLost,      | a thread of the Client          | everything, but must not |
-///   | OnReconnected                  |                                 | destroy the Client       |
-///   | Device::OnCommand, OnSubscribe,| a request thread of the platform| nothing                  |
-///   | OnUnsubscribe                  |                                 |                          |
-///   | Device::OnData                 | the connection's receive thread | Device::Send             |
+/// Handlers run on threads of the library, and delay everything else that their thread does. Long work
+/// belongs on a thread of the application. Of one side, one handler runs at a time; Device::OnData may run
+/// beside others.
 ///
-///   Setting handlers is allowed everywhere. A call that is not allowed fails, because it would have to wait
-///   for itself. In particular, no handler may destroy an object of its side. The bytes of a block are
-///   read-only: several clients of a process may be given the same memory. Texts and bytes that a handler
-///   is given are valid until it returns. A handler may be set or replaced at any time; the one before may
-///   still be at work for a moment. No handler runs once its Client or Device is destroyed, so whatever
-///   handlers refer to has to be declared before it.
+/// | handler                                 | runs on                          | may call of its own side |
+/// |-----------------------------------------|----------------------------------|--------------------------|
+/// | Client::OnData                          | the connection's receive thread  | nothing                  |
+/// | Client::OnDeviceLeft                    | the platform's event thread      | nothing                  |
+/// | Client::OnConnectionLost, OnReconnected | a thread of the Client           | all, but not destroy it  |
+/// | Device::OnCommand                       | a request thread of the platform | nothing                  |
+/// | Device::OnSubscribe, OnUnsubscribe      | a request thread of the platform | nothing                  |
+/// | Device::OnData                          | the connection's receive thread  | Device::Send             |
 ///
-/// Exceptions out of handlers
-///   end at the boundary to the library, which is C: they are given to the handler set by OnException, on the
-///   same thread, and without one written to standard error.
+/// Setting handlers is allowed everywhere. A call that is not allowed would deadlock, so it fails. In
+/// particular, no handler may destroy an object of its side.
+///
+/// The bytes of a block are read-only: several clients of a process may be given the same memory. Texts and
+/// bytes that a handler is given are valid until it returns. A handler may be set or replaced at any time;
+/// the one before may still be running for a moment. No handler runs once its Client or Device is destroyed,
+/// so declare what handlers refer to before it.
+///
+/// ### Exceptions out of handlers
+/// The library is C, so an exception does not pass through it. It is given to the handler set by
+/// OnException, on the same thread. Without such a handler its text is written to standard error.
 #ifndef LUMORA_HPP
 #define LUMORA_HPP
 
@@ -87,7 +89,7 @@ namespace lumora {
 
 /// Why a call failed, as far as the library tells.
 enum class Errc {
-    NOT_JOINED = 1,    ///< the network cannot be joined; or a Client was moved from, a Device not started
+    NOT_JOINED = 1,    ///< the network cannot be joined, a Client was moved from, or a Device is not started
     TOO_MANY_CLIENTS,  ///< the process has 20 clients
     DEVICE_EXISTS,     ///< the process is a device already
     BAD_NAME,          ///< a type or a service has 1 to 39 characters, and none of them is NUL
@@ -106,19 +108,22 @@ enum class Errc {
 /// The category of Errc, named "lumora".
 const std::error_category& ErrorCategory() noexcept;
 
-/// By which an Errc becomes a std::error_code.
+/// Makes a std::error_code of an Errc.
 inline std::error_code make_error_code(Errc code) noexcept {
     return {static_cast<int>(code), ErrorCategory()};
 }
 
 }  // namespace lumora
 
+// Doxygen misreads a specialization in std.
+/// @cond
 template <>
 struct std::is_error_code_enum<lumora::Errc> : std::true_type {};
+/// @endcond
 
 namespace lumora {
 
-/// What is thrown. code() is an Errc, what() says in which function.
+/// The exception of this header. code() is an Errc, what() names the function.
 class Error : public std::system_error {
 public:
     using std::system_error::system_error;
@@ -126,13 +131,13 @@ public:
 
 // ---- What is sent and found
 
-/// Bytes of somebody else's, as std::span has them in C++20. Owns nothing: valid as long as they are.
-/// Converts from texts (of a char pointer, up to its NUL) and from whatever has data() and size(), such as a
-/// std::vector<std::uint16_t>, whose memory it then shows.
+/// A view of bytes that another object owns, as std::span is in C++20. Valid as long as those bytes.
+/// Converts from texts (of a char pointer, up to its NUL) and from objects that have data() and size(), such
+/// as a std::vector of std::uint16_t, whose memory it then shows.
 class Bytes {
 public:
     constexpr Bytes() = default;
-    /// So many bytes from there on.
+    /// size bytes from data on.
     Bytes(const void* data, std::size_t size) : mData(static_cast<const char*>(data)), mSize(size) {}
     /// A text, up to its NUL.
     Bytes(const char* text) : Bytes(std::string_view(text)) {}  // NOLINT(google-explicit-constructor)
@@ -169,7 +174,7 @@ struct Service {
 
 /// A device that a search found.
 struct DeviceInfo {
-    std::string name;  ///< its type; with a number behind it where others of this type answered first
+    std::string name;  ///< its type; with a number behind it if others of this type answered first
     std::vector<Service> services;  ///< what clients may subscribe to
     std::string type = {};          ///< the type that was searched for
 
@@ -180,19 +185,18 @@ struct DeviceInfo {
     }
 };
 
-/// What a subscriber may wish for beside the service itself.
+/// Options of a subscription.
 struct SubscribeOptions {
-    int source = 0;                        ///< 0 or 1, for the device's application
-    Transport transport = Transport::TCP;  ///< for the device's application, too
+    int source = 0;                        ///< 0 or 1; only the device's application uses it
+    Transport transport = Transport::TCP;  ///< only the device's application uses it
 };
 
-/// A client's subscription, as a device is told of it. What is behind service is 0 where the subscription
-/// ends.
+/// A client's subscription, as a device is told of it. If the subscription ends, source and transport are 0.
 struct Subscription {
     int client;                ///< 1 to 20; clients of different processes may have the same number
     std::string_view service;  ///< valid until the handler returns
-    int source;                ///< 0 or 1, as the client wished
-    Transport transport;       ///< as the client wished
+    int source;                ///< 0 or 1, the client's option
+    Transport transport;       ///< the client's option
 };
 
 // ---- Not for applications
@@ -240,7 +244,7 @@ auto OrThrow(const char* function, const Call& call) {
     return result;
 }
 
-// Sets the error; whether there is none.
+// Sets or clears the error. True if there is none.
 inline bool Outcome(bool good, Errc otherwise, std::error_code& error) {
     error = good ? std::error_code() : make_error_code(otherwise);
     return good;
@@ -273,7 +277,7 @@ inline std::string_view TextOf(const char (&field)[LUM_NAME_SIZE]) {
     return whole.substr(0, whole.find('\0'));
 }
 
-// A function that threads of the library call and that the application may replace meanwhile.
+// A function that threads of the library call. The application may replace it during a call.
 template <typename... Arguments>
 class Handler {
 public:
@@ -285,7 +289,7 @@ public:
         mFunction.swap(latest);
     }
 
-    // Whether there was one to call.
+    // False if no function is set.
     bool Call(Arguments... arguments) const {
         const std::shared_ptr<const Function> function = Current();
         if (function == nullptr || *function == nullptr) {
@@ -307,20 +311,20 @@ private:
 
 enum class Side : std::size_t { CLIENT = 0, DEVICE = 1 };
 
-// How many handlers of a side are running on this thread. Its calls to that side would wait for themselves.
+// How many handlers of a side are running on this thread. Calls of this thread to that side would deadlock.
 inline int& RunningHandlers(Side side) {
     thread_local std::array<int, 2> running = {};
     return running[static_cast<std::size_t>(side)];
 }
 
-// What both sides do with their handlers, and with the exceptions out of them.
+// Runs the handlers of a side, and catches the exceptions out of them.
 class Boundary {
 public:
     explicit Boundary(Side side) : mSide(side) {}
 
     Handler<std::exception_ptr> onException;
 
-    // For handlers that run on a thread of the library.
+    // Runs a handler on a thread of the library.
     template <typename Call>
     void RunHandler(const Call& call) const noexcept {
         ++RunningHandlers(mSide);
@@ -346,7 +350,7 @@ public:
     }
 
 private:
-    // While the exception is being handled.
+    // Only inside a catch block: passes std::current_exception on.
     void Report(const char* what) const {
         if (!onException.Call(std::current_exception())) {
             std::fprintf(stderr, "lumora: a handler threw: %s\n", what);
@@ -358,9 +362,9 @@ private:
 
 // A client and its connection. The calls of its Client and its watching thread share it.
 //
-// mChange serializes what changes the connection. Without it, two threads could leave the network under the
-// same number, the second one on behalf of the client that has been given the number since. It is held while
-// a device is asked, so no handler of the library's threads takes it.
+// mChange serializes changes of the connection. Without it, two threads could leave the network under the
+// same ID: thread A leaves, another client gets the ID, thread B ends that client. It is held while a device
+// is asked, so no handler on a thread of the library takes it.
 class ClientState : public Boundary, public std::enable_shared_from_this<ClientState> {
 public:
     explicit ClientState(std::string_view clientType) : Boundary(Side::CLIENT), mOwnType(clientType) {}
@@ -373,16 +377,21 @@ public:
     int Id() const { return mId; }
     unsigned int Handle() const { return mHandle; }
 
+    /// The same; sets or clears error instead of throwing.
     bool Join(std::error_code& error);
     void Leave();
+    /// The same; sets or clears error instead of throwing.
     bool Connect(const std::string& type, std::chrono::milliseconds patience, std::error_code& error);
     bool Connect(const DeviceInfo& device, std::error_code& error);
     void Disconnect();
+    /// The same; sets or clears error instead of throwing.
     bool Subscribe(const std::string& service, const SubscribeOptions& options, std::error_code& error);
     bool Unsubscribe(const std::string& service, std::error_code& error);
+    /// The same; sets or clears error instead of throwing.
     bool Order(const char* name, const char* parameter, std::error_code& error) const;
     bool Send(Bytes block, std::error_code& error);
 
+    /// The same; sets or clears error instead of throwing.
     bool IsJoined(std::error_code& error) const { return Outcome(mId != 0, Errc::NOT_JOINED, error); }
     bool IsConnected(std::error_code& error) const {
         return IsJoined(error) && Outcome(mHandle != 0, Errc::NOT_CONNECTED, error);
@@ -404,10 +413,12 @@ private:
     using Subscriptions = std::map<std::string, SubscribeOptions>;
 
     bool LeaveNetwork();
+    /// The same; sets or clears error instead of throwing.
     bool JoinAgain(std::error_code& error);
     bool Open(const DeviceInfo& device, std::error_code& error);
     void End();
     unsigned int SayGoodbye();
+    /// The same; sets or clears error instead of throwing.
     bool SendSubscription(const std::string& service, const SubscribeOptions& options,
                           std::error_code& error) const;
 
@@ -429,7 +440,7 @@ private:
     std::mutex mChange;
     std::atomic<int> mId{0};               // 0: not in the network
     std::atomic<unsigned int> mHandle{0};  // 0: not connected
-    std::atomic<bool> mBroken{false};      // this side has closed the channel, or has to
+    std::atomic<bool> mBroken{false};      // this side has closed the channel, or must close it
     std::atomic<unsigned int> mRemovals{0};
 
     mutable std::mutex mMutex;  // guards what follows; held for moments only
@@ -480,7 +491,7 @@ private:
 // device nothing.
 class Directory {
 public:
-    // Outlives main, as threads of the library may.
+    // Never destroyed: threads of the library may outlive main.
     static Directory& Instance() {
         alignas(Directory) static unsigned char memory[sizeof(Directory)];
         static auto* const instance = new (memory) Directory();
@@ -514,7 +525,7 @@ public:
         return users;
     }
 
-    // Fails if another one is the process's device.
+    // Fails if the process's device is another object.
     bool BecomeDevice(const std::shared_ptr<DeviceState>& device) {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (mDevice == nullptr) {
@@ -540,7 +551,8 @@ public:
         return mDevice;
     }
 
-    // Ends the library's server. One that failed to start, or to stop, keeps its type for the next one.
+    // Ends the library's server. A server that failed to start, or to stop, keeps its type for the next
+    // start.
     bool StopServer() {
         const bool stopped = LUM_DeInitServer() == 0;
         mKeepsType = !stopped;
@@ -566,7 +578,7 @@ private:
     std::atomic<bool> mKeepsType{false};
 };
 
-// What the library calls. The results are not used.
+// The callbacks of the library. Their results are not used.
 
 inline int OnClientEvent(int id, LUM_EVENT_E event) noexcept {
     const std::shared_ptr<ClientState> client = Directory::Instance().Client(id);
@@ -636,7 +648,7 @@ inline std::vector<DeviceInfo> Search(const std::string& type) {
 
 constexpr std::chrono::milliseconds SEARCH_PAUSE{100};
 
-// Whether an attempt succeeded, of which there is at least one.
+// Attempts at least once, and again until patience has passed. True if an attempt succeeded.
 template <typename Attempt>
 bool Repeat(std::chrono::milliseconds patience, std::chrono::milliseconds pause, const Attempt& attempt) {
     const auto begin = std::chrono::steady_clock::now();
@@ -650,7 +662,8 @@ bool Repeat(std::chrono::milliseconds patience, std::chrono::milliseconds pause,
     return true;
 }
 
-// Keeps signals away from threads that are started while it lives: they are for the application's threads.
+// A new thread inherits the signal mask. Threads that are started while this object lives block all signals,
+// so that signals go to threads of the application.
 class SignalsBlocked {
 public:
     SignalsBlocked() {
@@ -672,7 +685,7 @@ inline bool ClientState::Join(std::error_code& error) {
     int id = -1;
     if (LUM_InitClient(&id, mOwnType.c_str()) != 0 || LUM_RegisterEvent(id, OnClientEvent) != 0) {
         if (id > 0) {
-            LUM_DeInitClient(id);  // or the number would stay taken
+            LUM_DeInitClient(id);  // otherwise the ID would stay taken
         }
         return Outcome(false, id == 0 ? Errc::TOO_MANY_CLIENTS : Errc::NOT_JOINED, error);
     }
@@ -796,8 +809,8 @@ inline void ClientState::End() {
         return;
     }
     LUM_DisconnectAiDevice(mId, handle);
-    // The device ends a channel that has no clients left, and with it ends what is connected before this side
-    // has noticed.
+    // The device closes a channel that has no clients left. Wait until this side has noticed: a client that
+    // connects before that would lose its connection again.
     Repeat(std::chrono::seconds(1), std::chrono::milliseconds(1), [&] {
         return mBroken || Directory::Instance().AnyoneUses(handle) ||
                LUM_RegisterAiDeviceEvent(mId, handle, OnDeviceEvent) != 0;
@@ -813,7 +826,7 @@ inline unsigned int ClientState::SayGoodbye() {
     return handle;
 }
 
-// ---- ClientState: what is asked of the device
+// ---- ClientState: requests to the device
 
 inline bool ClientState::Order(const char* name, const char* parameter, std::error_code& error) const {
     return IsConnected(error) &&
@@ -854,7 +867,7 @@ inline bool ClientState::Send(Bytes block, std::error_code& error) {
     if (SendOutcome(result, sent, block.size(), error)) {
         return true;
     }
-    if (!IsInHandler()) {  // a call that was refused in a handler says nothing of the connection
+    if (!IsInHandler()) {  // a call in a handler is refused whether the connection works or not
         mBroken = true;
         Lose();
     }
@@ -907,7 +920,7 @@ inline void ClientState::StopWatching() {
         return;
     }
     if (thread.get_id() == std::this_thread::get_id() || IsInHandler()) {
-        thread.detach();  // joining would wait for this very call
+        thread.detach();  // joining would deadlock
     } else {
         thread.join();
     }
@@ -947,7 +960,7 @@ inline void ClientState::CheckDevice() {
     Lose();
 }
 
-// One answer may get lost on its way.
+// Asks twice, because one answer may get lost.
 inline bool ClientState::Answers(unsigned int handle) const {
     std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -1034,8 +1047,8 @@ inline std::size_t DescriptionLength(const LUM_DEVICE_INFO_S& record) {
     return length;
 }
 
-// The library refuses a description that is too long only after it has dropped the one before, so this side
-// measures it first.
+// The library refuses a description that is too long only after it has dropped the one before, so it is
+// measured here first.
 inline bool DescriptionFits(const LUM_DEVICE_INFO_S& record) {
     constexpr std::size_t LIMIT = 1024;
     return DescriptionLength(record) <= LIMIT;
@@ -1050,29 +1063,29 @@ inline const std::error_category& ErrorCategory() noexcept {
 
 // ---- Client
 
-/// An application that uses a device. It is found by others, too, under the type of the process's first
+/// An application that uses a device. Searches of other nodes find it under the type of the process's first
 /// client.
 ///
-/// A process may have up to 20 of them; each is a client of its own to the device, with its own subscriptions
-/// and handlers. They share one data channel: a client that connects to another device ends the connections
-/// of all others. Moved, it takes its handlers and its connection along; what is left can only be assigned to
-/// and destroyed, and everything else fails with Errc::NOT_JOINED.
+/// A process may have up to 20 clients. Each has its own subscriptions and handlers. They share one data
+/// channel: a client that connects to another device ends the connections of all others. A move takes
+/// handlers and connection along. A moved-from client can be assigned to and destroyed; everything else
+/// fails with Errc::NOT_JOINED.
 class Client {
 public:
     /// How long a device is searched for unless told otherwise.
     static constexpr std::chrono::milliseconds PATIENCE{2000};
 
-    /// Joins the network, with the first client of the process, as a device of this type (1 to 39
-    /// characters). Errors: BAD_NAME, TOO_MANY_CLIENTS, NOT_JOINED. An object that could not join is as one
-    /// moved from.
+    /// The first client of the process joins the network as a device of this type (1 to 39 characters).
+    /// Errors: BAD_NAME, TOO_MANY_CLIENTS, NOT_JOINED. After a failure the object is as one moved from.
     explicit Client(std::string_view type) {
         detail::OrThrow("lumora::Client", [&](std::error_code& error) { return Join(type, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     Client(std::string_view type, std::error_code& error) { Join(type, error); }
 
-    /// Takes everything along.
+    /// Takes handlers and connection along.
     Client(Client&& other) noexcept : mState(std::move(other.mState)) {}
-    /// Ends what it was before.
+    /// Ends the former client, and takes the other one's handlers and connection.
     Client& operator=(Client&& other) noexcept {
         Client moved(std::move(other));
         mState.swap(moved.mState);
@@ -1081,7 +1094,7 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    /// Says goodbye to the device and, as the last client, leaves the network. Waits for handlers in
+    /// Tells the device that this client is gone. The last client leaves the network. Waits for handlers in
     /// progress.
     ~Client() {
         if (mState != nullptr) {
@@ -1089,20 +1102,20 @@ public:
         }
     }
 
-    /// By this number, 1 to 20, a device tells the clients of a process apart. 0: not in the network.
+    /// The number, 1 to 20, by which a device tells the clients of a process apart. 0: not in the network.
     int Id() const { return mState != nullptr ? mState->Id() : 0; }
 
-    // ---- Handlers. Without a handler, what would be given to it is dropped.
+    // ---- Handlers. Without a handler, its events are dropped.
 
-    /// For each block that the device sends on a service that was subscribed to. Set it before Subscribe.
+    /// Called for each block that the device sends on a subscribed service. Set it before Subscribe.
     void OnData(std::function<void(std::string_view service, Bytes data)> handler) {
         if (mState != nullptr) {
             mState->onData.Set(std::move(handler));
         }
     }
 
-    /// Called when the connected device leaves the network. Not called when only the connection ends, as when
-    /// the device's process is killed; OnConnectionLost is.
+    /// Called when the connected device leaves the network. Not called when only the connection ends, for
+    /// example because the device's process is killed; OnConnectionLost is called then.
     void OnDeviceLeft(std::function<void()> handler) {
         if (mState != nullptr) {
             mState->onDeviceLeft.Set(std::move(handler));
@@ -1127,7 +1140,8 @@ public:
         }
     }
 
-    /// For what another handler of this client throws. What it throws itself ends the program.
+    /// Called for an exception out of another handler of this client. An exception out of this one ends the
+    /// program.
     void OnException(std::function<void(std::exception_ptr exception)> handler) {
         if (mState != nullptr) {
             mState->onException.Set(std::move(handler));
@@ -1136,14 +1150,15 @@ public:
 
     // ---- Devices
 
-    /// The devices of a type, at most the four that answer first; none when nobody answered in time. Searches
-    /// once, for some hundred milliseconds, and then again until patience has passed. While the client is
-    /// connected, search for its device's type only: of others the library forgets. Errors: BAD_NAME,
-    /// NOT_JOINED.
+    /// Searches for devices of a type. Returns at most the four that answer first, or none if none answers
+    /// in time. A search takes some hundred milliseconds, and is repeated until a device answers or patience
+    /// has passed. While the client is connected, search for its device's type only: otherwise the library
+    /// forgets the connected device. Errors: BAD_NAME, NOT_JOINED.
     std::vector<DeviceInfo> Find(std::string_view type, std::chrono::milliseconds patience = PATIENCE) {
         return detail::OrThrow("lumora::Client::Find",
                                [&](std::error_code& error) { return Find(type, patience, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     std::vector<DeviceInfo> Find(std::string_view type, std::chrono::milliseconds patience,
                                  std::error_code& error) {
         std::vector<DeviceInfo> devices;
@@ -1156,75 +1171,81 @@ public:
         return devices;
     }
 
-    /// Connects to the first device of a type that answers, and goes on trying until patience has passed. A
-    /// connection to another device ends; one to this device stays as it is. Subscriptions belong to a
-    /// connection: a new one begins without. Errors: BAD_NAME, NOT_JOINED, NO_DEVICE, CONNECT_FAILED.
+    /// Connects to the first device of a type that answers, and tries again until patience has passed. A
+    /// connection to another device ends; one to this device stays as it is. A new connection has no
+    /// subscriptions. Errors: BAD_NAME, NOT_JOINED, NO_DEVICE, CONNECT_FAILED.
     ///
-    /// Once a block could not be sent, this leaves the network and joins it again first, maybe under another
-    /// number: a channel that this side has closed cannot be opened again before the last client of the
-    /// process has ended. Where there are other clients, they have to end for that, too.
+    /// If a Send has failed before, the client first leaves the network and joins it again, maybe under
+    /// another ID: the library cannot open a channel again that this side has closed before the last client
+    /// of the process has ended. Other clients of the process must end for that, too.
     void Connect(std::string_view type, std::chrono::milliseconds patience = PATIENCE) {
         detail::OrThrow("lumora::Client::Connect",
                         [&](std::error_code& error) { return Connect(type, patience, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Connect(std::string_view type, std::chrono::milliseconds patience, std::error_code& error) {
         return MayConnect(type, error) && mState->Connect(std::string(type), patience, error);
     }
 
-    /// The same for a device of the last search, once. Errors: NOT_JOINED, CONNECT_FAILED.
+    /// Connects to a device of the last search. Tries once. Errors: NOT_JOINED, CONNECT_FAILED.
     void Connect(const DeviceInfo& device) {
         detail::OrThrow("lumora::Client::Connect",
                         [&](std::error_code& error) { return Connect(device, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Connect(const DeviceInfo& device, std::error_code& error) {
         return MayConnect(device.name, error) && mState->Connect(device, error);
     }
 
-    /// From now on, a connection that is lost is opened again: the client searches for a device of the same
-    /// type that offers the services it was subscribed to, connects, and repeats its subscriptions. It tries
-    /// until it succeeds, or until Disconnect, Connect, StayConnected(false) or its end. What was sent
-    /// meanwhile is lost. Nothing happens before the first Connect has succeeded.
+    /// Opens a lost connection again from now on, or no longer if wanted is false. The client searches for a
+    /// device of the same type that offers the services it was subscribed to, connects, and repeats its
+    /// subscriptions. It tries until it succeeds, or until Disconnect, Connect, StayConnected(false) or its
+    /// end. Blocks that are sent in between are lost. Nothing happens before the first Connect has succeeded.
     void StayConnected(bool wanted = true) {
         if (mState != nullptr) {
             mState->StayConnected(wanted);
         }
     }
 
-    /// Says goodbye: the device ends this client's subscriptions. Without a connection, nothing happens.
+    /// Ends the connection: the device ends this client's subscriptions. Does nothing without a connection.
     void Disconnect() {
         if (mState != nullptr) {
             mState->Disconnect();
         }
     }
 
-    // ---- What can be asked of the connected device. Errors of all: NOT_JOINED, NOT_CONNECTED.
+    // ---- Requests to the connected device. Errors of all: NOT_JOINED, NOT_CONNECTED.
 
-    /// From now on OnData is given what the device sends on this service. Errors: BAD_NAME, REFUSED.
+    /// From now on OnData is called for the blocks of this service (1 to 39 characters). Waits for the
+    /// device's OnSubscribe. Errors: BAD_NAME, REFUSED.
     void Subscribe(std::string_view service, const SubscribeOptions& options = {}) {
         detail::OrThrow("lumora::Client::Subscribe",
                         [&](std::error_code& error) { return Subscribe(service, options, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Subscribe(std::string_view service, std::error_code& error) { return Subscribe(service, {}, error); }
-    /// The same, with wishes.
+    /// The same, with options; sets or clears error instead of throwing.
     bool Subscribe(std::string_view service, const SubscribeOptions& options, std::error_code& error) {
         return MayUse(service, error) && mState->Subscribe(std::string(service), options, error);
     }
 
-    /// Ends a subscription. Errors: BAD_NAME, REFUSED (there is none).
+    /// Ends a subscription. Errors: BAD_NAME, REFUSED (not subscribed).
     void Unsubscribe(std::string_view service) {
         detail::OrThrow("lumora::Client::Unsubscribe",
                         [&](std::error_code& error) { return Unsubscribe(service, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Unsubscribe(std::string_view service, std::error_code& error) {
         return MayUse(service, error) && mState->Unsubscribe(std::string(service), error);
     }
 
-    /// Has the device's OnCommand run, once; it has no result, what it has to say comes as data. Name and
-    /// parameter have up to 400 characters together. Errors: BAD_COMMAND, REFUSED.
+    /// Runs the device's OnCommand once, and waits for it. A command has no result; the device answers by
+    /// data. Name and parameter have up to 400 characters together. Errors: BAD_COMMAND, REFUSED.
     void Command(std::string_view name, std::string_view parameter = {}) {
         detail::OrThrow("lumora::Client::Command",
                         [&](std::error_code& error) { return Command(name, parameter, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Command(std::string_view name, std::string_view parameter, std::error_code& error) {
         return detail::Outcome(detail::IsCommand(name, parameter), Errc::BAD_COMMAND, error) &&
                IsJoined(error) &&
@@ -1232,11 +1253,12 @@ public:
     }
 
     /// Sends a block of 1 to 5,242,880 bytes, which the device's OnData is given in one piece. Returns when
-    /// the system has taken all of it, and gives up when half a second passes without any progress; that
-    /// limit is fixed. Errors: BAD_SIZE, SEND_FAILED, INCOMPLETE (then Connect begins anew).
+    /// the system has taken all of it. Fails when half a second passes without any progress; that limit is
+    /// fixed. Errors: BAD_SIZE, SEND_FAILED, INCOMPLETE (Connect then begins anew).
     void Send(Bytes block) {
         detail::OrThrow("lumora::Client::Send", [&](std::error_code& error) { return Send(block, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Send(Bytes block, std::error_code& error) {
         const bool fits = !block.empty() && block.size() <= LUM_MAX_CLIENT_DATA_LENGTH;
         return IsConnected(error) && detail::Outcome(fits, Errc::BAD_SIZE, error) &&
@@ -1248,6 +1270,7 @@ public:
         return detail::OrThrow("lumora::Client::DeviceVersion",
                                [&](std::error_code& error) { return DeviceVersion(error); });
     }
+    /// The same; sets or clears error instead of throwing.
     std::string DeviceVersion(std::error_code& error) {
         std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
         if (IsConnected(error)) {
@@ -1262,6 +1285,7 @@ public:
         return detail::OrThrow("lumora::Client::LibraryVersion",
                                [&](std::error_code& error) { return LibraryVersion(error); });
     }
+    /// The same; sets or clears error instead of throwing.
     std::string LibraryVersion(std::error_code& error) {
         std::array<char, LUM_MIN_VERSION_BUFFER_LENGTH> text = {};
         if (IsJoined(error)) {
@@ -1272,6 +1296,7 @@ public:
     }
 
 private:
+    /// The same; sets or clears error instead of throwing.
     bool Join(std::string_view type, std::error_code& error) {
         if (!detail::Outcome(detail::IsName(type), Errc::BAD_NAME, error)) {
             return false;
@@ -1280,18 +1305,22 @@ private:
         return mState->Join(error);
     }
 
+    /// The same; sets or clears error instead of throwing.
     bool IsJoined(std::error_code& error) const {
         return detail::Outcome(mState != nullptr, Errc::NOT_JOINED, error) && mState->IsJoined(error);
     }
 
+    /// The same; sets or clears error instead of throwing.
     bool IsConnected(std::error_code& error) const { return IsJoined(error) && mState->IsConnected(error); }
 
-    // Whether the client is in the network is looked at when no other thread is joining it anew.
+    // Does not check whether the client is in the network: Connect does so under mChange.
+    /// The same; sets or clears error instead of throwing.
     bool MayConnect(std::string_view name, std::error_code& error) const {
         return detail::Outcome(mState != nullptr, Errc::NOT_JOINED, error) &&
                detail::Outcome(detail::IsName(name), Errc::BAD_NAME, error);
     }
 
+    /// The same; sets or clears error instead of throwing.
     bool MayUse(std::string_view name, std::error_code& error) const {
         return IsJoined(error) && detail::Outcome(detail::IsName(name), Errc::BAD_NAME, error);
     }
@@ -1301,10 +1330,10 @@ private:
 
 // ---- Device
 
-/// A device that clients find by its type. Neither copied nor moved: its handlers nearly always refer to it.
+/// A device that clients find by its type. It can be neither copied nor moved: handlers usually refer to it.
 ///
-/// A process is one device: Start of a second one fails with Errc::DEVICE_EXISTS as long as the first is
-/// started. It serves the clients of one process at a time.
+/// A process can be one device: Start of a second one fails with Errc::DEVICE_EXISTS as long as the first is
+/// started. A device serves the clients of one process at a time.
 class Device {
 public:
     /// Clients cannot find it before Start. A type has 1 to 39 characters.
@@ -1321,7 +1350,8 @@ public:
         detail::Directory::Instance().ForgetDevice(mState);
     }
 
-    /// Adds a service to those that Start registers. Clients are told the length of its output, in bytes.
+    /// Adds a service (1 to 39 characters) to those that Start registers. Clients are told outputBytes, the
+    /// length of its output.
     Device& Offer(std::string service, unsigned int outputBytes = LUM_MAX_SERVER_DATA_LENGTH,
                   Transport transport = Transport::TCP) {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -1329,43 +1359,44 @@ public:
         return *this;
     }
 
-    // ---- Handlers. Without a handler, what would be given to it is dropped. They may run before Start has
-    // ---- returned.
+    // ---- Handlers. Without a handler, its events are dropped. They may run before Start returns.
 
-    /// For each command of a client, of which the library does not say which one it is.
+    /// Called for each command of a client. The library does not tell which client sent it.
     void OnCommand(std::function<void(std::string_view name, std::string_view parameter)> handler) {
         mState->onCommand.Set(std::move(handler));
     }
 
-    /// For each client that subscribes to a service.
+    /// Called for each client that subscribes to a service.
     void OnSubscribe(std::function<void(const Subscription& subscription)> handler) {
         mState->onSubscribe.Set(std::move(handler));
     }
 
-    /// For each subscription that ends, because the client says so or has gone.
+    /// Called for each subscription that ends, because the client ended it or has left.
     void OnUnsubscribe(std::function<void(const Subscription& subscription)> handler) {
         mState->onUnsubscribe.Set(std::move(handler));
     }
 
-    /// For each block that a client sends. May call Send.
+    /// Called for each block that a client sends. May call Send.
     void OnData(std::function<void(int client, Bytes data)> handler) {
         mState->onData.Set(std::move(handler));
     }
 
-    /// For what another handler of this device throws. What it throws itself ends the program.
+    /// Called for an exception out of another handler of this device. An exception out of this one ends the
+    /// program.
     void OnException(std::function<void(std::exception_ptr exception)> handler) {
         mState->onException.Set(std::move(handler));
     }
 
     // ---- In the network
 
-    /// Joins the network and registers the services, at least one. Called again, it registers those that were
-    /// added since, and drops all subscriptions. If it fails, a running device goes on as it was, and one
-    /// that did not run leaves nothing behind for the next. Errors: BAD_NAME, BAD_SERVICES, DEVICE_EXISTS,
-    /// NOT_JOINED (called from a handler, for one).
+    /// Joins the network and registers the services, at least one. A second call registers those that were
+    /// added since, and drops all subscriptions. If it fails, a running device goes on as it was, and a
+    /// device that did not run leaves nothing behind. Errors: BAD_NAME, BAD_SERVICES, DEVICE_EXISTS,
+    /// NOT_JOINED (for example if a handler calls it).
     void Start() {
         detail::OrThrow("lumora::Device::Start", [&](std::error_code& error) { return Start(error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Start(std::error_code& error) {
         LUM_DEVICE_INFO_S record = {};
         if (!Describe(record, error) || !detail::Outcome(!mState->IsInHandler(), Errc::NOT_JOINED, error)) {
@@ -1378,11 +1409,12 @@ public:
                (again ? Register(record, error) : Begin(record, error));
     }
 
-    /// Leaves the network: what is subscribed and connected ends. Waits for handlers in progress. Start may
-    /// follow. Errors: STOP_FAILED (called from a handler, for one).
+    /// Leaves the network: subscriptions and connections end. Waits for handlers in progress. Start may
+    /// follow. Errors: STOP_FAILED (for example if a handler calls it).
     void Stop() {
         detail::OrThrow("lumora::Device::Stop", [&](std::error_code& error) { return Stop(error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Stop(std::error_code& error) {
         if (!detail::Outcome(!mState->IsInHandler(), Errc::STOP_FAILED, error)) {
             return false;
@@ -1398,18 +1430,19 @@ public:
         return true;
     }
 
-    /// The clients that are subscribed to a service at the moment: a device need not produce what no client
-    /// takes. Their order has no meaning.
+    /// The clients that are subscribed to a service now, in no particular order. A device can skip the work
+    /// for a service without subscribers.
     std::vector<int> Subscribers(std::string_view service) const { return mState->Subscribers(service); }
 
     /// Sends a block of 1 to 1,024,000 bytes to every client that subscribed to the service, if any did.
-    /// Returns when the system has taken all of it, and gives up when half a second passes without any
-    /// progress; that limit is fixed. Errors: NOT_JOINED, BAD_NAME, BAD_SIZE, SEND_FAILED (also if the
-    /// service is not offered), INCOMPLETE.
+    /// Returns when the system has taken all of it. Fails when half a second passes without any progress;
+    /// that limit is fixed. Errors: NOT_JOINED, BAD_NAME, BAD_SIZE, SEND_FAILED (also if the service is not
+    /// offered), INCOMPLETE.
     void Send(std::string_view service, Bytes block) {
         detail::OrThrow("lumora::Device::Send",
                         [&](std::error_code& error) { return Send(service, block, error); });
     }
+    /// The same; sets or clears error instead of throwing.
     bool Send(std::string_view service, Bytes block, std::error_code& error) {
         const bool fits = !block.empty() && block.size() <= LUM_MAX_SERVER_DATA_LENGTH;
         const bool running = detail::Directory::Instance().IsDevice(mState);
@@ -1426,6 +1459,7 @@ public:
     }
 
 private:
+    /// The same; sets or clears error instead of throwing.
     bool Begin(const LUM_DEVICE_INFO_S& record, std::error_code& error) {
         detail::Directory& directory = detail::Directory::Instance();
         if (detail::Outcome(directory.StartServer(record), Errc::NOT_JOINED, error) &&
@@ -1437,11 +1471,13 @@ private:
         return false;
     }
 
+    /// The same; sets or clears error instead of throwing.
     bool Register(const LUM_DEVICE_INFO_S& record, std::error_code& error) {
         mState->ForgetSubscribers();  // first: new ones may come before the next call returns
         return detail::Outcome(LUM_RegisterAiDevInfo(&record) == 0, Errc::BAD_SERVICES, error);
     }
 
+    /// The same; sets or clears error instead of throwing.
     bool Describe(LUM_DEVICE_INFO_S& record, std::error_code& error) const {
         const std::lock_guard<std::mutex> lock(mMutex);
         const bool named = detail::IsName(mType) &&
@@ -1466,8 +1502,8 @@ private:
     }
 
     const std::string mType;
-    // Serializes Start and Stop: another thread's Start must not come between the end of the library's server
-    // and the moment when this device is forgotten. No handler takes it.
+    // Serializes Start and Stop: another thread's Start must not run between the end of the library's server
+    // and ForgetDevice. No handler takes it.
     std::mutex mLifeMutex;
     mutable std::mutex mMutex;  // guards mServices
     std::vector<Service> mServices;

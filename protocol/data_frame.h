@@ -1,7 +1,7 @@
 // The frames that carry application data over a TCP stream, as pure functions over bytes.
 //
 // Both kinds begin with the length of the head (one byte) and of the payload (four bytes, little-endian on
-// every host). docs/protocol.md shows them byte by byte.
+// every host). docs/wire.md shows them byte by byte.
 #pragma once
 
 #include <cstdint>

@@ -50,7 +50,8 @@ int LumoraServerModule::DestoryInstance() {
     return 0;
 }
 
-LumoraServerModule::LumoraServerModule(const std::string& devType) : mDevType(devType) {
+LumoraServerModule::LumoraServerModule(const std::string& devType, const ServerSources& sources)
+    : mDevType(devType), mSources(sources) {
     LUMORA_TRACE("Enter\n");
     LUMORA_TRACE("Out\n");
 }

@@ -17,8 +17,21 @@
 #include "server/publication.h"
 #include "transport/frame_buffer.h"
 #include "transport/transport_manager.h"
+#include "version/lumora_version.h"
 
 namespace lumoraAiModule {
+
+// What the module takes from outside. Tests hand in functions that fail or that open no socket.
+struct ServerSources {
+    using NewTransport = std::shared_ptr<LumoraTransManager> (*)(LumoraTransManagerFactory& factory,
+                                                                 LUM_TRANSPORT_E protocol);
+    using GetVersion = int (*)(std::string& version);
+
+    NewTransport newTransport = [](LumoraTransManagerFactory& factory, LUM_TRANSPORT_E protocol) {
+        return factory.CreateTransportsManager(protocol);
+    };
+    GetVersion getVersion = LumoraVersion::GetVersion;
+};
 
 // The device: its services and their subscribers, the clients that connected, the data channel to them, and
 // the application's callbacks.
@@ -31,7 +44,7 @@ namespace lumoraAiModule {
 // publication's lock is a leaf.
 class LumoraServerModule : public LumoraCoapCallback, public LumoraNotifyCallback {
 public:
-    explicit LumoraServerModule(const std::string& devType);
+    explicit LumoraServerModule(const std::string& devType, const ServerSources& sources = ServerSources());
     ~LumoraServerModule() override;
     LumoraServerModule(const LumoraServerModule&) = delete;
     LumoraServerModule& operator=(const LumoraServerModule&) = delete;
@@ -117,6 +130,7 @@ private:
     // The node that set up the data channel, if it has proven who it is.
     std::optional<lumora::Requester> mOwner GUARDED_BY(mMutex);
     int mOwnerPort GUARDED_BY(mMutex) = 0;
+    const ServerSources mSources;
 
     static LumoraServerModule* mInstance;  // under the server API mutex
 };

@@ -8,7 +8,6 @@
 #include "protocol/setup_string.h"
 #include "securec.h"
 #include "server/server_module.h"
-#include "version/lumora_version.h"
 
 namespace lumoraAiModule {
 
@@ -52,7 +51,7 @@ int LumoraServerModule::OnCoapGet(const std::string& key, std::string& reply) {
         }
         reply = status == LUM_TRANSPORT_STATUS_BUSY ? TRANSPORT_BUSY_REPLY : TRANSPORT_FREE_REPLY;
     } else if (key == GET_VERSION_KEY) {
-        if (LumoraVersion::GetVersion(reply) != 0) {
+        if (mSources.getVersion(reply) != 0) {
             LUMORA_ERROR("GetVersion failed!\n");
             return -1;
         }
@@ -291,7 +290,7 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
     if (StopTransport(__func__) != 0) {
         return -1;
     }
-    const std::shared_ptr<LumoraTransManager> transport = mTransFactory->CreateTransportsManager(protocol);
+    const std::shared_ptr<LumoraTransManager> transport = mSources.newTransport(*mTransFactory, protocol);
     mPublication.SetTransport(transport);
     if (transport == nullptr) {
         LUMORA_ERROR("CreateTransportsManager failed!\n");

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/socket_option.h"
 #include "securec.h"
 
 namespace lumoraAiModule {
@@ -25,11 +26,6 @@ namespace {
 constexpr int KEEPALIVE_IDLE_SECONDS = 5;
 constexpr int KEEPALIVE_INTERVAL_SECONDS = 3;
 constexpr int KEEPALIVE_COUNT = 3;
-
-template <typename Value>
-int SetOption(const Descriptor& socket, int level, int name, const Value& value) {
-    return setsockopt(socket.Number(), level, name, &value, sizeof(value));
-}
 
 using Clock = std::chrono::steady_clock;
 
@@ -122,11 +118,13 @@ int SetNonBlocking(const Descriptor& socket) {
     return flags < 0 ? -1 : fcntl(socket.Number(), F_SETFL, flags | O_NONBLOCK);
 }
 
-int SetReuseAddress(const Descriptor& socket) { return SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1); }
+int SetReuseAddress(const Descriptor& socket) {
+    return lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_REUSEADDR, 1) ? 0 : -1;
+}
 
 int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seconds) {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
-    SetOption(socket, SOL_SOCKET, SO_SNDTIMEO, timeval{seconds, 0});
+    lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_SNDTIMEO, timeval{seconds, 0});
     if (connect(socket.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
         return 0;
     }
@@ -140,15 +138,20 @@ int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seco
 }
 
 void TuneConnection(const Descriptor& socket) {
-    SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
-    SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_NODELAY, 1);
+    lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_KEEPALIVE, 1);
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
+}
+
+// Setting the option again is what pushes, whatever it was before.
+void PushWritten(const Descriptor& socket) {
+    lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_NODELAY, 1);
 }
 
 void LimitReadWaits(const Descriptor& socket, int microseconds) {
-    SetOption(socket, SOL_SOCKET, SO_RCVTIMEO, timeval{0, microseconds});
+    lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_RCVTIMEO, timeval{0, microseconds});
 }
 
 void StopReading(const Descriptor& socket) { shutdown(socket.Number(), SHUT_RD); }

@@ -50,6 +50,9 @@ int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seco
 // vanished without a word is noticed. Best effort: the connection works without.
 void TuneConnection(const Descriptor& socket);
 
+// Sends what was written with MSG_MORE and still waits for more.
+void PushWritten(const Descriptor& socket);
+
 // Reads that find nothing wait, but not longer than this (less than a second), and then fail with EAGAIN.
 // Best effort.
 void LimitReadWaits(const Descriptor& socket, int microseconds);

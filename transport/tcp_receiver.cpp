@@ -1,19 +1,17 @@
 #include "transport/tcp_receiver.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <system_error>
 #include <utility>
 
 #include "base/log.h"
+#include "base/thread.h"
 #include "protocol/data_frame.h"
 #include "transport/operation_names.h"
 
@@ -22,27 +20,12 @@ namespace lumoraAiModule {
 namespace {
 
 constexpr int LISTEN_BACKLOG = 10;
-constexpr int RECEIVE_WAIT_US = 500000;   // after it, a waiting thread looks whether it shall go on
+constexpr int READ_WAIT_US = 500000;  // after it, a read that waits looks whether it shall go on
+constexpr std::chrono::milliseconds LOST_PEER_LOOK{1000};
 constexpr int LOST_PEER_PAUSE_MS = 20;    // how soon a stop is noticed while a lost peer is looked for
 constexpr int ACCEPT_PAUSE_MS = 2;        // the same while the peer is waited for
 constexpr int NOTHING_READ_PAUSE_MS = 1;  // after select promised data and read found none
 constexpr unsigned int NOTHING_READ_LIMIT = 500;
-
-// Threads inherit the signal mask of their creator. The application's signals belong to its own threads.
-class AllSignalsBlocked {
-public:
-    AllSignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &mBefore);
-    }
-    ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-    AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-    AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
-private:
-    sigset_t mBefore;
-};
 
 }  // namespace
 
@@ -115,7 +98,7 @@ int TcpReceiver::BindAndListen(const Descriptor& socket, const sockaddr_in& addr
 
 int TcpReceiver::StartThread(std::shared_ptr<void> owner) {
     const lumora::MutexLock lock(mThreadMutex);
-    const AllSignalsBlocked blocked;
+    const lumora::AllSignalsBlocked blocked;
     try {
         mReceiveThread = std::thread([this, owner = std::move(owner)] {
             mReceiveThreadId = std::this_thread::get_id();
@@ -166,7 +149,7 @@ int TcpReceiver::WaitForConnect(Descriptor& receiveSocket, const Descriptor& lis
         Descriptor connection = mExpectedPeer.Choose(std::move(accepted), from, ExpectedPeer::Clock::now());
         if (connection.IsOpen()) {
             TuneConnection(connection);
-            LimitReadWaits(connection, RECEIVE_WAIT_US);
+            LimitReadWaits(connection, READ_WAIT_US);
             const lumora::MutexLock lock(mReceiveSocketMutex);
             receiveSocket = std::move(connection);
             return 0;
@@ -199,9 +182,9 @@ void TcpReceiver::ReceiveLoop(char* readBuffer) {
 // While data keeps arriving, the thread blocks in read() (SO_RCVTIMEO) instead of select() and read(): one
 // system call less for each piece. False ends the loop.
 bool TcpReceiver::ReceiveOnce(char* readBuffer, bool& dataCame) {
-    const Readiness readiness = dataCame ? Readiness::READABLE : WaitUntilReadable();
-    if (readiness != Readiness::READABLE) {
-        return readiness == Readiness::NOT_YET;
+    const ReceiveWait::Result result = dataCame ? ReceiveWait::Result::READABLE : WaitForData();
+    if (result != ReceiveWait::Result::READABLE) {
+        return result == ReceiveWait::Result::NOT_YET;
     }
     char* data = nullptr;
     const ssize_t count = ReadSome(readBuffer, data);
@@ -217,18 +200,15 @@ bool TcpReceiver::ReceiveOnce(char* readBuffer, bool& dataCame) {
     return !HasBeenStopped() && OnNothingRead(error);
 }
 
-TcpReceiver::Readiness TcpReceiver::WaitUntilReadable() {
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(mReceiveSocket.Number(), &readable);
-    timeval timeout = {0, RECEIVE_WAIT_US};
-    const int ret = select(mReceiveSocket.Number() + 1, &readable, nullptr, nullptr, &timeout);
-    if (ret < 0) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(mSide), "select error, ret = %d(%s)\n", ret,
-                      ErrorText(errno).c_str());
-        return Readiness::FAILED;
+ReceiveWait::Result TcpReceiver::WaitForData() {
+    const ReceiveWait::Result result = mState.receiveWait.ForData(mReceiveSocket);
+    const int error = errno;
+    mHandler.OnWaitEnded();
+    if (result == ReceiveWait::Result::FAILED) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(mSide), "select error, ret = %d(%s)\n", -1,
+                      ErrorText(error).c_str());
     }
-    return ret > 0 ? Readiness::READABLE : Readiness::NOT_YET;
+    return result;
 }
 
 ssize_t TcpReceiver::ReadSome(char* readBuffer, char*& data) {
@@ -251,9 +231,9 @@ bool TcpReceiver::HasBeenStopped() {
 // A send failed. When the peer has died, the close of this connection arrives a little before or after the
 // error of the other one, behind what the peer had sent before: that has to be read, because a full receive
 // window holds the close back. Without this look a client would not learn of the end of three in ten devices
-// that die under a stream. It lasts as long as one more wait would have taken; a stop ends it.
+// that die under a stream. A stop ends it.
 void TcpReceiver::LookForLostPeer(char* readBuffer) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(RECEIVE_WAIT_US);
+    const auto deadline = std::chrono::steady_clock::now() + LOST_PEER_LOOK;
     while (!HasBeenStopped() && std::chrono::steady_clock::now() < deadline) {
         const ssize_t count = recv(mReceiveSocket.Number(), readBuffer, READ_SIZE, MSG_DONTWAIT);
         const int error = count < 0 ? errno : 0;

@@ -33,6 +33,8 @@ public:
     virtual bool OnReceiveTimeout() = 0;
     // The peer closed the connection (error is 0), or it broke.
     virtual void OnConnectionLost(int error) = 0;
+    // A wait for data has ended, with data or without.
+    virtual void OnWaitEnded() = 0;
 };
 
 class TcpReceiver {
@@ -66,15 +68,13 @@ public:
     void RenewReadBudget() { mWouldBlockReads = 0; }
 
 private:
-    enum class Readiness { READABLE, NOT_YET, FAILED };
-
     int SetupReceiverSocket(int port, Descriptor& listenSocket, int& error);
     int BindAndListen(const Descriptor& socket, const sockaddr_in& address, int& error);
     // Returns 0 with a connection, or without one if the transport is being stopped.
     int WaitForConnect(Descriptor& receiveSocket, const Descriptor& listenSocket);
     void ReceiveLoop(char* readBuffer);
     bool ReceiveOnce(char* readBuffer, bool& dataCame);
-    Readiness WaitUntilReadable();
+    ReceiveWait::Result WaitForData();
     ssize_t ReadSome(char* readBuffer, char*& data);
     bool HasBeenStopped();
     bool OnNothingRead(int error);

@@ -51,10 +51,48 @@ int TcpSender::SetupSenderSocket(int port, const std::string& addr, int limitSec
 int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame,
                         unsigned int* written) {
     const unsigned int length = frame.Length();
+    const bool holdsBack =
+        mBurst.MayHoldBack(length, SendBurst::Clock::now()) && mState.receiveWait.IsWaiting();
+    const int result = Write(socket, frame, holdsBack ? MSG_NOSIGNAL | MSG_MORE : MSG_NOSIGNAL, written);
+    mBurst.OnSent(length, holdsBack, SendBurst::Clock::now());
+    if (holdsBack) {
+        OnHeldBack();
+    } else if (*written > 0) {
+        mHoldsBack = false;
+    }
+    return result;
+}
+
+// The receive thread is the one that pushes: it has a wait that can be ended, so no thread more is needed. It
+// may have left its wait since it was asked for:
+//   this thread       mHoldsBack = true, then asks whether the receive thread waits
+//   receive thread    leaves its wait, then asks whether frames are held back
+// At least one of the two sees the other and pushes.
+void TcpSender::OnHeldBack() {
+    mHoldsBack = true;
+    if (mState.receiveWait.IsWaiting()) {
+        mState.receiveWait.EndSoon(SendBurst::LONGEST_HOLD_BACK);
+    } else {
+        PushHeldBack();
+    }
+}
+
+void TcpSender::PushHeldBack() {
+    if (!mHoldsBack.exchange(false)) {
+        return;
+    }
+    if (const std::shared_ptr<Descriptor> socket = Socket()) {
+        PushWritten(*socket);
+    }
+}
+
+int TcpSender::Write(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, int flags,
+                     unsigned int* written) {
+    const unsigned int length = frame.Length();
     unsigned int wouldBlockWrites = 0;
     *written = 0;
     while (*written < length && MayWrite()) {
-        const ssize_t count = WriteFrom(*socket, frame, *written);
+        const ssize_t count = WriteFrom(*socket, frame, *written, flags);
         if (count >= 0) {
             wouldBlockWrites = 0;
             *written += static_cast<unsigned int>(count);
@@ -62,7 +100,7 @@ int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const FramePa
             const int error = errno;
             if (!WouldBlock(error)) {
                 LogWriteError(mSide, error);
-                mState.running = false;
+                mState.EndReceiving();
                 Close();
                 return -1;
             }
@@ -78,20 +116,21 @@ int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const FramePa
 }
 
 // One system call for what is left of the frame behind offset.
-ssize_t TcpSender::WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset) {
+ssize_t TcpSender::WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset,
+                             int flags) {
     if (offset >= frame.headLength) {
         offset -= frame.headLength;
-        return send(socket.Number(), frame.payload + offset, frame.payloadLength - offset, MSG_NOSIGNAL);
+        return send(socket.Number(), frame.payload + offset, frame.payloadLength - offset, flags);
     }
     if (frame.payloadLength == 0) {
-        return send(socket.Number(), frame.head + offset, frame.headLength - offset, MSG_NOSIGNAL);
+        return send(socket.Number(), frame.head + offset, frame.headLength - offset, flags);
     }
     iovec parts[] = {{const_cast<char*>(frame.head) + offset, frame.headLength - offset},
                      {const_cast<char*>(frame.payload), frame.payloadLength}};
     msghdr message = {};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
-    return sendmsg(socket.Number(), &message, MSG_NOSIGNAL);
+    return sendmsg(socket.Number(), &message, flags);
 }
 
 // A device's channel whose receiving direction has ended can no longer send. A client's can.
@@ -107,7 +146,7 @@ bool TcpSender::PauseBeforeNextWrite(const Descriptor& socket, int error, unsign
     LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "SendData timeout: %s(errno: %d)\n", ErrorText(error).c_str(),
                   error);
     mState.broken = true;
-    mState.running = false;
+    mState.EndReceiving();
     Close();
     return false;
 }

@@ -9,6 +9,7 @@
 
 #include "base/mutex.h"
 #include "transport/channel_state.h"
+#include "transport/send_burst.h"
 #include "transport/side_log.h"
 #include "transport/socket.h"
 #include "transport/transport_manager.h"
@@ -40,15 +41,25 @@ public:
     int WriteAll(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, unsigned int* written)
         REQUIRES(mMutex);
 
+    // Sends the small frames that wait in the kernel for others. Any thread may call it.
+    void PushHeldBack();
+
 private:
     bool MayWrite() const;
-    static ssize_t WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset);
+    int Write(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, int flags,
+              unsigned int* written);
+    static ssize_t WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset,
+                             int flags);
+    void OnHeldBack();
     bool PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites);
     void SetSocket(std::shared_ptr<Descriptor> socket);
 
     const Side mSide;
     ChannelState& mState;
     std::atomic<bool> mInterrupted{false};
+
+    SendBurst mBurst GUARDED_BY(mMutex);
+    std::atomic<bool> mHoldsBack{false};
 
     lumora::Mutex mSocketMutex;  // a leaf lock
     std::shared_ptr<Descriptor> mSocket GUARDED_BY(mSocketMutex);

@@ -7,7 +7,7 @@ namespace lumoraAiModule {
 
 int TcpTransport::DestoryTransports() {
     mSender.Close();
-    mState.running = false;
+    mState.EndReceiving();
     mState.broken = false;
     return 0;
 }

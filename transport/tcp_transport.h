@@ -26,8 +26,8 @@ public:
     int DestoryTransports() override;
     int StartTransports(TransType) override { return 0; }
     int GetTransStatus(LUM_TRANSPORT_STATUS_E& status) override;
-    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
     bool IsRunning() const override { return mState.running; }
+    int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
 
 protected:
     TcpTransport(Side side, unsigned int reassemblyCapacity, std::atomic<bool>& leftOverPending)
@@ -42,6 +42,7 @@ protected:
     int ParseAndSendData(char* data, unsigned int length) { return mStream.ParseAndSendData(data, length); }
 
     void OnListenFailed() override { StopTransports(); }
+    void OnWaitEnded() override { mSender.PushHeldBack(); }
 
     ChannelState mState;
     FrameStream mStream;

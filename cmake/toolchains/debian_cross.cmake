@@ -1,4 +1,4 @@
-# What the builds for other machines share: Debian's cross compiler, and build/sysroot/ARCH of scripts/sysroot.
+# The common part of the builds for other machines: Debian's cross compiler, and build/sysroot/ARCH of scripts/sysroot.
 # Each ARCH.cmake sets lumora_arch, lumora_triplet and lumora_emulator first.
 
 get_filename_component(lumora_root ${CMAKE_CURRENT_LIST_DIR}/../.. ABSOLUTE)
@@ -17,7 +17,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # A package is searched for below the parents of the folders of PATH first. With /bin among them that is the sysroot
-# itself, where lib/ leads to usr/lib/: the package would be found, and take its headers to be in include/.
+# itself, whose lib/ leads to usr/lib/: the package would be found, and take its headers to be in include/.
 list(PREPEND CMAKE_PREFIX_PATH /usr)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${CMAKE_SYSROOT}/usr/lib/${lumora_triplet}/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig)

@@ -4,12 +4,11 @@
 //
 // What it lacks, and a real one needs:
 //   - other hosts. "Multicast" is a datagram to each port of a range; addresses are always 127.0.0.1.
-//   - retransmission, with a memory of what was carried out already. Here a lost request fails. Loopback
-//   loses
-//     datagrams only when a socket's buffer is full.
-//   - defence against strangers: any process of this host may say anything.
+//   - retransmission, and a table of the requests that have run. Here a lost request fails. The loopback
+//     interface loses datagrams only if a socket's buffer is full.
+//   - defence against strangers: any process of this host can forge any message.
 //   - more than one worker: a handler that takes long delays the events of its handle.
-//   - an answer for a lack of memory: exceptions must not leave the functions of the tables.
+//   - handling of std::bad_alloc: exceptions must not leave the functions of the tables.
 #include <arpa/inet.h>
 #include <link_platform.h>
 #include <poll.h>
@@ -301,7 +300,7 @@ private:
         }
     }
 
-    // A node without a type only looks: others need not know of it.
+    // A node without a type only searches: other nodes need not know it.
     void Announce(const Message& message) {
         if (!mType.empty()) {
             mSocket.SendToAll(message);

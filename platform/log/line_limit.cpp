@@ -15,7 +15,7 @@ std::optional<std::uint64_t> LineLimit::Admit(const Place& place, TimePoint now)
     if (mLimit == 0) {
         return 0;
     }
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const lumora::MutexLock lock(mMutex);
     if (mMinutes.size() >= MOST_PLACES && mMinutes.count(place) == 0) {
         mMinutes.clear();
     }

@@ -5,9 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <tuple>
+
+#include "base/mutex.h"
 
 namespace lumora_log {
 
@@ -33,8 +34,8 @@ public:
     std::optional<std::uint64_t> Admit(const Place& place, TimePoint now);
 
     // Around a fork: the child must not find this locked by a thread that it does not have.
-    void Lock() { mMutex.lock(); }
-    void Unlock() { mMutex.unlock(); }
+    void Lock() ACQUIRE(mMutex) { mMutex.lock(); }
+    void Unlock() RELEASE(mMutex) { mMutex.unlock(); }
 
 private:
     struct Minute {
@@ -44,8 +45,8 @@ private:
     };
 
     const unsigned mLimit;
-    std::mutex mMutex;
-    std::map<Place, Minute> mMinutes;
+    lumora::Mutex mMutex;
+    std::map<Place, Minute> mMinutes GUARDED_BY(mMutex);
 };
 
 }  // namespace lumora_log

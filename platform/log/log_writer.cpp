@@ -8,7 +8,6 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
@@ -17,6 +16,7 @@
 #include <string>
 #include <utility>
 
+#include "base/unique_fd.h"
 #include "signal_shield.h"
 #include "stderr_output.h"
 
@@ -46,15 +46,13 @@ protected:
 // would hold up the caller for ever, and putting a device aside like a full file would take it from
 // everybody.
 bool IsPlainFile(const std::string& path) {
-    const int descriptor =
-        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
-    if (descriptor < 0) {
+    const lumora::UniqueFd file(
+        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644));
+    if (!file) {
         spdlog::throw_spdlog_ex("cannot be opened", errno);
     }
     struct stat status {};
-    const bool known = fstat(descriptor, &status) == 0;
-    close(descriptor);
-    if (!known || !(S_ISREG(status.st_mode) || S_ISCHR(status.st_mode))) {
+    if (fstat(file.Get(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISCHR(status.st_mode))) {
         spdlog::throw_spdlog_ex("is no file");
     }
     return S_ISREG(status.st_mode);
@@ -136,7 +134,7 @@ bool LogWriter::OpenAgain() {
 }
 
 void LogWriter::Write(const LogLine& line) {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const lumora::MutexLock lock(mMutex);
     const SignalShield shield;
     try {
         if (mSink == nullptr && !OpenAgain()) {

@@ -4,9 +4,9 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string_view>
 
+#include "base/mutex.h"
 #include "log_settings.h"
 
 namespace spdlog::sinks {
@@ -35,25 +35,25 @@ public:
     void Write(const LogLine& line);
 
     // Around a fork, as of a LineLimit.
-    void Lock() { mMutex.lock(); }
-    void Unlock() { mMutex.unlock(); }
+    void Lock() ACQUIRE(mMutex) { mMutex.lock(); }
+    void Unlock() RELEASE(mMutex) { mMutex.unlock(); }
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    void OpenFirst();
-    void Open();
-    bool OpenAgain();
-    void Put(const LogLine& line);
-    void ReportLostLines();
-    void Fail(const char* reason);
+    void OpenFirst() REQUIRES(mMutex);
+    void Open() REQUIRES(mMutex);
+    bool OpenAgain() REQUIRES(mMutex);
+    void Put(const LogLine& line) REQUIRES(mMutex);
+    void ReportLostLines() REQUIRES(mMutex);
+    void Fail(const char* reason) REQUIRES(mMutex);
 
-    LogSettings mSettings;                       // never changes once the output was opened
-    std::mutex mMutex;                           // guards everything below
-    std::unique_ptr<spdlog::sinks::sink> mSink;  // null while the output is out of order
-    Clock::time_point mNextAttempt;
-    Clock::time_point mNextComplaint;
-    uint64_t mLostLines = 0;
+    lumora::Mutex mMutex;
+    LogSettings mSettings GUARDED_BY(mMutex);
+    std::unique_ptr<spdlog::sinks::sink> mSink GUARDED_BY(mMutex);  // null while the output cannot be written
+    Clock::time_point mNextAttempt GUARDED_BY(mMutex);
+    Clock::time_point mNextComplaint GUARDED_BY(mMutex);
+    uint64_t mLostLines GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace lumora_log

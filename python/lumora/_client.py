@@ -39,7 +39,7 @@ from ._library import (
 from ._services import DeviceInfo, Service, Transport
 from ._taking import Taking
 
-# No event tells of a broken connection, but every call that needs the device fails from then on.
+# The library has no event for a broken connection; calls that need the device fail from then on.
 _CHECK_INTERVAL = 2.0
 _RECONNECT_PAUSE = 0.5
 _SEARCH_PAUSE = 0.1
@@ -75,7 +75,7 @@ class Subscription(Taking[Block]):
         return self._service
 
     def close(self) -> None:
-        """Ends the iteration; blocks that nobody has taken are gone. Waits for a callback in progress."""
+        """Ends the iteration; blocks that were not taken are dropped. Waits for a callback in progress."""
         self._inbox.close(Closed("the subscription has been closed"))
         self._client._unsubscribe(self)
         self._end_calling()
@@ -126,7 +126,7 @@ class Client:
         return self._handle != 0 and self._lost is None and not self._closed
 
     def find(self, device_type: str, timeout: float = 2.0) -> List[DeviceInfo]:
-        """Searches until devices of this type answer, up to four; DeviceNotFound when none has in time."""
+        """Searches until devices of this type answer, up to four; DeviceNotFound if none does in time."""
         self._require_open()
         wanted = name_argument("the device type", device_type)
         deadline = time.monotonic() + timeout
@@ -141,7 +141,7 @@ class Client:
             time.sleep(_SEARCH_PAUSE)
 
     def connect(self, device: Union[str, DeviceInfo], timeout: float = 2.0) -> DeviceInfo:
-        """Connects to a device: one that find() returned, or the first of a type, which is searched for."""
+        """Connects to a device that find() returned, or to the first of a type that answers a search."""
         with self._lock:
             self._require_open()
             if self.is_connected:
@@ -188,7 +188,7 @@ class Client:
         return subscription
 
     def command(self, name: str, parameter: str = "") -> None:
-        """Sends a command. What the device has to say to it comes as data."""
+        """Sends a command. The device answers by data, if at all."""
         longest = _records.LUM_MAX_CMD_LENGTH
         command = text_argument("the command", name, longest)
         if name in ("", "subscribe", "unsubscribe"):
@@ -198,7 +198,7 @@ class Client:
         self._send_command(command, value, CommandRefused, f'command "{name}"')
 
     def send(self, data: Any, timeout: float = 2.0) -> None:
-        """Sends one block of 1 to 5,242,880 bytes: bytes or what else has a buffer. `timeout` is up to 2."""
+        """Sends one block of 1 to 5,242,880 bytes: any object with a buffer. `timeout` is up to 2."""
         pointer, length = block_argument(data, _records.LUM_MAX_CLIENT_DATA_LENGTH)
         limit = milliseconds(timeout, _records.LUM_MAX_CLIENT_TIMEOUT_MS)
         self._require_connected()
@@ -266,7 +266,7 @@ class Client:
         self._handle = 0
         self._lost = None
         result = library().LUM_ConnectAiDevice(self._id, handle)
-        # Also where this has failed, the channel to another device was closed for it.
+        # Even if this has failed, the channel to another device was closed for it.
         for other in list(_clients.values()):
             if other._handle not in (0, handle.value):
                 other._lose(ConnectionLost("a client of this process has turned to another device"))
@@ -336,7 +336,7 @@ class Client:
             self._remove(subscription)
             others = any(other.service == subscription.service for other in self._subscriptions)
             if self.is_connected and not others:
-                # Also when it fails, nothing is delivered any more; the log has the reason.
+                # Even if it fails, no block is delivered any more; the log has the reason.
                 library().LUM_SendCmd(self._id, self._handle, b"unsubscribe", subscription.service.encode())
 
     def _remove(self, subscription: Subscription) -> None:
@@ -348,7 +348,7 @@ class Client:
         return result, text_of(text.value)
 
     def _answers(self) -> bool:
-        # One answer may get lost on its way.
+        # Asks twice, because one answer may get lost.
         return self._ask_version()[0] == 0 or self._ask_version()[0] == 0
 
     def _raise_failure(self, refused: Type[Error], message: str, function: str, result: int) -> NoReturn:
@@ -374,7 +374,7 @@ class Client:
                 self._watch.join()
             if self._handle != 0 and self._lost is None:
                 library().LUM_DestoryAiDevice(self._id, self._handle)  # the device need not notice by itself
-            _clients.pop(self._id, None)  # before the number is somebody else's
+            _clients.pop(self._id, None)  # before another client gets the number
             library().LUM_DeInitClient(self._id)
             self._has_left = True
             _lifetime.closed(self)
@@ -384,7 +384,7 @@ class Client:
 
     def _forget_in_child(self) -> None:
         self._closed = self._has_left = True
-        self._lock = threading.RLock()  # whoever held it is not here
+        self._lock = threading.RLock()  # a thread that held it does not exist here
         for subscription in self._subscriptions:
             subscription._inbox.close_in_child(Closed("the client has been closed"))
         _clients.pop(self._id, None)
@@ -439,7 +439,7 @@ class Client:
                 self._lose(ConnectionLost(_CONNECTION_ENDED, "LUM_GetServerVersion", -1))
 
 
-# ---- The library's callbacks do not say for whom they are, so there is one of each for the whole process.
+# ---- The library's callbacks have no argument for an object, so there is one of each for the whole process.
 
 _clients: Dict[int, Client] = {}
 

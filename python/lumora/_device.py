@@ -1,4 +1,4 @@
-"""A device: what clients find, and what answers them."""
+"""A device, and the events that clients cause."""
 
 from __future__ import annotations
 
@@ -50,7 +50,7 @@ class Command:
 
 @dataclass(frozen=True)
 class Subscribed:
-    """A client wants what this service sends."""
+    """A client has subscribed to a service."""
 
     client: int
     service: str
@@ -58,7 +58,7 @@ class Subscribed:
 
 @dataclass(frozen=True)
 class Unsubscribed:
-    """A client no longer wants it, or went away."""
+    """A subscription has ended, or its client has left."""
 
     client: int
     service: str
@@ -110,7 +110,7 @@ class Device(Taking[Event]):
         return self._services
 
     def subscribers(self, service: str) -> FrozenSet[int]:
-        """The clients that want what this service sends, also where the event has not been taken yet."""
+        """The clients that are subscribed to this service, also if the event has not been taken yet."""
         return self._subscribers.get(service, frozenset())
 
     def send(self, service: str, data: Any, timeout: float = 3.0) -> None:
@@ -139,7 +139,7 @@ class Device(Taking[Event]):
             )
 
     def close(self) -> None:
-        """Leaves the network; events that nobody has taken are gone. Waits for `on_event` in progress."""
+        """Leaves the network; events that were not taken are dropped. Waits for `on_event` in progress."""
         self._leave()
         self._end_calling()
 
@@ -172,14 +172,14 @@ class Device(Taking[Event]):
     def _forget_in_child(self) -> None:
         global _device, _starting
         self._closed = self._has_left = True
-        self._lock = threading.RLock()  # whoever held it is not here
+        self._lock = threading.RLock()  # a thread that held it does not exist here
         _starting = threading.Lock()
         self._inbox.close_in_child(Closed("the device has been closed"))
         _device = None
 
 
-# ---- From the library, on its threads, which hold one another up: what comes is put aside. The callbacks do
-# ---- not say for whom they are, but a process is at most one device.
+# ---- The library calls these on its threads, which must not wait: each call only queues an event. The
+# ---- callbacks have no argument for an object, but a process is at most one device.
 
 _device: Optional[Device] = None
 _starting = threading.Lock()

@@ -1,4 +1,4 @@
-"""What can go wrong."""
+"""The exceptions of this package."""
 
 from __future__ import annotations
 
@@ -6,9 +6,9 @@ from typing import Optional
 
 
 class Error(Exception):
-    """The base of all that this package raises about the library and the network.
+    """The base of all exceptions about the library and the network.
 
-    `function` is the library's function that failed and `code` its result; both are None where no call of
+    `function` is the library's function that failed and `code` its result; both are None if no call of
     the library is behind it. The library's log tells the reason.
     """
 
@@ -67,7 +67,7 @@ class CommandRefused(Error):
 
 
 class VersionUnknown(Error):
-    """The version cannot be had."""
+    """The library or the device does not give its version."""
 
 
 class SendFailed(Error):
@@ -93,7 +93,7 @@ class ReceiveTimeout(Error, TimeoutError):
 
 
 class QueueOverflow(Error):
-    """Blocks came faster than they were taken, where Overflow.FAIL was chosen."""
+    """Blocks came faster than they were taken, and Overflow.FAIL was chosen."""
 
 
 class Closed(Error):

@@ -1,4 +1,4 @@
-"""From the library's threads, which must not be held up, to whoever takes: a thread or a coroutine."""
+"""Hands events from the library's threads, which must not wait, to a thread or coroutine."""
 
 from __future__ import annotations
 
@@ -15,12 +15,12 @@ from ._errors import Error, QueueOverflow, ReceiveTimeout
 Item = TypeVar("Item")
 _Waiter = Tuple[asyncio.AbstractEventLoop, "asyncio.Future[None]"]
 
-# Commands and subscriptions are never dropped for data; but anybody may send some.
+# Commands and subscriptions are never dropped for data. Any host may send them, so their number is bounded.
 _MOST_NOTES = 1024
 
 
 class Overflow(enum.Enum):
-    """What happens when a block comes and the queue is full."""
+    """The treatment of a block that arrives while the queue is full."""
 
     DROP_OLDEST = "drop oldest"
     """The blocks that have waited longest make room."""
@@ -29,7 +29,7 @@ class Overflow(enum.Enum):
     """The block that has just come is dropped."""
 
     FAIL = "fail"
-    """What waits can still be taken; then QueueOverflow is raised. Nothing is put in any more."""
+    """The queued blocks can still be taken; then QueueOverflow is raised. No more are queued."""
 
 
 class Inbox(Generic[Item]):
@@ -60,7 +60,7 @@ class Inbox(Generic[Item]):
         _wake_coroutines(waiters)
 
     def put_note(self, item: Item) -> None:
-        """Something small that is not dropped to make room for blocks."""
+        """Queues a small event that is not dropped to make room for blocks."""
         with self._changed:
             if self._end is None:
                 if len(self._items) - self._blocks < _MOST_NOTES:
@@ -71,7 +71,7 @@ class Inbox(Generic[Item]):
         _wake_coroutines(waiters)
 
     def end(self, reason: Error) -> None:
-        """What waits can still be taken; then the first reason is raised."""
+        """Closes the queue. Queued events can still be taken; then the first reason is raised."""
         with self._changed:
             if self._end is None:
                 self._end = reason
@@ -79,7 +79,7 @@ class Inbox(Generic[Item]):
         _wake_coroutines(waiters)
 
     def close(self, reason: Error) -> None:
-        """The same, but what waits is forgotten."""
+        """The same, but drops the queued events."""
         with self._changed:
             self._items.clear()
             self._blocks = self._bytes = 0
@@ -88,7 +88,7 @@ class Inbox(Generic[Item]):
         _wake_coroutines(waiters)
 
     def close_in_child(self, reason: Error) -> None:
-        """After a fork: whoever held the lock is not here."""
+        """After a fork: a thread that held the lock does not exist here."""
         self._changed = threading.Condition()
         self._waiters = []
         self.close(reason)
@@ -152,7 +152,7 @@ class Inbox(Generic[Item]):
 
     def _raise_end(self) -> None:
         if self._end is not None:
-            # Another one each time: an exception keeps the trace of where it was raised.
+            # A new one each time: an exception keeps the trace of the place that raised it.
             raise copy.copy(self._end)
 
     def _wake(self) -> List[_Waiter]:

@@ -1,4 +1,4 @@
-"""The C library: loaded at its first use, its functions declared, values brought into their C form."""
+"""Loads the C library at its first use, declares its functions and converts values."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ def library() -> ctypes.CDLL:
             entry = getattr(loaded, function)
             entry.argtypes = arguments
             entry.restype = ctypes.c_int
-        # Of the log library, which the loaded one brings along.
+        # A function of the log library, which the loaded library depends on.
         loaded.LogInfo.argtypes = (_INT, _TEXT, _TEXT, _INT, _TEXT)
         loaded.LogInfo.restype = None
     except (OSError, AttributeError) as reason:
@@ -37,7 +37,7 @@ def library() -> ctypes.CDLL:
 
 
 def log_error(function: str, line: int, text: str) -> None:
-    """Writes to where the library writes."""
+    """Writes to the library's log."""
     # The text is an argument: as a format it might hold directives.
     library().LogInfo(
         LOG_ERROR, b"LUMRA", function.encode(), line, b"%s\n", ctypes.c_char_p(text.encode(errors="replace"))
@@ -45,7 +45,7 @@ def log_error(function: str, line: int, text: str) -> None:
 
 
 def log_callback_failure(failure: Exception) -> None:
-    """Where the callback failed: there is nobody to whom it could be raised."""
+    """Logs the place at which a callback failed. Its caller is C, so the exception ends here."""
     trace = failure.__traceback__
     while trace is not None and trace.tb_next is not None:
         trace = trace.tb_next
@@ -74,7 +74,7 @@ def milliseconds(timeout: float, most: int) -> int:
 
 
 def block_argument(data: Any, most: int) -> Tuple[Any, int]:
-    """What ctypes takes as a pointer, and the length in bytes. Copies only what it has to."""
+    """An object that ctypes takes as a pointer, and the length in bytes. Copies if it must."""
     view = memoryview(data)
     if not 1 <= view.nbytes <= most:
         raise ValueError(f"a block has 1 to {most} bytes, not {view.nbytes}")
@@ -86,5 +86,5 @@ def block_argument(data: Any, most: int) -> Tuple[Any, int]:
 
 
 def text_of(field: bytes) -> str:
-    """Names and commands of others: whatever comes can be printed."""
+    """The text of a peer. Bytes that are not UTF-8 become replacement characters."""
     return field.decode(errors="replace")

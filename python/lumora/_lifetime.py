@@ -1,4 +1,4 @@
-"""Whatever is open when the interpreter ends is closed before the library's threads would meet its ruins."""
+"""Closes open clients and devices at the interpreter's end, before threads of the library call into it."""
 
 from __future__ import annotations
 
@@ -34,7 +34,7 @@ def _close_all() -> None:
 
 
 def _forget_all() -> None:
-    # The library's threads exist in the parent only: nobody could be waited for.
+    # The library's threads exist in the parent only, so there is no thread to wait for.
     for thing in _open:
         thing._forget_in_child()
     _open.clear()

@@ -1,4 +1,4 @@
-"""What include/lumora.h lays down: limits, records and callback types, under their names in C."""
+"""The limits, records and callback types of include/lumora.h, under their names in C."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""What a device offers."""
+"""Services and devices."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ class Transport(enum.IntEnum):
 
 @dataclass(frozen=True)
 class Service:
-    """A named service; `output_length` is the length in bytes of what it produces, for information."""
+    """A named service; `output_length` is the length of its output in bytes, for information."""
 
     name: str
     output_length: int = _records.LUM_MAX_SERVER_DATA_LENGTH
@@ -34,7 +34,7 @@ class DeviceInfo:
     """A device that a search has found."""
 
     type: str
-    """Its type; where several of one type were found, with a number behind it."""
+    """Its type; if several of one type were found, with a number behind it."""
 
     services: Tuple[Service, ...]
 

@@ -1,4 +1,4 @@
-"""What comes, taken one after the other by threads or coroutines."""
+"""Iteration over the events of an inbox, by threads or coroutines."""
 
 from __future__ import annotations
 
@@ -49,7 +49,7 @@ class Taking(Generic[Item]):
             raise StopAsyncIteration from None
 
     def _start_calling(self, callback: Callable[[Item], object], name: str) -> None:
-        """Has a thread give everything to the callback, one after the other."""
+        """Starts a thread that calls the callback for each event."""
         self._thread = threading.Thread(
             target=self._call, args=(callback, name), name=f"lumora-{name}", daemon=True
         )
@@ -66,6 +66,6 @@ class Taking(Generic[Item]):
             log_error(type(self).__name__, 0, f"{name}: {end}")
 
     def _end_calling(self) -> None:
-        """Waits for the callback in progress, unless that is the caller."""
+        """Waits for the callback in progress, unless the callback itself calls this."""
         if self._thread is not None and self._thread is not threading.current_thread():
             self._thread.join()

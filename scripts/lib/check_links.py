@@ -12,7 +12,7 @@ import sys
 import urllib.parse
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-DOCUMENTS = ("*.md", "docs/*.md", "packaging/*.md", "python/*.md", "tests/*/*.md")
+DOCUMENTS = ("*.md", "docs/*.md", "docs/generated/*.md", "packaging/*.md", "python/*.md", "tests/*/*.md")
 LINK = re.compile(r"\]\(([^()\s]+)\)|<(?:a href|img[^>]* src)=\"([^\"]+)\"")
 
 

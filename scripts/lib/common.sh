@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the scripts share. Sourced, never run.
+# Functions of all scripts. Sourced, never run.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
@@ -35,14 +35,14 @@ configure() {
     esac
 }
 
-# configure_logged PRESET|FOLDER [OPTION...]: what it prints goes to a file, which is named when it fails.
+# configure_logged PRESET|FOLDER [OPTION...]: what the output goes to a file, which is named on failure.
 configure_logged() {
     local log=$root/build/${1##*/}-configure.log
     mkdir -p "$root/build"
     configure "$@" >"$log" || die "see $log"
 }
 
-# Sanitizers want their part of the address space for themselves; where it may be, it is not randomized.
+# Sanitizers need a fixed part of the address space. Address randomization is turned off if that is permitted.
 run_ctest() {
     local without_randomization=()
     if setarch --addr-no-randomize true 2>/dev/null; then

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes docs/errors.md from docs/errors.tsv, and compares the table with what the sources log.
+"""Makes docs/generated/errors.md from docs/errors.tsv, and compares the table with the log texts of the sources.
 
   error_reference.py --write   makes the document
   error_reference.py --check   fails when the table lacks a text, has one that no source logs any more, gives it
@@ -17,7 +17,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 FOLDERS = ("api", "base", "client", "server", "protocol", "transport", "link", "version", "platform/link", "platform/log",
            "python/lumora")
 TABLE = ROOT / "docs" / "errors.tsv"
-DOCUMENT = ROOT / "docs" / "errors.md"
+DOCUMENT = ROOT / "docs" / "generated" / "errors.md"
 
 # The name of a call that logs, its level (or None: the first argument), and the place of its text.
 CALLS = {
@@ -57,7 +57,7 @@ def arguments(text, start):
 
 
 def joined(argument):
-    """The text of adjacent literals, or None where there is none."""
+    """The text of adjacent literals, or None if there is none."""
     argument = argument.replace("PRIu64", '"llu"')
     return "".join(LITERAL.findall(argument)) if argument.startswith('"') else None
 
@@ -70,7 +70,7 @@ def level_of(argument):
 
 
 def logged_by_python(path):
-    """The same for Python's one function; what it fills in is shown as C would."""
+    """The same for Python's one function. Its fields are shown as formats of C."""
     for text in re.findall(r'\blog_error\([^\n]*, f?"((?:[^"\\]|\\.)*)"\)', path.read_text()):
         yield 4, re.sub(r"{[^{}]*}", "%s", text)
 
@@ -181,7 +181,7 @@ def document():
 def check():
     faults = [*faults_of_table(texts_of_sources()), *faults_of_codes()]
     if not faults and (not DOCUMENT.exists() or DOCUMENT.read_text() != document()):
-        faults.append("docs/errors.md is not what docs/errors.tsv makes; scripts/docs --write-errors makes it")
+        faults.append("docs/generated/errors.md is not what docs/errors.tsv makes; scripts/docs --write makes it")
     print("\n".join(faults) if faults else "docs/errors.tsv has every text of the log, and no other")
     return 1 if faults else 0
 

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Says which tests of a report that ctest wrote were skipped, and why: skipped_tests.py REPORT"""
+"""Prints which tests were skipped, and why, from a report of ctest: skipped_tests.py REPORT"""
 
 import re
 import sys
 from xml.etree import ElementTree
 
 NO_REASON = "it gave no reason"
-# What GoogleTest writes around the reason that a test gives.
+# The lines of GoogleTest around the reason that a test gives.
 FRAME = re.compile(r"\[[ =A-Z-]*\]|.*: Skipped$")
 
 
@@ -20,7 +20,7 @@ def reason(test):
 
 
 def is_skipped(test):
-    """A program that is missing is among the skipped ones of ctest, too, and is a failure."""
+    """ctest counts a test whose program is missing as skipped. Here it is a failure."""
     skipped = test.find("skipped")
     asked = skipped is not None and skipped.get("message", "").startswith("SKIP_")
     return asked or test.get("status") == "disabled"

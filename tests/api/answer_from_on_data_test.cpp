@@ -1,4 +1,4 @@
-// LUM_SendDataToClient from inside OnData: it works, and waits for nobody who waits for OnData.
+// LUM_SendDataToClient from inside OnData: it works, and waits for no thread that waits for OnData.
 #include <thread>
 
 #include "tests/api/api_fixture.h"
@@ -7,7 +7,8 @@ namespace lumora_test {
 namespace {
 
 const char* const BEING_STOPPED = "called from OnData while the transport is being stopped.\n";
-// Logged by whoever stops the transport once nothing can be sent any more, before it waits for OnData.
+// Logged by the thread that stops the transport once nothing can be sent any more, before it waits for
+// OnData.
 const char* const STOP_WAITS_FOR_ON_DATA = "joinable will join.\n";
 
 class AnswerFromOnDataTest : public ApiTest {

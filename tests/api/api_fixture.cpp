@@ -16,7 +16,7 @@ namespace {
 const char* const CAMERA_ADDRESS = "127.0.0.1";
 constexpr int CAMERA_LINK_PORT = 5683;
 constexpr unsigned int CAMERA_REMOVED = 2;
-// A receive thread that nobody has connected to yet says so every other millisecond.
+// A receive thread without a connection logs that every other millisecond.
 const char* const ACCEPTING = "wait for connections\n";
 
 std::mutex g_reactionsMutex;
@@ -39,7 +39,7 @@ void React(const Reactions& reactions) {
     CurrentReactions() = reactions;
 }
 
-// The results are arbitrary: nobody reads them.
+// The results are arbitrary: they are not used.
 int OnClientEvent(int clientID, LUM_EVENT_E event) {
     CopyOfReactions().clientEvent(clientID, event);
     return -1;

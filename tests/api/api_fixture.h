@@ -51,7 +51,7 @@ class Signal {
 public:
     Signal();
     void Set();
-    // Throws std::runtime_error when nobody sets it within many seconds.
+    // Throws std::runtime_error if it is not set within many seconds.
     void Wait() const;
     bool IsSet() const;
 

@@ -1,6 +1,6 @@
 /*
  * A device and a client, each a process in C that knows the public header only, over the libraries as they
- * are installed. Run it where the loopback interface and the fixed ports are its own.
+ * are installed. Run it in a network namespace of its own.
  */
 #include <poll.h>
 #include <stdio.h>

@@ -58,7 +58,7 @@ TEST_F(CppClientTest, FindsDevicesAndTheirServices) {
     EXPECT_FALSE(found[0].Offers("fac"));
 }
 
-TEST_F(CppClientTest, FindGivesAnEmptyListWhenNobodyAnswers) {
+TEST_F(CppClientTest, FindGivesAnEmptyListWhenNoDeviceAnswers) {
     mPlatform.devices.clear();
     Client client("viewer");
     EXPECT_TRUE(client.Find("camera", ONCE).empty());
@@ -379,7 +379,7 @@ TEST_F(CppClientTest, ExceptionOutOfAHandlerEndsAtOnException) {
     EXPECT_TRUE(HaveArrived({"one", "two", "something else"}));
 }
 
-TEST_F(CppClientTest, ExceptionThatNobodyAskedForIsWritten) {
+TEST_F(CppClientTest, ExceptionWithoutAHandlerIsWritten) {
     Client client("viewer");
     Connect(client);
     client.OnDeviceLeft([] { throw std::runtime_error("so what"); });

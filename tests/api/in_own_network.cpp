@@ -1,4 +1,4 @@
-// in_own_network PROGRAM [ARGUMENT...]: runs a program where the fixed ports are its own.
+// in_own_network PROGRAM [ARGUMENT...]: runs a program in a network namespace of its own.
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -221,7 +221,7 @@ TEST_F(OutOfMemoryTest, LeavingNeedsNoMemory) {
 TEST_F(OutOfMemoryTest, InitServerFailsAndTheNextOneWorks) {
     FailEachAllocation([this] { return LUM_InitServer(LONG_TYPE.c_str()); });
     ASSERT_EQ(0, LUM_DeInitServer());
-    // Also where an instance is there already.
+    // Also if an instance is there already.
     mPlatform.runResult = -1;
     EXPECT_EQ(-1, LUM_InitServer(LONG_TYPE.c_str()));
     mPlatform.runResult = 0;

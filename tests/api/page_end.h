@@ -1,4 +1,4 @@
-// Memory whose end nobody may read over.
+// Memory that ends at a page: a read beyond its end faults.
 #pragma once
 
 #include <string>

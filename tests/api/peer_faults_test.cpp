@@ -203,8 +203,8 @@ TEST_F(DeviceFaultsTest, NeverConnects) {
         DeviceLeaves();
         ASSERT_EQ(1, InitClient());
         Connect();
-        EXPECT_EQ(0, Send("nobody is listened to yet"));
-        mDevice.Receive(31);
+        EXPECT_EQ(0, Send("not connected yet"));
+        mDevice.Receive(23);
     }
     mFromServer = RawConnection::To(CLIENT_PORT);
     ExpectWorking();

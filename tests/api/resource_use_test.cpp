@@ -207,17 +207,17 @@ TEST_F(ResourceUseTest, TwentyClientsOfOneProcessAllGetTheirData) {
     reactions.deviceEvent = [&](const LUM_DEVICE_EVENT_S& event) { told.push_back(event.clientID); };
     React(reactions);
     BeConnectedClient();
-    Bytes everybody;
+    Bytes everyClient;
     std::vector<int> inOrder;
     for (int clientID = 1; clientID <= LUM_MAX_CLIENTS; ++clientID) {
         ASSERT_EQ(clientID, clientID == 1 ? 1 : InitClient());
         ASSERT_EQ(0, LUM_RegisterAiDeviceEvent(clientID, 1, OnDeviceEvent));
         ASSERT_EQ(0, LUM_ConnectAiDevice(clientID, 1)) << mLog.Dump();
-        everybody += static_cast<char>(clientID);
+        everyClient += static_cast<char>(clientID);
         inOrder.push_back(clientID);
     }
     mFromServer = RawConnection::To(CLIENT_PORT);
-    mFromServer.Send(ServerFrameBytes(everybody, "face", "for all"));
+    mFromServer.Send(ServerFrameBytes(everyClient, "face", "for all"));
     // The end of the connection has been seen when the frame before it has been delivered.
     mFromServer.Close();
     ASSERT_TRUE(Eventually([] { return LUM_ConnectAiDevice(1, 1) == -1; }));
@@ -228,18 +228,18 @@ TEST_F(ResourceUseTest, EightServicesHaveTwentySubscribersEach) {
     const Texts services = {"one", "two", "three", "four", "five", "six", "seven", "eight"};
     InitServer();
     Register(services);
-    Bytes everybody;
+    Bytes everyClient;
     for (int clientID = 1; clientID <= LUM_MAX_CLIENTS; ++clientID) {
         for (const std::string& service : services) {
             Subscribe(clientID, service);
         }
-        everybody += static_cast<char>(clientID);
+        everyClient += static_cast<char>(clientID);
     }
     OpenChannel();
     for (const std::string& service : services) {
         unsigned int sent = 0;
         ASSERT_EQ(0, LUM_SendDataToClient(service.c_str(), "data", 4, &sent, 0)) << mLog.Dump();
-        const Bytes frame = ServerFrameBytes(everybody, service, "data");
+        const Bytes frame = ServerFrameBytes(everyClient, service, "data");
         EXPECT_EQ(frame, mFromServer.Receive(frame.size()));
     }
 }

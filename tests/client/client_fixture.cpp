@@ -41,6 +41,11 @@ void ForgetCallbacks() {
 
 }  // namespace
 
+std::vector<unsigned int> ClientModuleProbe::IdsInUse() {
+    const lumora::MutexLock lock(LumoraClientModule::mInstanceMutex);
+    return *LumoraClientModule::mClientInstance;
+}
+
 void ClientModuleProbe::EndSearch(LumoraClientModule& module, SearchResult result) {
     const lumora::MutexLock lock(module.mMutex);
     module.mDevices.Replace(result);
@@ -246,6 +251,21 @@ ChannelTest::ChannelTest() {
 void ChannelTest::Connect(int clientID, unsigned int handle) {
     ASSERT_EQ(0, TryToConnect(clientID, handle)) << mLog.Dump();
     mFromClient = mListener.Accept();
+}
+
+unsigned int ChannelTest::ConnectToCamera() {
+    const unsigned int camera = Camera();
+    Connect(1, camera);
+    ForgetAsked();
+    mLog.Clear();
+    return camera;
+}
+
+void ChannelTest::LoseTheCamera() {
+    mPlatform.devices = {Device("reader", 5684)};
+    EXPECT_EQ(0, Search());
+    ForgetAsked();
+    mLog.Clear();
 }
 
 void ChannelTest::RegisterEvents(int clientID, unsigned int handle) {

@@ -1,4 +1,4 @@
-// The client module over a platform in the process and, where a test needs them, devices that a raw peer
+// The client module over a platform in the process and, if a test needs them, devices that a raw peer
 // plays.
 #pragma once
 
@@ -32,8 +32,8 @@ using lumora_test::RawListener;
 using lumora_test::Request;
 using lumora_test::ServiceInfo;
 
-constexpr unsigned int NO_HANDLE = 4711;  // a handle that nobody was given
-constexpr int NO_CLIENT = 17;             // an ID that nobody was given
+constexpr unsigned int NO_HANDLE = 4711;  // a handle that was not given out
+constexpr int NO_CLIENT = 17;             // an ID that was not given out
 
 // What a device is asked for before it hears of the first client.
 inline const std::string SETUP_KEY = ".sys.mediaservice.setup";
@@ -41,7 +41,7 @@ inline const std::string SETUP = " Get " + SETUP_KEY + R"( {"p":2,"ep":{"addr":"
 
 // What lies behind the module's operations and cannot be reached through them.
 struct ClientModuleProbe {
-    static std::vector<unsigned int> IdsInUse() { return LumoraClientModule::ClientInstances(); }
+    static std::vector<unsigned int> IdsInUse();
     // As if a search had ended with this result.
     static void EndSearch(LumoraClientModule& module, SearchResult result);
     // Puts a transport in the place of the handle's.
@@ -160,6 +160,10 @@ protected:
     unsigned int Reader(int clientID = 1) { return Handle(clientID, "reader"); }
     // Connects, and takes up the connection that the client makes.
     void Connect(int clientID, unsigned int handle);
+    // The first client does so; the log and the requests begin anew.
+    unsigned int ConnectToCamera();
+    // Makes the search find the reader only: the camera's handle stays.
+    void LoseTheCamera();
     int TryToConnect(int clientID, unsigned int handle) { return mModule->ConnectAiDevice(clientID, handle); }
     void RegisterEvents(int clientID, unsigned int handle);
     // The device closes its sending half; returns when the client knows.

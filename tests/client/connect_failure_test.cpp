@@ -162,7 +162,7 @@ TEST_F(ConnectFailureTest, TransportOfARefusedConnectStaysWithTheHandle) {
     EXPECT_EQ(-1, SendData(1, camera, "x"));
 }
 
-TEST_F(ConnectFailureTest, RefusedConnectLeavesTheClientUnconnectedAlsoFromWhereItWas) {
+TEST_F(ConnectFailureTest, RefusedConnectEndsAlsoTheEarlierConnectionOfTheClient) {
     const unsigned int camera = Camera();
     const unsigned int reader = Reader();
     Connect(1, camera);

@@ -1,4 +1,4 @@
-// ConnectAiDevice where it succeeds, and what it asks of whom in which order.
+// ConnectAiDevice when it succeeds: what it asks of which device, in which order.
 #include "tests/client/client_fixture.h"
 #include "tests/support/eventually.h"
 
@@ -110,30 +110,6 @@ TEST_F(ConnectTest, SecondClientOnAHandleSharesItsTransport) {
     EXPECT_EQ(0, SendData(1, camera, "a"));
     EXPECT_EQ(0, SendData(2, camera, "b"));
     EXPECT_EQ(lumora_test::ClientFrame(1, "a") + lumora_test::ClientFrame(2, "b"), mFromClient.Receive(14));
-}
-
-TEST_F(ConnectTest, UnknownHandleIsRefusedFirst) {
-    EXPECT_EQ(-1, TryToConnect(NO_CLIENT, NO_HANDLE));
-    EXPECT_THAT(mLog.Texts(1), ElementsAre("Handle error, ConnectAiDevice failed!\n"));
-    EXPECT_THAT(mLog.Texts(4), IsEmpty());
-}
-
-TEST_F(ConnectTest, HandleOfADeviceThatWasNotFoundAgainIsRefused) {
-    const unsigned int camera = Camera();
-    mPlatform.devices = {Device("reader", 5684)};
-    EXPECT_EQ(0, Search());
-    mLog.Clear();
-    EXPECT_EQ(-1, TryToConnect(NO_CLIENT, camera));
-    EXPECT_THAT(mLog.Texts(1), ElementsAre("Handle error, No such device!\n"));
-    EXPECT_THAT(mLog.Texts(4), IsEmpty());
-}
-
-TEST_F(ConnectTest, UnknownClientIsRefused) {
-    const unsigned int camera = Camera();
-    mLog.Clear();
-    EXPECT_EQ(-1, TryToConnect(NO_CLIENT, camera));
-    EXPECT_THAT(mLog.Texts(1), ElementsAre("ClientID : 17 no resource!!\n"));
-    EXPECT_THAT(Asked(), IsEmpty());
 }
 
 // ---- From one device to another ----

@@ -11,11 +11,6 @@ using testing::IsEmpty;
 
 class ConnectionLostTest : public ChannelTest {
 protected:
-    void LoseTheCamera() {
-        mPlatform.devices = {Device("reader", 5684)};
-        EXPECT_EQ(0, Search());
-        mLog.Clear();
-    }
     bool IsFound(std::string type) {
         unsigned int handle = 0;
         return mModule->CreateAiDevice(1, type, &handle) == 0;
@@ -69,7 +64,7 @@ TEST_F(ConnectionLostTest, ClientsOfOtherHandlesStayConnected) {
     EXPECT_TRUE(IsFound("camera"));
 }
 
-TEST_F(ConnectionLostTest, NobodyIsToldByAClientEvent) {
+TEST_F(ConnectionLostTest, NoClientIsToldByAClientEvent) {
     EXPECT_EQ(0, mModule->RegisterEvent(1, RemovalCallback));
     const unsigned int camera = Camera();
     Connect(1, camera);

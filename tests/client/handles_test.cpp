@@ -80,40 +80,6 @@ TEST_F(HandlesTest, FailedSearchForgetsNoDevice) {
     EXPECT_EQ(1U, Handle(1, "camera"));
 }
 
-TEST_F(HandlesTest, NowhereToWriteTheHandleIsRefusedFirst) {
-    EXPECT_EQ(0, RemoveClient(1));
-    EXPECT_EQ(0, RemoveClient(2));
-    mLog.Clear();
-    EXPECT_EQ(-1, Create(NO_CLIENT, "nothing", nullptr));
-    ExpectOnlyError("handle invalid!\n");
-}
-
-TEST_F(HandlesTest, StoppedLinkGivesNoHandle) {
-    EXPECT_EQ(0, RemoveClient(1));
-    EXPECT_EQ(0, RemoveClient(2));
-    mLog.Clear();
-    EXPECT_EQ(-1, Create(NO_CLIENT, "nothing", &mHandle));
-    ExpectOnlyError("mSmartHomeLink is not running, you can't CreateAiDevice\n");
-    EXPECT_EQ(99U, mHandle);
-}
-
-TEST_F(HandlesTest, UnknownClientGetsNoHandle) {
-    EXPECT_EQ(-1, Create(NO_CLIENT, "nothing", &mHandle));
-    ExpectOnlyError("ClientID : 17 no resource!!\n");
-    EXPECT_EQ(99U, mHandle);
-}
-
-TEST_F(HandlesTest, TypeThatWasNotFoundGetsNoHandle) {
-    EXPECT_EQ(-1, Create(1, "nothing", &mHandle));
-    ExpectOnlyError("No service type :nothing found in net!\n");
-    EXPECT_EQ(99U, mHandle);
-}
-
-TEST_F(HandlesTest, TypesAreComparedExactly) {
-    EXPECT_EQ(-1, Create(1, "Camera", &mHandle));
-    EXPECT_EQ(-1, Create(1, "", &mHandle));
-}
-
 TEST_F(HandlesTest, DestroyingTellsTheDeviceWhichClientIsGone) {
     Handle(1, "camera");
     const unsigned int reader = Handle(1, "reader");
@@ -130,28 +96,6 @@ TEST_F(HandlesTest, DestroyedHandleStaysAndIsGivenAgain) {
     EXPECT_EQ(0, mModule->DestoryAiDevice(1, 1));
     EXPECT_EQ(1U, Handle(1, "camera"));
     EXPECT_EQ(2U, Handle(1, "reader"));
-}
-
-TEST_F(HandlesTest, UnknownClientIsRefusedBeforeTheHandle) {
-    EXPECT_EQ(-1, mModule->DestoryAiDevice(NO_CLIENT, NO_HANDLE));
-    ExpectOnlyError("ClientID : 17 no resource!!\n");
-}
-
-TEST_F(HandlesTest, UnknownHandleIsNotDestroyed) {
-    EXPECT_EQ(-1, mModule->DestoryAiDevice(1, NO_HANDLE));
-    ExpectOnlyError("Handle error: 4711, no such device!\n");
-    EXPECT_THAT(Asked(), IsEmpty());
-}
-
-TEST_F(HandlesTest, HandleOfADeviceThatWasNotFoundAgainIsNotDestroyed) {
-    const unsigned int camera = Handle(1, "camera");
-    mPlatform.devices.erase(mPlatform.devices.begin());
-    EXPECT_EQ(0, Search());
-    mLog.Clear();
-    ForgetAsked();
-    EXPECT_EQ(-1, mModule->DestoryAiDevice(1, camera));
-    ExpectOnlyError("Device source: camera no resource!\n");
-    EXPECT_THAT(Asked(), IsEmpty());
 }
 
 TEST_F(HandlesTest, DeviceThatRefusesToDestroyFailsTheCall) {

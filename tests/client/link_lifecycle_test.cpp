@@ -18,7 +18,7 @@ protected:
         EXPECT_EQ(-1, mModule->InitLumoraModule(clientID)) << mLog.Dump();
         return mLog.Texts(4);
     }
-    // Where memory runs out in a place without a message, the exported functions turn the exception into -1.
+    // If memory runs out in a place without a message, the exported functions turn the exception into -1.
     int InitOrThrow(int clientID) {
         try {
             return mModule->InitLumoraModule(clientID);
@@ -240,7 +240,7 @@ TEST_F(LinkLifecycleTest, RemovalEventWhileTheLinkExitsIsHandled) {
     EXPECT_TRUE(mLog.Has(1, "We will clear camera 's resource, handle = 1!\n"));
 }
 
-TEST_F(LinkLifecycleTest, EventAfterTheInstancesEndFindsNobody) {
+TEST_F(LinkLifecycleTest, EventAfterTheInstancesEndIsRefused) {
     NewClient();
     EXPECT_EQ(0, RemoveClient(1));
     mModule.reset();

@@ -89,7 +89,7 @@ TEST_F(ReceiveTest, ClientListedTwiceGetsTheEventTwice) {
     EXPECT_THAT(Receivers(), ElementsAre(1, 1));
 }
 
-TEST_F(ReceiveTest, FrameForNobodyIsAccepted) {
+TEST_F(ReceiveTest, FrameWithoutClientsIsAccepted) {
     Register(1);
     EXPECT_EQ(0, Receive(ServerFrameBytes("", "face", "data")));
     EXPECT_THAT(Receivers(), IsEmpty());
@@ -251,7 +251,7 @@ TEST_F(ReceiveTest, NameOf40IsRefusedByTheCopy) {
     EXPECT_THAT(Receivers(), IsEmpty());
 }
 
-TEST_F(ReceiveTest, NameOf40ForNobodyIsAccepted) {
+TEST_F(ReceiveTest, NameOf40WithoutClientsIsAccepted) {
     EXPECT_EQ(0, Receive(ServerFrameBytes("", Bytes(40, 'n'), "data")));
 }
 
@@ -350,7 +350,8 @@ TEST_F(ReceiveTest, LargestFrameArrivesWhole) {
 TEST_F(ReceiveTest, RefusedFrameDoesNotEndTheConnection) {
     Register(1);
     Connect(1, mCamera);
-    mToClient.Send(ServerFrameBytes("\x11", "face", "for nobody") + ServerFrameBytes("\x01", "face", "data"));
+    mToClient.Send(ServerFrameBytes("\x11", "face", "for no client") +
+                   ServerFrameBytes("\x01", "face", "data"));
     ASSERT_TRUE(Eventually([] { return ReceivedPayloads().size() == 1; }));
     EXPECT_THAT(ReceivedPayloads(), ElementsAre("data"));
     EXPECT_TRUE(mLog.Has(4, "ClientID : 17 has no Register Event Callback!!\n"));

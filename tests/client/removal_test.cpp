@@ -107,7 +107,7 @@ TEST_F(RemovalTest, ClientsAreToldWithoutTheModulesLockAndInsideACallbackScope) 
     EXPECT_FALSE(lumora::CallbackScope::Inside(lumora::Side::CLIENT));
 }
 
-TEST_F(RemovalTest, DeviceWithoutAHandleConcernsNobody) {
+TEST_F(RemovalTest, DeviceWithoutAHandleConcernsNoClient) {
     RegisterForEvents(1);
     mLog.Clear();
     EXPECT_EQ(0, Remove(5683));

@@ -5,14 +5,12 @@
 
 namespace {
 
-using lumora_test::SlotOf;
+using lumora_test::ExpectSlotOrder;
 using lumoraAiModule::LumoraClientModule;
 
 TEST(SlotOrder, OfTheClientModule) {
-    EXPECT_EQ(2U, SlotOf(&LumoraClientModule::OnRecvData));
-    EXPECT_EQ(3U, SlotOf(&LumoraClientModule::OnDisconnect));
-    EXPECT_EQ(4U, SlotOf(&LumoraClientModule::OnAddDevice));
-    EXPECT_EQ(5U, SlotOf(&LumoraClientModule::OnRemoveDevice));
+    ExpectSlotOrder(&LumoraClientModule::OnRecvData, &LumoraClientModule::OnDisconnect,
+                    &LumoraClientModule::OnAddDevice, &LumoraClientModule::OnRemoveDevice);
 }
 
 }  // namespace

@@ -28,7 +28,7 @@ int main() {
     for (const void* function : functions) {
         std::printf("%p\n", function);
     }
-    // No name has 40 characters: nobody joins a network here.
+    // No name has 40 characters: this joins no network.
     std::error_code error;
     const lumora::Client client(std::string(LUM_NAME_SIZE, 'n'), error);
     return error == lumora::Errc::BAD_NAME ? LUM_DeInitServer() : 1;

@@ -6,7 +6,7 @@ A comment before a code block says what is done with it:
   <!-- file NAME -->   it is a file, kept beside the others of its document
   <!-- run -->         commands, which must succeed
   <!-- start -->       a command that goes on; it is ready when it has printed a line
-  <!-- run as root -->, <!-- start as root -->  the same, left out where this is not possible
+  <!-- run as root -->, <!-- start as root -->  the same, left out if this is not possible
   <!-- stop -->        ends what was started last, by the signal of Ctrl-C
   <!-- session -->     its first line is started, the others are run, and it is stopped
   <!-- prints -->      what the block before printed: these lines among others, in this order; ... stands for anything
@@ -24,7 +24,7 @@ import tempfile
 CODE = ("c", "cpp", "python", "sh")
 MARK = re.compile(r"<!-- (examples/\S+|file \S+|run|start|session|run as root|start as root|stop|prints) -->$")
 TIME_LIMIT = 120
-OWN_NAMES = "DOCUMENTS_TEST_OWN_NAMES"  # set where network namespaces may be named without anybody seeing it
+OWN_NAMES = "DOCUMENTS_TEST_OWN_NAMES"  # set if /run/netns is mounted for this process alone
 
 
 class Fault(Exception):
@@ -48,7 +48,7 @@ def steps(text):
                     break
                 content.append(inner)
             if mark is None and fence.group(1) in CODE:
-                raise Fault(f"line {number}: a block of {fence.group(1)} that nobody runs")
+                raise Fault(f"line {number}: a block of {fence.group(1)} that is not run")
             if mark is not None:
                 yield number, mark, fence.group(1), "\n".join(content) + "\n"
             mark = None
@@ -156,7 +156,7 @@ def environment_for(sources, programs, libraries, folder):
 
 
 def take_own_names():
-    """Runs the test again where /run/netns is its own, if it may."""
+    """Runs the test again with a /run/netns of its own, if it may."""
     inside = ["unshare", "--mount", "--propagation", "private", "bash", "-euc",
               'mkdir -p /run/netns; mount -t tmpfs none /run/netns; ip netns add try; ip netns delete try; exec "$@"',
               "_"]

@@ -56,8 +56,7 @@ TEST(HaltedTest, ConnectionOutlastsThatEitherSideIsHalted) {
     for (Process* halted : {&device, &client}) {
         client.WriteLine("before");
         EXPECT_EQ("echo: before", client.WaitForLine("echo: "));
-        halted->Signal(SIGSTOP);
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        halted->Halt();
         halted->Signal(SIGCONT);
         client.WriteLine("after");
         EXPECT_EQ("echo: after", client.WaitForLine("echo: "));
@@ -82,7 +81,7 @@ protected:
     }
     // The device is stopped meanwhile, so the call does not come to its end.
     static void BeginStep(Process& client, Process& device) {
-        device.Signal(SIGSTOP);
+        device.Halt();
         client.WriteLine(Step());
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
@@ -219,10 +218,10 @@ public:
         unsetenv("FAIL_ALLOCATION");
     }
 
-    // 255: libcoap ends the process itself where a table of its own finds no memory.
+    // 255: libcoap ends the process itself if a table of its own finds no memory.
     void ExpectEnd(long failing) { EXPECT_THAT(WaitForEnd(), AnyOf(0, 1, 255)) << failing; }
 
-    // Known at its end, 0 where that came too early.
+    // Known at its end, 0 if that came too early.
     long Allocations() const {
         const std::string mark = "allocations: ";
         const std::size_t at = Errors().rfind(mark);
@@ -248,7 +247,7 @@ TEST_F(ExhaustedTest, OneAllocationOfAClientWithoutADevice) {
     EXPECT_LT(50, all);
 }
 
-// Every 25th, and each of them where many rounds are wanted.
+// Every 25th, and each of them if many rounds are wanted.
 TEST_F(ExhaustedTest, OneAllocationOfADeviceThatServes) {
     constexpr long UNTIL_SERVED = 450;
     const long step = Rounds(0) > 0 ? 1 : 25;
@@ -256,9 +255,9 @@ TEST_F(ExhaustedTest, OneAllocationOfADeviceThatServes) {
     for (long failing = 1; failing < UNTIL_SERVED; failing += step) {
         ForgetfulProcess device(DEVICE_PROGRAM, failing);
         {
-            // Killed before its end where its request is among those that the device forgets.
+            // Killed before its end if its request is among those that the device forgets.
             Process client({CLIENT_PROGRAM});
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            Eventually([&] { return client.HasEnded(); }, std::chrono::milliseconds(500));
         }
         device.Signal(SIGTERM);
         device.ExpectEnd(failing);
@@ -274,7 +273,7 @@ TEST_F(ExhaustedTest, DiskUnderTheLog) {
     char folder[] = "/tmp/lumora-full-disk-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(folder));
     const std::string path = folder;
-    // A disk of its own, which nobody else sees, and which ends with the device.
+    // A disk of its own, which no other process sees and which ends with the device.
     Process device({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
                     "mount -t tmpfs -o size=64k none " + path + "; cat /dev/zero >" + path +
                         "/other 2>/dev/null; LUMORA_LOG_LEVEL=0 LUMORA_LOG_FILE=" + path + "/log exec " +

@@ -1,6 +1,6 @@
 /*
  * Put in front of the C library's: the system clock is set an hour or a day forth and back at every look at
- * it. Clocks that nobody can set go on as they are.
+ * it. Clocks that cannot be set go on as they are.
  */
 #define _GNU_SOURCE
 #include <stdatomic.h>

@@ -4,7 +4,7 @@
 #
 # usage: link_cuts_test.sh FOLDER-OF-PROGRAMS [SECONDS...]
 #
-# The cuts last so many seconds, 1 where nothing is said. Ends with 77 where namespaces are not permitted. Nothing
+# The cuts last so many seconds, 1 by default. Ends with 77 if namespaces are not permitted. Nothing
 # leaves the namespaces it makes.
 set -u
 # shellcheck source-path=SCRIPTDIR

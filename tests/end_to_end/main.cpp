@@ -7,7 +7,7 @@
 int main(int argc, char** argv) {
     lumora_test::EnterOwnNetwork();
     signal(SIGPIPE, SIG_IGN);
-    // For the programs under test. Nothing leaves this machine, even where it has no network of its own.
+    // For the programs under test. Nothing leaves this machine, even if it has no network of its own.
     setenv("LUMORA_LINK_INTERFACE", "lo", 1);
     unsetenv("LUMORA_LINK_PEERS");
     unsetenv("LUMORA_LINK_PORT");

@@ -161,6 +161,18 @@ void Process::Signal(int number) {
 }
 
 // Its streams end with it.
+void Process::Halt() {
+    Signal(SIGSTOP);
+    siginfo_t info = {};
+    waitid(P_PID, static_cast<id_t>(mId), &info, WSTOPPED | WEXITED | WNOWAIT);
+}
+
+bool Process::HasEnded() const {
+    siginfo_t info = {};
+    waitid(P_PID, static_cast<id_t>(mId), &info, WEXITED | WNOHANG | WNOWAIT);
+    return info.si_pid != 0;
+}
+
 int Process::WaitForEnd() {
     while (ReadMore()) {
     }

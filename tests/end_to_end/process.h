@@ -28,6 +28,9 @@ public:
     void CloseInput();
 
     void Signal(int number);
+    // Stops the program; returns when the kernel has stopped it.
+    void Halt();
+    bool HasEnded() const;
 
     // Waits for the end: the exit code, or 128 and the number of the signal that ended it.
     int WaitForEnd();

@@ -2,7 +2,7 @@
 # The examples of both sides on two hosts that a bridge joins: nothing of a device is on its client's host.
 #
 # usage: two_hosts_test.sh FOLDER-OF-PROGRAMS
-# Ends with 77 where namespaces are not permitted. Nothing leaves the namespaces it makes.
+# Ends with 77 if namespaces are not permitted. Nothing leaves the namespaces it makes.
 set -u
 # shellcheck source-path=SCRIPTDIR
 . "$(dirname "$0")/../support/hosts.sh"

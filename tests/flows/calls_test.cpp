@@ -81,7 +81,9 @@ private:
     std::vector<int> mFillers;
 };
 
-void OnTimer(int) {}
+std::atomic<int> g_timerSignals{0};
+
+void OnTimer(int) { ++g_timerSignals; }
 
 // Interrupts the first thread of this process each millisecond: the kernel prefers it.
 class TimerSignals {
@@ -121,8 +123,11 @@ TEST_F(CallsTest, ConnectOutlastsATimersSignals) {
     ASSERT_EQ(1, InitClient());
     ASSERT_EQ(1U, FindCamera(1));
     FullListener device(DEVICE_PORT);
-    std::thread later([&device] {
-        std::this_thread::sleep_for(milliseconds(100));
+    g_timerSignals = 0;
+    std::thread later([&] {
+        EXPECT_TRUE(mLog.WaitFor(1, "addr: 127.0.0.1\n"));  // logged right before the call of connect
+        const int before = g_timerSignals;
+        EXPECT_TRUE(Eventually([=] { return g_timerSignals > before + 20; }));
         device.Drain();
     });
     {
@@ -152,12 +157,14 @@ TEST_F(CallsTest, SendAfterAnOrderlyCloseWritesNothing) {
 TEST_F(CallsTest, StreamMeetsAnOrderlyClose) {
     BeServingDevice();
     const std::string block(100000, 'b');
-    std::thread reader([this] {
-        while (!mFromServer.ReceiveSome(milliseconds(2000)).empty()) {
+    std::atomic<std::size_t> received{0};
+    std::thread reader([&] {
+        for (Bytes some; !(some = mFromServer.ReceiveSome(milliseconds(2000))).empty();) {
+            received += some.size();
         }
     });
-    std::thread closer([this] {
-        std::this_thread::sleep_for(milliseconds(30));
+    std::thread closer([&] {
+        EXPECT_TRUE(Eventually([&] { return received > 10 * block.size(); }));
         mToServer.Close();
     });
     unsigned int sent = 4711;

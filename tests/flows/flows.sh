@@ -8,8 +8,8 @@
 # A combination is a list of options of tests/flows/flow_client.h, joined by commas: size=1000000,search,command=400.
 # With "silent" another device of the network is halted most of the time, and a bystander on a host of its own keeps
 # trying to connect to it. "all" is every combination. Options in LUMORA_FLOW_OPTIONS, joined by commas, too, hold
-# where a combination does not name them; with LUMORA_FLOW_FIGURES the figures of good flows are written as well.
-# Ends with 77 where namespaces are not permitted. Nothing leaves the namespaces it makes.
+# if a combination does not name them; with LUMORA_FLOW_FIGURES the figures of good flows are written as well.
+# Ends with 77 if namespaces are not permitted. Nothing leaves the namespaces it makes.
 set -u
 # shellcheck source-path=SCRIPTDIR
 . "$(dirname "$0")/../support/hosts.sh"

@@ -109,6 +109,7 @@ protected:
         if (result == 0 && sent < length && Clock::now() - begin >= SEND_LIMIT) {
             mRanOut = true;
         }
+        mWhole += result == 0 && sent == length ? 1 : 0;
         return result == 0 && sent == length;
     }
     // The library knows a handle until it is told of its device's end.
@@ -122,13 +123,14 @@ protected:
             ASSERT_TRUE(Eventually([&] { return g_blocks > before + 3; }));
         }
         if (GetParam().clientStreams) {
+            const int whole = mWhole;
             mStreaming = true;
             mStream = std::thread([this] {
                 while (mStreaming) {
                     SendsBlock();
                 }
             });
-            std::this_thread::sleep_for(milliseconds(20));
+            ASSERT_TRUE(Eventually([&] { return mWhole > whole + 3; }));
         }
     }
     void KillDevice() {
@@ -155,6 +157,7 @@ protected:
     // A send made no progress for so long that the library closed the channel itself: the machine took longer
     // than that to end the device.
     std::atomic<bool> mRanOut{false};
+    std::atomic<int> mWhole{0};  // blocks that the client sent
     std::thread mStream;
     Clock::time_point mKilled;
 };

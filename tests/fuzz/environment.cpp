@@ -6,7 +6,7 @@
 #include "link_log.h"
 #include "tests/support/system_faults.h"
 
-// Formatted where a device with the default settings would: what a peer sent goes through the arguments.
+// Formatted if a device with the default settings would: what a peer sent goes through the arguments.
 extern "C" void LogInfo(int level, const char*, const char*, int, const char* format, ...) {
     constexpr int WRITTEN_BY_DEFAULT = 2;
     if (level < WRITTEN_BY_DEFAULT) {

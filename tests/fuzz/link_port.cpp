@@ -90,7 +90,7 @@ public:
 
 private:
     PortGuard mGuard;
-    UniqueFd mSocket;
+    lumora::UniqueFd mSocket;
     std::uint16_t mSource = 0;
 };
 

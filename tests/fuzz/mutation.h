@@ -1,4 +1,4 @@
-// Changes that keep an input's structure, where the fuzzer's own would only ever break it.
+// Changes that keep an input's structure; the fuzzer's own only break it.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@ namespace lumora_fuzz {
 class Dice {
 public:
     explicit Dice(unsigned int seed) : mEngine(seed) {}
-    // 0 to below - 1; 0 also where there is nothing to choose from.
+    // 0 to below - 1; 0 also if there is nothing to choose from.
     std::size_t Below(std::size_t below) { return below < 2 ? 0 : mEngine() % below; }
     bool OneIn(std::size_t n) { return Below(n) == 0; }
     std::uint32_t Number() { return static_cast<std::uint32_t>(mEngine()); }

@@ -14,7 +14,7 @@
 
 namespace lumora_fuzz {
 
-// The kinds of records: one read each, into the place where the rest of a pending frame is needed where there
+// The kinds of records: one read each, into the place where the rest of a pending frame is needed if there
 // is one, or into the read buffer, as when that place has no room for a whole read.
 enum ReadKind : std::uint8_t { READ_INTO_PLACE, READ_ASIDE, READ_KINDS };
 
@@ -56,7 +56,7 @@ void ReplayReads(const Script& reads, Transport& transport, lumora_test::Inbox& 
         }
         const bool fits = model.Feed(bytes);
         const int result = transport.Receive(bytes, kind % READ_KINDS == READ_ASIDE);
-        Require(result == (fits ? 0 : -1), "bytes are refused where they do not fit");
+        Require(result == (fits ? 0 : -1), "bytes are refused if they do not fit");
         Require(transport.Holds(model.Held()), "the rest is what the model keeps");
     }
     Require(delivered.Take() == model.Delivered(), "what is delivered is what the model delivers");

@@ -36,7 +36,7 @@ int OnData(int, const char*, unsigned int) { return 0; }
 
 class Device {
 public:
-    Device() : mModule("camera") {
+    Device() : mModule("camera", lumora_test::Sources()) {
         Require(mModule.InitLumoraModule() == 0, "the module starts");
         LUM_DEVICE_INFO_S info = {2, "camera", {}, OnCommand, OnNotify, OnData};
         info.serviceInfo[0] = {1000, "face", LUM_TRANSPORT_TCP};

@@ -19,7 +19,7 @@ struct Callback {
     std::atomic<int> calls{0};
 };
 
-constexpr int NOBODY = -1;
+constexpr int NOT_CALLED = -1;
 
 class CallbackSlotTest : public testing::Test {
 protected:
@@ -36,7 +36,7 @@ protected:
                           mLeft = true;
                           return 3;
                       },
-                      NOBODY);
+                      NOT_CALLED);
               }) {
             mEntered.get_future().wait();
         }
@@ -72,7 +72,7 @@ protected:
                 ++callback.calls;
                 return result;
             },
-            NOBODY);
+            NOT_CALLED);
     }
 
     CallbackSlot<Callback> mSlot;
@@ -80,9 +80,9 @@ protected:
     Callback mOther;
 };
 
-TEST_F(CallbackSlotTest, EmptySlotCallsNobody) {
+TEST_F(CallbackSlotTest, EmptySlotCallsNothing) {
     EXPECT_FALSE(mSlot.IsSet());
-    EXPECT_EQ(NOBODY, Call());
+    EXPECT_EQ(NOT_CALLED, Call());
 }
 
 TEST_F(CallbackSlotTest, SetCallbackIsCalledAndItsResultReturned) {
@@ -100,14 +100,14 @@ TEST_F(CallbackSlotTest, CallbackSetLastIsCalled) {
     EXPECT_EQ(1, mOther.calls);
     mSlot.Set(nullptr);
     EXPECT_FALSE(mSlot.IsSet());
-    EXPECT_EQ(NOBODY, Call());
+    EXPECT_EQ(NOT_CALLED, Call());
 }
 
 TEST_F(CallbackSlotTest, WithdrawnCallbackIsNotCalled) {
     mSlot.Set(&mCallback);
     mSlot.Withdraw(&mCallback);
     EXPECT_FALSE(mSlot.IsSet());
-    EXPECT_EQ(NOBODY, Call());
+    EXPECT_EQ(NOT_CALLED, Call());
 }
 
 TEST_F(CallbackSlotTest, WithdrawalLeavesAnotherCallback) {
@@ -126,7 +126,7 @@ TEST_F(CallbackSlotTest, CallsRunBesideEachOther) {
 
 TEST_F(CallbackSlotTest, CallsNest) {
     mSlot.Set(&mCallback);
-    EXPECT_EQ(7, mSlot.Call([&](Callback&) { return Call(7); }, NOBODY));
+    EXPECT_EQ(7, mSlot.Call([&](Callback&) { return Call(7); }, NOT_CALLED));
     mSlot.Withdraw(&mCallback);
 }
 
@@ -141,7 +141,7 @@ TEST_F(CallbackSlotTest, WithdrawalWaitsForACallInProgress) {
         withdrawn = true;
     });
     EXPECT_TRUE(Eventually([&] { return !mSlot.IsSet(); }));  // refuses at once ...
-    EXPECT_EQ(NOBODY, Call());
+    EXPECT_EQ(NOT_CALLED, Call());
     EXPECT_FALSE(withdrawn);  // ... and waits
     call.Release();
     withdrawal.join();
@@ -201,14 +201,14 @@ TEST_F(CallbackSlotTest, SlotMayBeUsedFromWithinACall) {
             mSlot.Set(&mOther);
             return 0;
         },
-        NOBODY);
+        NOT_CALLED);
     Call();
     EXPECT_EQ(1, mOther.calls);
 }
 
 TEST_F(CallbackSlotTest, CallThatThrowsIsOver) {
     mSlot.Set(&mCallback);
-    EXPECT_THROW(mSlot.Call([](Callback&) -> int { throw std::runtime_error("call"); }, NOBODY),
+    EXPECT_THROW(mSlot.Call([](Callback&) -> int { throw std::runtime_error("call"); }, NOT_CALLED),
                  std::runtime_error);
     mSlot.Withdraw(&mCallback);  // and does not wait
 }

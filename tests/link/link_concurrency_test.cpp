@@ -89,7 +89,7 @@ class LinkConcurrencyTest : public testing::Test {
 protected:
     LinkConcurrencyTest() : mLink(SmartHomeLink::Create(LINK_HYBIRD)) {
         ConnectTo("10.0.0.7");
-        mLog.reset();  // nobody reads the log of so many rounds
+        mLog.reset();  // the log of so many rounds is not read
     }
     ~LinkConcurrencyTest() override {
         lumora_test::ResetBoundedCalls();
@@ -140,7 +140,7 @@ TEST_F(LinkConcurrencyTest, EventsArriveWhileTheCallbackChanges) {
         SmartHomeLinkHybird::WithdrawNotifyCallback(&mNotify);
         const int before = mNotify.events;
         std::this_thread::yield();
-        ASSERT_EQ(before, mNotify.events);  // nobody is called after a withdrawal
+        ASSERT_EQ(before, mNotify.events);  // no callback runs after a withdrawal
     }
 }
 
@@ -221,7 +221,7 @@ TEST_F(LinkConcurrencyTest, WithdrawalFromTheDescriptorWaitsForARequestInProgres
         descriptor->WithdrawCallback(&callback);
         requestHadEnded = left;
     });
-    EXPECT_TRUE(Eventually([&] { return mPlatform.Delete("k") == -1; }));  // late requests find nobody
+    EXPECT_TRUE(Eventually([&] { return mPlatform.Delete("k") == -1; }));  // late requests are refused
     letGo.set_value();
     withdrawal.join();
     request.join();
@@ -248,7 +248,7 @@ TEST_F(LinkConcurrencyTest, WithdrawalFromTheLinkWaitsForAnEventInProgress) {
         SmartHomeLinkHybird::WithdrawNotifyCallback(&mNotify);
         eventHadEnded = left;
     });
-    EXPECT_TRUE(Eventually([] { return SendEvent() == -1; }));  // late events find nobody
+    EXPECT_TRUE(Eventually([] { return SendEvent() == -1; }));  // late events are refused
     letGo.set_value();
     withdrawal.join();
     event.join();
@@ -268,7 +268,7 @@ TEST_F(LinkConcurrencyTest, RequestInProgressKeepsItsDescriptorAlive) {
     };
     std::thread request([&] { EXPECT_EQ("reply", mPlatform.Get("k").reply); });
     entered.get_future().wait();
-    LinkDeviceDescriptorWrapper::Get()->Clear();  // waits for nobody
+    LinkDeviceDescriptorWrapper::Get()->Clear();  // does not wait
     EXPECT_FALSE(alive.expired());
     letGo.set_value();
     request.join();

@@ -88,7 +88,7 @@ TEST_F(LinkDeviceTest, EmptyReplyEmptiesTheText) {
 
 TEST_F(LinkDeviceTest, ResultsOfThePlatformComeUpUnchanged) {
     for (const int result : {-1, 7, -2147483647 - 1}) {
-        AnswerWith(result, "a reply that nobody reads");
+        AnswerWith(result, "a reply that is not read");
         const auto device = FindDevice();
         EXPECT_EQ(result, device->Get("k", "v", mOut));
         EXPECT_EQ(result, device->Put("k", "v", mOut));

@@ -109,7 +109,7 @@ TEST_F(RequestHandlersTest, ValueEndsAtItsTerminatorWhateverItsLength) {
 
 TEST_F(RequestHandlersTest, RefusedRequestsFail) {
     mDescriptor->handles = false;
-    mDescriptor->reply = "a reply that nobody reads";
+    mDescriptor->reply = "a reply that is not read";
     ExpectEveryRequestFails();
     EXPECT_STREQ("value", mBuffer);
     EXPECT_EQ(5U, mDescriptor->calls.size());
@@ -214,7 +214,7 @@ TEST_F(RequestHandlersTest, LackOfMemoryIsAFailure) {
     EXPECT_THAT(mDescriptor->calls, IsEmpty());
 }
 
-TEST_F(RequestHandlersTest, ClearedRegistryServesNobody) {
+TEST_F(RequestHandlersTest, ClearedRegistryRefusesRequests) {
     LinkDeviceDescriptorWrapper::Get()->Clear();
     ExpectEveryRequestFails();
     EXPECT_EQ(nullptr, mRecord->DoGetDescriptor(mRecord.get()));

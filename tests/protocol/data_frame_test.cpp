@@ -75,7 +75,7 @@ TEST(ServerFrameTest, HeadListsClientsThenTheNamesLength) {
     EXPECT_EQ(frame.data() + 10, name);
 }
 
-TEST(ServerFrameTest, HeadOfNobodyHasSevenBytes) {
+TEST(ServerFrameTest, HeadWithoutClientsHasSevenBytes) {
     Bytes frame(8, '_');
     char* const name = WriteServerFrameHead(&frame[0], 0, {}, "");
     EXPECT_EQ(Bytes("\x07\0\0\0\0\0\0_", 8), frame);

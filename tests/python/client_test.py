@@ -343,7 +343,9 @@ class Ends(PythonCase):
         echoes = client.subscribe("echo")
         device.signal(signal.SIGKILL)
         device.end()
+        end = time.monotonic() + LIMIT
         while client.is_connected:
+            self.assertLess(time.monotonic(), end)
             time.sleep(0.01)
         client.close()
         with self.assertRaises(lumora.Closed):

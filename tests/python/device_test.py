@@ -63,7 +63,7 @@ class Alone(PythonCase):
             with unittest.mock.patch.object(library(), "LUM_SendDataToClient", lambda *_: 0):
                 self.assertRaises(lumora.NoClient, device.send, "picture", b"a block")
 
-    def test_nobody_to_send_to(self):
+    def test_no_client_to_send_to(self):
         with lumora.Device("camera", ["picture"]) as device:
             with self.assertRaises(lumora.NoClient) as caught:
                 device.send("picture", b"a")

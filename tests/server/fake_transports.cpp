@@ -53,30 +53,19 @@ FakeTransports::~FakeTransports() { g_transports = nullptr; }
 VersionFailure::VersionFailure() { g_versionFails = true; }
 VersionFailure::~VersionFailure() { g_versionFails = false; }
 
-// The linker redirects the calls; a member function is called like a function of its object.
-
-std::shared_ptr<LumoraTransManager>
-RealCreate(LumoraTransManagerFactory* factory, LUM_TRANSPORT_E protocol) asm(
-    "__real__ZN14lumoraAiModule25LumoraTransManagerFactory23CreateTransportsManagerE15LUM_TRANSPORT_E");
-std::shared_ptr<LumoraTransManager>
-WrapCreate(LumoraTransManagerFactory* factory, LUM_TRANSPORT_E protocol) asm(
-    "__wrap__ZN14lumoraAiModule25LumoraTransManagerFactory23CreateTransportsManagerE15LUM_TRANSPORT_E");
-
-std::shared_ptr<LumoraTransManager> WrapCreate(LumoraTransManagerFactory* factory, LUM_TRANSPORT_E protocol) {
-    if (g_transports == nullptr) {
-        return RealCreate(factory, protocol);
-    }
-    g_transports->protocols.push_back(protocol);
-    return g_transports->next;
+lumoraAiModule::ServerSources Sources() {
+    lumoraAiModule::ServerSources sources;
+    sources.newTransport = [](LumoraTransManagerFactory& factory, LUM_TRANSPORT_E protocol) {
+        if (g_transports == nullptr) {
+            return factory.CreateTransportsManager(protocol);
+        }
+        g_transports->protocols.push_back(protocol);
+        return std::shared_ptr<LumoraTransManager>(g_transports->next);
+    };
+    sources.getVersion = [](std::string& version) {
+        return g_versionFails ? -1 : lumoraAiModule::LumoraVersion::GetVersion(version);
+    };
+    return sources;
 }
-
-int RealVersion(std::string& version) asm(
-    "__real__ZN14lumoraAiModule13LumoraVersion10GetVersionERNSt7__cxx1112basic_stringIcSt11char_"
-    "traitsIcESaIcEEE");
-int WrapVersion(std::string& version) asm(
-    "__wrap__ZN14lumoraAiModule13LumoraVersion10GetVersionERNSt7__cxx1112basic_stringIcSt11char_"
-    "traitsIcESaIcEEE");
-
-int WrapVersion(std::string& version) { return g_versionFails ? -1 : RealVersion(version); }
 
 }  // namespace lumora_test

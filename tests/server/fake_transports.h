@@ -1,5 +1,5 @@
-// Transports without sockets, and a version query that fails. Linking this catches the calls of the server
-// module that would make a transport or ask for the version.
+// Transports without sockets, and a version query that fails, for a server module that is made with
+// Sources().
 #pragma once
 
 #include <functional>
@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "transport/transport_manager.h"
+#include "server/server_module.h"
 
 namespace lumora_test {
 
@@ -50,7 +50,11 @@ public:
     std::vector<unsigned int> timeouts;
 };
 
-// While one lives, the server module's factory gives `next` instead of a TCP transport.
+// What a server module of a test is made with: the library's own functions, unless one of the objects below
+// lives.
+lumoraAiModule::ServerSources Sources();
+
+// While one lives, Sources() give `next` instead of a TCP transport.
 class FakeTransports {
 public:
     FakeTransports();

@@ -56,7 +56,7 @@ protected:
         }
     }
 
-    // A channel whose frames are read by a thread, and counted where they are whole.
+    // A channel whose frames are read by a thread, and counted if they are whole.
     void OpenReadChannel() {
         OpenChannel();
         mReaders.emplace_back([this, connection = std::move(mFromServer)]() mutable { Read(connection); });

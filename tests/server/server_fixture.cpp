@@ -63,7 +63,7 @@ int Application::OnCommand(const char* cmd, const char* param) {
         g_application->mCommands.emplace_back(cmd, param);
     }
     g_application->onCommand();
-    return -1;  // nobody may look at it
+    return -1;  // must be ignored
 }
 
 int Application::OnNotify(int clientID, int event, LUM_SUBSCRIBE_SERVICE_S subscription) {
@@ -106,7 +106,7 @@ std::vector<Data> Application::Received(size_t count) const {
     return Received();
 }
 
-ServerModuleTest::ServerModuleTest() : mModule(std::make_unique<LumoraServerModule>("camera")) {
+ServerModuleTest::ServerModuleTest() : mModule(std::make_unique<LumoraServerModule>("camera", Sources())) {
     mLog.Clear();
 }
 

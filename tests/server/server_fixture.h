@@ -77,7 +77,7 @@ private:
     std::vector<Data> mReceived;
 };
 
-// Copies a text into a field of a record, without a terminator where it fills the field.
+// Copies a text into a field of a record, without a terminator if it fills the field.
 void SetName(char (&field)[LUM_NAME_SIZE], const std::string& text);
 
 class ServerModuleTest : public testing::Test {

@@ -306,7 +306,7 @@ TEST_F(ServerLifecycleTest, SetupWithoutALinkAfterAFailedRestartIsSurvived) {
 
 // ---- Destruction ----
 
-TEST_F(ServerLifecycleTest, LateRequestsFindNobody) {
+TEST_F(ServerLifecycleTest, LateRequestsAreRefused) {
     StartWith({"face"});
     EXPECT_EQ(0, mModule->DeInitLumoraModule());
     mModule.reset();
@@ -318,7 +318,7 @@ TEST_F(ServerLifecycleTest, LateRequestsFindNobody) {
     EXPECT_THAT(mApplication.Notifications(), IsEmpty());
 }
 
-TEST_F(ServerLifecycleTest, LateEventsFindNobody) {
+TEST_F(ServerLifecycleTest, LateEventsAreRefused) {
     Start();
     EXPECT_EQ(0, mModule->DeInitLumoraModule());
     mModule.reset();
@@ -327,7 +327,7 @@ TEST_F(ServerLifecycleTest, LateEventsFindNobody) {
     EXPECT_TRUE(mLog.Has(1, "g_mNotifyCallback is nullptr, can't callback!\n")) << mLog.Dump();
 }
 
-TEST_F(ServerLifecycleTest, RequestsAfterAFailedStartFindNobodyOnceTheModuleIsGone) {
+TEST_F(ServerLifecycleTest, RequestsAfterAFailedStartAreRefusedOnceTheModuleIsGone) {
     mPlatform.runResult = -1;
     EXPECT_EQ(-1, mModule->InitLumoraModule());
     mModule.reset();
@@ -335,7 +335,7 @@ TEST_F(ServerLifecycleTest, RequestsAfterAFailedStartFindNobodyOnceTheModuleIsGo
     EXPECT_EQ(-1, mPlatform.SendEvent(2, 7, "0", 5683, "camera"));
 }
 
-TEST_F(ServerLifecycleTest, RequestsFindNobodyOnceAModuleThatFailedToRestartIsGone) {
+TEST_F(ServerLifecycleTest, RequestsAreRefusedOnceAModuleThatFailedToRestartIsGone) {
     Start();
     EXPECT_EQ(0, mModule->DeInitLumoraModule());
     mPlatform.registerResult = -1;

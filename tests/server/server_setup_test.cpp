@@ -285,7 +285,7 @@ TEST_F(ServerSetupTest, NewSetupReplacesARunningChannel) {
     EXPECT_EQ(ServerFrameBytes("", "face", "x"), ReceiveFrame("", "face", "x"));
 }
 
-TEST_F(ServerSetupTest, NewSetupReplacesOneThatNobodyConnectedTo) {
+TEST_F(ServerSetupTest, NewSetupReplacesOneWithoutConnections) {
     RawListener client(CLIENT_PORT);
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ("Succ", RequestSetup().reply);

@@ -41,7 +41,7 @@ constexpr auto TALLY_PACE = seconds(1);
 constexpr auto SILENCE = seconds(3);
 // A device knows clients by their IDs alone: who leaves would end the subscriptions of another process's
 // client with the same one. So each process, numbered from 1, uses two IDs of its own. It has clients for all
-// others as well, or blocks that name them would be delivered to nobody behind them.
+// others as well, or blocks that name them would not be delivered to the clients listed after them.
 constexpr int OWN_CLIENTS = 2;
 constexpr int PROCESSES = 3;
 constexpr int CLIENTS = OWN_CLIENTS * PROCESSES;
@@ -82,7 +82,7 @@ public:
 private:
     static void ExpectAtMost(const char* what, std::size_t now, std::size_t before) {
         if (now > before) {
-            ReportFault(std::to_string(now) + " " + what + " where there were " + std::to_string(before));
+            ReportFault(std::to_string(now) + " " + what + " instead of " + std::to_string(before));
         }
     }
 
@@ -337,7 +337,7 @@ private:
         return true;
     }
 
-    // In one of the ways in which applications leave. Where a connection was lost, and to go to another
+    // In one of the ways in which applications leave. If a connection was lost, and to go to another
     // device, the library is started anew.
     void Leave(bool good) {
         if (mRandom() % 2 == 0) {

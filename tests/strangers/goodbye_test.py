@@ -5,7 +5,7 @@ import stranger_case
 
 
 class Goodbye(presence_case.PresenceCase):
-    def test_removes_nobody(self):
+    def test_removes_no_node(self):
         self.nodes_stay("part")
 
 

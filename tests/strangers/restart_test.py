@@ -7,7 +7,7 @@ import stranger_case
 
 
 class Restart(presence_case.PresenceCase):
-    def test_replaces_nobody(self):
+    def test_replaces_no_node(self):
         self.nodes_stay("restart")
 
 

@@ -1,4 +1,4 @@
-"""A stranger that asks for data channels to where nothing answers."""
+"""A stranger that asks for data channels to an address that does not answer."""
 
 import concurrent.futures
 

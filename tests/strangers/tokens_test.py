@@ -6,7 +6,7 @@ import stranger_case
 
 REQUESTS = 500
 
-# The recurrence of the 64-bit Mersenne Twister, which must not be where tokens come from: of x[k + 312] the 33
+# The recurrence of the 64-bit Mersenne Twister, which must not be the source of tokens: of x[k + 312] the 33
 # upper bits of x[k] and x[k + 156] tell half. A node that draws two numbers for a request shows every second one.
 LENGTH, MIDDLE = 312, 156
 MATRIX = 0xB5026F5AA96619E9
@@ -44,7 +44,7 @@ def output_of(value):
 
 
 def predicted(tokens, drawn):
-    """How many tokens follow from earlier ones, where so many numbers are drawn for each."""
+    """How many tokens follow from earlier ones, if so many numbers are drawn for each."""
     words = [state_of(token) for token in tokens]
     far, near = LENGTH // drawn, MIDDLE // drawn
     known = UPPER >> 1
@@ -71,7 +71,7 @@ class Tokens(stranger_case.StrangerCase):
         for drawn in (1, 2, 3, 4):
             self.is_equal(f"tokens that follow from others, {drawn} drawn for each", predicted(tokens, drawn), 0)
 
-    # What the prediction is worth is seen where it must succeed.
+    # A case in which the prediction must succeed shows what it is worth.
     def test_the_prediction_knows_a_twister(self):
         words = [0x0123456789ABCDEF * (at + 1) & MASK for at in range(LENGTH)]
         for at in range(4 * LENGTH):

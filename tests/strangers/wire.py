@@ -1,4 +1,4 @@
-"""The datagrams of the link platform, built byte by byte; see docs/link.md."""
+"""The datagrams of the link platform, built byte by byte; see docs/wire.md."""
 
 import dataclasses
 import re

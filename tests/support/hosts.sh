@@ -13,7 +13,7 @@ skip() {
 }
 
 # enter_own_network [ARGUMENT...]: runs the calling script again with these, in a namespace that joins the
-# hosts. Ends with 77 where namespaces are not permitted.
+# hosts. Ends with 77 if namespaces are not permitted.
 enter_own_network() {
     if [ -z "${IN_OWN_NETWORK:-}" ]; then
         unshare -n true 2>/dev/null || skip "network namespaces are not permitted here"

@@ -3,7 +3,7 @@
 
 namespace lumora_test {
 
-// Moves this process, which must have one thread only, into a network namespace with nothing but lo. Where
+// Moves this process, which must have one thread only, into a network namespace with nothing but lo. If
 // that is not permitted it waits until no other such test runs, and keeps others waiting until it ends.
 void EnterOwnNetwork();
 

@@ -69,7 +69,7 @@ RawConnection RawConnection::To(int port) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    Fail("nobody listens");
+    Fail("no listener");
 }
 
 void RawConnection::Send(const Bytes& bytes) {

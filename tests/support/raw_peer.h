@@ -17,7 +17,7 @@ public:
     RawConnection(RawConnection&& other) noexcept;
     RawConnection& operator=(RawConnection&& other) noexcept;
 
-    // Connects to 127.0.0.1, and tries again until somebody listens there.
+    // Connects to 127.0.0.1, and tries again until a listener is there.
     static RawConnection To(int port);
 
     void Send(const Bytes& bytes);
@@ -57,7 +57,7 @@ private:
     int mPort = 0;
 };
 
-// A port that nobody listens on at the moment.
+// A port without a listener at the moment.
 int FreePort();
 
 // Frames, written byte by byte and independently of the code under test.

@@ -30,7 +30,7 @@ constexpr int ALWAYS = -1;
 void FailSystemCall(SystemCall call, int error, int times = 1, int passBefore = 0);
 // Makes fail calls fail with this errno, lets pass calls pass, and so on in turns.
 void FailSystemCallInTurns(SystemCall call, int error, int fail, int pass);
-// The next so many calls that make a descriptor give it this number, where it is free, after letting some
+// The next so many calls that make a descriptor give it this number, if it is free, after letting some
 // pass.
 void GiveDescriptorNumber(int number, int times = 1, int passBefore = 0);
 // No single READ or SEND moves more bytes than this.
@@ -43,7 +43,7 @@ void FeedReads(std::vector<std::string> pieces);
 // their descriptor waits for ever.
 void IgnoreReceiveTimeouts();
 // Calls hook before every such call, on the thread that makes it: so a test can hold a thread at a known
-// place. Set it while nobody makes such calls.
+// place. Set it while no thread makes such calls.
 void BeforeSystemCall(SystemCall call, std::function<void()> hook);
 // How often a call was made since the reset.
 int SystemCallCount(SystemCall call);

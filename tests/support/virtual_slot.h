@@ -2,6 +2,8 @@
 // against.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <cstring>
 
@@ -23,6 +25,15 @@ std::size_t SlotOf(Operation operation) {
     const std::ptrdiff_t offset = words[0] - 1;
 #endif
     return isVirtual ? static_cast<std::size_t>(offset) / sizeof(void*) : static_cast<std::size_t>(-1);
+}
+
+// The operations follow each other, right behind the destructor.
+template <typename... Operations>
+void ExpectSlotOrder(Operations... operations) {
+    std::size_t slot = 2;
+    for (const std::size_t seen : {SlotOf(operations)...}) {
+        EXPECT_EQ(slot++, seen);
+    }
 }
 
 }  // namespace lumora_test

@@ -184,11 +184,11 @@ class Fields(LumoraCase):
 
 class Pages(LumoraCase):
     def test_those_with_the_sources_are_what_the_program_says(self):
-        pages = {"tools/pages/lumora.bash": ["bash"], "tools/pages/_lumora": ["zsh"], "tools/pages/lumora.1": ["man"]}
-        pages.update({f"tools/pages/lumora-{command}.1": ["man", command] for command in COMMANDS})
+        pages = {"lumora.bash": ["bash"], "_lumora": ["zsh"], "lumora.1": ["man"]}
+        pages.update({f"lumora-{command}.1": ["man", command] for command in COMMANDS})
         for name, words in pages.items():
             with self.subTest(name):
-                written = (SOURCES / name).read_text(encoding="utf-8")
+                written = (SOURCES / "docs/generated/pages" / name).read_text(encoding="utf-8")
                 self.assertEqual(written, lumora("--print", *words).stdout, "the target lumora_pages writes it anew")
 
     def test_those_of_the_other_program_and_those_of_both(self):
@@ -197,8 +197,8 @@ class Pages(LumoraCase):
             return subprocess.run(words, capture_output=True, text=True, check=True).stdout
 
         both = lumora("--print", "markdown").stdout + platform_check("markdown")
-        self.assertEqual((SOURCES / "docs/cli.md").read_text(encoding="utf-8"), both)
-        page = SOURCES / "tools/pages/lumora-platform-check.1"
+        self.assertEqual((SOURCES / "docs/generated/cli.md").read_text(encoding="utf-8"), both)
+        page = SOURCES / "docs/generated/pages/lumora-platform-check.1"
         self.assertEqual(page.read_text(encoding="utf-8"), platform_check("man"))
 
     @unittest.skipUnless(shutil.which("man"), "needs man")

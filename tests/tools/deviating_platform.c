@@ -79,8 +79,8 @@ static AppResource* Resource(AppResource* forwarding) {
 
 static int OnGet(AppResource* resource, const RemoteEndpoint* requester, const char* key, char* buffer,
                  unsigned int size) {
-    RemoteEndpoint nobody = {{0}, 0};
-    return Handlers()->DoGET(Resource(resource), Deviates("no requester") ? &nobody : requester, key, buffer,
+    RemoteEndpoint empty = {{0}, 0};
+    return Handlers()->DoGET(Resource(resource), Deviates("no requester") ? &empty : requester, key, buffer,
                              Deviates("small buffer") ? 1000 : size);
 }
 

@@ -14,7 +14,7 @@ GROUP = "224.0.1.187"
 
 
 def in_own_network():
-    """Whether this network may be changed: nobody else's interfaces are in it."""
+    """Whether this network may be changed: no interfaces of other processes are in it."""
     return [name for _, name in socket.if_nameindex()] == ["lo"] and os.geteuid() == 0
 
 
@@ -103,7 +103,7 @@ class Peculiarities(DoctorCase):
     def test_names_a_vendors_files(self):
         foreign = os.environ.get("LUMORA_FOREIGN_LIBRARIES")
         if not foreign:
-            self.skipTest("needs libraries of somebody else's")
+            self.skipTest("needs libraries that are not ours")
         result = lumora("doctor", "--json", "--listen", "0", env={**os.environ, "LD_LIBRARY_PATH": foreign})
         lines = self.of("libraries", json.loads(result.stdout)["findings"])
         for file in ["liblumora.so", "liblink_log.so", "libsecurec.so"]:
@@ -126,7 +126,7 @@ class Peculiarities(DoctorCase):
         self.assertEqual(self.of("ports", findings)[0], ("warning", "TCP port 6666 is taken"))
         self.assertEqual(self.of("self-test", findings)[0][0], "note")
 
-    def test_group_port_that_somebody_keeps_for_himself(self):
+    def test_group_port_that_another_process_holds_alone(self):
         holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.addCleanup(holder.close)
         holder.bind(("", 5683))

@@ -61,7 +61,7 @@ class Device(Running):
 
 
 class OnTerminal:
-    """A program with its output and errors on a terminal, and its input too where nothing else is given."""
+    """A program with its output and errors on a terminal, and its input too if no other is given."""
 
     def __init__(self, *words, environment=None, **options):
         self.ours, theirs = pty.openpty()
@@ -98,7 +98,7 @@ class OnTerminal:
     def read_some(self):
         try:
             data = os.read(self.ours, 65536)
-        except OSError:  # a terminal that everybody has closed
+        except OSError:  # a terminal that is closed everywhere
             data = b""
         self.text += data.decode(errors="replace")
         return bool(data)

@@ -153,7 +153,7 @@ class Exec(LumoraCase):
         (found,) = json.loads(lumora("info", "camera", "--json").stdout)
         self.assertEqual(found["services"][0]["outputBytes"], 1572864)
 
-    def test_runs_by_itself_while_somebody_is_subscribed(self):
+    def test_runs_by_itself_while_a_client_is_subscribed(self):
         folder = self.folder()
         device = self.device(
             "clock", "--service", "time", "--exec", f"echo \"[$LUMORA_CLIENT]\" | tee -a {folder}/runs", "--every", "0.01"

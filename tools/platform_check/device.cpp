@@ -13,9 +13,9 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
+#include "base/mutex.h"
 #include "tools/lumora/terminal/failure.h"
 
 namespace platform_check {
@@ -23,7 +23,6 @@ namespace platform_check {
 namespace {
 
 using lumora_cli::Failure;
-using lumora_cli::UniqueFd;
 
 constexpr char START = 's';
 constexpr char STOP = 'x';
@@ -43,9 +42,9 @@ struct Served {
     std::string type;
     LinkPlatform* platform = nullptr;
     AppResource resource = {};
-    std::mutex mutex;  // of the two below
-    std::string last;
-    unsigned count = 0;
+    lumora::Mutex mutex;
+    std::string last GUARDED_BY(mutex);
+    unsigned count GUARDED_BY(mutex) = 0;
     std::atomic<bool> ended{false};
     std::atomic<unsigned> late{0};  // handlers that ran after the end
 };
@@ -106,7 +105,7 @@ std::string Reply(const std::string& wanted, const std::string& value) {
     if (wanted == key::SIGNALS) {
         return OpenSignals();
     }
-    const std::lock_guard<std::mutex> lock(device.mutex);
+    const lumora::MutexLock lock(device.mutex);
     return wanted == key::LAST ? device.last : wanted == key::COUNT ? std::to_string(device.count) : "";
 }
 
@@ -135,7 +134,7 @@ int DoGet(AppResource* resource, const RemoteEndpoint* requester, const char* wa
 int Note(const char* verb, const char* key, const char* value, unsigned length) {
     Served& device = TheDevice();
     device.late += device.ended ? 1 : 0;
-    const std::lock_guard<std::mutex> lock(device.mutex);
+    const lumora::MutexLock lock(device.mutex);
     device.last = Described(verb, key, value, length);
     device.count += std::strcmp(key, key::ONCE) == 0 ? 1 : 0;
     return std::strcmp(key, key::REFUSE) == 0 ? REFUSED : ACCEPTED;
@@ -229,10 +228,10 @@ Device::Device(const Files& files, std::string type) {
     if (pipe2(orders, O_CLOEXEC) != 0 || pipe2(answers, O_CLOEXEC) != 0) {
         throw Failure(lumora_cli::EXIT_FAILED, "there is no pipe: " + lumora_cli::SystemError(errno));
     }
-    UniqueFd theirOrders(orders[0]);
-    UniqueFd theirAnswers(answers[1]);
-    mOrders = UniqueFd(orders[1]);
-    mAnswers = UniqueFd(answers[0]);
+    lumora::UniqueFd theirOrders(orders[0]);
+    lumora::UniqueFd theirAnswers(answers[1]);
+    mOrders = lumora::UniqueFd(orders[1]);
+    mAnswers = lumora::UniqueFd(answers[0]);
     mId = fork();
     if (mId == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);

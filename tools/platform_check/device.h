@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "tools/lumora/os/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tools/platform_check/library.h"
 
 namespace platform_check {
@@ -53,8 +53,8 @@ private:
     std::string Order(char letter);
 
     pid_t mId = -1;
-    lumora_cli::UniqueFd mOrders;
-    lumora_cli::UniqueFd mAnswers;
+    lumora::UniqueFd mOrders;
+    lumora::UniqueFd mAnswers;
 };
 
 }  // namespace platform_check

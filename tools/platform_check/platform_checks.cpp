@@ -8,12 +8,12 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "base/mutex.h"
 #include "tools/lumora/os/interfaces.h"
 #include "tools/lumora/terminal/text.h"
 #include "tools/platform_check/checks.h"
@@ -65,13 +65,13 @@ struct Event {
 class Events {
 public:
     void Add(Event event) {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const lumora::MutexLock lock(mMutex);
         mAll.push_back(std::move(event));
     }
 
     // Those of one type, as texts.
     std::vector<std::string> Of(const std::string& type) const {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const lumora::MutexLock lock(mMutex);
         std::vector<std::string> texts;
         for (const Event& event : mAll) {
             if (event.type == type) {
@@ -87,8 +87,8 @@ public:
     }
 
 private:
-    mutable std::mutex mMutex;
-    std::vector<Event> mAll;
+    mutable lumora::Mutex mMutex;
+    std::vector<Event> mAll GUARDED_BY(mMutex);
 };
 
 Events& TheEvents() {

@@ -23,7 +23,6 @@ namespace {
 using lumora_cli::EXIT_FAILED;
 using lumora_cli::Failure;
 using lumora_cli::SystemError;
-using lumora_cli::UniqueFd;
 
 // What a line begins with: a check that begins, and the three results.
 constexpr char BEGINS = '.';
@@ -46,7 +45,7 @@ public:
 
 private:
     pid_t mId = -1;
-    UniqueFd mOutput;
+    lumora::UniqueFd mOutput;
     std::string mUnread;
     bool mAtEnd = false;
 };
@@ -56,8 +55,8 @@ Child::Child(const std::function<void(Report&)>& look) {
     if (pipe2(ends, O_CLOEXEC) != 0) {
         throw Failure(EXIT_FAILED, "there is no pipe: " + SystemError(errno));
     }
-    mOutput = UniqueFd(ends[0]);
-    const UniqueFd input(ends[1]);
+    mOutput = lumora::UniqueFd(ends[0]);
+    const lumora::UniqueFd input(ends[1]);
     mId = fork();
     if (mId < 0) {
         throw Failure(EXIT_FAILED, "there is no process: " + SystemError(errno));

@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "tools/lumora/os/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace platform_check {
 

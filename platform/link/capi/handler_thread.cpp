@@ -2,14 +2,14 @@
 
 #include <exception>
 
+#include "base/thread.h"
 #include "platform/link/io/run_guarded.h"
-#include "platform/link/io/worker.h"
 #include "platform/link/log.h"
 
 namespace lumora_link {
 
 HandlerThread::HandlerThread(Listener listener) : mListener(std::move(listener)) {
-    mThread = StartQuietThread("lumora-link-req", [this] { Run(); });
+    mThread = lumora::StartThread("lumora-link-req", [this] { Run(); });
     mId = mThread.get_id();
 }
 
@@ -18,7 +18,7 @@ HandlerThread::~HandlerThread() { Stop(); }
 bool HandlerThread::Push(HandlerCall call) {
     CallQueue::Admission admission;
     {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         if (mStopping) {
             return false;
         }
@@ -31,7 +31,7 @@ bool HandlerThread::Push(HandlerCall call) {
 
 void HandlerThread::Stop() {
     {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         mStopping = true;
         mChanged.NotifyAll();
     }
@@ -46,7 +46,7 @@ void HandlerThread::Run() {
         RunOne(*call);
         CallQueue::Dropped dropped;
         RunGuarded([&] {
-            MutexLock lock(mMutex);
+            lumora::MutexLock lock(mMutex);
             dropped = mQueue.OnEnded(*call, began, Clock::now());
         });
         RunGuarded([&] { Drop(dropped); });
@@ -55,7 +55,7 @@ void HandlerThread::Run() {
 
 // Nothing once the thread is to stop.
 std::optional<HandlerCall> HandlerThread::WaitForCall() {
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     while (!mStopping) {
         const TimePoint now = Clock::now();
         if (auto call = mQueue.Pop(now)) {

@@ -4,8 +4,8 @@
 #include <functional>
 #include <thread>
 
+#include "base/mutex.h"
 #include "platform/link/core/call_queue.h"
-#include "platform/link/io/mutex.h"
 
 namespace lumora_link {
 
@@ -35,10 +35,10 @@ private:
     void Drop(CallQueue::Dropped ticket);
 
     const Listener mListener;
-    Mutex mMutex;
-    Condition mChanged;
-    CallQueue mQueue LINK_GUARDED_BY(mMutex);
-    bool mStopping LINK_GUARDED_BY(mMutex) = false;
+    lumora::Mutex mMutex;
+    lumora::Condition mChanged;
+    CallQueue mQueue GUARDED_BY(mMutex);
+    bool mStopping GUARDED_BY(mMutex) = false;
     std::thread mThread;
     std::thread::id mId;  // stays readable for others while Stop joins
 };

@@ -35,7 +35,7 @@ void Node::Stop() {
 void Node::Register(Registration registration) {
     std::optional<std::string> deviceType = registration.deviceType;
     {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         mRegistration = std::move(registration);
     }
     mIo.Post([deviceType](NodeCore& core, TimePoint now) { core.SetDeviceType(deviceType, now); });
@@ -101,7 +101,7 @@ void Node::SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found)
 }
 
 Registration Node::CurrentRegistration() {
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     return mRegistration;
 }
 

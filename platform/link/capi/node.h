@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "link_platform.h"
 #include "platform/link/capi/handler_thread.h"
 #include "platform/link/capi/waiting_room.h"
 #include "platform/link/core/ports.h"
 #include "platform/link/io/config.h"
-#include "platform/link/io/mutex.h"
 #include "platform/link/io/node_io.h"
 #include "platform/link/io/worker.h"
 
@@ -54,8 +54,8 @@ private:
     Registration CurrentRegistration();
 
     std::atomic<bool> mAccepting{true};
-    Mutex mMutex;
-    Registration mRegistration LINK_GUARDED_BY(mMutex);
+    lumora::Mutex mMutex;
+    Registration mRegistration GUARDED_BY(mMutex);
     WaitingRoom<Outcome> mRequests;
     WaitingRoom<std::vector<NodeDescription>> mSearches;
     // The threads end before what they use.

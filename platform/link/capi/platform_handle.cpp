@@ -15,7 +15,7 @@ PlatformHandle::~PlatformHandle() { Exit(); }
 
 bool PlatformHandle::Init() {
     Config config = ReadConfig([](const char* name) -> const char* { return secure_getenv(name); });
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     if (!mInitialised) {
         mConfig = std::move(config);
         mInitialised = true;
@@ -41,7 +41,7 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
     }
     std::shared_ptr<Node> node;
     {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         mRegistration = registration;
         node = mNode;
     }
@@ -52,11 +52,11 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
 }
 
 bool PlatformHandle::Run() {
-    MutexLock lifecycle(mLifecycle);
+    lumora::MutexLock lifecycle(mLifecycle);
     Config config;
     Registration registration;
     {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         if (!mInitialised) {
             LINK_LOG(LEVEL_ERROR, "Run before Init\n");
             return false;
@@ -72,7 +72,7 @@ bool PlatformHandle::Run() {
     if (!node->Start()) {
         return false;
     }
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     mNode = std::move(node);
     return true;
 }
@@ -82,13 +82,13 @@ bool PlatformHandle::Exit() {
         LINK_LOG(LEVEL_ERROR, "Exit was called by a handler or a device event, for which it would wait\n");
         return false;
     }
-    MutexLock lifecycle(mLifecycle);
+    lumora::MutexLock lifecycle(mLifecycle);
     const std::shared_ptr<Node> node = CurrentNode();
     if (node == nullptr) {
         return true;
     }
     node->Stop();
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     mNode.reset();
     return true;
 }
@@ -108,7 +108,7 @@ bool PlatformHandle::IsOwnThread() {
 }
 
 std::shared_ptr<Node> PlatformHandle::CurrentNode() {
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     return mNode;
 }
 

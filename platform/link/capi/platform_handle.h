@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "link_platform.h"
 #include "platform/link/capi/node.h"
 #include "platform/link/io/config.h"
-#include "platform/link/io/mutex.h"
 
 namespace lumora_link {
 
@@ -29,12 +29,12 @@ private:
     std::shared_ptr<Node> CurrentNode();
 
     const std::uint64_t mNodeId;
-    Mutex mLifecycle;  // held while a node starts or stops; never asked for by its threads
-    Mutex mMutex;
-    bool mInitialised LINK_GUARDED_BY(mMutex) = false;
-    Config mConfig LINK_GUARDED_BY(mMutex);
-    Registration mRegistration LINK_GUARDED_BY(mMutex);
-    std::shared_ptr<Node> mNode LINK_GUARDED_BY(mMutex);
+    lumora::Mutex mLifecycle;  // held while a node starts or stops; never asked for by its threads
+    lumora::Mutex mMutex;
+    bool mInitialised GUARDED_BY(mMutex) = false;
+    Config mConfig GUARDED_BY(mMutex);
+    Registration mRegistration GUARDED_BY(mMutex);
+    std::shared_ptr<Node> mNode GUARDED_BY(mMutex);
 };
 
 }  // namespace lumora_link

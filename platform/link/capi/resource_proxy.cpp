@@ -12,8 +12,8 @@ struct Proxy;
 
 // The elements that are left; each knows its place, whichever of the others are freed first.
 struct Chain {
-    Mutex mutex;
-    std::vector<Proxy*> elements LINK_GUARDED_BY(mutex);
+    lumora::Mutex mutex;
+    std::vector<Proxy*> elements GUARDED_BY(mutex);
 };
 
 struct Proxy : AppResourceProxy {
@@ -110,7 +110,7 @@ AppResourceProxy* MakeProxyChain(const std::shared_ptr<Node>& node,
         proxies.push_back(MakeProxy(node, description));
     }
     const auto chain = std::make_shared<Chain>();
-    MutexLock lock(chain->mutex);
+    lumora::MutexLock lock(chain->mutex);
     chain->elements.reserve(proxies.size());
     for (std::unique_ptr<Proxy>& proxy : proxies) {
         proxy->chain = chain;
@@ -125,7 +125,7 @@ AppResourceProxy* NextOf(AppResourceProxy* proxy) {
         return nullptr;
     }
     Chain& chain = *OwnerOf(proxy)->chain;
-    MutexLock lock(chain.mutex);
+    lumora::MutexLock lock(chain.mutex);
     for (std::size_t at = OwnerOf(proxy)->place + 1; at < chain.elements.size(); ++at) {
         if (chain.elements[at] != nullptr) {
             return chain.elements[at];
@@ -140,7 +140,7 @@ void FreeProxy(AppResourceProxy* proxy) {
     }
     const std::unique_ptr<Proxy> owner(OwnerOf(proxy));
     const std::shared_ptr<Chain> chain = owner->chain;
-    MutexLock lock(chain->mutex);
+    lumora::MutexLock lock(chain->mutex);
     chain->elements[owner->place] = nullptr;
 }
 

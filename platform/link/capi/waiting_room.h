@@ -5,7 +5,7 @@
 #include <map>
 #include <optional>
 
-#include "platform/link/io/mutex.h"
+#include "base/mutex.h"
 
 namespace lumora_link {
 
@@ -14,7 +14,7 @@ class WaitingRoom {
 public:
     // Nothing once the room is closed.
     std::optional<std::uint64_t> Enter() {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         if (mClosed) {
             return std::nullopt;
         }
@@ -23,7 +23,7 @@ public:
     }
 
     void Tell(std::uint64_t ticket, Result result) {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         const auto at = mResults.find(ticket);
         if (at != mResults.end()) {
             at->second = std::move(result);
@@ -33,7 +33,7 @@ public:
 
     // An empty result where the room was closed first.
     Result Wait(std::uint64_t ticket) {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         while (!mClosed && !mResults[ticket]) {
             mTold.Wait(mMutex);
         }
@@ -43,17 +43,17 @@ public:
     }
 
     void Close() {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         mClosed = true;
         mTold.NotifyAll();
     }
 
 private:
-    Mutex mMutex;
-    Condition mTold;
-    std::map<std::uint64_t, std::optional<Result>> mResults LINK_GUARDED_BY(mMutex);
-    std::uint64_t mLastTicket LINK_GUARDED_BY(mMutex) = 0;
-    bool mClosed LINK_GUARDED_BY(mMutex) = false;
+    lumora::Mutex mMutex;
+    lumora::Condition mTold;
+    std::map<std::uint64_t, std::optional<Result>> mResults GUARDED_BY(mMutex);
+    std::uint64_t mLastTicket GUARDED_BY(mMutex) = 0;
+    bool mClosed GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace lumora_link

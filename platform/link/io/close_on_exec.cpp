@@ -10,14 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "platform/link/io/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace lumora_link {
 
 namespace {
 
 std::string ReadWhole(const std::string& path) {
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const lumora::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string text;
     std::array<char, 4096> part;
     for (ssize_t bytes = 1; file && bytes > 0;) {
@@ -40,7 +40,7 @@ void CloseOnExec(int epoll) {
     }
 }
 
-int NextDescriptor(int any) { return UniqueFd(fcntl(any, F_DUPFD_CLOEXEC, 0)).Get(); }
+int NextDescriptor(int any) { return lumora::UniqueFd(fcntl(any, F_DUPFD_CLOEXEC, 0)).Get(); }
 
 bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
     sockaddr_in peer = {};
@@ -51,9 +51,9 @@ bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
 }
 
 bool DescriptorsAreLeft(std::size_t count) {
-    std::vector<UniqueFd> taken(count);
-    return std::all_of(taken.begin(), taken.end(), [](UniqueFd& fd) {
-        fd = UniqueFd(eventfd(0, EFD_CLOEXEC));
+    std::vector<lumora::UniqueFd> taken(count);
+    return std::all_of(taken.begin(), taken.end(), [](lumora::UniqueFd& fd) {
+        fd = lumora::UniqueFd(eventfd(0, EFD_CLOEXEC));
         return static_cast<bool>(fd);
     });
 }

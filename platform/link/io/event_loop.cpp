@@ -25,9 +25,9 @@ void Drain(int fd) {
 }  // namespace
 
 bool EventLoop::Open() {
-    mEpoll = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
-    mWake = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    mTimer = UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    mEpoll = lumora::UniqueFd(epoll_create1(EPOLL_CLOEXEC));
+    mWake = lumora::UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    mTimer = lumora::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (!mEpoll || !mWake || !mTimer) {
         return false;
     }
@@ -84,7 +84,7 @@ void EventLoop::RunOnce() {
 }
 
 bool EventLoop::Post(Task task) {
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     if (mShut) {
         return false;
     }
@@ -94,7 +94,7 @@ bool EventLoop::Post(Task task) {
 }
 
 void EventLoop::Wake() {
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     if (!mShut) {
         SignalWake();
     }
@@ -107,18 +107,18 @@ void EventLoop::SignalWake() {
 
 void EventLoop::Shut() {
     std::vector<Task> dropped;
-    MutexLock lock(mMutex);
+    lumora::MutexLock lock(mMutex);
     mShut = true;
     dropped.swap(mPosted);
-    mEpoll = UniqueFd();
-    mWake = UniqueFd();
-    mTimer = UniqueFd();
+    mEpoll = lumora::UniqueFd();
+    mWake = lumora::UniqueFd();
+    mTimer = lumora::UniqueFd();
 }
 
 void EventLoop::RunPosted() {
     std::vector<Task> tasks;
     {
-        MutexLock lock(mMutex);
+        lumora::MutexLock lock(mMutex);
         tasks.swap(mPosted);
     }
     for (const Task& task : tasks) {

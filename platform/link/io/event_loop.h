@@ -5,8 +5,8 @@
 #include <map>
 #include <vector>
 
-#include "platform/link/io/mutex.h"
-#include "platform/link/io/unique_fd.h"
+#include "base/mutex.h"
+#include "base/unique_fd.h"
 #include "platform/link/wire/types.h"
 
 namespace lumora_link {
@@ -34,17 +34,17 @@ public:
 
 private:
     void RunPosted();
-    void SignalWake() LINK_REQUIRES(mMutex);
+    void SignalWake() REQUIRES(mMutex);
 
-    UniqueFd mEpoll;
-    UniqueFd mWake;
-    UniqueFd mTimer;
+    lumora::UniqueFd mEpoll;
+    lumora::UniqueFd mWake;
+    lumora::UniqueFd mTimer;
     std::map<int, Task> mWatched;
     TimePoint mArmed = TimePoint::max();
 
-    Mutex mMutex;
-    std::vector<Task> mPosted LINK_GUARDED_BY(mMutex);
-    bool mShut LINK_GUARDED_BY(mMutex) = false;
+    lumora::Mutex mMutex;
+    std::vector<Task> mPosted GUARDED_BY(mMutex);
+    bool mShut GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace lumora_link

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <optional>
 
+#include "base/socket_option.h"
 #include "platform/link/log.h"
 
 namespace lumora_link {
@@ -26,22 +27,17 @@ sockaddr_in SocketAddressOf(const Endpoint& endpoint) {
     return address;
 }
 
-template <typename Value>
-bool SetOption(const UniqueFd& socket, int level, int name, const Value& value) {
-    return setsockopt(socket.Get(), level, name, &value, sizeof value) == 0;
-}
-
-UniqueFd BoundSocket(const Endpoint& endpoint, bool shared) {
-    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+lumora::UniqueFd BoundSocket(const Endpoint& endpoint, bool shared) {
+    lumora::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_in address = SocketAddressOf(endpoint);
-    const bool ready = fd && (!shared || SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1)) &&
+    const bool ready = fd && (!shared || lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1)) &&
                        bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     if (!ready) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "no socket on %s: %s\n", EndpointText(endpoint).c_str(),
                          std::strerror(errno));
-        return UniqueFd();
+        return lumora::UniqueFd();
     }
-    SetOption(fd, SOL_SOCKET, SO_RCVBUF, RECEIVE_BUFFER);
+    lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_RCVBUF, RECEIVE_BUFFER);
     return fd;
 }
 
@@ -103,11 +99,11 @@ GroupSockets::~GroupSockets() {
 
 bool GroupSockets::Open() {
     mGroup = BoundSocket(MulticastGroup(), true);
-    if (!mGroup || !SetOption(mGroup, IPPROTO_IP, IP_PKTINFO, 1)) {
+    if (!mGroup || !lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, IP_PKTINFO, 1)) {
         return false;
     }
     // Otherwise what other programs joined on other interfaces would be heard here too.
-    SetOption(mGroup, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0);
     mLoop.Watch(mGroup.Get(), [this] { ReadGroup(); });
     return true;
 }
@@ -158,9 +154,10 @@ void GroupSockets::Join(const LocalInterface& local) {
     out.imr_address.s_addr = local.host;
     out.imr_ifindex = static_cast<int>(local.index);
     // TTL 1 keeps what goes to the group on this network; unicast to configured peers is routed.
-    const bool ready = member.socket && SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_IF, out) &&
-                       SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_TTL, 1) &&
-                       SetOption(member.socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1);
+    const bool ready = member.socket &&
+                       lumora::SetSocketOption(member.socket.Get(), IPPROTO_IP, IP_MULTICAST_IF, out) &&
+                       lumora::SetSocketOption(member.socket.Get(), IPPROTO_IP, IP_MULTICAST_TTL, 1) &&
+                       lumora::SetSocketOption(member.socket.Get(), IPPROTO_IP, IP_MULTICAST_LOOP, 1);
     if (!ready) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "interface %s cannot be used\n", local.name.c_str());
         return;
@@ -185,7 +182,7 @@ void GroupSockets::Membership(const LocalInterface& local, int option) {
     request.imr_address.s_addr = local.host;
     request.imr_ifindex = static_cast<int>(local.index);
     // Leaving fails where the interface has gone; the membership went with it.
-    if (!SetOption(mGroup, IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
+    if (!lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "cannot join the group on %s: %s\n", local.name.c_str(),
                          std::strerror(errno));
     }

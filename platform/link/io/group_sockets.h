@@ -9,8 +9,8 @@
 #include <map>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "platform/link/io/event_loop.h"
-#include "platform/link/io/unique_fd.h"
 #include "platform/link/wire/coap_message.h"
 #include "platform/link/wire/types.h"
 
@@ -38,7 +38,7 @@ public:
 private:
     struct Member {
         LocalInterface local;
-        UniqueFd socket;
+        lumora::UniqueFd socket;
     };
 
     void Join(const LocalInterface& local);
@@ -49,7 +49,7 @@ private:
 
     EventLoop& mLoop;
     const Listener mListener;
-    UniqueFd mGroup;
+    lumora::UniqueFd mGroup;
     std::map<unsigned, Member> mMembers;  // by the interface's index
 };
 

@@ -1,47 +1,17 @@
 #include "platform/link/io/interface_list.h"
 
-#include <ifaddrs.h>
-#include <net/if.h>
-
 #include <algorithm>
-#include <cstring>
-#include <memory>
+
+#include "base/interface_addresses.h"
 
 namespace lumora_link {
 
-namespace {
-
-in_addr_t AddressOf(const sockaddr* generic, in_addr_t otherwise) {
-    if (generic == nullptr) {
-        return otherwise;
-    }
-    sockaddr_in address = {};
-    std::memcpy(&address, generic, sizeof address);
-    return address.sin_addr.s_addr;
-}
-
-}  // namespace
-
 std::vector<SystemInterface> ListSystemInterfaces() {
-    ifaddrs* first = nullptr;
-    if (getifaddrs(&first) != 0) {
-        return {};
-    }
-    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, freeifaddrs);
     std::vector<SystemInterface> all;
-    for (const ifaddrs* at = first; at != nullptr; at = at->ifa_next) {
-        if (at->ifa_addr == nullptr || at->ifa_addr->sa_family != AF_INET) {
-            continue;
+    for (const lumora::InterfaceAddress& entry : lumora::ListInterfaceAddresses()) {
+        if (entry.hasIpv4) {
+            all.push_back({{entry.index, entry.name, entry.host}, entry.running, entry.mask, entry.otherEnd});
         }
-        SystemInterface found;
-        found.local = {if_nametoindex(at->ifa_name), at->ifa_name, AddressOf(at->ifa_addr, 0)};
-        // A cable that is out leaves an interface up but not running.
-        found.up = (at->ifa_flags & IFF_UP) != 0 && (at->ifa_flags & IFF_RUNNING) != 0;
-        found.mask = AddressOf(at->ifa_netmask, INADDR_NONE);
-        if ((at->ifa_flags & IFF_POINTOPOINT) != 0) {
-            found.otherEnd = AddressOf(at->ifa_dstaddr, 0);
-        }
-        all.push_back(found);
     }
     return all;
 }

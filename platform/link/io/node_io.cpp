@@ -11,9 +11,9 @@
 #include <ctime>
 #include <future>
 
+#include "base/thread.h"
 #include "platform/link/io/close_on_exec.h"
 #include "platform/link/io/run_guarded.h"
-#include "platform/link/io/worker.h"
 #include "platform/link/log.h"
 
 namespace lumora_link {
@@ -38,7 +38,7 @@ NodeIo::~NodeIo() { Stop(); }
 bool NodeIo::Start() {
     std::promise<bool> opened;
     std::future<bool> ready = opened.get_future();
-    mThread = StartQuietThread("lumora-link-io", [this, &opened] {
+    mThread = lumora::StartThread("lumora-link-io", [this, &opened] {
         bool open = false;
         try {
             open = Open();
@@ -54,7 +54,7 @@ bool NodeIo::Start() {
         mGroup.reset();
         mPort = PortGuard();
         mSecuredPort = PortGuard();
-        mRoutes = UniqueFd();
+        mRoutes = lumora::UniqueFd();
     });
     const bool open = ready.get();
     if (!open) {
@@ -234,7 +234,7 @@ void NodeIo::FollowKeys(TimePoint now) {
 
 // The kernel tells when links and addresses change. Without that the node stays with what it has.
 void NodeIo::OpenRouteSocket() {
-    mRoutes = UniqueFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+    mRoutes = lumora::UniqueFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;

@@ -67,7 +67,7 @@ private:
     EventLoop mLoop;
     PortGuard mPort;
     PortGuard mSecuredPort;
-    UniqueFd mRoutes;
+    lumora::UniqueFd mRoutes;
     LinkScope mScope;
     TimePoint mTryAgain = TimePoint::max();
     bool mWarnedOfAddress = false;

@@ -3,11 +3,13 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "base/socket_option.h"
+
 namespace lumora_link {
 
 PortGuard ReservePort(std::uint16_t wanted) {
     PortGuard guard;
-    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    lumora::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(wanted);
@@ -16,11 +18,10 @@ PortGuard ReservePort(std::uint16_t wanted) {
     if (!fd || bind(fd.Get(), generic, size) != 0 || getsockname(fd.Get(), generic, &size) != 0) {
         return guard;
     }
-    const int on = 1;
     // Nobody reads what comes to addresses that the node does not serve.
-    const int least = 1;
-    setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
+    constexpr int LEAST = 1;
+    lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
+    lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_RCVBUF, LEAST);
     guard.socket = std::move(fd);
     guard.port = ntohs(address.sin_port);
     return guard;

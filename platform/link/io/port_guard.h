@@ -7,12 +7,12 @@
 
 #include <cstdint>
 
-#include "platform/link/io/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace lumora_link {
 
 struct PortGuard {
-    UniqueFd socket;
+    lumora::UniqueFd socket;
     std::uint16_t port = 0;
 };
 

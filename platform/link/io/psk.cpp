@@ -6,7 +6,7 @@
 #include <array>
 #include <tuple>
 
-#include "platform/link/io/unique_fd.h"
+#include "base/unique_fd.h"
 #include "platform/link/log.h"
 
 namespace lumora_link {
@@ -47,7 +47,7 @@ bool KeyRing::Has(std::string_view identity, std::string_view key) const {
 std::optional<KeyRing> PskFile::Read(std::time_t now) {
     mNextExpiry.reset();
     mSeen = {};
-    const UniqueFd file(open(mPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const lumora::UniqueFd file(open(mPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file || fstat(file.Get(), &mSeen) != 0 || !S_ISREG(mSeen.st_mode)) {
         stat(mPath.c_str(), &mSeen);
         LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: \"%s\" cannot be read\n", mPath.c_str());

@@ -5,12 +5,9 @@
 #include <functional>
 #include <thread>
 
-#include "platform/link/io/mutex.h"
+#include "base/mutex.h"
 
 namespace lumora_link {
-
-// Starts a thread that blocks every signal: the application's signals are the application's.
-std::thread StartQuietThread(const char* name, std::function<void()> body);
 
 class Worker {
 public:
@@ -31,10 +28,10 @@ private:
     void Run();
 
     const std::size_t mLimit;
-    Mutex mMutex;
-    Condition mChanged;
-    std::deque<Task> mTasks LINK_GUARDED_BY(mMutex);
-    bool mStopping LINK_GUARDED_BY(mMutex) = false;
+    lumora::Mutex mMutex;
+    lumora::Condition mChanged;
+    std::deque<Task> mTasks GUARDED_BY(mMutex);
+    bool mStopping GUARDED_BY(mMutex) = false;
     std::thread mThread;
     std::thread::id mId;  // stays readable for others while Stop joins
 };

@@ -1,4 +1,4 @@
-/* Somebody else's log library: formats every line, and keeps none. Any thread may log. */
+/* A log library that is not ours: formats every line, and keeps none. Any thread may log. */
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>

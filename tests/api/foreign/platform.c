@@ -1,5 +1,5 @@
 /*
- * Somebody else's platform library, written from the documented tables alone: every request goes to the
+ * A platform library that is not ours, written from the documented tables alone: every request goes to the
  * resource that this very process registered last.
  *
  * A table is an array of function pointers. The documented offsets count 4 bytes a pointer.
@@ -101,7 +101,7 @@ int ForeignPlatformSends(unsigned int event, const char* address) {
     return g_onDeviceEvent(&device);
 }
 
-/* Fields that nobody may touch. */
+/* Fields that callers must not touch. */
 static void Never(void) { abort(); }
 
 static int Succeed(struct Platform* platform) {

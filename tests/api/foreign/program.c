@@ -139,7 +139,7 @@ int main(void) {
     EXPECT(LUM_InitClient(&clientID, "viewer") == 0 && clientID == 1);
     StartDevice();
     UseDevice();
-    EXPECT(Counter("ForeignLogErrors") == 1); /* nobody is a printer */
+    EXPECT(Counter("ForeignLogErrors") == 1); /* no device is a printer */
     LoseClient();
     EXPECT(LUM_DeInitServer() == 0);
     EXPECT(LUM_DeInitClient(1) == 0);

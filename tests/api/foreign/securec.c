@@ -1,4 +1,4 @@
-/* Somebody else's bounded functions, byte by byte. */
+/* Bounded functions that are not ours, byte by byte. */
 #include <stddef.h>
 
 int memcpy_s(void* dest, size_t destMax, const void* src, size_t count);

@@ -4,7 +4,7 @@
 # usage: system_test.sh PATH-OF-LINK_TEST_TOOL [CHECK...|long]
 #
 # Without the name of a check, those that end soon; "long" stands for the others, about six minutes.
-# Ends with 77 where namespaces are not permitted. Nothing leaves the namespaces it makes.
+# Ends with 77 if namespaces are not permitted. Nothing leaves the namespaces it makes.
 set -u
 # shellcheck source-path=SCRIPTDIR
 . "$(dirname "$0")/../../support/hosts.sh"
@@ -125,7 +125,7 @@ lossy() {
     read -r _ answered _ counted <"$work/post"
     check "every POST was answered in spite of loss" "$answered" 300
     check "and every one was counted once" "$counted" "$answered"
-    check "nobody was removed wrongly" "$(grep -c 'removed.*camera' "$work/watch")" 0
+    check "no node was removed wrongly" "$(grep -c 'removed.*camera' "$work/watch")" 0
     be_sound
     stop_all
 }
@@ -277,7 +277,7 @@ hour_in_short() {
     lose 20 10
     sleep 120
     be_sound
-    check "20 % loss removes nobody in two minutes" "$(grep -c removed "$work/watch")" 0
+    check "20 % loss removes no node in two minutes" "$(grep -c removed "$work/watch")" 0
     stop_all
 }
 
@@ -288,7 +288,7 @@ blocked_multicast() {
     LUMORA_LINK_PORT=7000 start 2 serve serve camera 1
     local serving=$started
     find_on 1 camera
-    check "without multicast nobody is found" "$found" 0
+    check "without multicast no node is found" "$found" 0
     export LUMORA_LINK_PEERS=10.77.0.2:7000
     find_on 1 camera
     check "but a static peer is" "$found" 1

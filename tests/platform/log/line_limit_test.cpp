@@ -81,7 +81,7 @@ TEST(LogLimit, OfThreadsIsOneForAll) {
     EXPECT_THAT(probe.err, Each(MatchesRegex("thread [abcd] line [0-9]{3} end")));
 }
 
-TEST(LogLimit, IsNotForLevelsThatSomebodyAskedFor) {
+TEST(LogLimit, DoesNotApplyToLevelsThatWereSelected) {
     const Variables variables = {{"LUMORA_LOG_LEVEL", "1"}, {"LUMORA_LOG_LIMIT", "2"}};
     EXPECT_THAT(RunProbe({"many-details", "1000"}, variables).err, SizeIs(1000));
 }

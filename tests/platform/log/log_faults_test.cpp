@@ -47,7 +47,7 @@ Variables LogTo(const std::string& file) {
     return {{"LUMORA_LOG_PATTERN", "%v"}, {"LUMORA_LOG_FILE", file}, {"LUMORA_LOG_LIMIT", "0"}};
 }
 
-TEST(LogFault, AClosedPipeKillsNobody) {
+TEST(LogFault, AClosedPipeEndsNoProcess) {
     Pipe pipe;
     pipe.CloseReader();
     EXPECT_EQ(RunProbe({"broken-pipe"}, EVERY_LINE, pipe.Writer()).exitCode, 0);
@@ -59,7 +59,7 @@ TEST(LogFault, ASignalThatTheApplicationHoldsBackStaysItsOwn) {
     EXPECT_EQ(RunProbe({"pending-signal"}, {}, pipe.Writer()).exitCode, 0);
 }
 
-TEST(LogFault, AReaderThatDoesNotReadHoldsUpNobodyForEver) {
+TEST(LogFault, AReaderThatDoesNotReadBlocksNoWriterForEver) {
     const Pipe pipe;
     EXPECT_EQ(RunProbe({"stalled-reader"}, EVERY_LINE, pipe.Writer()).exitCode, 0);
 }

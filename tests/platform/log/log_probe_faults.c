@@ -39,7 +39,7 @@ static int AsItWas(int signal) {
 int RunBrokenPipe(const char* argument) {
     (void)argument;
     for (int i = 0; i < 10; ++i) {
-        LOG(4, "nobody reads this");
+        LOG(4, "this is not read");
     }
     return AsItWas(SIGPIPE);
 }
@@ -52,7 +52,7 @@ int RunPendingSignal(const char* argument) {
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, NULL);
     pthread_kill(pthread_self(), SIGPIPE);
-    LOG(4, "nobody reads this");
+    LOG(4, "this is not read");
     return IsPending(SIGPIPE) && IsBlocked(SIGPIPE) ? 0 : 1;
 }
 
@@ -99,8 +99,7 @@ int RunVanishingFolder(const char* folder) {
     }
     fclose(fopen(folder, "w"));
     for (int i = 0; i < 200; ++i) {
-        LOG(4, "%s",
-            i % 2 == 0 ? "short" : "a longer line, which is over the limit where a short one is not");
+        LOG(4, "%s", i % 2 == 0 ? "short" : "a longer line, which is over the limit when a short one is not");
     }
     remove(folder);
     mkdir(folder, 0700);

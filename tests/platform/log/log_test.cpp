@@ -1,4 +1,4 @@
-// What a program's log lines look like, which of them are written, and where to.
+// What a program's log lines look like, which of them are written, and to which output.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

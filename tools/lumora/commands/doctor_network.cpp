@@ -12,12 +12,13 @@
 #include <cstdlib>
 #include <set>
 
+#include "base/socket_option.h"
+#include "base/unique_fd.h"
 #include "tools/lumora/commands/findings.h"
 #include "tools/lumora/os/interfaces.h"
 #include "tools/lumora/os/ports.h"
 #include "tools/lumora/os/program.h"
 #include "tools/lumora/os/signals.h"
-#include "tools/lumora/os/unique_fd.h"
 #include "tools/lumora/os/waiting.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/text.h"
@@ -48,19 +49,14 @@ ip_mreqn MembershipOn(const Interface& entry) {
     return membership;
 }
 
-template <typename Value>
-bool SetOption(const UniqueFd& fd, int level, int option, const Value& value) {
-    return setsockopt(fd.Get(), level, option, &value, sizeof(value)) == 0;
-}
-
 // A socket that hears the group on this interface alone; closed, and errno set, when there can be none.
-UniqueFd Join(const Interface& entry, int port) {
-    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+lumora::UniqueFd Join(const Interface& entry, int port) {
+    lumora::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_in address = AddressOf(GROUP, port);
-    const bool joined = fd.IsOpen() && SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1) &&
+    const bool joined = fd && lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1) &&
                         bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
-                        SetOption(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
-                        SetOption(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, MembershipOn(entry));
+                        lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
+                        lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, MembershipOn(entry));
     if (!joined) {
         const int error = errno;
         fd.Close();
@@ -69,7 +65,7 @@ UniqueFd Join(const Interface& entry, int port) {
     return fd;
 }
 
-int PortOf(const UniqueFd& fd) {
+int PortOf(const lumora::UniqueFd& fd) {
     sockaddr_in address = {};
     socklen_t length = sizeof(address);
     getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&address), &length);
@@ -80,11 +76,11 @@ int PortOf(const UniqueFd& fd) {
 bool HearsItself(const Interface& entry) {
     constexpr std::chrono::milliseconds PATIENCE(500);
     constexpr char TEXT[] = "lumora doctor";
-    const UniqueFd ear = Join(entry, 0);
-    const UniqueFd mouth(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!ear.IsOpen() || !mouth.IsOpen() ||
-        !SetOption(mouth, IPPROTO_IP, IP_MULTICAST_IF, MembershipOn(entry)) ||
-        !SetOption(mouth, IPPROTO_IP, IP_MULTICAST_TTL, 0)) {
+    const lumora::UniqueFd ear = Join(entry, 0);
+    const lumora::UniqueFd mouth(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!ear || !mouth ||
+        !lumora::SetSocketOption(mouth.Get(), IPPROTO_IP, IP_MULTICAST_IF, MembershipOn(entry)) ||
+        !lumora::SetSocketOption(mouth.Get(), IPPROTO_IP, IP_MULTICAST_TTL, 0)) {
         return false;
     }
     const sockaddr_in group = AddressOf(GROUP, PortOf(ear));
@@ -95,7 +91,7 @@ bool HearsItself(const Interface& entry) {
 
 struct Ear {
     Interface entry;
-    UniqueFd socket;
+    lumora::UniqueFd socket;
     std::set<std::string> heard;  // address and port of who spoke
 };
 
@@ -315,8 +311,8 @@ void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening) {
         if (!entry.running || entry.address.empty()) {
             continue;
         }
-        UniqueFd socket = Join(entry, GROUP_PORT);
-        if (!socket.IsOpen()) {
+        lumora::UniqueFd socket = Join(entry, GROUP_PORT);
+        if (!socket) {
             TellJoinFault(findings, entry, errno);
             continue;
         }

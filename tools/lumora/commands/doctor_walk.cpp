@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "base/unique_fd.h"
 #include "tools/lumora/commands/findings.h"
 #include "tools/lumora/os/ports.h"
 #include "tools/lumora/os/signals.h"
-#include "tools/lumora/os/unique_fd.h"
 #include "tools/lumora/session/client_session.h"
 #include "tools/lumora/session/link_node.h"
 #include "tools/lumora/terminal/failure.h"
@@ -27,7 +27,7 @@ const char AREA[] = "device";
 // so ECONNREFUSED means that the way is open.
 int ConnectError(const std::string& host, int port) {
     constexpr int PATIENCE_MS = 2000;
-    const UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const lumora::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<in_port_t>(port));

@@ -26,7 +26,7 @@ std::string HelpPage(const Manual& manual, const Command* command, std::size_t w
 // Pages for man(1): lumora.1, and one lumora-COMMAND.1 for each command.
 std::string ManPage(const Manual& manual, const Command* command);
 
-// docs/cli.md: its page, and a section for a program without commands.
+// docs/generated/cli.md: its page, and a section for a program without commands.
 std::string MarkdownPage(const Manual& manual);
 std::string MarkdownSection(const Manual& manual);
 

@@ -22,8 +22,8 @@ namespace {
 
 // 0, or the error.
 int WriteNew(const std::string& path, std::string_view bytes) {
-    UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (!file.IsOpen()) {
+    lumora::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!file) {
         return errno;
     }
     while (!bytes.empty()) {
@@ -73,9 +73,9 @@ std::string NameOf(const std::string& path) { return path == "-" ? "standard inp
 // Opening a FIFO blocks until it has a writer, and no signal that this program watches would end that.
 // O_NONBLOCK opens it at once; until the first writer comes, reading gives the end of the file and polling
 // nothing.
-UniqueFd Open(const std::string& path) {
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd.IsOpen()) {
+lumora::UniqueFd Open(const std::string& path) {
+    lumora::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd) {
         ThrowUnreadable(path, errno);
     }
     return fd;

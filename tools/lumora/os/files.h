@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "tools/lumora/os/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace lumora_cli {
 
@@ -32,7 +32,7 @@ private:
     std::size_t ReadSome(char* bytes, std::size_t most);
 
     std::string mName;
-    UniqueFd mOwn;
+    lumora::UniqueFd mOwn;
     int mFd = 0;
     std::string mRest;  // read, and not yet part of a line
 };

@@ -1,14 +1,11 @@
 #include "tools/lumora/os/interfaces.h"
 
 #include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
 
+#include "base/interface_addresses.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/text.h"
 
@@ -16,14 +13,10 @@ namespace lumora_cli {
 
 namespace {
 
-std::string AddressIn(const ifaddrs& entry) {
-    if (entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET) {
-        return "";
-    }
-    sockaddr_in address = {};
-    std::memcpy(&address, entry.ifa_addr, sizeof(address));
+std::string AddressText(in_addr_t host) {
+    const in_addr address = {host};
     char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &address.sin_addr, text, sizeof(text));
+    inet_ntop(AF_INET, &address, text, sizeof(text));
     return text;
 }
 
@@ -35,23 +28,19 @@ bool IsAmong(const std::string& names, const std::string& name) {
 }  // namespace
 
 std::vector<Interface> ListInterfaces() {
-    ifaddrs* first = nullptr;
-    if (getifaddrs(&first) != 0) {
-        return {};
-    }
-    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, freeifaddrs);
     std::vector<Interface> all;
-    for (const ifaddrs* at = first; at != nullptr; at = at->ifa_next) {
-        const auto known = std::find_if(all.begin(), all.end(),
-                                        [at](const Interface& other) { return other.name == at->ifa_name; });
+    for (const lumora::InterfaceAddress& found : lumora::ListInterfaceAddresses()) {
+        const auto known = std::find_if(
+            all.begin(), all.end(), [&found](const Interface& other) { return other.name == found.name; });
         Interface& entry = known != all.end() ? *known : all.emplace_back();
-        entry.index = static_cast<int>(if_nametoindex(at->ifa_name));
-        entry.name = at->ifa_name;
-        entry.address = entry.address.empty() ? AddressIn(*at) : entry.address;
-        // A cable that is out leaves an interface up but not running.
-        entry.running = (at->ifa_flags & IFF_UP) != 0 && (at->ifa_flags & IFF_RUNNING) != 0;
-        entry.multicast = (at->ifa_flags & IFF_MULTICAST) != 0;
-        entry.loopback = (at->ifa_flags & IFF_LOOPBACK) != 0;
+        entry.index = static_cast<int>(found.index);
+        entry.name = found.name;
+        if (entry.address.empty() && found.hasIpv4) {
+            entry.address = AddressText(found.host);
+        }
+        entry.running = found.running;
+        entry.multicast = found.multicast;
+        entry.loopback = found.loopback;
     }
     return all;
 }

@@ -5,7 +5,8 @@
 
 #include <cerrno>
 
-#include "tools/lumora/os/unique_fd.h"
+#include "base/socket_option.h"
+#include "base/unique_fd.h"
 
 namespace lumora_cli {
 
@@ -26,10 +27,9 @@ PortState StateAfter(bool mine) {
 }  // namespace
 
 PortState TcpPortState(int port) {
-    const UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const int yes = 1;
+    const lumora::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_in address = AnyAddress(port);
-    if (!fd.IsOpen() || setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) != 0) {
+    if (!fd || !lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1)) {
         return PortState::UNKNOWN;
     }
     // Addresses may be shared by sockets that do not listen: only listening shows it.
@@ -38,9 +38,9 @@ PortState TcpPortState(int port) {
 }
 
 PortState UdpPortState(int port) {
-    const UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const lumora::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr_in address = AnyAddress(port);
-    return StateAfter(fd.IsOpen() &&
+    return StateAfter(fd &&
                       bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0);
 }
 

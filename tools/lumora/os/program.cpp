@@ -12,8 +12,8 @@
 #include <csignal>
 #include <cstring>
 
+#include "base/unique_fd.h"
 #include "tools/lumora/os/signals.h"
-#include "tools/lumora/os/unique_fd.h"
 #include "tools/lumora/os/waiting.h"
 #include "tools/lumora/terminal/failure.h"
 
@@ -30,12 +30,12 @@ struct Pipe {
         if (pipe2(ends, O_CLOEXEC) != 0) {
             throw Failure(EXIT_FAILED, "no pipe: " + SystemError(errno));
         }
-        read = UniqueFd(ends[0]);
-        write = UniqueFd(ends[1]);
+        read = lumora::UniqueFd(ends[0]);
+        write = lumora::UniqueFd(ends[1]);
     }
 
-    UniqueFd read;
-    UniqueFd write;
+    lumora::UniqueFd read;
+    lumora::UniqueFd write;
 };
 
 // What a child gets in place of what we have: signals as they are by default, a process group of its own, so
@@ -62,7 +62,7 @@ public:
     SpawnPlan(const SpawnPlan&) = delete;
     SpawnPlan& operator=(const SpawnPlan&) = delete;
 
-    void Become(const UniqueFd& ours, int theirs) {
+    void Become(const lumora::UniqueFd& ours, int theirs) {
         posix_spawn_file_actions_adddup2(&mActions, ours.Get(), theirs);
     }
     void Silence(int theirs) { posix_spawn_file_actions_addopen(&mActions, theirs, "/dev/null", O_RDWR, 0); }
@@ -115,7 +115,9 @@ int ExitCodeOf(int status) {
     return WIFSIGNALED(status) ? EXIT_BY_SIGNAL + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-void SetNonBlocking(const UniqueFd& fd) { fcntl(fd.Get(), F_SETFL, fcntl(fd.Get(), F_GETFL) | O_NONBLOCK); }
+void SetNonBlocking(const lumora::UniqueFd& fd) {
+    fcntl(fd.Get(), F_SETFL, fcntl(fd.Get(), F_GETFL) | O_NONBLOCK);
+}
 
 // Without taking its exit code: its number stays its own.
 bool IsRunning(pid_t id) {
@@ -153,7 +155,7 @@ public:
 private:
     // Its output ends with the last of the processes that it has started; it may go on after that.
     void Attend(pid_t id) {
-        while (mOut.read.IsOpen() || IsRunning(id)) {
+        while (mOut.read || IsRunning(id)) {
             pollfd watched[] = {
                 {StopFd(), POLLIN, 0}, {mIn.write.Get(), POLLOUT, 0}, {mOut.read.Get(), POLLIN, 0}};
             poll(watched, std::size(watched), PollTime());
@@ -174,7 +176,7 @@ private:
 
     int PollTime() const {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(mDeadline - Clock::now());
-        const int most = mOut.read.IsOpen() ? 60'000 : EXIT_CHECK_MS;
+        const int most = mOut.read ? 60'000 : EXIT_CHECK_MS;
         return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, most));
     }
 
@@ -252,7 +254,7 @@ void Child::End() {
 
 std::string Child::NextLine(std::chrono::milliseconds timeout) {
     const Deadline deadline = In(timeout);
-    while (mOutput.IsOpen()) {
+    while (mOutput) {
         const std::size_t end = mRest.find('\n');
         if (end != std::string::npos) {
             std::string line = mRest.substr(0, end);

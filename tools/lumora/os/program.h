@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/lumora/os/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace lumora_cli {
 
@@ -44,7 +44,7 @@ public:
 
 private:
     pid_t mId = -1;
-    UniqueFd mOutput;
+    lumora::UniqueFd mOutput;
     std::string mRest;
 };
 

@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "tools/lumora/os/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace lumora_cli {
 

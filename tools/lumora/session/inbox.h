@@ -10,12 +10,12 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <system_error>
 #include <utility>
 
-#include "tools/lumora/os/unique_fd.h"
+#include "base/mutex.h"
+#include "base/unique_fd.h"
 #include "tools/lumora/os/waiting.h"
 
 namespace lumora_cli {
@@ -24,14 +24,14 @@ template <typename Item>
 class Inbox {
 public:
     Inbox() : mReady(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        if (!mReady.IsOpen()) {
+        if (!mReady) {
             throw std::system_error(errno, std::generic_category(), "no event descriptor");
         }
     }
 
     void Put(Item item) {
         {
-            const std::lock_guard<std::mutex> lock(mMutex);
+            const lumora::MutexLock lock(mMutex);
             mItems.push_back(std::move(item));
         }
         const std::uint64_t one = 1;
@@ -56,7 +56,7 @@ public:
     int ReadyFd() const { return mReady.Get(); }
 
     std::optional<Item> TryTake() {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const lumora::MutexLock lock(mMutex);
         if (mItems.empty()) {
             return std::nullopt;
         }
@@ -66,9 +66,9 @@ public:
     }
 
 private:
-    UniqueFd mReady;
-    std::mutex mMutex;  // guards what follows
-    std::deque<Item> mItems;
+    lumora::UniqueFd mReady;
+    lumora::Mutex mMutex;
+    std::deque<Item> mItems GUARDED_BY(mMutex);
 };
 
 }  // namespace lumora_cli

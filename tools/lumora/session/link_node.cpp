@@ -1,10 +1,9 @@
 #include "tools/lumora/session/link_node.h"
 
-#include <cjson/cJSON.h>
-
 #include <iterator>
 #include <set>
 
+#include "base/json.h"
 #include "tools/lumora/os/signals.h"
 #include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/failure.h"
@@ -44,10 +43,6 @@ static int Refuse(AppResource*, const RemoteEndpoint*, const char*, const char*,
 static const char* NoDescriptor(AppResource*) { return nullptr; }
 
 }  // extern "C"
-
-struct JsonDeleter {
-    void operator()(cJSON* root) const { cJSON_Delete(root); }
-};
 
 std::optional<Service> ParseService(const cJSON* entry) {
     const cJSON* name = cJSON_GetObjectItem(entry, "Name");
@@ -114,7 +109,7 @@ std::vector<RemoteDevice> LinkNode::Find(const std::string& type) {
 // ---- What they say
 
 std::optional<std::vector<Service>> ParseServices(const std::string& document) {
-    const std::unique_ptr<cJSON, JsonDeleter> root(cJSON_Parse(document.c_str()));
+    const lumora::JsonTree root = lumora::ParseJson(document);
     if (!cJSON_IsNumber(cJSON_GetObjectItem(root.get(), "ServiceNum"))) {
         return std::nullopt;
     }

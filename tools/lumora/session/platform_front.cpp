@@ -8,7 +8,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
+
+#include "base/mutex.h"
 
 namespace lumora_cli {
 
@@ -18,12 +19,12 @@ namespace {
 // of one library have the same function.
 AppResourceProxy* (*g_findResource)(LinkPlatform*, const char*) = nullptr;
 
-std::mutex g_mutex;  // guards g_wanted
-DeviceAddress g_wanted;
+lumora::Mutex g_mutex;
+DeviceAddress g_wanted GUARDED_BY(g_mutex);
 bool g_offline = false;  // set before there are threads
 
 DeviceAddress Wanted() {
-    const std::lock_guard<std::mutex> lock(g_mutex);
+    const lumora::MutexLock lock(g_mutex);
     return g_wanted;
 }
 
@@ -69,7 +70,7 @@ void RememberCause(const char* text) {
 }  // namespace
 
 void FindOnly(const DeviceAddress& address) {
-    const std::lock_guard<std::mutex> lock(g_mutex);
+    const lumora::MutexLock lock(g_mutex);
     g_wanted = address;
 }
 

@@ -1,0 +1,26 @@
+#include "base/thread.h"
+
+#include <pthread.h>
+
+#include <utility>
+
+namespace lumora {
+
+AllSignalsBlocked::AllSignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &mBefore);
+}
+
+AllSignalsBlocked::~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+
+std::thread StartThread(const char* name, std::function<void()> body) {
+    // The destructor restores the caller's mask also if std::thread throws.
+    const AllSignalsBlocked blocked;
+    return std::thread([name, body = std::move(body)] {
+        pthread_setname_np(pthread_self(), name);
+        body();
+    });
+}
+
+}  // namespace lumora
