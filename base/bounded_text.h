@@ -9,11 +9,11 @@
 
 namespace lumora {
 
-// The length of text, or limit + 1 when it is longer than limit: nothing behind that is read.
+// The length of text, or limit + 1 if it is longer than limit. Reads at most limit + 1 bytes.
 inline std::size_t LengthUpTo(const char* text, std::size_t limit) { return strnlen(text, limit + 1); }
 
-// The length of the name field that begins at offset in record, or 41 when it exceeds the field. The 41st
-// byte belongs to the field's successor in the same record, so nothing outside the record is read.
+// The length of the name field that begins at offset in record, or 41 if the field has no terminator. The
+// 41st byte belongs to the next field of the same record, so the function reads nothing outside the record.
 inline std::size_t NameLength(const void* record, std::size_t offset) {
     return LengthUpTo(static_cast<const char*>(record) + offset, LUM_NAME_SIZE);
 }

@@ -4,6 +4,8 @@ namespace lumora {
 
 namespace {
 
+// Counters, because a callback may call a function that runs another callback of the same side on this
+// thread.
 thread_local int t_clientCallbacks = 0;
 thread_local int t_serverCallbacks = 0;
 thread_local const std::atomic<bool>* t_transportRunning = nullptr;

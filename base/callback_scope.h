@@ -25,7 +25,7 @@ private:
 // While one lives, its thread is a server transport's receive thread that runs the application's OnData.
 class DataCallbackScope {
 public:
-    // running turns false when another thread starts to stop the transport, and so to join this thread.
+    // running: becomes false when another thread starts to stop the transport, which joins this thread.
     explicit DataCallbackScope(const std::atomic<bool>& running);
     ~DataCallbackScope();
     DataCallbackScope(const DataCallbackScope&) = delete;

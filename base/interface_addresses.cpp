@@ -46,6 +46,7 @@ std::vector<InterfaceAddress> ListInterfaceAddresses() {
         return {};
     }
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, freeifaddrs);
+    // Copied, because the list of the C library ends with owner.
     std::vector<InterfaceAddress> all;
     for (const ifaddrs* at = first; at != nullptr; at = at->ifa_next) {
         all.push_back(EntryOf(*at));

@@ -17,7 +17,7 @@ cJSON* AddJsonObject(cJSON* parent, const std::string& key) {
     if (object == nullptr || !cJSON_AddItemToObject(parent, key.c_str(), object.get())) {
         return nullptr;
     }
-    return object.release();
+    return object.release();  // parent owns it now
 }
 
 bool PrintJson(const cJSON* root, std::string& out) {

@@ -13,13 +13,13 @@ struct JsonDeleter {
 };
 using JsonTree = std::unique_ptr<cJSON, JsonDeleter>;
 
-// Null when text is no JSON document. Text behind the document is ignored.
+// Null if text is not a JSON document, or if memory ran out. Text after the document is ignored.
 JsonTree ParseJson(const std::string& text);
 
-// Creates an object and hands it to parent under key. Null when memory ran out.
+// Creates an object as a member of parent under key. parent owns it. Null if memory ran out.
 cJSON* AddJsonObject(cJSON* parent, const std::string& key);
 
-// Prints without blanks and line ends. False, and out as it was, when memory ran out.
+// Prints without blanks and line ends. False, with out unchanged, if memory ran out.
 bool PrintJson(const cJSON* root, std::string& out);
 
 }  // namespace lumora

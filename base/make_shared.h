@@ -1,4 +1,4 @@
-// Shared objects for code that answers the lack of memory with a message of its own.
+// Shared objects for callers that log a failed allocation themselves.
 #pragma once
 
 #include <memory>
@@ -7,6 +7,7 @@
 
 namespace lumora {
 
+// Null if allocation fails. Exceptions of T's constructor other than std::bad_alloc pass through.
 template <typename T, typename... Args>
 std::shared_ptr<T> MakeSharedOrNull(Args&&... args) {
     try {

@@ -6,8 +6,8 @@
 
 namespace lumora {
 
-// An application may leave main while our threads or the platform's still run: what they reach has to
-// outlive the destructors that exit() runs.
+// An application may return from main while threads of the library or the platform still run. Objects that
+// those threads use must outlive exit(), which runs the destructors of static objects.
 template <typename T>
 class NeverDestroyed {
 public:
@@ -15,7 +15,7 @@ public:
     explicit NeverDestroyed(Args&&... args) {
         new (&mObject) T(std::forward<Args>(args)...);
     }
-    ~NeverDestroyed() {}  // leaves the object alone, hence the union
+    ~NeverDestroyed() {}  // does not destroy the object; this is why it stands in a union
     NeverDestroyed(const NeverDestroyed&) = delete;
     NeverDestroyed& operator=(const NeverDestroyed&) = delete;
 

@@ -18,6 +18,7 @@ std::thread StartThread(const char* name, std::function<void()> body) {
     // The destructor restores the caller's mask also if std::thread throws.
     const AllSignalsBlocked blocked;
     return std::thread([name, body = std::move(body)] {
+        // Fails for more than 15 characters, and the thread then keeps the program's name.
         pthread_setname_np(pthread_self(), name);
         body();
     });

@@ -12,6 +12,7 @@
 #define GUARDED_BY(x) LUMORA_THREAD_ATTRIBUTE(guarded_by(x))
 #define REQUIRES(...) LUMORA_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define EXCLUDES(...) LUMORA_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+#define ACQUIRED_BEFORE(...) LUMORA_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
 #define ACQUIRED_AFTER(...) LUMORA_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
 #define ACQUIRE(...) LUMORA_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) LUMORA_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))

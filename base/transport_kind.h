@@ -7,8 +7,8 @@
 
 namespace lumora {
 
-// An application in C may put any number into the field, and C++ must not load one that its enumeration has
-// no room for.
+// An application in C may store any number in the field. Loading a value outside the enumeration's range is
+// undefined in C++, so the bytes are copied into an int.
 inline int TransportKind(const LUM_SERVICE_INFO_S& service) {
     int kind = 0;
     static_assert(sizeof(kind) == sizeof(service.transport), "enumerations are 32 bits wide");

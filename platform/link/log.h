@@ -1,4 +1,4 @@
-// This library's way into the device's log. Quiet by default: 0 and 1 are for those who look.
+// Writes to the device's log under this library's tag. Levels 0 and 1 are debug output, off by default.
 #pragma once
 
 #include <atomic>
@@ -14,7 +14,7 @@ constexpr int LEVEL_DETAIL = 1;
 constexpr int LEVEL_WARNING = 3;
 constexpr int LEVEL_ERROR = 4;
 
-// Lets one line per minute through; the same trouble needs no second line at once.
+// Permits one line per minute and place, so that a repeated fault does not fill the log. Any thread may ask.
 class LogLimit {
 public:
     bool Permits() {

@@ -6,7 +6,8 @@ namespace lumora_log {
 namespace {
 
 constexpr std::chrono::minutes PERIOD(1);
-// Programs have fewer places. Only one that makes up names could go beyond.
+// Bounds the table. Programs have fewer places that log; only one that makes up names exceeds this. The
+// counters then start again.
 constexpr size_t MOST_PLACES = 2048;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// How many lines one place in the code may write: what a stranger can cause must not fill a disk.
+// Limits the lines that one place in the code may write: requests of a stranger must not fill a disk.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@ class LineLimit {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    // Names are constants of the program, told apart by their address.
+    // Names are string literals of the program, so their addresses identify them.
     struct Place {
         const char* tag;
         const char* function;
@@ -27,13 +27,13 @@ public:
         }
     };
 
-    // A limit of 0 is none.
+    // 0: no limit.
     explicit LineLimit(unsigned linesPerMinute) : mLimit(linesPerMinute) {}
 
-    // Nothing where the line must be left out; else how many were left out since the last one.
+    // Nothing if the line must be suppressed. Otherwise the number of lines suppressed since the last one.
     std::optional<std::uint64_t> Admit(const Place& place, TimePoint now);
 
-    // Around a fork: the child must not find this locked by a thread that it does not have.
+    // Around a fork: see LockLog in link_log.cpp.
     void Lock() ACQUIRE(mMutex) { mMutex.lock(); }
     void Unlock() RELEASE(mMutex) { mMutex.unlock(); }
 

@@ -23,13 +23,14 @@ namespace {
 
 constexpr int LOWEST_LEVEL = 0;
 constexpr int HIGHEST_LEVEL = 4;
-// Who lowers the threshold wants to see every line of the levels below.
+// Levels 0 and 1 are never limited: they are debug output that a user has switched on.
 constexpr int LOWEST_LIMITED_LEVEL = 2;
 constexpr size_t LONGEST_LINE = 2048;
 constexpr char CUT_MARK[] = "...";
 
-// Until the environment has been read, every line takes the long way. Constant-initialised, so that lines
-// from constructors of other libraries find it in order.
+// Until the environment has been read, the threshold lets every line through to WriteLine, which reads it.
+// The threshold is constant-initialised, so that constructors of other libraries can log before ours have
+// run.
 constexpr int NOT_READ = INT_MIN;
 std::atomic<int> threshold{NOT_READ};
 
@@ -65,13 +66,13 @@ std::unique_ptr<Log> MakeLog() {
     return log;
 }
 
-// Never destroyed: threads and static objects log until the process is gone.
+// Never destroyed: threads and static objects may log until the process ends.
 Log& TheLog() {
     static Log& log = *MakeLog().release();
     return log;
 }
 
-// A caller logs what failed and looks at errno afterwards.
+// Restores errno: callers log a failure first and evaluate errno afterwards.
 class ErrnoKeeper {
 public:
     ErrnoKeeper() : mValue(errno) {}
@@ -102,7 +103,7 @@ __attribute__((format(printf, 2, 0))) std::string_view FormatLine(char (&buffer)
     return {buffer, length};
 }
 
-// Whether the line may be written. The first one after others were left out is told of them.
+// Whether the line may be written. After suppressed lines, first writes how many were dropped.
 bool IsAdmitted(Log& log, const LogLine& place) {
     if (place.level < LOWEST_LIMITED_LEVEL) {
         return true;
@@ -154,7 +155,7 @@ __attribute__((visibility("default"))) void LogInfo(int level, const char* tag, 
     try {
         lumora_log::WriteLine(level, tag, function, line, format, arguments);
     } catch (...) {
-        // No memory for a line: the caller's work goes on without it.
+        // Without memory the line is lost; the caller's work goes on.
     }
     va_end(arguments);
 }

@@ -27,9 +27,9 @@ void ReadNumber(const char* name, Number lowest, Number highest, Number& setting
         setting = value;
         return;
     }
-    Complain("%s: \"%.40s\" is no number from %lld to %lld; %lld is taken", name, text.data(),
-             static_cast<long long>(lowest), static_cast<long long>(highest),
-             static_cast<long long>(setting));
+    ReportToStderr("%s: \"%.40s\" is no number from %lld to %lld; %lld is taken", name, text.data(),
+                   static_cast<long long>(lowest), static_cast<long long>(highest),
+                   static_cast<long long>(setting));
 }
 
 }  // namespace
@@ -46,7 +46,7 @@ LogSettings ReadLogSettings() {
     settings.file = Variable("LUMORA_LOG_FILE");
     settings.pattern = Variable("LUMORA_LOG_PATTERN");
     if (settings.useSyslog && !settings.file.empty()) {
-        Complain("LUMORA_LOG_SYSLOG is left aside for LUMORA_LOG_FILE");
+        ReportToStderr("LUMORA_LOG_SYSLOG is left aside for LUMORA_LOG_FILE");
         settings.useSyslog = false;
     }
     return settings;

@@ -42,9 +42,8 @@ protected:
     void flush_() override {}
 };
 
-// Throws unless the path is that of a file, or of a device that takes text like one. A pipe without a reader
-// would hold up the caller for ever, and putting a device aside like a full file would take it from
-// everybody.
+// False for a character device, which takes text but must not be renamed as a full file is. Throws for
+// anything else: writing to a pipe without a reader would block the caller forever.
 bool IsPlainFile(const std::string& path) {
     const lumora::UniqueFd file(
         open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644));
@@ -58,8 +57,8 @@ bool IsPlainFile(const std::string& path) {
     return S_ISREG(status.st_mode);
 }
 
-// spdlog makes folders that are missing. A misspelt path would then take the lines to a place that no one
-// knows, with the rights of the program.
+// spdlog creates missing folders. A misspelt path would then send the lines to an unknown place, with the
+// rights of the program.
 void RequireFolder(const std::string& path) {
     const std::string folder = spdlog::details::os::dir_name(path);
     struct stat status {};
@@ -74,7 +73,7 @@ std::unique_ptr<spdlog::sinks::sink> MakeFileSink(const LogSettings& settings) {
         return std::make_unique<spdlog::sinks::basic_file_sink_st>(settings.file);
     }
     spdlog::file_event_handlers handlers;
-    handlers.before_open = RequireFolder;  // a full file is put aside, and opened anew
+    handlers.before_open = RequireFolder;  // also called when a full file was renamed and a new one is opened
     return std::make_unique<spdlog::sinks::rotating_file_sink_st>(settings.file, settings.fileSize,
                                                                   settings.fileCount - 1, false, handlers);
 }
@@ -84,7 +83,7 @@ std::unique_ptr<spdlog::sinks::sink> MakeSink(const LogSettings& settings) {
         return MakeFileSink(settings);
     }
     if (settings.useSyslog) {
-        // Without a name of its own the program's is taken.
+        // An empty name: syslog then uses the program's.
         return std::make_unique<spdlog::sinks::syslog_sink_st>("", LOG_PID, LOG_USER, true);
     }
     return std::make_unique<StderrSink>();
@@ -106,13 +105,13 @@ LogWriter::LogWriter(LogSettings settings) : mSettings(std::move(settings)) {
 
 LogWriter::~LogWriter() = default;
 
-// A file that was no good from the start is a mistake in the settings: somebody should see the lines.
+// A file that cannot be opened at the start is a mistake in the settings. Standard error makes it visible.
 void LogWriter::OpenFirst() {
     try {
         Open();
     } catch (const std::exception& failure) {
-        Complain("LUMORA_LOG_FILE: \"%s\" %s; standard error is taken", mSettings.file.c_str(),
-                 failure.what());
+        ReportToStderr("LUMORA_LOG_FILE: \"%s\" %s; standard error is taken", mSettings.file.c_str(),
+                       failure.what());
         mSettings.file.clear();
         Open();
     }
@@ -154,7 +153,7 @@ void LogWriter::Put(const LogLine& line) {
     const spdlog::details::log_msg message(place, line.tag, level,
                                            spdlog::string_view_t(line.text.data(), line.text.size()));
     mSink->log(message);
-    // The last lines before a crash are the ones that are needed most.
+    // Flushed at once: the last lines before a crash matter most.
     mSink->flush();
 }
 
@@ -165,14 +164,14 @@ void LogWriter::ReportLostLines() {
     mLostLines = 0;
 }
 
-// What failed once is not written to again: it may have been left without an open file.
+// Drops the sink: after a failure spdlog may have left it without an open file. Write opens a new one later.
 void LogWriter::Fail(const char* reason) {
     mSink.reset();
     const auto now = Clock::now();
     mNextAttempt = now + ATTEMPT_INTERVAL;
     if (!mSettings.file.empty() && now >= mNextComplaint) {
         mNextComplaint = now + COMPLAINT_INTERVAL;
-        Complain("LUMORA_LOG_FILE: \"%s\" %s; log lines are lost", mSettings.file.c_str(), reason);
+        ReportToStderr("LUMORA_LOG_FILE: \"%s\" %s; log lines are lost", mSettings.file.c_str(), reason);
     }
 }
 

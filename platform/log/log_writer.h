@@ -1,4 +1,4 @@
-// Where log lines go, and what happens when they cannot go there.
+// Writes log lines to a file, to syslog or to standard error, and tries again after a failure.
 #pragma once
 
 #include <chrono>
@@ -23,8 +23,8 @@ struct LogLine {
     std::string_view text;
 };
 
-// Writes lines one after the other. A line that cannot be written is lost; the output is opened anew a little
-// later, and the number of lost lines is then the first thing that it is told.
+// Writes one line at a time. A line that cannot be written is lost. The output is opened again one second
+// later at the earliest, and its first line is then the number of lost lines.
 class LogWriter {
 public:
     explicit LogWriter(LogSettings settings);
@@ -34,7 +34,7 @@ public:
 
     void Write(const LogLine& line);
 
-    // Around a fork, as of a LineLimit.
+    // Around a fork: see LockLog in link_log.cpp.
     void Lock() ACQUIRE(mMutex) { mMutex.lock(); }
     void Unlock() RELEASE(mMutex) { mMutex.unlock(); }
 

@@ -16,7 +16,7 @@ SignalShield::SignalShield() {
     sigemptyset(&mTaken);
     for (const int signal : {SIGPIPE, SIGXFSZ}) {
         sigaddset(&raisedByWrites, signal);
-        // One that waits already was sent to somebody who wants to see it.
+        // A signal that was pending before belongs to the application and stays pending.
         if (sigismember(&pending, signal) == 0) {
             sigaddset(&mTaken, signal);
         }
@@ -28,6 +28,8 @@ SignalShield::~SignalShield() {
     if (!mBlocked) {
         return;
     }
+    // The kernel sends these two signals to the writing thread, so they are pending here. Consumes them
+    // before the mask is restored; otherwise they would be delivered then and end the process.
     const timespec atOnce{};
     while (sigtimedwait(&mTaken, nullptr, &atOnce) > 0 || errno == EINTR) {
     }

@@ -1,12 +1,13 @@
-// Writing must not end the process, and its signal dispositions belong to the application.
+// Keeps a failed write from ending the process. Signal handlers are not touched: they belong to the
+// application.
 #pragma once
 
 #include <csignal>
 
 namespace lumora_log {
 
-// While one lives, a write of this thread into a closed pipe or beyond a file size limit fails with an error
-// code and nothing else: the signals that would come with it are held back and taken away again.
+// While one lives, a write of this thread to a closed pipe or beyond a file size limit fails with errno only.
+// The signals that the kernel raises for it, SIGPIPE and SIGXFSZ, are blocked and then consumed.
 class SignalShield {
 public:
     SignalShield();
@@ -15,7 +16,7 @@ public:
     SignalShield& operator=(const SignalShield&) = delete;
 
 private:
-    sigset_t mTaken;  // what a write may raise and nobody else had raised before
+    sigset_t mTaken;  // raised by our write, not pending before it
     sigset_t mMask;   // the thread's own mask
     bool mBlocked;
 };

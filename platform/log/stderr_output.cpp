@@ -14,7 +14,7 @@
 namespace lumora_log {
 namespace {
 
-// How long a reader that does not read may hold up the thread that logs.
+// How long the logging thread waits for a reader that does not read. The line is lost after that.
 constexpr int PATIENCE_MS = 200;
 
 bool WaitUntilWritable() {
@@ -23,7 +23,7 @@ bool WaitUntilWritable() {
     if (ready == 0) {
         errno = EAGAIN;
     }
-    // An error or a hang-up counts as ready: the write then says what it is.
+    // poll reports errors and hang-ups as ready. The following write returns the reason.
     return ready > 0;
 }
 
@@ -34,7 +34,8 @@ bool WriteToStderr(const char* data, size_t size) {
         if (!WaitUntilWritable()) {
             return false;
         }
-        // A pipe that is ready takes this much without blocking and without mixing it with others' lines.
+        // A pipe that polls as writable takes PIPE_BUF bytes without blocking, and in one piece: lines of
+        // several processes do not mix.
         const ssize_t written = write(STDERR_FILENO, data, std::min<size_t>(size, PIPE_BUF));
         if (written < 0 && errno != EINTR) {
             return false;
@@ -47,7 +48,7 @@ bool WriteToStderr(const char* data, size_t size) {
     return true;
 }
 
-void Complain(const char* format, ...) {
+void ReportToStderr(const char* format, ...) {
     char text[512] = "link_log: ";
     const size_t prefix = sizeof("link_log: ") - 1;
     va_list arguments;

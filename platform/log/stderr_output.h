@@ -1,4 +1,4 @@
-// Standard error as a place to write to that neither blocks for long nor kills.
+// Writes to standard error without blocking for long and without ending the process by SIGPIPE.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +12,6 @@ bool WriteToStderr(const char* data, size_t size);
 #if defined(__GNUC__)
 __attribute__((format(printf, 1, 2)))
 #endif
-void Complain(const char* format, ...);
+void ReportToStderr(const char* format, ...);
 
 }  // namespace lumora_log

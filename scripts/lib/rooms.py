@@ -18,7 +18,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PICTURE = ROOT / "docs" / "generated" / "rooms.svg"
 # Each built file and its folders, in the order of the picture.
 GROUPS = {
-    "liblumora_cpp.so": ["api", "client", "server", "transport", "link", "version", "protocol", "base"],
+    "liblumora_cpp.so": ["api", "client", "server", "transport", "link", "version", "protocol"],
     "liblumora.so": ["platform/link", "platform/link/capi", "platform/link/io", "platform/link/core",
                      "platform/link/wire"],
     "liblink_log.so": ["platform/log"],
@@ -26,9 +26,10 @@ GROUPS = {
     "lumora": ["tools/lumora", "tools/lumora/commands", "tools/lumora/session", "tools/lumora/manual",
                "tools/lumora/os", "tools/lumora/terminal"],
     "lumora-platform-check": ["tools/platform_check"],
-    "": ["include", "platform/include"],
+    "": ["base", "include", "platform/include"],
 }
-LABELS = {"tools/lumora": "main", "platform/link": "log.h", "include": "include: for applications",
+LABELS = {"tools/lumora": "main", "platform/link": "log.h", "base": "base: shared",
+          "include": "include: for applications",
           "platform/include": "platform/include: C headers of the three platform libraries"}
 ROOMS = [room for rooms in GROUPS.values() for room in rooms]
 FOLDERS = sorted({room.split("/")[0] for room in ROOMS})

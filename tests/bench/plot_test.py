@@ -31,7 +31,7 @@ class PlotTest(unittest.TestCase):
                                "--document", self.document], stderr=subprocess.PIPE).returncode
 
     def charts(self):
-        return {path.name: path.read_text() for path in (self.path / "performance").iterdir()}
+        return {path.name: path.read_text() for path in (self.path / "generated" / "performance").iterdir()}
 
     def test_every_chart_is_well_formed(self):
         self.assertEqual(self.plot(), 0)

@@ -56,32 +56,33 @@ TEST_F(LinkLifecycleTest, FurtherClientsUseTheRunningLink) {
     EXPECT_EQ(1, mPlatform.CallCount("RegisterResource"));
 }
 
-TEST_F(LinkLifecycleTest, MissingPlatformFailsTheStart) {
-    mPlatform.givesHandles = false;
-    EXPECT_THAT(FailToStart(TakeId()),
-                ElementsAre("Create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"));
-}
-
-TEST_F(LinkLifecycleTest, PlatformThatDoesNotInitialiseFailsTheStart) {
-    mPlatform.initResult = -1;
-    EXPECT_THAT(FailToStart(TakeId()),
-                ElementsAre("Create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"));
-    EXPECT_EQ(0, mPlatform.LiveHandles());
-}
-
-TEST_F(LinkLifecycleTest, RefusedRegistrationFailsTheStartBeforeItRuns) {
-    mPlatform.registerResult = -1;
-    EXPECT_THAT(FailToStart(TakeId()), ElementsAre("mSmartHomeLink registerDeviceDescriptor failed!\n",
-                                                   "StartCoapService failed!\n"));
-    EXPECT_EQ(0, mPlatform.CallCount("Run"));
-    EXPECT_EQ(0, mPlatform.LiveHandles());
-}
-
-TEST_F(LinkLifecycleTest, LinkThatDoesNotRunFailsTheStart) {
-    mPlatform.runResult = -1;
-    EXPECT_THAT(FailToStart(TakeId()),
-                ElementsAre("mSmartHomeLink running failed!!\n", "StartCoapService failed!\n"));
-    EXPECT_EQ(0, mPlatform.LiveHandles());
+TEST_F(LinkLifecycleTest, StartFailsWithThePlatform) {
+    const struct {
+        std::function<void(bool fails)> step;
+        std::vector<std::string> errors;
+        int runs;
+    } cases[] = {
+        {[this](bool fails) { mPlatform.givesHandles = !fails; },
+         {"Create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"},
+         0},
+        {[this](bool fails) { mPlatform.initResult = fails ? -1 : 0; },
+         {"Create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"},
+         0},
+        {[this](bool fails) { mPlatform.registerResult = fails ? -1 : 0; },
+         {"mSmartHomeLink registerDeviceDescriptor failed!\n", "StartCoapService failed!\n"},
+         0},
+        {[this](bool fails) { mPlatform.runResult = fails ? -1 : 0; },
+         {"mSmartHomeLink running failed!!\n", "StartCoapService failed!\n"},
+         1},
+    };
+    const int clientID = TakeId();
+    for (const auto& failing : cases) {
+        failing.step(true);
+        EXPECT_EQ(failing.errors, FailToStart(clientID));
+        failing.step(false);
+        EXPECT_EQ(failing.runs, mPlatform.CallCount("Run"));
+        EXPECT_EQ(0, mPlatform.LiveHandles());
+    }
 }
 
 // Whichever allocation of the start fails, the start fails as a whole and can be repeated.

@@ -11,7 +11,6 @@ namespace {
 
 using lumora_test::Eventually;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 const Bytes FRAME = lumora_test::ServerFrameBytes("\x01", "face", "meanwhile");
 
@@ -22,48 +21,32 @@ protected:
         Connect(1, mCamera);
     }
 
-    // The device, asked by this key, sends a frame and answers only when it has been delivered.
-    void ExpectDeliveryDuring(const std::string& key) {
-        mDuring[key] = [this] {
-            mToClient.Send(FRAME);
-            mDelivered = Eventually([] { return !ReceivedEvents().empty(); });
-        };
-    }
-
     const unsigned int mCamera;
     bool mDelivered = false;
 };
 
-TEST_F(WaitingTest, FramesAreDeliveredWhileACommandWaits) {
-    ExpectDeliveryDuring("Command");
-    EXPECT_EQ(0, mModule->SendCmd(1, mCamera, "Hello", ""));
-    EXPECT_TRUE(mDelivered);
-}
-
-TEST_F(WaitingTest, FramesAreDeliveredWhileASearchWaits) {
-    ExpectDeliveryDuring("ServiceInfo");
-    EXPECT_EQ(0, Search());
-    EXPECT_TRUE(mDelivered);
-}
-
-TEST_F(WaitingTest, FramesAreDeliveredWhileAnotherClientConnects) {
+// The device, asked by this key, sends a frame and answers only when it has been delivered.
+TEST_F(WaitingTest, FramesAreDeliveredWhileACallWaitsForTheDevice) {
     NewClients(1);
-    ExpectDeliveryDuring("Connect");
-    EXPECT_EQ(0, TryToConnect(2, mCamera));
-    EXPECT_TRUE(mDelivered);
-}
-
-TEST_F(WaitingTest, FramesAreDeliveredWhileTheVersionIsAskedFor) {
-    ExpectDeliveryDuring("GetVersion");
     std::string version;
-    EXPECT_EQ(0, mModule->GetServerVersion(1, mCamera, version));
-    EXPECT_TRUE(mDelivered);
-}
-
-TEST_F(WaitingTest, FramesAreDeliveredWhileADeviceIsToldOfTheEnd) {
-    ExpectDeliveryDuring("Destroy");
-    EXPECT_EQ(0, mModule->DestoryAiDevice(1, mCamera));
-    EXPECT_TRUE(mDelivered);
+    const std::pair<const char*, std::function<int()>> calls[] = {
+        {"Command", [this] { return mModule->SendCmd(1, mCamera, "Hello", ""); }},
+        {"ServiceInfo", [this] { return Search(); }},
+        {"Connect", [this] { return TryToConnect(2, mCamera); }},
+        {"GetVersion", [&] { return mModule->GetServerVersion(1, mCamera, version); }},
+        {"Destroy", [this] { return mModule->DestoryAiDevice(1, mCamera); }},
+    };
+    for (const auto& [key, call] : calls) {
+        bool delivered = false;
+        mDuring[key] = [&] {
+            const std::size_t before = ReceivedEvents().size();
+            mToClient.Send(FRAME);
+            delivered = Eventually([=] { return ReceivedEvents().size() > before; });
+        };
+        EXPECT_EQ(0, call()) << key;
+        EXPECT_TRUE(delivered) << key;
+        mDuring.erase(key);
+    }
 }
 
 // The device does not read until its own frame has been delivered, as one that answers out of OnData.

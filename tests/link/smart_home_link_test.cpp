@@ -57,17 +57,14 @@ protected:
     std::list<std::shared_ptr<LinkDevice>> mFound;
 };
 
-TEST_F(SmartHomeLinkTest, RouterIsNotImplemented) {
-    EXPECT_EQ(nullptr, SmartHomeLink::Create(static_cast<LinkMode>(0)));
-    EXPECT_THAT(mLog.Texts(1), ElementsAre("=====NOT IMPLEMENT=====", "SmartHomeLinkRouter is null\n"));
-    EXPECT_EQ(2U, mLog.Lines().size());
-    EXPECT_THAT(mPlatform.Calls(), IsEmpty());
-}
-
-TEST_F(SmartHomeLinkTest, ClientIsNotImplemented) {
-    EXPECT_EQ(nullptr, SmartHomeLink::Create(static_cast<LinkMode>(1)));
-    EXPECT_THAT(mLog.Texts(1), ElementsAre("=====NOT IMPLEMENT=====", "SmartHomeLinkClient is null\n"));
-    EXPECT_EQ(2U, mLog.Lines().size());
+TEST_F(SmartHomeLinkTest, RouterAndClientAreNotImplemented) {
+    for (const std::string name : {"Router", "Client"}) {
+        mLog.Clear();
+        EXPECT_EQ(nullptr, SmartHomeLink::Create(static_cast<LinkMode>(name == "Router" ? 0 : 1)));
+        EXPECT_THAT(mLog.Texts(1),
+                    ElementsAre("=====NOT IMPLEMENT=====", "SmartHomeLink" + name + " is null\n"));
+        EXPECT_EQ(2U, mLog.Lines().size());
+    }
     EXPECT_THAT(mPlatform.Calls(), IsEmpty());
 }
 

@@ -13,7 +13,6 @@ namespace lumora {
 namespace {
 
 using lumora_test::CapturedLog;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 class TransportConfigTest : public testing::Test {

@@ -116,17 +116,34 @@ TEST_F(ServerLifecycleTest, SecondStartSaysSoAndChangesNothing) {
     EXPECT_EQ(1, mPlatform.CallCount("Run"));
 }
 
-TEST_F(ServerLifecycleTest, StartFailsWithoutAPlatformHandle) {
-    mPlatform.givesHandles = false;
-    EXPECT_EQ(-1, mModule->InitLumoraModule());
-    EXPECT_THAT(Errors(), ElementsAre("create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"));
-}
-
-TEST_F(ServerLifecycleTest, StartFailsWhenThePlatformCannotBeInitialised) {
-    mPlatform.initResult = -1;
-    EXPECT_EQ(-1, mModule->InitLumoraModule());
-    EXPECT_THAT(Errors(), ElementsAre("create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"));
-    EXPECT_EQ(0, mPlatform.LiveHandles());
+TEST_F(ServerLifecycleTest, StartFailsWithThePlatform) {
+    const struct {
+        std::function<void(bool fails)> step;
+        Texts errors;
+        int runs;
+    } cases[] = {
+        {[this](bool fails) { mPlatform.givesHandles = !fails; },
+         {"create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"},
+         0},
+        {[this](bool fails) { mPlatform.initResult = fails ? -1 : 0; },
+         {"create SmarthomeLink failure!\n", "InitializeCoapService failed!\n"},
+         0},
+        {[this](bool fails) { mPlatform.registerResult = fails ? -1 : 0; },
+         {"mSmartHomeLink registerDeviceDescriptor failed!\n", "StartCoapService failed!\n"},
+         0},
+        {[this](bool fails) { mPlatform.runResult = fails ? -1 : 0; },
+         {"mSmartHomeLink running failed!!\n", "StartCoapService failed!\n"},
+         1},
+    };
+    for (const auto& failing : cases) {
+        mLog.Clear();
+        failing.step(true);
+        EXPECT_EQ(-1, mModule->InitLumoraModule());
+        failing.step(false);
+        EXPECT_EQ(failing.errors, Errors());
+        EXPECT_EQ(failing.runs, mPlatform.CallCount("Run"));
+        EXPECT_EQ(0, mPlatform.LiveHandles());
+    }
 }
 
 TEST_F(ServerLifecycleTest, StartFailsWhenTheDescriptorCannotBeMade) {
@@ -139,22 +156,6 @@ TEST_F(ServerLifecycleTest, StartFailsWhenTheFactoryCannotBeMade) {
     EXPECT_THAT(Errors(),
                 ElementsAre("create TransManagerFactory failure!\n", "InitializeCoapService failed!\n"));
     EXPECT_EQ(1, mPlatform.LiveHandles());  // what was made stays
-}
-
-TEST_F(ServerLifecycleTest, StartFailsWhenTheResourceIsRefused) {
-    mPlatform.registerResult = -1;
-    EXPECT_EQ(-1, mModule->InitLumoraModule());
-    EXPECT_THAT(Errors(), ElementsAre("mSmartHomeLink registerDeviceDescriptor failed!\n",
-                                      "StartCoapService failed!\n"));
-    EXPECT_EQ(0, mPlatform.CallCount("Run"));
-    EXPECT_EQ(0, mPlatform.LiveHandles());
-}
-
-TEST_F(ServerLifecycleTest, StartFailsWhenThePlatformDoesNotRun) {
-    mPlatform.runResult = -1;
-    EXPECT_EQ(-1, mModule->InitLumoraModule());
-    EXPECT_THAT(Errors(), ElementsAre("mSmartHomeLink running failed!!\n", "StartCoapService failed!\n"));
-    EXPECT_EQ(0, mPlatform.LiveHandles());
 }
 
 TEST_F(ServerLifecycleTest, FailedStartCanBeRepeated) {

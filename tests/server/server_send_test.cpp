@@ -34,26 +34,22 @@ protected:
 
 // ---- Checks ----
 
-TEST_F(ServerSendTest, NullDataIsRefusedFirst) {
-    EXPECT_EQ(-1, mModule->SendDataToClient("face", nullptr, 0, nullptr, 0));
-    EXPECT_THAT(Errors(), ElementsAre("input buffer is nullptr!\n"));
-}
-
-TEST_F(ServerSendTest, NullSendLengthIsRefusedSecond) {
-    EXPECT_EQ(-1, mModule->SendDataToClient("face", "x", 0, nullptr, 0));
-    EXPECT_THAT(Errors(), ElementsAre("sendLength is nullptr!\n"));
-}
-
-TEST_F(ServerSendTest, EmptyPayloadIsRefusedThird) {
-    EXPECT_EQ(-1, Send("unknown", ""));
-    EXPECT_THAT(Errors(), ElementsAre("payload dataLen is 0!\n"));
-}
-
-TEST_F(ServerSendTest, ChecksComeBeforeTheEntryLine) {
-    mModule->SendDataToClient("face", nullptr, 1, &mSent, 0);
-    mModule->SendDataToClient("face", "x", 1, nullptr, 0);
-    Send("face", "");
-    EXPECT_THAT(mLog.Texts(0), IsEmpty());
+TEST_F(ServerSendTest, ArgumentsAreRefusedInThisOrderBeforeTheEntryLine) {
+    const struct {
+        const char* data;
+        unsigned int length;
+        unsigned int* sent;
+        const char* error;
+    } calls[] = {{nullptr, 0, nullptr, "input buffer is nullptr!\n"},
+                 {nullptr, 1, &mSent, "input buffer is nullptr!\n"},
+                 {"x", 0, nullptr, "sendLength is nullptr!\n"},
+                 {"", 0, &mSent, "payload dataLen is 0!\n"}};
+    for (const auto& call : calls) {
+        mLog.Clear();
+        EXPECT_EQ(-1, mModule->SendDataToClient("unknown", call.data, call.length, call.sent, 0));
+        EXPECT_THAT(Errors(), ElementsAre(call.error));
+        EXPECT_THAT(mLog.Texts(0), IsEmpty());
+    }
 }
 
 TEST_F(ServerSendTest, WithoutATransportTheServiceIsNotLookedAt) {
@@ -163,21 +159,17 @@ TEST_F(ServerSendTest, HeadOf100BytesIsTheLongest) {
     EXPECT_EQ(3U, mSent);
 }
 
-TEST_F(ServerSendTest, HeadOf101BytesIsRefused) {
+TEST_F(ServerSendTest, LongerHeadsAreRefused) {
     const std::string name(39, 'n');
-    Register({name});
+    Register({name, "face"});
     OpenFakeChannel();
     SubscribeMany(55, name);
     EXPECT_EQ(-1, Send(name, "abc"));
     EXPECT_THAT(Errors(), ElementsAre("headLen 101 illegal\n", "PacketAndSendData failed!\n"));
-    EXPECT_THAT(Frames(), IsEmpty());
-}
-
-TEST_F(ServerSendTest, HeadThatWouldNotFitItsByteIsRefused) {
-    OpenFakeChannel();
-    SubscribeMany(300, "face");
+    SubscribeMany(300, "face");  // the length would not fit into its byte
     EXPECT_EQ(-1, Send("face", "abc"));
     EXPECT_THAT(Errors(), ElementsAre("headLen 311 illegal\n", "PacketAndSendData failed!\n"));
+    EXPECT_THAT(Frames(), IsEmpty());
 }
 
 TEST_F(ServerSendTest, NameOf40CharactersCannotBeSent) {
@@ -262,29 +254,27 @@ TEST_F(ServerSendTest, FrameIsSentOnTheTransportThatReplacedTheOneBefore) {
 
 // ---- Failures while building ----
 
-TEST_F(ServerSendTest, BufferThatCannotBeClearedFailsTheSend) {
+TEST_F(ServerSendTest, FrameThatCannotBeBuiltFailsTheSendAndChangesNothingElse) {
     OpenFakeChannel();
-    FailBoundedCall(Bounded::MEMSET);
-    EXPECT_EQ(-1, Send("face", "abc"));
-    EXPECT_THAT(Errors(), ElementsAre("memset_s failed\n", "PacketAndSendData failed!\n"));
-    EXPECT_THAT(Frames(), IsEmpty());
-}
-
-TEST_F(ServerSendTest, NameThatCannotBeCopiedFailsTheSend) {
-    OpenFakeChannel();
-    FailBoundedCall(Bounded::STRNCPY);
-    EXPECT_EQ(-1, Send("face", "abc"));
-    EXPECT_THAT(Errors(), ElementsAre("strncpy_s failed!\n", "PacketAndSendData failed!\n"));
-    EXPECT_EQ(0U, mSent);
-}
-
-TEST_F(ServerSendTest, PayloadThatCannotBeCopiedFailsTheSend) {
-    OpenFakeChannel();
-    FailBoundedCall(Bounded::MEMCPY);
-    EXPECT_EQ(-1, Send("face", "abc"));
-    EXPECT_THAT(Errors(), ElementsAre("memcpy_s failed!\n", "PacketAndSendData failed!\n"));
-    EXPECT_EQ(0U, mSent);
-    EXPECT_THAT(Frames(), IsEmpty());
+    const Bytes clientIDs = SubscribeMany(3, "face");
+    const struct {
+        Bounded function;
+        const char* error;
+        unsigned int sent;
+    } failures[] = {{Bounded::MEMSET, "memset_s failed\n", 4711},
+                    {Bounded::STRNCPY, "strncpy_s failed!\n", 0},
+                    {Bounded::MEMCPY, "memcpy_s failed!\n", 0}};
+    for (const auto& failure : failures) {
+        mLog.Clear();
+        mSent = 4711;
+        FailBoundedCall(failure.function);
+        EXPECT_EQ(-1, Send("face", "abc"));
+        EXPECT_THAT(Errors(), ElementsAre(failure.error, "PacketAndSendData failed!\n"));
+        EXPECT_EQ(failure.sent, mSent);
+        EXPECT_THAT(Frames(), IsEmpty());
+    }
+    EXPECT_EQ(0, Send("face", "abc"));
+    EXPECT_THAT(Frames(), ElementsAre(ServerFrameBytes(clientIDs, "face", "abc")));
 }
 
 TEST_F(ServerSendTest, FrameWithoutMemoryFailsTheSend) {
@@ -339,17 +329,6 @@ TEST_F(ServerSendTest, SendAllocatesOnce) {
     EXPECT_EQ(0, mModule->SendDataToClient(name, "abc", 3, &mSent, 0));
     EXPECT_TRUE(AllocationFailurePending());
     ResetAllocationFaults();
-}
-
-TEST_F(ServerSendTest, NothingElseChangesOnAFailedSend) {
-    OpenFakeChannel();
-    const Bytes clientIDs = SubscribeMany(3, "face");
-    for (const Bounded function : {Bounded::MEMSET, Bounded::STRNCPY, Bounded::MEMCPY}) {
-        FailBoundedCall(function);
-        EXPECT_EQ(-1, Send("face", "abc"));
-    }
-    EXPECT_EQ(0, Send("face", "abc"));
-    EXPECT_THAT(Frames(), ElementsAre(ServerFrameBytes(clientIDs, "face", "abc")));
 }
 
 }  // namespace

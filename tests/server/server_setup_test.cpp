@@ -8,7 +8,6 @@ namespace lumora_test {
 namespace {
 
 using lumoraAiModule::TransType;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

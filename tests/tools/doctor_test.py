@@ -98,6 +98,30 @@ class Walk(DoctorCase):
         self.assertEqual(level, "fault")
         self.assertIn("cannot be connected", text)
 
+    def test_beside_a_client_that_is_connected(self):
+        self.device("camera", "--echo")
+        client = self.start("ping", "camera", "--count", "0")
+        client.line()
+        findings = self.findings("camera")
+        holder = f"lumora, process {client.process.pid}"
+        self.assertIn(
+            ("note", f"TCP port 6667 is used by a running client of this host: {holder}"),
+            self.of("ports", findings),
+        )
+        walk = self.of("device", findings)
+        self.assertEqual([level for level, _ in walk], ["ok", "ok", "note"])
+        self.assertIn("Not checked: TCP port 6666 there, and 6667 from there", walk[2][1])
+        self.assertIn(holder, walk[2][1])
+        self.assertEqual([finding for finding in findings if finding["level"] == "fault"], [])
+
+    def test_beside_another_program_on_the_clients_port(self):
+        self.device("camera", "--echo")
+        listener = socket.create_server(("", 6667))
+        self.addCleanup(listener.close)
+        level, text = self.of("device", self.findings("camera"))[-1]
+        self.assertEqual(level, "fault")
+        self.assertIn(f"process {os.getpid()}", text)
+
 
 class Peculiarities(DoctorCase):
     def test_names_a_vendors_files(self):

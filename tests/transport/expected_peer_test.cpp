@@ -68,7 +68,7 @@ TEST_F(ExpectedPeerTest, LoopbackIsTakenAtOnce) {
     EXPECT_EQ(mFirst.number, Choose(mFirst, "127.0.0.9", milliseconds(0)));
 }
 
-TEST_F(ExpectedPeerTest, AnybodyIsTakenAtOnceWhenNoAddressIsExpected) {
+TEST_F(ExpectedPeerTest, AnyPeerIsTakenAtOnceIfNoAddressIsExpected) {
     Expect("any address");
     EXPECT_EQ(mFirst.number, Choose(mFirst, STRANGER, milliseconds(0)));
 }

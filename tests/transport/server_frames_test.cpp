@@ -198,7 +198,7 @@ TEST_F(ServerFramesTest, HeadIsSixBytesLongWhateverItSays) {
     EXPECT_EQ(7U, mObserver.mBlocks.Count());
 }
 
-TEST_F(ServerFramesTest, IllegalHeadIsAnEmptyPayloadOfNobody) {
+TEST_F(ServerFramesTest, IllegalHeadIsAnEmptyPayloadOfClientZero) {
     Bytes illegal = ClientFrame(9, "");
     illegal[0] = 7;
     Receive(illegal + ClientFrame(5, "x"));
@@ -206,7 +206,7 @@ TEST_F(ServerFramesTest, IllegalHeadIsAnEmptyPayloadOfNobody) {
     EXPECT_THAT(mLog.Texts(4), ElementsAre("headLen error: 7\n"));
 }
 
-TEST_F(ServerFramesTest, IllegalPayloadLengthIsAnEmptyPayloadOfNobody) {
+TEST_F(ServerFramesTest, IllegalPayloadLengthIsAnEmptyPayloadOfClientZero) {
     Receive("\x06" + LittleEndian32(5242887) + "\x09" + ClientFrame(5, "x"));
     EXPECT_THAT(Blocks(), ElementsAre(Block(0, ""), Block(5, "x")));
     EXPECT_THAT(mLog.Texts(4), ElementsAre("payloadLen error: 5242887\n"));

@@ -70,7 +70,7 @@ std::set<int> OpenDescriptors();
 // Those of them that are sockets.
 std::set<int> OpenSockets();
 void ForgetAllFaults();
-// Ends the test program when action does not end: whoever waits for itself would wait for ever.
+// Ends the test program when action does not end: a thread that waits for itself would wait for ever.
 void WithinSeconds(const std::function<void()>& action);
 
 // Afterwards no descriptor may be left over.

@@ -40,7 +40,7 @@ TYPED_TEST(TcpReceiveTest, FailedAcceptEndsTheThread) {
     EXPECT_FALSE(this->mLog.Has(2, TypeParam::EXIT));
 }
 
-TYPED_TEST(TcpReceiveTest, NobodyCanConnectAfterAFailedAccept) {
+TYPED_TEST(TcpReceiveTest, NoPeerCanConnectAfterAFailedAccept) {
     FailSystemCall(SystemCall::ACCEPT4, ENOMEM);
     ASSERT_EQ(0, this->CreateReceiving());
     EXPECT_TRUE(this->mLog.WaitFor(4, "WaitForConnect failed!\n"));

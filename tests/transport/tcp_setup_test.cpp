@@ -127,7 +127,7 @@ TYPED_TEST(TcpSetupTest, ReceivingCanBeSetUpAgain) {
     EXPECT_TRUE(this->Delivers({"again"}));
 }
 
-TYPED_TEST(TcpSetupTest, SendingSaysWhereItConnectsTo) {
+TYPED_TEST(TcpSetupTest, SendingLogsTheAddressThatItConnectsTo) {
     this->ConnectSending();
     EXPECT_THAT(this->mLog.Texts(1), ElementsAre("addr: 127.0.0.1\n", "set non-blocking socket\n"));
     EXPECT_EQ(2U, this->mLog.Lines().size());
@@ -154,7 +154,7 @@ TYPED_TEST(TcpSetupTest, SendingFailsForTextThatIsNoAddress) {
     }
 }
 
-TYPED_TEST(TcpSetupTest, SendingFailsWhereNobodyListens) {
+TYPED_TEST(TcpSetupTest, SendingFailsWithoutAListener) {
     EXPECT_EQ(-1, this->Create(TypeParam::SEND, "127.0.0.1", this->mPort));
     EXPECT_THAT(this->mLog.Texts(4),
                 ElementsAre("connect error: Connection refused(errno: 111)\n", "SetupSocket error: 111\n"));

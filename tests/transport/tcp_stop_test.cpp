@@ -1,5 +1,5 @@
-// Stopping and dropping a transport in every state of its receive thread. Where waits for data have no
-// time-out, a thread that nobody wakes would never end.
+// Stopping and dropping a transport in every state of its receive thread. If waits for data have no
+// time-out, a thread that is not woken would never end.
 #include <cerrno>
 #include <condition_variable>
 #include <future>
@@ -275,7 +275,7 @@ TYPED_TEST(TcpLifetimeTest, TransportWhoseThreadHasEndedNeedsNoStop) {
     EXPECT_TRUE(this->mSinkPeer.SeesEnd());
 }
 
-TYPED_TEST(TcpLifetimeTest, TransportThatNobodyStoppedLivesUntilItsPeerLeaves) {
+TYPED_TEST(TcpLifetimeTest, TransportThatWasNotStoppedLivesUntilItsPeerLeaves) {
     this->Connect();
     const auto watched = this->Drop();
     this->mPeer.Send(this->mSide.Frame("payload"));

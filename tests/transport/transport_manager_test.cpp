@@ -84,30 +84,18 @@ TEST_F(FactoryTest, EveryCallGivesANewFactory) {
     EXPECT_THAT(mLog.Lines(), IsEmpty());
 }
 
-TEST_F(FactoryTest, TcpGivesTheTransportOfTheSide) {
-    EXPECT_NE(nullptr, dynamic_cast<LumoraTCPTransClient*>(ForClient(2).get()));
-    ExpectMessages({"we will create LumoraTCPTransManager\n"});
-    EXPECT_NE(nullptr, dynamic_cast<LumoraTCPTransServer*>(ForServer(2).get()));
-    ExpectMessages({"we will create LumoraTCPTransManager\n"});
-}
-
-TEST_F(FactoryTest, UdpIsCarriedOverTcpWithThreeMessages) {
+TEST_F(FactoryTest, UdpAndRtpAreCarriedOverTcpAndSaySo) {
     const std::vector<std::string> messages = {"UDP not support, we will use TCP\n",
                                                "RTP not support, we will use TCP\n",
                                                "we will create LumoraTCPTransManager\n"};
-    EXPECT_NE(nullptr, dynamic_cast<LumoraTCPTransClient*>(ForClient(1).get()));
-    ExpectMessages(messages);
-    EXPECT_NE(nullptr, dynamic_cast<LumoraTCPTransServer*>(ForServer(1).get()));
-    ExpectMessages(messages);
-}
-
-TEST_F(FactoryTest, RtpIsCarriedOverTcpWithTwoMessages) {
-    const std::vector<std::string> messages = {"RTP not support, we will use TCP\n",
-                                               "we will create LumoraTCPTransManager\n"};
-    EXPECT_NE(nullptr, dynamic_cast<LumoraTCPTransClient*>(ForClient(3).get()));
-    ExpectMessages(messages);
-    EXPECT_NE(nullptr, dynamic_cast<LumoraTCPTransServer*>(ForServer(3).get()));
-    ExpectMessages(messages);
+    const std::pair<int, int> firstMessages[] = {{1, 0}, {3, 1}, {2, 2}};
+    for (const auto& [protocol, first] : firstMessages) {
+        const std::vector<std::string> expected(messages.begin() + first, messages.end());
+        EXPECT_NE(nullptr, dynamic_cast<LumoraTCPTransClient*>(ForClient(protocol).get()));
+        ExpectMessages(expected);
+        EXPECT_NE(nullptr, dynamic_cast<LumoraTCPTransServer*>(ForServer(protocol).get()));
+        ExpectMessages(expected);
+    }
 }
 
 TEST_F(FactoryTest, OtherProtocolsGiveNothingAndSayNothing) {

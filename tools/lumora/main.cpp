@@ -61,17 +61,19 @@ void Apply(const Globals& globals) {
     if (globals.json) {
         UseJson();
     }
+    // Checked here, because the platform only logs an unknown name and then finds no device.
     if (!globals.interfaces.empty()) {
         CheckInterfaceNames(globals.interfaces);
         setenv("LUMORA_LINK_INTERFACE", globals.interfaces.c_str(), 1);
     }
-    // What goes wrong is told in one line; the log is for those who ask for it.
+    // A failure is printed in one line. The libraries' log is off unless the user asks for it.
     std::string level = "5";
     for (std::size_t i = 0; i < LOG_LEVELS.size(); ++i) {
         if (globals.logLevel == LOG_LEVELS[i]) {
             level = std::to_string(i);
         }
     }
+    // Without --log a value that the user has set in the environment stays.
     setenv("LUMORA_LOG_LEVEL", level.c_str(), globals.logLevel.empty() ? 0 : 1);
 }
 
@@ -98,6 +100,7 @@ void PrintForCompletion(const std::string& what, const std::string& type) {
     std::set<std::string> names;
     for (const FoundDevice& device :
          type.empty() ? FindAllDevices(node, LISTEN) : FindDevices(node, type, LISTEN)) {
+        // Clients have a type as well but describe no services. They are not offered.
         if (what == "types" && device.answers) {
             names.insert(OneLine(device.type));
         }
@@ -164,11 +167,14 @@ Command HelpCommand(const Manual& manual) {
 }
 
 int Run(int count, const char* const* words) {
+    // Before parsing, so that a parser failure is printed as JSON too.
     if (WantsJson(count, words)) {
         UseJson();
     }
     Manual manual = {GlobalOptions(), AllCommands(), ExitCodes(), Variables(), {"lumora-platform-check"}};
+    // Last, because it lists the names of the others.
     manual.commands.push_back(HelpCommand(manual));
+    // Not an option of the parser: users have no need for it, so --help does not show it.
     if (count > 1 && std::strcmp(words[1], "--print") == 0) {
         return PrintPage(manual, count, words);
     }
@@ -185,6 +191,7 @@ int Run(int count, const char* const* words) {
         throw Failure(EXIT_USAGE, "no command is named", "lumora --help lists them");
     }
     Apply(g_globals);
+    // Before any thread starts: threads inherit the signal mask.
     const StopSignals signals;
     return choice.command->run();
 }

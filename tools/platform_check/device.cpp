@@ -63,6 +63,7 @@ std::string AddressOf(const RemoteEndpoint& endpoint) {
 std::string OpenSignals() {
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    // Counts the signals that this thread would take from the application.
     int open = 0;
     for (const int number :
          {SIGHUP, SIGINT, SIGQUIT, SIGALRM, SIGTERM, SIGUSR1, SIGUSR2, SIGCHLD, SIGWINCH}) {
@@ -78,6 +79,7 @@ std::string Relayed(const std::string& type) {
     for (AppResourceProxy* proxy = device.platform->FindResource(device.platform, type.c_str());
          proxy != nullptr;) {
         AppResourceProxy* const next = device.functions.next(proxy);
+        // Only the first device is asked; the others are released.
         if (reply[0] == 'n') {
             reply = proxy->Get(proxy, key::REVERSE, buffer, sizeof(buffer) - 1) == 0 ? buffer : "no answer";
         }
@@ -99,6 +101,7 @@ std::string Reply(const std::string& wanted, const std::string& value) {
     if (wanted == key::SLEEP) {
         usleep(NumberIn(value) * MICROSECONDS);
     }
+    // A handler that calls the platform itself. A platform that holds a lock over handlers would freeze here.
     if (wanted == key::RELAY) {
         return Relayed(value);
     }
@@ -112,6 +115,7 @@ std::string Reply(const std::string& wanted, const std::string& value) {
 int DoGet(AppResource* resource, const RemoteEndpoint* requester, const char* wanted, char* buffer,
           unsigned size) {
     Served& device = TheDevice();
+    // Exit must wait for running handlers. One that runs later is counted.
     device.late += device.ended ? 1 : 0;
     std::string reply;
     if (std::strcmp(wanted, key::SIZE) == 0) {
@@ -181,6 +185,7 @@ std::string Started(const Files& files) {
     if (device.platform->RegisterResource(device.platform, &device.resource, IgnoreEvent) != 0) {
         return "a second process cannot register its resource";
     }
+    // The platform must have copied the record in RegisterResource. One that reads it later answers wrongly.
     device.resource = {StaleGet, StaleChange, StaleChange, StaleChange, StaleDescriptor};
     return device.platform->Run(device.platform) == 0 ? "" : "Run fails in a second process";
 }
@@ -190,6 +195,7 @@ std::string Stopped() {
     Served& device = TheDevice();
     const int result = device.platform->Exit(device.platform);
     device.ended = true;
+    // Gives handlers that wrongly run after Exit the time to do so.
     usleep(LATER);
     device.functions.release(device.platform);
     if (result != 0) {
@@ -206,6 +212,7 @@ std::string Stopped() {
             break;
         }
     }
+    // Without exit handlers: those belong to the parent.
     _exit(0);
 }
 
@@ -213,6 +220,7 @@ std::string Stopped() {
 
 std::string Described(const std::string& verb, const std::string& key, const std::string& value,
                       unsigned length) {
+    // FNV-1a: the checks compare long values by length and hash, which fit into one reply.
     constexpr unsigned PRIME = 16777619;
     unsigned checksum = 2166136261;
     for (const char character : value) {
@@ -232,9 +240,12 @@ Device::Device(const Files& files, std::string type) {
     lumora::UniqueFd theirAnswers(answers[1]);
     mOrders = lumora::UniqueFd(orders[1]);
     mAnswers = lumora::UniqueFd(answers[0]);
+    // Before this process has loaded the platform: its threads and locks would not survive a fork.
     mId = fork();
     if (mId == 0) {
+        // The kernel kills the device if the checking process dies.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // Our ends. While the child held them, a read would never see the end of the pipe.
         mOrders.Close();
         mAnswers.Close();
         TheDevice().type = std::move(type);
@@ -260,6 +271,7 @@ std::string Device::Order(char letter) {
     if (write(mOrders.Get(), &letter, 1) != 1) {
         return "the second process has ended";
     }
+    // Blocks until the device answers or ends. The whole check runs in a process with a time limit.
     while (read(mAnswers.Get(), &byte, 1) == 1) {
         if (byte == ANSWER_END) {
             return answer;

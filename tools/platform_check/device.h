@@ -17,7 +17,7 @@ constexpr char REVERSE[] = "reverse";    // the value backwards
 constexpr char FILL[] = "fill";          // so many characters
 constexpr char SIZE[] = "size";          // the size of the buffer
 constexpr char WHO[] = "who";            // the requester's address
-constexpr char RESOURCE[] = "resource";  // "same" where the handler was given the record that was registered
+constexpr char RESOURCE[] = "resource";  // "same" if the handler got the registered record
 constexpr char SIGNALS[] = "signals";    // the number of signals that the handler's thread does not block
 constexpr char SLEEP[] = "sleep";        // nothing, after so many milliseconds
 constexpr char RELAY[] = "relay";        // what the first device of this type has for "reverse"
@@ -46,7 +46,7 @@ public:
     std::string Start();
     // Exit and FreeLinkPlatform. What went wrong, or nothing.
     std::string Stop();
-    // Without a word to anybody.
+    // Kills the process, so that it sends no goodbye.
     void Kill();
 
 private:

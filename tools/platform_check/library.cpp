@@ -31,6 +31,7 @@ void Complete(std::string& file, const std::string& folder, const char* name) {
     if (!file.empty()) {
         file = PathOf(file);
         Require(file);
+        // A file that the user did not name is checked if it is in the folder of the platform.
     } else if (IsReadable(folder + name)) {
         file = folder + name;
     }
@@ -59,9 +60,12 @@ void FindFiles(Files& files) {
 std::string LoadPlatform(const Files& files, PlatformFunctions& functions) {
     for (const std::string& file : {files.securec, files.log}) {
         if (!file.empty()) {
-            dlopen(file.c_str(), RTLD_NOW | RTLD_GLOBAL);  // where that fails, the platform's own will say so
+            // RTLD_GLOBAL: the platform finds the functions of these two when it is loaded. Never closed,
+            // because their threads may run.
+            dlopen(file.c_str(), RTLD_NOW | RTLD_GLOBAL);  // if that fails, loading the platform reports it
         }
     }
+    // RTLD_NOW reports all missing functions here and not in the middle of a check.
     void* const library = dlopen(files.platform.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         return dlerror();

@@ -7,7 +7,7 @@
 
 namespace platform_check {
 
-// Where the files are. The latter two may be empty: there is none to look at.
+// The paths of the files. The latter two may be empty: those libraries are not checked.
 struct Files {
     std::string platform;
     std::string log;
@@ -29,7 +29,7 @@ struct PlatformFunctions {
 // Loads a file, and what it may need of the other two before. What is wrong, or nothing.
 std::string LoadPlatform(const Files& files, PlatformFunctions& functions);
 
-// A function of one file alone; null, and what is wrong, where there is none.
+// A function that this file itself exports. Null, with the reason, if there is none.
 void* LoadFunction(const std::string& file, const char* name, std::string& fault);
 
 }  // namespace platform_check

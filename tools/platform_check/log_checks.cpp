@@ -17,9 +17,10 @@ namespace {
 
 using Log = decltype(&LogInfo);
 
-// Lines of this process are nobody's to read.
+// The output of this process is discarded.
 void HideStandardError() {
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    // The checks write thousands of lines.
     dup2(nowhere, STDERR_FILENO);
     close(nowhere);
     setenv("LUMORA_LOG_LEVEL", "0", 1);
@@ -27,6 +28,7 @@ void HideStandardError() {
 
 void WriteSome(Log log, int lines) {
     for (int line = 0; line < lines; ++line) {
+        // Five levels, and the conversions that the libraries use.
         log(line % 5, "CHECK", __func__, line, "line %d of %s, %.1f, %p\n", line, "some", 0.5, nullptr);
     }
 }
@@ -49,10 +51,12 @@ void CheckLog(const Files& files, Report& report) {
         return;
     }
     report.Check("LogInfo leaves errno alone", "as it was", [&] {
+        // An arbitrary value that a write does not set.
         errno = ENOTTY;
         WriteSome(log, 5);
         return errno == ENOTTY ? "" : "errno " + std::to_string(errno);
     });
+    // A fixed buffer without a length check would overflow here.
     report.Check("LogInfo takes a line of 100,000 characters", "nothing happens", [&] {
         log(4, "CHECK", __func__, __LINE__, "%s\n", std::string(LONG, 'l').c_str());
         return "";

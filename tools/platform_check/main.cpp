@@ -36,21 +36,23 @@ Options g_options;
 
 Command OnlyCommand() {
     constexpr unsigned LONGEST_LIMIT = 3600;
-    Command command(NAME, "looks whether platform libraries do what Lumora needs of them");
+    Command command(NAME, "checks whether platform libraries do what Lumora needs of them");
     command.Describe(
         "Loads a liblumora.so and drives it through its tables, as Lumora does: two devices in processes of "
         "their own, and a node that finds and asks them. Looks at liblink_log.so and libsecurec.so as well, "
-        "where they are named or lie beside it. Tells line by line what holds, and of what deviates what was "
+        "if they are named or are in the same folder. Prints a line for each rule: that it holds, or what "
+        "was "
         "expected and what was seen. A library that crashes or hangs is a deviation like others.");
     command.Describe(
-        "Everything happens on one network interface, lo unless another is named. Our link platform keeps to "
-        "it; a vendor's that does not know LUMORA_LINK_INTERFACE uses what it uses: look at it in a network "
-        "namespace of its own (unshare -n).");
-    command.Argument("LIBRARY", g_options.files.platform, "the file liblumora.so that is looked at")
-        .required = true;
-    command.Text("--log-library", "FILE", g_options.files.log, "its liblink_log.so, where it lies elsewhere");
+        "Everything happens on one network interface, lo unless another is named. Our link platform uses no "
+        "other. A vendor's may not know LUMORA_LINK_INTERFACE and use all: check it in a network namespace "
+        "of "
+        "its own (unshare -n).");
+    command.Argument("LIBRARY", g_options.files.platform, "the file liblumora.so to check").required = true;
+    command.Text("--log-library", "FILE", g_options.files.log,
+                 "its liblink_log.so, if it is in another folder");
     command.Text("--securec-library", "FILE", g_options.files.securec,
-                 "its libsecurec.so, where it lies elsewhere");
+                 "its libsecurec.so, if it is in another folder");
     command.Text("--interface", "NAME", g_options.interfaces,
                  "the network interface (lo). Sets LUMORA_LINK_INTERFACE");
     command.Flag(
@@ -67,17 +69,16 @@ Command OnlyCommand() {
 }
 
 Manual TheManual() {
-    return {
-        OnlyCommand(),
-        {},
-        {{"0", "all that was looked at holds"},
-         {"1", "something deviates"},
-         {"2", "the command line means nothing, or names a network interface that is not there"},
-         {"6", "a library that was named, or standard output, cannot be read or written"}},
-        {{"LUMORA_LINK_INTERFACE", "the network interface; --interface sets it, and lo where neither does"},
-         {"LUMORA_LOG_LEVEL", "what the libraries log; nothing where it is not set"},
-         {"NO_COLOR", "not empty: no colours on a terminal either"}},
-        {"lumora", "lumora-doctor"}};
+    return {OnlyCommand(),
+            {},
+            {{"0", "all that was looked at holds"},
+             {"1", "something deviates"},
+             {"2", "the command line means nothing, or names a network interface that is not there"},
+             {"6", "a library that was named, or standard output, cannot be read or written"}},
+            {{"LUMORA_LINK_INTERFACE", "the network interface; --interface sets it; without both, lo"},
+             {"LUMORA_LOG_LEVEL", "what the libraries log; nothing if it is not set"},
+             {"NO_COLOR", "not empty: no colours on a terminal either"}},
+            {"lumora", "lumora-doctor"}};
 }
 
 const char* WordOf(Finding::Result result) {
@@ -98,6 +99,7 @@ Colour ColourOf(Finding::Result result) {
                                                  : Colour::BOLD;
 }
 
+// At least one blank, also after a text that is too long.
 std::string Padded(const std::string& text, std::size_t width) {
     return text + std::string(text.size() < width ? width - text.size() : 1, ' ');
 }
@@ -127,6 +129,7 @@ std::string ToJson(const Finding& finding) {
 
 std::vector<Finding> Look(const Options& options) {
     std::vector<Finding> all;
+    // Findings are printed as they come, because some checks take many seconds.
     const auto take = [&all](const Finding& finding) {
         if (!IsJson()) {
             PrintFinding(finding);
@@ -134,6 +137,8 @@ std::vector<Finding> Look(const Options& options) {
         all.push_back(finding);
     };
     const Files& files = options.files;
+    // Each library is loaded in a process of its own. A crash ends its checks only, and libraries cannot hide
+    // each other's functions.
     RunApart(
         options.limit, [&](Report& report) { CheckPlatform(files, options.thorough, report); }, take);
     if (files.log.empty()) {
@@ -159,6 +164,7 @@ void Apply(Options& options) {
     if (!options.interfaces.empty()) {
         CheckInterfaceNames(options.interfaces);
     }
+    // Without --interface a value that the user has set stays.
     setenv("LUMORA_LINK_INTERFACE", options.interfaces.empty() ? "lo" : options.interfaces.c_str(),
            options.interfaces.empty() ? 0 : 1);
     setenv("LUMORA_LOG_LEVEL", "5", 0);
@@ -170,6 +176,7 @@ int Judge(const std::vector<Finding>& all) {
         return static_cast<std::size_t>(std::count_if(
             all.begin(), all.end(), [&](const Finding& finding) { return finding.result == result; }));
     };
+    // Notes count neither way.
     const std::size_t held = count(Finding::Result::HOLDS);
     const std::size_t deviating = count(Finding::Result::DEVIATES);
     if (IsJson()) {

@@ -28,6 +28,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr unsigned CAPACITY = 1023;
 constexpr milliseconds EVENT_LIMIT(5000);
+// A killed device sends no goodbye. The others notice by missing signs of life, which takes longer.
 constexpr milliseconds LOSS_LIMIT(30000);
 
 // Waits for what another thread or process does.
@@ -61,7 +62,7 @@ struct Event {
     }
 };
 
-// Events come without saying for whom.
+// Events do not tell which node they belong to, so one object collects them all.
 class Events {
 public:
     void Add(Event event) {
@@ -131,6 +132,7 @@ public:
 
     // The reply, or the failure in words.
     std::string Get(const std::string& key, const std::string& value = "") const {
+        // The terminator needs one byte more than the capacity that Get is told.
         std::vector<char> buffer(CAPACITY + 1);
         value.copy(buffer.data(), CAPACITY);
         const int result = mProxy->Get(mProxy.get(), key.c_str(), buffer.data(), CAPACITY);
@@ -161,10 +163,12 @@ public:
           mSecond(files, mType),
           mFiles(files),
           mReport(report) {
+        // This node has another type, so that a search for the devices does not find it.
         g_ownType = mType + "-watcher";
     }
 
     void Run(bool thorough) {
+        // Without these all further checks would fail for the same reason.
         if (!Loads() || !Starts() || !DevicesStart() || !Finds()) {
             return;
         }
@@ -236,6 +240,7 @@ Remotes PlatformChecks::Search(const std::string& type) const {
     constexpr std::size_t ENDLESS = 1000;
     Remotes devices;
     AppResourceProxy* proxy = mPlatform->FindResource(mPlatform, type.c_str());
+    // A chain that a broken library closed to a ring would not end.
     while (proxy != nullptr && devices.size() < ENDLESS) {
         devices.emplace_back(mFunctions, proxy);
         proxy = mFunctions.next(proxy);
@@ -245,6 +250,7 @@ Remotes PlatformChecks::Search(const std::string& type) const {
 
 bool PlatformChecks::CheckEvent(const std::string& rule, const std::string& event, milliseconds limit) {
     return mReport.Check(rule, event, [&]() -> std::string {
+        // Events come on a thread of the platform.
         if (Eventually([&] { return TheEvents().Has(mType, event); }, limit)) {
             return "";
         }
@@ -278,9 +284,11 @@ bool PlatformChecks::Starts() {
     }
     mReport.Check("GetLinkPlatform gives another handle at each call", "two handles", [&] {
         LinkPlatform* const other = mFunctions.get();
+        // A shared handle would let one module of an application stop the other.
         if (other == mPlatform) {
             return "the same one again";
         }
+        // FreeLinkPlatform must end a running handle itself.
         mFunctions.release(other);
         return "";
     });
@@ -307,6 +315,7 @@ bool PlatformChecks::Finds() {
         mDevices = Search(mType);
         return mDevices.size() == 2 ? "" : Found(mDevices);
     });
+    // A note: the time depends on the host.
     mReport.Note("the search took " + std::to_string(Since(begin).count()) +
                  " ms; well under a second is good");
     if (mDevices.size() == 2) {
@@ -392,6 +401,8 @@ void PlatformChecks::LookAtGet() {
         return IsOwnAddress(address) ? "" : Quoted(address);
     });
     const std::string open = device.Get(key::SIGNALS);
+    // A note and no deviation: Lumora works without, but a signal handler of the application may run on that
+    // thread.
     if (open != "0") {
         mReport.Note("the handlers' thread does not block " + open + " of 9 signals; it should block all");
     }
@@ -417,6 +428,8 @@ void PlatformChecks::LookAtLengths(const Remote& device) {
                       constexpr char CANARY = '#';
                       std::string buffer = "100";
                       buffer.resize(SHORT + 1);
+                      // Room behind the buffer for all that a broken library may write, so that the check
+                      // itself does not crash.
                       buffer.append(CAPACITY, CANARY);
                       const int result = device.Proxy()->Get(device.Proxy(), key::FILL, buffer.data(), SHORT);
                       const bool untouched = buffer.substr(SHORT + 1) == std::string(CAPACITY, CANARY);
@@ -438,6 +451,8 @@ void PlatformChecks::LookAtChanges() {
                    for (unsigned i = 0; i < THREADS; ++i) {
                        threads.emplace_back([&] {
                            for (unsigned count = 0; count < EACH; ++count) {
+                               // A request that is sent again after a lost answer must not be carried out
+                               // twice.
                                failed += mDevices[0].Do(&AppResourceProxy::Post, key::ONCE, "x") != 0 ? 1 : 0;
                            }
                        });
@@ -471,12 +486,14 @@ void PlatformChecks::LookAtThreads() {
     constexpr milliseconds CLEARLY(500);  // the waiting thread may be late to look at the clock
     mReport.Begin("threads");
     mReport.Check("one request waits for its handler while another is answered", "the other one first", [&] {
+        // Written by the other thread, and read after it has been joined.
         std::string slow;
         Clock::time_point slowEnd;
         std::thread waiting([&] {
             slow = mDevices[0].Get(key::SLEEP, SLEEP_MS);
             slowEnd = Clock::now();
         });
+        // The slow request must be under way before the quick one begins.
         std::this_thread::sleep_for(HEAD_START);
         const std::string quick = mDevices[1].Get(key::REVERSE, "abc");
         const Clock::time_point quickEnd = Clock::now();
@@ -492,6 +509,7 @@ void PlatformChecks::LookAtThreads() {
 
 void PlatformChecks::LookAtAdded() {
     constexpr milliseconds LEAST(500);
+    // Events may have come while other checks ran, so the limit counts from the start of the devices.
     const milliseconds rest = std::max(LEAST, EVENT_LIMIT - Since(mDevicesStarted));
     mReport.Begin("events");
     for (const auto& [which, device] :
@@ -576,12 +594,14 @@ void PlatformChecks::Ends(bool secondIsGone) {
         if (!secondIsGone) {
             mSecond.Stop();
         }
+        // An event that must not come can only be waited for by time.
         std::this_thread::sleep_for(LATER);
         const std::vector<std::string> after = TheEvents().Of(mType);
         return after.size() == before ? "" : after.back();
     });
     mReport.Check("elements may be released after the handle", "nothing happens", [&] {
         mFunctions.release(mPlatform);
+        // Elements outlive their handle: applications release them late.
         mDevices.clear();
         return "";
     });
@@ -590,6 +610,7 @@ void PlatformChecks::Ends(bool secondIsGone) {
 }  // namespace
 
 void CheckPlatform(const Files& files, bool thorough, Report& report) {
+    // Writing an order to it then fails with EPIPE.
     signal(SIGPIPE, SIG_IGN);  // a device may have ended
     PlatformChecks(files, report).Run(thorough);
 }

@@ -40,7 +40,8 @@ public:
 
     // Nothing at the end, and when it says nothing for so long.
     std::optional<std::string> NextLine(unsigned limitSeconds);
-    // Where there is no next line: how the process ended. Ends it if it has not.
+    // After NextLine gave nothing: how the process ended, or an empty text if it ended well. If it still
+    // runs, the destructor kills it.
     std::string End();
 
 private:
@@ -56,6 +57,7 @@ Child::Child(const std::function<void(Report&)>& look) {
         throw Failure(EXIT_FAILED, "there is no pipe: " + SystemError(errno));
     }
     mOutput = lumora::UniqueFd(ends[0]);
+    // Closed in the parent at the end of this function, so that the end of the child ends the pipe.
     const lumora::UniqueFd input(ends[1]);
     mId = fork();
     if (mId < 0) {
@@ -65,12 +67,14 @@ Child::Child(const std::function<void(Report&)>& look) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         Report report(input.Get());
         look(report);
+        // Without exit handlers and destructors: a broken library must not fail again after its checks.
         _exit(0);
     }
 }
 
 Child::~Child() {
     if (mId > 0) {
+        // A library that hangs may ignore all other signals.
         kill(mId, SIGKILL);
         waitpid(mId, nullptr, 0);
     }
@@ -81,6 +85,7 @@ std::optional<std::string> Child::NextLine(unsigned limitSeconds) {
     std::size_t end = mUnread.find('\n');
     while (end == std::string::npos) {
         pollfd readable = {mOutput.Get(), POLLIN, 0};
+        // The time limit counts from the last line: a slow check that goes on is no hang.
         if (poll(&readable, 1, static_cast<int>(limitSeconds) * MILLISECONDS) <= 0) {
             return std::nullopt;
         }
@@ -139,8 +144,9 @@ void Report::Write(char kind, const std::string& rule, const std::string& expect
     for (const std::string& field : {mArea, rule, expected, seen}) {
         line += lumora_cli::OneLine(field) + BETWEEN;
     }
+    // One write for each line, shorter than PIPE_BUF in practice, so that a crash does not cut it.
     line.back() = '\n';
-    // Where nobody reads, there is nobody to tell.
+    // A failed write needs no report: no reader is left.
     if (write(mFd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         _exit(EXIT_FAILED);
     }
@@ -153,6 +159,7 @@ void RunApart(unsigned limitSeconds, const std::function<void(Report&)>& look,
     const Finding between = begun;
     while (const std::optional<std::string> line = child.NextLine(limitSeconds)) {
         const Finding finding = Parsed(*line);
+        // Remembers the check that runs. If the process dies now, this check is the finding.
         if ((*line)[0] == BEGINS) {
             begun = finding;
         } else {

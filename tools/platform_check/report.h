@@ -16,7 +16,7 @@ struct Finding {
     Result result = Result::HOLDS;
     std::string area = {};
     std::string rule = {};
-    std::string expected = {};  // these two only where it deviates
+    std::string expected = {};  // these two only if it deviates
     std::string seen = {};
 };
 
@@ -28,8 +28,8 @@ public:
     // What the next findings are about, in one word.
     void Begin(const std::string& area) { mArea = area; }
 
-    // Looks: what was seen instead, or nothing where the rule holds. Returns whether it does. While it looks,
-    // it is known what it looks for.
+    // Checks a rule: look returns what was seen instead, or an empty text if the rule holds. Returns whether
+    // it holds. The rule is written before look runs, so that a crash can be reported with it.
     bool Check(const std::string& rule, const std::string& expected,
                const std::function<std::string()>& look);
 

@@ -13,9 +13,10 @@ namespace platform_check {
 namespace {
 
 constexpr char CANARY = '#';
+// Enough to notice a function that copies in words instead of bytes.
 constexpr std::size_t BEHIND = 16;
 
-// A destination, and bytes behind it that nobody may write to.
+// A destination, and guard bytes behind it that the function must not write to.
 class Destination {
 public:
     explicit Destination(std::size_t size) : mBytes(size + BEHIND, CANARY), mSize(size) {}
@@ -32,6 +33,7 @@ private:
 };
 
 std::string Outcome(bool succeeded, bool shouldSucceed, bool content, const Destination& destination) {
+    // First, because it is the most dangerous deviation.
     if (!destination.IsWhole()) {
         return "bytes behind the destination were written";
     }
@@ -69,6 +71,7 @@ void CheckCopies(const Functions& functions, Report& report) {
     report.Check("memcpy_s refuses a byte too many", FAILURE, [&] {
         Destination to(39);
         const int result = functions.copy(to.Bytes(), to.Size(), source.data(), source.size());
+        // The function must fail and must not have copied a part.
         return Outcome(result == 0, false, !to.BeginsWith(source.substr(1)), to);
     });
     report.Check("memset_s fills what fits exactly", SUCCESS, [&] {
@@ -101,6 +104,7 @@ void CheckTexts(const Functions& functions, Report& report) {
     });
     report.Check("strncpy_s copies as many characters as it is told, and terminates them", SUCCESS, [&] {
         Destination to(FIELD);
+        // A count shorter than the source is no error.
         const int result = copy(to, fits + fits, 3);
         return Outcome(result == 0, true, to.Text() == "ttt", to);
     });

@@ -15,7 +15,8 @@ Outcome CallGet(const Registration& registration, const RemoteEndpoint& requeste
     if (registration.handlers.DoGET == nullptr) {
         return {code::NOT_ALLOWED, {}};
     }
-    // The value goes in and the reply comes out by the same buffer.
+    // The handler reads the value from the buffer and writes the reply into the same buffer. The buffer is
+    // one byte longer than any text, so the reply is terminated even if a handler fills it.
     std::array<char, MAX_TEXT_BYTES + 1> buffer = {};
     std::memcpy(buffer.data(), call.value.data(), call.value.size());
     const int result = registration.handlers.DoGET(registration.resource, &requester, call.key.c_str(),
@@ -65,6 +66,7 @@ void CallDeviceEvent(const Registration& registration, const DeviceEvent& event)
     if (registration.onDeviceEvent == nullptr) {
         return;
     }
+    // These texts live until the call returns. An application that wants them longer copies them.
     const std::string address = HostText(event.node.endpoint.host);
     const std::string deviceType = event.node.deviceType.value_or("");
     NotifyDeviceInfo info = {};

@@ -5,7 +5,8 @@
 
 namespace lumora_link {
 
-// On the application's thread: the handler's result as an answer.
+// Calls the handler for the request and turns its result into an answer. Runs on the node's handler thread;
+// blocks as long as the handler does.
 Outcome CallHandler(const Registration& registration, const HandlerCall& call);
 void CallDeviceEvent(const Registration& registration, const DeviceEvent& event);
 

@@ -25,6 +25,7 @@ bool HandlerThread::Push(HandlerCall call) {
         admission = mQueue.Push(std::move(call), Clock::now());
         mChanged.NotifyAll();
     }
+    // Without mMutex: the listener posts to the I/O thread.
     Drop(admission.dropped);
     return admission.accepted;
 }
@@ -35,6 +36,7 @@ void HandlerThread::Stop() {
         mStopping = true;
         mChanged.NotifyAll();
     }
+    // Without mMutex: the thread needs it to see mStopping. Waits as long as the running handler takes.
     if (mThread.joinable()) {
         mThread.join();
     }
@@ -42,6 +44,7 @@ void HandlerThread::Stop() {
 
 void HandlerThread::Run() {
     while (const auto call = WaitForCall()) {
+        // How long handlers take decides which waiting calls can still be answered in time.
         const TimePoint began = Clock::now();
         RunOne(*call);
         CallQueue::Dropped dropped;
@@ -49,6 +52,7 @@ void HandlerThread::Run() {
             lumora::MutexLock lock(mMutex);
             dropped = mQueue.OnEnded(*call, began, Clock::now());
         });
+        // Guarded apart: a failure above must not leave these requesters without an answer.
         RunGuarded([&] { Drop(dropped); });
     }
 }

@@ -13,7 +13,7 @@ class HandlerThread {
 public:
     struct Listener {
         std::function<Outcome(const HandlerCall&)> run;
-        // Called on this thread, and for a dropped call on the thread that calls Push. Not with a lock held.
+        // Called on this thread; for a dropped call, on the thread that calls Push. No lock is held.
         std::function<void(std::uint64_t ticket, Outcome)> onHandled;
     };
 
@@ -24,7 +24,7 @@ public:
 
     // False if the call is refused or the thread has been stopped.
     bool Push(HandlerCall call);
-    // Lets the running handler end, drops what waits, and joins. Not to be called by a handler.
+    // Waits for the running handler, drops the waiting calls, and joins. Must not be called by a handler.
     void Stop();
     bool IsCurrentThread() const { return std::this_thread::get_id() == mId; }
 
@@ -40,7 +40,7 @@ private:
     CallQueue mQueue GUARDED_BY(mMutex);
     bool mStopping GUARDED_BY(mMutex) = false;
     std::thread mThread;
-    std::thread::id mId;  // stays readable for others while Stop joins
+    std::thread::id mId;  // a copy, because other threads may read it while Stop joins
 };
 
 }  // namespace lumora_link

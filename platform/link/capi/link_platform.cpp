@@ -1,4 +1,4 @@
-// The five exported functions and the table of operations: checks, and nothing thrown to C.
+// The five exported functions and the table of operations. They check arguments and let no exception reach C.
 #include "link_platform.h"
 
 #include "platform/link/capi/platform_handle.h"
@@ -13,12 +13,13 @@ namespace {
 
 using lumora_link::PlatformHandle;
 
-// What the application sees comes first, so that either can be had from the other.
+// LinkPlatform is the first base, so a LinkPlatform* can be cast to Handle*.
 struct Handle : LinkPlatform {
     PlatformHandle own;
 };
 
 template <typename Work>
+// 0 if the work succeeds, otherwise -1. An exception here is std::bad_alloc or std::system_error of a thread.
 int ResultOf(LinkPlatform* platform, const Work& work) noexcept {
     if (platform == nullptr) {
         return -1;
@@ -76,6 +77,7 @@ extern "C" {
 
 LINK_EXPORT LinkPlatform* GetLinkPlatform(void) {
     try {
+        // FreeLinkPlatform deletes it.
         auto handle = std::make_unique<Handle>();
         static_cast<LinkPlatform&>(*handle) = {
             PlatformInit,     PlatformReserved, PlatformSetDebugLevel, PlatformRegisterResource,
@@ -89,7 +91,8 @@ LINK_EXPORT LinkPlatform* GetLinkPlatform(void) {
 LINK_EXPORT void FreeLinkPlatform(LinkPlatform* platform) {
     ResultOf(platform, [platform](PlatformHandle& own) {
         if (!own.Exit()) {
-            // Its threads still use it; to leak it is the lesser evil.
+            // Called on a thread of the node: the threads still use the handle. Leaking it is safer than a
+            // crash.
             return false;
         }
         const std::unique_ptr<Handle> owner(static_cast<Handle*>(platform));

@@ -22,12 +22,16 @@ Node::Node(Config config, NodeIdentity identity, Registration registration)
 
 Node::~Node() { Stop(); }
 
+// The order matters: the threads that call the application end before the I/O thread, because a running
+// handler may wait for an answer that only the I/O thread can bring. New requests are refused first, so that
+// a waiting application thread cannot delay the end.
 void Node::Stop() {
     mAccepting = false;
     RunGuarded([this] { mIo.Post([](NodeCore& core, TimePoint) { core.RefuseRequests(); }); });
     mHandlers.Stop();
     mEvents.Stop();
     mIo.Stop();
+    // No thread is left that could answer: wakes the application's threads that still wait.
     mRequests.Close();
     mSearches.Close();
 }
@@ -51,6 +55,7 @@ Outcome Node::Request(const Endpoint& to, std::uint8_t method, std::string key, 
         try {
             core.StartRequest(request, now);
         } catch (...) {
+            // Without memory the request fails. Its thread must not wait for an answer that never comes.
             mRequests.Tell(request.ticket, {});
         }
     });

@@ -1,5 +1,5 @@
-// One node, from its start to its end: the I/O thread, the application's two threads, and those
-// who wait for answers.
+// One node, from its start to its end: the I/O thread, the two threads that call the application, and the
+// application's threads that wait for answers.
 #pragma once
 
 #include <atomic>
@@ -19,7 +19,7 @@
 
 namespace lumora_link {
 
-// What RegisterResource was given, read once: the record may be gone later.
+// A copy of what RegisterResource was given, because the application may free its record after the call.
 struct Registration {
     AppResource* resource = nullptr;  // only passed back
     AppResource handlers = {};
@@ -33,14 +33,15 @@ public:
     ~Node() override;
 
     bool Start() { return mIo.Start(); }
-    // Waits for handlers and events that run, says goodbye, ends. Nothing is called afterwards.
+    // Waits for the running handler and event, sends a goodbye and joins the threads. Calls nothing of the
+    // application afterwards. Must not be called on a thread for which IsOwnThread is true.
     void Stop();
-    // Whether this is a thread that Stop would wait for.
+    // Whether the current thread is one that Stop joins.
     bool IsOwnThread() const { return mHandlers.IsCurrentThread() || mEvents.IsCurrentThread(); }
 
     void Register(Registration registration);
 
-    // These wait. After Stop has begun there is no answer and nothing found.
+    // Both block until the answer, its timeout, or Stop. After Stop has begun they return nothing.
     Outcome Request(const Endpoint& to, std::uint8_t method, std::string key, std::string value);
     std::vector<NodeDescription> Find(const std::string& deviceType);
 
@@ -58,7 +59,7 @@ private:
     Registration mRegistration GUARDED_BY(mMutex);
     WaitingRoom<Outcome> mRequests;
     WaitingRoom<std::vector<NodeDescription>> mSearches;
-    // The threads end before what they use.
+    // Declared last: members are destroyed in reverse order, so the threads end before what they use.
     NodeIo mIo;
     HandlerThread mHandlers;
     Worker mEvents;

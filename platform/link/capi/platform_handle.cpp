@@ -14,6 +14,7 @@ PlatformHandle::PlatformHandle() : mNodeId(SystemRandom().Next()) {}
 PlatformHandle::~PlatformHandle() { Exit(); }
 
 bool PlatformHandle::Init() {
+    // secure_getenv: a program with more rights than its caller ignores the caller's environment.
     Config config = ReadConfig([](const char* name) -> const char* { return secure_getenv(name); });
     lumora::MutexLock lock(mMutex);
     if (!mInitialised) {
@@ -33,6 +34,7 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
     registration.onDeviceEvent = onDeviceEvent;
     const auto describe = registration.handlers.DoGetDescriptor;
     if (const char* text = describe == nullptr ? nullptr : describe(resource)) {
+        // strnlen: the application's text may lack a terminator.
         if (strnlen(text, MAX_TEXT_BYTES + 1) > MAX_TEXT_BYTES) {
             LINK_LOG(LEVEL_ERROR, "a device type has at most %zu bytes\n", MAX_TEXT_BYTES);
             return false;
@@ -45,6 +47,7 @@ bool PlatformHandle::Register(AppResource* resource, DeviceEventFunction onDevic
         mRegistration = registration;
         node = mNode;
     }
+    // Without mMutex: the node posts to its I/O thread.
     if (node != nullptr) {
         node->Register(std::move(registration));
     }
@@ -67,8 +70,11 @@ bool PlatformHandle::Run() {
         config = mConfig;
         registration = mRegistration;
     }
+    // A node that starts again has the same id and a new number of its life, so that peers tell it from the
+    // old one.
     const NodeIdentity identity{mNodeId, static_cast<std::uint32_t>(SystemRandom().Next())};
     auto node = std::make_shared<Node>(std::move(config), identity, std::move(registration));
+    // Without mMutex, because Start waits for the I/O thread.
     if (!node->Start()) {
         return false;
     }
@@ -87,6 +93,7 @@ bool PlatformHandle::Exit() {
     if (node == nullptr) {
         return true;
     }
+    // Without mMutex: Stop joins threads whose handlers may call Find, which takes mMutex.
     node->Stop();
     lumora::MutexLock lock(mMutex);
     mNode.reset();

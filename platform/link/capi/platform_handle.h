@@ -20,7 +20,8 @@ public:
     bool Init();
     bool Register(AppResource* resource, DeviceEventFunction onDeviceEvent);
     bool Run();
-    // False on a thread that it would wait for.
+    // Stops the node; blocks until its threads have ended. False on a thread of the node itself, because the
+    // call would wait for its own thread.
     bool Exit();
     AppResourceProxy* Find(const char* deviceType);
     bool IsOwnThread();
@@ -29,7 +30,9 @@ private:
     std::shared_ptr<Node> CurrentNode();
 
     const std::uint64_t mNodeId;
-    lumora::Mutex mLifecycle;  // held while a node starts or stops; never asked for by its threads
+    // Serialises Run and Exit, and is held while a node's threads are started and joined. Those threads never
+    // take it; they take mMutex only.
+    lumora::Mutex mLifecycle ACQUIRED_BEFORE(mMutex);
     lumora::Mutex mMutex;
     bool mInitialised GUARDED_BY(mMutex) = false;
     Config mConfig GUARDED_BY(mMutex);

@@ -10,7 +10,8 @@ namespace {
 
 struct Proxy;
 
-// The elements that are left; each knows its place, whichever of the others are freed first.
+// Elements not yet freed. Indices stay valid when others are freed, so an application may free them in any
+// order.
 struct Chain {
     lumora::Mutex mutex;
     std::vector<Proxy*> elements GUARDED_BY(mutex);
@@ -26,7 +27,7 @@ struct Proxy : AppResourceProxy {
 
 Proxy* OwnerOf(AppResourceProxy* proxy) { return static_cast<Proxy*>(proxy); }
 
-// Nothing where the caller's texts cannot be sent.
+// An empty outcome if the caller's texts cannot be sent.
 Outcome Ask(AppResourceProxy* proxy, std::uint8_t method, const char* key, const char* value,
             std::size_t length) {
     const bool valid = proxy != nullptr && key != nullptr && (value != nullptr || length == 0) &&
@@ -57,7 +58,7 @@ static int ProxyGet(AppResourceProxy* proxy, const char* key, char* buffer, unsi
         if (buffer == nullptr || !code::IsSuccess(outcome.code) || outcome.payload.size() > capacity) {
             return -1;
         }
-        // The caller's buffer has room for the terminator behind its capacity.
+        // The platform's interface gives capacity without the terminator, so the buffer is one byte longer.
         std::memcpy(buffer, outcome.payload.c_str(), outcome.payload.size() + 1);
         return 0;
     } catch (...) {
@@ -115,6 +116,7 @@ AppResourceProxy* MakeProxyChain(const std::shared_ptr<Node>& node,
     for (std::unique_ptr<Proxy>& proxy : proxies) {
         proxy->chain = chain;
         proxy->place = chain->elements.size();
+        // reserve has made room, so this cannot throw and lose the element.
         chain->elements.push_back(proxy.release());
     }
     return chain->elements.empty() ? nullptr : chain->elements.front();
@@ -126,6 +128,7 @@ AppResourceProxy* NextOf(AppResourceProxy* proxy) {
     }
     Chain& chain = *OwnerOf(proxy)->chain;
     lumora::MutexLock lock(chain.mutex);
+    // Freed elements have left null behind.
     for (std::size_t at = OwnerOf(proxy)->place + 1; at < chain.elements.size(); ++at) {
         if (chain.elements[at] != nullptr) {
             return chain.elements[at];
@@ -139,6 +142,7 @@ void FreeProxy(AppResourceProxy* proxy) {
         return;
     }
     const std::unique_ptr<Proxy> owner(OwnerOf(proxy));
+    // A reference of its own: the lock below must not die together with the last element.
     const std::shared_ptr<Chain> chain = owner->chain;
     lumora::MutexLock lock(chain->mutex);
     chain->elements[owner->place] = nullptr;

@@ -9,11 +9,13 @@
 
 namespace lumora_link {
 
-// The first element of the chain, in the order given; null where there is none. The elements keep
-// the node's remains alive, so that they can be asked, in vain, and freed after it has ended.
+// Returns the first element of the chain, in the order given, or null if found is empty. The caller frees
+// each element with FreeProxy. The elements keep the node object alive: after the node was stopped, requests
+// through them fail, and they can still be freed.
 AppResourceProxy* MakeProxyChain(const std::shared_ptr<Node>& node,
                                  const std::vector<NodeDescription>& found);
 
+// The next element that is not freed yet, or null.
 AppResourceProxy* NextOf(AppResourceProxy* proxy);
 void FreeProxy(AppResourceProxy* proxy);
 

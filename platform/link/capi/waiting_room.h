@@ -1,4 +1,4 @@
-// Where application threads wait for what the I/O thread will tell them.
+// Application threads wait here for results of the I/O thread.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace lumora_link {
 template <typename Result>
 class WaitingRoom {
 public:
-    // Nothing once the room is closed.
+    // Reserves a ticket for a result. Nothing once the room is closed.
     std::optional<std::uint64_t> Enter() {
         lumora::MutexLock lock(mMutex);
         if (mClosed) {
@@ -22,6 +22,7 @@ public:
         return mLastTicket;
     }
 
+    // Wakes the thread that waits with this ticket. Ignored if that thread has gone.
     void Tell(std::uint64_t ticket, Result result) {
         lumora::MutexLock lock(mMutex);
         const auto at = mResults.find(ticket);
@@ -31,7 +32,7 @@ public:
         }
     }
 
-    // An empty result where the room was closed first.
+    // Blocks until Tell or Close, and gives the ticket back. An empty result if Close came first.
     Result Wait(std::uint64_t ticket) {
         lumora::MutexLock lock(mMutex);
         while (!mClosed && !mResults[ticket]) {
@@ -42,6 +43,7 @@ public:
         return result;
     }
 
+    // Wakes every waiting thread; no ticket is given out afterwards.
     void Close() {
         lumora::MutexLock lock(mMutex);
         mClosed = true;

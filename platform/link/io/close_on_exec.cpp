@@ -20,6 +20,7 @@ std::string ReadWhole(const std::string& path) {
     const lumora::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string text;
     std::array<char, 4096> part;
+    // A file of /proc has no size, so this reads until the end.
     for (ssize_t bytes = 1; file && bytes > 0;) {
         bytes = read(file.Get(), part.data(), part.size());
         text.append(part.data(), bytes > 0 ? static_cast<std::size_t>(bytes) : 0);
@@ -40,6 +41,7 @@ void CloseOnExec(int epoll) {
     }
 }
 
+// The kernel gives out the lowest free number, so a duplicate that is closed at once shows it.
 int NextDescriptor(int any) { return lumora::UniqueFd(fcntl(any, F_DUPFD_CLOEXEC, 0)).Get(); }
 
 bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
@@ -50,6 +52,7 @@ bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
            fcntl(socket, F_SETFD, FD_CLOEXEC) == 0;
 }
 
+// Opens them all to find out, and closes them again: RLIMIT_NOFILE alone does not tell how many are in use.
 bool DescriptorsAreLeft(std::size_t count) {
     std::vector<lumora::UniqueFd> taken(count);
     return std::all_of(taken.begin(), taken.end(), [](lumora::UniqueFd& fd) {

@@ -13,6 +13,7 @@ namespace {
 std::vector<std::string> SplitList(const char* text) {
     std::vector<std::string> items;
     std::string item;
+    // The terminator counts as a separator, so the last item needs no code of its own.
     for (const char* at = text; at != nullptr; ++at) {
         const bool end = *at == '\0';
         if (!end && *at != ',' && *at != ' ') {
@@ -47,7 +48,7 @@ std::uint16_t ReadPort(const char* text) {
 std::vector<std::string> ReadInterfaces(const char* text) {
     std::vector<std::string> names = SplitList(text);
     for (const std::string& name : names) {
-        // It stays in the list: leaving out the only name would mean every interface.
+        // The name stays in the list. An empty list would mean every interface.
         if (name.size() >= IF_NAMESIZE) {
             LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_INTERFACE: \"%s\" is no name of an interface\n", name.c_str());
         }
@@ -82,7 +83,7 @@ Config ReadConfig(const Environment& environment) {
     Config config;
     config.port = ReadPort(environment("LUMORA_LINK_PORT"));
     config.interfaces = ReadInterfaces(environment("LUMORA_LINK_INTERFACE"));
-    // Nodes behind the same firewall commonly share one port setting.
+    // A peer without a port is assumed to use our own fixed port: a firewall usually opens one port for all.
     const std::uint16_t peerPort = config.port != 0 ? config.port : MulticastGroup().port;
     config.peers = ReadPeers(environment("LUMORA_LINK_PEERS"), peerPort);
     if (const char* pskFile = environment("LUMORA_LINK_PSK_FILE")) {

@@ -1,4 +1,4 @@
-// The settings of this library, all from the environment; a bad value is logged and left out.
+// The settings of this library, all from the environment. A bad value is logged and ignored.
 #pragma once
 
 #include <functional>
@@ -11,10 +11,11 @@
 namespace lumora_link {
 
 struct Config {
-    std::vector<std::string> interfaces;  // LUMORA_LINK_INTERFACE; all where empty
+    std::vector<std::string> interfaces;  // LUMORA_LINK_INTERFACE; empty: all
     std::vector<Endpoint> peers;          // LUMORA_LINK_PEERS
-    std::uint16_t port = 0;               // LUMORA_LINK_PORT; the system's choice where 0
-    // LUMORA_LINK_PSK_FILE; an empty name counts, so that nobody is unsecured by mistake.
+    std::uint16_t port = 0;               // LUMORA_LINK_PORT; 0: the system chooses
+    // LUMORA_LINK_PSK_FILE. An empty name counts as set and fails: otherwise a mistake in a script would
+    // leave the node without security.
     std::optional<std::string> pskFile;
     bool requireKey = false;  // LUMORA_LINK_REQUIRE_KEY, or the build says so
 };

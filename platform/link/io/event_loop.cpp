@@ -14,7 +14,8 @@ namespace lumora_link {
 
 namespace {
 
-// Seconds have 32 bits on some hosts. Who wakes early looks at the time and goes on waiting.
+// time_t has 32 bits on some hosts, so a wait is cut. The loop that wakes early checks the time and waits
+// again.
 constexpr Clock::duration LONGEST_WAIT = std::chrono::hours(24);
 
 void Drain(int fd) {
@@ -25,6 +26,7 @@ void Drain(int fd) {
 }  // namespace
 
 bool EventLoop::Open() {
+    // A node needs three descriptors for the loop itself.
     mEpoll = lumora::UniqueFd(epoll_create1(EPOLL_CLOEXEC));
     mWake = lumora::UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     mTimer = lumora::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
@@ -59,7 +61,7 @@ void EventLoop::WakeAt(TimePoint deadline) {
     mArmed = deadline;
     itimerspec spec = {};
     if (deadline != TimePoint::max()) {
-        // Zero would disarm the timer; a moment in the past must still fire.
+        // A value of zero disarms a timerfd. A deadline in the past must still fire, so it becomes 1 us.
         const auto left =
             std::clamp<Clock::duration>(deadline - Clock::now(), std::chrono::microseconds(1), LONGEST_WAIT);
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
@@ -71,10 +73,12 @@ void EventLoop::WakeAt(TimePoint deadline) {
 
 void EventLoop::RunOnce() {
     std::array<epoll_event, 16> events = {};
+    // -1 after a signal of a debugger: the thread blocks all others. Posted work runs then too.
     const int count = epoll_wait(mEpoll.Get(), events.data(), static_cast<int>(events.size()), -1);
     RunPosted();
     for (int at = 0; at < count; ++at) {
-        // A task may have taken others off the list; a copy keeps the running one alive.
+        // An earlier task may have called Unwatch for this descriptor. The copy keeps a task alive that
+        // unwatches itself.
         const auto watched = mWatched.find(events[static_cast<std::size_t>(at)].data.fd);
         if (watched != mWatched.end()) {
             const Task task = watched->second;
@@ -83,6 +87,7 @@ void EventLoop::RunOnce() {
     }
 }
 
+// The task runs on the loop's thread. After Shut it is dropped, because no thread would run it.
 bool EventLoop::Post(Task task) {
     lumora::MutexLock lock(mMutex);
     if (mShut) {
@@ -100,12 +105,14 @@ void EventLoop::Wake() {
     }
 }
 
+// The lock keeps mWake open meanwhile: Shut closes it, and the number could belong to another file then.
 void EventLoop::SignalWake() {
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t bytes = write(mWake.Get(), &one, sizeof one);
 }
 
 void EventLoop::Shut() {
+    // Destroyed after the lock: a task may own objects whose destructors post again.
     std::vector<Task> dropped;
     lumora::MutexLock lock(mMutex);
     mShut = true;
@@ -116,6 +123,7 @@ void EventLoop::Shut() {
 }
 
 void EventLoop::RunPosted() {
+    // Taken out at once, so that other threads can post while tasks run and each task runs without the lock.
     std::vector<Task> tasks;
     {
         lumora::MutexLock lock(mMutex);

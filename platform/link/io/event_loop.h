@@ -1,4 +1,4 @@
-// One thread's waiting: for descriptors, for a moment, and for work from other threads.
+// One thread waits here for descriptors, for a point in time, and for work from other threads.
 #pragma once
 
 #include <functional>
@@ -15,21 +15,21 @@ class EventLoop {
 public:
     using Task = std::function<void()>;
 
-    // False where the system refused a descriptor.
+    // False if the system refuses a descriptor.
     bool Open();
 
-    // On the loop's own thread.
+    // On the loop's own thread only.
     void Watch(int fd, Task onReadable);
     void Unwatch(int fd);
     void WakeAt(TimePoint deadline);
-    // Waits once and runs what is due: posted work first, then readable descriptors.
+    // Waits once, then runs posted work first and the tasks of readable descriptors after it.
     void RunOnce();
 
     // From any thread. False once Shut was called; the task is then dropped.
     bool Post(Task task);
-    // Ends the wait in progress, or the next one; needs no memory.
+    // Ends the wait in progress, or the next one. Allocates nothing.
     void Wake();
-    // Closes the descriptors too; the loop must not be running any more.
+    // Drops posted work and closes the descriptors. The loop must not be running any more.
     void Shut();
 
 private:

@@ -14,9 +14,10 @@ namespace lumora_link {
 
 namespace {
 
-// Many nodes may answer one probe at the same moment.
+// Many nodes answer one probe at the same moment; the default buffer would drop answers. The kernel may grant
+// less.
 constexpr int RECEIVE_BUFFER = 1 << 20;
-// One burst must not keep the thread from everything else.
+// Datagrams read before the loop looks at its other descriptors again. A burst must not starve those.
 constexpr int READS_PER_TURN = 64;
 
 sockaddr_in SocketAddressOf(const Endpoint& endpoint) {
@@ -68,11 +69,14 @@ std::optional<Datagram> Receive(int fd) {
     header.msg_namelen = sizeof source;
     header.msg_iov = &part;
     header.msg_iovlen = 1;
+    // IP_PKTINFO: the kernel tells by which interface a multicast datagram came in.
     header.msg_control = control.data();
     header.msg_controllen = control.size();
     const ssize_t bytes = recvmsg(fd, &header, 0);
+    // EAGAIN: nothing is left. EBADF: the socket was closed by an earlier task of this turn.
     if (bytes < 0) {
-        // A refusal of something sent earlier (ICMP) is reported here once; the socket lives on.
+        // The kernel reports an ICMP error for an earlier datagram here, once. The socket stays usable, so
+        // the caller gets an empty datagram and reads on.
         return errno == EAGAIN || errno == EBADF ? std::nullopt : std::make_optional<Datagram>();
     }
     Datagram datagram;
@@ -87,7 +91,7 @@ std::optional<Datagram> Receive(int fd) {
 GroupSockets::GroupSockets(EventLoop& loop, Listener listener)
     : mLoop(loop), mListener(std::move(listener)) {}
 
-// Needs no memory.
+// Allocates nothing: a node must be able to end without memory.
 GroupSockets::~GroupSockets() {
     while (!mMembers.empty()) {
         Leave(mMembers.begin()->first);
@@ -102,7 +106,8 @@ bool GroupSockets::Open() {
     if (!mGroup || !lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, IP_PKTINFO, 1)) {
         return false;
     }
-    // Otherwise what other programs joined on other interfaces would be heard here too.
+    // Linux delivers a group's datagrams to every socket of the host if any program joined the group on any
+    // interface. This option restricts the socket to its own memberships.
     lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0);
     mLoop.Watch(mGroup.Get(), [this] { ReadGroup(); });
     return true;
@@ -113,6 +118,7 @@ bool GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
     for (const LocalInterface& local : interfaces) {
         wanted[local.index] = local;
     }
+    // Collected first: Leave changes the map. An interface whose address has changed leaves and joins again.
     std::vector<unsigned> leaving;
     for (const auto& [index, member] : mMembers) {
         const auto at = wanted.find(index);
@@ -153,7 +159,7 @@ void GroupSockets::Join(const LocalInterface& local) {
     ip_mreqn out = {};
     out.imr_address.s_addr = local.host;
     out.imr_ifindex = static_cast<int>(local.index);
-    // TTL 1 keeps what goes to the group on this network; unicast to configured peers is routed.
+    // TTL 1 keeps multicast on this network. Unicast to configured peers is not affected and is routed.
     const bool ready = member.socket &&
                        lumora::SetSocketOption(member.socket.Get(), IPPROTO_IP, IP_MULTICAST_IF, out) &&
                        lumora::SetSocketOption(member.socket.Get(), IPPROTO_IP, IP_MULTICAST_TTL, 1) &&
@@ -181,7 +187,7 @@ void GroupSockets::Membership(const LocalInterface& local, int option) {
     request.imr_multiaddr.s_addr = MulticastGroup().host;
     request.imr_address.s_addr = local.host;
     request.imr_ifindex = static_cast<int>(local.index);
-    // Leaving fails where the interface has gone; the membership went with it.
+    // Leaving fails if the interface has gone; the kernel dropped the membership with it.
     if (!lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "cannot join the group on %s: %s\n", local.name.c_str(),
                          std::strerror(errno));

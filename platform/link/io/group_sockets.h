@@ -1,8 +1,8 @@
-// The sockets beside libcoap's: one that hears the group, and one per interface that speaks.
+// The sockets besides libcoap's: one receives from the multicast group, and one per interface sends.
 //
-// The group's socket is bound to the group's address and not to any address, so that it takes no
-// unicast away from others; SO_REUSEADDR lets every node of the host have one. What is sent leaves
-// from the interface's own socket, where answers to probes come back.
+// The group's socket is bound to the group's address, not to INADDR_ANY, so that it receives no unicast that
+// belongs to another socket. SO_REUSEADDR lets every node of the host have such a socket. Each interface
+// sends from its own socket, and answers to probes come back to that socket.
 #pragma once
 
 #include <functional>
@@ -19,7 +19,7 @@ namespace lumora_link {
 class GroupSockets {
 public:
     struct Listener {
-        // interface is the index of the one that the datagram came in by.
+        // interface: the index of the interface that received the datagram.
         std::function<void(const CoapMessage&, const Endpoint& source, unsigned interface)> onGroupMessage;
         std::function<void(const CoapMessage&, const Endpoint& source)> onAnswer;
     };
@@ -30,8 +30,8 @@ public:
     GroupSockets& operator=(const GroupSockets&) = delete;
 
     bool Open();
-    // Joins and leaves the group so that these are the interfaces that take part.
-    // False if one of them could not be used.
+    // Joins and leaves the group until exactly these interfaces take part. False if one of them cannot be
+    // used.
     bool Use(const std::vector<LocalInterface>& interfaces);
     void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message);
 

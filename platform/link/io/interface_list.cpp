@@ -22,6 +22,7 @@ std::vector<LocalInterface> SelectInterfaces(const std::vector<SystemInterface>&
     for (const SystemInterface& candidate : all) {
         const bool named =
             names.empty() || std::find(names.begin(), names.end(), candidate.local.name) != names.end();
+        // The first address of an interface is its primary one; further ones are not used.
         const bool taken = std::any_of(selected.begin(), selected.end(), [&](const LocalInterface& other) {
             return other.index == candidate.local.index;
         });
@@ -40,6 +41,7 @@ LinkScope::LinkScope(const std::vector<SystemInterface>& all, const std::vector<
         const bool isUsed = std::any_of(used.begin(), used.end(), [&own](const LocalInterface& local) {
             return local.index == own.local.index;
         });
+        // Each address of this host may talk to the node. A network may if the node uses its interface.
         mSubnets.push_back({own.local.host, isUsed ? own.mask : INADDR_NONE});
         if (isUsed && own.otherEnd != 0) {
             mSubnets.push_back({own.otherEnd, INADDR_NONE});

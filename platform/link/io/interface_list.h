@@ -19,12 +19,12 @@ struct SystemInterface {
 // Every IPv4 address of every interface of this host.
 std::vector<SystemInterface> ListSystemInterfaces();
 
-// Those that are up, one address each, ordered by index; of the named ones only, where names are given.
+// The running interfaces with one address each, ordered by index. If names is not empty, only those in it.
 std::vector<LocalInterface> SelectInterfaces(const std::vector<SystemInterface>& all,
                                              const std::vector<std::string>& names);
 
-// Who may talk to this node: hosts on the networks of the interfaces that it uses, and this host itself.
-// Hosts behind a router may not, unless they are configured as peers.
+// The hosts whose datagrams this node accepts: hosts on the networks of the interfaces that it uses, this
+// host itself, and configured peers. Other hosts behind a router are ignored.
 class LinkScope {
 public:
     LinkScope() = default;

@@ -20,6 +20,8 @@ namespace lumora_link {
 
 namespace {
 
+// Without free descriptors an interface cannot be opened. No event tells when descriptors are closed, so the
+// thread tries again after this.
 constexpr Milliseconds TRY_AGAIN_AFTER{1000};
 // A node says hello more often than that, so this wakes it no further time.
 constexpr Milliseconds LOOK_AT_KEYS_EVERY{1000};
@@ -30,6 +32,7 @@ NodeIo::NodeIo(Config config, NodeIdentity identity, std::optional<std::string> 
                Application& application)
     : mConfig(std::move(config)),
       mCore(identity, mConfig.pskFile.has_value(), mConfig.peers, mRandom, *this, application) {
+    // The thread does not run yet, so the core may be used here.
     mCore.SetDeviceType(std::move(deviceType), Clock::now());
 }
 
@@ -37,6 +40,8 @@ NodeIo::~NodeIo() { Stop(); }
 
 bool NodeIo::Start() {
     std::promise<bool> opened;
+    // The thread opens the sockets itself, because only that thread may use them. Start waits for the
+    // outcome.
     std::future<bool> ready = opened.get_future();
     mThread = lumora::StartThread("lumora-link-io", [this, &opened] {
         bool open = false;
@@ -49,7 +54,8 @@ bool NodeIo::Start() {
         if (open) {
             Run();
         }
-        // All of them now: proxies may keep this object, and the port must refuse.
+        // Closed now, not by the destructor: proxies may keep this object alive, and the kernel must answer
+        // requests to the port with "port unreachable".
         mCoap.reset();
         mGroup.reset();
         mPort = PortGuard();
@@ -70,9 +76,10 @@ void NodeIo::Stop() {
     try {
         Post([this](NodeCore&, TimePoint) { mRunning = false; });
     } catch (...) {
-        mRunning = false;  // without what was posted before: memory is short
+        mRunning = false;  // no memory to post: the thread may end before earlier posted work
         mLoop.Wake();
     }
+    // Takes at most one turn of the loop and the goodbye. No lock is held.
     mThread.join();
     mLoop.Shut();
 }
@@ -84,7 +91,8 @@ bool NodeIo::Post(Work work) {
 bool NodeIo::OpenPorts() {
     constexpr int ATTEMPTS = 100;
     const bool secured = mConfig.pskFile.has_value();
-    // A port of the system's choice may have a neighbour that is taken.
+    // The secured port is the next one. If the system chose the first, the next may be taken: try another
+    // pair.
     for (int attempt = 0; attempt < (mConfig.port == 0 ? ATTEMPTS : 1); ++attempt) {
         mPort = ReservePort(mConfig.port);
         if (!mPort.socket || !secured) {
@@ -136,8 +144,8 @@ bool NodeIo::Open() {
         }
         mLookAtKeys = Clock::now() + LOOK_AT_KEYS_EVERY;
     }
-    // First of all: libcoap loses descriptors where it gets too few, and what fails later names another
-    // cause.
+    // Checked before anything is opened: libcoap leaks descriptors if it cannot open all that it needs, and a
+    // later failure would name another cause.
     if (!DescriptorsAreLeft(DescriptorsOfANode())) {
         LINK_LOG(LEVEL_ERROR, "a node needs %zu descriptors: %s\n", DescriptorsOfANode(),
                  std::strerror(errno));
@@ -153,6 +161,8 @@ bool NodeIo::Open() {
     mCoap = std::make_unique<CoapPort>(CoapPort::Listener{
         [this](const CoapMessage& message, const Endpoint& source, in_addr_t local, ReplyPath path,
                const std::string& identity) {
+            // Requests of hosts outside the local networks are dropped before the core stores anything for
+            // them.
             if (IsHeeded(source)) {
                 mCore.OnRequest(message, source, local, path, Clock::now(), identity);
             } else {
@@ -193,10 +203,12 @@ void NodeIo::Run() {
     while (mRunning) {
         RunGuarded([this] { Turn(); });
     }
+    // Sends the goodbye while the sockets are open.
     RunGuarded([this] { mCore.Close(Clock::now()); });
 }
 
 void NodeIo::Turn() {
+    // libcoap queues work for itself. It must be done before the next deadline is computed.
     mCoap->Settle();
     const TimePoint now = Clock::now();
     if (mCore.NextDeadline(now) <= now) {
@@ -232,7 +244,8 @@ void NodeIo::FollowKeys(TimePoint now) {
     mCoap->UseKeys(std::move(*keys));
 }
 
-// The kernel tells when links and addresses change. Without that the node stays with what it has.
+// Over a netlink socket the kernel reports changes of links and addresses. Without it the node keeps the
+// interfaces that it started with.
 void NodeIo::OpenRouteSocket() {
     mRoutes = lumora::UniqueFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
     sockaddr_nl address = {};
@@ -243,7 +256,8 @@ void NodeIo::OpenRouteSocket() {
         return;
     }
     mLoop.Watch(mRoutes.Get(), [this] {
-        // What changed is read anew; the messages, or their loss, only tell that something did.
+        // The messages only trigger a new look at all interfaces, so their contents do not matter, nor
+        // whether the kernel had to drop some.
         std::array<char, 8192> ignored;
         while (recv(mRoutes.Get(), ignored.data(), ignored.size(), 0) > 0) {
         }
@@ -251,7 +265,8 @@ void NodeIo::OpenRouteSocket() {
     });
 }
 
-// Reports whether all of them can be used. Where descriptors are short, a later attempt follows.
+// Opens sockets on new interfaces and closes those on lost ones. False if one cannot be used. If descriptors
+// are short, schedules another attempt.
 bool NodeIo::FollowInterfaces() {
     const std::vector<SystemInterface> all = ListSystemInterfaces();
     std::vector<LocalInterface> used = SelectInterfaces(all, mConfig.interfaces);
@@ -262,6 +277,7 @@ bool NodeIo::FollowInterfaces() {
     const auto refused = [this](const LocalInterface& local) {
         return !mCoap->Listen({local.host, mPort.port});
     };
+    // Interfaces on which libcoap cannot listen are left out for now; see mTryAgain.
     used.erase(std::remove_if(used.begin(), used.end(), refused), used.end());
     const bool complete = mGroup->Use(used) && used.size() == wanted;
     mTryAgain = complete || DescriptorsAreLeft(DescriptorsOfAnInterface()) ? TimePoint::max()
@@ -270,7 +286,7 @@ bool NodeIo::FollowInterfaces() {
     return complete;
 }
 
-// One look at this tells why a device that started is never found.
+// Warns once, until the situation changes: this line explains why a device that runs is never found.
 void NodeIo::WarnIfUnreachable(const std::vector<LocalInterface>& used) {
     const bool unreachable = mConfig.interfaces.empty() && !ReachesOthers(used);
     if (unreachable && !mWarnedOfAddress) {

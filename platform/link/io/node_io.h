@@ -1,4 +1,4 @@
-// A node's I/O thread: the sockets, libcoap and the protocol, all of them touched here only.
+// A node's I/O thread. Sockets, libcoap and the protocol are used by this thread only.
 #pragma once
 
 #include <atomic>
@@ -31,11 +31,11 @@ public:
     NodeIo(const NodeIo&) = delete;
     NodeIo& operator=(const NodeIo&) = delete;
 
-    // Returns when the node can be found, or false where it cannot run.
+    // Starts the thread and blocks until the node can be found. False, with a log line, if it cannot run.
     bool Start();
-    // Says goodbye and joins.
+    // Sends a goodbye and joins the thread. Must not be called by posted work.
     void Stop();
-    // Runs the work on the I/O thread, some time later. False once the node has stopped.
+    // Runs the work on the I/O thread later. False once the node has stopped. Throws std::bad_alloc.
     bool Post(Work work);
 
 private:

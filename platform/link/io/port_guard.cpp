@@ -18,7 +18,8 @@ PortGuard ReservePort(std::uint16_t wanted) {
     if (!fd || bind(fd.Get(), generic, size) != 0 || getsockname(fd.Get(), generic, &size) != 0) {
         return guard;
     }
-    // Nobody reads what comes to addresses that the node does not serve.
+    // This socket receives datagrams to addresses that the node does not serve. No thread reads them, so the
+    // kernel keeps as few as it can.
     constexpr int LEAST = 1;
     lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
     lumora::SetSocketOption(fd.Get(), SOL_SOCKET, SO_RCVBUF, LEAST);

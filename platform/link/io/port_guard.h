@@ -1,8 +1,8 @@
 // Keeps a UDP port of this host for one node.
 //
-// libcoap binds with SO_REUSEADDR. With that set, the kernel's choice for port 0 may be a port that
-// another such socket has, and a fixed port can be taken twice without anybody noticing. A socket
-// that was bound without it finds both out; afterwards it lets libcoap's in beside itself.
+// libcoap binds with SO_REUSEADDR. With that option the kernel may choose a port that another such socket
+// has, and two nodes can bind one fixed port without an error. The guard's socket is bound without it, so
+// bind() reports both cases. Setting the option afterwards lets libcoap's socket bind to the same port.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ struct PortGuard {
     std::uint16_t port = 0;
 };
 
-// Any free port where wanted is 0. The guard holds no socket where the port is taken.
+// wanted: 0 for any free port. The guard holds no socket if the port is taken.
 PortGuard ReservePort(std::uint16_t wanted);
 
 }  // namespace lumora_link

@@ -1,4 +1,4 @@
-// Runs work of a thread that must go on whatever happens to one message.
+// Runs work on a thread that must continue if one message fails.
 #pragma once
 
 #include <exception>
@@ -8,8 +8,8 @@
 
 namespace lumora_link {
 
-// An exception costs the work at hand, and neither the thread nor what follows. Nothing may leave a callback
-// of libcoap, which is C.
+// Runs work and swallows exceptions with a log line, so that one failure does not end the thread. No
+// exception may leave a callback of libcoap either, because libcoap is written in C.
 template <typename Work>
 void RunGuarded(const Work& work) {
     try {

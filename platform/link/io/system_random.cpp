@@ -13,7 +13,7 @@ std::uint64_t SystemRandom::Next() {
         Refill();
     }
     --mLeft;
-    // Not kept: what has been used is of use to those only who read this process's memory.
+    // The number is erased from the buffer: a later look at this process's memory must not show used numbers.
     std::uint64_t number = 0;
     std::swap(number, mNumbers[mLeft]);
     return number;
@@ -23,10 +23,10 @@ void SystemRandom::Refill() {
     ssize_t bytes = 0;
     do {
         bytes = getrandom(mNumbers.data(), sizeof mNumbers, 0);
-        // Early after boot the wait for entropy can be interrupted.
+        // Shortly after boot getrandom waits for entropy, and a signal can interrupt that wait.
     } while (bytes < 0 && errno == EINTR);
     if (bytes != static_cast<ssize_t>(sizeof mNumbers)) {
-        // A sandbox that forbids the call. The library's device reads the processor or /dev/urandom.
+        // A sandbox may forbid the call. std::random_device reads the processor or /dev/urandom instead.
         std::random_device device;
         for (std::uint64_t& number : mNumbers) {
             number = static_cast<std::uint64_t>(device()) << 32 | device();

@@ -7,6 +7,7 @@ namespace lumora_link {
 
 Worker::Worker(const char* name, std::size_t limit) : mLimit(limit) {
     mThread = lumora::StartThread(name, [this] { Run(); });
+    // The first task may run before this line, but tasks are posted only after the constructor.
     mId = mThread.get_id();
 }
 
@@ -14,6 +15,7 @@ Worker::~Worker() { Stop(); }
 
 bool Worker::Post(Task task) {
     lumora::MutexLock lock(mMutex);
+    // The limit bounds the memory if the application does not return from a call.
     if (mStopping || mTasks.size() >= mLimit) {
         return false;
     }
@@ -28,6 +30,7 @@ void Worker::Stop() {
         mStopping = true;
         mChanged.NotifyAll();
     }
+    // Without mMutex: the thread needs it to see mStopping. Waits as long as the running task takes.
     if (mThread.joinable()) {
         mThread.join();
     }
@@ -47,6 +50,7 @@ void Worker::Run() {
             task = std::move(mTasks.front());
             mTasks.pop_front();
         }
+        // Without mMutex: a task may take long, and it may post another one.
         try {
             task();
         } catch (...) {

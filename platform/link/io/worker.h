@@ -1,4 +1,4 @@
-// A thread of its own for calls into the application, in order.
+// A thread that runs calls into the application, in the order of posting.
 #pragma once
 
 #include <deque>
@@ -18,9 +18,9 @@ public:
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    // False where the queue is full or the worker has been stopped.
+    // False if the queue is full or the worker has been stopped.
     bool Post(Task task);
-    // Lets the running task end, drops the others and joins. Not to be called by a task.
+    // Waits for the running task, drops the waiting ones, and joins. Must not be called by a task.
     void Stop();
     bool IsCurrentThread() const { return std::this_thread::get_id() == mId; }
 
@@ -33,7 +33,7 @@ private:
     std::deque<Task> mTasks GUARDED_BY(mMutex);
     bool mStopping GUARDED_BY(mMutex) = false;
     std::thread mThread;
-    std::thread::id mId;  // stays readable for others while Stop joins
+    std::thread::id mId;  // a copy, because other threads may read it while Stop joins
 };
 
 }  // namespace lumora_link

@@ -22,7 +22,8 @@ struct Options {
 };
 
 void Check(const Options& options) {
-    // The library takes another kind of parameter with these two.
+    // Clients subscribe by commands of these two names, and the library expects another kind of parameter
+    // there.
     if (options.name == "subscribe" || options.name == "unsubscribe") {
         throw Failure(EXIT_USAGE, '"' + options.name + "\" is no command of the application",
                       "lumora subscribe subscribes, and its end cancels that");
@@ -34,8 +35,10 @@ void Check(const Options& options) {
 
 int Run(const Options& options) {
     Check(options);
+    // Made before the session, because it refuses options that contradict each other.
     BlockWriter writer(options.await.format);
     ClientSession session(options.session, ServicesFor(options.await));
+    // Before the command: the device may answer at once.
     SubscribeForAnswer(session, options.await);
     session.SendCommand(options.name, options.parameter);
     if (!options.await.service.empty()) {

@@ -26,6 +26,7 @@ namespace {
 
 using Level = Finding::Level;
 
+// The word in the text output and in the field "level" of --json.
 const char* WordOf(Level level) {
     switch (level) {
         case Level::GOOD:
@@ -56,6 +57,7 @@ Colour ColourOf(Level level) {
 
 void PrintFinding(const Finding& finding) {
     constexpr std::size_t WORD = 9;
+    // Longer lines are hard to read even on a wide terminal.
     constexpr std::size_t READABLE = 110;
     const std::size_t width = std::min(Width(STDOUT_FILENO), READABLE);
     const std::string word = WordOf(finding.level);
@@ -98,6 +100,7 @@ struct Options {
     std::chrono::milliseconds wait{2000};
 };
 
+// Runs each check and prints its findings at once, because some checks take seconds.
 Findings LookRound(const Options& options) {
     std::vector<std::pair<std::string, std::function<void(Findings&)>>> areas = {
         {"Variables", LookAtVariables},
@@ -121,6 +124,8 @@ Findings LookRound(const Options& options) {
         }
         Findings findings;
         look(findings);
+        // A check that a signal interrupted may report wrong findings, so the program ends before they are
+        // printed.
         ThrowWhenStopped();
         for (Finding& finding : findings) {
             if (!IsJson()) {
@@ -177,11 +182,15 @@ void TryOnLoopback(Findings& findings) {
     // same.
     const char* port = std::getenv("LUMORA_LINK_PORT");
     if (port != nullptr && UdpPortState(std::atoi(port)) != PortState::FREE) {
+        // Two nodes on one host cannot have the same fixed port.
         unsetenv("LUMORA_LINK_PORT");
     }
+    // This very file, also if the program was replaced on disk or is not on PATH.
     const std::string program = "/proc/self/exe";
+    // The process number keeps two doctors on one host apart.
     const std::string type = "lumora-doctor-" + std::to_string(getpid());
     Child device({program, "--interface", "lo", "serve", type, "--echo"});
+    // Waits for the first line, which the device prints when it can be found.
     if (device.NextLine(PATIENCE).empty()) {
         findings.push_back({Level::FAULT, area, "a device does not start",
                             "lumora --interface lo --log error serve test --echo tells why"});
@@ -190,6 +199,7 @@ void TryOnLoopback(Findings& findings) {
     unsetenv("LUMORA_LINK_PORT");
     Child client({program, "--interface", "lo", "ping", type, "--count", "3", "--interval", "0"});
     std::string last;
+    // Reads to the end; the last line is the summary of ping.
     for (std::string line = client.NextLine(PATIENCE); !line.empty(); line = client.NextLine(PATIENCE)) {
         last = line;
     }
@@ -219,7 +229,9 @@ Command DoctorCommand() {
         "sends leaves this host.");
     command.Describe(
         "With TYPE it also walks to that device: found, answers, TCP port 6666 reached there, 6667 reached "
-        "back. For the last two it connects, and so takes the place of a client that is connected.");
+        "back. For the last two it connects, and so takes the place of a client that is connected from "
+        "another "
+        "host. While a client runs on this host, it uses port 6667: the walk then ends after the answer.");
     command.Describe(
         "A fault keeps Lumora from working, a warning may; the exit code is 1 when there is a fault.");
     command.Argument("TYPE", options->device.type, "a device to walk to, or TYPE@ADDRESS for one of several")

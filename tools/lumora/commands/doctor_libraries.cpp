@@ -47,10 +47,15 @@ std::string RealPath(const char* path) {
 std::string FileOf(const char* function) {
     Dl_info info = {};
     void* address = dlsym(RTLD_NEXT, function);
+    // RTLD_NEXT skips this program, which has functions of these names itself; see
+    // session/platform_front.cpp. In a static build only the program has them.
     address = address != nullptr ? address : dlsym(RTLD_DEFAULT, function);
     return address != nullptr && dladdr(address, &info) != 0 ? RealPath(info.dli_fname) : "";
 }
 
+// Walks the notes of an ELF segment: a header, a name and a description each, both padded to 4 bytes. The
+// linker stores a hash of the file as the description of type NT_GNU_BUILD_ID. Lengths are checked, because a
+// note may be damaged.
 std::string BuildIdIn(const char* notes, std::size_t length) {
     constexpr std::size_t ALIGNMENT = 4;
     constexpr std::size_t SHOWN = 6;
@@ -70,6 +75,7 @@ std::string BuildIdIn(const char* notes, std::size_t length) {
 // Real path to build ID, of all that is loaded.
 std::map<std::string, std::string> LoadedFiles() {
     std::map<std::string, std::string> files;
+    // The loader calls this for each loaded file. A result of 0 continues.
     dl_iterate_phdr(
         [](dl_phdr_info* info, std::size_t, void* into) {
             std::string id;
@@ -90,6 +96,7 @@ std::map<std::string, std::string> LoadedFiles() {
 
 std::string FolderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
+// Adds one finding: where the file was found, or which function it lacks.
 void LookAtFile(Findings& findings, const Needed& needed, const std::string& home,
                 const std::map<std::string, std::string>& loaded) {
     const std::string path = FileOf(needed.functions.front());
@@ -130,6 +137,7 @@ void LookAtOthers(Findings& findings, const std::map<std::string, std::string>& 
 
 void LookAtLibraries(Findings& findings) {
     const std::map<std::string, std::string> loaded = LoadedFiles();
+    // A vendor's files usually stand in another folder than ours.
     const std::string home = FolderOf(FileOf("LUM_InitClient"));
     for (const Needed& needed : NeededFiles()) {
         LookAtFile(findings, needed, home, loaded);

@@ -58,6 +58,7 @@ lumora::UniqueFd Join(const Interface& entry, int port) {
                         lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0) &&
                         lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, MembershipOn(entry));
     if (!joined) {
+        // Close may change errno, and the caller reports it.
         const int error = errno;
         fd.Close();
         errno = error;
@@ -65,6 +66,7 @@ lumora::UniqueFd Join(const Interface& entry, int port) {
     return fd;
 }
 
+// The port that the kernel chose for a socket bound to port 0.
 int PortOf(const lumora::UniqueFd& fd) {
     sockaddr_in address = {};
     socklen_t length = sizeof(address);
@@ -72,10 +74,12 @@ int PortOf(const lumora::UniqueFd& fd) {
     return ntohs(address.sin_port);
 }
 
-// To the group, on a port of our own and never beyond this host: nobody else is to hear it.
+// Sends to the group on a port of our own, with TTL 0, so that the datagram never leaves this host.
 bool HearsItself(const Interface& entry) {
     constexpr std::chrono::milliseconds PATIENCE(500);
     constexpr char TEXT[] = "lumora doctor";
+    // Port 0: the real port of the group would also deliver messages of other nodes, and they would count as
+    // an echo.
     const lumora::UniqueFd ear = Join(entry, 0);
     const lumora::UniqueFd mouth(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!ear || !mouth ||
@@ -89,6 +93,7 @@ bool HearsItself(const Interface& entry) {
            Wait(ear.Get(), In(PATIENCE)) == Woken::READY;
 }
 
+// A socket that listens to the group on one interface.
 struct Ear {
     Interface entry;
     lumora::UniqueFd socket;
@@ -110,14 +115,13 @@ void HearOne(Ear& ear) {
 // All at once.
 void Listen(std::vector<Ear>& ears, std::chrono::milliseconds time) {
     const Deadline end = In(time);
+    // poll may wake early, so the loop checks the time itself.
     while (Clock::now() < end && StopSignal() == 0) {
         std::vector<pollfd> watched = {{StopFd(), POLLIN, 0}};
         for (const Ear& ear : ears) {
             watched.push_back({ear.socket.Get(), POLLIN, 0});
         }
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        poll(watched.data(), watched.size(),
-             static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0)));
+        poll(watched.data(), watched.size(), PollTime(end));
         for (std::size_t i = 0; i < ears.size(); ++i) {
             if (watched[i + 1].revents != 0) {
                 HearOne(ears[i]);
@@ -138,6 +142,7 @@ void TellJoinFault(Findings& findings, const Interface& entry, int error) {
 
 // ---- Firewalls
 
+// What nft says. A rough reading of its text: it recognises common rules and warns rather than proves.
 struct Rules {
     bool known = false;
     int dropping = 0;  // that drop something
@@ -179,6 +184,7 @@ std::vector<std::string> LinesOf(Child& program, std::chrono::milliseconds patie
 Rules ReadRules() {
     constexpr std::chrono::milliseconds PATIENCE(3000);
     Rules rules;
+    // Listing rules needs root. The tool is not installed on every host.
     if (geteuid() != 0 || access("/usr/sbin/nft", X_OK) != 0) {
         return rules;
     }
@@ -188,6 +194,7 @@ Rules ReadRules() {
     for (const std::string& line : lines) {
         accepted += Has(line, " accept") && !Has(line, "policy") ? line : "";
     }
+    // A chain with the policy "drop" is harmless if it accepts our ports elsewhere.
     const bool acceptsOurs = Has(accepted, "5683") && (Has(accepted, "6666") || Has(accepted, "6667"));
     for (const std::string& line : lines) {
         rules.dropping += Drops(line) ? 1 : 0;
@@ -210,6 +217,7 @@ std::string WhatMustPass() {
 // The items of a list, as the link platform splits it.
 std::vector<std::string> WordsOf(const char* variable) {
     const char* value = std::getenv(variable);
+    // The platform takes commas and blanks as separators.
     std::string text = value != nullptr ? value : "";
     std::replace(text.begin(), text.end(), ' ', ',');
     std::vector<std::string> words = Split(text, ',');
@@ -254,6 +262,23 @@ void LookAtLinkPort(Findings& findings) {
          taken ? "another node has it, or another program: ss -ulnp 'sport = :" + std::to_string(port) +
                      "' names it. Two nodes on one host need two ports"
                : ""});
+}
+
+Finding TakenPort(int port, const std::string& whose) {
+    const std::string name = "TCP port " + std::to_string(port);
+    const std::string limit = "No other " + whose + " can be connected on this host";
+    const std::optional<PortHolder> holder = TcpPortHolder(port);
+    if (!holder) {
+        return {Level::WARNING, "ports", name + " is taken",
+                "a " + whose + " that is connected has it, or another program: ss -tlnp 'sport = :" +
+                    std::to_string(port) + "' names it. " + limit};
+    }
+    if (!holder->usesLumora) {
+        return {Level::WARNING, "ports", name + " is taken", holder->Text() + ", has it. " + limit};
+    }
+    return {Level::NOTE, "ports",
+            name + " is used by a running " + whose + " of this host: " + holder->Text(),
+            limit + " meanwhile"};
 }
 
 }  // namespace
@@ -328,7 +353,7 @@ void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening) {
         const bool alone = ear.heard.empty();
         findings.push_back({alone ? Level::NOTE : Level::GOOD, "multicast",
                             ear.entry.name + ": joined, " +
-                                (alone ? "nobody else was heard"
+                                (alone ? "no other node was heard"
                                        : Count(ear.heard.size(), "node was heard", "nodes were heard")),
                             alone && !ear.entry.loopback
                                 ? "if devices run in this network, multicast is blocked on the way: a switch "
@@ -347,11 +372,7 @@ void LookAtPorts(Findings& findings) {
                 findings.push_back({Level::GOOD, "ports", name + " is free", ""});
                 break;
             case PortState::TAKEN:
-                findings.push_back({Level::WARNING, "ports", name + " is taken",
-                                    "a " + std::string(whose) +
-                                        " that is connected has it, or another program: ss -tlnp 'sport = :" +
-                                        std::to_string(port) + "' names it. No other " + whose +
-                                        " can be connected on this host"});
+                findings.push_back(TakenPort(port, whose));
                 break;
             case PortState::UNKNOWN:
                 findings.push_back({Level::FAULT, "ports",

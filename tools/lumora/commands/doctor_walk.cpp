@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
 
 #include "base/unique_fd.h"
 #include "tools/lumora/commands/findings.h"
@@ -36,14 +37,18 @@ int ConnectError(const std::string& host, int port) {
         return 0;
     }
     pollfd watched[] = {{fd.Get(), POLLOUT, 0}, {StopFd(), POLLIN, 0}};
+    // A non-blocking connect reports at once only what this host knows, such as a missing route.
     if (errno != EINPROGRESS) {
         return errno;
     }
+    // A packet filter that drops gives no answer at all. Without this limit the kernel would try for two
+    // minutes.
     if (poll(watched, 2, PATIENCE_MS) == 0) {
         return ETIMEDOUT;
     }
     ThrowWhenStopped();
     int error = 0;
+    // When the socket becomes writable, SO_ERROR tells how the attempt ended.
     socklen_t length = sizeof(error);
     getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error, &length);
     return error;
@@ -51,10 +56,12 @@ int ConnectError(const std::string& host, int port) {
 
 void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDevice& found) {
     try {
+        // A session connects in both directions: ours to port 6666 there, and the device's to port 6667 here.
         const ClientSession session({device, std::chrono::milliseconds(2000), false}, {});
         findings.push_back(
             {Level::GOOD, AREA, "connected: TCP port 6666 is reached there, and 6667 from there", ""});
     } catch (const Failure& failure) {
+        // Only after a failure: tells which of the two directions is blocked.
         const int error = ConnectError(found.address, DEVICE_PORT);
         const bool open = error == 0 || error == ECONNREFUSED;
         findings.push_back({Level::FAULT, AREA, std::string("cannot be connected: ") + failure.what(),
@@ -66,12 +73,32 @@ void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDe
     }
 }
 
+// While another client of this host is connected, it has the port that the device sends to. A connection
+// cannot be tried then: not even to port 6666 alone, because the device might take it for that client's.
+Finding NotConnected(const std::optional<PortHolder>& holder) {
+    const std::string text = "found and asked only. Not checked: TCP port 6666 there, and 6667 from there. ";
+    if (!holder) {
+        return {Level::WARNING, AREA, text + "TCP port 6667 of this host is taken",
+                "ss -tlnp 'sport = :6667' as root names the program. End it and repeat"};
+    }
+    if (!holder->usesLumora) {
+        return {Level::FAULT, AREA,
+                "cannot be connected: TCP port 6667 of this host belongs to " + holder->Text(),
+                "no client can be connected on this host until that program ends"};
+    }
+    return {Level::NOTE, AREA,
+            text + "TCP port 6667 is used by a running client of this host: " + holder->Text(),
+            "end that client and repeat, to check the rest of the way"};
+}
+
 }  // namespace
 
 void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds wait) {
     CheckName("TYPE", device.type);
     std::vector<FoundDevice> all;
     {
+        // The node leaves the network before the client joins. Both in one process would be two nodes with
+        // one configured port.
         LinkNode node;
         all = FindDevices(node, device.type, wait);
     }
@@ -103,9 +130,14 @@ void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds w
         {Level::GOOD, AREA,
          "answers: " + Count(found.services.size(), "service", "services") + ", version " + found.version,
          ""});
+    // From here on only this device, also if another one of the type answers sooner.
     device.address = found.address + ':' + std::to_string(found.port);
     device.Take();
-    ReportChannel(findings, device, found);
+    if (TcpPortState(CLIENT_PORT) == PortState::TAKEN) {
+        findings.push_back(NotConnected(TcpPortHolder(CLIENT_PORT)));
+    } else {
+        ReportChannel(findings, device, found);
+    }
 }
 
 }  // namespace lumora_cli

@@ -24,6 +24,7 @@ struct Options {
     std::chrono::milliseconds wait{2000};
 };
 
+// A length of 0 means any length.
 std::string OutputOf(const Service& service) {
     return service.outputBytes == 0 ? "-" : Grouped(service.outputBytes);
 }
@@ -43,6 +44,8 @@ void PrintTable(const std::vector<FoundDevice>& devices) {
     Print(table.Text());
 }
 
+// Searches by type if one is given. Without a type the link platform cannot search, so FindAllDevices listens
+// for events.
 int Once(const Options& options) {
     LinkNode node;
     const std::string& type = options.device.type;
@@ -62,6 +65,7 @@ int Once(const Options& options) {
     return EXIT_OK;
 }
 
+// "name (transport, bytes), ...", or "-" for a device without services.
 std::string ServicesText(const FoundDevice& device) {
     std::string text;
     for (const Service& service : device.services) {
@@ -78,6 +82,7 @@ FoundDevice DescribeNewcomer(LinkNode& node, const DeviceEvent& event) {
     FoundDevice found = {event.address, event.port, event.type, false, {}, ""};
     for (int i = 0; i < TRIES && !found.answers && PauseUnlessStopped(i == 0 ? 0 : PAUSE_MS); ++i) {
         for (const RemoteDevice& device : node.Find(event.type)) {
+            // Several devices may have this type. The event belongs to one address and port.
             if (device.Address() == event.address && device.Port() == event.port) {
                 found = Describe(device, event.type);
             }
@@ -105,6 +110,7 @@ void PrintEvent(bool added, const FoundDevice& device) {
 // Nodes without a type only look round, as this one does.
 int Watch(const Options& options) {
     LinkNode node;
+    // Ends when Take returns nothing: without a deadline that is a signal only, so the exit code is 0.
     while (const std::optional<DeviceEvent> event = node.Events().Take(Never())) {
         if (event->type.empty() || (!options.device.type.empty() && event->type != options.device.type)) {
             continue;

@@ -22,6 +22,7 @@ struct Options {
 std::string Page(const FoundDevice& device) {
     std::string page = OneLine(device.type) + "\n  address  " + device.address + ", UDP port " +
                        std::to_string(device.port) + '\n';
+    // A node with a type that does not describe services is usually a client.
     if (!device.answers) {
         return page +
                "  It offers no services: a client, or a device that is not ready or does not answer.\n";
@@ -41,6 +42,7 @@ int Run(Options options) {
     LinkNode node;
     const std::string& type = options.device.type;
     const std::vector<FoundDevice> devices =
+        // Without a type, all devices that send a hello in this time.
         type.empty() ? FindAllDevices(node, options.wait) : FindDevices(node, type, options.wait);
     if (devices.empty()) {
         throw Failure(EXIT_NO_DEVICE,
@@ -52,6 +54,7 @@ int Run(Options options) {
     for (const FoundDevice& device : devices) {
         pages += (pages.empty() ? "" : "\n") + Page(device);
     }
+    // All pages in one write, so that a reader that leaves early sees whole devices.
     Print(IsJson() ? ToJson(devices) + '\n' : pages);
     return EXIT_OK;
 }

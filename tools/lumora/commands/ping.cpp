@@ -29,12 +29,13 @@ struct Options {
 
 using Times = std::vector<std::chrono::nanoseconds>;
 
-// What goes out: who sent it and which one it is, and then bytes that nobody looks at.
+// A block: the sender, the block's number, and filler bytes.
 struct Mark {
     std::uint64_t sender;
     std::uint64_t number;
 };
 
+// size is at least the size of a mark: the option has that lower limit.
 std::string BlockOf(const Mark& mark, unsigned size) {
     std::string block(size, 'p');
     std::memcpy(block.data(), &mark, sizeof(mark));
@@ -44,9 +45,11 @@ std::string BlockOf(const Mark& mark, unsigned size) {
 // The time until the block came back whole; nothing when it did not. Late ones of before are passed over.
 std::optional<std::chrono::nanoseconds> RoundTrip(ClientSession& session, const std::string& block,
                                                   std::chrono::milliseconds timeout) {
+    // Sending is part of the time: the kernel may block while its buffer is full.
     const Deadline begin = Clock::now();
     session.Send(block);
     while (const std::optional<Block> answer = session.Take(begin + timeout)) {
+        // An answer to an earlier block that timed out has another number and is ignored.
         if (answer->data == block) {
             return Clock::now() - begin;
         }
@@ -66,6 +69,7 @@ void PrintRound(unsigned number, unsigned size, const std::optional<std::chrono:
     }
 }
 
+// The smallest time that the share of all times does not exceed (nearest rank). sorted is not empty.
 std::chrono::nanoseconds Quantile(const Times& sorted, double share) {
     const auto rank = static_cast<std::size_t>(std::ceil(share * static_cast<double>(sorted.size())));
     return sorted[std::max<std::size_t>(rank, 1) - 1];
@@ -106,6 +110,7 @@ int Run(const Options& options) {
     CheckName("SERVICE", options.service);
     ClientSession session(options.session, {options.service});
     session.Subscribe(options.service);
+    // A random sender number tells our blocks from those of another ping on the same device.
     std::random_device random;
     const std::uint64_t sender = random();
     Times times;
@@ -115,6 +120,7 @@ int Run(const Options& options) {
             break;
         }
         const auto time = RoundTrip(session, BlockOf({sender, sent}, options.size), options.timeout);
+        // A signal cut the wait short, so this block is neither answered nor lost.
         if (!time && StopSignal() != 0) {
             break;
         }
@@ -125,6 +131,7 @@ int Run(const Options& options) {
         PrintRound(sent, options.size, time);
     }
     PrintStatistics(sent, times);
+    // Without a count the command is endless, and a signal is its normal end.
     if (options.count != 0) {
         ThrowWhenStopped();
     }

@@ -29,6 +29,7 @@ struct Options {
     AwaitOptions await;
 };
 
+// Blocks and bytes sent so far.
 struct Sum {
     unsigned long blocks = 0;
     unsigned long bytes = 0;
@@ -94,6 +95,7 @@ private:
         Sum sum;
         while (std::optional<std::string> block = NextBlock(file, sum)) {
             SendBlock(file.Name(), *block, sum);
+            // With --lines each line has its own answer. It is awaited before the next line is sent.
             if (mOptions.lines) {
                 Answer();
             }
@@ -109,6 +111,7 @@ private:
             LUM_MAX_CLIENT_DATA_LENGTH + 1;  // shows that there is more than fits
         std::string block;
         if (mOptions.lines) {
+            // Skips empty lines: a block has at least one byte.
             do {
                 std::optional<std::string> line = file.ReadLine(TOO_LONG);
                 if (!line) {
@@ -134,6 +137,7 @@ private:
     }
 
     void Finish(const std::string& path, const Sum& sum) {
+        // The total is summed per file, so that JSON tells each file's own figures.
         mTotal.blocks += sum.blocks;
         mTotal.bytes += sum.bytes;
         if (IsJson()) {
@@ -146,6 +150,7 @@ private:
     }
 
     void Answer() {
+        // The answer goes to the same terminal and must not stand in the progress line.
         mProgress.Clear();
         PrintAnswer(mSession, mOptions.await, mWriter);
     }
@@ -164,6 +169,7 @@ int Run(const Options& options) {
     SubscribeForAnswer(session, options.await);
     Sum sum;
     {
+        // A scope of its own: the destructor of the progress line clears it before the summary is printed.
         Sender sender(session, options, total);
         sender.SendAll();
         sum = sender.Total();
@@ -172,6 +178,8 @@ int Run(const Options& options) {
         Remark(ShortSize(sum.bytes) + " sent in " + Count(sum.blocks, "block", "blocks"));
     }
     if (options.await.service.empty()) {
+        // The connection closes with the session. Data that the device has not read yet would be lost, and
+        // the device does not acknowledge data, so the program waits a little.
         PauseUnlessStopped(static_cast<int>(options.linger.count()));
     }
     return EXIT_OK;

@@ -47,10 +47,11 @@ struct Event {
     std::string name;       // of the service or the command
     std::string parameter;  // of the command
     std::size_t length = 0;
-    std::string data;  // only where a program wants it
+    std::string data;  // empty unless a program gets it
     std::string fault;
 };
 
+// Events take their time here, on the thread that received them, and not when they are printed.
 Event NewEvent(Event::Kind kind, int client, std::string_view name) {
     return {kind, std::chrono::system_clock::now(), client, std::string(name), "", 0, "", ""};
 }
@@ -79,6 +80,7 @@ lumora::Service ParseServiceOption(const std::string& spec) {
     }
     CheckName("the name of a service", parts[0]);
     const auto transport = parts.size() > 1 ? ParseTransport(parts[1]) : lumora::Transport::TCP;
+    // Without a length the service announces the longest output that a device may send.
     const auto bytes = parts.size() > 2 ? ParseSize(parts[2]) : LUM_MAX_SERVER_DATA_LENGTH;
     if (!transport || !bytes || *bytes > INT32_MAX) {
         ThrowBadService(spec);
@@ -88,6 +90,7 @@ lumora::Service ParseServiceOption(const std::string& spec) {
 
 std::vector<lumora::Service> ServicesOf(const Options& options) {
     std::vector<std::string> names = options.services;
+    // --echo alone offers one service of this name, which lumora ping expects.
     if (names.empty() && options.echo) {
         names = {"echo"};
     }
@@ -108,6 +111,8 @@ class ServedDevice {
 public:
     ServedDevice(const Options& options, const std::vector<lumora::Service>& services)
         : mOptions(options), mAnswersOn(services.front().name), mDevice(options.type) {
+        // The library opens port 6666 only when a client connects, and that would fail then without a visible
+        // reason. The check here tells the user at once.
         if (TcpPortState(DEVICE_PORT) == PortState::TAKEN) {
             throw Failure(EXIT_REFUSED, "TCP port 6666 is taken on this host",
                           "another device has a client: end one of them first");
@@ -115,6 +120,7 @@ public:
         for (const lumora::Service& service : services) {
             mDevice.Offer(service.name, service.outputBytes, service.transport);
         }
+        // Handlers are set before Start: a client may come at once.
         Handle();
         std::error_code error;
         TakeCause();
@@ -128,6 +134,7 @@ public:
     // The service that answers go to: the first one.
     const std::string& AnswersOn() const { return mAnswersOn; }
     bool HasSubscribers() const { return !mDevice.Subscribers(mAnswersOn).empty(); }
+    // Gives back the memory of a block that has been worked off.
     void Release(const Event& event) { mWaitingBytes -= event.data.size(); }
 
     // Empty, or what went wrong.
@@ -159,14 +166,18 @@ private:
         mDevice.OnData([this](int client, lumora::Bytes data) { TakeData(client, data); });
     }
 
+    // Runs on the transport's receive thread. An echo is sent from here, because the queue would add a delay
+    // to what ping measures. Programs run on the main thread, since they may take long.
     void TakeData(int client, lumora::Bytes data) {
         Event event = NewEvent(Event::Kind::DATA, client, mAnswersOn);
         event.length = data.size();
         if (mOptions.echo && !data.empty()) {
             event.fault = Send(data.Text());
         } else if (!mOptions.program.empty() && mWaitingBytes + data.size() > MOST_WAITING_BYTES) {
+            // The queue is bounded: a client can send faster than the program works.
             event.fault = "the block was dropped: the program is too slow";
         } else if (!mOptions.program.empty()) {
+            // Added on the receive thread and subtracted on the main thread, hence atomic.
             mWaitingBytes += data.size();
             event.data = data.Text();
         }
@@ -210,6 +221,7 @@ std::string JsonLine(const Event& event) {
     return event.fault.empty() ? line.Text() : line.Add("fault", event.fault).Text();
 }
 
+// The same event for people, without the time.
 std::string TextLine(const Event& event) {
     const std::string client = "client " + std::to_string(event.client);
     switch (event.kind) {
@@ -226,6 +238,7 @@ std::string TextLine(const Event& event) {
            (event.fault.empty() ? "" : "; " + event.fault);
 }
 
+// OneLine: names and texts come from the network and must not steer the terminal.
 void PrintLineAt(WallTime time, const std::string& line) {
     PrintLine(Coloured(ClockTime(time), Colour::FAINT, STDOUT_FILENO) + "  " + OneLine(line));
 }
@@ -271,6 +284,7 @@ void TellAnswer(const std::string& service, std::size_t bytes, const std::string
 
 // ---- Answering
 
+// What went wrong with a run, or an empty text if its output can be sent.
 std::string FaultOf(const ProgramRun& run) {
     switch (run.end) {
         case ProgramRun::End::NOT_STARTED:
@@ -298,10 +312,13 @@ public:
 
     void Run() {
         while (StopSignal() == 0) {
+            // Waits for an event, for the clock of --every, or for a signal.
             const std::optional<Event> event = mDevice.Events().Take(IsClock() ? mNext : Never());
             if (event) {
                 Handle(*event);
             } else if (StopSignal() == 0) {
+                // Counted from now and not from the planned time: runs that took too long are not made up
+                // for.
                 mNext = In(mOptions.every);
                 Answer(mOptions.program, "", {{"LUMORA_CLIENT", ""}});
             }
@@ -311,6 +328,7 @@ public:
 private:
     using Variables = std::vector<std::pair<std::string, std::string>>;
 
+    // Without subscribers nothing would be sent, so the program does not run.
     bool IsClock() const { return mOptions.every.count() != 0 && mDevice.HasSubscribers(); }
 
     void Handle(const Event& event) {
@@ -328,6 +346,7 @@ private:
 
     void Answer(const std::string& program, const std::string& input, Variables variables) {
         variables.emplace_back("LUMORA_SERVICE", mDevice.AnswersOn());
+        // Blocks until the program ends, up to --timeout. Events wait in the queue meanwhile.
         const ProgramRun run =
             RunProgram(program, input, variables, LUM_MAX_SERVER_DATA_LENGTH, mOptions.timeout);
         std::string fault = FaultOf(run);

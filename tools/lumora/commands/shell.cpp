@@ -51,15 +51,19 @@ public:
     explicit Shell(const Options& options) : mWriter(options.format), mSession(options.session, {}) {}
 
     int Run() {
+        // Made after the session, because it offers the names of the device's services.
         LineEditor editor("lumora> ", Completions());
         while (StopSignal() == 0) {
             const std::optional<std::string> line =
+                // Waits for a line and for data of the device at the same time. Blocks are printed above the
+                // prompt.
                 editor.Next(mSession.ReadyFd(), [this] { PrintBlocks(Clock::now()); });
             if (!line || Line(*line).word == "quit") {
                 break;
             }
             Obey(Line(*line));
         }
+        // Also after the end of a script: its last commands may have answers.
         PrintBlocks(In(LINGER));
         return EXIT_OK;
     }
@@ -86,11 +90,14 @@ private:
         } else if (line.word == "unsubscribe") {
             mSession.Unsubscribe(line.Name());
         } else if (line.word == "cmd") {
+            // Splits "NAME PARAM" in the same way as the line itself.
             const Line command(line.rest);
             mSession.SendCommand(command.word, command.rest);
         } else if (line.word == "text") {
             mSession.Send(line.rest);
         } else if (line.word == "send") {
+            // One byte more than a block may have: the library then refuses it with its own message, instead
+            // of a cut block.
             mSession.Send(InputFile(line.Name()).Read(LUM_MAX_CLIENT_DATA_LENGTH + 1));
         } else if (line.word == "version") {
             PrintLine(OneLine(mSession.DeviceVersion()));

@@ -36,17 +36,21 @@ int Run(const Options& options) {
     for (const std::string& service : options.services) {
         CheckName("SERVICE", service);
     }
+    // Before the session: it creates the folder and refuses options that contradict each other.
     BlockWriter writer(options.format);
     ClientSession session(options.session, options.services);
     for (const std::string& service : options.all ? NamesOf(session.Services()) : options.services) {
         session.Subscribe(service);
     }
+    // A timeout of 0 waits for ever; each block starts the time anew.
     const bool endless = options.timeout.count() == 0;
     for (unsigned received = 0; options.count == 0 || received < options.count; ++received) {
         const std::optional<Block> block = session.Take(endless ? Never() : In(options.timeout));
+        // With --count a signal ends the command before it is done, so its exit code tells the signal.
         if (!block && options.count != 0) {
             ThrowWhenStopped();
         }
+        // Without --count the command is endless, and a signal is its normal end.
         if (!block && StopSignal() != 0) {
             return EXIT_OK;
         }

@@ -56,6 +56,7 @@ Command VersionCommand() {
     const auto options = std::make_shared<SessionOptions>();
     Command command("version", "tells the versions of program, library and device");
     AddSessionOptions(command, *options);
+    // AddSessionOptions makes TYPE required. This command alone works without it.
     command.options.front().required = false;
     command.options.front().text = "a device that is asked, too; without it, nothing touches the network";
     command.Prints({{"program", "the version of this program"},

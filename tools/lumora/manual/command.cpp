@@ -21,6 +21,7 @@ std::string Joined(const std::vector<std::string>& words) {
 }
 
 template <typename Value>
+// True if the whole text is one number. from_chars does not depend on the locale, as strtod does.
 bool ReadWhole(const std::string& text, Value& value) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     return error == std::errc() && end == text.data() + text.size();
@@ -40,6 +41,7 @@ std::string TakeSeconds(const std::string& text, std::chrono::milliseconds& vari
     constexpr double MILLISECONDS = 1000;
     double seconds = 0;
     const double highest = static_cast<double>(most.count()) / MILLISECONDS;
+    // Written so that "nan" is refused as well: each comparison with it is false.
     if (!ReadWhole(text, seconds) || !(seconds >= 0 && seconds <= highest)) {
         return "is no number of seconds from 0 to " + Grouped(static_cast<unsigned long long>(highest));
     }
@@ -65,9 +67,11 @@ std::optional<unsigned long long> ParseSize(const std::string& text) {
     for (const auto& [unit, factor] : UNITS) {
         const std::size_t length = std::strlen(unit);
         double count = 0;
+        // The longer units come first in the table: "KiB" also ends in "B".
         if (text.size() > length && text.compare(text.size() - length, length, unit) == 0 &&
             ReadWhole(text.substr(0, text.size() - length), count)) {
             const double bytes = count * factor;
+            // 1.5K is a whole number of bytes, 1.0001K is not.
             const bool whole = bytes >= 0 && bytes <= MOST && bytes == std::floor(bytes);
             return whole ? std::optional(static_cast<unsigned long long>(bytes)) : std::nullopt;
         }
@@ -110,6 +114,7 @@ Option& Command::Arguments(const std::string& word, std::vector<std::string>& va
 
 Option& Command::Flag(const std::string& option, bool& variable, const std::string& text) {
     return Add(option, "", text, [&variable](const std::string&) {
+        // Called only if the option is given.
         variable = true;
         return "";
     });

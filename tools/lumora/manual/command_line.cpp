@@ -48,6 +48,7 @@ Failure UnknownWords(const CLI::App& app, const std::string& otherwise, const Co
     for (const Command& one : commands) {
         names.push_back(one.name);
     }
+    // true: also those that a subcommand left over.
     for (const std::string& word : app.remaining(true)) {
         if (word.size() > 1 && word[0] == '-') {
             return {EXIT_USAGE, "unknown option " + word,
@@ -66,6 +67,7 @@ bool TakeAll(const Option& option, const CLI::results_t& values) {
         if (!fault.empty()) {
             std::string what = "\"";
             what.append(value).append("\" ").append(fault);
+            // CLI11 adds the option's name to the message.
             throw CLI::ValidationError(option.name, what);
         }
     }
@@ -84,8 +86,10 @@ void AddOption(CLI::App& app, const Option& option) {
     if (option.repeated && option.IsArgument()) {
         added->expected(1, CLI::detail::expected_max_vector_size)->allow_extra_args();
     } else if (option.repeated) {
+        // One value for each use: by default CLI11 would take the following words as well.
         added->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)->allow_extra_args(false);
     } else {
+        // The last one counts, so that an alias with an option can be overruled.
         added->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     }
 }
@@ -108,12 +112,15 @@ Choice ParseCommandLine(int count, const char* const* words, Command& globals,
     Choice choice;
     for (const Command& command : commands) {
         CLI::App* const sub = app.add_subcommand(command.name);
+        // Global options may also stand after the command.
         sub->fallthrough();
         AddOptions(*sub, command);
+        // Remembers the command before its words are parsed, so that a failure can be told with its options.
         sub->preparse_callback([&choice, &command](std::size_t) { choice.command = &command; });
     }
     try {
         app.parse(count, words);
+        // Thrown as soon as parsing is done, also if a required word is missing.
     } catch (const CLI::CallForHelp&) {
         choice.page = Page::HELP;
     } catch (const CLI::CallForVersion&) {

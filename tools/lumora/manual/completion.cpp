@@ -38,6 +38,7 @@ std::string ValuedOptions(const Manual& manual) {
     for (const Command& command : manual.commands) {
         for (const Option& option : command.options) {
             const std::string spellings = Spellings(option, " | ");
+            // A name of several commands stands once in the pattern.
             const bool known = (" | " + names + " | ").find(" | " + spellings + " | ") != std::string::npos;
             names += option.IsArgument() || option.IsFlag() || known ? "" : " | " + spellings;
         }
@@ -59,6 +60,7 @@ std::string BashAnswer(const Option& option) {
     if (!option.choices.empty()) {
         return "mapfile -t COMPREPLY < <(compgen -W '" + Words(option.choices) + "' -- \"$word\")";
     }
+    // What cannot be known when the script is written is asked for when TAB is pressed.
     switch (option.offer) {
         case Option::Offer::FILES:
             return "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- \"$word\")";
@@ -87,6 +89,7 @@ std::string BashCase(const Manual& manual, const Command* command) {
     for (const Option& option : OptionsOf(manual, command)) {
         if (option.IsArgument()) {
             const std::string place = option.repeated ? "*" : std::to_string(position++);
+            // A repeated argument takes all further positions.
             arguments += "                " + place + ") " + BashAnswer(option) + " ;;\n";
             continue;
         }
@@ -109,6 +112,7 @@ std::string ZshQuoted(const std::string& text) {
             case '\'':
                 quoted += "'\\''";
                 break;
+            // These characters separate the parts of an option in _arguments.
             case '[':
             case ']':
             case ':':

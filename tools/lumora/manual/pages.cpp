@@ -93,6 +93,7 @@ std::string Section(const std::string& title, const Terms& terms, std::size_t wi
     if (terms.empty()) {
         return "";
     }
+    // All texts of a section begin in one column.
     std::size_t column = LEAST;
     for (const auto& [term, text] : terms) {
         column = std::max(column, term.size());
@@ -122,12 +123,15 @@ std::string Roff(const std::string& text) {
     for (const char character : text) {
         if (character == '\\') {
             escaped += "\\e";
+            // roff prints a plain hyphen as a typographic one, which cannot be copied into a shell.
         } else if (character == '-') {
             escaped += "\\-";
         } else {
             escaped += character;
         }
     }
+    // A line that begins with one of these two characters would be a request to roff. "\&" is an empty
+    // character.
     const bool command = !escaped.empty() && (escaped[0] == '.' || escaped[0] == '\'');
     return (command ? "\\&" : "") + escaped;
 }

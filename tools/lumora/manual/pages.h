@@ -1,4 +1,4 @@
-// Everything that is written about the commands, made from what they say of themselves.
+// Help texts, manual pages, Markdown and completions, made from the descriptions of the commands.
 #pragma once
 
 #include <string>
@@ -20,7 +20,7 @@ struct Manual {
     std::vector<std::string> related;  // other pages
 };
 
-// --help; of the whole program where command is null.
+// --help. A null command means the whole program.
 std::string HelpPage(const Manual& manual, const Command* command, std::size_t width);
 
 // Pages for man(1): lumora.1, and one lumora-COMMAND.1 for each command.

@@ -45,7 +45,9 @@ void WriteFile(const std::string& path, std::string_view bytes) {
         unlink(beside.c_str());
         ThrowUnwritable(path, error);
     }
+    // rename replaces an older file in one step: a reader sees the old file or the whole new one.
     if (std::rename(beside.c_str(), path.c_str()) != 0) {
+        // unlink may change errno.
         const int renameError = errno;
         unlink(beside.c_str());
         ThrowUnwritable(path, renameError);
@@ -54,6 +56,7 @@ void WriteFile(const std::string& path, std::string_view bytes) {
 
 void MakeFolder(const std::string& path) {
     struct stat status = {};
+    // The umask takes away what the user does not want. An existing folder is fine.
     if (mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) {
         throw Failure(EXIT_FILE, "the folder " + path + " cannot be made: " + SystemError(errno));
     }
@@ -90,6 +93,7 @@ bool IsFifo(int fd) {
 
 std::size_t InputFile::LengthOf(const std::string& path) {
     struct stat status = {};
+    // stat and not open: opening a FIFO for a check would be noticed by its writer.
     const int result = path == "-" ? fstat(STDIN_FILENO, &status) : stat(path.c_str(), &status);
     if (result != 0 || (path != "-" && access(path.c_str(), R_OK) != 0)) {
         ThrowUnreadable(path, errno);
@@ -108,6 +112,7 @@ InputFile::InputFile(const std::string& path) : mName(NameOf(path)) {
     }
     mOwn = Open(path);
     mFd = mOwn.Get();
+    // Waits for the first writer.
     if (IsFifo(mFd) && Wait(mFd, Never()) == Woken::STOPPED) {
         ThrowWhenStopped();
     }
@@ -123,6 +128,7 @@ std::size_t InputFile::ReadSome(char* bytes, std::size_t most) {
         if (count >= 0) {
             return static_cast<std::size_t>(count);
         }
+        // EAGAIN: the descriptor does not block, and another process may have read the data first.
         if (errno != EINTR && errno != EAGAIN) {
             ThrowUnreadable(mName, errno);
         }
@@ -133,6 +139,7 @@ std::string InputFile::Read(std::size_t most) {
     std::string bytes(most, '\0');
     std::size_t length = 0;
     std::size_t count = 1;
+    // A pipe gives less than it was asked for, so this reads until the block is full or the input ends.
     while (length < most && count > 0) {
         count = ReadSome(bytes.data() + length, most - length);
         length += count;
@@ -149,6 +156,8 @@ std::optional<std::string> InputFile::ReadLine(std::size_t most) {
         if (count == 0) {
             break;
         }
+        // Only new bytes are searched: a long line that comes in small pieces would otherwise take quadratic
+        // time.
         const std::size_t before = mRest.size();
         mRest.append(bytes, count);
         end = mRest.find('\n', before);

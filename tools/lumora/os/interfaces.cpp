@@ -32,6 +32,7 @@ std::vector<Interface> ListInterfaces() {
     for (const lumora::InterfaceAddress& found : lumora::ListInterfaceAddresses()) {
         const auto known = std::find_if(
             all.begin(), all.end(), [&found](const Interface& other) { return other.name == found.name; });
+        // The kernel lists an interface once for its hardware and once for each address.
         Interface& entry = known != all.end() ? *known : all.emplace_back();
         entry.index = static_cast<int>(found.index);
         entry.name = found.name;
@@ -48,6 +49,7 @@ std::vector<Interface> ListInterfaces() {
 std::vector<Interface> ChosenInterfaces() {
     std::vector<Interface> chosen = ListInterfaces();
     const char* names = std::getenv("LUMORA_LINK_INTERFACE");
+    // An empty variable counts as not set, as in the link platform.
     if (names != nullptr && *names != '\0') {
         chosen.erase(std::remove_if(chosen.begin(), chosen.end(),
                                     [names](const Interface& entry) { return !IsAmong(names, entry.name); }),
@@ -57,6 +59,7 @@ std::vector<Interface> ChosenInterfaces() {
 }
 
 void CheckInterfaceNames(const std::string& names) {
+    // Names in one list, so that the same test serves for both lists.
     std::string all;
     for (const Interface& entry : ListInterfaces()) {
         all += (all.empty() ? "" : ",") + entry.name;

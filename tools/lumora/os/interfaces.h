@@ -20,10 +20,10 @@ struct Interface {
 // Each once, with its first address.
 std::vector<Interface> ListInterfaces();
 
-// Those that LUMORA_LINK_INTERFACE leaves; all where it is not set.
+// The interfaces that LUMORA_LINK_INTERFACE names; all if it is not set.
 std::vector<Interface> ChosenInterfaces();
 
-// For --interface: ends the program where a name is none of this host's.
+// For --interface. Throws a Failure if this host has no interface of a name.
 void CheckInterfaceNames(const std::string& names);
 
 }  // namespace lumora_cli

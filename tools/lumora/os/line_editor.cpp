@@ -19,7 +19,7 @@
 
 namespace lumora_cli {
 
-// Where lines come from. Both kinds read only after poll has said that there is something.
+// A source of lines. Both kinds read only after poll has reported input, so that a signal can end the wait.
 class LineEditor::Source {
 public:
     virtual ~Source() = default;
@@ -40,6 +40,7 @@ public:
     void Read() override {
         char bytes[4096];
         const ssize_t count = read(STDIN_FILENO, bytes, sizeof(bytes));
+        // Nothing to read yet. Another process may share this input and have taken the data.
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
             return;
         }
@@ -51,6 +52,7 @@ public:
         if (count <= 0) {
             ended = true;
             if (!mRest.empty()) {
+                // The last line may lack its end.
                 lines.push_back(std::exchange(mRest, ""));
             }
         }
@@ -63,6 +65,7 @@ private:
 #ifdef LUMORA_HAVE_EDITLINE
 
 class EditedSource;
+// The callbacks of libedit take no argument, so they find their object here.
 EditedSource* g_edited = nullptr;
 
 class EditedSource : public LineEditor::Source {
@@ -73,6 +76,8 @@ public:
         using_history();
         read_history(HistoryFile().c_str());
         rl_completion_entry_function = NextCompletion;
+        // From here on libedit holds the terminal in a mode without line buffering; the destructor restores
+        // it.
         rl_callback_handler_install(mPrompt.c_str(), TakeLine);
     }
 
@@ -82,10 +87,12 @@ public:
         g_edited = nullptr;
     }
 
+    // Takes one character. libedit calls TakeLine when a line is complete.
     void Read() override { rl_callback_read_char(); }
 
     // The prompt must not stand in the middle of the output.
     void Hide() override {
+        // Carriage return, and the escape sequence that erases to the end of the line.
         constexpr char CLEAR_LINE[] = "\r\033[K";
         [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, CLEAR_LINE, sizeof(CLEAR_LINE) - 1);
     }
@@ -102,6 +109,7 @@ private:
 
     static void TakeLine(char* line) {
         const std::unique_ptr<char, decltype(&std::free)> owner(line, std::free);
+        // Ctrl-D on an empty line.
         if (line == nullptr) {
             g_edited->ended = true;
             return;
@@ -114,11 +122,13 @@ private:
 
     // libedit asks for one after the other, with state 0 first, and frees them.
     static char* NextCompletion(const char* word, int state) {
+        // The state lies between the calls, as libedit asks for one candidate at a time.
         static std::size_t next = 0;
         next = state == 0 ? 0 : next;
         while (next < g_edited->mCompletions.size()) {
             const std::string& candidate = g_edited->mCompletions[next++];
             if (candidate.compare(0, std::strlen(word), word) == 0) {
+                // libedit frees it with free().
                 return strdup(candidate.c_str());
             }
         }

@@ -1,6 +1,11 @@
 // The data channel's fixed ports on this host.
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
 namespace lumora_cli {
 
 constexpr int DEVICE_PORT = 6666;
@@ -8,9 +13,22 @@ constexpr int CLIENT_PORT = 6667;
 
 enum class PortState { FREE, TAKEN, UNKNOWN };
 
-// Whether a listening socket could be had, as the library would ask for it.
+// Whether the library could listen on it now.
 PortState TcpPortState(int port);
-// Whether a socket could be bound to it, as the link platform would ask for it.
+// Whether the link platform could bind a socket to it now.
 PortState UdpPortState(int port);
+
+struct PortHolder {
+    pid_t process = 0;
+    std::string name;
+    bool usesLumora = false;  // the process runs the library, so it is a client or a device
+
+    // "lumora, process 1234".
+    std::string Text() const { return name + ", process " + std::to_string(process); }
+};
+
+// The process that listens on a TCP port, as /proc tells it. Nothing if no process listens, or if it belongs
+// to another user: /proc then hides its descriptors.
+std::optional<PortHolder> TcpPortHolder(int port);
 
 }  // namespace lumora_cli

@@ -21,7 +21,7 @@ namespace lumora_cli {
 
 namespace {
 
-// How often it is looked whether a process has ended: nothing else tells.
+// How often to check whether a process has ended. pidfd_open would report it, but only from Linux 5.3 on.
 constexpr int EXIT_CHECK_MS = 5;
 
 struct Pipe {
@@ -38,8 +38,9 @@ struct Pipe {
     lumora::UniqueFd write;
 };
 
-// What a child gets in place of what we have: signals as they are by default, a process group of its own, so
-// that all it starts ends with it, and no descriptors of the libraries.
+// What a child does not inherit from us. Its signals have their default handlers and none is blocked. It
+// leads a process group, so that one kill() reaches all that it starts. It gets no descriptors of the
+// libraries.
 class SpawnPlan {
 public:
     SpawnPlan() {
@@ -69,6 +70,7 @@ public:
 
     // -1 when it cannot be started.
     pid_t Start(const std::vector<std::string>& words, const std::vector<std::string>& environment) {
+        // Libraries may hold descriptors without close-on-exec. Closes all but the standard ones.
         posix_spawn_file_actions_addclosefrom_np(&mActions, STDERR_FILENO + 1);
         std::vector<char*> argumentPointers = Pointers(words);
         std::vector<char*> environmentPointers = Pointers(environment);
@@ -83,6 +85,7 @@ private:
         std::vector<char*> pointers;
         pointers.reserve(texts.size() + 1);
         for (const std::string& text : texts) {
+            // posix_spawn takes char* for historical reasons and does not write to them.
             pointers.push_back(const_cast<char*>(text.c_str()));
         }
         pointers.push_back(nullptr);
@@ -101,7 +104,7 @@ std::vector<std::string> OurEnvironment() {
     return variables;
 }
 
-// With a variable twice, the first counts for some programs and the last for others.
+// Replaces a variable. If it stood twice, some programs would use the first and others the last.
 void SetVariable(std::vector<std::string>& environment, const std::string& name, const std::string& value) {
     const std::string begin = name + '=';
     environment.erase(
@@ -112,6 +115,7 @@ void SetVariable(std::vector<std::string>& environment, const std::string& name,
 }
 
 int ExitCodeOf(int status) {
+    // As shells tell it.
     return WIFSIGNALED(status) ? EXIT_BY_SIGNAL + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
@@ -119,13 +123,14 @@ void SetNonBlocking(const lumora::UniqueFd& fd) {
     fcntl(fd.Get(), F_SETFL, fcntl(fd.Get(), F_GETFL) | O_NONBLOCK);
 }
 
-// Without taking its exit code: its number stays its own.
+// WNOWAIT leaves the exit status unread, so the kernel does not give the process number to another process
+// yet.
 bool IsRunning(pid_t id) {
     siginfo_t info = {};
     return waitid(P_PID, static_cast<id_t>(id), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
-// One run, from the start to the end: feeds, reads, and sees that it ends.
+// One run of a program: writes its input, reads its output, and ends it.
 class Runner {
 public:
     Runner(const std::string& input, std::size_t mostOutput, Deadline deadline)
@@ -134,32 +139,39 @@ public:
     ProgramRun Run(const std::string& command, const std::vector<std::string>& environment) {
         SpawnPlan plan;
         plan.Become(mIn.read, STDIN_FILENO);
+        // Pipes are close-on-exec: the child keeps only the ends that it got as standard descriptors.
         plan.Become(mOut.write, STDOUT_FILENO);
         const pid_t id = plan.Start({"/bin/sh", "-c", command}, environment);
+        // The child's ends. While we hold them, neither side could see the end of a pipe.
         mIn.read.Close();
         mOut.write.Close();
         if (id < 0) {
             return mRun;
         }
+        // Two blocking pipes can deadlock: the child waits for us to read while we wait for it to read.
         SetNonBlocking(mIn.write);
         SetNonBlocking(mOut.read);
         Attend(id);
-        // Also what it has left running: nobody else would end it.
+        // Kills the whole process group: processes that the program left running have no other parent that
+        // ends them.
         kill(-id, SIGKILL);
         int status = 0;
+        // Returns at once or soon: SIGKILL cannot be blocked.
         waitpid(id, &status, 0);
         mRun.exitCode = ExitCodeOf(status);
         return mRun;
     }
 
 private:
-    // Its output ends with the last of the processes that it has started; it may go on after that.
+    // The pipe ends when the last process that holds it ends. The program itself may run on without an
+    // output.
     void Attend(pid_t id) {
         while (mOut.read || IsRunning(id)) {
             pollfd watched[] = {
                 {StopFd(), POLLIN, 0}, {mIn.write.Get(), POLLOUT, 0}, {mOut.read.Get(), POLLIN, 0}};
-            poll(watched, std::size(watched), PollTime());
+            poll(watched, std::size(watched), WaitTime());
             if (watched[0].revents != 0 || Clock::now() >= mDeadline) {
+                // The caller kills the process group after this.
                 mRun.end = watched[0].revents != 0 ? ProgramRun::End::STOPPED : ProgramRun::End::LATE;
                 return;
             }
@@ -174,13 +186,12 @@ private:
         mRun.end = ProgramRun::End::EXITED;
     }
 
-    int PollTime() const {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(mDeadline - Clock::now());
-        const int most = mOut.read ? 60'000 : EXIT_CHECK_MS;
-        return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, most));
+    // After the output has ended nothing wakes poll when the process ends, so it checks often.
+    int WaitTime() const {
+        return PollTime(mDeadline, std::chrono::milliseconds(mOut.read ? 60'000 : EXIT_CHECK_MS));
     }
 
-    // A program need not read what it is given.
+    // A program may end or close its input without reading all of it: EPIPE is no failure.
     void Feed() {
         const ssize_t count = write(mIn.write.Get(), mInput.data() + mFed, mInput.size() - mFed);
         if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -248,6 +259,7 @@ Child::~Child() {
 
 void Child::End() {
     if (mId > 0) {
+        // The child may clean up. Wait or the destructor kills it if it does not end.
         kill(mId, SIGTERM);
     }
 }
@@ -286,6 +298,7 @@ int Child::Wait(std::chrono::milliseconds timeout) {
     }
     int status = 0;
     waitpid(mId, &status, 0);
+    // The kernel may give the number to another process now, so it must not be used again.
     mId = -1;
     return ExitCodeOf(status);
 }

@@ -21,25 +21,25 @@ struct ProgramRun {
     std::string output;
 };
 
-// By the shell, with the input on its standard input. What it writes to standard error goes to ours. One that
-// is late, writes too much or is in the way of our end is killed, with all that it started.
+// Runs the command by /bin/sh, with the input on its standard input. Its standard error is ours. Killed, with
+// its process group, on time-out, too much output, or when we stop.
 ProgramRun RunProgram(const std::string& command, const std::string& input,
                       const std::vector<std::pair<std::string, std::string>>& environment,
                       std::size_t mostOutput, std::chrono::milliseconds timeout);
 
-// A program with all of its words, whose output is taken and whose errors go nowhere.
+// A program with its arguments. Its output is read here; its standard error is discarded.
 class Child {
 public:
     explicit Child(const std::vector<std::string>& words);
-    ~Child();  // kills it, where nobody has waited for its end
+    ~Child();  // kills it unless Wait has seen its end
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    // Its next line; empty when none comes in time, or no more.
+    // Its next line; empty at the end of its output or if none comes in time.
     std::string NextLine(std::chrono::milliseconds timeout);
     // Asks it to end.
     void End();
-    // Its exit code; -1 when it did not end in time.
+    // Its exit code; -1 if it does not end in time.
     int Wait(std::chrono::milliseconds timeout);
 
 private:

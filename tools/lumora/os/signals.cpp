@@ -18,10 +18,10 @@ namespace {
 std::atomic<int> g_signal{0};
 std::atomic<int> g_eventFd{-1};
 
-// Wakes the thread when all is done; nobody else sends it.
+// Wakes the thread that waits for signals at the end. This program sends it to itself only.
 constexpr int END_OF_WORK = SIGUSR1;
 
-// nohup, and a shell that starts something in the background, have signals ignored that are not meant for it.
+// nohup, and shells that start a program in the background, set signals to be ignored. They stay ignored.
 bool IsIgnored(int number) {
     struct sigaction action = {};
     return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
@@ -42,15 +42,18 @@ sigset_t Watched() {
 }  // namespace
 
 StopSignals::StopSignals() {
-    // Writing to a pipe that nobody reads is an error here, and not the end.
+    // A write to a pipe without a reader then fails with EPIPE instead of ending the process.
     std::signal(SIGPIPE, SIG_IGN);
     const sigset_t watched = Watched();
+    // Blocked in all threads, so that only sigwait in our thread takes them.
     pthread_sigmask(SIG_BLOCK, &watched, nullptr);
+    // Never closed: other threads may poll it until the process ends.
     g_eventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     mThread = std::thread([this] { Run(); });
 }
 
 StopSignals::~StopSignals() {
+    // sigwait cannot be woken by anything but a signal.
     pthread_kill(mThread.native_handle(), END_OF_WORK);
     mThread.join();
 }
@@ -62,12 +65,14 @@ void StopSignals::Run() {
         if (sigwait(&watched, &number) != 0 || number == END_OF_WORK) {
             return;
         }
+        // The second signal. Destructors would wait for the network, so the process ends without them.
         if (g_signal.exchange(number) != 0) {
             _exit(EXIT_BY_SIGNAL + number);
         }
+        // The event stays readable for good: each wait that begins later ends at once.
         const std::uint64_t one = 1;
         if (write(g_eventFd, &one, sizeof(one)) < 0) {
-            _exit(EXIT_BY_SIGNAL + number);  // nobody would notice
+            _exit(EXIT_BY_SIGNAL + number);  // without the event no thread would notice the signal
         }
     }
 }

@@ -1,4 +1,4 @@
-// The wish to end: Ctrl-C, and what a service manager sends.
+// Signals that ask this program to end: Ctrl-C, and those of a service manager.
 #pragma once
 
 #include <thread>
@@ -7,8 +7,9 @@
 
 namespace lumora_cli {
 
-// One object, made before any other thread: they inherit its signal mask. A second signal ends the process at
-// once, for whoever does not want to wait for a device that does not answer.
+// Construct one object before any other thread starts: threads inherit its signal mask. A first signal sets
+// the stop. A second one ends the process at once, for a user who does not want to wait for a device that
+// does not answer.
 class StopSignals {
 public:
     StopSignals();
@@ -28,10 +29,11 @@ int StopSignal();
 // Readable once a signal has come.
 int StopFd();
 
-// Ends a command that has something to finish; endless ones end well and do not ask.
+// Throws a QuietEnd if a signal came. For commands that a signal interrupts; endless commands end with
+// success instead and do not call it.
 void ThrowWhenStopped();
 
-// Sleeps; false when a signal came.
+// Sleeps; false if a signal came meanwhile.
 bool PauseUnlessStopped(int milliseconds);
 
 }  // namespace lumora_cli

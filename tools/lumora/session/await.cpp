@@ -20,6 +20,7 @@ std::vector<std::string> ServicesFor(const AwaitOptions& options) {
     return options.service.empty() ? std::vector<std::string>() : std::vector<std::string>{options.service};
 }
 
+// Before anything is sent: the device sends to subscribers only, and the answer may come at once.
 void SubscribeForAnswer(ClientSession& session, const AwaitOptions& options) {
     if (!options.service.empty()) {
         session.Subscribe(options.service);
@@ -30,6 +31,7 @@ void PrintAnswer(ClientSession& session, const AwaitOptions& options, BlockWrite
     if (options.service.empty()) {
         return;
     }
+    // Blocks up to --timeout, and ends early by a signal.
     const std::optional<Block> block = session.Take(In(options.timeout));
     ThrowWhenStopped();
     if (!block) {

@@ -17,6 +17,7 @@ namespace lumora_cli {
 
 namespace {
 
+// Guesses the kind of a file by its first bytes, so that a viewer opens it.
 const char* EndingOf(const std::string& data) {
     if (data.compare(0, 4, "\x89PNG") == 0) {
         return ".png";
@@ -40,6 +41,7 @@ std::string JsonLine(const Block& block, const std::string& form, const std::str
     return line.Text();
 }
 
+// A block that is text may lack its last line end. The next block must begin on a line of its own.
 std::string WithLineEnd(std::string text) {
     if (text.empty() || text.back() != '\n') {
         text += '\n';
@@ -68,6 +70,7 @@ std::string ForPeople(const Block& block, const std::string& form) {
         return '\n' + HexDump(block.data);
     }
     const std::string text = WithoutLineEnd(IsReadable(block.data) ? block.data : SafeText(block.data));
+    // Text of one line stands beside its head; longer text begins below.
     const bool oneLine = text.find('\n') == std::string::npos;
     return (oneLine ? "  " : "\n") + WithLineEnd(text);
 }
@@ -106,6 +109,7 @@ BlockWriter::BlockWriter(BlockFormat format) : mFormat(std::move(format)) {
 
 void BlockWriter::Write(const Block& block) {
     if (mFormat.form == "raw") {
+        // Raw blocks follow each other without any separator, as a program expects that reads them.
         Print(block.data);
         return;
     }
@@ -131,6 +135,7 @@ std::string BlockWriter::Filled(const Block& block, const std::string& file) con
         const char directive =
             character == '%' && i + 1 < mFormat.pattern.size() ? mFormat.pattern[i + 1] : '\0';
         const std::string known = "tsnpxf%";
+        // An unknown directive is printed as it stands.
         if (directive == 0 || known.find(directive) == std::string::npos) {
             line += character;
             continue;
@@ -149,8 +154,10 @@ std::string BlockWriter::Filled(const Block& block, const std::string& file) con
 
 std::string BlockWriter::Save(const Block& block) {
     std::string service = OneLine(block.service);
+    // The service's name comes from the device. With a slash it could leave the folder.
     std::replace(service.begin(), service.end(), '/', '_');
     char number[16];
+    // The number keeps blocks of the same millisecond apart.
     std::snprintf(number, sizeof(number), "-%06u", ++mNumber);
     std::string path =
         mFormat.folder + '/' + service + '-' + FileTime(block.time) + number + EndingOf(block.data);

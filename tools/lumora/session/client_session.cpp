@@ -30,12 +30,14 @@ void Require(bool done, int code, const std::string& what, const std::string& ad
 // Before the network is joined.
 lumora::Client Join(const SessionOptions& options) {
     CheckName("TYPE", options.device.type);
+    // The library would only notice when it connects, and its message names no cause.
     if (TcpPortState(CLIENT_PORT) == PortState::TAKEN) {
         throw Failure(EXIT_REFUSED, "TCP port 6667 is taken on this host",
                       "another client is connected to a device: end it first");
     }
     std::error_code error;
     lumora::Client client(CLIENT_TYPE, error);
+    // The client joins the network here, and leaves it with its destructor.
     Require(!error, EXIT_FAILED, "the network cannot be joined");
     return client;
 }
@@ -119,6 +121,8 @@ ClientSession::~ClientSession() {
 }
 
 void ClientSession::Handle() {
+    // Runs on the receive thread, which must not wait. Blocks that exceed the limit are dropped and counted;
+    // the user is told at the end.
     mClient.OnData([this](std::string_view service, lumora::Bytes data) {
         if (mWaitingBytes + data.size() > MOST_WAITING_BYTES) {
             ++mLost;
@@ -139,9 +143,11 @@ void ClientSession::Tell(News::Kind kind) { mNews.Put({kind, {}}); }
 void ClientSession::Find(const std::vector<std::string>& services) {
     constexpr int PAUSE_MS = 100;
     const std::string& type = mOptions.device.type;
+    // With --again the search has no end: the device may be started later.
     const Deadline end = mOptions.again ? Never() : In(mOptions.wait);
     std::error_code error;
     while (true) {
+        // A patience of 0: this loop waits itself, so that a signal interrupts it.
         const std::vector<lumora::DeviceInfo> found = mClient.Find(type, std::chrono::milliseconds(0), error);
         ThrowWhenStopped();
         if (!found.empty() && Choose(found, services)) {
@@ -174,6 +180,7 @@ bool ClientSession::Choose(const std::vector<lumora::DeviceInfo>& found,
             return true;
         }
     }
+    // Fewer devices than the library's limit: these were all.
     if (found.size() < LUM_MAX_DEVICES) {
         return false;
     }
@@ -189,6 +196,7 @@ bool ClientSession::Choose(const std::vector<lumora::DeviceInfo>& found,
 
 void ClientSession::Connect() {
     std::error_code error;
+    // Forgets an earlier error line of this thread, so that a failure names its own cause.
     TakeCause();
     Require(mClient.Connect(mDevice, error), EXIT_REFUSED, "the device cannot be connected",
             "TCP port 6666 must be free there and open from here, 6667 open from there");
@@ -218,6 +226,7 @@ void ClientSession::Send(std::string_view bytes) {
     std::error_code error;
     TakeCause();
     const bool sent = mClient.Send(bytes, error);
+    // After a partial send the device cannot find the next block's begin, so the connection is broken.
     const bool partly = error == lumora::Errc::INCOMPLETE;
     Require(
         sent, EXIT_REFUSED,
@@ -238,6 +247,7 @@ std::optional<Block> ClientSession::Take(Deadline deadline) {
     while (std::optional<News> news = mNews.Take(deadline)) {
         switch (news->kind) {
             case News::Kind::BLOCK:
+                // The counterpart of the addition in the OnData handler.
                 mWaitingBytes -= news->block.data.size();
                 return std::move(news->block);
             case News::Kind::AGAIN:

@@ -79,7 +79,7 @@ private:
     lumora::Client mClient;  // the last one: no handler runs once it is gone
 };
 
-// Ends the program where a name cannot be one; what is "TYPE" or "SERVICE".
+// Throws a Failure if a name is not valid. what: "TYPE" or "SERVICE", for the message.
 void CheckName(const std::string& what, const std::string& name);
 
 }  // namespace lumora_cli

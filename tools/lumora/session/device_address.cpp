@@ -21,6 +21,7 @@ std::optional<DeviceAddress> ParseAddress(const std::string& text) {
     if (colon != std::string::npos) {
         const char* const end = text.data() + text.size();
         const auto [rest, error] = std::from_chars(text.data() + colon + 1, end, address.port);
+        // from_chars accepts "80x" as 80, so the end is compared too.
         if (error != std::errc() || rest != end || address.port < 1 || address.port > LAST_PORT) {
             return std::nullopt;
         }
@@ -29,6 +30,7 @@ std::optional<DeviceAddress> ParseAddress(const std::string& text) {
 }
 
 void DeviceChoice::Take() {
+    // A type may contain "@" itself. Only what parses as an address after the last one is taken off.
     const std::size_t at = type.rfind('@');
     if (address.empty() && at != std::string::npos && ParseAddress(type.substr(at + 1))) {
         address = type.substr(at + 1);
@@ -42,6 +44,7 @@ void DeviceChoice::Take() {
         throw Failure(EXIT_USAGE, "--address \"" + address + "\" is no IPv4 address",
                       "it is one as 192.168.1.7, or with the port that lumora find shows, 192.168.1.7:40123");
     }
+    // The library cannot search by address, so the platform's answers are filtered below it.
     FindOnly(*wanted);
 }
 

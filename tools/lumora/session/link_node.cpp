@@ -37,7 +37,7 @@ static int OnDeviceEvent(NotifyDeviceInfo* info) {
     }
 }
 
-// Whoever asks this node is refused: it only looks.
+// This node only searches, so it refuses all requests.
 static int RefuseGet(AppResource*, const RemoteEndpoint*, const char*, char*, unsigned int) { return -1; }
 static int Refuse(AppResource*, const RemoteEndpoint*, const char*, const char*, unsigned int) { return -1; }
 static const char* NoDescriptor(AppResource*) { return nullptr; }
@@ -51,6 +51,7 @@ std::optional<Service> ParseService(const cJSON* entry) {
     if (!cJSON_IsString(name) || !cJSON_IsNumber(transport)) {
         return std::nullopt;
     }
+    // The document comes from the network: a negative length counts as any.
     const int bytes = cJSON_IsNumber(output) ? output->valueint : 0;
     return Service{name->valuestring, transport->valueint, bytes > 0 ? static_cast<unsigned>(bytes) : 0};
 }
@@ -72,6 +73,8 @@ int RemoteDevice::Port() const { return mProxy->GetPort(mProxy.get()); }
 
 std::optional<std::string> RemoteDevice::Ask(const std::string& key, const std::string& value) const {
     char buffer[BUFFER_SIZE] = {};
+    // One buffer carries the value to the device and the reply back. The platform wants its size without the
+    // terminator.
     value.copy(buffer, BUFFER_SIZE - 1);
     if (mProxy->Get(mProxy.get(), key.c_str(), buffer, BUFFER_SIZE - 1) != 0) {
         return std::nullopt;
@@ -84,6 +87,7 @@ std::optional<std::string> RemoteDevice::Ask(const std::string& key, const std::
 
 LinkNode::LinkNode()
     : mResource{RefuseGet, Refuse, Refuse, Refuse, NoDescriptor}, mPlatform(GetLinkPlatform()) {
+    // The order that the platform demands: Init, RegisterResource, Run.
     if (mPlatform == nullptr || mPlatform->Init(mPlatform.get()) != 0 ||
         mPlatform->RegisterResource(mPlatform.get(), &mResource, OnDeviceEvent) != 0 ||
         mPlatform->Run(mPlatform.get()) != 0) {
@@ -98,6 +102,7 @@ Inbox<DeviceEvent>& LinkNode::Events() { return EventInbox(); }
 
 std::vector<RemoteDevice> LinkNode::Find(const std::string& type) {
     std::vector<RemoteDevice> devices;
+    // Blocks for the platform's search time. Each element owns itself; RemoteDevice frees it.
     AppResourceProxy* next = mPlatform->FindResource(mPlatform.get(), type.c_str());
     while (next != nullptr) {
         devices.emplace_back(next);
@@ -114,6 +119,7 @@ std::optional<std::vector<Service>> ParseServices(const std::string& document) {
         return std::nullopt;
     }
     std::vector<Service> services;
+    // The document numbers its services: service0 to service7. Gaps are skipped.
     for (std::size_t i = 0; i < MAX_SERVICES; ++i) {
         const cJSON* entry = cJSON_GetObjectItem(root.get(), ("service" + std::to_string(i)).c_str());
         if (std::optional<Service> service = ParseService(entry)) {
@@ -145,6 +151,7 @@ std::vector<FoundDevice> FindDevices(LinkNode& node, const std::string& type,
             found.push_back(Describe(device, type));
         }
         ThrowWhenStopped();
+        // One search may miss a device that has just started, so it is repeated until the deadline.
         if (!found.empty() || Clock::now() >= end || !PauseUnlessStopped(PAUSE_MS)) {
             ThrowWhenStopped();
             return found;
@@ -153,6 +160,8 @@ std::vector<FoundDevice> FindDevices(LinkNode& node, const std::string& type,
 }
 
 std::vector<FoundDevice> FindAllDevices(LinkNode& node, std::chrono::milliseconds time) {
+    // The platform searches by type only. Types become known by the hello that each node repeats, so this
+    // listens first and then searches each type once.
     std::set<std::string> types;
     const Deadline end = In(time);
     while (const std::optional<DeviceEvent> event = node.Events().Take(end)) {

@@ -42,7 +42,7 @@ private:
     std::unique_ptr<AppResourceProxy, Deleter> mProxy;
 };
 
-// One at a time: the platform's events come without saying for whom.
+// Only one object at a time: the platform's events do not tell which node they belong to.
 class LinkNode {
 public:
     LinkNode();
@@ -62,7 +62,7 @@ private:
     std::unique_ptr<LinkPlatform, Deleter> mPlatform;
 };
 
-// What a device says of its services; nothing where it says nothing that can be understood.
+// Reads the service document of a device. Nothing if it cannot be understood.
 std::optional<std::vector<Service>> ParseServices(const std::string& document);
 
 // A device and its answers.

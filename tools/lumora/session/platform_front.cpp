@@ -30,6 +30,7 @@ DeviceAddress Wanted() {
 
 template <typename Function>
 Function* Behind(const char* name) {
+    // This program defines functions of the same names. RTLD_NEXT finds those of the libraries.
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -40,6 +41,7 @@ AppResourceProxy* FirstWanted(AppResourceProxy* proxy) {
     while (proxy != nullptr && !wanted.Matches(proxy->GetAddress(proxy), proxy->GetPort(proxy))) {
         AppResourceProxy* const other = proxy;
         proxy = next(other);
+        // The application does not see this element, so it cannot free it.
         FreeAppResourceProxy2(other);
     }
     return proxy;
@@ -59,6 +61,7 @@ LinkPlatform g_nowhere = {Succeed, nullptr, IgnoreLevel, IgnoreResource,
 // Fixed, because the libraries may log without memory.
 thread_local std::array<char, 200> t_cause = {};
 
+// Keeps the first error line of this thread since TakeCause: later lines usually follow from it.
 void RememberCause(const char* text) {
     if (t_cause[0] == '\0') {
         const std::size_t length = strnlen(text, t_cause.size() - 1);
@@ -79,6 +82,7 @@ void StayOffline() { g_offline = true; }
 std::string TakeCause() {
     std::string cause = t_cause.data();
     t_cause[0] = '\0';
+    // Log lines end with a line end or a full stop. In parentheses they end without.
     while (!cause.empty() &&
            (cause.back() == '\n' || cause.back() == ' ' || cause.back() == '.' || cause.back() == '!')) {
         cause.pop_back();
@@ -105,6 +109,7 @@ LinkPlatform* GetLinkPlatform(void) {
     }
     static auto* const behind = lumora_cli::Behind<decltype(GetLinkPlatform)>("GetLinkPlatform");
     LinkPlatform* const platform = behind();
+    // Each handle is patched once. The library calls FindResource through the table.
     if (platform != nullptr && platform->FindResource != FindWanted) {
         lumora_cli::g_findResource = platform->FindResource;
         platform->FindResource = FindWanted;
@@ -114,6 +119,7 @@ LinkPlatform* GetLinkPlatform(void) {
 
 void FreeLinkPlatform(LinkPlatform* platform) {
     static auto* const behind = lumora_cli::Behind<decltype(FreeLinkPlatform)>("FreeLinkPlatform");
+    // The offline table is static and is not the platform's to free.
     if (platform != &lumora_cli::g_nowhere) {
         behind(platform);
     }
@@ -131,6 +137,7 @@ void LogInfo(int level, const char* tag, const char* function, int line, const c
     char text[2048];
     va_list arguments;
     va_start(arguments, format);
+    // Formatted here, because a va_list cannot be passed on to a variadic function.
     std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     if (level == ERROR_LEVEL) {

@@ -15,7 +15,9 @@ namespace {
 
 // What is done sooner needs no line.
 constexpr std::chrono::milliseconds QUIET(300);
+// Redrawing more often costs time and cannot be read.
 constexpr std::chrono::milliseconds BETWEEN_LINES(100);
+// Carriage return, and the escape sequence that erases to the end of the line.
 const char CLEAR_LINE[] = "\r\033[K";
 
 void Show(const std::string& text) {
@@ -69,10 +71,12 @@ void Progress::Advance(const std::string& name, std::uint64_t done) {
     }
     mNext = Clock::now() + BETWEEN_LINES;
     mOnScreen = true;
+    // One column less than the width: a full line would wrap on some terminals, and then it cannot be
+    // cleared.
     Show(CLEAR_LINE + Line(name, Width(STDERR_FILENO) - 1));
 }
 
-// Without a total there is no bar. Where room is short the name goes, and then the bar shrinks.
+// Without a total there is no bar. On a narrow terminal the name is left out first, and then the bar shrinks.
 std::string Progress::Line(const std::string& name, std::size_t width) const {
     constexpr std::size_t SHORTEST_BAR = 8;
     constexpr std::size_t LONGEST_BAR = 20;
@@ -96,6 +100,7 @@ double Progress::Share() const {
 std::string Progress::Figures() const {
     constexpr double PERCENT = 100;
     const double seconds = std::chrono::duration<double>(Clock::now() - mBegin).count();
+    // The lower bound avoids a division by zero in the first millisecond.
     const double rate = static_cast<double>(mDone) / std::max(seconds, 0.001);
     const std::string sums = Padded(ShortSize(mDone), 10) + "  " +
                              Padded(ShortSize(static_cast<unsigned long long>(rate)) + "/s", 12) + "  ";

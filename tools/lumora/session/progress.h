@@ -1,4 +1,4 @@
-// A line on a terminal that tells how far something is. Anywhere else nobody sees it.
+// A progress line on a terminal. Prints nothing if standard error is not a terminal.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace lumora_cli {
 
 class Progress {
 public:
-    // total is 0 where nobody knows how much there will be.
+    // total: 0 if it is not known.
     explicit Progress(std::uint64_t total);
     ~Progress();
     Progress(const Progress&) = delete;

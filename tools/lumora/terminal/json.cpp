@@ -6,10 +6,12 @@
 
 namespace lumora_cli {
 
+// JSON is UTF-8 by definition, so other bytes are replaced first.
 std::string JsonText(std::string_view text) {
     std::string quoted = "\"";
     for (const char character : ValidUtf8(text)) {
         const auto code = static_cast<unsigned char>(character);
+        // JSON forbids these characters in a text: the two quoting ones, and controls below 0x20.
         if (character == '"' || character == '\\') {
             quoted += {'\\', character};
         } else if (code < 0x20) {

@@ -40,6 +40,7 @@ bool IsJson() { return g_json; }
 
 void HoldStandardDescriptors() {
     // Standard output stays one that cannot be written: results must not be lost in silence.
+    // The lowest descriptor first, because open returns the lowest free number.
     const std::pair<int, int> modes[] = {
         {STDIN_FILENO, O_RDONLY}, {STDOUT_FILENO, O_RDONLY}, {STDERR_FILENO, O_WRONLY}};
     for (const auto& [fd, mode] : modes) {
@@ -52,6 +53,7 @@ void HoldStandardDescriptors() {
 
 void Print(std::string_view text) {
     const int error = WriteAll(STDOUT_FILENO, text);
+    // The reader has left, as in "lumora find | head -1". This is no failure to report.
     if (error == EPIPE) {
         throw QuietEnd(EXIT_BY_SIGNAL + SIGPIPE);
     }
@@ -64,6 +66,7 @@ void UseName(const char* program) { g_program = program; }
 
 void Remark(const std::string& line) { WriteAll(STDERR_FILENO, g_program + (": " + line) + '\n'); }
 
+// Errors of writing standard error are ignored: no channel is left to report them.
 void PrintFailure(const std::string& what, int code) {
     if (g_json) {
         WriteAll(STDERR_FILENO, JsonObject().Add("error", what).Add("exit", code).Text() + '\n');
@@ -83,6 +86,7 @@ int RunToTheEnd(const std::function<int()>& run) {
         PrintFailure(failure.what(), failure.Code());
         return failure.Code();
     } catch (const std::exception& problem) {
+        // Such as std::bad_alloc, or a thread that cannot be started.
         PrintFailure(problem.what(), EXIT_FAILED);
         return EXIT_FAILED;
     }

@@ -7,7 +7,8 @@
 
 namespace lumora_cli {
 
-// Where one of the standard descriptors is closed, no file of ours may take its number.
+// If a standard descriptor is closed, the next file that is opened would get its number, and output would go
+// into that file. Opens /dev/null on closed ones.
 void HoldStandardDescriptors();
 
 // Throws a Failure when the output is full, a QuietEnd when its reader has left.
@@ -17,7 +18,7 @@ inline void PrintLine(const std::string& line) { Print(line + '\n'); }
 // Whose remarks and last words they are; otherwise "lumora".
 void UseName(const char* program);
 
-// A remark beside the results; lost when nobody can read it.
+// A remark beside the results, on standard error. A failed write is ignored.
 void Remark(const std::string& line);
 
 // The last words of a command that failed.

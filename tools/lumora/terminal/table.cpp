@@ -15,6 +15,7 @@ constexpr std::size_t GAP = 2;
 
 // Characters, not bytes.
 std::size_t Columns(const std::string& text) {
+    // Counts the bytes that begin a UTF-8 character. Wide characters count as one.
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
         return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
     }));
@@ -34,6 +35,7 @@ std::string Table::Text() const {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
             const std::string cell = OneLine(row[i]);
+            // No blanks at the end of a line.
             const bool last = i + 1 == row.size();
             line += cell + (last ? "" : std::string(widths[i] + GAP - Columns(cell), ' '));
         }

@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::size_t USUAL_WIDTH = 80;
 
+// NO_COLOR is a convention of many programs: any text that is not empty switches colours off.
 bool TakesColours(int fd) {
     const char* refused = std::getenv("NO_COLOR");
     const char* kind = std::getenv("TERM");
@@ -19,6 +20,7 @@ bool TakesColours(int fd) {
            std::strcmp(kind, "dumb") != 0;
 }
 
+// The numbers of the escape sequence ESC [ NUMBER m.
 const char* CodeOf(Colour colour) {
     switch (colour) {
         case Colour::RED:
@@ -44,6 +46,7 @@ std::string Coloured(const std::string& text, Colour colour, int fd) {
 }
 
 std::size_t Width(int fd) {
+    // Asked each time, because a user may resize the window. Some terminals report 0 columns.
     winsize size = {};
     return IsTerminal(fd) && ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : USUAL_WIDTH;
 }

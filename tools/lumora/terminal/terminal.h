@@ -9,7 +9,7 @@ enum class Colour { RED, GREEN, YELLOW, BOLD, FAINT };
 
 bool IsTerminal(int fd);
 
-// Coloured where fd is a terminal that may be: NO_COLOR and TERM=dumb say no.
+// The text in a colour if fd is a terminal, unless NO_COLOR is set or TERM is "dumb".
 std::string Coloured(const std::string& text, Colour colour, int fd);
 
 // Columns of a terminal, 80 of anything else.

@@ -31,10 +31,12 @@ std::size_t CharacterLength(std::string_view bytes, std::size_t at) {
     if (first >= 0xC2 && first <= 0xDF) {
         return Continues(bytes, at + 1) ? 2 : 0;
     }
+    // Three bytes. E0 below A0 would be an overlong form, ED above 9F a surrogate.
     if (first >= 0xE0 && first <= 0xEF) {
         const bool forbidden = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F);
         return !forbidden && Continues(bytes, at + 1) && Continues(bytes, at + 2) ? 3 : 0;
     }
+    // Four bytes. F0 below 90 would be overlong, F4 above 8F is beyond U+10FFFF.
     if (first >= 0xF0 && first <= 0xF4) {
         const bool forbidden = (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
         const bool whole = Continues(bytes, at + 1) && Continues(bytes, at + 2) && Continues(bytes, at + 3);
@@ -61,6 +63,7 @@ std::string Fixed(double value, int digits) {
 std::string Format(const char* format, WallTime time) {
     const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
     std::tm parts = {};
+    // localtime shares one buffer among all threads.
     localtime_r(&seconds, &parts);
     std::ostringstream text;
     text << std::put_time(&parts, format);
@@ -79,6 +82,7 @@ std::size_t EditDistance(const std::string& from, const std::string& to) {
             const bool same = from[i - 1] == to[k - 1];
             cost[i][k] =
                 std::min({cost[i - 1][k] + 1, cost[i][k - 1] + 1, cost[i - 1][k - 1] + (same ? 0 : 1)});
+            // Two neighbours exchanged count as one mistake.
             if (i > 1 && k > 1 && from[i - 1] == to[k - 2] && from[i - 2] == to[k - 1]) {
                 cost[i][k] = std::min(cost[i][k], cost[i - 2][k - 2] + 1);
             }
@@ -98,6 +102,7 @@ std::string Thousandths(WallTime time) {
 
 std::string SystemError(int error) {
     char buffer[128];
+    // The GNU variant returns the text, which may be a constant outside the buffer.
     return strerror_r(error, buffer, sizeof(buffer));
 }
 
@@ -120,6 +125,7 @@ std::string ValidUtf8(std::string_view bytes) {
     std::string text;
     for (std::size_t at = 0; at < bytes.size();) {
         const std::size_t length = CharacterLength(bytes, at);
+        // A byte that begins no character becomes U+FFFD, and reading goes on behind it.
         text += length == 0 ? std::string_view(REPLACEMENT) : bytes.substr(at, length);
         at += length == 0 ? 1 : length;
     }
@@ -205,6 +211,7 @@ std::string FileTime(WallTime time) { return Format("%Y%m%dT%H%M%S", time) + Tho
 std::string Wrapped(const std::string& text, std::size_t indent, std::size_t width) {
     std::string out;
     std::size_t column = indent;
+    // Line ends in the text stay; within a line only blanks are places to break.
     for (const std::string& line : Split(text, '\n')) {
         if (!out.empty()) {
             out += '\n' + std::string(indent, ' ');

@@ -14,7 +14,6 @@
 #include "tests/platform/link/capi/test_node.h"
 #include "tests/platform/link/io/raw_coap_peer.h"
 #include "tests/support/eventually.h"
-#include "tests/support/own_network.h"
 
 namespace lumora_link::test {
 
@@ -327,10 +326,3 @@ TEST_F(KeyTest, WithoutAKeyNoRequesterIsKnown) {
 }
 
 }  // namespace lumora_link::test
-
-int main(int argc, char** argv) {
-    lumora_test::EnterOwnNetwork();
-    setenv("LUMORA_LINK_INTERFACE", "lo", 1);
-    testing::InitGoogleMock(&argc, argv);
-    return RUN_ALL_TESTS();
-}

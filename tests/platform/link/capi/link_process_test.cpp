@@ -14,7 +14,6 @@
 #include "base/unique_fd.h"
 #include "tests/platform/link/capi/test_node.h"
 #include "tests/support/eventually.h"
-#include "tests/support/own_network.h"
 
 namespace lumora_link::test {
 
@@ -174,10 +173,3 @@ TEST(LinkProcessTest, AHandlerOfFiveSecondsInAnotherProcessIsAnswered) {
 }
 
 }  // namespace lumora_link::test
-
-int main(int argc, char** argv) {
-    lumora_test::EnterOwnNetwork();
-    setenv("LUMORA_LINK_INTERFACE", "lo", 1);
-    testing::InitGoogleMock(&argc, argv);
-    return RUN_ALL_TESTS();
-}

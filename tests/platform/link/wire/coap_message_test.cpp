@@ -4,7 +4,6 @@
 
 namespace lumora_link::test {
 
-using testing::ElementsAre;
 using namespace std::string_literals;
 
 TEST(CoapMessageTest, EncodesTheProbeOfTheDocumentation) {
