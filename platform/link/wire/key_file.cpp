@@ -60,7 +60,7 @@ std::optional<std::time_t> ParseLastDay(const std::string& text) {
     if (year < 1970 || date.tm_mon != month - 1 || date.tm_mday != day) {
         return std::nullopt;
     }
-    constexpr std::time_t DAY = 24 * 60 * 60;
+    constexpr std::time_t DAY = std::time_t{24} * 60 * 60;
     return begins + DAY;
 }
 

@@ -219,7 +219,7 @@ int Change(const Options& options) {
     return EXIT_OK;
 }
 
-int Run(Options options) {
+int Run(const Options& options) {
     if (std::find(ACTIONS.begin(), ACTIONS.end(), options.action) == ACTIONS.end()) {
         throw Failure(EXIT_USAGE, "ACTION is new, show, add, use or revoke");
     }
