@@ -5,7 +5,7 @@ _lumora() {
     COMPREPLY=()
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --interface | --log | -a | --address | -w | --wait | -A | --await | -t | --timeout | --as | -o | --out | -F | --format | -c | --count | -m | --text | -s | --split | --linger | -s | --service | -b | --size | -i | --interval | -x | --exec | -c | --on-command | --every | --listen) i=$((i + 1)) ;;
+            --interface | --log | -a | --address | -w | --wait | -A | --await | -t | --timeout | --as | -o | --out | -F | --format | -c | --count | -m | --text | -s | --split | --linger | -s | --service | -b | --size | -i | --interval | -x | --exec | -c | --on-command | --every | --from | --expires | --listen) i=$((i + 1)) ;;
             -?*) ;;
             *)
                 case $position in
@@ -26,7 +26,7 @@ _lumora() {
             *) case $position in
             esac ;;
         esac
-        [[ $word == -* ]] || mapfile -t COMPREPLY < <(compgen -W 'find info version cmd subscribe send ping shell serve doctor help' -- "$word")
+        [[ $word == -* ]] || mapfile -t COMPREPLY < <(compgen -W 'find info version cmd subscribe send ping shell serve key doctor help' -- "$word")
         ;;
     find)
         case $before in
@@ -187,6 +187,22 @@ _lumora() {
             esac ;;
         esac
         ;;
+    key)
+        case $before in
+            --interface) mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$word"); return ;;
+            --log) mapfile -t COMPREPLY < <(compgen -W 'trace detail state warning error off' -- "$word"); return ;;
+            --from) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
+            --expires) COMPREPLY=(); return ;;
+        esac
+        case $word in
+            -*) mapfile -t COMPREPLY < <(compgen -W '--help --json --interface --log --from --expires' -- "$word") ;;
+            *) case $position in
+                0) mapfile -t COMPREPLY < <(compgen -W 'new show add use revoke' -- "$word") ;;
+                1) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+                2) COMPREPLY=() ;;
+            esac ;;
+        esac
+        ;;
     doctor)
         case $before in
             --interface) mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$word"); return ;;
@@ -210,7 +226,7 @@ _lumora() {
         case $word in
             -*) mapfile -t COMPREPLY < <(compgen -W '--help --json --interface --log' -- "$word") ;;
             *) case $position in
-                0) mapfile -t COMPREPLY < <(compgen -W 'find info version cmd subscribe send ping shell serve doctor' -- "$word") ;;
+                0) mapfile -t COMPREPLY < <(compgen -W 'find info version cmd subscribe send ping shell serve key doctor' -- "$word") ;;
             esac ;;
         esac
         ;;

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <optional>
 
 #include "base/unique_fd.h"
@@ -116,8 +117,13 @@ void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds w
                             device.type + "@ADDRESS names one of them"});
     }
     if (!found.answers) {
-        findings.push_back({Level::FAULT, AREA, "it does not tell its services",
-                            "a client, or a device that is not ready, hangs, or uses another key"});
+        findings.push_back(
+            {Level::FAULT, AREA, "it does not tell its services",
+             std::getenv("LUMORA_LINK_PSK_FILE") != nullptr
+                 ? "a client, or a device that is not ready or hangs, or this device has a key that is "
+                   "not in the file of LUMORA_LINK_PSK_FILE"
+                 : "a client, or a device that is not ready or hangs, or this device has a key and "
+                   "LUMORA_LINK_PSK_FILE names none here"});
         return;
     }
     findings.push_back(
