@@ -59,10 +59,10 @@ std::vector<std::string> ReadInterfaces(const char* text) {
 // A value that cannot be read counts as a wish for safety.
 bool ReadRequireKey(const char* text) {
     const std::string value = text == nullptr ? "" : text;
-    if (value != "" && value != "0" && value != "1") {
+    if (!value.empty() && value != "0" && value != "1") {
         LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_REQUIRE_KEY: \"%s\" is neither 0 nor 1; using 1\n", text);
     }
-    return LUMORA_LINK_REQUIRE_KEY != 0 || (value != "" && value != "0");
+    return LUMORA_LINK_REQUIRE_KEY != 0 || (!value.empty() && value != "0");
 }
 
 std::vector<Endpoint> ReadPeers(const char* text, std::uint16_t defaultPort) {

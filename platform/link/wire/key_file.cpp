@@ -22,7 +22,7 @@ std::vector<std::string> LinesOf(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream stream(text);
     for (std::string line; std::getline(stream, line);) {
-        lines.push_back(std::move(line));
+        lines.push_back(line);
     }
     return lines;
 }

@@ -18,7 +18,7 @@ namespace {
 
 using Level = Finding::Level;
 
-const char AREA[] = "keys";
+const char KEYS[] = "keys";
 constexpr std::size_t SHORT_KEY = 16;
 constexpr std::time_t SOON = 30L * 24 * 60 * 60;
 
@@ -26,15 +26,15 @@ void LookAtKey(Findings& findings, const lumora_link::Psk& psk, std::time_t now)
     const std::string name = "the key \"" + OneLine(psk.identity) + '"';
     if (!psk.IsValidAt(now)) {
         findings.push_back(
-            {Level::WARNING, AREA, name + " has expired; it is not used", "lumora key revoke removes it"});
+            {Level::WARNING, KEYS, name + " has expired; it is not used", "lumora key revoke removes it"});
         return;
     }
     if (psk.expires && *psk.expires - now < SOON) {
-        findings.push_back({Level::WARNING, AREA, name + " expires in less than 30 days",
+        findings.push_back({Level::WARNING, KEYS, name + " expires in less than 30 days",
                             "lumora key add makes another one, which all nodes of this key must get"});
     }
     if (psk.key.size() < SHORT_KEY) {
-        findings.push_back({Level::WARNING, AREA, name + " has less than 16 bytes and may be guessed",
+        findings.push_back({Level::WARNING, KEYS, name + " has less than 16 bytes and may be guessed",
                             "lumora key add makes one of 32 random bytes"});
     }
 }
@@ -44,33 +44,33 @@ void LookAtKey(Findings& findings, const lumora_link::Psk& psk, std::time_t now)
 void LookAtKeys(Findings& findings) {
     const char* path = std::getenv("LUMORA_LINK_PSK_FILE");
     if (path == nullptr) {
-        findings.push_back({Level::NOTE, AREA, "no key: every host on the network may ask and command",
+        findings.push_back({Level::NOTE, KEYS, "no key: every host on the network may ask and command",
                             "lumora key new makes one; docs/security.md tells what else there is to do"});
         return;
     }
     const std::string file = "LUMORA_LINK_PSK_FILE: \"" + OneLine(path) + '"';
     struct stat state = {};
     if (stat(path, &state) != 0 || !S_ISREG(state.st_mode) || access(path, R_OK) != 0) {
-        findings.push_back({Level::FAULT, AREA, file + " cannot be read; no node starts",
+        findings.push_back({Level::FAULT, KEYS, file + " cannot be read; no node starts",
                             "correct the path or the owner; lumora key new makes such a file"});
         return;
     }
     if ((state.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         findings.push_back(
-            {Level::FAULT, AREA, file + " is open to others than its owner; no node starts", "chmod 600 it"});
+            {Level::FAULT, KEYS, file + " is open to others than its owner; no node starts", "chmod 600 it"});
     }
     KeyLines lines;
     try {
         const auto fault = lines.Take(InputFile(path).Read(lumora_link::MAX_KEY_FILE_BYTES + 1));
         if (fault) {
             findings.push_back(
-                {Level::FAULT, AREA,
+                {Level::FAULT, KEYS,
                  file + ": line " + std::to_string(fault->line) + ' ' + fault->text + "; no node starts",
                  "lumora key show reads it as a node does"});
             return;
         }
     } catch (const Failure& failure) {
-        findings.push_back({Level::FAULT, AREA, failure.what(), ""});
+        findings.push_back({Level::FAULT, KEYS, failure.what(), ""});
         return;
     }
     const std::time_t now = std::time(nullptr);
@@ -80,11 +80,11 @@ void LookAtKeys(Findings& findings) {
         LookAtKey(findings, psk, now);
     }
     if (valid == 0) {
-        findings.push_back({Level::FAULT, AREA, file + ": every key has expired; no node starts",
+        findings.push_back({Level::FAULT, KEYS, file + ": every key has expired; no node starts",
                             "lumora key add makes another one"});
     } else {
         findings.push_back(
-            {Level::GOOD, AREA, file + ": " + Count(valid, "key can be used", "keys can be used"), ""});
+            {Level::GOOD, KEYS, file + ": " + Count(valid, "key can be used", "keys can be used"), ""});
     }
 }
 
