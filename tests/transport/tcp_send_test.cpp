@@ -1,5 +1,7 @@
 // What both sides share in sending.
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <thread>
@@ -83,6 +85,37 @@ TYPED_TEST(TcpSendTest, LargeBlocksGoOutWhole) {
     EXPECT_EQ(0, this->Send(bytes));
     reader.join();
     EXPECT_EQ(bytes.size(), this->mWritten);
+}
+
+// The kernel holds back a segment that more was promised for up to 200 ms.
+TYPED_TEST(TcpSendTest, EndOfABurstIsNotHeldBack) {
+    constexpr int BURSTS = 100;
+    constexpr int FRAMES = 20;
+    const Bytes frame(64, 'x');
+    for (const bool receives : {false, true}) {
+        SCOPED_TRACE(receives ? "while data comes" : "while the receive thread waits");
+        this->Connect();
+        std::atomic<bool> ended{false};
+        std::thread peer([&] {
+            while (receives && !ended) {
+                this->mPeer.Send(TypeParam::Frame("abc"));
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+            }
+        });
+        int late = 0;
+        for (int burst = 0; burst < BURSTS; ++burst) {
+            for (int i = 0; i < FRAMES; ++i) {
+                EXPECT_EQ(0, this->Send(frame));
+            }
+            const auto sent = std::chrono::steady_clock::now();
+            EXPECT_EQ(frame.size() * FRAMES, this->mSinkPeer.Receive(frame.size() * FRAMES).size());
+            late += std::chrono::steady_clock::now() - sent > std::chrono::milliseconds(100) ? 1 : 0;
+        }
+        EXPECT_LT(late, BURSTS / 10);
+        ended = true;
+        peer.join();
+        this->Stop();
+    }
 }
 
 TYPED_TEST(TcpSendTest, ShortWritesAreContinued) {
