@@ -5,9 +5,9 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "base/callback_scope.h"
-#include "base/log.h"
 #include "base/thread_annotations.h"
+#include "library/callback_scope.h"
+#include "library/log.h"
 
 // The checks of an exported function read as a table: what must hold, and what is logged if it does not.
 #define LUMORA_REQUIRE(condition, ...) \

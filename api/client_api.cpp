@@ -6,9 +6,9 @@
 #include <string>
 
 #include "api/api_guard.h"
-#include "base/bounded_text.h"
 #include "base/never_destroyed.h"
 #include "client/client_module.h"
+#include "library/bounded_text.h"
 #include "lumora.h"
 #include "protocol/control_documents.h"
 #include "securec.h"

@@ -7,9 +7,9 @@
 #include <string>
 
 #include "api/api_guard.h"
-#include "base/bounded_text.h"
 #include "base/never_destroyed.h"
-#include "base/transport_kind.h"
+#include "library/bounded_text.h"
+#include "library/transport_kind.h"
 #include "lumora.h"
 #include "server/server_module.h"
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "base/log.h"
+#include "library/log.h"
 #include "protocol/control_documents.h"
 #include "protocol/data_frame.h"
 #include "transport/frame_buffer.h"

@@ -5,9 +5,9 @@
 #include <optional>
 #include <utility>
 
-#include "base/callback_scope.h"
-#include "base/log.h"
 #include "client/client_module.h"
+#include "library/callback_scope.h"
+#include "library/log.h"
 #include "protocol/control_documents.h"
 #include "protocol/data_frame.h"
 #include "protocol/setup_string.h"

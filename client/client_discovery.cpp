@@ -2,9 +2,9 @@
 #include <list>
 #include <optional>
 
-#include "base/callback_scope.h"
-#include "base/log.h"
 #include "client/client_module.h"
+#include "library/callback_scope.h"
+#include "library/log.h"
 #include "protocol/control_documents.h"
 
 namespace lumoraAiModule {

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/log.h"
 #include "base/make_shared.h"
+#include "library/log.h"
 #include "link/smart_home_link_hybird.h"
 
 namespace lumoraAiModule {

@@ -4,7 +4,7 @@
 #include <iterator>
 #include <utility>
 
-#include "base/log.h"
+#include "library/log.h"
 #include "protocol/control_documents.h"
 #include "securec.h"
 

@@ -7,7 +7,7 @@
 #include <new>
 #include <utility>
 
-#include "base/log.h"
+#include "library/log.h"
 #include "link/link_device.h"
 #include "securec.h"
 

@@ -1,6 +1,6 @@
 #include "link/device_descriptor.h"
 
-#include "base/log.h"
+#include "library/log.h"
 
 namespace lumora {
 

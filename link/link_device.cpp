@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "base/log.h"
+#include "library/log.h"
 #include "securec.h"
 
 namespace lumora {

@@ -1,6 +1,6 @@
 #include "link/lumora_ai_descriptor.h"
 
-#include "base/log.h"
+#include "library/log.h"
 
 namespace lumoraAiModule {
 

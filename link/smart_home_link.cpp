@@ -1,6 +1,6 @@
 #include "link/smart_home_link.h"
 
-#include "base/log.h"
+#include "library/log.h"
 #include "link/smart_home_link_hybird.h"
 
 namespace lumora {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "base/log.h"
+#include "library/log.h"
 #include "link/descriptor_registry.h"
 
 namespace lumora {

@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <cstring>
 
-#include "base/bounded_text.h"
-#include "base/log.h"
-#include "base/transport_kind.h"
+#include "library/bounded_text.h"
+#include "library/log.h"
+#include "library/transport_kind.h"
 #include "securec.h"
 
 namespace lumoraAiModule {

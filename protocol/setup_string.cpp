@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "base/json.h"
-#include "base/log.h"
+#include "library/log.h"
 #include "lumora.h"
 
 namespace lumora {

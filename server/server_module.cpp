@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <utility>
 
-#include "base/bounded_text.h"
-#include "base/log.h"
 #include "base/make_shared.h"
+#include "library/bounded_text.h"
+#include "library/log.h"
 #include "link/smart_home_link_hybird.h"
 #include "protocol/control_documents.h"
 #include "securec.h"

@@ -1,8 +1,8 @@
 // The server module's answers to the requests of clients, and to devices that leave the network.
 #include <algorithm>
 
-#include "base/callback_scope.h"
-#include "base/log.h"
+#include "library/callback_scope.h"
+#include "library/log.h"
 #include "link/smart_home_link.h"
 #include "protocol/control_documents.h"
 #include "protocol/setup_string.h"

@@ -1,5 +1,5 @@
 // The server module's way of sending data to the subscribers of a service.
-#include "base/log.h"
+#include "library/log.h"
 #include "protocol/data_frame.h"
 #include "securec.h"
 #include "server/server_module.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "base/log.h"
+#include "library/log.h"
 #include "protocol/data_frame.h"
 #include "transport/operation_names.h"
 

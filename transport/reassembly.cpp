@@ -4,7 +4,7 @@
 #include <cstring>
 #include <functional>
 
-#include "base/log.h"
+#include "library/log.h"
 #include "protocol/data_frame.h"
 #include "securec.h"
 #include "transport/operation_names.h"

@@ -1,6 +1,6 @@
 #include "transport/side_log.h"
 
-#include "base/log.h"
+#include "library/log.h"
 #include "transport/operation_names.h"
 #include "transport/socket.h"
 

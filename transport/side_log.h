@@ -3,9 +3,11 @@
 
 #include <netinet/in.h>
 
+#include "library/side.h"
+
 namespace lumoraAiModule {
 
-enum class Side { CLIENT, SERVER };
+using lumora::Side;
 
 // The operation that the receive thread logs as.
 const char* ReceiveThreadName(Side side);

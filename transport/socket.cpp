@@ -14,8 +14,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/log.h"
 #include "base/socket_option.h"
+#include "library/log.h"
 #include "securec.h"
 
 namespace lumoraAiModule {

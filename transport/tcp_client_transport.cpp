@@ -1,6 +1,6 @@
 #include "transport/tcp_client_transport.h"
 
-#include "base/log.h"
+#include "library/log.h"
 #include "protocol/data_frame.h"
 #include "transport/operation_names.h"
 

@@ -10,8 +10,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/log.h"
 #include "base/thread.h"
+#include "library/log.h"
 #include "protocol/data_frame.h"
 #include "transport/operation_names.h"
 

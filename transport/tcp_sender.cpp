@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "base/log.h"
+#include "library/log.h"
 #include "transport/operation_names.h"
 
 namespace lumoraAiModule {

@@ -1,7 +1,7 @@
 #include "transport/tcp_server_transport.h"
 
-#include "base/callback_scope.h"
-#include "base/log.h"
+#include "library/callback_scope.h"
+#include "library/log.h"
 #include "protocol/data_frame.h"
 #include "securec.h"
 #include "transport/operation_names.h"

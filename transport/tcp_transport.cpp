@@ -1,6 +1,6 @@
 #include "transport/tcp_transport.h"
 
-#include "base/log.h"
+#include "library/log.h"
 #include "transport/operation_names.h"
 
 namespace lumoraAiModule {

@@ -1,8 +1,8 @@
 #include "transport/transport_manager.h"
 
 #include "base/json.h"
-#include "base/log.h"
 #include "base/make_shared.h"
+#include "library/log.h"
 #include "transport/tcp_client_transport.h"
 #include "transport/tcp_server_transport.h"
 

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdlib>
 
-#include "base/log.h"
+#include "library/log.h"
 
 namespace lumoraAiModule {
 

@@ -18,7 +18,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PICTURE = ROOT / "docs" / "generated" / "rooms.svg"
 # Each built file and its folders, in the order of the picture.
 GROUPS = {
-    "liblumora_cpp.so": ["api", "client", "server", "transport", "link", "version", "protocol"],
+    "liblumora_cpp.so": ["api", "client", "server", "transport", "link", "version", "protocol", "library"],
     "liblumora.so": ["platform/link", "platform/link/capi", "platform/link/io", "platform/link/core",
                      "platform/link/wire"],
     "liblink_log.so": ["platform/log"],

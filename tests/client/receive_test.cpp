@@ -2,7 +2,7 @@
 #include <atomic>
 #include <thread>
 
-#include "base/callback_scope.h"
+#include "library/callback_scope.h"
 #include "tests/client/client_fixture.h"
 #include "tests/support/eventually.h"
 

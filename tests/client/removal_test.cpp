@@ -1,5 +1,5 @@
 // A device leaves the network.
-#include "base/callback_scope.h"
+#include "library/callback_scope.h"
 #include "tests/client/client_fixture.h"
 #include "tests/support/eventually.h"
 

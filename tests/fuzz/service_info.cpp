@@ -3,7 +3,7 @@
 #include <climits>
 #include <cstring>
 
-#include "base/transport_kind.h"
+#include "library/transport_kind.h"
 #include "protocol/control_documents.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"

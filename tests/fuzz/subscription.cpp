@@ -2,7 +2,7 @@
 // which any bytes may stand.
 #include <cstring>
 
-#include "base/bounded_text.h"
+#include "library/bounded_text.h"
 #include "protocol/control_documents.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"

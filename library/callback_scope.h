@@ -3,9 +3,9 @@
 
 #include <atomic>
 
-namespace lumora {
+#include "library/side.h"
 
-enum class Side { CLIENT, SERVER };
+namespace lumora {
 
 // While one lives, its thread runs an application callback of the given side, under that side's callback
 // lock.

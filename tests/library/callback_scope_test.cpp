@@ -1,4 +1,4 @@
-#include "base/callback_scope.h"
+#include "library/callback_scope.h"
 
 #include <gmock/gmock.h>
 

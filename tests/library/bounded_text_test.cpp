@@ -1,4 +1,4 @@
-#include "base/bounded_text.h"
+#include "library/bounded_text.h"
 
 #include <gmock/gmock.h>
 
