@@ -208,6 +208,12 @@ std::string MarkdownSection(const Manual& manual, const Command* command) {
 
 }  // namespace
 
+const Command* CommandNamed(const Manual& manual, const std::string& name) {
+    const auto found = std::find_if(manual.commands.begin(), manual.commands.end(),
+                                    [&](const Command& command) { return command.name == name; });
+    return found != manual.commands.end() ? &*found : nullptr;
+}
+
 std::string HelpPage(const Manual& manual, const Command* command, std::size_t width) {
     constexpr std::size_t READABLE = 100;
     width = std::min(width, READABLE);

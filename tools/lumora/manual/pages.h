@@ -1,4 +1,4 @@
-// Help texts, manual pages, Markdown and completions, made from the descriptions of the commands.
+// Help texts, manual pages and Markdown, made from the descriptions of the commands.
 #pragma once
 
 #include <string>
@@ -20,6 +20,9 @@ struct Manual {
     std::vector<std::string> related;  // other pages
 };
 
+// Null if there is none of that name.
+const Command* CommandNamed(const Manual& manual, const std::string& name);
+
 // --help. A null command means the whole program.
 std::string HelpPage(const Manual& manual, const Command* command, std::size_t width);
 
@@ -29,8 +32,5 @@ std::string ManPage(const Manual& manual, const Command* command);
 // docs/generated/cli.md: its page, and a section for a program without commands.
 std::string MarkdownPage(const Manual& manual);
 std::string MarkdownSection(const Manual& manual);
-
-std::string BashCompletion(const Manual& manual);
-std::string ZshCompletion(const Manual& manual);
 
 }  // namespace lumora_cli
