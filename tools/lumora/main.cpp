@@ -8,9 +8,7 @@
 #include <set>
 
 #include "tools/lumora/manual/command.h"
-#include "tools/lumora/manual/command_line.h"
-#include "tools/lumora/manual/completion.h"
-#include "tools/lumora/manual/pages.h"
+#include "tools/lumora/manual/manual.h"
 #include "tools/lumora/os/interfaces.h"
 #include "tools/lumora/os/signals.h"
 #include "tools/lumora/session/link_node.h"
@@ -82,7 +80,7 @@ std::string FieldsPage(const Manual& manual) {
     JsonObject page;
     for (const Command& command : manual.commands) {
         page.AddRaw(command.name.c_str(),
-                    JsonArray(command.fields, [](const Field& field) { return JsonText(field.path); }));
+                    JsonArray(command.fields, [](const auto& field) { return JsonText(field.first); }));
     }
     return page.Text() + '\n';
 }
@@ -174,7 +172,7 @@ int Run(int count, const char* const* words) {
     if (count > 1 && std::strcmp(words[1], "--print") == 0) {
         return PrintPage(manual, count, words);
     }
-    const Choice choice = ParseCommandLine(count, words, manual.globals, manual.commands);
+    const Choice choice = ParseCommandLine(manual, count, words);
     if (choice.page == Page::HELP) {
         Print(HelpPage(manual, choice.command, Width(STDOUT_FILENO)));
         return EXIT_OK;

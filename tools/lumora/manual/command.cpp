@@ -85,11 +85,11 @@ Command& Command::Describe(std::string paragraph) {
 }
 
 Command& Command::Show(std::string line, std::string what) {
-    examples.push_back({std::move(line), std::move(what)});
+    examples.emplace_back(std::move(line), std::move(what));
     return *this;
 }
 
-Command& Command::Prints(std::vector<Field> jsonFields) {
+Command& Command::Prints(Terms jsonFields) {
     fields = std::move(jsonFields);
     return *this;
 }

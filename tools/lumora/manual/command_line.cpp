@@ -1,8 +1,8 @@
-#include "tools/lumora/manual/command_line.h"
-
+// Words for the parser of CLI11, and what is said of words that it does not take.
 #include <CLI/CLI.hpp>
 #include <string>
 
+#include "tools/lumora/manual/manual.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/text.h"
 
@@ -10,52 +10,33 @@ namespace lumora_cli {
 
 namespace {
 
-// The command line that shows more about these words.
-std::string HelpOf(const CLI::App& app, const Command& globals) {
-    const std::vector<CLI::App*> chosen = app.get_subcommands();
-    return globals.name + (chosen.empty() ? "" : ' ' + chosen.front()->get_name()) + " --help";
-}
-
 // All names of an option, as CLI11 takes them.
 std::string NamesOf(const Option& option) {
     const std::string letter = option.letter != 0 ? std::string("-") + option.letter + ',' : "";
     return letter + option.name + (option.formerName.empty() ? "" : ',' + option.formerName);
 }
 
-std::vector<std::string> OptionNames(const Command& globals, const Command* command) {
-    std::vector<std::string> names = {"--help"};
-    for (const Command* one : {&globals, command}) {
-        for (const Option& option : one != nullptr ? one->options : std::vector<Option>()) {
-            if (!option.IsArgument()) {
-                names.push_back(option.name);
-            }
-        }
-    }
-    return names;
-}
-
-std::string DidYouMean(const std::string& word, const std::vector<std::string>& known) {
-    const std::string nearest = Nearest(word, known);
-    return nearest.empty() ? "" : "did you mean " + nearest + "? ";
-}
-
 // What is wrong with words that no option and no argument takes.
-Failure UnknownWords(const CLI::App& app, const std::string& otherwise, const Command& globals,
-                     const std::vector<Command>& commands, const Command* command) {
-    const std::string more = "see " + HelpOf(app, globals);
-    std::vector<std::string> names;
-    names.reserve(commands.size());
-    for (const Command& one : commands) {
-        names.push_back(one.name);
-    }
-    // true: also those that a subcommand left over.
-    for (const std::string& word : app.remaining(true)) {
+Failure UnknownWords(const std::vector<std::string>& words, const std::string& otherwise,
+                     const std::string& more, const Manual& manual, const Command* command) {
+    const auto failure = [&more](const std::string& what, const std::string& word, const auto& known) {
+        const std::string nearest = Nearest(word, known);
+        return Failure(EXIT_USAGE, what, (nearest.empty() ? "" : "did you mean " + nearest + "? ") + more);
+    };
+    std::vector<std::string> known;
+    for (const std::string& word : words) {
         if (word.size() > 1 && word[0] == '-') {
-            return {EXIT_USAGE, "unknown option " + word,
-                    DidYouMean(word.substr(0, word.find('=')), OptionNames(globals, command)) + more};
+            known.emplace_back("--help");
+            for (const Option* const option : OptionsOf(manual, command)) {
+                known.push_back(option->IsArgument() ? "" : option->name);
+            }
+            return failure("unknown option " + word, word.substr(0, word.find('=')), known);
         }
-        if (command == nullptr && !commands.empty()) {
-            return {EXIT_USAGE, "unknown command " + word, DidYouMean(word, names) + more};
+        if (command == nullptr && !manual.commands.empty()) {
+            for (const Command& one : manual.commands) {
+                known.push_back(one.name);
+            }
+            return failure("unknown command " + word, word, known);
         }
     }
     return {EXIT_USAGE, otherwise, more};
@@ -103,14 +84,13 @@ void AddOptions(CLI::App& app, const Command& command) {
 
 }  // namespace
 
-Choice ParseCommandLine(int count, const char* const* words, Command& globals,
-                        std::vector<Command>& commands) {
+Choice ParseCommandLine(const Manual& manual, int count, const char* const* words) {
     CLI::App app;
-    AddOptions(app, globals);
+    AddOptions(app, manual.globals);
     app.set_version_flag("--version", "");
     app.require_subcommand(0, 1);
     Choice choice;
-    for (const Command& command : commands) {
+    for (const Command& command : manual.commands) {
         CLI::App* const sub = app.add_subcommand(command.name);
         // Global options may also stand after the command.
         sub->fallthrough();
@@ -118,6 +98,10 @@ Choice ParseCommandLine(int count, const char* const* words, Command& globals,
         // Remembers the command before its words are parsed, so that a failure can be told with its options.
         sub->preparse_callback([&choice, &command](std::size_t) { choice.command = &command; });
     }
+    const auto more = [&] {
+        const std::string command = choice.command != nullptr ? choice.command->name + ' ' : "";
+        return "see " + manual.globals.name + ' ' + command + "--help";
+    };
     try {
         app.parse(count, words);
         // Thrown as soon as parsing is done, also if a required word is missing.
@@ -126,9 +110,10 @@ Choice ParseCommandLine(int count, const char* const* words, Command& globals,
     } catch (const CLI::CallForVersion&) {
         choice.page = Page::VERSION;
     } catch (const CLI::ExtrasError& error) {
-        throw UnknownWords(app, error.what(), globals, commands, choice.command);
+        // true: also those that a subcommand left over.
+        throw UnknownWords(app.remaining(true), error.what(), more(), manual, choice.command);
     } catch (const CLI::ParseError& error) {
-        throw Failure(EXIT_USAGE, error.what(), "see " + HelpOf(app, globals));
+        throw Failure(EXIT_USAGE, error.what(), more());
     }
     return choice;
 }

@@ -1,7 +1,7 @@
 // What may stand for the last word of a command line.
-#include "tools/lumora/manual/completion.h"
-
 #include <algorithm>
+
+#include "tools/lumora/manual/manual.h"
 
 namespace lumora_cli {
 
@@ -16,16 +16,6 @@ std::string Line(const std::string& word, const std::string& text) {
         end = std::min(end, text.find(pause));
     }
     return word + '\t' + text.substr(0, end) + '\n';
-}
-
-std::vector<const Option*> OptionsOf(const Manual& manual, const Command* command) {
-    std::vector<const Option*> options;
-    for (const Command* const one : {&manual.globals, command}) {
-        for (std::size_t i = 0; one != nullptr && i < one->options.size(); ++i) {
-            options.push_back(&one->options[i]);
-        }
-    }
-    return options;
 }
 
 bool IsSpelling(const Option& option, const std::string& word) {
