@@ -44,8 +44,12 @@ public:
     Command& Prints(Terms jsonFields);
 
     // The variables must live as long as the command. Each returns what it added, for more to be said of it.
-    Option& Argument(const std::string& word, std::string& variable, const std::string& text);
-    Option& Arguments(const std::string& word, std::vector<std::string>& variable, const std::string& text);
+    Option& Argument(const std::string& word, std::string& variable, const std::string& text) {
+        return Text(word, word, variable, text);
+    }
+    Option& Arguments(const std::string& word, std::vector<std::string>& variable, const std::string& text) {
+        return Texts(word, word, variable, text);
+    }
     Option& Flag(const std::string& option, bool& variable, const std::string& text);
     Option& Text(const std::string& option, const std::string& word, std::string& variable,
                  const std::string& text);

@@ -10,75 +10,56 @@ namespace lumora_cli {
 
 namespace {
 
-// All names of an option, as CLI11 takes them.
-std::string NamesOf(const Option& option) {
-    const std::string letter = option.letter != 0 ? std::string("-") + option.letter + ',' : "";
-    return letter + option.name + (option.formerName.empty() ? "" : ',' + option.formerName);
-}
-
 // What is wrong with words that no option and no argument takes.
 Failure UnknownWords(const std::vector<std::string>& words, const std::string& otherwise,
                      const std::string& more, const Manual& manual, const Command* command) {
-    const auto failure = [&more](const std::string& what, const std::string& word, const auto& known) {
-        const std::string nearest = Nearest(word, known);
-        return Failure(EXIT_USAGE, what, (nearest.empty() ? "" : "did you mean " + nearest + "? ") + more);
-    };
-    std::vector<std::string> known;
+    std::vector<std::string> known = {"--help"};
+    for (const Option* const option : OptionsOf(manual, command)) {
+        known.push_back(option->IsArgument() ? "" : option->name);
+    }
+    for (const Command& one : command == nullptr ? manual.commands : std::vector<Command>()) {
+        known.push_back(one.name);
+    }
     for (const std::string& word : words) {
-        if (word.size() > 1 && word[0] == '-') {
-            known.emplace_back("--help");
-            for (const Option* const option : OptionsOf(manual, command)) {
-                known.push_back(option->IsArgument() ? "" : option->name);
-            }
-            return failure("unknown option " + word, word.substr(0, word.find('=')), known);
-        }
-        if (command == nullptr && !manual.commands.empty()) {
-            for (const Command& one : manual.commands) {
-                known.push_back(one.name);
-            }
-            return failure("unknown command " + word, word, known);
+        const bool option = word.size() > 1 && word[0] == '-';
+        if (option || (command == nullptr && !manual.commands.empty())) {
+            const std::string nearest = Nearest(word.substr(0, word.find('=')), known);
+            return {EXIT_USAGE, (option ? "unknown option " : "unknown command ") + word,
+                    (nearest.empty() ? "" : "did you mean " + nearest + "? ") + more};
         }
     }
     return {EXIT_USAGE, otherwise, more};
 }
 
-bool TakeAll(const Option& option, const CLI::results_t& values) {
-    for (const std::string& value : values) {
-        const std::string fault = option.take(value);
-        if (!fault.empty()) {
-            std::string what = "\"";
-            what.append(value).append("\" ").append(fault);
-            // CLI11 adds the option's name to the message.
-            throw CLI::ValidationError(option.name, what);
-        }
-    }
-    return true;
-}
-
-void AddOption(CLI::App& app, const Option& option) {
-    if (option.IsFlag()) {
-        app.add_flag_callback(NamesOf(option), [take = option.take] { take(""); });
-        return;
-    }
-    CLI::Option* added =
-        app.add_option(option.IsArgument() ? option.name : NamesOf(option),
-                       [option](const CLI::results_t& values) { return TakeAll(option, values); });
-    added->required(option.required);
-    if (option.repeated && option.IsArgument()) {
-        added->expected(1, CLI::detail::expected_max_vector_size)->allow_extra_args();
-    } else if (option.repeated) {
-        // One value for each use: by default CLI11 would take the following words as well.
-        added->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)->allow_extra_args(false);
-    } else {
-        // The last one counts, so that an alias with an option can be overruled.
-        added->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    }
-}
-
 void AddOptions(CLI::App& app, const Command& command) {
     app.set_help_flag("-h,--help");
     for (const Option& option : command.options) {
-        AddOption(app, option);
+        const std::string letter = option.letter != 0 ? std::string("-") + option.letter + ',' : "";
+        const std::string names =
+            letter + option.name + (option.formerName.empty() ? "" : ',' + option.formerName);
+        if (option.IsFlag()) {
+            app.add_flag_callback(names, [&option] { option.take(""); });
+            continue;
+        }
+        CLI::Option* const added = app.add_option(names, [&option](const CLI::results_t& values) {
+            for (const std::string& value : values) {
+                const std::string fault = option.take(value);
+                if (!fault.empty()) {
+                    // CLI11 adds the option's name to the message.
+                    throw CLI::ValidationError(option.name, '"' + value + "\" " + fault);
+                }
+            }
+            return true;
+        });
+        added->required(option.required);
+        // The last one counts, so that an alias with an option can be overruled.
+        added->multi_option_policy(option.repeated ? CLI::MultiOptionPolicy::TakeAll
+                                                   : CLI::MultiOptionPolicy::TakeLast);
+        if (option.repeated) {
+            // An option has one value for each use: by default CLI11 would take the following words as well.
+            added->expected(1, option.IsArgument() ? CLI::detail::expected_max_vector_size : 1);
+            added->allow_extra_args(option.IsArgument());
+        }
     }
 }
 
