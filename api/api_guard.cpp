@@ -7,7 +7,8 @@ namespace lumora {
 
 namespace {
 
-// Upper bound on how late a waiting OnData notices that its transport is being stopped.
+// Upper bound on how late a waiting OnData notices that its transport is being stopped. The flag that it
+// looks at has no condition to wait for.
 constexpr std::chrono::milliseconds STOP_CHECK_INTERVAL(2);
 
 std::atomic<bool> g_allCallsRefused{false};
@@ -19,6 +20,8 @@ bool ApiMutex::TryLock() {
     return mState.compare_exchange_strong(expected, HELD, std::memory_order_acquire);
 }
 
+// A thread that did not wait may overtake those that do. A call of an application's may thus come before one
+// that began earlier; applications that need an order have to make it.
 void ApiMutex::Lock() {
     if (TryLock()) {
         return;
@@ -27,6 +30,12 @@ void ApiMutex::Lock() {
     mReleased.wait(lock, [this] { return mState.exchange(CONTENDED, std::memory_order_acquire) == FREE; });
 }
 
+// Without the second condition two threads would wait for each other:
+//   application thread   holds the mutex in LUM_DeInitServer and joins the receive thread
+//   receive thread       waits for the mutex in LUM_SendDataToClient, called from OnData
+// The attempt comes before the look at the flag. A waiter that was notified must not give up the mutex that
+// it could have had, or the notification is lost for the others. Giving up leaves CONTENDED; the next Unlock
+// then notifies once too often.
 bool ApiMutex::LockWhile(const std::atomic<bool>& wanted) {
     if (TryLock()) {
         return true;
@@ -41,6 +50,8 @@ bool ApiMutex::LockWhile(const std::atomic<bool>& wanted) {
     return true;
 }
 
+// A waiter holds mMutex from checking the state until it sleeps. Locking it here makes sure that a waiter
+// that has seen the mutex held does sleep, and hears the notification.
 void ApiMutex::Unlock() {
     if (mState.exchange(FREE, std::memory_order_release) == HELD) {
         return;
@@ -50,6 +61,9 @@ void ApiMutex::Unlock() {
     mReleased.notify_one();
 }
 
+// A receive thread that runs OnData may be joined by a thread that holds the mutex, so it must never wait
+// without a way out. Only the server's transports run OnData: in a process with both sides, calls of the
+// client side may wait.
 ApiLock::ApiLock(ApiMutex& mutex, Side side, const char* function, int line, FromOnData fromOnData)
     : mMutex(mutex) {
     if (IsForkedChild(function, line) || RejectReentrantCall(side, function, line)) {
@@ -96,6 +110,7 @@ bool RejectReentrantCall(Side side, const char* function, int line) {
     return true;
 }
 
+// Exceptions must not reach C code: unwinding through frames without tables ends the process.
 int FailedByException(const char* function, int line) {
     try {
         throw;

@@ -32,8 +32,9 @@ void SetClient(std::shared_ptr<LumoraClientModule> client) {
     std::atomic_store(&*g_lumoraClient, std::move(client));
 }
 
-// Runs in the child, which has one thread. The pointer is read as it is: if another thread of the parent was
-// changing it, that thread held the API mutex, and atomic_load might wait for it.
+// Runs in the child, which has one thread: the receive thread and the platform's threads are gone, and their
+// locks stay locked. The pointer is read as it is. If another thread of the parent was changing it, that
+// thread held the API mutex, and atomic_load might wait for it.
 void RefuseInChildOfClient() {
     if (!g_lumoraClientMutex->IsFree() || *g_lumoraClient != nullptr) {
         lumora::RefuseAllCalls();
@@ -41,6 +42,8 @@ void RefuseInChildOfClient() {
 }
 [[maybe_unused]] const int g_clientForkHandler = pthread_atfork(nullptr, nullptr, RefuseInChildOfClient);
 
+// 0 passes here, though it is never given out: the module finds no client of that number, and the application
+// gets the same message as for any other unknown client.
 bool IsClientId(int clientID) { return clientID >= 0 && clientID <= LUM_MAX_CLIENTS; }
 
 // A subscription is a record: no terminator needs to follow, so nothing behind it may be looked at.
@@ -50,6 +53,8 @@ std::size_t ParamLength(const char* cmd, const char* param) {
 }
 
 // Hands a version text to the caller's buffer, terminated.
+// The version of a device is text from the network: its length is checked, and it is copied whole or not at
+// all.
 int CopyVersion(const char* function, const std::string& version, char* buff, unsigned int buffLen) {
     if (version.length() >= buffLen) {
         LogInfo(lumora::LOG_ERROR, "LUMRA", function, __LINE__, "buff is too short!\n");
@@ -76,6 +81,8 @@ int CopyVersion(const char* function, const std::string& version, char* buff, un
     }                                                                           \
     [[maybe_unused]] LumoraClientModule* const module = g_lumoraClient->get()
 
+// After a failed start the ID stays in use, so DestoryInstance refuses as long as it is: LUM_DeInitClient
+// gives the ID back. The same way a 21st client, whose ID is 0, fails without disturbing the others.
 int LUM_InitClient(int* clientID, const char* devType) try {
     LUMORA_TRACE("Enter\n");
     LOCK_CLIENT_API();
@@ -99,6 +106,8 @@ int LUM_InitClient(int* clientID, const char* devType) try {
     return FailedByException(__func__, __LINE__);
 }
 
+// The instance is destroyed after the module has released its last client. A version query of another thread
+// may hold a reference; the destructor then runs on that thread.
 int LUM_DeInitClient(int clientID) try {
     LUMORA_TRACE("Enter\n");
     LOCK_CLIENT_API();
@@ -132,6 +141,7 @@ int LUM_RegisterEvent(int clientID, LUM_EVENT_CALLBACK callback) try {
     return FailedByException(__func__, __LINE__);
 }
 
+// The list is cleared first, so that after a failure it holds nothing that looks like a device.
 int LUM_GetAiDeviceList(const char* devType, LUM_DEVICES_INFO_S* devsInfo) try {
     LOCK_CLIENT_API();
     LUMORA_REQUIRE(module != nullptr, "please call LUM_InitModule first.\n");
@@ -214,6 +224,8 @@ int LUM_DestoryAiDevice(int clientID, unsigned int handle) try {
     return FailedByException(__func__, __LINE__);
 }
 
+// The bounded look at cmd and param reads no more than the limit of bytes: a text without a terminator, of a
+// faulty application, ends the call and not the process.
 int LUM_SendCmd(int clientID, unsigned int handle, const char* cmd, const char* param) try {
     LOCK_CLIENT_API();
     LUMORA_REQUIRE(IsClientId(clientID), "clientID is illegal\n");
@@ -250,6 +262,8 @@ int LUM_SendData(int clientID, unsigned int handle, const void* data, unsigned i
     return FailedByException(__func__, __LINE__);
 }
 
+// Takes no API mutex, so that it can be called while another thread waits in a search or a connect. Its
+// message names LUM_SendData; scripts that watch the log know it so.
 int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen) try {
     if (lumora::IsForkedChild(__func__, __LINE__) ||
         lumora::RejectReentrantCall(Side::CLIENT, __func__, __LINE__)) {
@@ -267,6 +281,7 @@ int LUM_GetClientVersion(int clientID, char* buff, unsigned int buffLen) try {
     return FailedByException(__func__, __LINE__);
 }
 
+// Takes no API mutex either, though it asks the device: only another request to the same device delays it.
 int LUM_GetServerVersion(int clientID, unsigned int handle, char* buff, unsigned int buffLen) try {
     if (lumora::IsForkedChild(__func__, __LINE__) ||
         lumora::RejectReentrantCall(Side::CLIENT, __func__, __LINE__)) {

@@ -27,7 +27,8 @@ lumora::NeverDestroyed<lumora::ApiMutex> g_lumoraServerMutex;
 // Under g_lumoraServerMutex.
 LumoraServerModule* g_lumora = nullptr;
 
-// Runs in the child, which has one thread.
+// Runs in the child, which has one thread: the threads that answer requests are gone, and their locks stay
+// locked.
 void RefuseInChildOfDevice() {
     if (!g_lumoraServerMutex->IsFree() || g_lumora != nullptr) {
         lumora::RefuseAllCalls();
@@ -44,6 +45,8 @@ void RefuseInChildOfDevice() {
         return -1;                                                                          \
     }
 
+// The instance stays after a failed start, so that the call can be repeated: requests may already have
+// reached it, and must not meet an object that is gone.
 int LUM_InitServer(const char* devType) try {
     LUMORA_TRACE("Enter\n");
     LOCK_SERVER_API(FromOnData::REFUSED);
@@ -63,6 +66,9 @@ int LUM_InitServer(const char* devType) try {
     return FailedByException(__func__, __LINE__);
 }
 
+// A name may fill its field without a terminator, so no byte behind the field is read. A negative transport
+// kind passes here; clients refuse the description with it, and the device is not listed. The message about
+// the number of services names 5, though the limit is 8: scripts that watch the log know it so.
 int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S* devInfo) try {
     LOCK_SERVER_API(FromOnData::REFUSED);
     LUMORA_REQUIRE(devInfo != nullptr, "devInfo is nullptr.\n");
@@ -92,6 +98,8 @@ int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S* devInfo) try {
     return FailedByException(__func__, __LINE__);
 }
 
+// The one function that OnData may call. A time-out above the limit is reduced and not refused as in
+// LUM_SendData; lumora.h promises both.
 int LUM_SendDataToClient(const char* serviceName, const void* data, unsigned int dataLen,
                          unsigned int* sendLength, unsigned int timeoutMs) try {
     LUMORA_TRACE("Enter\n");
@@ -117,6 +125,8 @@ int LUM_SendDataToClient(const char* serviceName, const void* data, unsigned int
     return FailedByException(__func__, __LINE__);
 }
 
+// Success without a device: applications call it in their clean-up, whether they got so far or not. After a
+// failure the instance stays, because the platform may still call it.
 int LUM_DeInitServer(void) try {
     LUMORA_TRACE("Enter\n");
     LOCK_SERVER_API(FromOnData::REFUSED);

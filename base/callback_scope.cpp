@@ -4,8 +4,7 @@ namespace lumora {
 
 namespace {
 
-// Counters, because a callback may call a function that runs another callback of the same side on this
-// thread.
+// One counter per side: a callback of one side may call the other side.
 thread_local int t_clientCallbacks = 0;
 thread_local int t_serverCallbacks = 0;
 thread_local const std::atomic<bool>* t_transportRunning = nullptr;
@@ -18,6 +17,8 @@ CallbackScope::CallbackScope(Side side) : mSide(side) { ++Depth(mSide); }
 CallbackScope::~CallbackScope() { --Depth(mSide); }
 bool CallbackScope::Inside(Side side) { return Depth(side) > 0; }
 
+// The pointer stays valid until the scope ends: the receive thread holds the transport that the flag belongs
+// to.
 DataCallbackScope::DataCallbackScope(const std::atomic<bool>& running) { t_transportRunning = &running; }
 DataCallbackScope::~DataCallbackScope() { t_transportRunning = nullptr; }
 const std::atomic<bool>* DataCallbackScope::TransportRunning() { return t_transportRunning; }

@@ -25,7 +25,8 @@ private:
 // While one lives, its thread is a server transport's receive thread that runs the application's OnData.
 class DataCallbackScope {
 public:
-    // running: becomes false when another thread starts to stop the transport, which joins this thread.
+    // running: becomes false when another thread starts to stop the transport, which joins this thread, and
+    // when the channel breaks. Sends fail from then on.
     explicit DataCallbackScope(const std::atomic<bool>& running);
     ~DataCallbackScope();
     DataCallbackScope(const DataCallbackScope&) = delete;

@@ -40,6 +40,7 @@ InterfaceAddress EntryOf(const ifaddrs& from) {
 
 }  // namespace
 
+// The owner frees the kernel's list also if memory for ours runs out.
 std::vector<InterfaceAddress> ListInterfaceAddresses() {
     ifaddrs* first = nullptr;
     if (getifaddrs(&first) != 0) {

@@ -10,8 +10,10 @@ struct PrintedTextDeleter {
 
 }  // namespace
 
+// cJSON limits how deep a document may nest, so a peer cannot exhaust the stack of the thread that parses.
 JsonTree ParseJson(const std::string& text) { return JsonTree(cJSON_Parse(text.c_str())); }
 
+// cJSON takes the object over only if adding succeeds; otherwise the owner here frees it.
 cJSON* AddJsonObject(cJSON* parent, const std::string& key) {
     JsonTree object(cJSON_CreateObject());
     if (object == nullptr || !cJSON_AddItemToObject(parent, key.c_str(), object.get())) {

@@ -6,6 +6,9 @@
 
 namespace lumora {
 
+// The mask is set in the thread that starts the other one. Setting it in the new thread would leave a moment
+// in which a signal of the application runs its handler there, on a stack and with locks that it does not
+// expect.
 AllSignalsBlocked::AllSignalsBlocked() {
     sigset_t all;
     sigfillset(&all);
@@ -14,6 +17,7 @@ AllSignalsBlocked::AllSignalsBlocked() {
 
 AllSignalsBlocked::~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
 
+// The new thread names itself, so that it has its name before body runs.
 std::thread StartThread(const char* name, std::function<void()> body) {
     // The destructor restores the caller's mask also if std::thread throws.
     const AllSignalsBlocked blocked;

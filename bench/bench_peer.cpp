@@ -16,6 +16,7 @@ constexpr const char* USAGE =
     "usage: lumora_bench_peer ROLE PIPE MODE SIZE SECONDS [NUMBER]\n"
     "  ROLE  device | client (start the device first)\n"
     "  MODE  up | down       a stream of messages of SIZE bytes, client to device or back\n"
+    "        both            a stream in each direction at once\n"
     "        pingpong        the client sends, the device answers with the same bytes\n"
     "        paced-up        NUMBER messages a second, client to device, one-way times\n"
     "        growth          NUMBER messages of many sizes up and back; how the heap grows\n"
@@ -38,6 +39,8 @@ bool Parse(int count, char** arguments, Measurement& what) {
 bool RunMode(Pipe& pipe, const Measurement& what) {
     if (what.mode == "up" || what.mode == "down") {
         RunStream(pipe, what);
+    } else if (what.mode == "both") {
+        RunBoth(pipe, what);
     } else if (what.mode == "pingpong") {
         RunPingPong(pipe, what);
     } else if (what.mode == "paced-up") {
@@ -51,6 +54,10 @@ bool RunMode(Pipe& pipe, const Measurement& what) {
 }
 
 int Run(int count, char** arguments) {
+    if (count == 2 && std::string(arguments[1]) == "pipes") {
+        std::puts(PIPES);
+        return 0;
+    }
     Measurement what;
     if (!Parse(count, arguments, what)) {
         std::fputs(USAGE, stderr);

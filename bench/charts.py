@@ -16,12 +16,14 @@ SERIES = {
     "zmq-pair": ("#bc4c00", "#f0883e", True),
     "nng-pushpull": ("#1a7f37", "#3fb950", False),
     "nng-pair": ("#1a7f37", "#3fb950", True),
+    "dds": ("#8250df", "#bc8cff", False),
+    "mqtt": ("#bf3989", "#f778ba", False),
 }
 LABELS = {
     "lumora": "Lumora", "tcp-framed": "plain TCP, framed", "tcp-direct": "plain TCP, same thread",
     "tcp-pair": "two TCP connections",
     "tcp-unframed": "plain TCP, no frames", "zmq-pushpull": "ZeroMQ PUSH/PULL", "zmq-pair": "ZeroMQ PAIR",
-    "nng-pushpull": "nng push/pull", "nng-pair": "nng pair",
+    "nng-pushpull": "nng push/pull", "nng-pair": "nng pair", "dds": "Cyclone DDS", "mqtt": "MQTT, mosquitto",
 }
 
 

@@ -43,11 +43,15 @@ class Comparison:
 
     def ratio(self, placement, point, name, others, best=max):
         """Lumora as a multiple of the best of the others in the same round, the median of all rounds."""
+        ratios = self.ratios(placement, point, name, others, best)
+        return statistics.median(ratios) if ratios else None
+
+    def ratios(self, placement, point, name, others, best=max):
+        """The same of each round."""
         own = self.values(placement, point, "lumora", name)
         columns = [self.values(placement, point, other, name) for other in others]
         rivals = [best(values) for values in zip(*[column for column in columns if column])]
-        ratios = [mine / theirs for mine, theirs in zip(own, rivals) if theirs]
-        return statistics.median(ratios) if ratios else None
+        return [mine / theirs for mine, theirs in zip(own, rivals) if theirs]
 
 
 class Waits:

@@ -1,3 +1,6 @@
+#include <cstdlib>
+#include <vector>
+
 #include "bench/pipe.h"
 #include "bench/records.h"
 #include "lumora.h"
@@ -28,6 +31,8 @@ int OnData(int, const char* data, unsigned int length) {
     }
     return 0;
 }
+
+int OnOthersEvent(LUM_DEVICE_EVENT_S) { return 0; }
 
 int OnDeviceEvent(LUM_DEVICE_EVENT_S event) {
     if (g_handler) {
@@ -80,16 +85,27 @@ public:
         if (mRole == Role::DEVICE) {
             Check(LUM_DeInitServer(), "LUM_DeInitServer");
         } else {
+            for (const int other : mOthers) {
+                Check(LUM_DeInitClient(other), "LUM_DeInitClient");
+            }
             Check(LUM_DeInitClient(mClient), "LUM_DeInitClient");
         }
     }
 
 private:
+    // All of a process's subscribers share its connection. A measurement may want several.
+    static int Subscribers() {
+        const char* count = std::getenv("LUMORA_BENCH_SUBSCRIBERS");
+        return count != nullptr ? std::atoi(count) : 1;
+    }
+
     static void OpenDevice() {
         const LUM_DEVICE_INFO_S device = DeviceRecord(DEVICE_TYPE, OnEventNotify, OnData);
         Check(LUM_InitServer(DEVICE_TYPE), "LUM_InitServer");
         Check(LUM_RegisterAiDevInfo(&device), "LUM_RegisterAiDevInfo");
-        g_subscribed.Wait();
+        for (int count = 0; count < Subscribers(); ++count) {
+            g_subscribed.Wait();
+        }
     }
 
     void OpenClient() {
@@ -99,15 +115,26 @@ private:
             LUM_GetAiDeviceList(DEVICE_TYPE, &found);
         }
         Check(LUM_CreateAiDevice(mClient, DEVICE_TYPE, &mHandle), "LUM_CreateAiDevice");
-        Check(LUM_RegisterAiDeviceEvent(mClient, mHandle, OnDeviceEvent), "LUM_RegisterAiDeviceEvent");
-        Check(LUM_ConnectAiDevice(mClient, mHandle), "LUM_ConnectAiDevice");
+        Subscribe(mClient, OnDeviceEvent);
+        for (int count = 1; count < Subscribers(); ++count) {
+            int other = 0;
+            Check(LUM_InitClient(&other, "bench-client"), "LUM_InitClient");
+            Subscribe(other, OnOthersEvent);
+            mOthers.push_back(other);
+        }
+    }
+
+    void Subscribe(int client, LUM_DEVICE_EVENT_CALLBACK onEvent) const {
+        Check(LUM_RegisterAiDeviceEvent(client, mHandle, onEvent), "LUM_RegisterAiDeviceEvent");
+        Check(LUM_ConnectAiDevice(client, mHandle), "LUM_ConnectAiDevice");
         const LUM_SUBSCRIBE_SERVICE_S subscription = Subscription();
-        Check(LUM_SendCmd(mClient, mHandle, "subscribe", reinterpret_cast<const char*>(&subscription)),
+        Check(LUM_SendCmd(client, mHandle, "subscribe", reinterpret_cast<const char*>(&subscription)),
               "LUM_SendCmd");
     }
 
     Role mRole = Role::DEVICE;
     int mClient = 0;
+    std::vector<int> mOthers;
     unsigned int mHandle = 0;
 };
 

@@ -27,6 +27,7 @@ constexpr char LAST = 1;
 void RunStream(Pipe& pipe, const Measurement& what);
 void RunPingPong(Pipe& pipe, const Measurement& what);
 void RunPaced(Pipe& pipe, const Measurement& what);
+void RunBoth(Pipe& pipe, const Measurement& what);
 void RunGrowth(Pipe& pipe, const Measurement& what);
 
 void WaitForEndOfInput();

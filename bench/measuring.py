@@ -68,7 +68,8 @@ def machine():
     """What the figures are worth: processor, cores, kernel, and who is compared."""
     models = [line.split(":")[1].strip() for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
               if line.startswith("model name")]
-    query = ["dpkg-query", "-W", "-f", "${source:Package} ${source:Upstream-Version}, ", "libzmq3-dev", "libnng-dev"]
+    query = ["dpkg-query", "-W", "-f", "${source:Package} ${source:Upstream-Version}, ", "libzmq3-dev", "libnng-dev",
+             "cyclonedds-dev", "libmosquitto-dev"]
     libraries = subprocess.run(query, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
     system = os.uname()
     return (f"{models[0] if models else system.machine}, {os.cpu_count()} cores, Linux {system.release}, "

@@ -2,6 +2,7 @@
 #include <ctime>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -28,10 +29,16 @@ void SleepUntil(Clock::time_point when) {
     }
 }
 
+// What a block costs while the process waits most of the time.
+void PrintCpu(std::uint64_t count, double before) {
+    std::printf("{\"cpu_us_per_block\":%.3f}\n", (CpuSeconds() - before) * 1e6 / static_cast<double>(count));
+}
+
 void SendPaced(Pipe& pipe, const Measurement& what) {
     std::vector<char> message(what.size, 'x');
     const auto interval = std::chrono::nanoseconds(static_cast<std::int64_t>(1e9 / what.number));
     const std::uint64_t count = LeftOut(what) + Counted(what);
+    const double cpuBefore = CpuSeconds();
     Clock::time_point next = Clock::now();
     for (std::uint64_t i = 0; i < count; ++i, next += interval) {
         SleepUntil(next);
@@ -41,6 +48,7 @@ void SendPaced(Pipe& pipe, const Measurement& what) {
         pipe.Send(message.data(), message.size());
     }
     WaitForEndOfInput();
+    PrintCpu(count, cpuBefore);
     pipe.Close();
 }
 
@@ -48,9 +56,13 @@ void ReceivePaced(Pipe& pipe, const Measurement& what) {
     Signal ended;
     Latencies latencies;
     std::uint64_t received = 0;
+    double cpuAtFirst = 0;
     pipe.Open(Role::DEVICE, Flow::UP, [&](const char* data, std::size_t length) {
         std::int64_t sent = 0;
         std::memcpy(&sent, data, sizeof(sent));
+        if (received == 0) {
+            cpuAtFirst = CpuSeconds();
+        }
         if (received++ >= LeftOut(what)) {
             latencies.Add(Nanoseconds() - sent);
         }
@@ -61,6 +73,7 @@ void ReceivePaced(Pipe& pipe, const Measurement& what) {
     ended.Wait();
     latencies.Print();
     WaitForEndOfInput();
+    PrintCpu(received, cpuAtFirst);
     pipe.Close();
 }
 

@@ -2,6 +2,22 @@
 
 namespace lumora_bench {
 
+const char* const PIPES =
+    "lumora tcp-framed tcp-direct tcp-pair tcp-unframed"
+#ifdef LUMORA_BENCH_ZMQ
+    " zmq-pushpull zmq-pair"
+#endif
+#ifdef LUMORA_BENCH_NNG
+    " nng-pushpull nng-pair"
+#endif
+#ifdef LUMORA_BENCH_DDS
+    " dds"
+#endif
+#ifdef LUMORA_BENCH_MQTT
+    " mqtt"
+#endif
+    ;
+
 std::unique_ptr<Pipe> MakePipe(const std::string& name) {
     if (name == "lumora") {
         return MakeLumoraPipe();
@@ -26,6 +42,16 @@ std::unique_ptr<Pipe> MakePipe(const std::string& name) {
 #ifdef LUMORA_BENCH_NNG
     if (name == "nng-pushpull" || name == "nng-pair") {
         return MakeNngPipe(name == "nng-pair");
+    }
+#endif
+#ifdef LUMORA_BENCH_DDS
+    if (name == "dds") {
+        return MakeDdsPipe();
+    }
+#endif
+#ifdef LUMORA_BENCH_MQTT
+    if (name == "mqtt") {
+        return MakeMqttPipe();
     }
 #endif
     Fail("no such pipe: " + name);

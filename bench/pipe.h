@@ -43,8 +43,16 @@ std::unique_ptr<Pipe> MakeZmqPipe(bool pair);  // PAIR, or PUSH and PULL
 #ifdef LUMORA_BENCH_NNG
 std::unique_ptr<Pipe> MakeNngPipe(bool pair);
 #endif
+#ifdef LUMORA_BENCH_DDS
+std::unique_ptr<Pipe> MakeDdsPipe();
+#endif
+#ifdef LUMORA_BENCH_MQTT
+std::unique_ptr<Pipe> MakeMqttPipe();
+#endif
 
-// name is one of those in pipe.cpp.
+// The names of the pipes that this program has.
+extern const char* const PIPES;
+// `name` is one of PIPES.
 std::unique_ptr<Pipe> MakePipe(const std::string& name);
 
 }  // namespace lumora_bench

@@ -1,6 +1,7 @@
 // Sends messages in one direction, as fast as the pipe takes them.
 #include <cinttypes>
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 #include "bench/measurement.h"
@@ -10,10 +11,10 @@ namespace lumora_bench {
 
 namespace {
 
-void SendStream(Pipe& pipe, const Measurement& what) {
+// Returns the number of messages.
+std::uint64_t SendFor(Pipe& pipe, const Measurement& what) {
     std::vector<char> message(what.size, 'x');
     message[what.size - 1] = MORE;
-    const double cpuBefore = CpuSeconds();
     const Clock::time_point begin = Clock::now();
     std::uint64_t messages = 0;
     // Reading the clock costs as much as a small message, so it is not read for each.
@@ -24,10 +25,20 @@ void SendStream(Pipe& pipe, const Measurement& what) {
     }
     message[what.size - 1] = LAST;
     pipe.Send(message.data(), message.size());
+    return messages + 1;
+}
+
+void PrintCost(std::uint64_t messages, double cpuBefore) {
+    std::printf("{\"messages\":%" PRIu64 ",\"cpu_s\":%.4f,\"peak_kb\":%ld}\n", messages,
+                CpuSeconds() - cpuBefore, PeakKilobytes());
+}
+
+void SendStream(Pipe& pipe, const Measurement& what) {
+    const double cpuBefore = CpuSeconds();
+    const std::uint64_t messages = SendFor(pipe, what);
     // Threads of the pipe may still send; that time counts.
     WaitForEndOfInput();
-    std::printf("{\"messages\":%" PRIu64 ",\"cpu_s\":%.4f,\"peak_kb\":%ld}\n", messages + 1,
-                CpuSeconds() - cpuBefore, PeakKilobytes());
+    PrintCost(messages, cpuBefore);
     pipe.Close();
 }
 
@@ -64,6 +75,18 @@ private:
 };
 
 }  // namespace
+
+// Each side sends and receives, so each prints both: first what it received, then what all of it has cost.
+void RunBoth(Pipe& pipe, const Measurement& what) {
+    StreamReceiver receiver;
+    pipe.Open(what.role, Flow::BOTH,
+              [&](const char* data, std::size_t length) { receiver.Take(data, length); });
+    std::thread sender([&] { SendFor(pipe, what); });
+    receiver.Print();
+    sender.join();
+    PrintCost(0, 0);
+    pipe.Close();
+}
 
 void RunStream(Pipe& pipe, const Measurement& what) {
     const Flow flow = what.mode == "up" ? Flow::UP : Flow::DOWN;

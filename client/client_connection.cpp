@@ -22,10 +22,13 @@ int g_mDataPort = 6666;
 
 namespace {
 
+// Keeps the questions whether the device is idle from becoming a busy loop.
 constexpr int POLL_PAUSE_MS = 1;
 
 }  // namespace
 
+// After a failed announcement the stopped channel stays with its handle, as lumora.h says: connecting again
+// succeeds, and sending fails.
 int LumoraClientModule::ConnectAiDevice(int clientID, unsigned int handle) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
     const RemoteDevices::Resolved resolved = Resolve(handle);
@@ -60,6 +63,8 @@ int LumoraClientModule::ConnectAiDevice(int clientID, unsigned int handle) {
     return 0;
 }
 
+// SetConnectDevice comes before the request too: an event about a device that leaves during the request must
+// not be dropped as one of a stranger.
 int LumoraClientModule::AnnounceClient(int clientID, unsigned int handle, LinkDevice& device) {
     constexpr char OPERATION[] = "ConnectAiDevice";
     // Before the request: the device may send data, or leave, as soon as it knows of the client.
@@ -78,6 +83,12 @@ int LumoraClientModule::AnnounceClient(int clientID, unsigned int handle, LinkDe
     return 0;
 }
 
+// All channels of a process use the same two ports, so the former channel is stopped before a new one
+// listens. Its entry in mTransportMap stays: sends on that handle fail from then on. mMutex is free while the
+// former receive thread is joined:
+//   this thread      would join the receive thread with mMutex held
+//   receive thread   waits for mMutex in OnDisconnect
+//   therefore        neither would go on
 int LumoraClientModule::SetupTransport(unsigned int handle) {
     LUMORA_TRACE("Enter SetupTransport.\n");
     std::shared_ptr<LinkDevice> device;
@@ -113,6 +124,8 @@ int LumoraClientModule::SetupTransport(unsigned int handle) {
     return KeepTransport(handle, transport, device);
 }
 
+// mOpeningHandle is set in the same step in which the transport becomes known. Otherwise a device that
+// accepts and closes at once could be overlooked.
 std::shared_ptr<LumoraTransManager> LumoraClientModule::NewTransport(unsigned int handle) {
     constexpr char OPERATION[] = "SetupTransport";
     const MutexLock lock(mMutex);
@@ -131,7 +144,10 @@ std::shared_ptr<LumoraTransManager> LumoraClientModule::NewTransport(unsigned in
     return mTransManager;
 }
 
-// Our receiving half comes first: the device connects to it while it handles the setup request.
+// Our receiving half comes first: the device connects to it while it handles the setup request, and gives up
+// if nothing listens. The sending half comes last, because the device listens only after it was asked to. If
+// the sending half fails, the device has a channel whose client is missing; the request at the end tells it
+// so, and its result is not used.
 int LumoraClientModule::OpenDataChannel(LumoraTransManager& transport, LinkDevice& device) {
     constexpr char OPERATION[] = "SetupTransport";
     LUM_OBSERVER_S observer;  // all null: we receive through OnRecvData
@@ -158,7 +174,10 @@ int LumoraClientModule::OpenDataChannel(LumoraTransManager& transport, LinkDevic
     return 0;
 }
 
-// The device may have left, or closed the channel again, while mMutex was free.
+// The device may have left, or closed the channel again, while mMutex was free:
+//   receive thread   OnDisconnect finds no entry of the handle and only sets mLostWhileOpening
+//   this thread      without the look at it would keep a channel that has ended
+//   therefore        every send would fail, and OnDisconnect never comes again
 int LumoraClientModule::KeepTransport(unsigned int handle,
                                       const std::shared_ptr<LumoraTransManager>& transport,
                                       const std::shared_ptr<LinkDevice>& device) {
@@ -183,6 +202,7 @@ int LumoraClientModule::KeepTransport(unsigned int handle,
     return -1;
 }
 
+// mOpeningHandle is cleared before the stop: an OnDisconnect that is late belongs to no opening any more.
 void LumoraClientModule::DropTransport() {
     std::shared_ptr<LumoraTransManager> transport;
     {
@@ -199,6 +219,8 @@ std::shared_ptr<LumoraTransManager> LumoraClientModule::CurrentTransport() {
     return mTransManager;
 }
 
+// The device is not told, and the channel stays open: other clients of this process may use it, and a client
+// that connects again does so without waiting.
 int LumoraClientModule::DisconnectAiDevice(int clientID, unsigned int handle) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
     LUMORA_DETAIL("DisconnectAiDevice handle = %d !\n", static_cast<int>(handle));
@@ -261,7 +283,8 @@ int LumoraClientModule::DestoryTransport(unsigned int handle) {
     return 0;
 }
 
-// Without a limit: the device decides when its transport is idle.
+// Without a limit: the device decides when its transport is idle. It ends when a request fails. No exported
+// function leads here.
 int LumoraClientModule::WaitUntilFree(LinkDevice& device) {
     constexpr char OPERATION[] = "DestoryTransport";
     while (true) {
@@ -397,6 +420,8 @@ LumoraClientModule::SendPath LumoraClientModule::FindSendPath(unsigned int handl
     return path;
 }
 
+// Large payloads are not copied, and the frame then holds the head alone. Without memory nothing has been
+// sent, and the channel is as it was.
 int LumoraClientModule::BuildClientFrame(int clientID, const SendDataInfo& info, FrameBuffer& frame) {
     constexpr char OPERATION[] = "SendData";
     const bool isWhole = !IsSentApart(info.length);
@@ -436,6 +461,12 @@ FrameParts LumoraClientModule::ClientFrameParts(const FrameBuffer& frame, const 
     return parts;
 }
 
+// The device may send anything, so every field is checked before it is used. A frame that is refused is
+// dropped alone: the stream goes on behind it, as its lengths say. mDeliveryMutex is taken before the
+// recipients are looked up:
+//   this thread     looks up the callback of client 3
+//   application     ends client 3 and unloads the code of its callback
+//   therefore       without the lock a function that is gone would be called
 int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {
     LUMORA_TRACE("Enter\n");
     if (frame == nullptr || length == 0) {
@@ -476,6 +507,8 @@ int LumoraClientModule::OnRecvData(char* frame, unsigned int length) {
     return 0;
 }
 
+// A recipient without a callback ends the delivery of this frame, also for those behind it: lumora.h asks
+// clients to register before they subscribe.
 int LumoraClientModule::Deliver(const Recipient& recipient, const ServerFrame& frame) {
     constexpr char OPERATION[] = "OnRecvData";
     if (recipient.callback == nullptr) {
@@ -503,10 +536,15 @@ int LumoraClientModule::Deliver(const Recipient& recipient, const ServerFrame& f
     return 0;
 }
 
+// Runs on the receive thread and takes mMutex, so no thread may join that one with mMutex held. The
+// application gets no event: it learns of the end by the next call that needs the device. Erasing the entry
+// may drop the module's last reference to the transport that is calling here; its receive thread holds
+// another.
 int LumoraClientModule::OnDisconnect(unsigned int handle) {
     LUMORA_TRACE("handle [%d] Enter\n", static_cast<int>(handle));
+    RemoteDevices::Resolved resolved;  // released without the lock: freeing a device calls the platform
     const MutexLock lock(mMutex);
-    const RemoteDevices::Resolved resolved = mDevices.Resolve(handle);
+    resolved = mDevices.Resolve(handle);
     if (!resolved.isHandle) {
         LUMORA_ERROR("Handle error: %d, no such device type!\n", static_cast<int>(handle));
         return -1;
@@ -528,6 +566,8 @@ int LumoraClientModule::OnDisconnect(unsigned int handle) {
     return 0;
 }
 
+// Neither version query holds the API mutex: a program can ask while another of its threads waits in a search
+// or a connect.
 int LumoraClientModule::GetClientVersion(int clientID, std::string& version) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
     if (!mClients.Has(clientID)) {

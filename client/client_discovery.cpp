@@ -12,6 +12,9 @@ namespace lumoraAiModule {
 using lumora::LinkDevice;
 using lumora::MutexLock;
 
+// The search and the questions take seconds, so mMutex is free meanwhile and the result is put in at the end,
+// in one step. A failed search leaves the former devices: an application that lost its network for a moment
+// keeps its handles.
 int LumoraClientModule::GetNetDeviceList(std::string& devType, LUM_DEVICES_INFO_S* devsInfo) {
     LUMORA_TRACE("Enter\n");
     if (devsInfo == nullptr) {
@@ -43,7 +46,8 @@ int LumoraClientModule::GetNetDeviceList(std::string& devType, LUM_DEVICES_INFO_
     return 0;
 }
 
-// One device after the other, until the list is full.
+// One device after the other, until the list is full: the devices behind are neither asked nor kept. A device
+// that does not answer, or answers with nonsense, is left out, and the search still succeeds.
 void LumoraClientModule::AskForServices(const std::list<std::shared_ptr<LinkDevice>>& devices,
                                         SearchResult& result, LUM_DEVICES_INFO_S& devsInfo) {
     constexpr char OPERATION[] = "GetNetDeviceList";
@@ -93,6 +97,8 @@ int LumoraClientModule::CreateAiDevice(int clientID, std::string& serviceType, u
     return 0;
 }
 
+// Only the device is told. If it closes the channel because no client is left, OnDisconnect forgets the
+// handle. Otherwise the handle stays.
 int LumoraClientModule::DestoryAiDevice(int clientID, unsigned int handle) {
     LUMORA_TRACE("client [%d] Enter\n", clientID);
     LUMORA_DETAIL("DestoryAiDevice handle = %d , mClientManagerMap.size() = %d!\n", static_cast<int>(handle),
@@ -120,6 +126,7 @@ int LumoraClientModule::DestoryAiDevice(int clientID, unsigned int handle) {
     return 0;
 }
 
+// Nothing to do: devices become known by searches alone.
 int LumoraClientModule::OnAddDevice(unsigned int id, const std::string& addr, int port,
                                     const std::string& devType) {
     LUMORA_TRACE("Enter\n");
@@ -130,7 +137,9 @@ int LumoraClientModule::OnAddDevice(unsigned int id, const std::string& addr, in
 }
 
 // Everything is forgotten before the application is told, because it may search and connect again on another
-// thread as soon as its callback runs.
+// thread as soon as its callback runs. mDeliveryMutex is held from the look-up to the last callback, so that
+// no client ends in between; mMutex is not held during the callbacks. The departed device is released when
+// this function returns, because freeing it calls the platform.
 int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, int port, const std::string&) {
     LUMORA_TRACE("Enter\n");
     const MutexLock delivery(mDeliveryMutex);

@@ -31,6 +31,8 @@ unsigned int LowestFreeId(const std::vector<unsigned int>& ids) {
 
 }  // namespace
 
+// The ID is taken before the client works. If starting it fails, the ID stays in use until LUM_DeInitClient
+// gives it back: applications call it in their clean-up, for the ID that was written.
 std::shared_ptr<LumoraClientModule> LumoraClientModule::CreateInstance(int* clientID,
                                                                        const std::string& devType) {
     LUMORA_TRACE("Enter\n");
@@ -79,6 +81,7 @@ int LumoraClientModule::DestoryInstance() {
     return 0;
 }
 
+// Negative numbers become large ones, which are in no list.
 bool LumoraClientModule::IsClientInstance(int clientID) {
     return std::binary_search(mClientInstance->begin(), mClientInstance->end(),
                               static_cast<unsigned int>(clientID));
@@ -89,6 +92,8 @@ LumoraClientModule::LumoraClientModule(const std::string& devType, const ClientS
     LUMORA_STATE("Register dev ServiceType = %s\n", mDevServiceType.c_str());
 }
 
+// mSmartHomeLink goes before mDevDescriptor: the platform may read the descriptor's text until its handle has
+// been freed.
 LumoraClientModule::~LumoraClientModule() {
     LUMORA_TRACE("Enter\n");
     // Unregister first: a late event, or a frame after a failed stop, must not reach a dying object.
@@ -105,6 +110,8 @@ LumoraClientModule::~LumoraClientModule() {
     LUMORA_TRACE("Out\n");
 }
 
+// The client's record is made first and stays after a failed start, so that LUM_DeInitClient finds it. The
+// link is started under mMutex: no event is handled before everything that it needs is there.
 int LumoraClientModule::InitLumoraModule(int clientID) {
     LUMORA_TRACE("client [%d] Enter.\n", clientID);
     if (clientID <= 0) {
@@ -168,6 +175,8 @@ int LumoraClientModule::StartCoapService() {
     return 0;
 }
 
+// The flag is cleared before the platform stops, so that searches are refused from then on. It stays clear if
+// stopping fails: the next client starts a link of its own.
 int LumoraClientModule::CloseCoapService() {
     if (!mIsRunning) {
         LUMORA_ERROR("mSmartHomeLink is not running, you can't close it!\n");
@@ -181,6 +190,8 @@ int LumoraClientModule::CloseCoapService() {
     return 0;
 }
 
+// The ID is free even if the platform does not stop. An application whose clean-up failed half-way can thus
+// begin anew; otherwise 20 such failures would use up all IDs.
 int LumoraClientModule::DeInitLumoraModule(int clientID, unsigned int* clientNum) {
     if (clientNum == nullptr) {
         LUMORA_ERROR("clientNum nullptr\n");
@@ -228,6 +239,8 @@ int LumoraClientModule::ReleaseClientId(int clientID, unsigned int* clientNum) {
     return 0;
 }
 
+// mTransportMap is left to the destructor: its transports have been stopped, here or when the next one was
+// set up.
 void LumoraClientModule::ReleaseResources() {
     SearchResult former;  // released without the lock: freeing a device calls the platform
     std::shared_ptr<LumoraTransManager> transport;

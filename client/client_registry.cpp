@@ -55,6 +55,8 @@ bool ClientRegistry::SetEventCallback(int clientID, LUM_EVENT_CALLBACK callback)
     return true;
 }
 
+// emplace, not assignment: the first callback stays, and a later registration succeeds without effect, as
+// lumora.h says.
 void ClientRegistry::AddDeviceCallback(int clientID, LUM_DEVICE_EVENT_CALLBACK callback) {
     const MutexLock lock(mMutex);
     mDeviceEventMap.emplace(clientID, callback);
@@ -89,6 +91,8 @@ ClientRegistry::Disconnected ClientRegistry::DisconnectAll(unsigned int handle) 
     return disconnected;
 }
 
+// A device may name any IDs, also such as this process has never given out, and the same one twice. The array
+// has room for all that ReadServerFrame lets pass.
 Recipients ClientRegistry::RecipientsOf(const ServerFrame& frame) {
     Recipients recipients;
     const MutexLock lock(mMutex);

@@ -1,5 +1,7 @@
 #include "client/remote_devices.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "base/log.h"
@@ -16,6 +18,8 @@ std::string AddressKey(const std::string& addr, int port) { return addr + ":" + 
 
 }  // namespace
 
+// The text comes from any host that says it is a device. Its length bounds the work, and its fields are
+// checked when it is parsed.
 int SearchResult::StoreRemoteServiceInfo(std::string& remoteInfo, std::shared_ptr<LinkDevice> device,
                                          LUM_DEVICE_INFO_S* devInfo) {
     if (devInfo == nullptr) {
@@ -49,6 +53,9 @@ int SearchResult::StoreRemoteServiceInfo(std::string& remoteInfo, std::shared_pt
     return 0;
 }
 
+// As many tries as there are entries always find a free name, because each try is longer than the one before.
+// The type returned is what the application passes to LUM_CreateAiDevice, so the suffixes must stay as they
+// are.
 int SearchResult::InsertServiceDevMap(std::string& serviceType, std::shared_ptr<LinkDevice> device) {
     // A type that is taken gets a number appended to what it has become so far: T, T1, T12 ...
     const std::size_t tries = mServiceDevMap.size();
@@ -83,10 +90,14 @@ bool RemoteDevices::HasDevice(unsigned int handle) const {
     return type != mHandleServiceMap.end() && HasType(type->second);
 }
 
+// Compares the object, not the address: a device that left and came back is another object, and its channel
+// another one.
 bool RemoteDevices::Leads(unsigned int handle, const std::shared_ptr<LinkDevice>& device) const {
     return Resolve(handle).device == device;
 }
 
+// Allocates nothing, so a search cannot fail half-way. Handles are not touched: they lead by the type to the
+// device of the newest search.
 void RemoteDevices::Replace(SearchResult& result) {
     for (const std::string& address : mLeftWhileAsking) {
         const auto left = result.mAddrServiceMap.find(address);
@@ -96,8 +107,26 @@ void RemoteDevices::Replace(SearchResult& result) {
     }
     mServiceDevMap.swap(result.mServiceDevMap);
     mAddrServiceMap.merge(result.mAddrServiceMap);  // an entry that is there already stays
+    if (mAddrServiceMap.size() > MAX_ADDRESSES) {
+        DropAddressesOfFormerSearches();
+    }
 }
 
+// Any host can take a new port for each search and would make the table grow without end. The addresses of
+// devices with a handle stay: a client may be connected to them and has to be told when they leave.
+void RemoteDevices::DropAddressesOfFormerSearches() {
+    const auto isInUse = [this](const std::string& serviceType) {
+        return HasType(serviceType) ||
+               std::any_of(mHandleServiceMap.begin(), mHandleServiceMap.end(),
+                           [&](const auto& handle) { return handle.second == serviceType; });
+    };
+    for (auto address = mAddrServiceMap.begin(); address != mAddrServiceMap.end();) {
+        address = isInUse(address->second) ? std::next(address) : mAddrServiceMap.erase(address);
+    }
+}
+
+// The first number that is free or has the type. A type whose handle lies above a number that has become free
+// gets that number as a second handle; Forget and FindDeparted then act on the lower one.
 unsigned int RemoteDevices::CreateHandle(const std::string& serviceType, bool& isNew) {
     unsigned int candidate = 1;
     auto taken = mHandleServiceMap.find(candidate);
@@ -140,6 +169,8 @@ RemoteDevices::Departed RemoteDevices::FindDeparted(const std::string& addr, int
     return departed;
 }
 
+// The insertion comes first, because nothing behind it can fail. The entry in mAddrServiceMap stays: an
+// address keeps the type under which it was first found.
 void RemoteDevices::Forget(const std::string& addr, int port, const Departed& departed) {
     mLeftWhileAsking.insert(AddressKey(addr, port));
     mServiceDevMap.erase(departed.serviceType);

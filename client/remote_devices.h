@@ -1,6 +1,7 @@
 // The remote devices that the client module knows, and the handles that were given out for them.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <set>
@@ -44,13 +45,13 @@ public:
     bool Leads(unsigned int handle, const std::shared_ptr<lumora::LinkDevice>& device) const;
 
     // Between these two the devices of a search are asked for their services. The result replaces what was
-    // known, without the devices that left meanwhile; afterwards it holds the former devices, to be released.
+    // known, without the devices that were known before and left meanwhile. Afterwards it holds the former
+    // devices, to be released.
     void BeginAsking() { mLeftWhileAsking.clear(); }
     void Replace(SearchResult& result);
 
     bool HasType(const std::string& serviceType) const { return mServiceDevMap.count(serviceType) != 0; }
-    // The type's handle: the smallest free number, or the one that was given out before (isNew is false
-    // then).
+    // The smallest free number (isNew is true), or a smaller one that the type already has (isNew is false).
     unsigned int CreateHandle(const std::string& serviceType, bool& isNew);
     void Forget(unsigned int handle);
     void ClearHandles() { mHandleServiceMap.clear(); }
@@ -67,6 +68,10 @@ public:
     void Forget(const std::string& addr, int port, const Departed& departed);
 
 private:
+    static constexpr std::size_t MAX_ADDRESSES = 1024;
+
+    void DropAddressesOfFormerSearches();
+
     std::map<std::string, std::shared_ptr<lumora::LinkDevice>> mServiceDevMap;
     std::map<unsigned int, std::string> mHandleServiceMap;
     std::map<std::string, std::string> mAddrServiceMap;  // "address:port" to service type

@@ -302,7 +302,7 @@ LUM_EXPORT int LUM_GetAiDeviceList(const char* devType, LUM_DEVICES_INFO_S* devs
 
 /**
  * Gives the handle of a device that the last search listed. All clients of the process have the same handle
- * for a device.
+ * for a device, unless a smaller number has become free since: later calls then give that one.
  *
  * @param      clientID  the client
  * @param      devType   the devServiceType of the device's entry, 1 to 40 characters

@@ -27,8 +27,8 @@
 /// takes seconds, or up to a minute if its handler does not return; docs/guide.md has the table.
 ///
 /// Handlers run on threads of the library, and delay everything else that their thread does. Long work
-/// belongs on a thread of the application. Of one side, one handler runs at a time; Device::OnData may run
-/// beside others.
+/// belongs on a thread of the application. Of one side, one handler runs at a time. Device::OnData,
+/// Client::OnConnectionLost and Client::OnReconnected may run beside others.
 ///
 /// | handler                                 | runs on                          | may call of its own side |
 /// |-----------------------------------------|----------------------------------|--------------------------|
@@ -100,8 +100,8 @@ enum class Errc {
     NOT_CONNECTED,     ///< the client is connected to no device
     CONNECT_FAILED,    ///< the device was found, but there is no data channel to it
     REFUSED,           ///< the device refused, or did not answer
-    SEND_FAILED,       ///< no peer is connected, or the connection has ended; no byte was sent
-    INCOMPLETE,        ///< the peer stopped reading: half a second passed without any progress
+    SEND_FAILED,       ///< no peer is connected, or the connection has ended; the block is lost
+    INCOMPLETE,        ///< a part was sent; then half a second passed without progress, or the channel ended
     STOP_FAILED        ///< the network cannot be left
 };
 
@@ -193,7 +193,7 @@ struct SubscribeOptions {
 
 /// A client's subscription, as a device is told of it. If the subscription ends, source and transport are 0.
 struct Subscription {
-    int client;                ///< 1 to 20; clients of different processes may have the same number
+    int client;                ///< as the peer wrote it; clients of different processes use the same numbers
     std::string_view service;  ///< valid until the handler returns
     int source;                ///< 0 or 1, the client's option
     Transport transport;       ///< the client's option
@@ -377,21 +377,16 @@ public:
     int Id() const { return mId; }
     unsigned int Handle() const { return mHandle; }
 
-    /// The same; sets or clears error instead of throwing.
     bool Join(std::error_code& error);
     void Leave();
-    /// The same; sets or clears error instead of throwing.
     bool Connect(const std::string& type, std::chrono::milliseconds patience, std::error_code& error);
     bool Connect(const DeviceInfo& device, std::error_code& error);
     void Disconnect();
-    /// The same; sets or clears error instead of throwing.
     bool Subscribe(const std::string& service, const SubscribeOptions& options, std::error_code& error);
     bool Unsubscribe(const std::string& service, std::error_code& error);
-    /// The same; sets or clears error instead of throwing.
     bool Order(const char* name, const char* parameter, std::error_code& error) const;
     bool Send(Bytes block, std::error_code& error);
 
-    /// The same; sets or clears error instead of throwing.
     bool IsJoined(std::error_code& error) const { return Outcome(mId != 0, Errc::NOT_JOINED, error); }
     bool IsConnected(std::error_code& error) const {
         return IsJoined(error) && Outcome(mHandle != 0, Errc::NOT_CONNECTED, error);
@@ -413,12 +408,10 @@ private:
     using Subscriptions = std::map<std::string, SubscribeOptions>;
 
     bool LeaveNetwork();
-    /// The same; sets or clears error instead of throwing.
     bool JoinAgain(std::error_code& error);
     bool Open(const DeviceInfo& device, std::error_code& error);
     void End();
     unsigned int SayGoodbye();
-    /// The same; sets or clears error instead of throwing.
     bool SendSubscription(const std::string& service, const SubscribeOptions& options,
                           std::error_code& error) const;
 
@@ -1296,7 +1289,6 @@ public:
     }
 
 private:
-    /// The same; sets or clears error instead of throwing.
     bool Join(std::string_view type, std::error_code& error) {
         if (!detail::Outcome(detail::IsName(type), Errc::BAD_NAME, error)) {
             return false;
@@ -1305,22 +1297,18 @@ private:
         return mState->Join(error);
     }
 
-    /// The same; sets or clears error instead of throwing.
     bool IsJoined(std::error_code& error) const {
         return detail::Outcome(mState != nullptr, Errc::NOT_JOINED, error) && mState->IsJoined(error);
     }
 
-    /// The same; sets or clears error instead of throwing.
     bool IsConnected(std::error_code& error) const { return IsJoined(error) && mState->IsConnected(error); }
 
     // Does not check whether the client is in the network: Connect does so under mChange.
-    /// The same; sets or clears error instead of throwing.
     bool MayConnect(std::string_view name, std::error_code& error) const {
         return detail::Outcome(mState != nullptr, Errc::NOT_JOINED, error) &&
                detail::Outcome(detail::IsName(name), Errc::BAD_NAME, error);
     }
 
-    /// The same; sets or clears error instead of throwing.
     bool MayUse(std::string_view name, std::error_code& error) const {
         return IsJoined(error) && detail::Outcome(detail::IsName(name), Errc::BAD_NAME, error);
     }
@@ -1459,7 +1447,6 @@ public:
     }
 
 private:
-    /// The same; sets or clears error instead of throwing.
     bool Begin(const LUM_DEVICE_INFO_S& record, std::error_code& error) {
         detail::Directory& directory = detail::Directory::Instance();
         if (detail::Outcome(directory.StartServer(record), Errc::NOT_JOINED, error) &&
@@ -1471,13 +1458,11 @@ private:
         return false;
     }
 
-    /// The same; sets or clears error instead of throwing.
     bool Register(const LUM_DEVICE_INFO_S& record, std::error_code& error) {
         mState->ForgetSubscribers();  // first: new ones may come before the next call returns
         return detail::Outcome(LUM_RegisterAiDevInfo(&record) == 0, Errc::BAD_SERVICES, error);
     }
 
-    /// The same; sets or clears error instead of throwing.
     bool Describe(LUM_DEVICE_INFO_S& record, std::error_code& error) const {
         const std::lock_guard<std::mutex> lock(mMutex);
         const bool named = detail::IsName(mType) &&

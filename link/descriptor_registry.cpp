@@ -15,6 +15,8 @@ namespace lumora {
 
 namespace {
 
+// The platform gives the address in network byte order and the port in the host's. If the address cannot be
+// read it stays empty, and a channel back to it fails.
 void SetRemoteAddress(LinkDeviceDescriptor::Port& port, const RemoteEndpoint* requester) {
     in_addr address = {};
     if (memcpy_s(&address, sizeof(address), &requester->address, sizeof(requester->address)) != 0) {
@@ -28,7 +30,7 @@ void SetRemoteAddress(LinkDeviceDescriptor::Port& port, const RemoteEndpoint* re
     port.SetPort(requester->port);
 }
 
-// Writes as much of the reply as the requester has room for.
+// Writes as much of the reply as the requester has room for: the platform has no way to ask for more.
 int CopyReply(const std::string& reply, char* buffer, unsigned int size) {
     const std::size_t length = size > 0 ? std::min<std::size_t>(reply.length(), size - 1) : 0;
     if (size == 0 || (length > 0 && memcpy_s(buffer, size, reply.data(), length) != 0)) {
@@ -39,6 +41,8 @@ int CopyReply(const std::string& reply, char* buffer, unsigned int size) {
     return 0;
 }
 
+// The buffer holds the request's value and takes the reply. The descriptor is held over the handler: the
+// other side of this process may register its own meanwhile.
 int AnswerGet(AppResource* resource, const RemoteEndpoint* requester, const char* key, char* buffer,
               unsigned int size) {
     const std::shared_ptr<LinkDeviceDescriptor> descriptor =
@@ -72,7 +76,8 @@ int Answer(RequestHandler handler, AppResource* resource, const RemoteEndpoint* 
     return ((*descriptor).*handler)(port, keyText, valueText) ? 0 : -1;
 }
 
-// The platform is a C library: whatever a handler throws ends here, a request must never end the process.
+// The platform is a C library: whatever a handler throws ends here, because a request must never end the
+// process. A peer can make a handler throw, for example by a number that std::stoi cannot read.
 template <typename Function>
 int AnswerWithoutThrowing(Function answer) {
     try {
@@ -109,6 +114,8 @@ static int DoDELETE(AppResource* resource, const RemoteEndpoint* requester, cons
         [&] { return Answer(&LinkDeviceDescriptor::OnDelete, resource, requester, key, value); });
 }
 
+// The text outlives the reference that is dropped here: the module that registered the descriptor holds it
+// until its platform handle has been freed.
 static const char* DoGetDescriptor(AppResource* resource) {
     try {
         const std::shared_ptr<LinkDeviceDescriptor> descriptor =
@@ -154,6 +161,7 @@ NeverDestroyed<std::shared_ptr<LinkDeviceDescriptorWrapper>> LinkDeviceDescripto
 
 LinkDeviceDescriptorWrapper::~LinkDeviceDescriptorWrapper() { Clear(); }
 
+// The platform's threads may ask for it while the process ends, so the instance is never destroyed.
 std::shared_ptr<LinkDeviceDescriptorWrapper> LinkDeviceDescriptorWrapper::Get() {
     const MutexLock lock(mInstanceMutex);
     if (*mInstance == nullptr) {
@@ -162,6 +170,8 @@ std::shared_ptr<LinkDeviceDescriptorWrapper> LinkDeviceDescriptorWrapper::Get() 
     return *mInstance;
 }
 
+// The earlier registration goes first. Without memory for the new one nothing is registered, and requests are
+// refused.
 std::shared_ptr<AppResource> LinkDeviceDescriptorWrapper::RegisterDeviceDescriptor(
     std::shared_ptr<LinkDeviceDescriptor>& descriptor) {
     Clear();
@@ -184,6 +194,8 @@ std::shared_ptr<LinkDeviceDescriptor> LinkDeviceDescriptorWrapper::Find(AppResou
     return found != mDescriptors.end() ? found->second.descriptor : nullptr;
 }
 
+// The registrations die after the lock has been released: the last reference to a descriptor may be among
+// them, and its destructor must not run under a leaf lock.
 void LinkDeviceDescriptorWrapper::Clear() { const Registrations withdrawn = TakeAll(); }
 
 LinkDeviceDescriptorWrapper::Registrations LinkDeviceDescriptorWrapper::TakeAll() {

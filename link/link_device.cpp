@@ -16,6 +16,7 @@ constexpr unsigned int VALUE_SIZE = 1024;
 
 }  // namespace
 
+// The limit is one character below what would fit. Applications know it: lumora.h names 1,022.
 bool CheckValueSize(int length) {
     if (length + 1 < static_cast<int>(VALUE_SIZE)) {
         return true;
@@ -61,6 +62,8 @@ int LinkDevice::Port() {
 
 LinkDeviceImpl::LinkDeviceImpl(AppResourceProxy& proxy) : mProxy(&proxy) {}
 
+// Frees the proxy on whatever thread drops the last reference. Callers see to it that they hold no lock then,
+// because this calls the platform.
 LinkDeviceImpl::~LinkDeviceImpl() {
     if (mProxy != nullptr) {
         FreeAppResourceProxy2(mProxy);
@@ -68,6 +71,8 @@ LinkDeviceImpl::~LinkDeviceImpl() {
     }
 }
 
+// The platform waits for the device's answer, for up to a minute. Only requests to the same device wait for
+// each other meanwhile.
 int LinkDeviceImpl::Send(SendOperation AppResourceProxy::*operation, const std::string& key,
                          const std::string& value) {
     if (!CheckValueSize(static_cast<int>(value.length()))) {
@@ -129,6 +134,7 @@ int LinkDeviceImpl::SetupMediaService(const std::string& request, std::string& o
     return Get(MEDIA_SERVICE_SETUP_KEY, request, out);
 }
 
+// No lock: nothing is sent, and a request in progress must not delay a look at the address.
 std::string LinkDeviceImpl::Address() {
     if (mProxy == nullptr) {
         return std::string();

@@ -19,6 +19,7 @@ LumoraAiDescriptor::LumoraAiDescriptor(std::string& descriptor) : LumoraAiDescri
 
 void LumoraAiDescriptor::WithdrawCallback(LumoraCoapCallback* callback) { mCoapCallback.Withdraw(callback); }
 
+// A client's descriptor has no callback, so a client answers every request with a failure.
 template <typename Request>
 bool LumoraAiDescriptor::Forward(Request request) {
     const Outcome outcome = mCoapCallback.Call(

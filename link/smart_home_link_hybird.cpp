@@ -61,6 +61,7 @@ NeverDestroyed<std::string> SmartHomeLinkHybird::g_mConnectAddr("0");
 int SmartHomeLinkHybird::g_mConnectPort = -1;
 NeverDestroyed<CallbackSlot<LumoraNotifyCallback>> SmartHomeLinkHybird::g_mNotifyCallback;
 
+// The handle is freed before the members die: the platform may use mRecord until then.
 SmartHomeLinkHybird::~SmartHomeLinkHybird() {
     if (mPlatform != nullptr) {
         FreeLinkPlatform(mPlatform);
@@ -77,6 +78,8 @@ std::shared_ptr<SmartHomeLink> SmartHomeLinkHybird::Get() {
     return link;
 }
 
+// A platform that lacks an operation is refused here with one clear message, instead of a crash at its first
+// use.
 bool SmartHomeLinkHybird::Initialize() {
     mPlatform = GetLinkPlatform();
     if (mPlatform == nullptr) {
@@ -86,6 +89,8 @@ bool SmartHomeLinkHybird::Initialize() {
     return IsComplete(*mPlatform, "LinkPlatform") && mPlatform->Init(mPlatform) == 0;
 }
 
+// The record is kept also if the platform refuses: it may have stored the address before it failed. An
+// earlier record is released only after the platform has got the new one.
 bool SmartHomeLinkHybird::RegisterDeviceDescriptor(std::shared_ptr<LinkDeviceDescriptor> descriptor,
                                                    LumoraNotifyCallback* callback) {
     const std::shared_ptr<AppResource> record =
@@ -103,6 +108,8 @@ bool SmartHomeLinkHybird::RegisterDeviceDescriptor(std::shared_ptr<LinkDeviceDes
     return ret == 0;
 }
 
+// The platform gives a chain of proxies. Each is cut off when its owner has been made, so every proxy has
+// exactly one owner if memory runs out half-way. A proxy that lacks an operation is freed and left out.
 bool SmartHomeLinkHybird::FindDevice(std::string& devType, std::list<std::shared_ptr<LinkDevice>>& devices) {
     ProxyChain rest(mPlatform != nullptr ? mPlatform->FindResource(mPlatform, devType.c_str()) : nullptr);
     while (rest != nullptr) {
@@ -130,6 +137,7 @@ bool SmartHomeLinkHybird::Exit() {
     return mPlatform == nullptr || mPlatform->Exit(mPlatform) == 0;
 }
 
+// Returns false also on success; callers do not look.
 bool SmartHomeLinkHybird::SetConnectDevice(std::string& addr, int port) {
     {
         const MutexLock lock(g_mConnectMutex);
@@ -145,6 +153,9 @@ std::string SmartHomeLinkHybird::ConnectAddr() {
     return *g_mConnectAddr;
 }
 
+// Any host can join and leave, so events of hosts other than the connected one go no further. The strings are
+// copied before the call: the platform's record is valid only during this function, and a callback may take
+// long. The callback may be withdrawn after IsSet; Call then returns -1.
 int SmartHomeLinkHybird::NotifyCallback(NotifyDeviceInfo* info) {
     if (info == nullptr) {
         LUMORA_DETAIL("devInfo is nullptr, on callback information!\n");
@@ -174,6 +185,7 @@ void SmartHomeLinkHybird::WithdrawNotifyCallback(LumoraNotifyCallback* callback)
     g_mNotifyCallback->Withdraw(callback);
 }
 
+// Called by the platform's event thread, which is C code.
 int RemoteDeviceNotifyCallback(NotifyDeviceInfo* info) {
     if (info == nullptr) {
         return 0;

@@ -41,6 +41,7 @@ bool IsTransport(int value) { return value >= 0 && value <= LAST_TRANSPORT; }
 
 std::string ServiceKey(unsigned int index) { return "service" + std::to_string(index); }
 
+// The fields are written and checked in turn: the first illegal one decides which message is logged.
 int AddSubscription(cJSON* root, const LUM_SUBSCRIBE_SERVICE_S& subscription) {
     cJSON* object = lumora::AddJsonObject(root, SUBSCRIBE_COMMAND);
     if (object == nullptr) {
@@ -71,7 +72,8 @@ int AddSubscription(cJSON* root, const LUM_SUBSCRIBE_SERVICE_S& subscription) {
     return cJSON_AddNumberToObject(object, "TrasType", subscription.transport) != nullptr ? 0 : -1;
 }
 
-// The caller's record may stand at any address: it arrives as text.
+// The caller's record may stand at any address, because it arrives as text: it is copied before its integers
+// are read.
 int AddSubscriptionParam(cJSON* root, const char* param) {
     LUM_SUBSCRIBE_SERVICE_S subscription;
     std::memcpy(&subscription, param, sizeof(subscription));
@@ -80,6 +82,8 @@ int AddSubscriptionParam(cJSON* root, const char* param) {
 
 }  // namespace
 
+// "ClientID" here and "clientID" in ParseJsonCmd are the same member: cJSON compares keys without regard to
+// case, and both ends rely on it. A failure leaves document as it was.
 int GetJsonCmd(int clientID, const char* cmd, const char* param, std::string& document) {
     if (cmd == nullptr) {
         LUMORA_ERROR("cmd is null!\n");
@@ -108,6 +112,9 @@ int GetJsonCmd(int clientID, const char* cmd, const char* param, std::string& do
     return lumora::PrintJson(root.get(), document) ? 0 : -1;
 }
 
+// The text comes from any host. Numbers outside of int are taken by cJSON for the nearest int, so the range
+// checks see them. A wrong data source logs the message of the transport; scripts that watch the log know it
+// so.
 int ParseSubscribeJson(const cJSON* root, const std::string& cmd, LUM_SUBSCRIBE_SERVICE_S* subscription) {
     const cJSON* object = cJSON_GetObjectItem(root, cmd.c_str());
     if (!cJSON_IsObject(object)) {
@@ -142,6 +149,7 @@ int ParseSubscribeJson(const cJSON* root, const std::string& cmd, LUM_SUBSCRIBE_
 namespace {
 
 // Copies the text parameter of a command other than "subscribe".
+// A missing parameter, or one that is not text, counts as empty: clients send commands without one.
 int CopyParam(const cJSON* root, const std::string& cmd, CommandParam* param) {
     const cJSON* item = cJSON_GetObjectItem(root, "param");
     if (!cJSON_IsString(item)) {
@@ -206,6 +214,8 @@ int GetServiceInfoString(const std::string& devServiceType, const std::vector<LU
     return lumora::PrintJson(root.get(), document) ? 0 : -1;
 }
 
+// The text comes from any host that says it is a device. A negative count becomes a large one and is refused
+// with the others.
 int ParseServiceInfoString(const std::string& document, LUM_DEVICE_INFO_S* devInfo) {
     const lumora::JsonTree root = lumora::ParseJson(document);
     if (root == nullptr) {
@@ -239,6 +249,7 @@ int ParseServiceInfoString(const std::string& document, LUM_DEVICE_INFO_S* devIn
     return 0;
 }
 
+// "name" here and "Name" in GetServiceInfoString are the same member, as with the client ID.
 int GetServiceString(const cJSON* root, LUM_DEVICE_INFO_S* devInfo) {
     for (unsigned int i = 0; i < devInfo->serviceNum; ++i) {
         const cJSON* object = cJSON_GetObjectItem(root, ServiceKey(i).c_str());

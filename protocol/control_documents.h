@@ -42,7 +42,8 @@ union CommandParam {
     LUM_SUBSCRIBE_SERVICE_S subscription;
 };
 
-// Every function below returns 0 or -1; a failure is logged unless its description says otherwise.
+// Every function below returns 0 or -1. A failure is logged unless its description says otherwise, or memory
+// ran out while a member was added.
 
 // The command document: {"ClientID":3,"cmd":"SetMode","param":"night"}. For "subscribe", param is a
 // LUM_SUBSCRIBE_SERVICE_S, whose fields are checked.

@@ -20,6 +20,8 @@ void LumoraTransportConfig::SetEndpoint(std::string address, int portNumber) {
     port = portNumber;
 }
 
+// The address is the device's own and is not used there: the device connects back to where the request came
+// from. It is written because devices expect the member.
 std::string LumoraTransportConfig::GetSetupString() {
     std::string text;
     const JsonTree root(cJSON_CreateObject());
@@ -35,6 +37,8 @@ std::string LumoraTransportConfig::GetSetupString() {
     return text;
 }
 
+// The text comes from any host. Members are stored only after all of them were checked. The port may be any
+// int: FillAddress takes its lower 16 bits.
 int LumoraTransportConfig::ParseSetupString(const std::string& setupString) {
     const JsonTree root = ParseJson(setupString);
     if (root == nullptr) {

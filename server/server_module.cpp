@@ -20,6 +20,7 @@ LumoraServerModule* LumoraServerModule::mInstance = nullptr;
 
 namespace {
 
+// Null when memory ran out: the caller has a message of its own for that.
 LumoraServerModule* NewModule(const std::string& devType) {
     try {
         return std::make_unique<LumoraServerModule>(devType).release();
@@ -30,6 +31,7 @@ LumoraServerModule* NewModule(const std::string& devType) {
 
 }  // namespace
 
+// The type of the first call stays. A second LUM_InitServer with another type is answered by the same device.
 LumoraServerModule* LumoraServerModule::CreateInstance(const std::string& devType) {
     LUMORA_TRACE("Enter\n");
     if (mInstance == nullptr) {
@@ -56,6 +58,8 @@ LumoraServerModule::LumoraServerModule(const std::string& devType, const ServerS
     LUMORA_TRACE("Out\n");
 }
 
+// mSmartHomeLink goes before mDevDescriptor: the platform may read the descriptor's text until its handle has
+// been freed.
 LumoraServerModule::~LumoraServerModule() {
     // Unregister first: a late event or request must not reach a dying object.
     lumora::SmartHomeLinkHybird::WithdrawNotifyCallback(this);
@@ -75,6 +79,8 @@ LumoraServerModule::~LumoraServerModule() {
     mTransFactory.reset();
 }
 
+// Runs under mMutex: a request that comes as soon as the platform runs waits until the module is complete. A
+// failed start keeps the module, and the next call tries again.
 int LumoraServerModule::InitLumoraModule() {
     LUMORA_TRACE("Enter\n");
     const MutexLock lock(mMutex);
@@ -120,6 +126,9 @@ int LumoraServerModule::InitializeCoapService() {
     return 0;
 }
 
+// A platform may go on delivering requests through the record of a start that failed, so the destructor has
+// to withdraw from each descriptor that is still alive. Those that are gone are dropped here, or repeated
+// starts would make the list grow.
 void LumoraServerModule::RememberDescriptor() {
     auto& reachable = mReachableDescriptors;
     reachable.erase(std::remove_if(reachable.begin(), reachable.end(),
@@ -142,6 +151,8 @@ int LumoraServerModule::StartCoapService() {
     return 0;
 }
 
+// The flag is cleared before the platform stops, and stays clear if stopping fails: LUM_InitServer may then
+// be called again.
 int LumoraServerModule::CloseCoapService() {
     LUMORA_TRACE("Enter\n");
     if (!mIsInit) {
@@ -157,6 +168,9 @@ int LumoraServerModule::CloseCoapService() {
     return 0;
 }
 
+// Requests are stopped first, because any of them could open a new channel behind the stop. The channel's
+// receive thread is joined without mMutex. An OnData that waits for the API mutex, which this thread holds,
+// notices the stop and gives up.
 int LumoraServerModule::DeInitLumoraModule() {
     LUMORA_TRACE("Enter\n");
     // Without mMutex: closing waits for requests in progress, which need it.
@@ -183,6 +197,9 @@ int LumoraServerModule::DeInitLumoraModule() {
     return 0;
 }
 
+// Failures do not restore what was registered before: a device whose description does not fit is found but
+// not listed, until a registration succeeds. A copy of the record is kept, so the application may reuse its
+// own.
 int LumoraServerModule::RegisterLocalDeviceInfo(const LUM_DEVICE_INFO_S* devInfo) {
     LUMORA_TRACE("Enter\n");
     const MutexLock lock(mMutex);
@@ -216,6 +233,9 @@ int LumoraServerModule::RegisterLocalDeviceInfo(const LUM_DEVICE_INFO_S* devInfo
     return 0;
 }
 
+// A new registration drops all subscriptions. The old services are withdrawn first: between the two steps a
+// send fails as for an unknown service, and never reaches subscribers of the old ones. Without memory the
+// services made so far stay.
 int LumoraServerModule::RegisterServices(const LUM_DEVICE_INFO_S& devInfo) {
     mPublication.SetServices(nullptr);
     mServiceInfos.clear();
@@ -240,6 +260,9 @@ int LumoraServerModule::GetServiceInfoString(std::string& out) {
     return lumoraAiModule::GetServiceInfoString(mDevType, mServiceInfos, out);
 }
 
+// Requests call this with mMutex held, although it joins the receive thread. That thread cannot wait for
+// mMutex: OnData may only send, and sends take mSendMutex. If stopping fails, the transport stays published,
+// so that the next request tries again.
 int LumoraServerModule::StopTransport(const char* operation) {
     const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
     if (transport == nullptr) {

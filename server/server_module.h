@@ -34,9 +34,10 @@ struct ServerSources {
 // The device: its services and their subscribers, the clients that connected, the data channel to them, and
 // the application's callbacks.
 //
-// Operations return 0 or -1 and log their failures. Requests and the lifecycle run under mMutex, one after
-// the other; application callbacks are called with it held and must not call back. Sending runs under
-// mSendMutex and never waits for a request: it works with what requests have published.
+// Operations return 0 or -1 and log their failures. Requests, starting and registering run under mMutex, one
+// after the other. OnCommand and OnEventNotify are called with it held and must not call back. OnData runs on
+// the receive thread without it, and may send. Sending runs under mSendMutex and never waits for a request:
+// it works with what requests have published.
 //
 // Order of locks: server API mutex, then mMutex or mSendMutex (never both), then a transport's own. The
 // publication's lock is a leaf.
@@ -60,7 +61,7 @@ public:
 
     // ---- Lifecycle and registration (server_module.cpp). The caller holds the server API mutex. ----
 
-    // Makes the instance, or gives the existing one.
+    // Makes the instance, or gives the existing one. Null when memory ran out.
     static LumoraServerModule* CreateInstance(const std::string& devType);
     static int DestoryInstance();
 

@@ -25,10 +25,13 @@ constexpr char ON_COAP_POST[] = "OnCoapPost";
 constexpr std::size_t MAX_CONNECTIONS = 1024;
 constexpr std::size_t MAX_SUBSCRIBERS = 1024;
 
+// Connections are counted: a client that connected twice has to leave twice.
 void EraseFirst(std::vector<unsigned int>& ids, int clientID) {
     ids.erase(std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)));
 }
 
+// A copy, because sends may be reading the published list at this moment. If memory runs out, the exception
+// fails the request and the subscription stays.
 std::shared_ptr<LumoraServiceManager> Without(const LumoraServiceManager& service, int clientID) {
     auto next = std::make_shared<LumoraServiceManager>(service);
     EraseFirst(next->mClientIds, clientID);
@@ -37,6 +40,8 @@ std::shared_ptr<LumoraServiceManager> Without(const LumoraServiceManager& servic
 
 }  // namespace
 
+// An unknown key succeeds, and the reply is the value of the request: success does not prove that a device
+// knows a key. Our transports report UNKNOWN. It counts as free, so that clients do not wait.
 int LumoraServerModule::OnCoapGet(const std::string& key, std::string& reply) {
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
@@ -60,6 +65,7 @@ int LumoraServerModule::OnCoapGet(const std::string& key, std::string& reply) {
     return 0;
 }
 
+// Any host may stop the channel: a client that lost its own half asks for this before it has another one.
 int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
@@ -71,6 +77,8 @@ int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
     return 0;
 }
 
+// std::stoi takes the digits that the text begins with and ignores what follows. Nothing proves the number:
+// it is what the peer wrote.
 int LumoraServerModule::OnCoapPost(const std::string& key, const std::string& value) {
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
@@ -99,6 +107,8 @@ int LumoraServerModule::OnCoapDelete(const std::string&, const std::string&) {
     return 0;
 }
 
+// Callbacks run with mMutex held, so the next request waits. If the application has registered nothing, the
+// request succeeds and the command is lost.
 int LumoraServerModule::HandleCommand(const std::string& value) {
     CommandParam param;
     if (memset_s(&param, sizeof(param), 0, sizeof(param)) != 0) {
@@ -163,6 +173,8 @@ int LumoraServerModule::HandleDestroy(int clientID) {
     return 0;
 }
 
+// Published before the application is told, because it may send as soon as OnEventNotify runs, and the first
+// block must reach this client. A repeated subscription succeeds without a second notice.
 int LumoraServerModule::ProcessSubscribe(int clientID, const LUM_SUBSCRIBE_SERVICE_S& record) {
     const auto service = mPublication.Current().FindService(record.serviceName);
     if (service == nullptr) {
@@ -216,6 +228,9 @@ void LumoraServerModule::CallOnEventNotify(int clientID, int event, const LUM_SU
     }
 }
 
+// Walks through the state as it was at the beginning, because each change publishes another one. The callback
+// runs before the change: a block that is sent at that time still goes to this client. When the last client
+// has gone, the channel is closed, because no client reads it any more.
 int LumoraServerModule::ClearOneServerInfo(int clientID) {
     LUMORA_TRACE("Enter\n");
     LUMORA_STATE("Client[%d] will be cleared.\n", clientID);
@@ -247,6 +262,10 @@ int LumoraServerModule::ClearOneServerInfo(int clientID) {
     return 0;
 }
 
+// Any client may ask, and the last one gets the channel: a client that comes back after a crash is not kept
+// out by its old channel. That one is stopped before the new one is tried, because both listen on the same
+// port, and is lost even if the new one fails. The address is the one that the request came from. The one in
+// the setup string is not used, or a request could make this device connect to any host.
 int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::Port& port,
                                             std::string& setup) {
     const MutexLock lock(mMutex);
@@ -288,7 +307,8 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
     return 0;
 }
 
-// Our receiving half comes first: the client connects to it as soon as we have answered.
+// Our receiving half comes first: the client connects to it as soon as we have answered. Connecting back is a
+// part of the request, so that "Succ" tells the client that the device has reached it.
 int LumoraServerModule::OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) {
     LUM_OBSERVER_S observer = {mDevInfo.OnCommand, mDevInfo.OnEventNotify, mDevInfo.OnData};
     const int receiving = transport.CreateTransports(TransType::SERVER_RECEIVE, address, port, observer);
@@ -310,6 +330,9 @@ int LumoraServerModule::OpenDataChannel(LumoraTransManager& transport, const std
 
 int LumoraServerModule::OnAddDevice(unsigned int, const std::string&, int, const std::string&) { return 0; }
 
+// The address is compared without mMutex, so that events about other hosts do not wait for a request in
+// progress. One channel serves all clients of a host, so all of them are taken for gone. mClientList is
+// cleared after the walk: nothing in the walk may change it.
 int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, int, const std::string&) {
     LUMORA_TRACE("Enter\n");
     if (addr != mPublication.RemoteAddress()) {

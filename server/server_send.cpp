@@ -14,6 +14,8 @@ constexpr char PACKET_AND_SEND[] = "PacketAndSendData";
 
 }  // namespace
 
+// mSendMutex, not mMutex: a request that waits for its callback, or for connecting back, must not hold up the
+// data of a running service. Sends wait for each other, because blocks must not be mixed in the stream.
 int LumoraServerModule::SendDataToClient(const std::string& serviceName, const char* data,
                                          unsigned int dataLen, unsigned int* sendLength,
                                          unsigned int timeoutMs) {
@@ -44,6 +46,8 @@ int LumoraServerModule::SendDataToClient(const std::string& serviceName, const c
     return 0;
 }
 
+// A service without subscribers is sent as well: the client's side takes a frame for no client. Each frame is
+// built for the subscribers of this moment; a client that subscribes meanwhile gets the next one.
 int LumoraServerModule::PacketAndSendData(const Published& published, const std::string& serviceName,
                                           const char* data, unsigned int dataLen, unsigned int* sendLength,
                                           unsigned int timeoutMs) {
@@ -93,6 +97,8 @@ int LumoraServerModule::AllocateServerFrame(FrameBuffer& frame, unsigned int hea
     return 0;
 }
 
+// A name of 40 characters fails here: the bounded copy needs room for a terminator. The terminator falls on
+// the first byte of the payload, which is written after it.
 int LumoraServerModule::FillServerFrame(FrameBuffer& frame, const std::vector<unsigned int>& clientIds,
                                         const std::string& serviceName, unsigned int headLen,
                                         const char* data, unsigned int dataLen) {

@@ -8,8 +8,9 @@
 namespace lumoraAiModule {
 
 struct ChannelState {
-    // Ends the receive thread. It wakes up unless it reads a stream at this moment; then it notices when the
-    // stream pauses.
+    // Ends the receive thread. A thread that waits for data wakes up; one that is in read() notices when the
+    // read returns, after half a second at the latest. The flag is cleared before the wait ends, or the
+    // thread could wake up, find it still set and wait again.
     void EndReceiving() {
         running = false;
         receiveWait.End();

@@ -8,6 +8,8 @@ namespace lumoraAiModule {
 
 namespace {
 
+// The kernel drops packets with such a source from other hosts, so a process of this host made the
+// connection.
 bool IsLoopback(in_addr address) { return ntohl(address.s_addr) >> 24 == IN_LOOPBACKNET; }
 
 }  // namespace
@@ -23,6 +25,9 @@ void ExpectedPeer::Begin(Clock::time_point now) {
     mTakeAnyFrom = now + PATIENCE;
 }
 
+// A host that connects and stays silent must not keep the expected peer out, so its connection is only held.
+// It must not keep the place when it has left either, so a held connection that was closed makes room for the
+// next one. One is held, not a list: a host that connects in a loop costs one descriptor.
 Descriptor ExpectedPeer::Choose(Descriptor accepted, in_addr from, Clock::time_point now) {
     if (accepted.IsOpen() && IsExpected(from)) {
         mFromElsewhere.Close();

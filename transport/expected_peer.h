@@ -16,6 +16,7 @@ namespace lumoraAiModule {
 class ExpectedPeer {
 public:
     using Clock = std::chrono::steady_clock;
+    // The peer connects within milliseconds. If its SYN is lost, its kernel repeats it after one second.
     static constexpr std::chrono::milliseconds PATIENCE{2000};
 
     // Expects any host when address is not dotted IPv4.

@@ -33,6 +33,9 @@ bool FrameBuffer::AllocateArray(std::size_t size) {
     return mBytes != nullptr;
 }
 
+// One page more than asked for, so that an array at any address contains the offset. Without memory nothing
+// is held: what was held before is released first, because two buffers of several MiB may not fit into a
+// small device.
 bool FrameBuffer::AllocateAt(std::size_t pageOffset, std::size_t size) {
     if (size > SIZE_MAX - PAGE_SIZE) {  // the sum would overflow on 32-bit hosts
         Release();

@@ -29,6 +29,10 @@ unsigned int FrameStream::MissingBytes() {
     return whole >= MIN_APART_PAYLOAD && whole > mHeld.Length() ? whole - mHeld.Length() : READ_SIZE;
 }
 
+// The flag is shared by all transports of a side, and a stop leaves it set. A new transport may thus begin
+// with the flag set and nothing held: its first bytes are then appended and cut from the held ones, which
+// gives the same frames. Two transports that receive at the same time would disturb each other; the modules
+// stop one before they make the next.
 int FrameStream::ParseAndSendData(char* data, unsigned int length) {
     if (!mLeftOverPending) {
         return CutNewBytes(data, length);
@@ -36,6 +40,7 @@ int FrameStream::ParseAndSendData(char* data, unsigned int length) {
     return mHeld.Append(data, length) != 0 ? -1 : CutHeldBytes();
 }
 
+// Whole frames are handed up from where the read put them. Only the rest is copied.
 int FrameStream::CutNewBytes(char* data, unsigned int length) {
     unsigned int consumed = 0;
     mCutter.CutFrames(data, length, consumed);
@@ -48,6 +53,10 @@ int FrameStream::CutNewBytes(char* data, unsigned int length) {
     return 0;
 }
 
+// To a client an illegal head means that nothing is consumed. Every read is then appended until the buffer is
+// full, and the append fails: garbage from a device costs one buffer and no more. A server skips an illegal
+// head. If memory runs out while the rest is moved, -1 is returned with the stream out of step: the rest
+// still lies behind the frames that were handed up.
 int FrameStream::CutHeldBytes() {
     const unsigned int headLength = std::max(HeadLengthOf(mHeld.Data()), mCutter.MinimumHeadLength());
     if (headLength > mHeld.Length()) {

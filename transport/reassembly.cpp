@@ -11,6 +11,8 @@
 
 namespace lumoraAiModule {
 
+// Only the spare bytes are zeroed. The kernel gives a large array its pages when they are first written, so a
+// channel that carries small frames never occupies most of it.
 bool Reassembly::Allocate() {
     mLength = 0;
     if (!mBuffer.AllocatePages(mCapacity + FRAME_SPARE_LENGTH)) {
@@ -25,6 +27,8 @@ void Reassembly::Release() {
     mLength = 0;
 }
 
+// A read usually puts its bytes at End() already. Then the move is none, but its check of the room still
+// counts. On failure the held bytes stay as they were and the new ones are lost.
 int Reassembly::Append(const char* data, unsigned int length) {
     const int ret = Owns(data) ? MoveToEnd(data, length) : memcpy_s(End(), Room(), data, length);
     if (ret != 0) {
@@ -64,6 +68,7 @@ int Reassembly::CopyLeftDataToBuffer(unsigned int consumed) {
     return 0;
 }
 
+// std::less orders any two pointers; < on pointers into different arrays is undefined.
 bool Reassembly::Owns(const char* data) const {
     const std::less<const char*> before;
     return !before(data, mBuffer.Bytes()) && before(data, mBuffer.Bytes() + mCapacity);
@@ -77,6 +82,8 @@ int Reassembly::MoveToEnd(const char* data, unsigned int length) {
     return 0;
 }
 
+// A frame's fields may point past its end. Without this they would be read from the bytes of an earlier
+// frame.
 void Reassembly::ZeroBehindData() { std::memset(End(), 0, std::min(Room(), FRAME_SPARE_LENGTH)); }
 
 }  // namespace lumoraAiModule

@@ -9,7 +9,9 @@ namespace lumoraAiModule {
 
 namespace {
 
-// Without a timer a waiting thread has to look for itself whether it shall go on.
+// Without a timer no other thread can end the wait. Half a second is then how late a stop or a failed send is
+// noticed. With a timer the limit is only a second line of defence, and an idle channel wakes up twice a
+// minute.
 constexpr timeval LIMIT_WITHOUT_TIMER = {0, 500000};
 constexpr timeval LIMIT_WITH_TIMER = {30, 0};
 
@@ -34,8 +36,12 @@ ReceiveWait::Result ReceiveWait::ForData(const Descriptor& socket) {
         return Result::FAILED;
     }
     if (ready > 0 && mTimer.IsOpen() && FD_ISSET(mTimer.Number(), &readable)) {
-        // Before the flag: an EndSoon that finds the flag set relies on a timer that is still to come, and
-        // its caller has seen this thread waiting, which it does no more.
+        // Disarm first, then clear the flag. The other way round:
+        //   this thread    clears the flag
+        //   sender         sets the flag and arms the timer
+        //   this thread    disarms it: the flag stays set with no timer, and no later EndSoon arms one
+        // In this order an EndSoon between the two steps finds the flag set and arms nothing. That is enough:
+        // this thread has left its wait, and looks at what the sender holds back before it waits again.
         SetTimer(std::chrono::nanoseconds(0));
         mEndsSoon = false;
     }
@@ -48,7 +54,8 @@ void ReceiveWait::EndSoon(std::chrono::microseconds delay) {
     }
 }
 
-// Setting a timer also takes back that it has run out: no read is needed.
+// Setting a timer clears its expiry, so its descriptor is no longer readable and no read is needed. A setting
+// of 0 disarms it; that is why End uses 1 ns.
 void ReceiveWait::SetTimer(std::chrono::nanoseconds delay) {
     if (!mTimer.IsOpen()) {
         return;

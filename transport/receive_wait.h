@@ -19,10 +19,11 @@ public:
     // Waits until socket is readable, the wait is ended, or a limit has passed. FAILED leaves errno.
     Result ForData(const Descriptor& socket);
 
-    // Whether a thread waits for data right now, so that EndSoon reaches it.
-    bool IsWaiting() const { return mWaiting; }
+    // Whether a thread waits for data right now, and EndSoon reaches it. Always false without a timer.
+    bool IsWaiting() const { return mWaiting && mTimer.IsOpen(); }
 
-    // Ends this wait, or the next one if no thread waits.
+    // Ends this wait, or the next one if no thread waits. Has no effect without a timer; a wait then ends by
+    // itself after half a second.
     void End() { SetTimer(std::chrono::nanoseconds(1)); }
     // The same after delay. Has no effect if an earlier EndSoon is still to come.
     void EndSoon(std::chrono::microseconds delay);

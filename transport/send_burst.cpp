@@ -12,6 +12,8 @@ constexpr bool IS_BUILT_IN = true;
 
 }  // namespace
 
+// A frame after a gap begins a new burst and is not held back: a request that waits for its answer loses no
+// time.
 bool SendBurst::MayHoldBack(unsigned int length, Clock::time_point now) {
     if (length > LARGEST_FRAME || now - mLastSent > LONGEST_GAP) {
         mFrames = 0;

@@ -22,7 +22,8 @@ namespace lumoraAiModule {
 
 namespace {
 
-// A silent peer is given up after idle + count * interval = 14 s.
+// A peer whose power fails sends no FIN, and a silent channel would never notice. It is given up after idle +
+// count * interval = 14 s.
 constexpr int KEEPALIVE_IDLE_SECONDS = 5;
 constexpr int KEEPALIVE_INTERVAL_SECONDS = 3;
 constexpr int KEEPALIVE_COUNT = 3;
@@ -34,8 +35,9 @@ int MillisecondsUntil(Clock::time_point deadline) {
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(rest.count(), 0));
 }
 
-// connect goes on after a signal interrupted it, even with SA_RESTART, because SO_SNDTIMEO is set. This waits
-// for how it ends.
+// connect returns EINTR even with SA_RESTART, because SO_SNDTIMEO is set. The kernel goes on connecting, and
+// a second connect would fail with EALREADY, so this waits for the end. SO_ERROR alone does not tell it: it
+// is 0 also while the connection is still being made, and getpeername then fails.
 int FinishInterruptedConnect(const Descriptor& socket, Clock::time_point deadline) {
     PauseUntilReady(socket.Number(), POLLOUT, MillisecondsUntil(deadline));
     int error = 0;
@@ -62,6 +64,10 @@ Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
     return *this;
 }
 
+// 0 stands for "none", and the kernel gives that number to a socket when the application has closed its
+// standard input. Such a socket is moved to another number. FD_SET writes behind its set for a number of
+// FD_SETSIZE or more, so an application with that many open files is refused with EMFILE. close may change
+// errno; the caller logs the error of the step that failed.
 Descriptor Descriptor::Adopt(int fd) {
     Descriptor descriptor;
     if (fd < 0) {
@@ -91,8 +97,11 @@ void Descriptor::Close() {
     }
 }
 
+// SOCK_CLOEXEC, not fcntl afterwards: another thread may call fork and exec between the two, and its child
+// would keep the port and the connection open.
 Descriptor OpenStreamSocket() { return Descriptor::Adopt(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)); }
 
+// accept does not pass O_NONBLOCK on in Linux: the connection blocks in read, as LimitReadWaits needs it.
 Descriptor AcceptConnection(const Descriptor& listenSocket, in_addr& from) {
     sockaddr_in peer = {};
     socklen_t size = sizeof(peer);
@@ -118,10 +127,14 @@ int SetNonBlocking(const Descriptor& socket) {
     return flags < 0 ? -1 : fcntl(socket.Number(), F_SETFL, flags | O_NONBLOCK);
 }
 
+// Connections of the last channel may stay in TIME_WAIT for a minute, and bind would fail with EADDRINUSE for
+// that long.
 int SetReuseAddress(const Descriptor& socket) {
     return lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_REUSEADDR, 1) ? 0 : -1;
 }
 
+// Without SO_SNDTIMEO Linux tries for about two minutes, and the caller's locks are held for as long. The
+// option stays set; it has no effect later, because the socket becomes non-blocking.
 int ConnectWithin(const Descriptor& socket, const sockaddr_in& address, int seconds) {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(seconds);
     lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_SNDTIMEO, timeval{seconds, 0});
@@ -145,7 +158,7 @@ void TuneConnection(const Descriptor& socket) {
     lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_COUNT);
 }
 
-// Setting the option again is what pushes, whatever it was before.
+// The kernel pushes what MSG_MORE holds back when TCP_NODELAY is set, also if it was set already.
 void PushWritten(const Descriptor& socket) {
     lumora::SetSocketOption(socket.Number(), IPPROTO_TCP, TCP_NODELAY, 1);
 }
@@ -154,8 +167,11 @@ void LimitReadWaits(const Descriptor& socket, int microseconds) {
     lumora::SetSocketOption(socket.Number(), SOL_SOCKET, SO_RCVTIMEO, timeval{0, microseconds});
 }
 
+// close would not do: it does not wake a thread in select or read, and the number may then belong to another
+// file of the application before that thread uses it again.
 void StopReading(const Descriptor& socket) { shutdown(socket.Number(), SHUT_RD); }
 
+// POLLRDHUP sees a FIN behind data that was not read yet; a read with MSG_PEEK would see only the data.
 bool HasPeerLeft(const Descriptor& socket, int milliseconds) {
     return PauseUntilReady(socket.Number(), POLLRDHUP, milliseconds);
 }

@@ -51,6 +51,8 @@ int LumoraTCPTransClient::CreateReceiveDirection(const std::string& addr, int po
     return 0;
 }
 
+// Without memory for the buffer the thread ends before it accepts. The device connects nevertheless, because
+// the kernel answers for the listening socket. No data arrives then.
 void LumoraTCPTransClient::ClientReceiveThread() {
     FrameBuffer readBuffer;
     if (mReceiver.AllocateReadBuffer(readBuffer) && mReceiver.AcceptAndReceive(readBuffer)) {
@@ -58,6 +60,8 @@ void LumoraTCPTransClient::ClientReceiveThread() {
     }
 }
 
+// A stream that cannot be cut ends the thread without OnDisconnect, which is for connections that ended: the
+// module keeps the device, and the application can still send to it.
 bool LumoraTCPTransClient::OnReceived(char* data, unsigned int length) {
     if (ParseAndSendData(data, length) != 0) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(Side::CLIENT), "ParseAndSendData failed!\n");
@@ -71,6 +75,9 @@ bool LumoraTCPTransClient::OnReceiveTimeout() {
     return true;
 }
 
+// The flags come first: a send that another thread starts while OnDisconnect runs must fail at once.
+// OnDisconnect may drop the module's last reference to this transport; the reference of the receive thread
+// keeps it alive until that thread has closed its sockets.
 void LumoraTCPTransClient::OnConnectionLost(int) {
     mState.running = false;
     mState.broken = true;
@@ -89,6 +96,8 @@ int LumoraTCPTransClient::ClientParseAndSendData(char* data, unsigned int length
         return 0;
     }
     unsigned int frameLength = 0;
+    // < and not <=: a frame without payload at the end of the data is handed up with the bytes that follow
+    // it. headLen is that of the frame before, so the bytes of the common head are checked for as well.
     while (consumed + headLen < length && length - consumed >= COMMON_HEAD_LENGTH) {
         ParseDataHead(data + consumed, headLen, frameLength);
         // A frame of length 0 would be cut off without end.
@@ -101,6 +110,8 @@ int LumoraTCPTransClient::ClientParseAndSendData(char* data, unsigned int length
     return 0;
 }
 
+// For a head that is too long frameLength stays as the caller had it. In the loop above that is the length of
+// the frame before; reading goes on by it, and OnRecvData checks the fields again.
 void LumoraTCPTransClient::ParseDataHead(const char* data, unsigned int& headLen, unsigned int& frameLength) {
     headLen = HeadLengthOf(data);
     if (headLen > MAX_SERVER_FRAME_HEAD_LENGTH) {
@@ -132,6 +143,8 @@ unsigned int LumoraTCPTransClient::PendingFrameLength(const char* data, unsigned
 
 unsigned int LumoraTCPTransClient::MinimumHeadLength() const { return COMMON_HEAD_LENGTH; }
 
+// The timeout is not used: the number of attempts without progress bounds a send. A spent budget returns 0
+// with a short *written; the next call fails.
 int LumoraTCPTransClient::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
     const lumora::MutexLock lock(mSender.mMutex);
     const std::shared_ptr<Descriptor> socket = mSender.Socket();
@@ -147,6 +160,9 @@ int LumoraTCPTransClient::SendFrame(const FrameParts& frame, unsigned int* writt
     return 0;
 }
 
+// A send holds the mutex for as long as the peer takes bytes, so it is told to end before the mutex is taken.
+// Resume stands inside the mutex: by then no send runs, and the next one finds no socket. Two threads that
+// stop at once are harmless, because the second finds everything closed.
 int LumoraTCPTransClient::StopTransports() {
     mSender.Interrupt();  // before the mutex, which a send in progress holds
     {

@@ -19,18 +19,25 @@ namespace lumoraAiModule {
 
 namespace {
 
+// One peer is expected. The rest is room for strangers, so that their connections do not keep the peer's out.
 constexpr int LISTEN_BACKLOG = 10;
+// A failed send clears the running flag only; it does not shut this socket down. So a read that waits has to
+// return by itself now and then to look at the flag.
 constexpr int READ_WAIT_US = 500000;  // after it, a read that waits looks whether it shall go on
+// A host that dies sends its resets and FINs within milliseconds. The rest is time for a loaded host and for
+// one retransmission.
 constexpr std::chrono::milliseconds LOST_PEER_LOOK{1000};
 constexpr int LOST_PEER_PAUSE_MS = 20;    // how soon a stop is noticed while a lost peer is looked for
 constexpr int ACCEPT_PAUSE_MS = 2;        // the same while the peer is waited for
 constexpr int NOTHING_READ_PAUSE_MS = 1;  // after select promised data and read found none
+// With the pause above about half a second, as for a send without progress.
 constexpr unsigned int NOTHING_READ_LIMIT = 500;
 
 }  // namespace
 
-// The thread holds its transport while it runs, so it has either ended, or it is what runs this destructor
-// and cannot join itself.
+// The receive thread holds its transport while it runs. So it has either ended, or it drops the last
+// reference and runs this destructor itself. A thread that joins itself fails with an exception, and a
+// joinable std::thread that is destroyed ends the process; so it is detached.
 TcpReceiver::~TcpReceiver() {
     if (!mReceiveThread.joinable()) {
         return;
@@ -42,6 +49,8 @@ TcpReceiver::~TcpReceiver() {
     }
 }
 
+// A receiving direction that was created before is ended first. mStopped is cleared only after the join: the
+// old thread must still see that it was stopped, or it reports the end of its connection as a loss.
 int TcpReceiver::Listen(const std::string& addr, int port, int& error) {
     Stop();
     Join();  // of a receiving direction that was created before
@@ -96,6 +105,9 @@ int TcpReceiver::BindAndListen(const Descriptor& socket, const sockaddr_in& addr
     return 0;
 }
 
+// The thread clears its ID when it ends, because the C library gives the IDs of ended threads to new ones:
+// Join would take one of these for the receive thread. Without a thread the port is closed again, so that
+// peers are refused.
 int TcpReceiver::StartThread(std::shared_ptr<void> owner) {
     const lumora::MutexLock lock(mThreadMutex);
     const lumora::AllSignalsBlocked blocked;
@@ -139,6 +151,8 @@ bool TcpReceiver::AcceptAndReceive(FrameBuffer& readBuffer) {
     return true;
 }
 
+// Waits as long as the module lets it: if setting up the channel fails, the module stops the transport.
+// EMFILE ends the wait too: an application without free descriptors gets no channel.
 int TcpReceiver::WaitForConnect(Descriptor& receiveSocket, const Descriptor& listenSocket) {
     mExpectedPeer.Begin(ExpectedPeer::Clock::now());
     while (mState.running) {
@@ -180,7 +194,8 @@ void TcpReceiver::ReceiveLoop(char* readBuffer) {
 }
 
 // While data keeps arriving, the thread blocks in read() (SO_RCVTIMEO) instead of select() and read(): one
-// system call less for each piece. False ends the loop.
+// system call less for each piece. A read that comes back empty-handed from such a wait does not count
+// against the budget: nothing had promised it data. False ends the loop.
 bool TcpReceiver::ReceiveOnce(char* readBuffer, bool& dataCame) {
     const ReceiveWait::Result result = dataCame ? ReceiveWait::Result::READABLE : WaitForData();
     if (result != ReceiveWait::Result::READABLE) {
@@ -200,6 +215,7 @@ bool TcpReceiver::ReceiveOnce(char* readBuffer, bool& dataCame) {
     return !HasBeenStopped() && OnNothingRead(error);
 }
 
+// OnWaitEnded may make system calls, so errno is saved before it.
 ReceiveWait::Result TcpReceiver::WaitForData() {
     const ReceiveWait::Result result = mState.receiveWait.ForData(mReceiveSocket);
     const int error = errno;
@@ -211,6 +227,8 @@ ReceiveWait::Result TcpReceiver::WaitForData() {
     return result;
 }
 
+// The cutter may look at bytes behind the data (see FRAME_SPARE_LENGTH). Both buffers have room for that many
+// zeros behind any read.
 ssize_t TcpReceiver::ReadSome(char* readBuffer, char*& data) {
     unsigned int most = 0;
     data = mStream.ReadPosition(readBuffer, most);
@@ -223,15 +241,16 @@ ssize_t TcpReceiver::ReadSome(char* readBuffer, char*& data) {
 }
 
 // After StopReading, read() returns 0, exactly as after a close by the peer; mPeerHadLeft tells them apart.
+// If the peer had left before the stop, the end is reported as its own.
 bool TcpReceiver::HasBeenStopped() {
     const lumora::MutexLock lock(mReceiveSocketMutex);
     return mStopped && !mPeerHadLeft;
 }
 
-// A send failed. When the peer has died, the close of this connection arrives a little before or after the
-// error of the other one, behind what the peer had sent before: that has to be read, because a full receive
-// window holds the close back. Without this look a client would not learn of the end of three in ten devices
-// that die under a stream. A stop ends it.
+// A send failed, or the sending direction was closed. When the peer dies, one connection may meet its reset
+// before the close of the other arrives. If the thread ended at once, OnDisconnect would never be called:
+// that happened for three in ten devices that died under a stream. The close arrives behind the data sent
+// before; this reads them, because a full receive window holds the close back.
 void TcpReceiver::LookForLostPeer(char* readBuffer) {
     const auto deadline = std::chrono::steady_clock::now() + LOST_PEER_LOOK;
     while (!HasBeenStopped() && std::chrono::steady_clock::now() < deadline) {
@@ -250,6 +269,8 @@ void TcpReceiver::LookForLostPeer(char* readBuffer) {
     }
 }
 
+// select may report a socket whose read then would block, so such reads have a budget. After an end of the
+// stream error is 0.
 bool TcpReceiver::OnNothingRead(int error) {
     if (error == EAGAIN) {
         PauseUntilReady(mReceiveSocket.Number(), POLLIN, NOTHING_READ_PAUSE_MS);
@@ -264,12 +285,17 @@ bool TcpReceiver::OnNothingRead(int error) {
     return false;
 }
 
+// Under the mutex, because Stop may be about to shut the socket down. After the close its number may already
+// belong to another file of the application.
 void TcpReceiver::CloseSocket() {
     const lumora::MutexLock lock(mReceiveSocketMutex);
     mReceiveSocket.Close();
     mListenSocket.Close();
 }
 
+// The look comes before StopReading, because our own shutdown sets POLLRDHUP as well. Only the first of
+// several stops looks, for the same reason. A thread that still waits for the peer notices the flag within
+// ACCEPT_PAUSE_MS.
 void TcpReceiver::Stop() {
     const lumora::MutexLock lock(mReceiveSocketMutex);
     mState.running = false;
@@ -279,6 +305,9 @@ void TcpReceiver::Stop() {
     }
 }
 
+// The receive thread must not wait for its own end: its callbacks may stop the transport. Two other threads
+// may join at once; the mutex lets one wait for the other, because joining a std::thread twice is undefined.
+// A thread that could not allocate its buffer has left the sockets open.
 void TcpReceiver::Join() {
     if (mReceiveThreadId == std::this_thread::get_id()) {
         return;

@@ -53,8 +53,8 @@ public:
     // reference to itself. 0 or -1.
     int StartThread(std::shared_ptr<void> owner);
 
-    // Ends the receive thread and wakes it. A transport that only breaks clears the running flag instead: its
-    // thread then ends when its wait does, after it has seen whether the peer has closed the connection.
+    // Ends the receive thread and wakes it. A transport that only breaks calls ChannelState::EndReceiving
+    // instead: its thread then looks for the peer's close for a second before it ends.
     void Stop();
     // Waits for the receive thread's end, unless this is the receive thread itself, and closes what it used.
     void Join();

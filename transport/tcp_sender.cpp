@@ -15,11 +15,17 @@ namespace lumoraAiModule {
 
 namespace {
 
+// How soon a send notices that it was interrupted, or that its channel broke.
 constexpr int FULL_SOCKET_PAUSE_MS = 1;
+// Pauses without one byte written: together about half a second. The caller's locks are held meanwhile, so a
+// peer that stops reading delays other calls for no longer.
 constexpr unsigned int FULL_SOCKET_LIMIT = 500;  // pauses without one byte written
 
 }  // namespace
 
+// The socket blocks until it is connected, so that SO_SNDTIMEO bounds the connect, and is non-blocking from
+// then on: a blocking send could not be interrupted. The socket is stored when it is complete; a failure
+// leaves the one before in place.
 int TcpSender::SetupSenderSocket(int port, const std::string& addr, int limitSeconds, int& error) {
     auto socket = std::make_shared<Descriptor>(OpenStreamSocket());
     if (!socket->IsOpen()) {
@@ -48,6 +54,9 @@ int TcpSender::SetupSenderSocket(int port, const std::string& addr, int limitSec
     return 0;
 }
 
+// MSG_NOSIGNAL: without it a peer that has closed would end the application by SIGPIPE. A frame is held back
+// only while the receive thread waits, because that thread is woken to push it. A frame that was not held
+// back takes the ones before it along.
 int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame,
                         unsigned int* written) {
     const unsigned int length = frame.Length();
@@ -86,6 +95,10 @@ void TcpSender::PushHeldBack() {
     }
 }
 
+// A write may take a part of the frame only. The rest has to follow at once, so the caller holds mMutex
+// throughout. DestoryTransports closes the socket without that mutex while this thread may be in send or
+// poll: the shared pointer keeps the descriptor's number from being used again. An error ends the receiving
+// direction too, or a client would listen to a device that it cannot reach.
 int TcpSender::Write(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, int flags,
                      unsigned int* written) {
     const unsigned int length = frame.Length();
@@ -133,11 +146,14 @@ ssize_t TcpSender::WriteFrom(const Descriptor& socket, const FrameParts& frame, 
     return sendmsg(socket.Number(), &message, flags);
 }
 
-// A device's channel whose receiving direction has ended can no longer send. A client's can.
+// A device's channel whose receiving direction has ended can no longer send: its client has closed or is
+// gone. A client's can, and finds out by the error of its write.
 bool TcpSender::MayWrite() const {
     return !mState.broken && !mInterrupted && (mSide == Side::CLIENT || mState.running);
 }
 
+// A spent budget is no error for the caller: the bytes that were written stay in the stream, and the short
+// count tells the rest. The channel is broken from here on.
 bool TcpSender::PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites) {
     PauseUntilReady(socket.Number(), POLLOUT, FULL_SOCKET_PAUSE_MS);
     if (wouldBlockWrites++ <= FULL_SOCKET_LIMIT) {
@@ -156,13 +172,15 @@ std::shared_ptr<Descriptor> TcpSender::Socket() {
     return mSocket;
 }
 
+// The shutdown sends the FIN and wakes a writer in poll, also while that writer still holds the descriptor.
+// It stands outside of the mutex, as any system call; the local reference keeps the descriptor open.
 void TcpSender::SetSocket(std::shared_ptr<Descriptor> socket) {
     {
         const lumora::MutexLock lock(mSocketMutex);
         mSocket.swap(socket);
     }
     if (socket != nullptr && socket->IsOpen()) {
-        shutdown(socket->Number(), SHUT_RDWR);  // wakes a writer that waits for room
+        shutdown(socket->Number(), SHUT_RDWR);
     }
 }
 

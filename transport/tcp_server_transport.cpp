@@ -67,6 +67,8 @@ int LumoraTCPTransServer::CreateSendDirection(const std::string& addr, int port)
     return 0;
 }
 
+// Without memory for the buffer the thread ends and the running flag stays set: the device can still send to
+// the client.
 void LumoraTCPTransServer::ServerReceiveThread() {
     FrameBuffer readBuffer;
     if (!mReceiver.AllocateReadBuffer(readBuffer)) {
@@ -81,6 +83,8 @@ void LumoraTCPTransServer::ServerReceiveThread() {
     }
 }
 
+// The result is not used: what a client sends wrongly costs that client its data, and the others still get
+// what the device sends.
 bool LumoraTCPTransServer::OnReceived(char* data, unsigned int length) {
     ParseAndSendData(data, length);
     mReceiver.RenewReadBudget();
@@ -105,6 +109,9 @@ void LumoraTCPTransServer::CutFrames(char* data, unsigned int length, unsigned i
     ServerParseAndSendData(data, length, consumed);
 }
 
+// < and not <=: a frame without payload at the end of the data is handed up with the bytes that follow it. A
+// frame whose head is illegal counts as empty and is skipped by six bytes, so the loop ends for any input.
+// Payload lengths are at most MAX_CLIENT_FRAME_PAYLOAD, so the sum does not overflow.
 int LumoraTCPTransServer::ServerParseAndSendData(char* data, unsigned int length, unsigned int& consumed) {
     const lumora::DataCallbackScope scope(mState.running);
     consumed = 0;
@@ -154,6 +161,7 @@ unsigned int LumoraTCPTransServer::WholeFrameLength(const char* data) {
     return isLegal ? CLIENT_FRAME_HEAD_LENGTH + PayloadLengthOf(data) : 0;
 }
 
+// Without the head's six bytes. A try that comes too early only fails to find a whole frame.
 unsigned int LumoraTCPTransServer::PendingFrameLength(const char* data, unsigned int length) {
     int clientID = 0;
     unsigned int payloadLen = 0;
@@ -163,6 +171,8 @@ unsigned int LumoraTCPTransServer::PendingFrameLength(const char* data, unsigned
 
 unsigned int LumoraTCPTransServer::MinimumHeadLength() const { return CLIENT_FRAME_HEAD_LENGTH; }
 
+// Before the channel has ever been connected *written stays as it is, unlike after a break: the caller has
+// set it to 0 already.
 int LumoraTCPTransServer::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
     const lumora::MutexLock lock(mSender.mMutex);
     if (!mConnected) {

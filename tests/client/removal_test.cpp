@@ -41,6 +41,22 @@ TEST_F(RemovalTest, ConnectedClientIsToldAndCleared) {
     EXPECT_THAT(mLog.Texts(4), IsEmpty());
 }
 
+TEST_F(RemovalTest, AddressesOfManyFormerSearchesAreForgottenButNotThoseInUse) {
+    RegisterForEvents(1);
+    Connect(1, Camera());
+    for (int port = 20000; port < 20000 + 4 * 300; port += 4) {
+        mPlatform.devices.clear();
+        for (int i = 0; i < 4; ++i) {
+            AddDevice("type " + std::to_string(port + i), port + i);
+        }
+        Search();
+    }
+    EXPECT_EQ(-1, Remove(5684));
+    EXPECT_THAT(mLog.Texts(4).back(), "device addr : 127.0.0.1 is not the one we conncted!!\n");
+    EXPECT_EQ(0, Remove(5683));
+    EXPECT_THAT(ClientEvents(), ElementsAre("1:1"));
+}
+
 TEST_F(RemovalTest, ClientsAreToldInTheOrderOfTheirIds) {
     NewClients(3);
     const unsigned int camera = Camera();

@@ -301,6 +301,9 @@ extern "C" AppResourceProxy* GetNextAppResourceProxy(AppResourceProxy* proxy) {
 }
 
 extern "C" void FreeAppResourceProxy2(AppResourceProxy* proxy) {
+    if (g_platform != nullptr) {
+        g_platform->onFree();
+    }
     const std::unique_ptr<Proxy> owner(&Self(proxy));
     const std::lock_guard<std::mutex> lock(g_mutex);
     --g_liveProxies;

@@ -55,6 +55,7 @@ public:
     int runResult = 0;
     int exitResult = 0;
     std::function<void()> onExit = [] {};  // runs inside Exit
+    std::function<void()> onFree = [] {};  // runs inside FreeAppResourceProxy2
     std::vector<FakeDevice> devices;       // what every search finds, in this order
 
     // ---- What has been called ----

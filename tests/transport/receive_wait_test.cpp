@@ -2,10 +2,12 @@
 #include "transport/receive_wait.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <optional>
 #include <thread>
 
 #include "tests/support/eventually.h"
@@ -69,6 +71,30 @@ TEST_F(ReceiveWaitTest, EveryEndSoonEndsAWait) {
         ASSERT_EQ(ReceiveWait::Result::NOT_YET,
                   WaitDuring([&] { mWait.EndSoon(std::chrono::microseconds(80)); }));
     }
+}
+
+// EndSoon cannot reach a wait without a timer. A sender must not rely on it, or small frames stay in the
+// kernel.
+TEST_F(ReceiveWaitTest, WithoutATimerNoThreadCountsAsWaiting) {
+    rlimit usual = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &usual));
+    const rlimit none{0, usual.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+    std::optional<ReceiveWait> wait(std::in_place);
+    setrlimit(RLIMIT_NOFILE, &usual);
+
+    std::atomic<bool> ended{false};
+    bool counted = false;
+    std::thread waiting([&] {
+        EXPECT_EQ(ReceiveWait::Result::NOT_YET, wait->ForData(mSocket));
+        ended = true;
+    });
+    while (!ended) {
+        counted = counted || wait->IsWaiting();
+        std::this_thread::yield();
+    }
+    waiting.join();
+    EXPECT_FALSE(counted);
 }
 
 }  // namespace

@@ -8,20 +8,18 @@ namespace lumora_link {
 
 namespace {
 
-constexpr std::size_t TOKEN_BYTES = 7;  // one byte is left for the number of the probe
+// A token has 8 bytes. The last one is the number of the probe.
+constexpr std::size_t TOKEN_BYTES = 7;
 
-// Answers of many nodes are spread over this time; few nodes need not wait.
-constexpr Milliseconds LEISURE_PER_NODE{1};
-constexpr Milliseconds LONGEST_LEISURE{50};
+// Five answers per millisecond do not overrun an asker. A longer spread would only cost time.
+constexpr std::size_t ANSWERS_PER_MILLISECOND = 5;
+constexpr Milliseconds LONGEST_LEISURE{30};
 constexpr Milliseconds SECOND_COPY{15};
 
-// A search sends nine probes; who asks much more often is not answered.
+// A search sends nine probes. An asker that sends many more gets no answers until the second is over.
 constexpr unsigned ANSWERS_PER_SECOND = 40;
 constexpr std::size_t MAX_ASKERS = 1024;
 constexpr std::size_t MAX_DELAYED_ANSWERS = 4096;
-
-// A node that spoke within two hello intervals counts as found though its answers were lost.
-constexpr Milliseconds FRESH{1600};
 
 }  // namespace
 
@@ -35,14 +33,16 @@ Discovery::Discovery(const LocalNode& localNode, IdSource& idSource, Network& ne
       mUnanswered(unanswered) {}
 
 void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
-    std::set<std::uint64_t> expected;
+    Search::Knowledge knowledge;
     for (const Peer* peer : mPresence.Directory().OfType(deviceType)) {
         if (mPresence.Directory().IsCredible(*peer)) {
-            expected.insert(peer->node.identity.id);
+            knowledge.nodes.insert(peer->node.identity.id);
         }
     }
-    mSearches.push_back(
-        {ticket, mIdSource.NextToken().substr(0, TOKEN_BYTES), Search(deviceType, std::move(expected), now)});
+    knowledge.complete = mPresence.KnowsEveryNode(now);
+    knowledge.counted = mLocalNode.deviceType == deviceType;
+    mSearches.push_back({ticket, mIdSource.NextToken().substr(0, TOKEN_BYTES),
+                         Search(deviceType, std::move(knowledge), now)});
     Tick(now);
 }
 
@@ -54,13 +54,42 @@ void Discovery::OnProbe(const CoapMessage& probe, const Endpoint& source, const 
         !MayAnswer(source, now)) {
         return;
     }
-    const Milliseconds leisure = mPresence.Directory().ForAll(LEISURE_PER_NODE);
-    const TimePoint at = now + mIdSource.Jitter(std::min(LONGEST_LEISURE, leisure));
-    Schedule(probe, source, via.index, at);
+    CoapMessage answer = AnswerTo(probe, via.host, now);
+    const TimePoint at = now + mIdSource.Jitter(LongestDelay(probe));
+    answer.messageId = mIdSource.NextMessageId();
+    mAnswers.emplace(at, DelayedAnswer{source, via.index, answer});
     if (!known.empty()) {
-        // The asker has found others but not us: datagrams get lost here.
-        Schedule(probe, source, via.index, at + SECOND_COPY);
+        // The asker has found other nodes but not this one: datagrams get lost here.
+        answer.messageId = mIdSource.NextMessageId();
+        mAnswers.emplace(at + SECOND_COPY, DelayedAnswer{source, via.index, answer});
     }
+}
+
+// The nodes that answer the same probe share the time. A probe without the exact type may be for all nodes.
+Milliseconds Discovery::LongestDelay(const CoapMessage& probe) const {
+    const bool exact = IsAskedForExactly(probe, *mLocalNode.deviceType);
+    const std::size_t answering = exact ? NodesLikeThis() : mPresence.Directory().Peers().size() + 1;
+    if (answering <= Search::FEW) {
+        return Milliseconds(0);
+    }
+    return std::min(LONGEST_LEISURE, Milliseconds(answering / ANSWERS_PER_MILLISECOND));
+}
+
+// This node included.
+std::size_t Discovery::NodesLikeThis() const {
+    const std::vector<const Peer*> others = mPresence.Directory().OfType(*mLocalNode.deviceType);
+    return 1 + static_cast<std::size_t>(std::count_if(others.begin(), others.end(), [this](const Peer* peer) {
+               return mPresence.Directory().IsCredible(*peer);
+           }));
+}
+
+CoapMessage Discovery::AnswerTo(const CoapMessage& probe, in_addr_t localHost, TimePoint now) const {
+    CoapMessage answer = MakeLinkAnswer(probe, FormatLink(mLocalNode.DescribedAt(localHost)));
+    const bool ping = probe.type == MessageType::Confirmable;
+    if (!ping && mLocalNode.deviceType && mPresence.KnowsEveryNode(now)) {
+        AddCount(answer, NodesLikeThis());
+    }
+    return answer;
 }
 
 void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, TimePoint now) {
@@ -75,18 +104,26 @@ void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, Time
         if (node && node->identity.id != mLocalNode.identity.id && node->secured == mLocalNode.secured) {
             node->endpoint.host = source.host;
             mPresence.OnHello(*node, false, now);
-            running.search.OnAnswer(static_cast<unsigned char>(answer.token.back()), *node, now);
+            running.search.OnAnswer(static_cast<unsigned char>(answer.token.back()), *node, CountIn(answer),
+                                    now);
         }
+    }
+}
+
+void Discovery::OnRemoved(std::uint64_t nodeId) {
+    for (Running& running : mSearches) {
+        running.search.Dismiss(nodeId);
     }
 }
 
 void Discovery::Tick(TimePoint now) {
     SendDueAnswers(now);
     for (auto running = mSearches.begin(); running != mSearches.end();) {
-        SendDueProbes(*running, now);
         DismissRemoved(running->search);
         const bool over = running->search.IsOver(now);
-        if (over) {
+        if (!over) {
+            SendDueProbes(*running, now);
+        } else {
             mApplication.SearchEnded(running->ticket, ResultOf(running->search, now));
         }
         running = over ? mSearches.erase(running) : std::next(running);
@@ -124,13 +161,6 @@ bool Discovery::MayAnswer(const Endpoint& asker, TimePoint now) {
     return ++allowance.used <= ANSWERS_PER_SECOND && mAnswers.size() < MAX_DELAYED_ANSWERS;
 }
 
-void Discovery::Schedule(const CoapMessage& probe, const Endpoint& to, unsigned interface, TimePoint at) {
-    const LocalInterface* local = mLocalNode.InterfaceOf(interface);
-    CoapMessage answer = MakeLinkAnswer(probe, FormatLink(mLocalNode.DescribedAt(local->host)));
-    answer.messageId = mIdSource.NextMessageId();
-    mAnswers.emplace(at, DelayedAnswer{to, interface, std::move(answer)});
-}
-
 void Discovery::SendDueAnswers(TimePoint now) {
     while (!mAnswers.empty() && mAnswers.begin()->first <= now) {
         const DelayedAnswer& answer = mAnswers.begin()->second;
@@ -144,9 +174,9 @@ void Discovery::SendDueAnswers(TimePoint now) {
 
 void Discovery::SendDueProbes(Running& running, TimePoint now) {
     while (const auto number = running.search.TakeDueProbe(now)) {
-        Probe(running, *number);
+        Probe(running, *number, now);
         if (running.search.IsReminder(*number)) {
-            // A ping finds out at once where nobody listens any more; a device that is gone is no result.
+            // The host of a device that is gone refuses a ping at once. The search then need not wait for it.
             for (const std::uint64_t id : running.search.Missing()) {
                 mPresence.Directory().Suspect(id, now);
             }
@@ -162,37 +192,38 @@ void Discovery::DismissRemoved(Search& search) {
     }
 }
 
-void Discovery::Probe(const Running& running, unsigned number) {
-    const bool rescue = running.search.IsRescue(number);
+void Discovery::Probe(const Running& running, unsigned number, TimePoint now) {
+    const Search& search = running.search;
     const std::string token = running.token + static_cast<char>(number);
-    CoapMessage probe = MakeProbe(running.search.DeviceType(), token,
-                                  rescue ? running.search.Known() : std::vector<NodeHint>());
+    CoapMessage toGroup = MakeProbe(search.DeviceType(), token, search.Named(number));
+    CoapMessage toNode = MakeProbe(search.DeviceType(), token, {});
     std::vector<Endpoint> targets = mPresence.UnicastTargets();
-    if (rescue) {
-        for (const std::uint64_t id : running.search.Missing()) {
-            if (const Peer* peer = mPresence.Directory().Find(id)) {
-                targets.push_back(peer->node.endpoint);
-            }
+    for (const std::uint64_t id : search.AskedDirectly(number)) {
+        const Peer* peer = mPresence.Directory().Find(id);
+        if (peer != nullptr && mPresence.MaySendTo(peer->node.endpoint.host, now)) {
+            targets.push_back(peer->node.endpoint);
+            mPresence.OnSentTo(peer->node.endpoint.host, toNode);
         }
     }
     for (const LocalInterface& local : mLocalNode.interfaces) {
-        probe.messageId = mIdSource.NextMessageId();
-        mNetwork.Send(local, MulticastGroup(), probe);
+        toGroup.messageId = toNode.messageId = mIdSource.NextMessageId();
+        mNetwork.Send(local, MulticastGroup(), toGroup);
         for (const Endpoint& target : targets) {
             if (local.Reaches(target)) {
-                mNetwork.Send(local, target, probe);
+                mNetwork.Send(local, target, toNode);
             }
         }
     }
 }
 
-// The directory decides under which address a node is named, here as in events. An application asks one node
-// after the other, so those that left a request unanswered come last.
+// Nodes are listed under the address that the directory and the device events use. An application asks one
+// node after the other, so nodes that left a request unanswered come last.
 std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint now) const {
     std::vector<NodeDescription> result;
     for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {
-        const bool fresh = mPresence.Directory().IsCredible(*peer) && now - peer->heard < FRESH;
-        if (fresh || search.Found().count(peer->node.identity.id) != 0) {
+        // A live node has said hello lately. It counts as found although its answers were lost.
+        const bool fresh = mPresence.Directory().IsCredible(*peer) && now - peer->heard < Presence::LATELY;
+        if (fresh || search.HasFound(peer->node.identity.id)) {
             result.push_back(peer->node);
         }
     }

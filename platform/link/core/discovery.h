@@ -21,19 +21,24 @@ public:
               Presence& presence, const UnansweredPeers& unanswered);
 
     void StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now);
-    // A probe that came to the group; it is answered a little later, from that interface.
+    // Schedules the answer to a probe that came to the group. The answer leaves from that interface.
     void OnProbe(const CoapMessage& probe, const Endpoint& source, const LocalInterface& via, TimePoint now);
     void OnAnswer(const CoapMessage& answer, const Endpoint& source, TimePoint now);
+    // This node's answer to a probe, as nodes see it that reach it through that address of this host.
+    CoapMessage AnswerTo(const CoapMessage& probe, in_addr_t localHost, TimePoint now) const;
+
+    // The node has left, so no search waits for it.
+    void OnRemoved(std::uint64_t nodeId);
 
     void Tick(TimePoint now);
     TimePoint NextDeadline(TimePoint now) const;
-    // Ends every search without a result.
+    // Ends every search with an empty result.
     void Close();
 
 private:
     struct Running {
         std::uint64_t ticket;
-        std::string token;  // the copy's number follows it on the wire
+        std::string token;  // without the probe's number, which follows it on the wire
         Search search;
     };
     struct DelayedAnswer {
@@ -43,11 +48,12 @@ private:
     };
 
     bool MayAnswer(const Endpoint& asker, TimePoint now);
-    void Schedule(const CoapMessage& probe, const Endpoint& to, unsigned interface, TimePoint at);
+    Milliseconds LongestDelay(const CoapMessage& probe) const;
+    std::size_t NodesLikeThis() const;
     void SendDueAnswers(TimePoint now);
     void SendDueProbes(Running& running, TimePoint now);
     void DismissRemoved(Search& search);
-    void Probe(const Running& running, unsigned number);
+    void Probe(const Running& running, unsigned number, TimePoint now);
     std::vector<NodeDescription> ResultOf(const Search& search, TimePoint now) const;
 
     const LocalNode& mLocalNode;
@@ -58,6 +64,7 @@ private:
     const UnansweredPeers& mUnanswered;
     std::list<Running> mSearches;
     std::multimap<TimePoint, DelayedAnswer> mAnswers;
+    // How many answers an asker got in the current second.
     struct Allowance {
         TimePoint since;
         unsigned used = 0;

@@ -48,6 +48,9 @@ void NodeCore::SetDeviceType(std::optional<std::string> deviceType, TimePoint no
 }
 
 void NodeCore::SetInterfaces(std::vector<LocalInterface> interfaces, std::uint16_t port, TimePoint now) {
+    if (mLocalNode.interfaces != interfaces) {
+        mPresence.OnNetworkChanged(now);
+    }
     mLocalNode.interfaces = std::move(interfaces);
     mLocalNode.port = port;
     mPresence.HelloSoon(now);
@@ -95,7 +98,7 @@ void NodeCore::OnSearchAnswer(const CoapMessage& message, const Endpoint& source
 void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_addr_t localHost,
                          ReplyPath path, TimePoint now) {
     const std::string uri = PathOf(message);
-    // By DTLS the sender has shown that it receives: the handshake needed its answer.
+    // A DTLS handshake proves that the sender receives at its address, so no budget is needed.
     const bool secured = mLocalNode.secured && uri == RESOURCE_PATH;
     if (!secured && !mPresence.MaySendTo(source.host, now)) {
         mNetwork.Forget(path);
@@ -107,7 +110,7 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
     if (uri == RESOURCE_PATH) {
         mServer.OnRequest(message, source, localHost, path, now);
     } else if (uri == WELL_KNOWN_PATH && message.code == code::GET) {
-        Describe(message, localHost, path);
+        Describe(message, localHost, path, now);
     } else {
         if (message.code == code::POST) {
             mPresence.OnNotice(message, source, true, now);
@@ -117,13 +120,13 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
     PassEvents();
 }
 
-// Asked directly, a node without the wanted type still answers: with no links, so that the asker
-// need not wait.
-void NodeCore::Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path) {
+// A node without the wanted type answers a confirmable request with an empty list. The asker then need not
+// wait.
+void NodeCore::Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path, TimePoint now) {
     const bool asked = IsAskedFor(request, mLocalNode.deviceType);
     if (asked || request.type == MessageType::Confirmable) {
         mReplies.Reply(path,
-                       MakeLinkAnswer(request, asked ? FormatLink(mLocalNode.DescribedAt(localHost)) : ""));
+                       asked ? mDiscovery.AnswerTo(request, localHost, now) : MakeLinkAnswer(request, ""));
     }
     mReplies.Forget(path);
 }
@@ -157,10 +160,12 @@ TimePoint NodeCore::NextDeadline(TimePoint now) const {
                      mServer.NextDeadline()});
 }
 
+// Called after each input, so that the application hears of a change at once.
 void NodeCore::PassEvents() {
     for (DeviceEvent& event : mPresence.Directory().TakeEvents()) {
         if (!event.added) {
             mNetwork.OnPeerGone(event.node.endpoint);
+            mDiscovery.OnRemoved(event.node.identity.id);
         }
         mApplication.Notify(std::move(event));
     }

@@ -1,7 +1,7 @@
 // One node's whole protocol, without a socket, a thread or a clock of its own.
 //
-// Everything is called on one thread with the time passed in; what must happen leaves through
-// Network and Application. NextDeadline tells when Tick wants to be called again at the latest.
+// All functions are called on the I/O thread, with the current time. The node acts through Network and
+// Application. The caller must call Tick when NextDeadline is reached, and need not call it earlier.
 #pragma once
 
 #include <map>
@@ -20,7 +20,7 @@ namespace lumora_link {
 
 class NodeCore {
 public:
-    // Secured where the network's conversations are, and others' shall be.
+    // `secured`: this node has a key. It then uses DTLS and ignores nodes without a key.
     NodeCore(NodeIdentity identity, bool secured, std::vector<Endpoint> peers, RandomSource& random,
              Network& network, Application& application);
 
@@ -31,7 +31,7 @@ public:
     void StartRequest(OutgoingRequest request, TimePoint now);
     void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
     void RefuseRequests() { mServer.Refuse(); }
-    // Says goodbye and ends everything that is still waited for.
+    // Says goodbye. Open requests and searches end without a result.
     void Close(TimePoint now);
 
     // From the network. A group message came to the multicast socket, an answer to an interface's.
@@ -45,21 +45,21 @@ public:
     void OnUnacknowledged(ConversationId conversation, std::uint16_t messageId, TimePoint now) {
         mClient.OnUnacknowledged(conversation, messageId, now);
     }
-    // The first message had to wait for a way to the peer, and has left now.
+    // The first message waited for a DTLS handshake and has left now.
     void OnReached(ConversationId conversation, TimePoint now) { mClient.OnReached(conversation, now); }
 
     void Tick(TimePoint now);
     TimePoint NextDeadline(TimePoint now) const;
 
 private:
-    void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path);
+    void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path, TimePoint now);
     void PassEvents();
 
-    // Passes everything on, and charges replies to the budget of the address that they go to.
+    // Forwards to another Network, and charges replies to the answer budget of their receiver.
     class MeteredNetwork : public Network {
     public:
         MeteredNetwork(Network& network, Presence& presence) : mNetwork(network), mPresence(presence) {}
-        // To be called before any reply by that path.
+        // Must be called before the first reply by that path.
         void Begin(ReplyPath path, in_addr_t host) { mPaths[path] = host; }
 
         void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message) override {

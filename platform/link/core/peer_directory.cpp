@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::size_t MAX_HOSTS = 16;
 constexpr std::size_t MAX_SUSPECTS = 512;
-// Among more nodes the work of asking would cost more answers than it saves time.
+// Among more nodes, the pings would cost more than the early removal of a dead one is worth.
 constexpr std::size_t MOST_NEIGHBOURS = 64;
 constexpr std::size_t MAX_TOMBSTONES = 1024;
 constexpr Milliseconds TOMBSTONE_TIME{10000};
@@ -39,17 +39,17 @@ bool PeerDirectory::OnHello(const NodeDescription& node, bool unicast, TimePoint
     return true;
 }
 
-// Each hello of ours goes to a node by unicast if its own come so. Its address may be forged: it is asked
-// first.
+// A node whose hellos come by unicast gets this node's hellos by unicast. Its address may be forged, so it
+// must answer a ping first.
 void PeerDirectory::AskIfUnicast(Peer& peer, TimePoint now) {
     if (peer.unicast && !peer.confirmed) {
         Challenge(peer, now);
     }
 }
 
-// A node on several interfaces is heard under several addresses. It keeps the one under which it
-// was seen first for as long as that one is alive, so that all who ask here name it alike. Only what comes
-// from there keeps it alive: another host may send the same hello.
+// A node on several interfaces is heard under several addresses. It keeps the first one while that one is
+// alive, so that searches, events and requests name it alike. Only hellos from that address keep it alive,
+// because another host may send the same hello.
 void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast, TimePoint now) {
     if (peer.hosts.size() < MAX_HOSTS) {
         peer.hosts.insert(node.endpoint.host);
@@ -58,14 +58,20 @@ void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast
         Challenge(peer, now);
         return;
     }
-    // After a goodbye, a hello may be one that was delayed on its way. Only an answer disproves the goodbye.
+    // A hello after a goodbye may have been delayed on its way. Only the answer to a ping disproves the
+    // goodbye.
     if (node.endpoint == peer.node.endpoint && !peer.saidGoodbye) {
         peer.unicast = peer.unicast || unicast;
         ++peer.words;
         Clear(peer, now);
+        if (!IsCrowd()) {
+            // The thread is awake for this hello. Looking now saves waking up when the peer would have been
+            // due.
+            CheckAt(now);
+        }
         AskIfUnicast(peer, now);
     } else if (!peer.confirmed) {
-        // One of the two endpoints may be a stranger's. The ping's answer decides for the known one.
+        // One of the two endpoints may belong to a stranger. The known one stays if it answers the ping.
         Challenge(peer, now);
     }
 }
@@ -86,7 +92,8 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
         Confirm(peer);
         return false;
     }
-    // The node was started again, offers something else or has gone: for others, a new device.
+    // The node was started again, has another type, or another node has its port. Each counts as a new
+    // device.
     const bool unicast = peer.unicast;
     if (node.identity.id == pinged && node.identity != peer.node.identity) {
         AddTombstone(peer.node.identity, peer.node.endpoint, now);
@@ -138,7 +145,7 @@ void PeerDirectory::OnPortUnreachable(std::uint64_t nodeId, TimePoint now) {
     Remove(known);
 }
 
-// Any host can claim something of a node. All nodes hear the claim and ping the node, so each limits its
+// Any host can send a claim about a node, and every node that hears it pings that node. So each limits its
 // pings.
 void PeerDirectory::Challenge(Peer& peer, TimePoint now) {
     if (now - peer.challenged >= ASK_AGAIN_AFTER) {
@@ -174,8 +181,8 @@ void PeerDirectory::AskAt(in_addr_t host, TimePoint now) {
     }
 }
 
-// Looks at every node only when the earliest can be due: with many nodes, most calls come from
-// their hellos.
+// Looks at all nodes only when one can be due. With many nodes most calls are caused by hellos, and looking
+// each time would be slow.
 void PeerDirectory::Tick(TimePoint now) {
     if (now < NextDeadline()) {
         return;
@@ -184,20 +191,17 @@ void PeerDirectory::Tick(TimePoint now) {
     mMayCheck = now + CHECK_MANY_EVERY;
     ProbeSuspects(now);
     Announce(now);
-    const Patience patience = IsCrowd() ? Patience{DOUBT_IN_CROWD_AFTER, GIVE_UP_IN_CROWD_AFTER}
-                                        : Patience{DOUBT_AFTER, GIVE_UP_AFTER};
     for (auto at = mPeers.begin(); at != mPeers.end();) {
         Peer& peer = at->second;
-        if (!peer.doubtedSince && now - peer.heard >= patience.doubtAfter) {
+        if (!peer.doubtedSince && now - peer.heard >= DOUBT_AFTER) {
             Probe(peer, now);
         }
-        const TimePoint due =
-            peer.doubtedSince ? GivenUpAt(peer, patience) : peer.heard + patience.doubtAfter;
+        const TimePoint due = peer.doubtedSince ? GivenUpAt(peer) : peer.heard + DOUBT_AFTER;
         if (due <= now) {
             if (peer.saidGoodbye) {
                 AddTombstone(peer, now);
             }
-            // Else the link may only have been cut: no tombstone, the same instance may come back.
+            // Without a goodbye the cause may be a cut link. No tombstone: the same instance may come back.
             at = Remove(at);
             continue;
         }
@@ -206,10 +210,9 @@ void PeerDirectory::Tick(TimePoint now) {
     }
 }
 
-TimePoint PeerDirectory::GivenUpAt(const Peer& peer, const Patience& patience) {
-    // A suspect that only fails to answer gets as long as any silent node.
-    const TimePoint silent =
-        std::max(*peer.doubtedSince, peer.heard + patience.doubtAfter) + patience.giveUpAfter;
+TimePoint PeerDirectory::GivenUpAt(const Peer& peer) {
+    // A suspect that does not answer gets as much time as any other silent node.
+    const TimePoint silent = std::max(*peer.doubtedSince, peer.heard + DOUBT_AFTER) + GIVE_UP_AFTER;
     return peer.saidGoodbye ? std::min(silent, *peer.saidGoodbye + GIVE_UP_AFTER_GOODBYE) : silent;
 }
 
@@ -228,7 +231,7 @@ void PeerDirectory::EndProbe(Peer& peer) {
     mSuspects.erase(peer.node.identity.id);
 }
 
-// It has just shown at its endpoint that it is there.
+// The node was heard at its endpoint just now.
 void PeerDirectory::Clear(Peer& peer, TimePoint now) {
     peer.heard = now;
     EndProbe(peer);
@@ -275,7 +278,7 @@ void PeerDirectory::ProbeSuspects(TimePoint now) {
     }
 }
 
-// Of those who are not in doubt yet.
+// Only suspects that are not pinged yet. Null if there is none.
 Peer* PeerDirectory::LongestSilentSuspect() {
     Peer* longest = nullptr;
     for (const auto& [id, until] : mSuspects) {
@@ -370,7 +373,7 @@ Peer& PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint no
     return mPeers.emplace(node.identity.id, std::move(peer)).first->second;
 }
 
-// Confirmed nodes stay. Of the others, the address with the most nodes pays.
+// Confirmed nodes are never dropped. Of the others, the oldest of the address with most nodes is dropped.
 bool PeerDirectory::MakeRoom(in_addr_t newcomer) {
     if (mPeers.size() < MAX_PEERS) {
         return true;

@@ -4,10 +4,10 @@
 // refused, something else answered there, or no answer came. Hellos and goodbyes can be forged, so what
 // they say about a known node only makes it pinged. A node that has answered a ping is confirmed.
 //
-// A process that is killed and started again leaves a dead node behind, at the address where the new
-// one appears. So the nodes at the address of a newcomer become suspects and are pinged at once. The newcomer
-// is announced when they have answered or are gone, so that no application mistakes the old node's removal
-// for the new one's.
+// A process that is killed and started again leaves a dead node at the address of the new one. So the nodes
+// at the address of a newcomer become suspects and are pinged at once. The newcomer is announced when they
+// have answered or are removed. Otherwise an application that compares addresses would take the old node's
+// removal for the removal of the new one.
 #pragma once
 
 #include <algorithm>
@@ -29,20 +29,20 @@ struct Peer {
     NodeDescription node;
     unsigned number = 0;
     TimePoint heard;  // at its endpoint
-    // Its notices come by unicast; it must be told of us in the same way.
+    // Its hellos come by unicast, so hellos of this node must go to it by unicast too.
     bool unicast = false;
     std::set<in_addr_t> hosts;  // every address under which it was heard
     std::optional<TimePoint> doubtedSince;
     std::optional<TimePoint> saidGoodbye;
     std::set<in_addr_t> goodbyeHosts;  // the addresses from which the goodbye came
-    // It answered after a goodbye, which was forged. The next one gets no shorter patience.
+    // It answered a ping after a goodbye, which was therefore forged. Its next goodbye shortens no timeout.
     bool goodbyeDisproved = false;
     bool confirmed = false;
     unsigned words = 1;  // how often it was heard at its endpoint
     TimePoint challenged{};
     std::uint64_t place = 0;  // among the unconfirmed nodes of its address
 
-    // Inventing a node takes one datagram. This one did more than that.
+    // One forged datagram invents a node. An established node has sent more than one, or has answered a ping.
     bool IsEstablished() const { return confirmed || words > 1; }
 };
 
@@ -50,26 +50,25 @@ class PeerDirectory {
 public:
     // Bounds what a flood of invented nodes can cost.
     static constexpr std::size_t MAX_PEERS = 4096;
-    // One hello may be lost and the next one late before the node is pinged.
-    static constexpr Milliseconds DOUBT_AFTER{1200};
+    // A node is pinged if one hello of a few nodes, or two hellos of a crowd, are missing.
+    static constexpr Milliseconds DOUBT_AFTER{1700};
     // Long enough for many pings on a bad network, short enough to end within 3 s of the last hello.
-    static constexpr Milliseconds GIVE_UP_AFTER{1400};
-    // Where many nodes lose a hello each, their pings would choke the network: two must be missing.
+    static constexpr Milliseconds GIVE_UP_AFTER{1250};
+    // More nodes than this say hello twice as often: if each lost hello of many nodes caused pings, the pings
+    // would choke the network.
     static constexpr std::size_t CROWD = 32;
-    static constexpr Milliseconds DOUBT_IN_CROWD_AFTER{1650};
-    static constexpr Milliseconds GIVE_UP_IN_CROWD_AFTER{1250};
     // The longest wait for the answers of a newcomer's neighbours.
     static constexpr Milliseconds HOLD_BACK{100};
     // Long enough for every live suspect to have sent a hello even if its ping was not sent (rate limit).
     static constexpr Milliseconds SUSPICION{600};
     // With many nodes on one host those that have been silent longest are asked first.
     static constexpr std::size_t ASKED_AT_ONCE = 16;
-    // Every node asks, so where there are many each asks fewer: the answers must not choke the host.
+    // Every node pings. Among many nodes each pings fewer, so that the answers do not overload the host.
     static constexpr std::size_t ASKED_BY_ALL = 400;
     static constexpr Milliseconds ASK_AGAIN_AFTER{500};
     // After its goodbye a node does not answer. Most hosts refuse at once; others drop the pings.
     static constexpr Milliseconds GIVE_UP_AFTER_GOODBYE{500};
-    // With many nodes, looking at all of them for each one that is due would take the whole processor.
+    // With many nodes, looking at all of them each time that one is due would use a whole core.
     static constexpr std::size_t MANY = 256;
     static constexpr Milliseconds CHECK_MANY_EVERY{10};
 
@@ -80,18 +79,18 @@ public:
     // A node at the endpoint of the pinged one has answered the ping and described itself. True if that
     // is a node that was not known before.
     bool OnPong(std::uint64_t pinged, NodeDescription node, TimePoint now);
-    // Heeded only if it comes from where the node was heard.
+    // Ignored unless it comes from an address at which the node was heard.
     void OnGoodbye(const NodeIdentity& identity, in_addr_t source, TimePoint now);
     // The host of the pinged node answers that no socket has the port.
     void OnPortUnreachable(std::uint64_t nodeId, TimePoint now);
-    // Something tells that the node may be gone: to be pinged now, although it has not been silent.
+    // The node may be gone although it has not been silent. It is pinged now.
     void Suspect(std::uint64_t nodeId, TimePoint now);
     void SuspectAt(const Endpoint& endpoint, TimePoint now);
     // Pings a node at that address, to learn whether the address receives what is sent there.
     void AskAt(in_addr_t host, TimePoint now);
     // Probes silent nodes and suspects, and removes those that stayed silent.
     void Tick(TimePoint now);
-    // At the latest; hearing from nodes only puts off what is due.
+    // When Tick has something to do at the latest. Hellos only put that off.
     TimePoint NextDeadline() const { return IsMany() ? std::max(mNextCheck, mMayCheck) : mNextCheck; }
 
     const Peer* Find(std::uint64_t nodeId) const;
@@ -102,9 +101,10 @@ public:
     }
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
+    bool IsCrowd() const { return mPeers.size() > CROWD; }
     // How many nodes were dropped to make room for others.
     std::size_t QuotaBites() const { return mUnconfirmedQuota.Bites(); }
-    // What all of them need where each has so long to itself.
+    // The time for all nodes together if each gets so long.
     Milliseconds ForAll(Milliseconds each) const {
         return each * static_cast<Milliseconds::rep>(mPeers.size());
     }
@@ -118,10 +118,6 @@ public:
 
 private:
     using Peers_t = std::map<std::uint64_t, Peer>;
-    struct Patience {
-        Milliseconds doubtAfter;
-        Milliseconds giveUpAfter;
-    };
     using Age = std::pair<unsigned, std::uint64_t>;  // number, id: the smaller, the longer known
 
     // An instance that ended at an endpoint. A hello that was delayed on its way must not revive it. The same
@@ -146,9 +142,8 @@ private:
     void Confirm(Peer& peer);
     void Challenge(Peer& peer, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
-    bool IsCrowd() const { return mPeers.size() > CROWD; }
     bool IsMany() const { return mPeers.size() > MANY; }
-    static TimePoint GivenUpAt(const Peer& peer, const Patience& patience);
+    static TimePoint GivenUpAt(const Peer& peer);
     void Probe(Peer& peer, TimePoint now);
     void EndProbe(Peer& peer);
     void ProbeSuspects(TimePoint now);

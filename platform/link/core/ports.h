@@ -13,7 +13,7 @@ namespace lumora_link {
 
 // One conversation with one peer: its datagrams leave from one socket, which hears the answers.
 using ConversationId = std::uint64_t;
-// The way back to the sender of one request.
+// Identifies the sender of one request for the reply.
 using ReplyPath = std::uint64_t;
 
 class Network {
@@ -31,7 +31,7 @@ public:
     // id.
     virtual void Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) = 0;
     virtual void CloseConversation(ConversationId conversation) = 0;
-    // The node that was there has been removed: what was kept of it is of no use to another.
+    // The node at that endpoint was removed. State kept for it must not be used for another node.
     virtual void OnPeerGone(const Endpoint& endpoint) = 0;
 
     // Confirmable replies are repeated until they are acknowledged.
@@ -40,7 +40,7 @@ public:
 };
 
 struct Outcome {
-    std::uint8_t code = code::EMPTY;  // empty where no answer came
+    std::uint8_t code = code::EMPTY;  // stays empty if no answer came
     std::string payload;
 };
 
@@ -64,7 +64,7 @@ class Application {
 public:
     virtual ~Application() = default;
 
-    // Each is called on the I/O thread and only queues. False where the queue is full.
+    // All are called on the I/O thread and must only queue. Handle returns false if the queue is full.
     virtual bool Handle(HandlerCall call) = 0;
     virtual void Notify(DeviceEvent event) = 0;
     virtual void RequestEnded(std::uint64_t ticket, Outcome outcome) = 0;

@@ -24,20 +24,22 @@ Presence::Presence(const LocalNode& localNode, IdSource& idSource, Network& netw
       mDirectory(localNode.identity.id),
       mTextQuota("hellos", MAX_TEXTS, MAX_TEXTS) {}
 
-// All who heard the newcomer do this at the same moment, and keep the distance that they get here: the more
-// they are, the longer the time that they share.
+// All nodes that heard the newcomer do this at the same moment, and their later hellos keep the distance that
+// they get here. So more nodes share a longer time.
 void Presence::HelloSoon(TimePoint now) {
     const Milliseconds shared =
-        std::clamp(mDirectory.ForAll(NEWCOMER_JITTER_PER_NODE), NEWCOMER_JITTER, HELLO_INTERVAL);
+        std::clamp(mDirectory.ForAll(NEWCOMER_JITTER_PER_NODE), NEWCOMER_JITTER, HELLO_INTERVAL_IN_CROWD);
     const TimePoint earliest = std::max(now, mLastHello + SHORTEST_INTERVAL);
     mNextHello = std::min(mNextHello, earliest + mIdSource.Jitter(shared));
     mHurried = true;
 }
 
-// All hear the newcomer and each other, so each says hello with a chance that leaves a few of them.
+// All nodes hear the newcomer and each other. A few nodes all say hello, so that the newcomer knows them at
+// once. Each of many says it with a chance that leaves about GREETERS of them.
 void Presence::Greet(TimePoint now) {
-    const auto nodes = static_cast<Milliseconds::rep>(mDirectory.Peers().size());
-    if (mIdSource.Jitter(Milliseconds(nodes)) < Milliseconds(GREETERS)) {
+    const std::size_t nodes = mDirectory.Peers().size();
+    const Milliseconds chance = mIdSource.Jitter(Milliseconds(nodes));
+    if (nodes <= 2 * GREETERS || chance < Milliseconds(GREETERS)) {
         HelloSoon(now);
     }
 }
@@ -122,7 +124,7 @@ bool Presence::OnRefused(ConversationId conversation, TimePoint now) {
     return true;
 }
 
-// None if the node has moved since: what is heard from its former endpoint says nothing about it.
+// Null if the node has moved since. An answer from its former endpoint proves nothing about it.
 const Peer* Presence::PingedBy(ConversationId conversation) const {
     const auto pinged = mPinged.find(conversation);
     const Peer* peer = pinged == mPinged.end() ? nullptr : mDirectory.Find(pinged->second);
@@ -132,12 +134,13 @@ const Peer* Presence::PingedBy(ConversationId conversation) const {
 void Presence::Tick(TimePoint now) {
     if (now >= mNextHello) {
         Tell(HELLO_PATH);
-        // Many nodes say hello together at their start and to a newcomer, but not the next time.
-        const Milliseconds range = mHurried ? HELLO_INTERVAL - SHORTEST_INTERVAL : Milliseconds(0);
+        // Nodes say hello at nearly the same moment to a newcomer. A random pause afterwards spreads them
+        // again.
+        const Milliseconds range = mHurried ? HelloInterval() - SHORTEST_INTERVAL : Milliseconds(0);
         const Milliseconds earlier = mIdSource.Jitter(range);
         mHurried = false;
         mLastHello = now;
-        mNextHello = now + HELLO_INTERVAL - earlier;
+        mNextHello = now + HelloInterval() - earlier;
     }
     mDirectory.Tick(now);
     PingDoubted(now);
@@ -152,7 +155,7 @@ TimePoint Presence::NextDeadline() const {
 }
 
 void Presence::SayGoodbye() {
-    // Twice, because it is never repeated later.
+    // Twice, because the datagram may be lost and is not repeated.
     Tell(GOODBYE_PATH);
     Tell(GOODBYE_PATH);
 }

@@ -16,25 +16,33 @@ namespace lumora_link {
 
 class Presence {
 public:
-    static constexpr Milliseconds HELLO_INTERVAL{750};
-    // A newcomer makes the others speak at once, but never more often than this.
+    // Each hello wakes every node, and a few idle nodes on batteries need no more of them.
+    static constexpr Milliseconds HELLO_INTERVAL{1500};
+    // Among many nodes a lost hello must not cause pings, so two of them fit into the time.
+    static constexpr Milliseconds HELLO_INTERVAL_IN_CROWD{750};
+    // Newcomers cause hellos at once. Two hellos of a node are never closer than this.
     static constexpr Milliseconds SHORTEST_INTERVAL{250};
-    static constexpr Milliseconds PING_INTERVAL{100};
+    // A live node has said hello within this time, unless datagrams were lost.
+    static constexpr Milliseconds LATELY{1600};
+    static constexpr Milliseconds PING_INTERVAL{75};
     // A node that was heard once only may be invented, and its address another host's.
     static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{500};
     // Each open ping may take a descriptor.
     static constexpr std::size_t MAX_PINGS = 64;
-    // A newcomer is greeted by about so many. All of them would answer one datagram with hundreds.
+    // About so many of many nodes greet a newcomer. Hundreds of hellos for one datagram would be a reflector.
     static constexpr std::size_t GREETERS = 8;
 
-    // The peers are asked and told by unicast, where multicast does not get through.
+    // `peers` get unicast copies of what goes to the group, for networks that block multicast.
     Presence(const LocalNode& localNode, IdSource& idSource, Network& network, std::vector<Endpoint> peers);
 
     void HelloSoon(TimePoint now);
+    void OnNetworkChanged(TimePoint now) { mListeningSince = now; }
+    // Every node has had the time to greet this one or to say hello in its turn.
+    bool KnowsEveryNode(TimePoint now) const { return now - mListeningSince >= LATELY; }
     void OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now);
     void OnHello(const NodeDescription& node, bool unicast, TimePoint now);
 
-    // False where the conversation is not one of ours.
+    // False if the conversation is not a ping of this object.
     bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
     bool OnRefused(ConversationId conversation, TimePoint now);
 
@@ -48,7 +56,7 @@ public:
     // limited.
     bool MaySendTo(in_addr_t host, TimePoint now);
     void OnSentTo(in_addr_t host, const CoapMessage& message);
-    // Where unicast copies of what goes to the group must be sent besides.
+    // The endpoints that get unicast copies of what goes to the group.
     std::vector<Endpoint> UnicastTargets() const;
 
 private:
@@ -66,6 +74,9 @@ private:
         std::uint64_t place = 0;  // among those of its address
     };
 
+    Milliseconds HelloInterval() const {
+        return mDirectory.IsCrowd() ? HELLO_INTERVAL_IN_CROWD : HELLO_INTERVAL;
+    }
     const NodeDescription* Read(const std::string& link, const Endpoint& source);
     void Tell(const char* path);
     void Greet(TimePoint now);
@@ -88,6 +99,7 @@ private:
     std::map<Endpoint, Text> mTexts;                  // the latest from each socket
     SourceQuota mTextQuota;
     OldestFirst<Endpoint> mOldestTexts;
+    TimePoint mListeningSince{};
     TimePoint mLastHello{};
     TimePoint mNextHello{};
     bool mHurried = false;

@@ -40,12 +40,12 @@ public:
                   UnansweredPeers& unanswered);
 
     void Start(OutgoingRequest request, TimePoint now);
-    // False where the conversation is not one of ours.
+    // False if the conversation is not a request of this object.
     bool OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
     // No copy of that message was acknowledged within UNACKNOWLEDGED (see Network).
     void OnUnacknowledged(ConversationId conversation, std::uint16_t messageId, TimePoint now);
     void OnReached(ConversationId conversation, TimePoint now);
-    // Whom the request was for; nothing where the conversation is not one of ours.
+    // The endpoint of the refused request. Empty if the conversation is not a request of this object.
     std::optional<Endpoint> OnRefused(ConversationId conversation);
     void Tick(TimePoint now);
     TimePoint NextDeadline() const;

@@ -54,7 +54,7 @@ void AppendOption(std::string& out, std::uint16_t previous, const CoapOption& op
     out += option.value;
 }
 
-// Reads up to the payload marker or the end; false where the bytes are damaged.
+// Reads up to the payload marker or the end. False if the bytes are damaged.
 bool ReadOptions(ByteReader& reader, CoapMessage& message) {
     std::size_t number = 0;
     while (!reader.AtEnd()) {

@@ -1,7 +1,7 @@
 // CoAP messages (RFC 7252, section 3) as values, and their form on the wire.
 //
-// libcoap keeps its own codec to itself; what goes over the multicast sockets is coded here. The
-// decoder reads bytes that anybody on the network may have sent.
+// libcoap does not export its codec, so messages of the multicast sockets are coded here. The decoder reads
+// bytes that any host may have sent, and must survive all of them.
 #pragma once
 
 #include <cstddef>
@@ -47,9 +47,11 @@ constexpr std::uint16_t URI_PATH = 11;
 constexpr std::uint16_t CONTENT_FORMAT = 12;
 constexpr std::uint16_t URI_QUERY = 15;
 constexpr std::uint16_t BLOCK1 = 27;
-// Of the range for experiments; even and thus elective, so foreign servers may ignore them.
+// From the range for experiments. Even numbers are elective: a server that does not know them passes over
+// them.
 constexpr std::uint16_t REQUESTER = 65000;
 constexpr std::uint16_t KNOWN_NODES = 65008;
+constexpr std::uint16_t NODE_COUNT = 65016;
 }  // namespace option
 
 struct CoapOption {
@@ -77,7 +79,7 @@ struct CoapMessage {
 // Options may stand in any order; those of one number keep theirs.
 std::string SerializeMessage(const CoapMessage& message);
 
-// Nothing where the bytes are not one whole well-formed message of version 1.
+// Empty unless the bytes are exactly one well-formed message of version 1.
 std::optional<CoapMessage> ParseMessage(std::string_view bytes);
 
 // The shortest big-endian form, as options carry numbers (RFC 7252, section 3.2).

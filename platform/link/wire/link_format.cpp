@@ -32,7 +32,7 @@ bool TakePrefix(std::string_view& text, std::string_view prefix) {
     return true;
 }
 
-// The text of a quoted string that begins at the front, or nothing where it does not end.
+// The text of a quoted string that begins at the front. Empty if it has no end.
 std::optional<std::string> TakeQuoted(std::string_view& text) {
     if (!TakePrefix(text, "\"")) {
         return std::nullopt;

@@ -14,8 +14,6 @@ namespace {
 constexpr std::size_t MAX_OPTION_BYTES = 255;
 constexpr std::string_view TYPE_QUERY = "rt=";
 constexpr std::uint32_t LINK_FORMAT = 40;
-// Keeps a probe within one Ethernet frame.
-constexpr std::size_t MAX_KNOWN_NODES = 250;
 
 void AddPath(CoapMessage& message, std::string_view path) {
     while (!path.empty()) {
@@ -60,6 +58,7 @@ std::optional<Requester> DecodeRequester(const CoapMessage& message) {
     return reader.Failed() ? std::nullopt : std::make_optional(requester);
 }
 
+// RFC 7959, section 2.2: number, more, size exponent in 4 bits, in one number.
 std::string EncodeBlock(const Block& block) {
     return EncodeUint(block.number << 4 | (block.more ? 8U : 0U) | block.sizeExponent);
 }
@@ -73,6 +72,7 @@ std::optional<Block> FindBlock(const CoapMessage& message) {
     return Block{value >> 4, (value & 8) != 0, value & 7};
 }
 
+// Folds the id, so that all of its bits count.
 NodeHint HintOf(std::uint64_t nodeId) { return static_cast<NodeHint>(nodeId ^ nodeId >> 32); }
 
 CoapMessage MakeProbe(const std::string& deviceType, const std::string& token,
@@ -83,7 +83,8 @@ CoapMessage MakeProbe(const std::string& deviceType, const std::string& token,
     AddPath(probe, WELL_KNOWN_PATH);
     std::string query = std::string(TYPE_QUERY) + deviceType;
     if (query.size() > MAX_OPTION_BYTES) {
-        // Asks by the longest prefix that fits; the asker compares the whole type in the answers.
+        // Asks for the longest prefix that fits into one option. The asker compares the whole type in the
+        // answers.
         query.resize(MAX_OPTION_BYTES - 1);
         query.push_back('*');
     }
@@ -107,6 +108,11 @@ std::set<NodeHint> KnownNodes(const CoapMessage& probe) {
         }
     }
     return known;
+}
+
+bool IsAskedForExactly(const CoapMessage& probe, const std::string& deviceType) {
+    const std::string* query = probe.Find(option::URI_QUERY);
+    return query != nullptr && *query == std::string(TYPE_QUERY) + deviceType;
 }
 
 bool IsAskedFor(const CoapMessage& probe, const std::optional<std::string>& deviceType) {
@@ -135,6 +141,16 @@ CoapMessage MakeLinkAnswer(const CoapMessage& request, const std::string& link) 
     answer.Add(option::CONTENT_FORMAT, EncodeUint(LINK_FORMAT));
     answer.payload = link;
     return answer;
+}
+
+void AddCount(CoapMessage& answer, std::size_t count) {
+    answer.Add(option::NODE_COUNT, EncodeUint(static_cast<std::uint32_t>(count)));
+}
+
+std::optional<std::uint32_t> CountIn(const CoapMessage& answer) {
+    const std::string* count = answer.Find(option::NODE_COUNT);
+    const bool valid = count != nullptr && count->size() <= sizeof(std::uint32_t);
+    return valid ? std::make_optional(DecodeUint(*count)) : std::nullopt;
 }
 
 CoapMessage MakeNotice(const char* path, const std::string& link) {

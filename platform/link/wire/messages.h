@@ -1,6 +1,6 @@
 // The messages that nodes exchange: what stands in which option, and what is read from it.
 //
-//   probe     NON GET  /.well-known/core?rt=TYPE   multicast; asks who offers TYPE
+//   probe     NON GET  /.well-known/core?rt=TYPE   multicast; asks which nodes offer TYPE
 //   answer    NON 2.05 the link of one node        unicast, with the probe's token
 //   hello     NON POST /lumora/hello               multicast; the link of the sender
 //   goodbye   NON POST /lumora/goodbye             multicast; the link of the sender
@@ -19,11 +19,11 @@
 namespace lumora_link {
 
 extern const char* const RESOURCE_PATH;    // the resource that a node offers
-extern const char* const HELLO_PATH;       // where it hears of others
-extern const char* const GOODBYE_PATH;     // and of their leaving
-extern const char* const WELL_KNOWN_PATH;  // where it describes itself
+extern const char* const HELLO_PATH;       // for hellos of other nodes
+extern const char* const GOODBYE_PATH;     // for their goodbyes
+extern const char* const WELL_KNOWN_PATH;  // for its own description
 
-// Tells the served node who asks and which requests are still open; see RequestTable.
+// Tells the served node which node asks and which of its requests are still open. See RequestTable.
 struct Requester {
     NodeIdentity identity;
     std::uint16_t port = 0;         // of the asking node's own endpoint, not of this datagram
@@ -46,17 +46,26 @@ struct Block {
 std::string EncodeBlock(const Block& block);
 std::optional<Block> FindBlock(const CoapMessage& message);
 
-// A part of a node's id, enough to leave a node out that the asker has already found.
+// A part of a node's id. The asker names the nodes that it has found by it, to save bytes.
 using NodeHint = std::uint32_t;
 NodeHint HintOf(std::uint64_t nodeId);
 
+// Keeps a probe within one Ethernet frame.
+constexpr std::size_t MAX_KNOWN_NODES = 250;
 CoapMessage MakeProbe(const std::string& deviceType, const std::string& token,
                       const std::vector<NodeHint>& known);
 std::set<NodeHint> KnownNodes(const CoapMessage& probe);
 // Whether a node with that device type is asked for by this GET of /.well-known/core.
 bool IsAskedFor(const CoapMessage& probe, const std::optional<std::string>& deviceType);
+// False if nodes of other types are asked for too.
+bool IsAskedForExactly(const CoapMessage& probe, const std::string& deviceType);
 
 CoapMessage MakeLinkAnswer(const CoapMessage& request, const std::string& link);
+// How many nodes of the type asked for the sender of an answer knows, itself included. Only nodes that have
+// been there for a while tell it. Older nodes pass over the option.
+void AddCount(CoapMessage& answer, std::size_t count);
+std::optional<std::uint32_t> CountIn(const CoapMessage& answer);
+
 CoapMessage MakeNotice(const char* path, const std::string& link);
 CoapMessage MakePing();
 

@@ -33,14 +33,14 @@ struct Endpoint {
 
 std::string HostText(in_addr_t host);
 std::string EndpointText(const Endpoint& endpoint);
-// Accepts "a.b.c.d" and "a.b.c.d:port"; the port is defaultPort where none is given.
+// Accepts "a.b.c.d" and "a.b.c.d:port". Without a port it is defaultPort. Empty if the text is neither.
 std::optional<Endpoint> ParseEndpoint(const std::string& text, std::uint16_t defaultPort);
 
 // RFC 7252's group of all CoAP nodes and the port that is registered for it.
 Endpoint MulticastGroup();
 
-// A node that holds a key is asked by DTLS, on the port behind the one that it is known by; CoAP's own
-// two ports lie side by side in the same way.
+// A node with a key is asked by DTLS, on the port after the one by which it is known. CoAP's ports 5683 and
+// 5684 are numbered in the same way.
 constexpr Endpoint SecuredPortOf(const Endpoint& endpoint) {
     return {endpoint.host, static_cast<std::uint16_t>(endpoint.port + 1)};
 }
@@ -50,7 +50,7 @@ struct LocalInterface {
     std::string name;
     in_addr_t host = 0;
 
-    // What is bound to a loopback address reaches loopback addresses, and nothing else does.
+    // A socket bound to a loopback address reaches loopback addresses only, and no other socket reaches them.
     bool Reaches(const Endpoint& endpoint) const { return IsLoopback(host) == IsLoopback(endpoint.host); }
     static bool IsLoopback(in_addr_t address) { return ntohl(address) >> 24 == IN_LOOPBACKNET; }
 
@@ -71,7 +71,7 @@ struct NodeIdentity {
 struct NodeDescription {
     NodeIdentity identity;
     Endpoint endpoint;
-    // Absent where the node offers no resource; it then takes part only as a requester.
+    // Absent if the node offers no resource. It then only searches and asks.
     std::optional<std::string> deviceType;
     bool secured = false;
 };

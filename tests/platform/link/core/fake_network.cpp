@@ -124,9 +124,14 @@ void FakeNode::Transmit(ConversationId conversation, const Endpoint& to, const C
     });
 }
 
+void FakeNode::WakeUp() {
+    mWakeUps += mNetwork.Now() != mAwake;
+    mAwake = mNetwork.Now();
+}
+
 CoapMessage FakeNode::Rewritten(CoapMessage message) const {
     if (mNetwork.rewrite) {
-        mNetwork.rewrite(message);
+        mNetwork.rewrite(message, *this);
     }
     return message;
 }
@@ -169,7 +174,7 @@ void FakeNode::Reply(ReplyPath path, const CoapMessage& message) {
         if (way.conversation && way.asker->mClosed.count(*way.conversation) == 0) {
             way.asker->mCore.OnAnswer(*way.conversation, message, mNetwork.Now());
         } else if (!way.conversation) {
-            way.asker->mCore.OnSearchAnswer(message, way.from, mNetwork.Now());
+            way.asker->mCore.OnSearchAnswer(Rewritten(message), way.from, mNetwork.Now());
         }
     };
     mNetwork.Carry(*this, *way.asker, message, deliver);
@@ -242,7 +247,7 @@ bool FakeNetwork::RunUntil(const std::function<bool()>& condition, Milliseconds 
     return true;
 }
 
-// One event or one node's deadline, whichever comes first; false if nothing is due by the end.
+// The events of one moment or one node's deadline, whichever comes first; false if nothing is due by the end.
 bool FakeNetwork::Step(TimePoint end) {
     TimePoint next = mEvents.empty() ? TimePoint::max() : mEvents.begin()->first;
     FakeNode* due = nullptr;
@@ -258,12 +263,20 @@ bool FakeNetwork::Step(TimePoint end) {
     }
     mNow = std::max(mNow, next);
     if (due != nullptr) {
-        due->mCore.Tick(mNow);
+        // As NodeIo does: a deadline that is later than now, once it is reached, is slept past.
+        if (due->mCore.NextDeadline(mNow) <= mNow) {
+            due->WakeUp();
+            due->mCore.Tick(mNow);
+        }
         return true;
     }
-    const std::function<void()> event = std::move(mEvents.begin()->second);
-    mEvents.erase(mEvents.begin());
-    event();
+    // A datagram to the group is one moment's event for each node, and asking all nodes after each would take
+    // most of the time.
+    while (!mEvents.empty() && mEvents.begin()->first == next) {
+        const std::function<void()> event = std::move(mEvents.begin()->second);
+        mEvents.erase(mEvents.begin());
+        event();
+    }
     return true;
 }
 
@@ -282,6 +295,7 @@ void FakeNetwork::Carry(FakeNode& from, FakeNode& to, const CoapMessage& message
         const TimePoint arrival = mNow + USUAL_DELAY + Milliseconds(mGenerator() % range);
         At(arrival, [&from, &to, deliver] {
             if (to.mAlive && to.mReachable && from.mReachable) {
+                to.WakeUp();
                 deliver();
             }
         });

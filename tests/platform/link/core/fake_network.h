@@ -54,6 +54,8 @@ public:
     NodeCore& Core() { return mCore; }
     NodeIdentity Identity() const { return mIdentity; }
     unsigned Datagrams() const { return mDatagrams; }
+    // How often its thread would have left its wait: for a deadline, or for datagrams of one moment.
+    unsigned WakeUps() const { return mWakeUps; }
     // Each takes a socket on a real host.
     std::size_t OpenConversations() const { return mOpen.size(); }
     std::size_t MostOpenConversations() const { return mMostOpen; }
@@ -88,6 +90,8 @@ private:
     void RequestEnded(std::uint64_t ticket, Outcome outcome) override;
     void SearchEnded(std::uint64_t ticket, std::vector<NodeDescription> found) override;
 
+    void WakeUp();
+
     FakeNetwork& mNetwork;
     const NodeIdentity mIdentity;
     const std::vector<LocalInterface> mInterfaces;
@@ -103,6 +107,8 @@ private:
     std::size_t mMostOpen = 0;
     std::uint64_t mLastTicket = 0;
     unsigned mDatagrams = 0;
+    unsigned mWakeUps = 0;
+    TimePoint mAwake{};
     std::size_t mBytesToStrangers = 0;
     bool mAlive = true;
     bool mReachable = true;
@@ -132,8 +138,8 @@ public:
     bool multicastBlocked = false;
     // For one message in particular; true lets it pass.
     std::function<bool(const CoapMessage&)> filter;
-    // What the receiver sees instead.
-    std::function<void(CoapMessage&)> rewrite;
+    // What the receiver of a search answer sees instead, and who sent it.
+    std::function<void(CoapMessage&, const FakeNode&)> rewrite;
     // Nodes that answer searches and pings, but no request.
     std::function<bool(const FakeNode&)> ignoring;
 

@@ -173,6 +173,16 @@ TEST_F(NodeCoreTest, NoticesWithinThreeSecondsThatALinkWasCutAndThatItIsBack) {
     }
 }
 
+TEST_F(NodeCoreTest, TwoIdleNodesWakeForTheirHellosOnly) {
+    FakeNode& first = network.Add("reader");
+    FakeNode& second = network.Add("camera");
+    network.Run(seconds(10));
+    const unsigned before = first.WakeUps() + second.WakeUps();
+    network.Run(seconds(300));
+    // Each sends a hello every 1.5 s, which comes back by the group's own loop, and hears the other's.
+    EXPECT_LE(first.WakeUps() + second.WakeUps() - before, 2U * (3 * 200 + 3));
+}
+
 TEST_F(NodeCoreTest, LossRemovesNoNodeInAnHour) {
     network.lossPercent = 20;
     FakeNode& watcher = network.Add(std::nullopt);
@@ -388,7 +398,7 @@ TEST_F(NodeCoreTest, ANewcomerAmongManyIsGreetedByAFew) {
     network.Add("camera");
     constexpr Milliseconds MOMENT{300};
     network.Run(MOMENT);
-    const auto regular = NODES * MOMENT.count() / Presence::HELLO_INTERVAL.count();
+    const auto regular = NODES * MOMENT.count() / Presence::HELLO_INTERVAL_IN_CROWD.count();
     EXPECT_LE(hellos.size(), static_cast<std::size_t>(regular) + 3 * Presence::GREETERS);
 }
 
@@ -797,7 +807,7 @@ TEST_F(NodeCoreTest, ASearchAnswerWithSeveralLinksIsReadForTheOneWithTheType) {
     FakeNode& device = network.Add("camera");
     // A hello alone would make the device known.
     network.filter = [](const CoapMessage& message) { return PathOf(message) != HELLO_PATH; };
-    network.rewrite = [&](CoapMessage& message) {
+    network.rewrite = [&](CoapMessage& message, const FakeNode&) {
         if (message.code == code::CONTENT && message.payload.find("camera") != std::string::npos) {
             message.payload = "</sensors/t>;rt=\"a,b\";ct=40," + message.payload + ",</other>";
         }

@@ -5,11 +5,14 @@
 namespace lumora_link::test {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
 
 NodeDescription Camera(std::uint64_t id) { return {{id, 1}, {htonl(0x0a000001), 4000}, "camera"}; }
+
+Search::Knowledge Expecting(std::set<std::uint64_t> nodes) { return {std::move(nodes), false, false}; }
 
 struct SearchTest : testing::Test {
     // Lets the time pass as the node does it; returns when the probes left.
@@ -43,15 +46,15 @@ struct SearchTest : testing::Test {
 TEST_F(SearchTest, EndsEarlyWhenEveryDeviceAnswersEverything) {
     Search search("camera", {}, now);
     const std::vector<int> probes =
-        Run(search, [&](unsigned probe) { search.OnAnswer(probe, Camera(1), now); });
-    EXPECT_THAT(probes, ElementsAre(0, 30, 100, 130));
+        Run(search, [&](unsigned probe) { search.OnAnswer(probe, Camera(1), std::nullopt, now); });
+    EXPECT_THAT(probes, ElementsAre(0, 5, 100, 130));
     EXPECT_EQ(SinceStart(), 230);
-    EXPECT_THAT(search.Found(), SizeIs(1));
+    EXPECT_EQ(search.Found(), 1U);
 }
 
 TEST_F(SearchTest, AsksToTheEndWhenNothingAnswers) {
     Search search("camera", {}, now);
-    EXPECT_THAT(Run(search), ElementsAre(0, 30, 100, 130, 300, 350, 400, 450, 500));
+    EXPECT_THAT(Run(search), ElementsAre(0, 5, 100, 130, 300, 350, 400, 450, 500));
     EXPECT_EQ(SinceStart(), 600);
 }
 
@@ -68,7 +71,7 @@ TEST_F(SearchTest, WhileDevicesTurnUpItGoesOnForASecondAtMost) {
     Run(search);
     EXPECT_EQ(SinceStart(), 600);
     for (std::uint64_t id = 1; id < 100 && SinceStart() < 1000; ++id) {
-        search.OnAnswer(1, Camera(id), now);
+        search.OnAnswer(1, Camera(id), std::nullopt, now);
         EXPECT_FALSE(search.IsOver(now));
         now = std::min(now + Milliseconds(90), start + Search::LONGEST_ON_A_BUSY_HOST);
     }
@@ -79,16 +82,16 @@ TEST_F(SearchTest, AMissingAnswerTellsThatDatagramsGetLost) {
     Search search("camera", {}, now);
     Run(search, [&](unsigned probe) {
         if (probe != 2) {
-            search.OnAnswer(probe, Camera(1), now);
+            search.OnAnswer(probe, Camera(1), std::nullopt, now);
         }
     });
     EXPECT_EQ(SinceStart(), 600);
 }
 
 TEST_F(SearchTest, AnExpectedNodeIsWaitedFor) {
-    Search search("camera", {1, 2}, now);
+    Search search("camera", Expecting({1, 2}), now);
     const std::vector<int> probes =
-        Run(search, [&](unsigned probe) { search.OnAnswer(probe, Camera(1), now); });
+        Run(search, [&](unsigned probe) { search.OnAnswer(probe, Camera(1), std::nullopt, now); });
     EXPECT_EQ(SinceStart(), 600);
     EXPECT_THAT(probes, SizeIs(9));
     EXPECT_THAT(search.Missing(), ElementsAre(2));
@@ -97,10 +100,9 @@ TEST_F(SearchTest, AnExpectedNodeIsWaitedFor) {
 TEST_F(SearchTest, OnlyTheRescueNamesWhatIsKnown) {
     Search search("camera", {}, now);
     search.TakeDueProbe(now);
-    search.OnAnswer(0, Camera(1), now);
-    EXPECT_FALSE(search.IsRescue(3));
-    EXPECT_TRUE(search.IsRescue(4));
-    EXPECT_THAT(search.Known(), ElementsAre(HintOf(1)));
+    search.OnAnswer(0, Camera(1), std::nullopt, now);
+    EXPECT_THAT(search.Named(3), IsEmpty());
+    EXPECT_THAT(search.Named(4), ElementsAre(HintOf(1)));
 }
 
 TEST_F(SearchTest, TakesNoAnswerOfAnotherTypeOrToAProbeThatWasNotSent) {
@@ -108,9 +110,9 @@ TEST_F(SearchTest, TakesNoAnswerOfAnotherTypeOrToAProbeThatWasNotSent) {
     search.TakeDueProbe(now);
     NodeDescription other = Camera(1);
     other.deviceType = "camera2";
-    search.OnAnswer(0, other, now);
-    search.OnAnswer(1, Camera(2), now);
-    EXPECT_TRUE(search.Found().empty());
+    search.OnAnswer(0, other, std::nullopt, now);
+    search.OnAnswer(1, Camera(2), std::nullopt, now);
+    EXPECT_EQ(search.Found(), 0U);
 }
 
 }  // namespace lumora_link::test
