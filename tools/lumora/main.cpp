@@ -87,7 +87,8 @@ std::string FieldsPage(const Manual& manual) {
 
 // For a shell. Nothing on the network notices a node that only looks.
 std::vector<std::string> Offered(Option::Offer offer, const std::string& type) {
-    constexpr std::chrono::milliseconds LISTEN(1000);
+    // Each node says hello every 1.5 s.
+    constexpr std::chrono::milliseconds LISTEN(1700);
     Apply(g_globals);
     std::set<std::string> names;
     if (offer == Option::Offer::INTERFACES) {
