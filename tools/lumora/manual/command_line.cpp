@@ -1,5 +1,6 @@
 // Words for the parser of CLI11, and what is said of words that it does not take.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <string>
 
 #include "tools/lumora/manual/manual.h"
@@ -20,15 +21,16 @@ Failure UnknownWords(const std::vector<std::string>& words, const std::string& o
     for (const Command& one : command == nullptr ? manual.commands : std::vector<Command>()) {
         known.push_back(one.name);
     }
-    for (const std::string& word : words) {
-        const bool option = word.size() > 1 && word[0] == '-';
-        if (option || (command == nullptr && !manual.commands.empty())) {
-            const std::string nearest = Nearest(word.substr(0, word.find('=')), known);
-            return {EXIT_USAGE, (option ? "unknown option " : "unknown command ") + word,
-                    (nearest.empty() ? "" : "did you mean " + nearest + "? ") + more};
-        }
+    const auto isOption = [](const std::string& word) { return word.size() > 1 && word[0] == '-'; };
+    const bool wantsCommand = command == nullptr && !manual.commands.empty();
+    const auto word = std::find_if(words.begin(), words.end(),
+                                   [&](const std::string& one) { return wantsCommand || isOption(one); });
+    if (word == words.end()) {
+        return {EXIT_USAGE, otherwise, more};
     }
-    return {EXIT_USAGE, otherwise, more};
+    const std::string nearest = Nearest(word->substr(0, word->find('=')), known);
+    return {EXIT_USAGE, (isOption(*word) ? "unknown option " : "unknown command ") + *word,
+            (nearest.empty() ? "" : "did you mean " + nearest + "? ") + more};
 }
 
 void AddOptions(CLI::App& app, const Command& command) {
@@ -46,7 +48,8 @@ void AddOptions(CLI::App& app, const Command& command) {
                 const std::string fault = option.take(value);
                 if (!fault.empty()) {
                     // CLI11 adds the option's name to the message.
-                    throw CLI::ValidationError(option.name, '"' + value + "\" " + fault);
+                    throw CLI::ValidationError(option.name,
+                                               std::string("\"").append(value).append("\" ").append(fault));
                 }
             }
             return true;
