@@ -22,7 +22,8 @@ void ChooseInterface() {
     setenv("CYCLONEDDS_URI", interface.c_str(), 0);
 }
 
-dds_entity_t BlockTopic(dds_entity_t participant, std::string name) {
+dds_entity_t BlockTopic(dds_entity_t participant, const std::string& type) {
+    std::string name = type;
     std::replace(name.begin(), name.end(), '-', '_');  // a topic's name has none
     return Checked(dds_create_topic(participant, &lumora_bench_Block_desc, name.c_str(), nullptr, nullptr),
                    "topic");

@@ -14,7 +14,7 @@ namespace lumora_bench {
 dds_entity_t Checked(dds_entity_t result, const char* what);
 // Before the first participant: the interface, and multicast also on loopback.
 void ChooseInterface();
-dds_entity_t BlockTopic(dds_entity_t participant, std::string name);
+dds_entity_t BlockTopic(dds_entity_t participant, const std::string& type);
 
 // Every block is kept until it was received; with `latest`, a late reader gets the last one.
 class DdsQos {

@@ -25,6 +25,20 @@ namespace {
 // Keeps the questions whether the device is idle from becoming a busy loop.
 constexpr int POLL_PAUSE_MS = 1;
 
+// If not, the log says why on behalf of operation.
+bool LeadsToDevice(const char* operation, unsigned int handle, const RemoteDevices::Resolved& resolved) {
+    if (!resolved.isHandle) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "Handle error: %d, no such device!\n",
+                      static_cast<int>(handle));
+        return false;
+    }
+    if (resolved.device == nullptr) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "Handle error, no such handle!\n");
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 // After a failed announcement the stopped channel stays with its handle, as lumora.h says: connecting again
@@ -258,12 +272,7 @@ int LumoraClientModule::DestoryTransport(unsigned int handle) {
             return -1;
         }
         RemoteDevices::Resolved resolved = mDevices.Resolve(handle);
-        if (!resolved.isHandle) {
-            LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
-            return -1;
-        }
-        if (resolved.device == nullptr) {
-            LUMORA_ERROR("Handle error, no such handle!\n");
+        if (!LeadsToDevice(__func__, handle, resolved)) {
             return -1;
         }
         device = std::move(resolved.device);
@@ -589,12 +598,7 @@ int LumoraClientModule::GetServerVersion(int clientID, unsigned int handle, std:
         return -1;
     }
     const RemoteDevices::Resolved resolved = Resolve(handle);
-    if (!resolved.isHandle) {
-        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
-        return -1;
-    }
-    if (resolved.device == nullptr) {
-        LUMORA_ERROR("Handle error, no such handle!\n");
+    if (!LeadsToDevice(__func__, handle, resolved)) {
         return -1;
     }
     if (resolved.device->Get(GET_VERSION_KEY, "", version) != 0) {

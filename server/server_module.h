@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "base/never_destroyed.h"
 #include "link/callbacks.h"
 #include "link/lumora_ai_descriptor.h"
+#include "link/requester.h"
 #include "link/smart_home_link.h"
 #include "lumora.h"
 #include "server/publication.h"
@@ -84,6 +86,9 @@ private:
     int GetServiceInfoString(std::string& out) REQUIRES(mMutex);
     int RegisterServices(const LUM_DEVICE_INFO_S& devInfo) REQUIRES(mMutex);
 
+    // The node that sent the request in hand may change the data channel and its clients: it has set the
+    // channel up, or no node that holds a key has, or that channel has ended. Logs a refusal.
+    bool MayChangeChannel(const char* operation) REQUIRES(mMutex);
     int HandleCommand(const std::string& value) REQUIRES(mMutex);
     void RememberClient(int clientID) REQUIRES(mMutex);
     int HandleDestroy(int clientID) REQUIRES(mMutex);
@@ -123,6 +128,9 @@ private:
     std::string mLocalServiceInfo GUARDED_BY(mMutex);
     LUM_DEVICE_INFO_S mDevInfo GUARDED_BY(mMutex) = {};
     std::vector<unsigned int> mClientList GUARDED_BY(mMutex);
+    // The node that set up the data channel, if it has proven who it is.
+    std::optional<lumora::Requester> mOwner GUARDED_BY(mMutex);
+    int mOwnerPort GUARDED_BY(mMutex) = 0;
     const ServerSources mSources;
 
     static LumoraServerModule* mInstance;  // under the server API mutex

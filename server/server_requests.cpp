@@ -70,7 +70,7 @@ int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
     LUMORA_DETAIL("cmd:%s\n", key.c_str());
-    if (key == STOP_TRANSPORT_KEY && StopTransport("OnCoapPut") != 0) {
+    if (key == STOP_TRANSPORT_KEY && (!MayChangeChannel("OnCoapPut") || StopTransport("OnCoapPut") != 0)) {
         return -1;
     }
     LUMORA_TRACE("Out\n");
@@ -86,6 +86,9 @@ int LumoraServerModule::OnCoapPost(const std::string& key, const std::string& va
     int ret = 0;
     if (key == COMMAND_KEY) {
         return HandleCommand(value);
+    }
+    if ((key == DESTROY_KEY || key == CONNECT_KEY) && !MayChangeChannel(ON_COAP_POST)) {
+        return -1;
     }
     // stoi throws if the value is not a number; the registry turns that into a failed request.
     if (key == DESTROY_KEY) {
@@ -107,6 +110,24 @@ int LumoraServerModule::OnCoapDelete(const std::string&, const std::string&) {
     return 0;
 }
 
+// Client IDs are only unique within a node. All clients of a channel are those of the node that set it up, so
+// what another node says of a client ID cannot be meant for one of them.
+bool LumoraServerModule::MayChangeChannel(const char* operation) {
+    const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
+    if (!mOwner || transport == nullptr || !transport->IsRunning()) {
+        return true;
+    }
+    const auto requester = lumora::CurrentRequester();
+    if (requester && requester->node == mOwner->node) {
+        return true;
+    }
+    LUMORA_LOG_AS(
+        lumora::LOG_ERROR, operation,
+        "The data channel belongs to a node with the key \"%s\"; another one's request is refused.\n",
+        mOwner->identity.c_str());
+    return false;
+}
+
 // Callbacks run with mMutex held, so the next request waits. If the application has registered nothing, the
 // request succeeds and the command is lost.
 int LumoraServerModule::HandleCommand(const std::string& value) {
@@ -126,6 +147,9 @@ int LumoraServerModule::HandleCommand(const std::string& value) {
         return 0;
     }
     const LUM_SUBSCRIBE_SERVICE_S& subscription = param.subscription;
+    if ((cmd == SUBSCRIBE_COMMAND || cmd == UNSUBSCRIBE_COMMAND) && !MayChangeChannel(ON_COAP_POST)) {
+        return -1;
+    }
     if (cmd == SUBSCRIBE_COMMAND) {
         if (ProcessSubscribe(clientID, subscription) != 0) {
             LUMORA_LOG_AS(lumora::LOG_ERROR, ON_COAP_POST, "Process Subscribe %s failed\n",
@@ -271,6 +295,9 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
     LUMORA_STATE("Reveived remote transport info: %s.\n", setup.c_str());
+    if (!MayChangeChannel(__func__)) {
+        return -1;
+    }
     LUM_TRANSPORT_E protocol = LUM_TRANSPORT_NONE;
     // There is no factory when a start failed but the platform goes on delivering requests.
     const int parsed =
@@ -299,6 +326,8 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
         return opened;
     }
     setup = SETUP_SUCCESS_REPLY;
+    mOwner = lumora::CurrentRequester();
+    mOwnerPort = port.port;
     mPublication.SetRemoteAddress(address);
     if (mSmartHomeLink != nullptr) {  // null after a failed start, when requests may still arrive
         mSmartHomeLink->SetConnectDevice(address, config.GetPort());
@@ -333,13 +362,17 @@ int LumoraServerModule::OnAddDevice(unsigned int, const std::string&, int, const
 // The address is compared without mMutex, so that events about other hosts do not wait for a request in
 // progress. One channel serves all clients of a host, so all of them are taken for gone. mClientList is
 // cleared after the walk: nothing in the walk may change it.
-int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, int, const std::string&) {
+int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, int port, const std::string&) {
     LUMORA_TRACE("Enter\n");
     if (addr != mPublication.RemoteAddress()) {
         LUMORA_TRACE("Out\n");
         return 0;
     }
     const MutexLock lock(mMutex);
+    if (mOwner && port != mOwnerPort) {
+        LUMORA_TRACE("Out\n");
+        return 0;  // another node on the client's host
+    }
     LUMORA_STATE("The transport will be destoried while removing device.\n");
     for (const unsigned int clientID : mClientList) {
         ClearOneServerInfo(static_cast<int>(clientID));

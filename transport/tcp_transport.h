@@ -26,6 +26,7 @@ public:
     int DestoryTransports() override;
     int StartTransports(TransType) override { return 0; }
     int GetTransStatus(LUM_TRANSPORT_STATUS_E& status) override;
+    bool IsRunning() const override { return mState.running; }
     int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
 
 protected:

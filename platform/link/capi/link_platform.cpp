@@ -1,8 +1,9 @@
-// The four exported functions and the table of operations. They check arguments and let no exception reach C.
+// The five exported functions and the table of operations. They check arguments and let no exception reach C.
 #include "link_platform.h"
 
 #include "platform/link/capi/platform_handle.h"
 #include "platform/link/capi/resource_proxy.h"
+#include "platform/link/capi/security.h"
 #include "platform/link/io/coap_port.h"
 #include "platform/link/log.h"
 
@@ -104,5 +105,7 @@ LINK_EXPORT AppResourceProxy* GetNextAppResourceProxy(AppResourceProxy* proxy) {
 }
 
 LINK_EXPORT void FreeAppResourceProxy2(AppResourceProxy* proxy) { lumora_link::FreeProxy(proxy); }
+
+LINK_EXPORT const LinkSecurity* GetLinkSecurity(void) { return &lumora_link::SecurityOperations(); }
 
 }  // extern "C"

@@ -11,8 +11,8 @@ namespace {
 // A token has 8 bytes. The last one is the number of the probe.
 constexpr std::size_t TOKEN_BYTES = 7;
 
-// Five answers per millisecond do not overrun an asker. A longer spread would only cost time.
-constexpr std::size_t ANSWERS_PER_MILLISECOND = 5;
+// Answers of some 100 bytes: together 1 MB/s, which a wireless network carries too.
+constexpr std::size_t ANSWERS_PER_MILLISECOND = 10;
 constexpr Milliseconds LONGEST_LEISURE{30};
 constexpr Milliseconds SECOND_COPY{15};
 
@@ -41,8 +41,8 @@ void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType,
     }
     knowledge.complete = mPresence.KnowsEveryNode(now);
     knowledge.counted = mLocalNode.deviceType == deviceType;
-    mSearches.push_back({ticket, mIdSource.NextToken().substr(0, TOKEN_BYTES),
-                         Search(deviceType, std::move(knowledge), now)});
+    mSearches.push_back(
+        {ticket, mIdSource.NextToken().substr(0, TOKEN_BYTES), Search(deviceType, knowledge, now)});
     Tick(now);
 }
 

@@ -96,7 +96,7 @@ void NodeCore::OnSearchAnswer(const CoapMessage& message, const Endpoint& source
 }
 
 void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_addr_t localHost,
-                         ReplyPath path, TimePoint now) {
+                         ReplyPath path, TimePoint now, const std::string& identity) {
     const std::string uri = PathOf(message);
     // A DTLS handshake proves that the sender receives at its address, so no budget is needed.
     const bool secured = mLocalNode.secured && uri == RESOURCE_PATH;
@@ -108,7 +108,7 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
         mReplies.Begin(path, source.host);
     }
     if (uri == RESOURCE_PATH) {
-        mServer.OnRequest(message, source, localHost, path, now);
+        mServer.OnRequest(message, source, localHost, path, now, identity);
     } else if (uri == WELL_KNOWN_PATH && message.code == code::GET) {
         Describe(message, localHost, path, now);
     } else {

@@ -38,8 +38,9 @@ public:
     void OnGroupMessage(const CoapMessage& message, const Endpoint& source, unsigned interface,
                         TimePoint now);
     void OnSearchAnswer(const CoapMessage& message, const Endpoint& source, TimePoint now);
+    // The identity is that of the requester's key; empty if it proved none.
     void OnRequest(const CoapMessage& message, const Endpoint& source, in_addr_t localHost, ReplyPath path,
-                   TimePoint now);
+                   TimePoint now, const std::string& identity = std::string());
     void OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now);
     void OnRefused(ConversationId conversation, TimePoint now);
     void OnUnacknowledged(ConversationId conversation, std::uint16_t messageId, TimePoint now) {

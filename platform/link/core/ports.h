@@ -52,6 +52,13 @@ struct HandlerCall {
     bool sameHost = false;  // the requester runs on this node's host
     std::string key;
     std::string value;
+    std::string identity;  // of the requester's key; empty if it proved none
+    // Which node it is. Holders of the key on one host could take each other's place, and no others.
+    struct Node {
+        in_addr_t host = 0;
+        std::uint64_t id = 0;  // of a foreign program the port
+        std::uint32_t instance = 0;
+    } node;
 };
 
 struct DeviceEvent {

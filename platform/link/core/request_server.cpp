@@ -22,7 +22,7 @@ RequestServer::RequestServer(const PeerDirectory& directory, Network& network, A
       mBodyQuota("values in blocks", MAX_BODIES, MAX_BODIES_PER_SOURCE) {}
 
 void RequestServer::OnRequest(const CoapMessage& request, const Endpoint& source, in_addr_t localHost,
-                              ReplyPath path, TimePoint now) {
+                              ReplyPath path, TimePoint now, const std::string& identity) {
     const auto requester = DecodeRequester(request);
     const RequestKey key = KeyFor(request, requester, source);
     switch (mTable.Admit(key, requester, now)) {
@@ -32,6 +32,8 @@ void RequestServer::OnRequest(const CoapMessage& request, const Endpoint& source
             call.requester = EndpointOf(requester, source);
             call.sameHost = source.host == localHost || LocalInterface::IsLoopback(source.host);
             call.key = KeyOf(request);
+            call.identity = identity;
+            call.node = {source.host, key.requester.node, key.requester.instance};
             Run(key, request, std::move(call), requester, path, now);
             break;
         }

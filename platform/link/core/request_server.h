@@ -25,7 +25,7 @@ public:
 
     // `localHost` is this node's address to which the request came.
     void OnRequest(const CoapMessage& request, const Endpoint& source, in_addr_t localHost, ReplyPath path,
-                   TimePoint now);
+                   TimePoint now, const std::string& identity);
     void OnHandled(std::uint64_t ticket, const Outcome& outcome, TimePoint now);
     // From here on every new request is refused.
     void Refuse() { mClosed = true; }

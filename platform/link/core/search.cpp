@@ -22,9 +22,9 @@ constexpr unsigned ALL_REGULAR = (1U << FIRST_RESCUE) - 1;
 
 }  // namespace
 
-Search::Search(std::string deviceType, Knowledge knowledge, TimePoint now)
+Search::Search(std::string deviceType, const Knowledge& knowledge, TimePoint now)
     : mDeviceType(std::move(deviceType)),
-      mExpected(std::move(knowledge.nodes)),
+      mExpected(knowledge.nodes),
       mDirected(knowledge.complete && !mExpected.empty() && mExpected.size() <= MOST_DIRECTED),
       mCounted(knowledge.counted),
       mStart(now),

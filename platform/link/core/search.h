@@ -49,7 +49,7 @@ public:
         bool counted = false;
     };
 
-    Search(std::string deviceType, Knowledge knowledge, TimePoint now);
+    Search(std::string deviceType, const Knowledge& knowledge, TimePoint now);
 
     // The number of the probe copy that is due, once.
     std::optional<unsigned> TakeDueProbe(TimePoint now);

@@ -106,6 +106,13 @@ void SecuredSessions::OnFailed(SessionId session, bool refused) {
     }
 }
 
+void SecuredSessions::Retire(SessionId session) {
+    const auto at = mSessions.find(session);
+    if (at != mSessions.end()) {
+        at->second.retired = true;
+    }
+}
+
 void SecuredSessions::Tick(TimePoint now) {
     for (auto at = mSessions.begin(); at != mSessions.end();) {
         const bool failed = at->second.state == State::FAILED || at->second.state == State::REFUSED;
@@ -147,8 +154,8 @@ SecuredSessions::Session* SecuredSessions::SessionFor(const CoapMessage& message
 }
 
 bool SecuredSessions::IsUsable(const Session& session, TimePoint now) const {
-    return session.state == State::CONNECTED && now - session.used < IDLE && now - session.begun < OLDEST &&
-           session.unanswered < MAX_UNANSWERED;
+    return session.state == State::CONNECTED && !session.retired && now - session.used < IDLE &&
+           now - session.begun < OLDEST && session.unanswered < MAX_UNANSWERED;
 }
 
 void SecuredSessions::Write(SessionId id, Session& session, ConversationId conversation,
@@ -258,7 +265,7 @@ bool SecuredSessions::IsOver(SessionId id, const Session& session, TimePoint now
     if (session.state == State::HANDSHAKE) {
         const bool connected = std::any_of(mSessions.begin(), mSessions.end(), [&](const auto& other) {
             return other.second.to == session.to && other.second.state == State::CONNECTED &&
-                   !IsDoubtful(other.second.askedSince, now);
+                   !other.second.retired && !IsDoubtful(other.second.askedSince, now);
         });
         return connected || now - session.begun >= HANDSHAKE;
     }

@@ -61,6 +61,8 @@ public:
     std::optional<ConversationId> OnAnswer(SessionId session, const std::string& token, TimePoint now);
     // Only takes note, so that Write may call it; Tick does the rest.
     void OnFailed(SessionId session, bool refused);
+    // Its key is not valid any more: it serves the requests that left by it, and no others.
+    void Retire(SessionId session);
 
     void Tick(TimePoint now);
     TimePoint NextDeadline() const;
@@ -76,6 +78,7 @@ private:
         TimePoint used;
         std::optional<TimePoint> askedSince;  // nothing was heard after that
         unsigned unanswered = 0;
+        bool retired = false;
         std::set<ConversationId> bound;
     };
     struct Conversation {

@@ -107,6 +107,10 @@ coap_pdu_t* PduOf(const CoapMessage& message, std::uint16_t messageId) {
 
 coap_bin_const_t BinaryOf(const std::string& text) { return {text.size(), BytesOf(text)}; }
 
+std::string_view TextOf(const coap_bin_const_t* binary) {
+    return {reinterpret_cast<const char*>(binary->s), binary->length};
+}
+
 bool IsPath(coap_resource_t* resource, std::string_view path) {
     const coap_str_const_t* own = coap_resource_get_uri_path(resource);
     return path == std::string_view(reinterpret_cast<const char*>(own->s), own->length);
@@ -124,16 +128,17 @@ CoapPort::~CoapPort() {
     for (const auto& [path, session] : mPaths) {
         coap_session_release(session);
     }
+    mContext.reset();  // tells of each session that it ends
 }
 
 bool CoapPort::CanSecure() {
     StartLibrary();
-    return coap_dtls_is_supported() != 0;
+    return LUMORA_LINK_HAS_KEYS != 0 && coap_dtls_is_supported() != 0;
 }
 
-bool CoapPort::Open(std::optional<Psk> psk) {
+bool CoapPort::Open(std::optional<KeyRing> keys) {
     StartLibrary();
-    mPsk = std::move(psk);
+    mKeys = keys ? std::make_unique<const KeyRing>(std::move(*keys)) : nullptr;
     mContext.reset(coap_new_context(nullptr));
     if (mContext == nullptr) {
         return false;
@@ -149,24 +154,83 @@ bool CoapPort::Open(std::optional<Psk> psk) {
             return false;
         }
     }
-    return Descriptor() >= 0 && (!mPsk || ServeSecurely());
+    return Descriptor() >= 0 && (!IsSecured() || ServeSecurely());
 }
 
+// The hint is the name of our own key. A requester that holds keys for many devices chooses ours by it.
 bool CoapPort::ServeSecurely() {
-    mKey = BinaryOf(mPsk->key);
     coap_register_event_handler(mContext.get(), OnEvent);
     coap_dtls_spsk_t setup = {};
     setup.version = COAP_DTLS_SPSK_SETUP_VERSION;
     setup.validate_id_call_back = KeyOf;
     setup.id_call_back_arg = this;
-    setup.psk_info.key = mKey;
+    if (const Psk* own = mKeys->Own()) {
+        setup.psk_info.hint = BinaryOf(own->identity);
+        setup.psk_info.key = BinaryOf(own->key);
+    }
     return coap_context_set_psk2(mContext.get(), &setup) != 0;
 }
 
+// libcoap copies what it is given for a session, and keeps pointers to what it is given for the context: the
+// former ring goes when the context has the new one.
+void CoapPort::UseKeys(KeyRing keys) {
+    auto former = std::make_unique<const KeyRing>(std::move(keys));
+    mKeys.swap(former);
+    ServeSecurely();
+    for (coap_session_t* session : mServed) {
+        if (!HasValidKey(session)) {
+            mRevoked.insert(session);
+        }
+    }
+    for (const auto& [id, channel] : mChannels) {
+        if (!HasValidKey(channel->session)) {
+            mSessions.Retire(id);
+        }
+    }
+}
+
 const coap_bin_const_t* CoapPort::KeyOf(coap_bin_const_t* identity, coap_session_t*, void* port) {
-    const auto* own = static_cast<CoapPort*>(port);
-    const std::string_view name(reinterpret_cast<const char*>(identity->s), identity->length);
-    return name == own->mPsk->identity ? &own->mKey : nullptr;
+    auto* own = static_cast<CoapPort*>(port);
+    const Psk* psk = own->mKeys->Find(TextOf(identity));
+    if (psk == nullptr) {
+        return nullptr;
+    }
+    own->mServedKey = BinaryOf(psk->key);
+    return &own->mServedKey;
+}
+
+// A peer of an earlier version gives no hint, and one whose key is not here expects ours.
+const coap_dtls_cpsk_info_t* CoapPort::KeyForHint(coap_str_const_t* hint, coap_session_t*, void* port) {
+    auto* own = static_cast<CoapPort*>(port);
+    const Psk* psk = own->mKeys->Find({reinterpret_cast<const char*>(hint->s), hint->length});
+    psk = psk != nullptr ? psk : own->mKeys->Own();
+    if (psk == nullptr) {
+        return nullptr;
+    }
+    own->mChosenKey = {BinaryOf(psk->identity), BinaryOf(psk->key)};
+    return &own->mChosenKey;
+}
+
+bool CoapPort::HasValidKey(const coap_session_t* session) const {
+    const coap_bin_const_t* identity = coap_session_get_psk_identity(session);
+    const coap_bin_const_t* key = coap_session_get_psk_key(session);
+    // A handshake that has not got to its key meets the new ones.
+    return identity == nullptr || key == nullptr || mKeys->Has(TextOf(identity), TextOf(key));
+}
+
+// Its end reaches the other side as such, which then begins a session by another key.
+void CoapPort::EndRevoked() {
+    for (auto at = mRevoked.begin(); at != mRevoked.end();) {
+        coap_session_t* session = *at;
+        const bool answering = std::any_of(mPaths.begin(), mPaths.end(),
+                                           [&](const auto& path) { return path.second == session; });
+        if (answering) {
+            ++at;
+            continue;
+        }
+        at = mRevoked.erase(at);
+        coap_session_disconnected(session, COAP_NACK_TLS_FAILED);
+    }
 }
 
 bool CoapPort::AddResource(const char* path) {
@@ -195,8 +259,8 @@ bool CoapPort::Listen(const Endpoint& endpoint) {
     if (mEndpoints.count(endpoint) != 0) {
         return true;
     }
-    const bool listens =
-        ListenBy(COAP_PROTO_UDP, endpoint) && (!mPsk || ListenBy(COAP_PROTO_DTLS, SecuredPortOf(endpoint)));
+    const bool listens = ListenBy(COAP_PROTO_UDP, endpoint) &&
+                         (!IsSecured() || ListenBy(COAP_PROTO_DTLS, SecuredPortOf(endpoint)));
     if (listens) {
         mEndpoints.insert(endpoint);
     }
@@ -234,6 +298,7 @@ void CoapPort::Settle() {
     for (const auto& [conversation, messageId] : unacknowledged) {
         mListener.onUnacknowledged(conversation, messageId);
     }
+    EndRevoked();
     ReleaseEnded();
 }
 
@@ -247,7 +312,7 @@ void CoapPort::ReleaseEnded() {
 }
 
 void CoapPort::Transmit(ConversationId conversation, const Endpoint& to, const CoapMessage& message) {
-    if (mPsk) {
+    if (IsSecured()) {
         mSessions.Transmit(conversation, to, message, Clock::now());
         return;
     }
@@ -259,7 +324,7 @@ void CoapPort::Transmit(ConversationId conversation, const Endpoint& to, const C
 }
 
 void CoapPort::CloseConversation(ConversationId conversation) {
-    if (mPsk) {
+    if (IsSecured()) {
         mSessions.CloseConversation(conversation);
     } else {
         CloseChannel(conversation);
@@ -300,12 +365,12 @@ bool CoapPort::OpenChannel(ChannelId channel, const Endpoint& to) {
         }
         return false;
     }
-    if (!CloseOnExecIfConnected(descriptor, mPsk ? SecuredPortOf(to) : to)) {
+    if (!CloseOnExecIfConnected(descriptor, IsSecured() ? SecuredPortOf(to) : to)) {
         CloseOnExec(Descriptor());
     }
     coap_session_set_app_data(made->session, made.get());
     coap_session_set_mtu(made->session, MAX_DATAGRAM);
-    if (!mPsk) {
+    if (!IsSecured()) {
         coap_session_set_ack_random_factor(made->session, EXACTLY);
         coap_session_set_max_retransmit(made->session, 1);
     }
@@ -327,7 +392,7 @@ bool CoapPort::Send(ChannelId channel, const CoapMessage& message) {
 // an acknowledgement of any copy takes the one out of libcoap's queue that is due first, and that is this
 // one.
 bool CoapPort::Watch(Channel& channel, const CoapMessage& message) const {
-    const bool request = !mPsk && PathOf(message) == RESOURCE_PATH;
+    const bool request = !IsSecured() && PathOf(message) == RESOURCE_PATH;
     if (!request || channel.watched == message.messageId) {
         return false;
     }
@@ -359,15 +424,21 @@ void CoapPort::CloseChannel(ChannelId channel) {
 // No local address: libcoap would bind with SO_REUSEADDR, and then the kernel may give the port of
 // another node's endpoint to this socket.
 coap_session_t* CoapPort::NewSession(const Endpoint& to) {
-    if (!mPsk) {
+    if (!IsSecured()) {
         const coap_address_t address = AddressOf(to);
         return coap_new_client_session(mContext.get(), nullptr, &address, COAP_PROTO_UDP);
     }
     const coap_address_t address = AddressOf(SecuredPortOf(to));
     coap_dtls_cpsk_t setup = {};
     setup.version = COAP_DTLS_CPSK_SETUP_VERSION;
-    setup.psk_info.identity = BinaryOf(mPsk->identity);
-    setup.psk_info.key = mKey;
+    const Psk* own = mKeys->Own();
+    if (own == nullptr) {
+        return nullptr;  // all have expired
+    }
+    setup.psk_info.identity = BinaryOf(own->identity);
+    setup.psk_info.key = BinaryOf(own->key);
+    setup.validate_ih_call_back = KeyForHint;
+    setup.ih_call_back_arg = this;
     return coap_new_client_session_psk2(mContext.get(), nullptr, &address, COAP_PROTO_DTLS, &setup);
 }
 
@@ -404,7 +475,8 @@ void CoapPort::SetLogLevel(int level) {
 void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, const coap_pdu_t* request,
                            const coap_string_t*, coap_pdu_t* response) {
     auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
-    if (port->mPsk && coap_session_get_proto(session) != COAP_PROTO_DTLS && IsPath(resource, RESOURCE_PATH)) {
+    const bool byKey = coap_session_get_proto(session) == COAP_PROTO_DTLS && port->HasValidKey(session);
+    if (port->IsSecured() && !byKey && IsPath(resource, RESOURCE_PATH)) {
         coap_pdu_set_code(response, COAP_RESPONSE_CODE_UNAUTHORIZED);
         return;
     }
@@ -422,8 +494,10 @@ void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, c
         // In this order: what memory is short for must not keep the session, which libcoap does not forgive.
         port->mPaths.emplace(path, session);
         coap_session_reference(session);
+        const coap_bin_const_t* identity = byKey ? coap_session_get_psk_identity(session) : nullptr;
         port->mListener.onRequest(message, EndpointOf(coap_session_get_addr_remote(session)),
-                                  EndpointOf(coap_session_get_addr_local(session)).host, path);
+                                  EndpointOf(coap_session_get_addr_local(session)).host, path,
+                                  std::string(identity != nullptr ? TextOf(identity) : ""));
     });
 }
 
@@ -445,8 +519,9 @@ coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*,
             answer.code = code::TOO_LARGE;
             answer.payload.clear();
         }
-        const auto conversation = port->mPsk ? port->mSessions.OnAnswer(channel, answer.token, Clock::now())
-                                             : std::make_optional(channel);
+        const auto conversation = port->IsSecured()
+                                      ? port->mSessions.OnAnswer(channel, answer.token, Clock::now())
+                                      : std::make_optional(channel);
         if (conversation) {
             port->mListener.onAnswer(*conversation, answer);
         }
@@ -467,7 +542,7 @@ void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t* sent, coap_nack
         auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
         if (unacknowledged) {
             port->OnUnacknowledged(channel, sent);
-        } else if (port->mPsk) {
+        } else if (port->IsSecured()) {
             port->mSessions.OnFailed(channel, reason == COAP_NACK_ICMP_ISSUE);
         } else {
             port->OnRefused(channel);
@@ -478,12 +553,17 @@ void CoapPort::OnNack(coap_session_t* session, const coap_pdu_t* sent, coap_nack
 // Every end of a session is told here first, whatever the reason.
 int CoapPort::OnEvent(coap_session_t* session, coap_event_t event) {
     const ChannelId channel = ChannelOf(session);
-    if (channel == 0) {
-        return 0;
-    }
     auto* port = static_cast<CoapPort*>(coap_get_app_data(coap_session_get_context(session)));
+    if (event == COAP_EVENT_SERVER_SESSION_DEL) {
+        port->mServed.erase(session);
+        port->mRevoked.erase(session);
+    }
     RunGuarded([&] {
-        if (event == COAP_EVENT_DTLS_CONNECTED) {
+        if (event == COAP_EVENT_SERVER_SESSION_NEW && coap_session_get_proto(session) == COAP_PROTO_DTLS) {
+            port->mServed.insert(session);
+        } else if (channel == 0) {
+            return;
+        } else if (event == COAP_EVENT_DTLS_CONNECTED) {
             port->mConnected.push_back(channel);
         } else if (event == COAP_EVENT_DTLS_ERROR || event == COAP_EVENT_DTLS_CLOSED) {
             port->mSessions.OnFailed(channel, false);

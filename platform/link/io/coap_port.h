@@ -25,7 +25,9 @@ namespace lumora_link {
 class CoapPort : private SecuredSessions::Carrier {
 public:
     struct Listener {
-        std::function<void(const CoapMessage&, const Endpoint& source, in_addr_t localHost, ReplyPath path)>
+        // The identity is that of the key by which the request came; empty if it came by none.
+        std::function<void(const CoapMessage&, const Endpoint& source, in_addr_t localHost, ReplyPath path,
+                           const std::string& identity)>
             onRequest;
         std::function<void(ConversationId, const CoapMessage&)> onAnswer;
         std::function<void(ConversationId)> onRefused;
@@ -40,10 +42,12 @@ public:
     CoapPort(const CoapPort&) = delete;
     CoapPort& operator=(const CoapPort&) = delete;
 
-    // Whether the libcoap that this was built with has DTLS.
+    // Whether this library was built with DTLS.
     static bool CanSecure();
-    // With a key every conversation is by DTLS, and the resource is served to nobody else.
-    bool Open(std::optional<Psk> psk);
+    // With keys every conversation is by DTLS, and the resource is served to nobody else.
+    bool Open(std::optional<KeyRing> keys);
+    // From now on these. Sessions by others end as soon as the requests under way are answered.
+    void UseKeys(KeyRing keys);
     int Descriptor() const;
     // Serves that address too; one that is served already stays as it is.
     bool Listen(const Endpoint& endpoint);
@@ -83,8 +87,12 @@ private:
 
     static int OnEvent(coap_session_t* session, coap_event_t event);
     static const coap_bin_const_t* KeyOf(coap_bin_const_t* identity, coap_session_t*, void* port);
+    static const coap_dtls_cpsk_info_t* KeyForHint(coap_str_const_t* hint, coap_session_t*, void* port);
 
     bool ServeSecurely();
+    bool IsSecured() const { return mKeys != nullptr; }
+    bool HasValidKey(const coap_session_t* session) const;
+    void EndRevoked();
     bool ListenBy(coap_proto_t protocol, const Endpoint& endpoint);
     bool Open(SecuredSessions::SessionId session, const Endpoint& to) override;
     void Probe(SecuredSessions::SessionId session) override;
@@ -105,8 +113,9 @@ private:
     void ReleaseEnded();
 
     const Listener mListener;
-    std::optional<Psk> mPsk;
-    coap_bin_const_t mKey = {};
+    std::unique_ptr<const KeyRing> mKeys;  // null without keys
+    coap_bin_const_t mServedKey = {};      // what the last call of KeyOf returned
+    coap_dtls_cpsk_info_t mChosenKey = {};
     std::unique_ptr<coap_context_t, ContextCloser> mContext;
     std::set<Endpoint> mEndpoints;
     std::map<ChannelId, std::unique_ptr<Channel>> mChannels;
@@ -116,6 +125,8 @@ private:
     std::vector<ChannelId> mConnected;  // libcoap sends by them when it has returned from telling so
     SecuredSessions mSessions{*this};
     std::map<ReplyPath, coap_session_t*> mPaths;
+    std::set<coap_session_t*> mServed;   // sessions that others began, by DTLS
+    std::set<coap_session_t*> mRevoked;  // those of them whose key is not valid any more
     ReplyPath mLastPath = 0;
 };
 

@@ -56,6 +56,15 @@ std::vector<std::string> ReadInterfaces(const char* text) {
     return names;
 }
 
+// A value that cannot be read counts as a wish for safety.
+bool ReadRequireKey(const char* text) {
+    const std::string value = text == nullptr ? "" : text;
+    if (!value.empty() && value != "0" && value != "1") {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_REQUIRE_KEY: \"%s\" is neither 0 nor 1; using 1\n", text);
+    }
+    return LUMORA_LINK_REQUIRE_KEY != 0 || (!value.empty() && value != "0");
+}
+
 std::vector<Endpoint> ReadPeers(const char* text, std::uint16_t defaultPort) {
     std::vector<Endpoint> peers;
     for (const std::string& item : SplitList(text)) {
@@ -80,6 +89,7 @@ Config ReadConfig(const Environment& environment) {
     if (const char* pskFile = environment("LUMORA_LINK_PSK_FILE")) {
         config.pskFile = pskFile;
     }
+    config.requireKey = ReadRequireKey(environment("LUMORA_LINK_REQUIRE_KEY"));
     return config;
 }
 

@@ -17,6 +17,7 @@ struct Config {
     // LUMORA_LINK_PSK_FILE. An empty name counts as set and fails: otherwise a mistake in a script would
     // leave the node without security.
     std::optional<std::string> pskFile;
+    bool requireKey = false;  // LUMORA_LINK_REQUIRE_KEY, or the build says so
 };
 
 using Environment = std::function<const char*(const char* name)>;

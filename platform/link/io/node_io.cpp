@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <future>
 
 #include "base/thread.h"
@@ -22,6 +23,8 @@ namespace {
 // Without free descriptors an interface cannot be opened. No event tells when descriptors are closed, so the
 // thread tries again after this.
 constexpr Milliseconds TRY_AGAIN_AFTER{1000};
+// A node says hello more often than that, so this wakes it no further time.
+constexpr Milliseconds LOOK_AT_KEYS_EVERY{1000};
 
 }  // namespace
 
@@ -120,15 +123,26 @@ std::size_t NodeIo::DescriptorsOfANode() const {
 }
 
 bool NodeIo::Open() {
+    if (mConfig.requireKey && !mConfig.pskFile) {
+        LINK_LOG(LEVEL_ERROR, "a key is required, and LUMORA_LINK_PSK_FILE is not set\n");
+        return false;
+    }
+    std::optional<KeyRing> keys;
     if (mConfig.pskFile) {
         if (!CoapPort::CanSecure()) {
             LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE is set, but this library was built without DTLS\n");
             return false;
         }
-        mPsk = ReadPskFile(*mConfig.pskFile);
-        if (!mPsk) {
+        mKeyFile.emplace(*mConfig.pskFile);
+        keys = mKeyFile->Read(std::time(nullptr));
+        if (!keys) {
             return false;
         }
+        if (keys->Own() == nullptr) {
+            LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: every key has expired\n");
+            return false;
+        }
+        mLookAtKeys = Clock::now() + LOOK_AT_KEYS_EVERY;
     }
     // Checked before anything is opened: libcoap leaks descriptors if it cannot open all that it needs, and a
     // later failure would name another cause.
@@ -145,11 +159,12 @@ bool NodeIo::Open() {
         return false;
     }
     mCoap = std::make_unique<CoapPort>(CoapPort::Listener{
-        [this](const CoapMessage& message, const Endpoint& source, in_addr_t local, ReplyPath path) {
+        [this](const CoapMessage& message, const Endpoint& source, in_addr_t local, ReplyPath path,
+               const std::string& identity) {
             // Requests of hosts outside the local networks are dropped before the core stores anything for
             // them.
             if (IsHeeded(source)) {
-                mCore.OnRequest(message, source, local, path, Clock::now());
+                mCore.OnRequest(message, source, local, path, Clock::now(), identity);
             } else {
                 mCoap->Forget(path);
             }
@@ -174,7 +189,7 @@ bool NodeIo::Open() {
                            mCore.OnSearchAnswer(message, source, Clock::now());
                        }
                    }});
-    if (!mCoap->Open(mPsk) || !mGroup->Open()) {
+    if (!mCoap->Open(std::move(keys)) || !mGroup->Open()) {
         LINK_LOG(LEVEL_ERROR, "the sockets of a node cannot be opened\n");
         return false;
     }
@@ -203,8 +218,30 @@ void NodeIo::Turn() {
     if (now >= mTryAgain) {
         FollowInterfaces();
     }
-    mLoop.WakeAt(std::min({mCore.NextDeadline(now), mCoap->NextDeadline(), mTryAgain}));
+    if (now >= mLookAtKeys) {
+        FollowKeys(now);
+    }
+    mLoop.WakeAt(std::min({mLookAtKeys, mCore.NextDeadline(now), mCoap->NextDeadline(), mTryAgain}));
     mLoop.RunOnce();
+}
+
+// A file that cannot be used leaves the keys as they are: a mistake in it must not stop a fleet.
+void NodeIo::FollowKeys(TimePoint now) {
+    mLookAtKeys = now + LOOK_AT_KEYS_EVERY;
+    const std::time_t today = std::time(nullptr);
+    if (!mKeyFile->HasChanged(today)) {
+        return;
+    }
+    auto keys = mKeyFile->Read(today);
+    if (!keys) {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: the keys stay as they are\n");
+        return;
+    }
+    if (keys->Own() == nullptr) {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: every key has expired\n");
+    }
+    LINK_LOG(2, "LUMORA_LINK_PSK_FILE: %zu keys were read again\n", keys->Size());
+    mCoap->UseKeys(std::move(*keys));
 }
 
 // Over a netlink socket the kernel reports changes of links and addresses. Without it the node keeps the

@@ -46,6 +46,7 @@ private:
     void Run();
     void Turn();
     bool FollowInterfaces();
+    void FollowKeys(TimePoint now);
     bool IsHeeded(const Endpoint& source) const;
     void WarnIfUnreachable(const std::vector<LocalInterface>& used);
     void OpenRouteSocket();
@@ -59,7 +60,8 @@ private:
     void Forget(ReplyPath path) override;
 
     const Config mConfig;
-    std::optional<Psk> mPsk;
+    std::optional<PskFile> mKeyFile;
+    TimePoint mLookAtKeys = TimePoint::max();
     SystemRandom mRandom;
     NodeCore mCore;
     EventLoop mLoop;

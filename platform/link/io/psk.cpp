@@ -1,9 +1,10 @@
 #include "platform/link/io/psk.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
+#include <tuple>
 
 #include "base/unique_fd.h"
 #include "platform/link/log.h"
@@ -12,46 +13,84 @@ namespace lumora_link {
 
 namespace {
 
-// What every TLS library takes.
-constexpr std::size_t MAX_PART_BYTES = 64;
+auto Stamp(const struct stat& state) {
+    return std::make_tuple(state.st_dev, state.st_ino, state.st_size, state.st_mtim.tv_sec,
+                           state.st_mtim.tv_nsec, state.st_ctim.tv_sec, state.st_ctim.tv_nsec);
+}
 
-std::optional<Psk> ParsePsk(std::string text) {
-    if (!text.empty() && text.back() == '\n') {
-        text.pop_back();
+std::optional<std::string> ReadAll(int file) {
+    std::string text;
+    std::array<char, 4096> buffer;
+    while (text.size() <= MAX_KEY_FILE_BYTES) {
+        const ssize_t bytes = read(file, buffer.data(), buffer.size());
+        if (bytes <= 0) {
+            return bytes == 0 ? std::make_optional(std::move(text)) : std::nullopt;
+        }
+        text.append(buffer.data(), static_cast<std::size_t>(bytes));
     }
-    const std::size_t colon = text.find(':');
-    if (colon == std::string::npos || text.find('\n') != std::string::npos) {
-        return std::nullopt;
-    }
-    Psk psk{text.substr(0, colon), text.substr(colon + 1)};
-    const bool valid = !psk.identity.empty() && psk.identity.size() <= MAX_PART_BYTES && !psk.key.empty() &&
-                       psk.key.size() <= MAX_PART_BYTES;
-    return valid ? std::make_optional(std::move(psk)) : std::nullopt;
+    return std::nullopt;
 }
 
 }  // namespace
 
-std::optional<Psk> ReadPskFile(const std::string& path) {
-    const lumora::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat state = {};
-    if (!file || fstat(file.Get(), &state) != 0 || !S_ISREG(state.st_mode)) {
-        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: \"%s\" cannot be read\n", path.c_str());
+const Psk* KeyRing::Find(std::string_view identity) const {
+    const auto at =
+        std::find_if(mKeys.begin(), mKeys.end(), [&](const Psk& psk) { return psk.identity == identity; });
+    return at == mKeys.end() ? nullptr : &*at;
+}
+
+bool KeyRing::Has(std::string_view identity, std::string_view key) const {
+    const Psk* psk = Find(identity);
+    return psk != nullptr && psk->key == key;
+}
+
+std::optional<KeyRing> PskFile::Read(std::time_t now) {
+    mNextExpiry.reset();
+    mSeen = {};
+    const lumora::UniqueFd file(open(mPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file || fstat(file.Get(), &mSeen) != 0 || !S_ISREG(mSeen.st_mode)) {
+        stat(mPath.c_str(), &mSeen);
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: \"%s\" cannot be read\n", mPath.c_str());
         return std::nullopt;
     }
-    if ((state.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    if ((mSeen.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: \"%s\" is open to others than its owner\n",
-                 path.c_str());
+                 mPath.c_str());
         return std::nullopt;
     }
-    std::array<char, 2 * MAX_PART_BYTES + 3> buffer;
-    const ssize_t bytes = read(file.Get(), buffer.data(), buffer.size());
-    auto psk =
-        bytes < 0 ? std::nullopt : ParsePsk(std::string(buffer.data(), static_cast<std::size_t>(bytes)));
-    if (!psk) {
-        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: \"%s\" is not one line identity:key, 64 bytes each\n",
-                 path.c_str());
+    const auto text = ReadAll(file.Get());
+    if (!text) {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: \"%s\" cannot be read\n", mPath.c_str());
+        return std::nullopt;
     }
-    return psk;
+    auto parsed = ParseKeyFile(*text);
+    if (const auto* fault = std::get_if<KeyFileFault>(&parsed)) {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: \"%s\": line %u %s\n", mPath.c_str(), fault->line,
+                 fault->text.c_str());
+        return std::nullopt;
+    }
+    std::vector<Psk> valid;
+    for (Psk& psk : std::get<std::vector<Psk>>(parsed)) {
+        if (!psk.IsValidAt(now)) {
+            LINK_LOG(LEVEL_WARNING, "LUMORA_LINK_PSK_FILE: the key \"%s\" has expired\n",
+                     psk.identity.c_str());
+            continue;
+        }
+        if (psk.expires) {
+            mNextExpiry = std::min(mNextExpiry.value_or(*psk.expires), *psk.expires);
+        }
+        valid.push_back(std::move(psk));
+    }
+    return KeyRing(std::move(valid));
+}
+
+// A file that is missing or closed to us counts as one that is empty.
+bool PskFile::HasChanged(std::time_t now) const {
+    struct stat state = {};
+    if (stat(mPath.c_str(), &state) != 0) {
+        state = {};
+    }
+    return Stamp(state) != Stamp(mSeen) || (mNextExpiry && now >= *mNextExpiry);
 }
 
 }  // namespace lumora_link

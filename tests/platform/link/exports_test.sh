@@ -1,7 +1,7 @@
 #!/bin/sh
-# The library shows the four functions of its interface and nothing else.
+# The library shows the five functions of its interface and nothing else.
 set -eu
-expected="FreeAppResourceProxy2 FreeLinkPlatform GetLinkPlatform GetNextAppResourceProxy"
+expected="FreeAppResourceProxy2 FreeLinkPlatform GetLinkPlatform GetLinkSecurity GetNextAppResourceProxy"
 found=$("${NM:-nm}" -D --defined-only "$1" | awk '{print $NF}' | sort | tr '\n' ' ' | sed 's/ $//')
 if [ "$found" != "$expected" ]; then
     echo "exported: $found"

@@ -104,6 +104,7 @@ struct Options {
 Findings LookRound(const Options& options) {
     std::vector<std::pair<std::string, std::function<void(Findings&)>>> areas = {
         {"Variables", LookAtVariables},
+        {"Keys", LookAtKeys},
         {"Interfaces", LookAtInterfaces},
         {"Multicast", [&options](Findings& findings) { LookAtMulticast(findings, options.listen); }},
         {"Ports", LookAtPorts},

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <optional>
 
 #include "base/unique_fd.h"
@@ -21,7 +22,7 @@ namespace {
 
 using Level = Finding::Level;
 
-const char AREA[] = "device";
+const char DEVICE[] = "device";
 
 // 0 or the error of an attempt to connect. A device listens on its data port only while a channel is set up,
 // so ECONNREFUSED means that the way is open.
@@ -58,12 +59,12 @@ void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDe
         // A session connects in both directions: ours to port 6666 there, and the device's to port 6667 here.
         const ClientSession session({device, std::chrono::milliseconds(2000), false}, {});
         findings.push_back(
-            {Level::GOOD, AREA, "connected: TCP port 6666 is reached there, and 6667 from there", ""});
+            {Level::GOOD, DEVICE, "connected: TCP port 6666 is reached there, and 6667 from there", ""});
     } catch (const Failure& failure) {
         // Only after a failure: tells which of the two directions is blocked.
         const int error = ConnectError(found.address, DEVICE_PORT);
         const bool open = error == 0 || error == ECONNREFUSED;
-        findings.push_back({Level::FAULT, AREA, std::string("cannot be connected: ") + failure.what(),
+        findings.push_back({Level::FAULT, DEVICE, std::string("cannot be connected: ") + failure.what(),
                             open ? "TCP port 6666 is reached there, so look at the way back: a firewall on "
                                    "this host has to let "
                                    "TCP to port 6667 pass"
@@ -77,15 +78,15 @@ void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDe
 Finding NotConnected(const std::optional<PortHolder>& holder) {
     const std::string text = "found and asked only. Not checked: TCP port 6666 there, and 6667 from there. ";
     if (!holder) {
-        return {Level::WARNING, AREA, text + "TCP port 6667 of this host is taken",
+        return {Level::WARNING, DEVICE, text + "TCP port 6667 of this host is taken",
                 "ss -tlnp 'sport = :6667' as root names the program. End it and repeat"};
     }
     if (!holder->usesLumora) {
-        return {Level::FAULT, AREA,
+        return {Level::FAULT, DEVICE,
                 "cannot be connected: TCP port 6667 of this host belongs to " + holder->Text(),
                 "no client can be connected on this host until that program ends"};
     }
-    return {Level::NOTE, AREA,
+    return {Level::NOTE, DEVICE,
             text + "TCP port 6667 is used by a running client of this host: " + holder->Text(),
             "end that client and repeat, to check the rest of the way"};
 }
@@ -103,25 +104,30 @@ void WalkTo(Findings& findings, DeviceChoice device, std::chrono::milliseconds w
     }
     if (all.empty()) {
         findings.push_back(
-            {Level::FAULT, AREA, "no device of type " + device.Text() + " was found",
+            {Level::FAULT, DEVICE, "no device of type " + device.Text() + " was found",
              "is it running, in this network, and with this type? lumora find lists those that are there; "
              "LUMORA_LINK_PEERS names devices that multicast does not reach"});
         return;
     }
     const FoundDevice& found = all.front();
     const std::string place = found.address + ", UDP port " + std::to_string(found.port);
-    findings.push_back({Level::GOOD, AREA, "found at " + place, ""});
+    findings.push_back({Level::GOOD, DEVICE, "found at " + place, ""});
     if (all.size() > 1) {
-        findings.push_back({Level::NOTE, AREA, std::to_string(all.size()) + " devices have this type",
+        findings.push_back({Level::NOTE, DEVICE, std::to_string(all.size()) + " devices have this type",
                             device.type + "@ADDRESS names one of them"});
     }
     if (!found.answers) {
-        findings.push_back({Level::FAULT, AREA, "it does not tell its services",
-                            "a client, or a device that is not ready, hangs, or uses another key"});
+        findings.push_back(
+            {Level::FAULT, DEVICE, "it does not tell its services",
+             std::getenv("LUMORA_LINK_PSK_FILE") != nullptr
+                 ? "a client, or a device that is not ready or hangs, or this device has a key that is "
+                   "not in the file of LUMORA_LINK_PSK_FILE"
+                 : "a client, or a device that is not ready or hangs, or this device has a key and "
+                   "LUMORA_LINK_PSK_FILE names none here"});
         return;
     }
     findings.push_back(
-        {Level::GOOD, AREA,
+        {Level::GOOD, DEVICE,
          "answers: " + Count(found.services.size(), "service", "services") + ", version " + found.version,
          ""});
     // From here on only this device, also if another one of the type answers sooner.

@@ -21,6 +21,7 @@ struct Finding {
 using Findings = std::vector<Finding>;
 
 void LookAtVariables(Findings& findings);
+void LookAtKeys(Findings& findings);
 void LookAtInterfaces(Findings& findings);
 void LookAtMulticast(Findings& findings, std::chrono::milliseconds listening);
 void LookAtPorts(Findings& findings);

@@ -98,6 +98,7 @@ Command SendCommand();
 Command PingCommand();
 Command ShellCommand();
 Command ServeCommand();
+Command KeyCommand();
 Command DoctorCommand();
 
 }  // namespace lumora_cli

@@ -281,7 +281,7 @@ bool FakeNetwork::Step(TimePoint end) {
 }
 
 void FakeNetwork::Carry(FakeNode& from, FakeNode& to, const CoapMessage& message,
-                        std::function<void()> deliver) {
+                        const std::function<void()>& deliver) {
     ++from.mDatagrams;
     if (filter && !filter(message)) {
         return;

@@ -154,7 +154,8 @@ private:
 
     bool Chance(unsigned percent) { return mGenerator() % 100 < percent; }
     // Delivers never, once or twice, as the settings and chance will have it.
-    void Carry(FakeNode& from, FakeNode& to, const CoapMessage& message, std::function<void()> deliver);
+    void Carry(FakeNode& from, FakeNode& to, const CoapMessage& message,
+               const std::function<void()>& deliver);
     void At(TimePoint time, std::function<void()> event) { mEvents.emplace(time, std::move(event)); }
     FakeNode* ListenerAt(const Endpoint& endpoint);
     bool Step(TimePoint end);

@@ -287,4 +287,26 @@ TEST_F(SecuredSessionsTest, TheNextTryIsDueWhileAPeerWaitsAndNeverOtherwise) {
     EXPECT_EQ(sessions.NextDeadline(), TimePoint::max());
 }
 
+TEST_F(SecuredSessionsTest, ARetiredSessionServesWhatLeftByItAndNothingElse) {
+    Ask(1, "one");
+    sessions.OnConnected(1, now);
+    ASSERT_THAT(written, ElementsAre("1 one"));
+    sessions.Retire(1);
+    sessions.Retire(99);
+    Ask(2, "two");
+    After(SecuredSessions::RETRY);
+    ASSERT_THAT(opened, ElementsAre(1, 2)) << "another handshake is begun";
+    After(Milliseconds(1));
+    ASSERT_THAT(closed, IsEmpty()) << "and not given up because of the retired one";
+    sessions.OnConnected(2, now);
+    EXPECT_THAT(written, ElementsAre("1 one", "2 two"));
+    Ask(1, "one");
+    EXPECT_THAT(written, ElementsAre("1 one", "2 two", "1 one")) << "a copy stays with its session";
+    EXPECT_EQ(sessions.OnAnswer(1, "one", now), ConversationId(1));
+    sessions.CloseConversation(1);
+    After(Milliseconds(1));
+    EXPECT_THAT(closed, ElementsAre(1));
+    EXPECT_THAT(refused, IsEmpty());
+}
+
 }  // namespace lumora_link::test

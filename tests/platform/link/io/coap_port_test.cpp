@@ -78,7 +78,7 @@ struct CoapPortTest : testing::Test {
     std::vector<CoapMessage> answers;
     std::vector<ConversationId> refused;
     std::vector<std::pair<ConversationId, std::uint16_t>> unacknowledged;
-    CoapPort port{{[](const CoapMessage&, const Endpoint&, in_addr_t, ReplyPath) {},
+    CoapPort port{{[](const CoapMessage&, const Endpoint&, in_addr_t, ReplyPath, const std::string&) {},
                    [this](ConversationId, const CoapMessage& answer) { answers.push_back(answer); },
                    [this](ConversationId conversation) { refused.push_back(conversation); },
                    [this](ConversationId conversation, std::uint16_t messageId) {

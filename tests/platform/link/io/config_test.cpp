@@ -33,6 +33,16 @@ TEST(ConfigTest, AnEmptyNameOfTheKeyFileIsNotTakenForNone) {
     EXPECT_EQ(Read({{"LUMORA_LINK_PSK_FILE", ""}}).pskFile, "");
 }
 
+TEST(ConfigTest, AKeyIsRequiredWhereTheSettingSaysSoOrCannotBeRead) {
+    for (const char* value : {"1", "yes", "2", " "}) {
+        EXPECT_TRUE(Read({{"LUMORA_LINK_REQUIRE_KEY", value}}).requireKey) << value;
+    }
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(Read({{"LUMORA_LINK_REQUIRE_KEY", "no"}}).requireKey);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::HasSubstr("LUMORA_LINK_REQUIRE_KEY: \"no\" is neither 0 nor 1; using 1"));
+}
+
 TEST(ConfigTest, ReadsListsWithCommasAndBlanks) {
     const Config config = Read({{"LUMORA_LINK_INTERFACE", "eth0, wlan0,,lo"},
                                 {"LUMORA_LINK_PEERS", "192.0.2.1,192.0.2.2:7000"},

@@ -127,4 +127,15 @@ TEST(MessagesTest, NoticesNeedNoAnswerAndCarryTheLink) {
     EXPECT_EQ(notice.payload, "link");
 }
 
+TEST(MessagesTest, TheCountStandsBehindTheContentFormat) {
+    CoapMessage answer = MakeLinkAnswer(MakeProbe("camera", "token", {}), "");
+    EXPECT_EQ(CountIn(answer), std::nullopt);
+    AddCount(answer, 200);
+    EXPECT_EQ(CountIn(answer), 200U);
+    const std::string bytes = SerializeMessage(answer);
+    EXPECT_EQ(bytes.substr(bytes.size() - 6), "\xc1\x28\xe1\xfc\xdf\xc8");
+    answer.options.back().value = std::string(5, '\0');
+    EXPECT_EQ(CountIn(answer), std::nullopt) << "of more bytes than a number has";
+}
+
 }  // namespace lumora_link::test

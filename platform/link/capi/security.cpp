@@ -1,0 +1,49 @@
+#include "platform/link/capi/security.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/link/wire/key_file.h"
+
+namespace lumora_link {
+
+namespace {
+
+thread_local const HandlerCall* currentCall = nullptr;
+
+static_assert(sizeof LinkRequester::identity == MAX_PSK_PART_BYTES + 1, "an identity and its NUL fit");
+static_assert(sizeof LinkRequester::node == sizeof(HandlerCall::Node::host) + sizeof(HandlerCall::Node::id) +
+                                                sizeof(HandlerCall::Node::instance),
+              "a node's numbers fit");
+
+extern "C" {
+
+static int GetRequester(LinkRequester* requester) {
+    if (requester == nullptr || currentCall == nullptr || currentCall->identity.empty()) {
+        return 0;
+    }
+    *requester = {};
+    const std::string& identity = currentCall->identity;
+    std::memcpy(requester->identity, identity.data(), std::min(identity.size(), MAX_PSK_PART_BYTES));
+    const HandlerCall::Node& node = currentCall->node;
+    unsigned char* at = requester->node;
+    std::memcpy(at, &node.host, sizeof node.host);
+    std::memcpy(at + sizeof node.host, &node.id, sizeof node.id);
+    std::memcpy(at + sizeof node.host + sizeof node.id, &node.instance, sizeof node.instance);
+    return 1;
+}
+
+}  // extern "C"
+
+}  // namespace
+
+CurrentCall::CurrentCall(const HandlerCall& call) : mFormer(currentCall) { currentCall = &call; }
+
+CurrentCall::~CurrentCall() { currentCall = mFormer; }
+
+const LinkSecurity& SecurityOperations() {
+    static const LinkSecurity operations = {sizeof(LinkSecurity), GetRequester};
+    return operations;
+}
+
+}  // namespace lumora_link
