@@ -9,6 +9,7 @@ import unittest
 from lumora_case import PROGRAM, SOURCES, LumoraCase, OnTerminal, lumora
 
 COMMANDS = ["find", "info", "version", "cmd", "subscribe", "send", "ping", "shell", "serve", "key", "doctor", "help"]
+COMPLETIONS = SOURCES / "tools/lumora/manual"
 
 
 class Help(LumoraCase):
@@ -184,7 +185,7 @@ class Fields(LumoraCase):
 
 class Pages(LumoraCase):
     def test_those_with_the_sources_are_what_the_program_says(self):
-        pages = {"lumora.bash": ["bash"], "_lumora": ["zsh"], "lumora.1": ["man"]}
+        pages = {"lumora.1": ["man"]}
         pages.update({f"lumora-{command}.1": ["man", command] for command in COMMANDS})
         for name, words in pages.items():
             with self.subTest(name):
@@ -221,7 +222,7 @@ class Pages(LumoraCase):
 class BashCompletion(LumoraCase):
     def complete(self, *words):
         """The proposals for the last of the words."""
-        script = lumora("--print", "bash").stdout + (
+        script = (COMPLETIONS / "lumora.bash").read_text(encoding="utf-8") + (
             'COMP_WORDS=(lumora "$@"); COMP_CWORD=$#\n'
             "compopt() { :; }\n"  # there is nothing to set outside of a completion
             '_lumora; printf "%s\\n" "${COMPREPLY[@]}"\n'
@@ -262,6 +263,19 @@ class BashCompletion(LumoraCase):
         self.assertEqual(self.complete("subscribe", "camera", "sound", "p"), ["picture"])
         self.assertEqual(self.complete("send", "camera", "-", "--await", "s"), ["sound"])
 
+    def test_a_name_from_the_network_is_no_code(self):
+        self.device("$(id)", "--service", "a;b")
+        self.assertEqual(self.complete("cmd", ""), ["\\$\\(id\\)"])
+        self.assertEqual(self.complete("subscribe", "$(id)", ""), ["a\\;b"])
+
+    def test_options_once_unless_they_are_repeated(self):
+        self.assertEqual(self.complete("find", "--watch", "--wa"), ["--wait"])
+        self.assertEqual(self.complete("serve", "T", "--service", "a", "--serv"), ["--service"])
+        self.assertEqual(self.complete("find", "-w", "1", "--wa"), ["--watch"])
+
+    def test_options_where_no_argument_is_left(self):
+        self.assertIn("--watch", self.complete("find", "camera", ""))
+
     def test_commands_of_help(self):
         self.assertEqual(self.complete("help", "doc"), ["doctor"])
 
@@ -273,11 +287,10 @@ class BashCompletion(LumoraCase):
 class ZshCompletion(LumoraCase):
     def setUp(self):
         folder = self.folder()
-        (folder / "_lumora").write_text(lumora("--print", "zsh").stdout, encoding="utf-8")
         self.shell = OnTerminal("zsh", "-f", "-i", environment={"PS1": "", "HOME": str(folder)})
         self.addCleanup(self.shell.close)
         path = os.path.dirname(PROGRAM)
-        self.shell.type(f"path=({path} $path) fpath=({folder} $fpath); autoload -U compinit; compinit -u -D\n")
+        self.shell.type(f"path=({path} $path) fpath=({COMPLETIONS} $fpath); autoload -U compinit; compinit -u -D\n")
         self.shell.type("echo rea''dy\n")
         self.shell.read_until("\nready")
         self.shell.text = ""
@@ -298,9 +311,18 @@ class ZshCompletion(LumoraCase):
         self.shell.type("lumora subscribe T S --as h\t")
         self.shell.read_until("ex")
 
+    def test_completes_a_file(self):
+        self.shell.type(f"lumora send T {SOURCES}/READ\t")
+        self.shell.read_until("ME.md")
+
+    def test_completes_the_type_of_a_device(self):
+        self.device("cam:1 $(id)", "--echo")
+        self.shell.type("lumora info c\t")
+        self.shell.read_until("am:1\\ \\$\\(id\\)")
+
     def test_script_is_sound(self):
         result = subprocess.run(
-            ["zsh", "-n"], input=lumora("--print", "zsh").stdout, capture_output=True, text=True, check=False
+            ["zsh", "-n", COMPLETIONS / "_lumora"], capture_output=True, text=True, check=False
         )
         self.assertEqual((result.returncode, result.stderr), (0, ""))
 

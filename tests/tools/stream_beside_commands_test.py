@@ -15,8 +15,8 @@ LOOKS = [
     (["info", "counter"], 0),
     (["version"], 0),
     (["version", "counter"], 0),
-    (["--print", "types"], 0),  # as completion asks
-    (["--print", "services", "counter"], 0),
+    (["--print", "completions", "--", "info", ""], 0),
+    (["--print", "completions", "--", "subscribe", "counter", ""], 0),
     (["doctor", "counter"], ANY),
     (["doctor"], ANY),
     (["send", "counter", "--text", "hello"], REFUSED),

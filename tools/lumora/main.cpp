@@ -8,8 +8,7 @@
 #include <set>
 
 #include "tools/lumora/manual/command.h"
-#include "tools/lumora/manual/command_line.h"
-#include "tools/lumora/manual/pages.h"
+#include "tools/lumora/manual/manual.h"
 #include "tools/lumora/os/interfaces.h"
 #include "tools/lumora/os/signals.h"
 #include "tools/lumora/session/link_node.h"
@@ -77,62 +76,59 @@ void Apply(const Globals& globals) {
     setenv("LUMORA_LOG_LEVEL", level.c_str(), globals.logLevel.empty() ? 0 : 1);
 }
 
-const Command* Find(const Manual& manual, const std::string& name) {
-    const auto found = std::find_if(manual.commands.begin(), manual.commands.end(),
-                                    [&](const Command& command) { return command.name == name; });
-    return found != manual.commands.end() ? &*found : nullptr;
-}
-
 // The documented fields of each command, for the test that compares them with what is printed.
 std::string FieldsPage(const Manual& manual) {
     JsonObject page;
     for (const Command& command : manual.commands) {
         page.AddRaw(command.name.c_str(),
-                    JsonArray(command.fields, [](const Field& field) { return JsonText(field.path); }));
+                    JsonArray(command.fields, [](const auto& field) { return JsonText(field.first); }));
     }
     return page.Text() + '\n';
 }
 
-// What a shell offers: the types of the devices, or the services of those of a type, one to a line.
-void PrintForCompletion(const std::string& what, const std::string& type) {
-    constexpr std::chrono::milliseconds LISTEN(1000);
-    LinkNode node;
+// For a shell. Nothing on the network notices a node that only looks.
+std::vector<std::string> Offered(Option::Offer offer, const std::string& type) {
+    // Each node says hello every 1.5 s.
+    constexpr std::chrono::milliseconds LISTEN(1700);
+    Apply(g_globals);
     std::set<std::string> names;
+    if (offer == Option::Offer::INTERFACES) {
+        for (const Interface& interface : ListInterfaces()) {
+            names.insert(interface.name);
+        }
+        return {names.begin(), names.end()};
+    }
+    LinkNode node;
     for (const FoundDevice& device :
-         type.empty() ? FindAllDevices(node, LISTEN) : FindDevices(node, type, LISTEN)) {
+         offer == Option::Offer::TYPES ? FindAllDevices(node, LISTEN) : FindDevices(node, type, LISTEN)) {
         // Clients have a type as well but describe no services. They are not offered.
-        if (what == "types" && device.answers) {
+        if (offer == Option::Offer::TYPES && device.answers) {
             names.insert(OneLine(device.type));
         }
-        for (const Service& service : what == "services" ? device.services : std::vector<Service>()) {
+        for (const Service& service :
+             offer == Option::Offer::SERVICES ? device.services : std::vector<Service>()) {
             names.insert(OneLine(service.name));
         }
     }
-    for (const std::string& name : names) {
-        PrintLine(name);
-    }
+    return {names.begin(), names.end()};
 }
 
 // --print PAGE [COMMAND]: what is installed or checked when the program is built.
 int PrintPage(const Manual& manual, int count, const char* const* words) {
     const std::string page = count > 2 ? words[2] : "";
-    const Command* const about = count > 3 ? Find(manual, words[3]) : nullptr;
+    const Command* const about = count > 3 ? CommandNamed(manual, words[3]) : nullptr;
     const bool found = count < 4 || about != nullptr;
     if (page == "man" && found) {
         Print(ManPage(manual, about));
     } else if (page == "markdown") {
         Print(MarkdownPage(manual));
-    } else if (page == "types" || page == "services") {
-        Apply(g_globals);
-        PrintForCompletion(page, count > 3 ? words[3] : "");
+    } else if (page == "completions" && count > 3) {
+        // The word before them is "--".
+        Print(Completions(manual, {words + 4, words + count}, Offered));
     } else if (page == "fields") {
         Print(FieldsPage(manual));
-    } else if (page == "bash") {
-        Print(BashCompletion(manual));
-    } else if (page == "zsh") {
-        Print(ZshCompletion(manual));
     } else {
-        throw Failure(EXIT_USAGE, "--print takes man [COMMAND], markdown, fields, bash or zsh");
+        throw Failure(EXIT_USAGE, "--print takes man [COMMAND], markdown, fields or completions -- WORD...");
     }
     return EXIT_OK;
 }
@@ -153,7 +149,7 @@ Command HelpCommand(const Manual& manual) {
     }
     command.Show("lumora help send", "as lumora send --help");
     command.run = [about, &manual, names = argument.choices] {
-        const Command* const chosen = Find(manual, *about);
+        const Command* const chosen = CommandNamed(manual, *about);
         if (chosen == nullptr && !about->empty()) {
             const std::string nearest = Nearest(*about, names);
             throw Failure(
@@ -178,7 +174,7 @@ int Run(int count, const char* const* words) {
     if (count > 1 && std::strcmp(words[1], "--print") == 0) {
         return PrintPage(manual, count, words);
     }
-    const Choice choice = ParseCommandLine(count, words, manual.globals, manual.commands);
+    const Choice choice = ParseCommandLine(manual, count, words);
     if (choice.page == Page::HELP) {
         Print(HelpPage(manual, choice.command, Width(STDOUT_FILENO)));
         return EXIT_OK;

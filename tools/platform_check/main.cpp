@@ -6,8 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "tools/lumora/manual/command_line.h"
-#include "tools/lumora/manual/pages.h"
+#include "tools/lumora/manual/manual.h"
 #include "tools/lumora/os/interfaces.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
@@ -198,16 +197,16 @@ int PrintPage(const Manual& manual, const std::string& page) {
     if (page != "man" && page != "markdown") {
         throw Failure(EXIT_USAGE, "--print takes man or markdown");
     }
-    Print(page == "man" ? ManPage(manual, nullptr) : MarkdownSection(manual));
+    Print(page == "man" ? ManPage(manual, nullptr) : MarkdownPage(manual));
     return EXIT_OK;
 }
 
 int Run(int count, const char* const* words) {
-    Manual manual = TheManual();
+    const Manual manual = TheManual();
     if (count > 1 && std::strcmp(words[1], "--print") == 0) {
         return PrintPage(manual, count > 2 ? words[2] : "");
     }
-    const Choice choice = ParseCommandLine(count, words, manual.globals, manual.commands);
+    const Choice choice = ParseCommandLine(manual, count, words);
     if (choice.page == Page::HELP) {
         Print(HelpPage(manual, nullptr, Width(STDOUT_FILENO)));
         return EXIT_OK;

@@ -20,41 +20,24 @@ std::string Joined(const std::vector<std::string>& words) {
     return text;
 }
 
+// Nothing unless the whole text is one number. from_chars does not depend on the locale, as strtod does.
 template <typename Value>
-// True if the whole text is one number. from_chars does not depend on the locale, as strtod does.
-bool ReadWhole(const std::string& text, Value& value) {
+std::optional<Value> Read(const std::string& text) {
+    Value value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return error == std::errc() && end == text.data() + text.size();
+    return error == std::errc() && end == text.data() + text.size() ? std::optional(value) : std::nullopt;
 }
 
-std::string TakeNumber(const std::string& text, unsigned& variable, unsigned least, unsigned most) {
-    unsigned value = 0;
-    if (!ReadWhole(text, value) || value < least || value > most) {
-        return "is no number from " + Grouped(least) + " to " + Grouped(most);
+// Stores a number within the bounds, or says what was expected. Also refuses "nan": each comparison with it
+// is false.
+template <typename Value, typename Variable>
+std::string Store(std::optional<Value> value, Value least, Value most, const Variable& store,
+                  const char* what, const char* unit = "") {
+    if (!value || !(*value >= least && *value <= most)) {
+        return std::string("is no ") + what + " from " + Grouped(static_cast<unsigned long long>(least)) +
+               " to " + Grouped(static_cast<unsigned long long>(most)) + unit;
     }
-    variable = value;
-    return "";
-}
-
-std::string TakeSeconds(const std::string& text, std::chrono::milliseconds& variable,
-                        std::chrono::milliseconds most) {
-    constexpr double MILLISECONDS = 1000;
-    double seconds = 0;
-    const double highest = static_cast<double>(most.count()) / MILLISECONDS;
-    // Written so that "nan" is refused as well: each comparison with it is false.
-    if (!ReadWhole(text, seconds) || !(seconds >= 0 && seconds <= highest)) {
-        return "is no number of seconds from 0 to " + Grouped(static_cast<unsigned long long>(highest));
-    }
-    variable = std::chrono::milliseconds(std::llround(seconds * MILLISECONDS));
-    return "";
-}
-
-std::string TakeSize(const std::string& text, unsigned& variable, unsigned least, unsigned most) {
-    const std::optional<unsigned long long> bytes = ParseSize(text);
-    if (!bytes || *bytes < least || *bytes > most) {
-        return "is no size from " + Grouped(least) + " to " + Grouped(most) + " bytes";
-    }
-    variable = static_cast<unsigned>(*bytes);
+    store(*value);
     return "";
 }
 
@@ -66,11 +49,11 @@ std::optional<unsigned long long> ParseSize(const std::string& text) {
         {"KiB", 1024}, {"MiB", 1024 * 1024}, {"K", 1024}, {"M", 1024 * 1024}, {"B", 1}, {"", 1}};
     for (const auto& [unit, factor] : UNITS) {
         const std::size_t length = std::strlen(unit);
-        double count = 0;
         // The longer units come first in the table: "KiB" also ends in "B".
-        if (text.size() > length && text.compare(text.size() - length, length, unit) == 0 &&
-            ReadWhole(text.substr(0, text.size() - length), count)) {
-            const double bytes = count * factor;
+        const bool fits = text.size() > length && text.compare(text.size() - length, length, unit) == 0;
+        const auto count = fits ? Read<double>(text.substr(0, text.size() - length)) : std::nullopt;
+        if (count) {
+            const double bytes = *count * factor;
             // 1.5K is a whole number of bytes, 1.0001K is not.
             const bool whole = bytes >= 0 && bytes <= MOST && bytes == std::floor(bytes);
             return whole ? std::optional(static_cast<unsigned long long>(bytes)) : std::nullopt;
@@ -85,11 +68,11 @@ Command& Command::Describe(std::string paragraph) {
 }
 
 Command& Command::Show(std::string line, std::string what) {
-    examples.push_back({std::move(line), std::move(what)});
+    examples.emplace_back(std::move(line), std::move(what));
     return *this;
 }
 
-Command& Command::Prints(std::vector<Field> jsonFields) {
+Command& Command::Prints(Terms jsonFields) {
     fields = std::move(jsonFields);
     return *this;
 }
@@ -101,15 +84,6 @@ Option& Command::Add(const std::string& option, const std::string& word, const s
     added.text = text;
     added.take = std::move(take);
     return added;
-}
-
-Option& Command::Argument(const std::string& word, std::string& variable, const std::string& text) {
-    return Text(word, word, variable, text);
-}
-
-Option& Command::Arguments(const std::string& word, std::vector<std::string>& variable,
-                           const std::string& text) {
-    return Texts(word, word, variable, text);
 }
 
 Option& Command::Flag(const std::string& option, bool& variable, const std::string& text) {
@@ -155,20 +129,27 @@ Option& Command::Choice(const std::string& option, std::string& variable, std::v
 Option& Command::Number(const std::string& option, const std::string& word, unsigned& variable,
                         unsigned least, unsigned most, const std::string& text) {
     return Add(option, word, text, [&variable, least, most](const std::string& value) {
-        return TakeNumber(value, variable, least, most);
+        return Store(
+            Read<unsigned>(value), least, most, [&](unsigned number) { variable = number; }, "number");
     });
 }
 
 Option& Command::Seconds(const std::string& option, std::chrono::milliseconds& variable,
                          std::chrono::milliseconds most, const std::string& text) {
-    return Add(option, "SECONDS", text,
-               [&variable, most](const std::string& value) { return TakeSeconds(value, variable, most); });
+    using FloatSeconds = std::chrono::duration<double>;
+    return Add(option, "SECONDS", text, [&variable, most](const std::string& value) {
+        const auto store = [&](double seconds) {
+            variable = std::chrono::round<std::chrono::milliseconds>(FloatSeconds(seconds));
+        };
+        return Store(Read<double>(value), 0.0, FloatSeconds(most).count(), store, "number of seconds");
+    });
 }
 
 Option& Command::Size(const std::string& option, unsigned& variable, unsigned least, unsigned most,
                       const std::string& text) {
     return Add(option, "BYTES", text, [&variable, least, most](const std::string& value) {
-        return TakeSize(value, variable, least, most);
+        const auto store = [&](unsigned long long bytes) { variable = static_cast<unsigned>(bytes); };
+        return Store<unsigned long long>(ParseSize(value), least, most, store, "size", " bytes");
     });
 }
 

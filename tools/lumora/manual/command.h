@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace lumora_cli {
@@ -29,16 +30,8 @@ struct Option {
     bool IsFlag() const { return !IsArgument() && value.empty(); }
 };
 
-// A field of what --json prints: its path, such as "services[].name", and its meaning.
-struct Field {
-    std::string path;
-    std::string text;
-};
-
-struct Example {
-    std::string line;
-    std::string text;
-};
+// Words and what they mean, in the order of the page.
+using Terms = std::vector<std::pair<std::string, std::string>>;
 
 class Command {
 public:
@@ -47,11 +40,16 @@ public:
 
     Command& Describe(std::string paragraph);
     Command& Show(std::string line, std::string what);
-    Command& Prints(std::vector<Field> jsonFields);
+    // The fields of what --json prints: paths, such as "services[].name", and their meaning.
+    Command& Prints(Terms jsonFields);
 
     // The variables must live as long as the command. Each returns what it added, for more to be said of it.
-    Option& Argument(const std::string& word, std::string& variable, const std::string& text);
-    Option& Arguments(const std::string& word, std::vector<std::string>& variable, const std::string& text);
+    Option& Argument(const std::string& word, std::string& variable, const std::string& text) {
+        return Text(word, word, variable, text);
+    }
+    Option& Arguments(const std::string& word, std::vector<std::string>& variable, const std::string& text) {
+        return Texts(word, word, variable, text);
+    }
     Option& Flag(const std::string& option, bool& variable, const std::string& text);
     Option& Text(const std::string& option, const std::string& word, std::string& variable,
                  const std::string& text);
@@ -72,8 +70,8 @@ public:
     std::string summary;
     std::vector<std::string> paragraphs;
     std::vector<Option> options;
-    std::vector<Field> fields;
-    std::vector<Example> examples;
+    Terms fields;
+    Terms examples;
     std::function<int()> run;
 
 private:
