@@ -252,9 +252,22 @@ void Presence::OnSentTo(in_addr_t host, const CoapMessage& message) {
     }
 }
 
+// A goodbye leaves a few milliseconds before the port is closed, so the first ping may still reach the port.
+// A removal that waited for the regular second ping would come late:
+//   device   hears the goodbye of a client, and its ping gets no answer
+//   client   starts again on the same host, and opens a channel within 25 ms
+//   device   tells the removal of the first one, which ends the channel of that address
+// So the pauses begin short and double.
+Milliseconds Presence::PauseAfterPing(const Peer& peer, TimePoint now) {
+    if (peer.saidGoodbye) {
+        const auto since = std::chrono::duration_cast<Milliseconds>(now - *peer.saidGoodbye);
+        return std::clamp(since, SHORTEST_PING_INTERVAL, PING_INTERVAL);
+    }
+    return peer.IsEstablished() ? PING_INTERVAL : PING_INTERVAL_HEARD_ONCE;
+}
+
 void Presence::Send(Ping& ping, const Peer& peer, TimePoint now) {
-    const bool heardOnce = !peer.IsEstablished() && !peer.saidGoodbye;
-    ping.next = now + (heardOnce ? PING_INTERVAL_HEARD_ONCE : PING_INTERVAL);
+    ping.next = now + PauseAfterPing(peer, now);
     if (!MaySendTo(peer.node.endpoint.host, now)) {
         return;
     }

@@ -25,6 +25,8 @@ public:
     // A live node has said hello within this time, unless datagrams were lost.
     static constexpr Milliseconds LATELY{1600};
     static constexpr Milliseconds PING_INTERVAL{75};
+    // After a goodbye. A node says it before it closes its port.
+    static constexpr Milliseconds SHORTEST_PING_INTERVAL{5};
     // A node that was heard once only may be invented, and its address another host's.
     static constexpr Milliseconds PING_INTERVAL_HEARD_ONCE{500};
     // Each open ping may take a descriptor.
@@ -86,6 +88,7 @@ private:
     std::size_t EndOtherPings(const std::vector<std::uint64_t>& doubted);
     bool IsTrusted(in_addr_t host) const;
     const Peer* PingedBy(ConversationId conversation) const;
+    static Milliseconds PauseAfterPing(const Peer& peer, TimePoint now);
     void Send(Ping& ping, const Peer& peer, TimePoint now);
 
     const LocalNode& mLocalNode;

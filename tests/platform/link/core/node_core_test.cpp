@@ -150,6 +150,22 @@ TEST_F(NodeCoreTest, AnnouncesNodesOnceAndTheirGoodbyeAtOnce) {
     EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1"));
 }
 
+// A device ends the channel of an address that a removal names. A client that starts again must not lose its
+// new channel to the late removal of its former process.
+TEST_F(NodeCoreTest, AGoodbyeIsToldAsSoonAsThePortIsClosed) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(5));
+    network.Cut(device);  // it answers nothing any more
+    Tell(watcher, GOODBYE_PATH, {device.Identity(), device.At(), "camera"}, device.At());
+    network.Run(Milliseconds(8));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1"));
+    network.Restore(device);
+    network.Kill(device);
+    network.Run(Milliseconds(12));
+    EXPECT_THAT(EventsOf(watcher), ElementsAre("+1", "-1"));
+}
+
 TEST_F(NodeCoreTest, NoticesWithinThreeSecondsThatANodeWasKilled) {
     FakeNode& watcher = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
