@@ -36,22 +36,11 @@ ReceiveWait::Result ReceiveWait::ForData(const Descriptor& socket) {
         return Result::FAILED;
     }
     if (ready > 0 && mTimer.IsOpen() && FD_ISSET(mTimer.Number(), &readable)) {
-        // Disarm first, then clear the flag. The other way round:
-        //   this thread    clears the flag
-        //   sender         sets the flag and arms the timer
-        //   this thread    disarms it: the flag stays set with no timer, and no later EndSoon arms one
-        // In this order an EndSoon between the two steps finds the flag set and arms nothing. That is enough:
-        // this thread has left its wait, and looks at what the sender holds back before it waits again.
+        // This may also disarm an end that was asked for meanwhile. The thread that asked had set a flag
+        // before, and this thread looks at the flags before it waits again.
         SetTimer(std::chrono::nanoseconds(0));
-        mEndsSoon = false;
     }
     return ready > 0 && FD_ISSET(socket.Number(), &readable) ? Result::READABLE : Result::NOT_YET;
-}
-
-void ReceiveWait::EndSoon(std::chrono::microseconds delay) {
-    if (!mEndsSoon.exchange(true)) {
-        SetTimer(delay);
-    }
 }
 
 // Setting a timer clears its expiry, so its descriptor is no longer readable and no read is needed. A setting

@@ -25,15 +25,14 @@ public:
     // Ends this wait, or the next one if no thread waits. Has no effect without a timer; a wait then ends by
     // itself after half a second.
     void End() { SetTimer(std::chrono::nanoseconds(1)); }
-    // The same after delay. Has no effect if an earlier EndSoon is still to come.
-    void EndSoon(std::chrono::microseconds delay);
+    // The same after delay, instead of an end that is still to come.
+    void EndSoon(std::chrono::microseconds delay) { SetTimer(delay); }
 
 private:
     void SetTimer(std::chrono::nanoseconds delay);
 
     const Descriptor mTimer;  // readable when the wait is to end; none if the kernel gave none
     std::atomic<bool> mWaiting{false};
-    std::atomic<bool> mEndsSoon{false};
 };
 
 }  // namespace lumoraAiModule

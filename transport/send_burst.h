@@ -21,11 +21,16 @@ public:
 private:
     static constexpr unsigned int LARGEST_FRAME = 2048;
     static constexpr std::chrono::microseconds LONGEST_GAP{5};
+    // A longer pause ends a burst. A shorter one may be another thread's turn on this core.
+    static constexpr std::chrono::microseconds LONGEST_PAUSE{100};
     static constexpr unsigned int FRAMES_BEFORE = 7;  // of the burst that are sent at once
     static constexpr unsigned int MOST_HELD_BACK = 8192;
+    // The sender pushes by itself before the receive thread would be woken to do it.
+    static constexpr std::chrono::microseconds PUSH_AFTER{50};
 
     Clock::time_point mLastSent;
-    unsigned int mFrames = 0;    // of the burst so far
+    Clock::time_point mHeldBackSince;
+    unsigned int mFrames = 0;    // of the burst so far, up to twice FRAMES_BEFORE
     unsigned int mHeldBack = 0;  // bytes
 };
 

@@ -78,11 +78,11 @@ int TcpSender::WriteAll(const std::shared_ptr<Descriptor>& socket, const FramePa
 //   receive thread    leaves its wait, then asks whether frames are held back
 // At least one of the two sees the other and pushes.
 void TcpSender::OnHeldBack() {
-    mHoldsBack = true;
-    if (mState.receiveWait.IsWaiting()) {
-        mState.receiveWait.EndSoon(SendBurst::LONGEST_HOLD_BACK);
-    } else {
+    const bool isFirst = !mHoldsBack.exchange(true);
+    if (!mState.receiveWait.IsWaiting()) {
         PushHeldBack();
+    } else if (isFirst) {
+        mState.receiveWait.EndSoon(SendBurst::LONGEST_HOLD_BACK);
     }
 }
 

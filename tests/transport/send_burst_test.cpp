@@ -41,9 +41,20 @@ TEST_F(SendBurstTest, HoldsNothingBackOfAPacedStream) {
 }
 
 TEST_F(SendBurstTest, PauseBeginsANewBurst) {
-    SendMany(10, 64, microseconds(1));
-    EXPECT_EQ('.', Send(64, microseconds(6)));
+    SendMany(20, 64, microseconds(1));
+    EXPECT_EQ('.', Send(64, microseconds(101)));
     EXPECT_EQ("......+", SendMany(7, 64, microseconds(1)));
+}
+
+TEST_F(SendBurstTest, GapsBetweenTwoFramesEndALongBurstOnlyIfTheyRepeat) {
+    SendMany(20, 64, microseconds(1));
+    EXPECT_EQ('+', Send(64, microseconds(30)));
+    EXPECT_EQ('.', Send(64, microseconds(30)));
+    EXPECT_EQ("..+", SendMany(3, 64, microseconds(1)));
+}
+
+TEST_F(SendBurstTest, FramesAreHeldBackFor50MicrosecondsAtMostWhileOthersFollow) {
+    EXPECT_EQ(".......+++++++++++++++++++++++++.+++", SendMany(36, 64, microseconds(2)));
 }
 
 TEST_F(SendBurstTest, EightKibAreSentTogether) {
