@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "link/descriptor_registry.h"
 #include "link/smart_home_link_hybird.h"
@@ -58,11 +59,12 @@ protected:
 };
 
 TEST_F(SmartHomeLinkTest, RouterAndClientAreNotImplemented) {
-    for (const std::string name : {"Router", "Client"}) {
+    const std::pair<int, const char*> modes[] = {{0, "SmartHomeLinkRouter is null\n"},
+                                                 {1, "SmartHomeLinkClient is null\n"}};
+    for (const auto& [mode, text] : modes) {
         mLog.Clear();
-        EXPECT_EQ(nullptr, SmartHomeLink::Create(static_cast<LinkMode>(name == "Router" ? 0 : 1)));
-        EXPECT_THAT(mLog.Texts(1),
-                    ElementsAre("=====NOT IMPLEMENT=====", "SmartHomeLink" + name + " is null\n"));
+        EXPECT_EQ(nullptr, SmartHomeLink::Create(static_cast<LinkMode>(mode)));
+        EXPECT_THAT(mLog.Texts(1), ElementsAre("=====NOT IMPLEMENT=====", text));
         EXPECT_EQ(2U, mLog.Lines().size());
     }
     EXPECT_THAT(mPlatform.Calls(), IsEmpty());

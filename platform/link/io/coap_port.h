@@ -44,7 +44,7 @@ public:
 
     // Whether this library was built with DTLS.
     static bool CanSecure();
-    // With keys every conversation is by DTLS, and the resource is served to nobody else.
+    // With keys every conversation uses DTLS, and the port serves the resource by DTLS only.
     bool Open(std::optional<KeyRing> keys);
     // From now on these. Sessions by others end as soon as the requests under way are answered.
     void UseKeys(KeyRing keys);
