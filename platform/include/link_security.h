@@ -19,7 +19,36 @@ typedef struct LinkRequester {
     unsigned char node[16];
 } LinkRequester;
 
-/* Every operation is safe to call on any thread. */
+/* How data channels are to be protected. */
+typedef enum LinkChannelMode {
+    LINK_CHANNEL_PLAIN = 0,  /* never */
+    LINK_CHANNEL_PREFER = 1, /* where the other end does it, too */
+    LINK_CHANNEL_REQUIRE = 2 /* always: there is no channel with an end that does not */
+} LinkChannelMode;
+
+/* The directions of a data channel. Each is a connection of its own with a key of its own. */
+typedef enum LinkDirection { LINK_TO_DEVICE = 0, LINK_TO_CLIENT = 1 } LinkDirection;
+
+/* The keys of one data channel. Both ends make one while the client asks the device for the channel. */
+typedef struct LinkChannel LinkChannel;
+
+/* One protected connection. It does not own its socket. */
+typedef struct LinkConnection LinkConnection;
+
+/* Results of Handshake, Read and Write that are no numbers of bytes. */
+enum {
+    LINK_WANTS_READ = -1,  /* again when the socket is readable */
+    LINK_WANTS_WRITE = -2, /* again when the socket is writable */
+    LINK_FAILED = -3       /* the connection is of no more use */
+};
+
+/* The longest offer and answer with its NUL, in bytes. */
+enum { LINK_MAX_OFFER = 256 };
+
+/*
+ * Every operation is safe to call on any thread. Of one connection, one operation runs at a time. None of
+ * them blocks longer than the socket does.
+ */
 typedef struct LinkSecurity {
     /* Of this record in bytes. Later versions only add operations behind; ask before calling one of those. */
     unsigned int size;
@@ -29,6 +58,55 @@ typedef struct LinkSecurity {
      * handler runs on this thread.
      */
     int (*GetRequester)(LinkRequester* requester);
+
+    /* Today's mode; PLAIN if the node has no key. */
+    LinkChannelMode (*GetChannelMode)(void);
+
+    /*
+     * The client's first step. Writes the offer, a JSON object that the client sends within its request, into
+     * text. NULL if memory or random bytes are missing.
+     */
+    LinkChannel* (*OfferChannel)(char* text, unsigned int size);
+    /*
+     * The device's step, called by a handler of AppResource on the thread that runs it. Takes the offer and
+     * writes the answer, a JSON object, into text. NULL if the requester has proven no key, if the offer is
+     * none that this version understands, or if memory or random bytes are missing.
+     */
+    LinkChannel* (*AnswerChannel)(const char* offer, char* text, unsigned int size);
+    /*
+     * The client's second step: takes the answer of the device at that address and UDP port. 1, or 0 if the
+     * answer is none that this version understands.
+     */
+    int (*CompleteChannel)(LinkChannel* channel, const char* answer, const char* address, int port);
+    /* Erases the keys. Connections that were opened with them live on. NULL is allowed. */
+    void (*FreeChannel)(LinkChannel* channel);
+
+    /*
+     * Begins a connection on a connected socket. accepts tells whether this end has accepted it; the other
+     * end is the one that begins the handshake. The channel must be answered or complete. NULL without
+     * memory.
+     */
+    LinkConnection* (*OpenConnection)(LinkChannel* channel, LinkDirection direction, int accepts, int socket);
+    /* Goes on with the handshake: 1 when it is done, or one of the results above. */
+    int (*Handshake)(LinkConnection* connection);
+    /*
+     * As read and write; 0 of Read is an orderly end. Only after the handshake. A Write that was not done is
+     * repeated with the same bytes, though they may lie elsewhere.
+     */
+    int (*Read)(LinkConnection* connection, void* bytes, unsigned int size);
+    int (*Write)(LinkConnection* connection, const void* bytes, unsigned int size);
+    /* Whether bytes have been taken out of the socket and wait to be read. */
+    int (*HasPending)(LinkConnection* connection);
+    /* Tells the other end that nothing follows, if the socket takes it at once. Does not close the socket. */
+    void (*Shutdown)(LinkConnection* connection);
+    /* NULL is allowed. */
+    void (*FreeConnection)(LinkConnection* connection);
+
+    /*
+     * With whom this process has a private channel as a client (asDevice is 0) or as a device (1): as long as
+     * a connection of it exists whose handshake is done. 1 and fills *peer, or 0.
+     */
+    int (*GetChannelPeer)(int asDevice, LinkRequester* peer);
 } LinkSecurity;
 
 /* The operations, valid as long as the library is loaded. */

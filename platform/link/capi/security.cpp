@@ -1,6 +1,7 @@
 #include "platform/link/capi/security.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "platform/link/wire/key_file.h"
@@ -42,7 +43,12 @@ CurrentCall::CurrentCall(const HandlerCall& call) : mFormer(currentCall) { curre
 CurrentCall::~CurrentCall() { currentCall = mFormer; }
 
 const LinkSecurity& SecurityOperations() {
-    static const LinkSecurity operations = {sizeof(LinkSecurity), GetRequester};
+    static const LinkSecurity operations = [] {
+        LinkSecurity known = {};
+        known.size = offsetof(LinkSecurity, GetChannelMode);  // the operations on channels are missing
+        known.GetRequester = GetRequester;
+        return known;
+    }();
     return operations;
 }
 
