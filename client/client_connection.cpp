@@ -40,8 +40,8 @@ bool LeadsToDevice(const char* operation, unsigned int handle, const RemoteDevic
     return true;
 }
 
-// Looks in the device's reply for its answer to the offer. Drops the keys if it has none and the channel may be
-// plain; false if there is no channel.
+// Looks in the device's reply for its answer to the offer. Drops the keys if it has none and the channel may
+// be plain; false if there is no channel.
 bool AgreeOnProtection(lumora::ChannelMode mode, const std::string& reply, LinkDevice& device,
                        std::shared_ptr<lumora::ChannelKeys>& keys) {
     constexpr char OPERATION[] = "SetupTransport";
@@ -227,8 +227,8 @@ int LumoraClientModule::OpenDataChannel(LumoraTransManager& transport, LinkDevic
     return 0;
 }
 
-// The sending half comes last, because the device listens only after it was asked to. A private channel counts
-// as open only when both of its connections have proven their keys.
+// The sending half comes last, because the device listens only after it was asked to. A private channel
+// counts as open only when both of its connections have proven their keys.
 int LumoraClientModule::OpenOwnHalf(LumoraTransManager& transport, const std::string& address,
                                     const std::shared_ptr<lumora::ChannelKeys>& keys) {
     transport.UseKeys(keys);

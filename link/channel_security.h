@@ -67,8 +67,8 @@ public:
 
     // The client's first step; offer receives what the device is to be sent. Null if memory ran out.
     static std::shared_ptr<ChannelKeys> Offer(std::string& offer);
-    // The device's step, on the thread of the request that brought the offer. Null if the requester has proven
-    // no key, or if the offer is not understood.
+    // The device's step, on the thread of the request that brought the offer. Null if the requester has
+    // proven no key, or if the offer is not understood.
     static std::shared_ptr<ChannelKeys> Answer(const std::string& offer, std::string& answer);
     // The client's second step, with the answer of the device at that address and UDP port. False if the
     // answer is not understood.

@@ -30,8 +30,8 @@ private:
     std::string offer;
 };
 
-// Takes the offer of a private channel out of a setup string, so that the keys in it reach no log. Empty, with
-// the string as it was, if it has none.
+// Takes the offer of a private channel out of a setup string, so that the keys in it reach no log. Empty,
+// with the string as it was, if it has none.
 std::string TakeOffer(std::string& setupString);
 
 }  // namespace lumora

@@ -369,8 +369,9 @@ bool TcpReceiver::OnNothingRead(int error) {
     return false;
 }
 
-// Taken out under the mutex, because Stop may be about to shut the socket down. After the close its number may
-// already belong to another file of the application. The close itself may write, so it comes after the mutex.
+// Taken out under the mutex, because Stop may be about to shut the socket down. After the close its number
+// may already belong to another file of the application. The close itself may write, so it comes after the
+// mutex.
 void TcpReceiver::CloseSocket() {
     Connection closed;
     const lumora::MutexLock lock(mReceiveSocketMutex);

@@ -77,8 +77,8 @@ int TcpSender::SetupSenderSocket(int port, const std::string& addr, int limitSec
     const std::shared_ptr<lumora::ChannelKeys> keys = mState.protection.Current().keys;
     if (keys != nullptr && BeginHandshake(*connection, *keys) != 0) {
         error = errno;
-        LUMORA_ERROR("the handshake of the private channel failed: %s(errno: %d)\n",
-                     ErrorText(error).c_str(), error);
+        LUMORA_ERROR("the handshake of the private channel failed: %s(errno: %d)\n", ErrorText(error).c_str(),
+                     error);
         return -1;
     }
     SetSocket(std::move(connection));

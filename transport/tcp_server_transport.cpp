@@ -171,8 +171,8 @@ unsigned int LumoraTCPTransServer::PendingFrameLength(const char* data, unsigned
 
 unsigned int LumoraTCPTransServer::MinimumHeadLength() const { return CLIENT_FRAME_HEAD_LENGTH; }
 
-// Before the channel has ever been connected, or while its handshake goes on, *written stays as it is, unlike after a break: the caller has
-// set it to 0 already.
+// Before the channel has ever been connected, or while its handshake goes on, *written stays as it is, unlike
+// after a break: the caller has set it to 0 already.
 int LumoraTCPTransServer::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
     const lumora::MutexLock lock(mSender.mMutex);
     const std::shared_ptr<Connection> socket = mSender.Socket();
