@@ -39,10 +39,37 @@ void LookAtKey(Findings& findings, const lumora_link::Psk& psk, std::time_t now)
     }
 }
 
+// A node reads the variable in the same way.
+void LookAtChannelMode(Findings& findings, bool hasKey) {
+    const char* text = std::getenv("LUMORA_LINK_CHANNEL");
+    const std::string mode = text == nullptr || *text == '\0' ? "prefer" : text;
+    const std::string variable = "LUMORA_LINK_CHANNEL=" + OneLine(mode);
+    if (mode != "plain" && mode != "prefer" && mode != "require") {
+        findings.push_back({Level::WARNING, KEYS,
+                            variable + " is not plain, prefer or require; require is used",
+                            "correct or unset it"});
+    }
+    const bool required = mode != "plain" && mode != "prefer";
+    if (!hasKey && required) {
+        findings.push_back(
+            {Level::FAULT, KEYS, variable + " needs a key; no node starts", "lumora key new makes one"});
+    } else if (hasKey && mode == "plain") {
+        findings.push_back({Level::WARNING, KEYS,
+                            variable + ": hosts on the way can read and change the data",
+                            "unset it, if all devices and clients have this version"});
+    } else if (hasKey) {
+        findings.push_back({Level::GOOD, KEYS,
+                            required ? "data channels are private"
+                                     : "data channels are private where the other end can do it",
+                            ""});
+    }
+}
+
 }  // namespace
 
 void LookAtKeys(Findings& findings) {
     const char* path = std::getenv("LUMORA_LINK_PSK_FILE");
+    LookAtChannelMode(findings, path != nullptr);
     if (path == nullptr) {
         findings.push_back({Level::NOTE, KEYS, "no key: every host on the network may ask and command",
                             "lumora key new makes one; docs/security.md tells what else there is to do"});
