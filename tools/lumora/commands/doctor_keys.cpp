@@ -65,11 +65,7 @@ void LookAtChannelMode(Findings& findings, bool hasKey) {
     }
 }
 
-}  // namespace
-
-void LookAtKeys(Findings& findings) {
-    const char* path = std::getenv("LUMORA_LINK_PSK_FILE");
-    LookAtChannelMode(findings, path != nullptr);
+void LookAtKeyFile(Findings& findings, const char* path) {
     if (path == nullptr) {
         findings.push_back({Level::NOTE, KEYS, "no key: every host on the network may ask and command",
                             "lumora key new makes one; docs/security.md tells what else there is to do"});
@@ -113,6 +109,14 @@ void LookAtKeys(Findings& findings) {
         findings.push_back(
             {Level::GOOD, KEYS, file + ": " + Count(valid, "key can be used", "keys can be used"), ""});
     }
+}
+
+}  // namespace
+
+void LookAtKeys(Findings& findings) {
+    const char* path = std::getenv("LUMORA_LINK_PSK_FILE");
+    LookAtKeyFile(findings, path);
+    LookAtChannelMode(findings, path != nullptr);
 }
 
 }  // namespace lumora_cli
