@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/link/log.h"
+
 namespace lumora_link {
 
 namespace {
@@ -61,7 +63,19 @@ void PeerRegistry::Begin(NodeNumber node, LinkChannelMode mode, const KeyRing& k
 }
 
 void PeerRegistry::UseKeys(NodeNumber node, const KeyRing& former, const KeyRing& now) {
-    lumora::MutexLock lock(mMutex);
+    std::set<std::string> ended;
+    {
+        lumora::MutexLock lock(mMutex);
+        Replace(node, former, now);
+        ended = ShutWithdrawn(node);
+    }
+    for (const std::string& identity : ended) {
+        LINK_LOG(LEVEL_WARNING, "the key \"%s\" is not valid any more: its private connections end\n",
+                 identity.c_str());
+    }
+}
+
+void PeerRegistry::Replace(NodeNumber node, const KeyRing& former, const KeyRing& now) {
     const auto known = mNodes.find(node);
     if (known == mNodes.end()) {
         return;
@@ -77,7 +91,6 @@ void PeerRegistry::UseKeys(NodeNumber node, const KeyRing& former, const KeyRing
         serials[psk.identity] = same ? serial->second : ++mLastSerial;
     }
     known->second.serials = std::move(serials);
-    ShutWithdrawn(node);
 }
 
 void PeerRegistry::End(NodeNumber node) {
@@ -166,13 +179,16 @@ bool PeerRegistry::IsAccepted(const ProvenPeer& peer) const {
 
 // Wakes the threads that wait for the socket. It is open: FreeConnection ends the watch before the owner
 // closes it.
-void PeerRegistry::ShutWithdrawn(NodeNumber node) {
+std::set<std::string> PeerRegistry::ShutWithdrawn(NodeNumber node) {
+    std::set<std::string> ended;
     for (Watch* watch : mWatches) {
-        if (watch->mPeer.node == node && !IsAccepted(watch->mPeer)) {
+        if (watch->mPeer.node == node && !watch->mWithdrawn && !IsAccepted(watch->mPeer)) {
             watch->mWithdrawn = true;
             shutdown(watch->mSocket, SHUT_RDWR);
+            ended.insert(watch->mPeer.requester.identity);
         }
     }
+    return ended;
 }
 
 }  // namespace lumora_link

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "base/mutex.h"
@@ -85,7 +86,9 @@ private:
     static constexpr std::size_t MAX_ANSWERS = 128;
 
     bool IsAccepted(const ProvenPeer& peer) const REQUIRES(mMutex);
-    void ShutWithdrawn(NodeNumber node) REQUIRES(mMutex);
+    void Replace(NodeNumber node, const KeyRing& former, const KeyRing& now) REQUIRES(mMutex);
+    // The identities whose connections were shut down.
+    std::set<std::string> ShutWithdrawn(NodeNumber node) REQUIRES(mMutex);
 
     lumora::Mutex mMutex;
     std::uint64_t mLastSerial GUARDED_BY(mMutex) = 0;

@@ -115,6 +115,12 @@ TEST(ChannelKeysTest, TheKeysAreThoseOfTheDocumentedDerivation) {
     EXPECT_EQ(Hex(keys->toClient.secret), "490c74d9c1c2d6b303da71a9e7de683040073bb68274af82939469e88cd4e975");
 }
 
+TEST(ChannelKeysTest, TheExampleOfTheDocumentIsRight) {
+    const auto keys = DeriveKeys(CountingOffer(0), CountingOffer(0));
+    ASSERT_TRUE(keys);
+    EXPECT_EQ(Hex(keys->toDevice.secret), "f385e2516a6555ef640e87dabe1e4cbe2e448c55f9acd00d18c7bce00d111408");
+}
+
 TEST(ChannelKeysTest, EveryBitOfBothOffersCounts) {
     const auto keys = DeriveKeys(CountingOffer(0), CountingOffer(100));
     Offer changedId = CountingOffer(0);
