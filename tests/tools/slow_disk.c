@@ -5,7 +5,7 @@
 #include <time.h>
 
 static void Wait(void) {
-    const char *text = getenv("LUMORA_TEST_SYNC_MS");
+    const char* text = getenv("LUMORA_TEST_SYNC_MS");
     const long ms = text != NULL ? strtol(text, NULL, 10) : 0;
     const struct timespec pause = {ms / 1000, ms % 1000 * 1000000};
     nanosleep(&pause, NULL);
@@ -13,10 +13,10 @@ static void Wait(void) {
 
 typedef int Sync(int);
 
-static int SyncAs(const char *name, int fd) {
+static int SyncAs(const char* name, int fd) {
     union {
-        void *address;
-        Sync *function;
+        void* address;
+        Sync* function;
     } next;
     next.address = dlsym(RTLD_NEXT, name);
     Wait();

@@ -42,8 +42,8 @@ std::string Page(const FoundDevice& device) {
 
 // A type may have any characters. A word with a slash is a path all the same, and --address makes it a type.
 bool IsFile(const DeviceChoice& choice) {
-    return choice.address.empty() && (choice.type.find('/') != std::string::npos ||
-                                      RecordingReader::IsDatabase(choice.type));
+    return choice.address.empty() &&
+           (choice.type.find('/') != std::string::npos || RecordingReader::IsDatabase(choice.type));
 }
 
 // "12:00:01.000 to 12:03:04.123" would not tell the day.
@@ -160,7 +160,8 @@ Command InfoCommand() {
     Command command("info", "tells all that a device says of itself, or what a recording holds");
     command.Describe("It only asks: a device that serves a client of another host is not disturbed.");
     command.Describe(
-        "A word with a slash is the path of a recording, and so is one that names an SQLite file of the current "
+        "A word with a slash is the path of a recording, and so is one that names an SQLite file of the "
+        "current "
         "folder. Every other word is a type, and with --address this one, too.");
     command
         .Argument("TYPE", options->device.type,

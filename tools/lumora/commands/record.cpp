@@ -171,8 +171,10 @@ Command RecordCommand() {
         "program can read. Goes on until a signal ends it, --count or --duration is reached, or the device "
         "leaves; with --again until a signal, --count or --duration.");
     command.Describe(
-        "What has come is written once a second: a loss of power costs no more. If the disk is too slow, up to "
-        "64 MiB wait in memory; blocks beyond that are dropped, and counted in the file. If the disk is full, "
+        "What has come is written once a second: a loss of power costs no more. If the disk is too slow, up "
+        "to "
+        "64 MiB wait in memory; blocks beyond that are dropped, and counted in the file. If the disk is "
+        "full, "
         "the recording ends with exit code 6, and what was written before stays readable.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "

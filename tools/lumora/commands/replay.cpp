@@ -64,10 +64,12 @@ public:
     const std::vector<std::string>& Names() const { return mNames; }
     bool HasSubscribers(const std::string& service) const { return !mDevice.Subscribers(service).empty(); }
     bool HasAnySubscribers() const {
-        return std::any_of(mNames.begin(), mNames.end(), [this](const auto& one) { return HasSubscribers(one); });
+        return std::any_of(mNames.begin(), mNames.end(),
+                           [this](const auto& one) { return HasSubscribers(one); });
     }
     bool HasAllSubscribers() const {
-        return std::all_of(mNames.begin(), mNames.end(), [this](const auto& one) { return HasSubscribers(one); });
+        return std::all_of(mNames.begin(), mNames.end(),
+                           [this](const auto& one) { return HasSubscribers(one); });
     }
 
     bool Send(const std::string& service, std::string_view bytes) {
@@ -197,8 +199,9 @@ private:
             .Add("bytes", mBytes)
             .Add("failed", mFailed)
             .Print("sent " + Count(mSent, "block", "blocks") + ", " + ShortSize(mBytes) +
-                   (mFailed == 0 ? ""
-                                 : "; " + Count(mFailed, "block was", "blocks were") + " not taken by a client"));
+                   (mFailed == 0
+                        ? ""
+                        : "; " + Count(mFailed, "block was", "blocks were") + " not taken by a client"));
     }
 
     const Options& mOptions;
@@ -212,7 +215,8 @@ private:
 
 int Run(const Options& options) {
     if (options.to.count() != 0 && options.to <= options.from) {
-        throw Failure(EXIT_USAGE, "--to is not behind --from", "both are seconds from the start of the recording");
+        throw Failure(EXIT_USAGE, "--to is not behind --from",
+                      "both are seconds from the start of the recording");
     }
     RecordingReader reader(options.file);
     const Recording& recording = reader.About();
@@ -252,8 +256,8 @@ Command ReplayCommand() {
     command.Flag("--loop", options->loop, "begins anew after the last block, until a signal ends it").letter =
         'l';
     constexpr std::chrono::hours YEARS(24 * 365 * 10);
-    command.Seconds("--from", options->from, YEARS, "leaves out what came before so many seconds")
-        .letter = 'f';
+    command.Seconds("--from", options->from, YEARS, "leaves out what came before so many seconds").letter =
+        'f';
     command.Seconds("--to", options->to, YEARS, "leaves out what came after so many seconds").letter = 't';
     command.Prints({{"time", "when it happened"},
                     {"event", "ready, subscribed, unsubscribed or ended"},
@@ -264,7 +268,8 @@ Command ReplayCommand() {
                     {"blocks", "of ended: how many were sent"},
                     {"bytes", "of ended: the sum of their lengths"},
                     {"failed", "of ended: blocks that could not be sent"}});
-    command.Show("lumora replay day.rec --from 3600 --speed 10", "a recorded day from its second hour, in less time");
+    command.Show("lumora replay day.rec --from 3600 --speed 10",
+                 "a recorded day from its second hour, in less time");
     command.Show("lumora replay faces.rec --as test-camera --loop", "a camera for tests, without end");
     command.run = [options] { return Run(*options); };
     return command;

@@ -34,7 +34,8 @@ std::string ValuesOf(const Option& option, const std::string& type, const LookUp
     return lines;
 }
 
-// Among the plain words, of which the first is the command. Most commands have the type first, record the file.
+// Among the plain words, of which the first is the command. Most commands have the type first, record the
+// file.
 std::string TypeAmong(const Words& plain, const Command* command) {
     std::size_t at = 1;
     for (const Option& option : command != nullptr ? command->options : std::vector<Option>()) {

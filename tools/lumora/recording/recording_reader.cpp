@@ -156,7 +156,8 @@ std::optional<RecordingReader::Entry> RecordingReader::Next(std::int64_t id) {
 // Times grow with the numbers, so a binary search finds it; a long recording needs no index for that.
 std::int64_t RecordingReader::LastBefore(Micros time) {
     std::int64_t low = 0;  // before the time
-    std::int64_t high = mDatabase.NumberOf("SELECT min(coalesce(max(id), 0), 9223372036854775806) FROM blocks") + 1;
+    std::int64_t high =
+        mDatabase.NumberOf("SELECT min(coalesce(max(id), 0), 9223372036854775806) FROM blocks") + 1;
     while (high - low > 1) {
         const std::int64_t middle = low + (high - low) / 2;
         const std::optional<Entry> entry = Next(middle - 1);

@@ -100,7 +100,8 @@ void RecordingWriter::MakeTables() {
         "BEGIN IMMEDIATE",
         "CREATE TABLE device(type TEXT NOT NULL, version TEXT NOT NULL, address TEXT NOT NULL, "
         "start INTEGER NOT NULL, end INTEGER)",
-        "CREATE TABLE services(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, transport INTEGER NOT NULL, "
+        "CREATE TABLE services(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, transport INTEGER NOT "
+        "NULL, "
         "output_bytes INTEGER NOT NULL, recorded INTEGER NOT NULL, blocks INTEGER NOT NULL DEFAULT 0, "
         "bytes INTEGER NOT NULL DEFAULT 0, first INTEGER, last INTEGER)",
         "CREATE TABLE blocks(id INTEGER PRIMARY KEY, time INTEGER NOT NULL, "
@@ -140,8 +141,8 @@ void RecordingWriter::Begin(Recording recording) {
         // Set last: a file whose tables could not be made is removed.
         mRecording.start = mLast = mCommitted = now;
         mInsert = mDatabase->Prepare("INSERT INTO blocks(time, service, bytes) VALUES(?, ?, ?)");
-        mUpdate = mDatabase->Prepare(
-            "UPDATE services SET blocks = ?, bytes = ?, first = ?, last = ? WHERE id = ?");
+        mUpdate =
+            mDatabase->Prepare("UPDATE services SET blocks = ?, bytes = ?, first = ?, last = ? WHERE id = ?");
     });
 }
 
@@ -202,8 +203,8 @@ void RecordingWriter::EndGap(Deadline at) {
 
 // An end of -1 is stored as one that is not known.
 void RecordingWriter::AddGap(Micros begin, Micros end, const char* reason, std::uint64_t lost) {
-    Statement add = mDatabase->Prepare(
-        "INSERT INTO gaps(begin, end, reason, lost) VALUES(?, nullif(?, -1), ?, ?)");
+    Statement add =
+        mDatabase->Prepare("INSERT INTO gaps(begin, end, reason, lost) VALUES(?, nullif(?, -1), ?, ?)");
     add.Bind(1, begin).Bind(2, end).BindText(3, reason).Bind(4, static_cast<std::int64_t>(lost)).Run();
 }
 
@@ -215,9 +216,7 @@ void RecordingWriter::CloseGap(Micros end) {
     }
 }
 
-std::optional<Deadline> RecordingWriter::NextCommit() const {
-    return mDone ? std::nullopt : mCommit;
-}
+std::optional<Deadline> RecordingWriter::NextCommit() const { return mDone ? std::nullopt : mCommit; }
 
 void RecordingWriter::WriteTotals() {
     for (auto& [name, total] : mTotals) {

@@ -66,11 +66,11 @@ private:
     Recording mRecording;
     std::unordered_map<std::string, Total> mTotals;
     Deadline mStart;
-    Micros mLast = 0;                    // the time of the last block, or the start
-    Micros mCommitted = 0;               // the same, of the last commit
-    std::optional<Deadline> mCommit;     // when the open transaction ends
+    Micros mLast = 0;                     // the time of the last block, or the start
+    Micros mCommitted = 0;                // the same, of the last commit
+    std::optional<Deadline> mCommit;      // when the open transaction ends
     std::optional<std::int64_t> mGapRow;  // of the gap that goes on
-    std::size_t mOpenBlocks = 0;         // of the open transaction
+    std::size_t mOpenBlocks = 0;          // of the open transaction
     std::size_t mOpenBytes = 0;
     std::uint64_t mBlocks = 0;
     std::uint64_t mBytes = 0;
