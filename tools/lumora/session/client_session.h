@@ -91,6 +91,7 @@ private:
     std::atomic<std::size_t> mWaitingBytes{0};
     std::atomic<unsigned> mLost{0};
     std::atomic<unsigned> mLostSince{0};
+    bool mDropping = false;  // only the receive thread uses it
     lumora::Client mClient;  // the last one: no handler runs once it is gone
 };
 
