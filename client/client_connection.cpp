@@ -64,7 +64,7 @@ bool AgreeOnProtection(lumora::ChannelMode mode, const std::string& reply, LinkD
         return false;
     }
     LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION,
-                  "The device offers no private channel; the data channel is not private.\n");
+                  "The device offers no private channel; it gets a plain one.\n");
     return true;
 }
 
@@ -237,7 +237,14 @@ int LumoraClientModule::OpenOwnHalf(LumoraTransManager& transport, const std::st
         LUMORA_LOG_AS(lumora::LOG_ERROR, "SetupTransport", "Create send Transports failed!\n");
         return -1;
     }
-    return keys != nullptr ? transport.WaitForPeer() : 0;
+    if (keys == nullptr) {
+        return 0;
+    }
+    if (transport.WaitForPeer() != 0) {
+        return -1;
+    }
+    LUMORA_LOG_AS(lumora::LOG_STATE, "SetupTransport", "The data channel is private.\n");
+    return 0;
 }
 
 // The device may have left, or closed the channel again, while mMutex was free:

@@ -32,15 +32,39 @@ void EraseFirst(std::vector<unsigned int>& ids, int clientID) {
     ids.erase(std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)));
 }
 
+// A copy, because sends may be reading the published list at this moment. If memory runs out, the exception
+// fails the request and the subscription stays.
+std::shared_ptr<LumoraServiceManager> Without(const LumoraServiceManager& service, int clientID) {
+    auto next = std::make_shared<LumoraServiceManager>(service);
+    EraseFirst(next->mClientIds, clientID);
+    return next;
+}
+
 // How a new channel is protected. Without keys it is plain.
 struct Agreement {
     std::shared_ptr<lumora::ChannelKeys> keys;
     std::string answer;
 };
 
+void LogPlainClient(bool isRequired, bool hasOffered) {
+    constexpr char OPERATION[] = "OnSetupMediaService";
+    if (isRequired && hasOffered) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
+                      "A private channel is required, and the client's offer of one cannot be answered.\n");
+    } else if (isRequired) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
+                      "A private channel is required, and the client offers none.\n");
+    } else if (hasOffered) {
+        LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION,
+                      "The client's offer of a private channel cannot be answered; it gets a plain one.\n");
+    } else {
+        LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION,
+                      "The client offers no private channel; it gets a plain one.\n");
+    }
+}
+
 // False if the channel must be private and cannot be.
 bool AgreeOnProtection(const std::string& offer, Agreement& agreement) {
-    constexpr char OPERATION[] = "OnSetupMediaService";
     const lumora::ChannelMode mode = lumora::CurrentChannelMode();
     if (mode == lumora::ChannelMode::PLAIN) {
         return true;
@@ -52,23 +76,9 @@ bool AgreeOnProtection(const std::string& offer, Agreement& agreement) {
         return true;
     }
     agreement.answer.clear();
-    if (mode == lumora::ChannelMode::REQUIRE) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
-                      "A private channel is required, and the client %s; its request is refused.\n",
-                      offer.empty() ? "offers none" : "has made an offer that cannot be answered");
-        return false;
-    }
-    LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION, "The client %s; the data channel is not private.\n",
-                  offer.empty() ? "offers no private channel" : "has made an offer that cannot be answered");
-    return true;
-}
-
-// A copy, because sends may be reading the published list at this moment. If memory runs out, the exception
-// fails the request and the subscription stays.
-std::shared_ptr<LumoraServiceManager> Without(const LumoraServiceManager& service, int clientID) {
-    auto next = std::make_shared<LumoraServiceManager>(service);
-    EraseFirst(next->mClientIds, clientID);
-    return next;
+    const bool isRequired = mode == lumora::ChannelMode::REQUIRE;
+    LogPlainClient(isRequired, !offer.empty());
+    return !isRequired;
 }
 
 }  // namespace
@@ -365,6 +375,9 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
     const int opened = OpenDataChannel(*transport, address, config.GetPort());
     if (opened != 0) {
         return opened;
+    }
+    if (!agreement.answer.empty()) {
+        LUMORA_STATE("The data channel is private.\n");
     }
     setup = SetupReply(agreement.answer);
     mOwner = lumora::CurrentRequester();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 #include <utility>
 
 #include "library/log.h"
@@ -12,41 +13,85 @@ namespace lumoraAiModule {
 
 namespace {
 
+// In one go, so that a flood of connections does not keep the receive thread from the handshakes.
+constexpr int MOST_AT_ONCE = 64;
+
 // A connection that a stranger has reset again while it waited is no failure of the listening socket.
 bool IsOfOneConnection(int error) { return error == ECONNABORTED || error == EINTR || error == EPROTO; }
 
+bool HasCome(const Connection& connection) {
+    return PauseUntilReady(connection.Socket().Number(), POLLIN, 0);
+}
+
 }  // namespace
 
-// A full house takes another connection only if one waits:
-//   strangers       hold all places and send nothing
-//   peer            waits in the kernel, and its handshake has a limit
-//   therefore       the place of the connection that has been silent longest is given away
+// A connection from elsewhere than expected is closed if there is no place. One from the expected address may
+// be the peer's, so it waits for the next place:
+//   stranger        on the peer's host holds all places and sends nothing
+//   peer            has connected, and its handshake has a limit
+//   therefore       places of silent connections are given away after FIRST_WORD
 bool PeerCandidates::Accept(const Descriptor& listenSocket, Clock::time_point now) {
-    while (true) {
-        Candidate* place = FreePlace();
-        if (place == nullptr) {
-            place = MostSilent(now);
-            if (place == nullptr || !PauseUntilReady(listenSocket.Number(), POLLIN, 0)) {
-                return true;
-            }
+    for (int i = 0; i < MOST_AT_ONCE; ++i) {
+        if (!mNext.IsOpen()) {
+            mNext = AcceptConnection(listenSocket, mNextFrom);
         }
-        in_addr from = {};
-        Descriptor accepted = AcceptConnection(listenSocket, from);
-        if (!accepted.IsOpen()) {
+        if (!mNext.IsOpen()) {
             if (IsOfOneConnection(errno)) {
                 continue;
             }
             return errno == EAGAIN;
         }
-        *place = {Connection(std::move(accepted)), from, now, now};
+        Candidate* const place = PlaceFor(mNextFrom, now);
+        if (place != nullptr) {
+            *place = {Connection(std::move(mNext)), mNextFrom, now, false, now};
+        } else if (mExpected.IsExpected(mNextFrom)) {
+            return true;
+        } else {
+            mNext.Close();
+        }
+    }
+    return true;
+}
+
+// The least worth a place are connections from elsewhere, then silent ones, then those that came first.
+PeerCandidates::Candidate* PeerCandidates::PlaceFor(in_addr from, Clock::time_point now) {
+    Candidate* least = nullptr;
+    const auto worth = [this](const Candidate& candidate) {
+        return std::make_tuple(mExpected.IsExpected(candidate.from), candidate.hasSpoken, candidate.lastCame);
+    };
+    for (Candidate& candidate : mCandidates) {
+        if (!candidate.connection.IsOpen()) {
+            return &candidate;
+        }
+        Listen(candidate, now);
+        const bool givesWay = !mExpected.IsExpected(candidate.from) && mExpected.IsExpected(from);
+        if ((givesWay || MayGiveAway(candidate, now)) &&
+            (least == nullptr || worth(candidate) < worth(*least))) {
+            least = &candidate;
+        }
+    }
+    return least;
+}
+
+bool PeerCandidates::MayGiveAway(const Candidate& candidate, Clock::time_point now) const {
+    return now - candidate.lastCame >= (candidate.hasSpoken ? NEXT_WORD : FIRST_WORD);
+}
+
+// Before the keys are known nothing is read, so what has come once stays there to be seen.
+void PeerCandidates::Listen(Candidate& candidate, Clock::time_point now) {
+    if (!candidate.hasSpoken && HasCome(candidate.connection)) {
+        candidate.hasSpoken = true;
+        candidate.lastCame = now;
     }
 }
 
 bool PeerCandidates::FindPeer(const lumora::ChannelKeys& keys, Clock::time_point now, Connection& peer) {
+    const bool wereKnown = std::exchange(mKeysAreKnown, true);
     for (Candidate& candidate : mCandidates) {
         if (!candidate.connection.IsOpen()) {
             continue;
         }
+        candidate.begin = wereKnown ? candidate.begin : now;
         const Connection::Handshake result = GoOn(keys, candidate, now);
         if (result == Connection::Handshake::DONE) {
             peer = std::move(candidate.connection);
@@ -61,74 +106,56 @@ bool PeerCandidates::FindPeer(const lumora::ChannelKeys& keys, Clock::time_point
     return false;
 }
 
-// A connection that was accepted before the keys were known has its full time from then on.
+// Nothing is spent on a connection before its first word.
 Connection::Handshake PeerCandidates::GoOn(const lumora::ChannelKeys& keys, Candidate& candidate,
                                            Clock::time_point now) {
     Connection& connection = candidate.connection;
     if (!connection.IsProtected()) {
+        Listen(candidate, now);
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(candidate.begin + LIMIT - now);
+        if (!candidate.hasSpoken) {
+            return left.count() > 0 ? Connection::Handshake::GOES_ON : Connection::Handshake::FAILED;
+        }
         TuneConnection(connection.Socket());
         SetNonBlocking(connection.Socket());
-        if (!connection.Protect(keys, mDirection, true, LIMIT)) {
+        if (!connection.Protect(keys, mDirection, true, left)) {
             return Connection::Handshake::FAILED;
         }
     }
-    if (PauseUntilReady(connection.Socket().Number(), POLLIN, 0)) {
+    if (HasCome(connection)) {
         candidate.lastCame = now;
     }
     return connection.ShakeHands();
 }
 
-Descriptor PeerCandidates::TakeFirst(in_addr& from) {
-    Candidate* first = nullptr;
+Descriptor PeerCandidates::TakeOne(in_addr& from) {
     for (Candidate& candidate : mCandidates) {
-        if (candidate.connection.IsOpen() && (first == nullptr || candidate.accepted < first->accepted)) {
-            first = &candidate;
+        if (candidate.connection.IsOpen()) {
+            from = candidate.from;
+            return candidate.connection.TakeSocket();
         }
     }
-    if (first == nullptr) {
-        return Descriptor();
-    }
-    from = first->from;
-    return first->connection.TakeSocket();
+    from = mNextFrom;
+    return std::move(mNext);
 }
 
-void PeerCandidates::Watch(pollfd* watched) const {
+void PeerCandidates::Watch(const Descriptor& listenSocket, pollfd* watched) const {
     for (std::size_t i = 0; i < MOST; ++i) {
-        const Connection& connection = mCandidates[i].connection;
-        const bool isAtWork = connection.IsOpen() && connection.IsProtected();
-        watched[i] = {isAtWork ? connection.Socket().Number() : -1, connection.Wanted(), 0};
+        const Candidate& candidate = mCandidates[i];
+        const bool isWaitedFor = candidate.connection.IsOpen() && (mKeysAreKnown || !candidate.hasSpoken);
+        const short events =
+            candidate.connection.IsProtected() ? candidate.connection.Wanted() : short{POLLIN};
+        watched[i] = {isWaitedFor ? candidate.connection.Socket().Number() : -1, events, 0};
     }
-}
-
-bool PeerCandidates::HasRoom() const {
-    return std::any_of(mCandidates.begin(), mCandidates.end(),
-                       [](const Candidate& candidate) { return !candidate.connection.IsOpen(); });
+    watched[MOST] = {mNext.IsOpen() ? -1 : listenSocket.Number(), POLLIN, 0};
 }
 
 void PeerCandidates::Close() {
     for (Candidate& candidate : mCandidates) {
         candidate.connection.Close();
     }
-}
-
-PeerCandidates::Candidate* PeerCandidates::FreePlace() {
-    const auto place = std::find_if(mCandidates.begin(), mCandidates.end(), [](const Candidate& candidate) {
-        return !candidate.connection.IsOpen();
-    });
-    return place != mCandidates.end() ? &*place : nullptr;
-}
-
-// All places are taken when this is asked. Before the keys are known nothing is read, so a connection with
-// bytes that wait counts for more than one without.
-PeerCandidates::Candidate* PeerCandidates::MostSilent(Clock::time_point now) {
-    const auto worth = [](const Candidate& candidate) {
-        return std::make_pair(PauseUntilReady(candidate.connection.Socket().Number(), POLLIN, 0),
-                              candidate.lastCame);
-    };
-    Candidate* const most = std::min_element(
-        mCandidates.begin(), mCandidates.end(),
-        [&](const Candidate& one, const Candidate& other) { return worth(one) < worth(other); });
-    return now - most->lastCame >= LONGEST_SILENCE ? most : nullptr;
+    mNext.Close();
 }
 
 }  // namespace lumoraAiModule

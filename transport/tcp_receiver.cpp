@@ -158,7 +158,8 @@ bool TcpReceiver::AcceptAndReceive(FrameBuffer& readBuffer) {
 int TcpReceiver::WaitForConnect() {
     const ChannelProtection::Decision decision = mState.protection.Current();
     PeerCandidates candidates(mSide == Side::CLIENT ? lumora::ChannelKeys::Direction::TO_CLIENT
-                                                    : lumora::ChannelKeys::Direction::TO_DEVICE);
+                                                    : lumora::ChannelKeys::Direction::TO_DEVICE,
+                              mExpectedPeer);
     const bool isPlain = decision.isMade && decision.keys == nullptr;
     return isPlain ? WaitForAnyPeer(candidates) : WaitForProvenPeer(candidates);
 }
@@ -169,7 +170,7 @@ int TcpReceiver::WaitForAnyPeer(PeerCandidates& candidates) {
     mExpectedPeer.Begin(ExpectedPeer::Clock::now());
     while (mState.running) {
         in_addr from = {};
-        Descriptor accepted = candidates.TakeFirst(from);
+        Descriptor accepted = candidates.TakeOne(from);
         if (!accepted.IsOpen()) {
             accepted = AcceptConnection(mListenSocket, from);
         }
@@ -237,8 +238,8 @@ int TcpReceiver::WaitForProvenPeer(PeerCandidates& candidates) {
                 candidates.Close();
             }
         }
-        candidates.Watch(watched.data());
-        watched[PeerCandidates::MOST] = {candidates.HasRoom() ? mListenSocket.Number() : -1, POLLIN, 0};
+        candidates.Watch(mListenSocket, watched.data());
+        watched[PeerCandidates::MOST].fd = hasPeer ? -1 : watched[PeerCandidates::MOST].fd;
         watched.back().fd = -1;
         if (!mHandler.GoOnWithSending(watched.back()) && hasPeer) {
             return 0;

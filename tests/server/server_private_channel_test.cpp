@@ -59,6 +59,7 @@ protected:
 TEST_F(ServerPrivateChannelTest, OfferIsAnsweredAndTheTransportHasTheKeysBeforeItsDirections) {
     EXPECT_THAT(Request(PRIVATE_REQUEST).reply, StartsWith(R"({"r":"Succ","sec":{"number":)"));
     EXPECT_NE(nullptr, mTransport->keys);
+    EXPECT_TRUE(mLog.Has(2, "The data channel is private.\n"));
     EXPECT_FALSE(mTransport->hadDirections);
     EXPECT_EQ(2U, mTransport->directions.size());
 }
@@ -83,16 +84,15 @@ TEST_F(ServerPrivateChannelTest, PlatformOfAnEarlierVersionPassesOverTheOffer) {
 
 TEST_F(ServerPrivateChannelTest, PreferringDeviceTakesAPlainClientWithAWarning) {
     ExpectPlain(PLAIN_REQUEST);
-    EXPECT_THAT(mLog.Texts(3),
-                Contains("The client offers no private channel; the data channel is not private.\n"));
+    EXPECT_THAT(mLog.Texts(3), Contains("The client offers no private channel; it gets a plain one.\n"));
 }
 
 TEST_F(ServerPrivateChannelTest, PreferringDeviceTakesAClientWhoseOfferItCannotAnswer) {
     mSecurity.makesChannels = false;
     ExpectPlain(PRIVATE_REQUEST);
-    EXPECT_THAT(mLog.Texts(3),
-                Contains("The client has made an offer that cannot be answered; the data channel "
-                         "is not private.\n"));
+    EXPECT_THAT(
+        mLog.Texts(3),
+        Contains("The client's offer of a private channel cannot be answered; it gets a plain one.\n"));
 }
 
 TEST_F(ServerPrivateChannelTest, OfferThatIsNoObjectIsNone) {
@@ -101,15 +101,12 @@ TEST_F(ServerPrivateChannelTest, OfferThatIsNoObjectIsNone) {
 }
 
 TEST_F(ServerPrivateChannelTest, RequiringDeviceRefusesAPlainClient) {
-    ExpectRefused(PLAIN_REQUEST,
-                  "A private channel is required, and the client offers none; its request is refused.\n");
+    ExpectRefused(PLAIN_REQUEST, "A private channel is required, and the client offers none.\n");
 }
 
 TEST_F(ServerPrivateChannelTest, RequiringDeviceRefusesAnOfferThatItCannotAnswer) {
-    ExpectRefused(
-        R"({"p":2,"ep":{"addr":"127.0.0.1","port":6666},"sec":{"other":1}})",
-        "A private channel is required, and the client has made an offer that cannot be answered; its "
-        "request is refused.\n");
+    ExpectRefused(R"({"p":2,"ep":{"addr":"127.0.0.1","port":6666},"sec":{"other":1}})",
+                  "A private channel is required, and the client's offer of one cannot be answered.\n");
 }
 
 TEST_F(ServerPrivateChannelTest, RepeatedOfferMakesNewKeys) {
