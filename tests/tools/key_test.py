@@ -187,6 +187,18 @@ class Devices(KeyCase):
             last = json.loads(result.stdout.splitlines()[-1])
             self.assertEqual((last["lost"], last["private"], last["peer"]), (0, private, "lamp-1" if private else ""))
 
+    def test_doctor_tells_whether_the_data_channel_is_private(self):
+        self.assert_succeeds(self.key("new", "lamp-1"))
+        self.device("lamp", "--echo", env=self.with_key(self.path))
+        for mode, finding in [
+            ("prefer", ("ok", 'the data channel is private, by the key "lamp-1"')),
+            ("plain", ("warning", "the data channel is plain: hosts on the way can read and change the data")),
+        ]:
+            environment = {**self.with_key(self.path), "LUMORA_LINK_CHANNEL": mode}
+            result = lumora("--json", "doctor", "lamp", "--listen", "0", env=environment)
+            found = [(one["level"], one["text"]) for one in json.loads(result.stdout)["findings"]]
+            self.assertIn(finding, found)
+
     def test_a_device_that_requires_a_private_channel_refuses_others(self):
         self.assert_succeeds(self.key("new", "lamp-1"))
         environment = self.with_key(self.path)
