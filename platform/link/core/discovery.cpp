@@ -143,8 +143,8 @@ void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, Time
     if (token == mLookRound.Token() && mLocalNode.deviceType) {
         if (const auto node = NodeIn(answer, source, *mLocalNode.deviceType)) {
             mPresence.OnHello(*node, false, now);
-            if (CountIn(answer)) {
-                mLookRound.OnCount();
+            if (CountIn(answer) || NodesLikeThis() > Search::FEW) {
+                mLookRound.End();
             }
         }
     }

@@ -23,8 +23,8 @@ public:
     void Begin(std::string token, TimePoint now);
     // The number of the probe that is due, once.
     std::optional<unsigned> TakeDueProbe(TimePoint now);
-    // The sender of that answer knows the network, so this node need not.
-    void OnCount() { mIsOver = true; }
+    // Another node knows the network, so this one need not; or they are too many for a look.
+    void End() { mIsOver = true; }
     // Whether every node that answers has done so, and none of them knew the network.
     bool HasSeenAll(TimePoint now) const;
     TimePoint NextProbe() const;
