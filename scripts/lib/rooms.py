@@ -23,8 +23,8 @@ GROUPS = {
                      "platform/link/core", "platform/link/wire"],
     "liblink_log.so": ["platform/log"],
     "libsecurec.so": ["platform/securec"],
-    "lumora": ["tools/lumora", "tools/lumora/commands", "tools/lumora/session", "tools/lumora/manual",
-               "tools/lumora/os", "tools/lumora/terminal"],
+    "lumora": ["tools/lumora", "tools/lumora/commands", "tools/lumora/recording", "tools/lumora/session",
+               "tools/lumora/manual", "tools/lumora/os", "tools/lumora/terminal"],
     "lumora-platform-check": ["tools/platform_check"],
     "": ["base", "include", "platform/include"],
 }
