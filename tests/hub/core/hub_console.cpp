@@ -1,4 +1,5 @@
-// The core of the hub, driven by lines on standard input, for tests. Each line is answered by one line of JSON.
+// The core of the hub, driven by lines on standard input, for tests. Each line is answered by one line of
+// JSON.
 //
 //   subscribe NAME DEVICE SERVICE [QUEUE]   a consumer, which reads at once
 //   stuck NAME DEVICE SERVICE QUEUE         one that never reads
@@ -75,10 +76,11 @@ public:
     std::string Report() const {
         const ConsumerCounts counts = mConsumer->Counts();
         std::ostringstream text;
-        text << "{\"name\":" << Quoted(mConsumer->Name()) << ",\"received\":" << mReceived << ",\"gaps\":" << mGaps
-             << ",\"repeated\":" << mRepeated << ",\"bytes\":" << mBytes << ",\"lastNumber\":" << mLastNumber
-             << ",\"lost\":" << counts.lost << ",\"delivered\":" << counts.delivered
-             << ",\"waiting\":" << counts.waiting << ",\"waitingBytes\":" << counts.waitingBytes << '}';
+        text << "{\"name\":" << Quoted(mConsumer->Name()) << ",\"received\":" << mReceived
+             << ",\"gaps\":" << mGaps << ",\"repeated\":" << mRepeated << ",\"bytes\":" << mBytes
+             << ",\"lastNumber\":" << mLastNumber << ",\"lost\":" << counts.lost
+             << ",\"delivered\":" << counts.delivered << ",\"waiting\":" << counts.waiting
+             << ",\"waitingBytes\":" << counts.waitingBytes << '}';
         return text.str();
     }
 
@@ -219,13 +221,14 @@ private:
     static std::string Describe(const DeviceState& device) {
         std::ostringstream text;
         text << "{\"id\":" << Quoted(device.id) << ",\"port\":" << device.port
-             << ",\"present\":" << (device.isPresent ? "true" : "false") << ",\"channel\":\"" << Name(device.channel)
-             << "\",\"trouble\":" << Quoted(device.trouble) << ",\"version\":" << Quoted(device.version)
-             << ",\"reconnects\":" << device.reconnects << ",\"services\":[";
+             << ",\"present\":" << (device.isPresent ? "true" : "false") << ",\"channel\":\""
+             << Name(device.channel) << "\",\"trouble\":" << Quoted(device.trouble)
+             << ",\"version\":" << Quoted(device.version) << ",\"reconnects\":" << device.reconnects
+             << ",\"services\":[";
         const char* separator = "";
         for (const ServiceState& service : device.services) {
-            text << separator << "{\"name\":" << Quoted(service.name) << ",\"transport\":\"" << service.transport
-                 << "\",\"blocks\":" << service.blocks << ",\"bytes\":" << service.bytes
+            text << separator << "{\"name\":" << Quoted(service.name) << ",\"transport\":\""
+                 << service.transport << "\",\"blocks\":" << service.blocks << ",\"bytes\":" << service.bytes
                  << ",\"consumers\":" << service.consumers << '}';
             separator = ",";
         }
