@@ -40,7 +40,8 @@ class Host:
 
     def __init__(self, number):
         self.name = f"h{number}"
-        self.holder = subprocess.Popen(["unshare", "-n", "sleep", "infinity"])
+        # It ends with this process, however that ends.
+        self.holder = subprocess.Popen(["unshare", "-n", "setpriv", "--pdeathsig", "KILL", "sleep", "infinity"])
         own = os.readlink("/proc/self/ns/net")
         eventually(lambda: os.readlink(self.namespace()) != own, "a namespace")
         self.address = f"10.77.0.{number}"
@@ -64,6 +65,8 @@ class Host:
         return ChildProcess(self.command(*words), env=environment, stderr=subprocess.DEVNULL, **options)
 
     def close(self):
+        # The kernel takes its time to remove the interface of a namespace that has ended.
+        run("ip", "link", "delete", self.name)
         self.holder.kill()
         self.holder.wait()
 
