@@ -26,9 +26,11 @@ GROUPS = {
     "lumora": ["tools/lumora", "tools/lumora/commands", "tools/lumora/session", "tools/lumora/manual",
                "tools/lumora/os", "tools/lumora/terminal"],
     "lumora-platform-check": ["tools/platform_check"],
-    "": ["base", "include", "platform/include"],
+    "lumora-hub": ["hub", "hub/core"],
+    "lumora-hub-worker": ["hub/worker"],
+    "": ["base", "include", "nodes", "platform/include"],
 }
-LABELS = {"tools/lumora": "main", "platform/link": "log.h", "base": "base: shared",
+LABELS = {"tools/lumora": "main", "hub": "main", "nodes": "nodes: looking round", "platform/link": "log.h", "base": "base: shared",
           "include": "include: for applications",
           "platform/include": "platform/include: C headers of the three platform libraries"}
 ROOMS = [room for rooms in GROUPS.values() for room in rooms]
@@ -108,7 +110,7 @@ def dot_text(edges):
 
 
 def label_of(room):
-    return LABELS.get(room, room.removeprefix("platform/link/").removeprefix("tools/lumora/"))
+    return LABELS.get(room, room.removeprefix("platform/link/").removeprefix("tools/lumora/").removeprefix("hub/"))
 
 
 def draw(edges):

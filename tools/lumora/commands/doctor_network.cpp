@@ -293,7 +293,7 @@ void LookAtVariables(Findings& findings) {
         }
     }
     for (const std::string& peer : WordsOf("LUMORA_LINK_PEERS")) {
-        if (!ParseAddress(peer)) {
+        if (!lumora_nodes::ParseAddress(peer)) {
             findings.push_back({Level::FAULT, "variables",
                                 "LUMORA_LINK_PEERS: \"" + peer +
                                     "\" is no IPv4 address with or without a port; it is ignored",

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "nodes/platform_front.h"
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/os/ports.h"
 #include "tools/lumora/os/program.h"
@@ -13,7 +14,6 @@
 #include "tools/lumora/session/client_session.h"
 #include "tools/lumora/session/inbox.h"
 #include "tools/lumora/session/link_node.h"
-#include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
 #include "tools/lumora/terminal/output.h"
@@ -23,6 +23,9 @@
 namespace lumora_cli {
 
 namespace {
+
+using lumora_nodes::TakeCause;
+using lumora_nodes::WithCause;
 
 struct Options {
     std::string type;

@@ -1,10 +1,10 @@
 // lumora version: of this program, of the library that it runs with, of a device.
 #include <memory>
 
+#include "nodes/platform_front.h"
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/session/client_session.h"
 #include "tools/lumora/session/link_node.h"
-#include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
 #include "tools/lumora/terminal/output.h"
@@ -15,7 +15,7 @@ namespace {
 
 // The library tells its version to a client only, and a client joins the network: this one stays at home.
 std::string LibraryVersion() {
-    StayOffline();
+    lumora_nodes::StayOffline();
     return lumora::Client("lumora-cli").LibraryVersion();
 }
 

@@ -1,4 +1,5 @@
 #include "tools/lumora/session/client_session.h"
+#include "nodes/platform_front.h"
 
 #include <algorithm>
 #include <utility>
@@ -6,13 +7,17 @@
 #include "tools/lumora/os/ports.h"
 #include "tools/lumora/os/signals.h"
 #include "tools/lumora/session/link_node.h"
-#include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/output.h"
 
 namespace lumora_cli {
 
 namespace {
+
+using lumora_nodes::DeviceAddress;
+using lumora_nodes::FindOnly;
+using lumora_nodes::TakeCause;
+using lumora_nodes::WithCause;
 
 const char CLIENT_TYPE[] = "lumora-cli";
 const char ASK_DOCTOR[] = "lumora doctor looks for what is wrong";

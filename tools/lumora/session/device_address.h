@@ -1,24 +1,12 @@
 // Which of several devices of one type is meant: TYPE@ADDRESS, or --address ADDRESS.
 #pragma once
 
-#include <optional>
 #include <string>
 
+#include "nodes/device_address.h"
 #include "tools/lumora/manual/command.h"
 
 namespace lumora_cli {
-
-struct DeviceAddress {
-    std::string host;  // empty: any
-    int port = 0;      // UDP; 0: any
-
-    bool Matches(const std::string& otherHost, int otherPort) const {
-        return (host.empty() || host == otherHost) && (port == 0 || port == otherPort);
-    }
-};
-
-// "192.168.1.7" or "192.168.1.7:40123"; nothing if it is neither.
-std::optional<DeviceAddress> ParseAddress(const std::string& text);
 
 struct DeviceChoice {
     std::string type;     // as the user wrote it, until Take; then without an address

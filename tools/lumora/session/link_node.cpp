@@ -3,9 +3,8 @@
 #include <iterator>
 #include <set>
 
-#include "base/json.h"
+#include "nodes/platform_front.h"
 #include "tools/lumora/os/signals.h"
-#include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/json.h"
 
@@ -13,47 +12,20 @@ namespace lumora_cli {
 
 namespace {
 
-const char SERVICE_INFO_KEY[] = "ServiceInfo";
-const char SERVICE_INFO_VALUE[] = "Lum_RA";
-const char VERSION_KEY[] = "GetVersion";
-constexpr std::size_t MAX_SERVICES = 8;
-constexpr std::size_t MAX_TRANSPORT = 5;
-constexpr unsigned BUFFER_SIZE = 1024;
-
 // Events come on the platform's thread until the last node is gone.
 Inbox<DeviceEvent>& EventInbox() {
     static Inbox<DeviceEvent> inbox;
     return inbox;
 }
 
-extern "C" {
-
-static int OnDeviceEvent(NotifyDeviceInfo* info) {
+std::unique_ptr<lumora_nodes::LinkNode> StartNode() {
     try {
-        EventInbox().Put({info->event == NOTIFY_DEVICE_ADDED, info->addr, info->port, info->devType});
-        return 0;
-    } catch (...) {
-        return -1;  // the caller is a C library
+        return std::make_unique<lumora_nodes::LinkNode>(
+            [](DeviceEvent event) { EventInbox().Put(std::move(event)); });
+    } catch (const std::runtime_error& error) {
+        throw Failure(EXIT_FAILED, lumora_nodes::WithCause(error.what()),
+                      "lumora doctor looks for what is wrong");
     }
-}
-
-// This node only searches, so it refuses all requests.
-static int RefuseGet(AppResource*, const RemoteEndpoint*, const char*, char*, unsigned int) { return -1; }
-static int Refuse(AppResource*, const RemoteEndpoint*, const char*, const char*, unsigned int) { return -1; }
-static const char* NoDescriptor(AppResource*) { return nullptr; }
-
-}  // extern "C"
-
-std::optional<Service> ParseService(const cJSON* entry) {
-    const cJSON* name = cJSON_GetObjectItem(entry, "Name");
-    const cJSON* transport = cJSON_GetObjectItem(entry, "transport");
-    const cJSON* output = cJSON_GetObjectItem(entry, "output-len-bytes");
-    if (!cJSON_IsString(name) || !cJSON_IsNumber(transport)) {
-        return std::nullopt;
-    }
-    // The document comes from the network: a negative length counts as any.
-    const int bytes = cJSON_IsNumber(output) ? output->valueint : 0;
-    return Service{name->valuestring, transport->valueint, bytes > 0 ? static_cast<unsigned>(bytes) : 0};
 }
 
 std::string ServiceJson(const Service& service) {
@@ -66,79 +38,11 @@ std::string ServiceJson(const Service& service) {
 
 }  // namespace
 
-// ---- RemoteDevice
-
-std::string RemoteDevice::Address() const { return mProxy->GetAddress(mProxy.get()); }
-int RemoteDevice::Port() const { return mProxy->GetPort(mProxy.get()); }
-
-std::optional<std::string> RemoteDevice::Ask(const std::string& key, const std::string& value) const {
-    char buffer[BUFFER_SIZE] = {};
-    // One buffer carries the value to the device and the reply back. The platform wants its size without the
-    // terminator.
-    value.copy(buffer, BUFFER_SIZE - 1);
-    if (mProxy->Get(mProxy.get(), key.c_str(), buffer, BUFFER_SIZE - 1) != 0) {
-        return std::nullopt;
-    }
-    buffer[BUFFER_SIZE - 1] = '\0';
-    return buffer;
-}
-
-// ---- LinkNode
-
-LinkNode::LinkNode()
-    : mResource{RefuseGet, Refuse, Refuse, Refuse, NoDescriptor}, mPlatform(GetLinkPlatform()) {
-    // The order that the platform demands: Init, RegisterResource, Run.
-    if (mPlatform == nullptr || mPlatform->Init(mPlatform.get()) != 0 ||
-        mPlatform->RegisterResource(mPlatform.get(), &mResource, OnDeviceEvent) != 0 ||
-        mPlatform->Run(mPlatform.get()) != 0) {
-        throw Failure(EXIT_FAILED, WithCause("the link platform does not start"),
-                      "lumora doctor looks for what is wrong");
-    }
-}
-
-LinkNode::~LinkNode() { mPlatform->Exit(mPlatform.get()); }
+LinkNode::LinkNode() : mNode(StartNode()) {}
 
 Inbox<DeviceEvent>& LinkNode::Events() { return EventInbox(); }
 
-std::vector<RemoteDevice> LinkNode::Find(const std::string& type) {
-    std::vector<RemoteDevice> devices;
-    // Blocks for the platform's search time. Each element owns itself; RemoteDevice frees it.
-    AppResourceProxy* next = mPlatform->FindResource(mPlatform.get(), type.c_str());
-    while (next != nullptr) {
-        devices.emplace_back(next);
-        next = GetNextAppResourceProxy(next);
-    }
-    return devices;
-}
-
-// ---- What they say
-
-std::optional<std::vector<Service>> ParseServices(const std::string& document) {
-    const lumora::JsonTree root = lumora::ParseJson(document);
-    if (!cJSON_IsNumber(cJSON_GetObjectItem(root.get(), "ServiceNum"))) {
-        return std::nullopt;
-    }
-    std::vector<Service> services;
-    // The document numbers its services: service0 to service7. Gaps are skipped.
-    for (std::size_t i = 0; i < MAX_SERVICES; ++i) {
-        const cJSON* entry = cJSON_GetObjectItem(root.get(), ("service" + std::to_string(i)).c_str());
-        if (std::optional<Service> service = ParseService(entry)) {
-            services.push_back(std::move(*service));
-        }
-    }
-    return services;
-}
-
-FoundDevice Describe(const RemoteDevice& device, const std::string& type) {
-    FoundDevice found = {device.Address(), device.Port(), type, false, {}, ""};
-    const std::optional<std::string> document = device.Ask(SERVICE_INFO_KEY, SERVICE_INFO_VALUE);
-    if (std::optional<std::vector<Service>> services = ParseServices(document.value_or(""))) {
-        found.answers = true;
-        found.services = std::move(*services);
-        found.version = device.Ask(VERSION_KEY).value_or("");
-    }
-    return found;
-}
+std::vector<RemoteDevice> LinkNode::Find(const std::string& type) { return mNode->Find(type); }
 
 std::vector<FoundDevice> FindDevices(LinkNode& node, const std::string& type,
                                      std::chrono::milliseconds patience) {
@@ -177,12 +81,6 @@ std::vector<FoundDevice> FindAllDevices(LinkNode& node, std::chrono::millisecond
     }
     ThrowWhenStopped();
     return all;
-}
-
-std::string TransportName(int transport) {
-    static const char* const NAMES[] = {"none", "udp", "tcp", "rtp", "4", "5"};
-    const bool known = transport >= 0 && static_cast<std::size_t>(transport) <= MAX_TRANSPORT;
-    return known ? NAMES[transport] : std::to_string(transport);
 }
 
 std::string ToJson(const FoundDevice& device) {

@@ -1,81 +1,34 @@
-// The network as the link platform shows it: a node that looks round and asks, and can itself not be found.
+// A node that looks round for a command, and can itself not be found.
 #pragma once
 
-#include <link_platform.h>
-
+#include <chrono>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "nodes/link_node.h"
 #include "tools/lumora/session/inbox.h"
 
 namespace lumora_cli {
 
-struct Service {
-    std::string name;
-    int transport = 0;
-    unsigned outputBytes = 0;
-};
+using lumora_nodes::Describe;
+using lumora_nodes::DeviceEvent;
+using lumora_nodes::FoundDevice;
+using lumora_nodes::RemoteDevice;
+using lumora_nodes::Service;
+using lumora_nodes::TransportName;
 
-// A device has come or gone.
-struct DeviceEvent {
-    bool added = false;
-    std::string address;
-    int port = 0;
-    std::string type;
-};
-
-class RemoteDevice {
-public:
-    explicit RemoteDevice(AppResourceProxy* proxy) : mProxy(proxy) {}
-
-    std::string Address() const;
-    int Port() const;
-    // Nothing when it does not answer, or refuses.
-    std::optional<std::string> Ask(const std::string& key, const std::string& value = "") const;
-
-private:
-    struct Deleter {
-        void operator()(AppResourceProxy* proxy) const { FreeAppResourceProxy2(proxy); }
-    };
-    std::unique_ptr<AppResourceProxy, Deleter> mProxy;
-};
-
-// Only one object at a time: the platform's events do not tell which node they belong to.
+// Only one object at a time. Throws a Failure if the platform does not start.
 class LinkNode {
 public:
     LinkNode();
-    ~LinkNode();
-    LinkNode(const LinkNode&) = delete;
-    LinkNode& operator=(const LinkNode&) = delete;
 
     std::vector<RemoteDevice> Find(const std::string& type);
     Inbox<DeviceEvent>& Events();
 
 private:
-    struct Deleter {
-        void operator()(LinkPlatform* platform) const { FreeLinkPlatform(platform); }
-    };
-
-    AppResource mResource = {};
-    std::unique_ptr<LinkPlatform, Deleter> mPlatform;
+    std::unique_ptr<lumora_nodes::LinkNode> mNode;
 };
-
-// Reads the service document of a device. Nothing if it cannot be understood.
-std::optional<std::vector<Service>> ParseServices(const std::string& document);
-
-// A device and its answers.
-struct FoundDevice {
-    std::string address;
-    int port = 0;
-    std::string type;
-    bool answers = false;  // false: it is there, but did not tell its services
-    std::vector<Service> services;
-    std::string version;
-};
-
-FoundDevice Describe(const RemoteDevice& device, const std::string& type);
 
 // All devices of a type; empty when there are none after the time given.
 std::vector<FoundDevice> FindDevices(LinkNode& node, const std::string& type,
@@ -84,7 +37,6 @@ std::vector<FoundDevice> FindDevices(LinkNode& node, const std::string& type,
 // Devices of every type that are heard in this time. Throws a QuietEnd when a signal comes.
 std::vector<FoundDevice> FindAllDevices(LinkNode& node, std::chrono::milliseconds time);
 
-std::string TransportName(int transport);
 std::string ToJson(const FoundDevice& device);
 std::string ToJson(const std::vector<FoundDevice>& devices);
 

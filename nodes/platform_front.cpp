@@ -1,4 +1,4 @@
-#include "tools/lumora/session/platform_front.h"
+#include "nodes/platform_front.h"
 
 #include <dlfcn.h>
 #include <link_log.h>
@@ -11,17 +11,19 @@
 
 #include "base/mutex.h"
 
-namespace lumora_cli {
+namespace lumora_nodes {
 
 namespace {
 
 // Each table calls the library's function, which it replaces. A table belongs to one handle, so all handles
 // of one library have the same function.
 AppResourceProxy* (*g_findResource)(LinkPlatform*, const char*) = nullptr;
+int (*g_registerResource)(LinkPlatform*, AppResource*, DeviceEventFunction) = nullptr;
 
 lumora::Mutex g_mutex;
 DeviceAddress g_wanted GUARDED_BY(g_mutex);
 bool g_offline = false;  // set before there are threads
+bool g_unseen = false;   // the same
 
 DeviceAddress Wanted() {
     const lumora::MutexLock lock(g_mutex);
@@ -77,6 +79,7 @@ void FindOnly(const DeviceAddress& address) {
     g_wanted = address;
 }
 
+void StayUnseen() { g_unseen = true; }
 void StayOffline() { g_offline = true; }
 
 std::string TakeCause() {
@@ -95,45 +98,58 @@ std::string WithCause(const std::string& what) {
     return cause.empty() ? what : what + " (" + cause + ')';
 }
 
-}  // namespace lumora_cli
+}  // namespace lumora_nodes
 
 extern "C" {
 
 static AppResourceProxy* FindWanted(LinkPlatform* platform, const char* type) {
-    return lumora_cli::FirstWanted(lumora_cli::g_findResource(platform, type));
+    return lumora_nodes::FirstWanted(lumora_nodes::g_findResource(platform, type));
+}
+
+static const char* NoDescriptor(AppResource*) { return nullptr; }
+
+// The platform asks for the descriptor through the record, and knows the record by its address. So the
+// library's own record is changed.
+static int RegisterUnseen(LinkPlatform* platform, AppResource* resource, DeviceEventFunction onDeviceEvent) {
+    resource->DoGetDescriptor = NoDescriptor;
+    return lumora_nodes::g_registerResource(platform, resource, onDeviceEvent);
 }
 
 LinkPlatform* GetLinkPlatform(void) {
-    if (lumora_cli::g_offline) {
-        return &lumora_cli::g_nowhere;
+    if (lumora_nodes::g_offline) {
+        return &lumora_nodes::g_nowhere;
     }
-    static auto* const behind = lumora_cli::Behind<decltype(GetLinkPlatform)>("GetLinkPlatform");
+    static auto* const behind = lumora_nodes::Behind<decltype(GetLinkPlatform)>("GetLinkPlatform");
     LinkPlatform* const platform = behind();
     // Each handle is patched once. The library calls FindResource through the table.
     if (platform != nullptr && platform->FindResource != FindWanted) {
-        lumora_cli::g_findResource = platform->FindResource;
+        lumora_nodes::g_findResource = platform->FindResource;
         platform->FindResource = FindWanted;
+        if (lumora_nodes::g_unseen) {
+            lumora_nodes::g_registerResource = platform->RegisterResource;
+            platform->RegisterResource = RegisterUnseen;
+        }
     }
     return platform;
 }
 
 void FreeLinkPlatform(LinkPlatform* platform) {
-    static auto* const behind = lumora_cli::Behind<decltype(FreeLinkPlatform)>("FreeLinkPlatform");
+    static auto* const behind = lumora_nodes::Behind<decltype(FreeLinkPlatform)>("FreeLinkPlatform");
     // The offline table is static and is not the platform's to free.
-    if (platform != &lumora_cli::g_nowhere) {
+    if (platform != &lumora_nodes::g_nowhere) {
         behind(platform);
     }
 }
 
 AppResourceProxy* GetNextAppResourceProxy(AppResourceProxy* proxy) {
     static auto* const behind =
-        lumora_cli::Behind<decltype(GetNextAppResourceProxy)>("GetNextAppResourceProxy");
-    return lumora_cli::FirstWanted(behind(proxy));
+        lumora_nodes::Behind<decltype(GetNextAppResourceProxy)>("GetNextAppResourceProxy");
+    return lumora_nodes::FirstWanted(behind(proxy));
 }
 
 void LogInfo(int level, const char* tag, const char* function, int line, const char* format, ...) {
     constexpr int ERROR_LEVEL = 4;
-    static auto* const behind = lumora_cli::Behind<decltype(LogInfo)>("LogInfo");
+    static auto* const behind = lumora_nodes::Behind<decltype(LogInfo)>("LogInfo");
     char text[2048];
     va_list arguments;
     va_start(arguments, format);
@@ -141,7 +157,7 @@ void LogInfo(int level, const char* tag, const char* function, int line, const c
     std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     if (level == ERROR_LEVEL) {
-        lumora_cli::RememberCause(text);
+        lumora_nodes::RememberCause(text);
     }
     behind(level, tag, function, line, "%s", text);
 }

@@ -1,0 +1,30 @@
+// A way into the hub: web page, MQTT and so on. main.cpp starts and ends all of them in the same manner.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "hub/core/device_hub.h"
+
+namespace CLI {
+class App;
+}
+
+namespace lumora_hub {
+
+class Face {
+public:
+    // Ends the face, and waits for its threads. It must have dropped all Registrations of the hub by then.
+    virtual ~Face() = default;
+
+    // Adds its options, which may stand in the configuration file as well. Called once, before Start.
+    virtual void AddOptions(CLI::App& app) = 0;
+    // Called once, after the options were read. The hub outlives the face. A face that the options do not
+    // ask for does nothing. Throws std::runtime_error with a sentence for people.
+    virtual void Start(DeviceHub& hub) = 0;
+};
+
+// All faces that this program was built with (faces.cpp).
+std::vector<std::unique_ptr<Face>> MakeFaces();
+
+}  // namespace lumora_hub
