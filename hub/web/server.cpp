@@ -3,8 +3,10 @@
 #include <link_log.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
+#include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "base/thread.h"
@@ -30,6 +32,12 @@ void LogLine(int level, const char* line) {
     const std::string_view text(line);
     LogInfo(level == LLL_ERR ? 4 : WARNING, "LUMHB", "web", 0, "%.*s",
             static_cast<int>(text.find_last_not_of('\n') + 1), line);
+}
+
+// While a reply is sent the library reads nothing, and so does not notice that the client has closed.
+bool HasPeerClosed(int socket) {
+    pollfd state{socket, POLLRDHUP, 0};
+    return poll(&state, 1, 0) > 0 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
 bool IsAny(const std::string& address) { return address == "0.0.0.0" || address == "::"; }
@@ -231,6 +239,9 @@ int Server::OnBody(Connection& connection, std::string_view bytes) {
         connection.drained += bytes.size();
         return connection.drained > MOST_DRAINED ? -1 : 0;
     }
+    if (bytes.empty()) {  // the library's way to tell of a Content-Length of 0
+        return 0;
+    }
     if (connection.phase != Connection::Phase::BODY ||
         connection.body.size() + bytes.size() > connection.bodyBytes) {
         return -1;
@@ -405,24 +416,39 @@ void Server::Tick() {
     const Connection::Clock::time_point now = Connection::Clock::now();
     for (const auto& [number, connection] : mConnections) {
         if (connection->phase == Connection::Phase::STREAM) {
-            // A stream with nothing to send may be silent for any time.
-            if (!connection->waitsForRoom) {
-                connection->deadline = now + TimeOf(Connection::Phase::STREAM);
-                AwaitRoom(*connection);
-            }
+            TickStream(*connection);
         }
-        if (now < connection->deadline) {
-            continue;
+        if (now >= connection->deadline) {
+            Expire(*connection);
         }
-        if (connection->phase == Connection::Phase::WAITING) {
-            mSite.Forget(connection->number);
-            TakeReply(*connection, Site::Error(504, "no block came, or the device did not answer in time"));
-            continue;
-        }
-        ++mSite.Counts().expired;
-        lws_set_timeout(connection->wsi, PENDING_TIMEOUT_HTTP_CONTENT, LWS_TO_KILL_ASYNC);
     }
     lws_sul_schedule(mContext.get(), 0, &mTimer.entry, &Server::OnTimer, TICK);
+}
+
+void Server::TickStream(Connection& connection) {
+    if (!connection.isWebSocket && HasPeerClosed(lws_get_socket_fd(connection.wsi))) {
+        Kill(connection);
+    } else if (!connection.waitsForRoom) {
+        // A stream with nothing to send may be silent for any time.
+        Enter(connection, Connection::Phase::STREAM);
+        AwaitRoom(connection);
+    }
+}
+
+void Server::Expire(Connection& connection) {
+    if (connection.phase == Connection::Phase::WAITING) {
+        mSite.Forget(connection.number);
+        TakeReply(connection, Site::Error(504, "no block came, or the device did not answer in time"));
+        return;
+    }
+    ++mSite.Counts().expired;
+    Kill(connection);
+}
+
+// Not at once: the library may be in the middle of a list of connections.
+void Server::Kill(Connection& connection) {
+    connection.deadline = Connection::Clock::time_point::max();
+    lws_set_timeout(connection.wsi, PENDING_TIMEOUT_HTTP_CONTENT, LWS_TO_KILL_ASYNC);
 }
 
 }  // namespace lumora_hub

@@ -54,6 +54,9 @@ private:
     int OnWritable(Connection& connection);
     void OnMail();
     void Tick();
+    void TickStream(Connection& connection);
+    void Expire(Connection& connection);
+    void Kill(Connection& connection);
 
     void Take(Connection& connection, Decision decision);
     void TakeReply(Connection& connection, Reply reply);
