@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <array>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 constexpr std::size_t MOST_LOGINS = 64;
@@ -113,4 +113,4 @@ void Admission::LogOut(const Request& request) {
     mLogins.erase(std::remove_if(mLogins.begin(), mLogins.end(), isThis), mLogins.end());
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

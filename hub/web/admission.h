@@ -9,7 +9,7 @@
 #include "hub/web/options.h"
 #include "hub/web/request.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 enum class Verdict {
     ADMITTED,
@@ -50,4 +50,4 @@ private:
     std::deque<Login> mLogins;  // the oldest first
 };
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -5,7 +5,7 @@
 
 #include "hub/web/request.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 constexpr char HEAD_VERSION = 1;
@@ -89,4 +89,4 @@ Piece BlockFlow::Fill(char* room, std::size_t size) {
     return piece;
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -8,7 +8,7 @@
 #include "hub/web/flow.h"
 #include "hub/web/metrics.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 // The head of each WebSocket message, in network byte order: a 1, three zeros, the count of blocks that this
 // stream has lost (32 bits), the block's number (64), and microseconds since 1970 when it came (64).
@@ -37,4 +37,4 @@ private:
     Message mMessage;
 };
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

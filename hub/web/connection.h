@@ -13,7 +13,7 @@
 
 struct lws;
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 struct Connection {
     using Clock = std::chrono::steady_clock;
@@ -43,4 +43,4 @@ struct Connection {
     std::unique_ptr<Flow> flow;
 };
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

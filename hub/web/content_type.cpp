@@ -3,7 +3,7 @@
 #include "base/json.h"
 #include "hub/web/request.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 // Longer texts are not looked at as JSON: parsing takes the service thread.
@@ -32,4 +32,4 @@ const char* ContentType(std::string_view bytes) {
     return IsJson(bytes) ? "application/json" : "text/plain; charset=utf-8";
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

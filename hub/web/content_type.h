@@ -3,10 +3,10 @@
 
 #include <string_view>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 // image/jpeg, image/png, application/json (an object or an array), text/plain; charset=utf-8, or
 // application/octet-stream.
 const char* ContentType(std::string_view bytes);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

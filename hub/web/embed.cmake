@@ -13,7 +13,7 @@ endforeach()
 file(WRITE ${OUTPUT} "// Made by embed.cmake.
 #include \"hub/web/resources.h\"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 ${arrays}
@@ -31,5 +31,5 @@ const Resource* FindResource(std::string_view name) {
     return nullptr;
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web
 ")

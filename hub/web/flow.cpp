@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 Piece Message::Read(char* room, std::size_t size) {
     Piece piece;
@@ -40,4 +40,4 @@ std::string ServerSentEvent(const char* name, const std::string& id, std::string
     }
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

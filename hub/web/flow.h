@@ -7,7 +7,7 @@
 
 #include "hub/core/block.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 struct Piece {
     std::size_t size = 0;  // 0: nothing is to be sent now
@@ -48,4 +48,4 @@ enum class Framing { WEB_SOCKET, SERVER_SENT_EVENTS };
 // A server-sent event. text must not hold a carriage return. id may be empty.
 std::string ServerSentEvent(const char* name, const std::string& id, std::string_view text);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

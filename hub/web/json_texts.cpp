@@ -5,7 +5,7 @@
 #include "base/json.h"
 #include "hub/web/request.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 double Milliseconds(std::chrono::system_clock::time_point time) {
@@ -141,4 +141,4 @@ bool ReadCommand(const std::string& text, std::string& name, std::string& parame
     return !name.empty();
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -6,7 +6,7 @@
 
 #include "hub/core/device_hub.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 std::string DeviceText(const DeviceState& device);
 std::string DevicesText(const std::vector<DeviceState>& devices);
@@ -20,4 +20,4 @@ std::string CountsMessage(const std::vector<DeviceState>& devices);  // "counts"
 // A command: {"name": text, "parameter": text}. The parameter may be missing. False if text is none.
 bool ReadCommand(const std::string& text, std::string& name, std::string& parameter);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -1,6 +1,6 @@
 #include "hub/web/latest_blocks.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 LatestBlocks::LatestBlocks(DeviceHub& hub, std::size_t limit, MakeReady makeReady)
     : mHub(hub), mLimit(limit), mMakeReady(std::move(makeReady)) {}
@@ -47,4 +47,4 @@ void LatestBlocks::DropOld() {
     }
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

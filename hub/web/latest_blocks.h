@@ -12,7 +12,7 @@
 
 #include "hub/core/device_hub.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 // Belongs to the service thread.
 class LatestBlocks {
@@ -47,4 +47,4 @@ private:
     std::map<std::pair<std::string, std::string>, Entry> mEntries;
 };
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

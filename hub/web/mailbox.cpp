@@ -1,6 +1,6 @@
 #include "hub/web/mailbox.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 void Mailbox::PutReady(std::uint64_t consumer) {
     const lumora::MutexLock lock(mMutex);
@@ -49,4 +49,4 @@ void Mailbox::Wake() {
     }
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

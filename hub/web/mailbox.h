@@ -12,7 +12,7 @@
 #include "base/mutex.h"
 #include "hub/core/device_hub.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 // Any thread may call its functions. Callbacks of the hub hold a reference, so it may outlive the web face.
 class Mailbox {
@@ -42,4 +42,4 @@ private:
     Mail mMail GUARDED_BY(mMutex);
 };
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

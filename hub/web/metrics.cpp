@@ -6,7 +6,7 @@
 
 #include "hub/web/request.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 std::string Number(double value) {
@@ -174,4 +174,4 @@ std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint
     return out;
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -9,7 +9,7 @@
 
 #include "hub/core/device_hub.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 // Times in buckets. Not thread-safe.
 class Histogram {
@@ -46,4 +46,4 @@ std::string LabelText(const std::string& text);
 
 std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint64_t lostOfStreams);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

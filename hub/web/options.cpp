@@ -5,7 +5,7 @@
 #include <charconv>
 #include <cstdint>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 constexpr std::size_t SHORTEST_TOKEN = 16;
@@ -86,4 +86,4 @@ bool ReadListenAddress(const std::string& text, WebOptions& options) {
     return true;
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 struct WebLimits {
     std::size_t connections = 512;
@@ -49,4 +49,4 @@ std::string Refusal(const WebOptions& options);
 // Splits ADDRESS:PORT, [ADDRESS]:PORT for IPv6. False, with the options unchanged, if the text is neither.
 bool ReadListenAddress(const std::string& text, WebOptions& options);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

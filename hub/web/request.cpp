@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 constexpr std::size_t MOST_PAIRS = 16;
@@ -155,4 +155,4 @@ std::string Utf8(std::string_view text) {
     return good;
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

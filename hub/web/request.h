@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 enum class Method { GET, HEAD, POST, OTHER };
 
@@ -48,4 +48,4 @@ bool IsText(std::string_view bytes);
 // The text with U+FFFD in place of what is not UTF-8.
 std::string Utf8(std::string_view text);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 struct Resource {
     std::string_view name;  // of the file
@@ -14,4 +14,4 @@ struct Resource {
 // Null if there is none of this name. Made by embed.cmake.
 const Resource* FindResource(std::string_view name);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -1,6 +1,6 @@
 #include "hub/web/routes.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 std::vector<std::string_view> Segments(std::string_view path) {
@@ -85,4 +85,4 @@ Match FindRoute(Method method, const std::string& path) {
     return result;
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

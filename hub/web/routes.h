@@ -6,7 +6,7 @@
 
 #include "hub/web/request.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 enum class Action {
     PAGE,  // a file of the page
@@ -47,4 +47,4 @@ struct Match {
 // "/" is written as %252F.
 Match FindRoute(Method method, const std::string& path);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -12,7 +12,7 @@
 #include "base/thread.h"
 #include "hub/web/wsi_request.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 constexpr int WARNING = 3;
@@ -451,4 +451,4 @@ void Server::Kill(Connection& connection) {
     lws_set_timeout(connection.wsi, PENDING_TIMEOUT_HTTP_CONTENT, LWS_TO_KILL_ASYNC);
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -15,7 +15,7 @@
 #include "hub/web/options.h"
 #include "hub/web/site.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 class Server {
 public:
@@ -85,4 +85,4 @@ private:
     std::thread mThread;
 };
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -8,7 +8,7 @@
 #include "hub/web/json_texts.h"
 #include "hub/web/resources.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 constexpr const char* JSON = "application/json";
@@ -103,7 +103,7 @@ Site::Site(DeviceHub& hub, const WebOptions& options)
     : mHub(hub),
       mOptions(options),
       mAdmission(options),
-      mBoard(hub),
+      mNews(hub),
       mLatest(hub, options.limits.latestServices, [this](std::uint64_t number) {
           return [mailbox = mMailbox, number] { mailbox->PutReady(number); };
       }) {}
@@ -164,7 +164,7 @@ Decision Site::Act(std::uint64_t number, const Request& request, const Match& ma
         case Action::DEVICE_EVENTS: {
             Reply reply = Text(EVENT_STREAM, "");
             reply.flow = std::make_unique<DeviceFlow>(
-                mBoard, request.wantsWebSocket ? Framing::WEB_SOCKET : Framing::SERVER_SENT_EVENTS);
+                mNews, request.wantsWebSocket ? Framing::WEB_SOCKET : Framing::SERVER_SENT_EVENTS);
             return Now(std::move(reply));
         }
         case Action::BLOCK_EVENTS:
@@ -340,7 +340,7 @@ std::vector<Site::LateReply> Site::TakeMail(std::set<std::uint64_t>& streams) {
             waiting = isMeant ? mAwaitingBlock.erase(waiting) : std::next(waiting);
         }
     }
-    mBoard.Take(mail.events);
+    mNews.Take(mail.events);
     streams = std::move(mail.ready);
     return replies;
 }
@@ -351,7 +351,7 @@ void Site::Tick() {
         mWatch = mHub.Watch([mailbox = mMailbox](const DeviceEvent& event) { mailbox->PutEvent(event); });
     }
     mLatest.DropOld();
-    mBoard.TakeCounts();
+    mNews.TakeCounts();
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -10,7 +10,7 @@
 
 #include "hub/core/device_hub.h"
 #include "hub/web/admission.h"
-#include "hub/web/device_board.h"
+#include "hub/web/device_news.h"
 #include "hub/web/flow.h"
 #include "hub/web/latest_blocks.h"
 #include "hub/web/mailbox.h"
@@ -19,7 +19,7 @@
 #include "hub/web/request.h"
 #include "hub/web/routes.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 struct Reply {
     int status = 200;
@@ -91,7 +91,7 @@ private:
     Admission mAdmission;
     WebCounts mCounts;
     const std::shared_ptr<Mailbox> mMailbox = std::make_shared<Mailbox>();
-    DeviceBoard mBoard;
+    DeviceNews mNews;
     LatestBlocks mLatest;
     std::uint64_t mLastNumber = std::uint64_t{1} << 62;  // of consumers for LatestBlocks; connections begin with 1
     std::size_t mUploading = 0;
@@ -100,4 +100,4 @@ private:
     std::unique_ptr<Registration> mWatch;
 };
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

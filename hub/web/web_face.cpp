@@ -7,7 +7,7 @@
 
 #include "hub/web/server.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 class WebFace final : public Face {
@@ -63,7 +63,10 @@ void WebFace::ReadToken() {
 }
 
 }  // namespace
+}  // namespace lumora_hub::web
 
-std::unique_ptr<Face> MakeWebFace() { return std::make_unique<WebFace>(); }
+namespace lumora_hub {
+
+std::unique_ptr<Face> MakeWebFace() { return std::make_unique<web::WebFace>(); }
 
 }  // namespace lumora_hub

@@ -7,7 +7,7 @@
 #include <array>
 #include <charconv>
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 namespace {
 
 constexpr std::size_t HEAD_SPACE = 2048;  // our own heads are shorter
@@ -165,4 +165,4 @@ std::string PeerAddress(int socket) {
     return result == nullptr ? std::string() : std::string(result);
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -7,7 +7,7 @@
 
 struct lws;
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 Request ReadRequest(lws* wsi, bool wantsWebSocket);
 
@@ -17,4 +17,4 @@ bool WriteHead(lws* wsi, const Reply& reply, std::optional<std::size_t> size, bo
 // The numeric address of the peer.
 std::string PeerAddress(int socket);
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

@@ -74,7 +74,7 @@ void Do(FakeHub& hub, const std::string& line) {
 }  // namespace
 
 int main(int count, char** words) {
-    lumora_hub::WebOptions options;
+    lumora_hub::web::WebOptions options;
     std::string listen = "127.0.0.1:0";
     int timeMs = 0;
     CLI::App app;
@@ -97,11 +97,11 @@ int main(int count, char** words) {
     }
     try {
         FakeHub hub;
-        if (!lumora_hub::ReadListenAddress(listen, options)) {
+        if (!lumora_hub::web::ReadListenAddress(listen, options)) {
             throw std::runtime_error("bad --listen");
         }
         hub.OnSent(Print);
-        lumora_hub::Server server(hub, options);
+        lumora_hub::web::Server server(hub, options);
         Print("at " + server.Url());
         for (std::string line; std::getline(std::cin, line);) {
             Do(hub, line);

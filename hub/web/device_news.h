@@ -11,14 +11,14 @@
 #include "hub/core/device_hub.h"
 #include "hub/web/flow.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
 class DeviceFlow;
 
 // Belongs to the service thread.
-class DeviceBoard {
+class DeviceNews {
 public:
-    explicit DeviceBoard(const DeviceHub& hub) : mHub(hub) {}
+    explicit DeviceNews(const DeviceHub& hub) : mHub(hub) {}
 
     void Take(const std::map<std::string, DeviceEvent>& events);
     // New counts for all streams; nothing if there are none.
@@ -36,7 +36,7 @@ private:
 // what waits for it is not more than the list.
 class DeviceFlow final : public Flow {
 public:
-    DeviceFlow(DeviceBoard& board, Framing framing);
+    DeviceFlow(DeviceNews& news, Framing framing);
     ~DeviceFlow() override;
     DeviceFlow(const DeviceFlow&) = delete;
     DeviceFlow& operator=(const DeviceFlow&) = delete;
@@ -44,12 +44,12 @@ public:
     Piece Fill(char* room, std::size_t size) override;
 
 private:
-    friend class DeviceBoard;
+    friend class DeviceNews;
 
     bool Next();
     void Begin(const char* name, const std::string& text);
 
-    DeviceBoard& mBoard;
+    DeviceNews& mNews;
     const Framing mFraming;
     bool mHasList = false;
     bool mNeedsCounts = false;
@@ -57,4 +57,4 @@ private:
     Message mMessage;
 };
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web

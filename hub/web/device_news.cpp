@@ -1,10 +1,10 @@
-#include "hub/web/device_board.h"
+#include "hub/web/device_news.h"
 
 #include "hub/web/json_texts.h"
 
-namespace lumora_hub {
+namespace lumora_hub::web {
 
-void DeviceBoard::Take(const std::map<std::string, DeviceEvent>& events) {
+void DeviceNews::Take(const std::map<std::string, DeviceEvent>& events) {
     for (const auto& [id, event] : events) {
         for (DeviceFlow* const flow : mFlows) {
             flow->mChanged[id] = event;
@@ -12,7 +12,7 @@ void DeviceBoard::Take(const std::map<std::string, DeviceEvent>& events) {
     }
 }
 
-void DeviceBoard::TakeCounts() {
+void DeviceNews::TakeCounts() {
     if (mFlows.empty()) {
         return;
     }
@@ -22,11 +22,11 @@ void DeviceBoard::TakeCounts() {
     }
 }
 
-DeviceFlow::DeviceFlow(DeviceBoard& board, Framing framing) : mBoard(board), mFraming(framing) {
-    mBoard.mFlows.insert(this);
+DeviceFlow::DeviceFlow(DeviceNews& news, Framing framing) : mNews(news), mFraming(framing) {
+    mNews.mFlows.insert(this);
 }
 
-DeviceFlow::~DeviceFlow() { mBoard.mFlows.erase(this); }
+DeviceFlow::~DeviceFlow() { mNews.mFlows.erase(this); }
 
 Piece DeviceFlow::Fill(char* room, std::size_t size) {
     if (mMessage.IsRead() && !Next()) {
@@ -39,13 +39,13 @@ Piece DeviceFlow::Fill(char* room, std::size_t size) {
 bool DeviceFlow::Next() {
     if (!mHasList) {
         mHasList = true;
-        Begin("devices", ListMessage(mBoard.mHub.Devices()));
+        Begin("devices", ListMessage(mNews.mHub.Devices()));
     } else if (!mChanged.empty()) {
         Begin("device", ChangeMessage(mChanged.begin()->second));
         mChanged.erase(mChanged.begin());
     } else if (mNeedsCounts) {
         mNeedsCounts = false;
-        Begin("counts", mBoard.mCounts);
+        Begin("counts", mNews.mCounts);
     } else {
         return false;
     }
@@ -56,4 +56,4 @@ void DeviceFlow::Begin(const char* name, const std::string& text) {
     mMessage = Message(mFraming == Framing::WEB_SOCKET ? text : ServerSentEvent(name, "", text));
 }
 
-}  // namespace lumora_hub
+}  // namespace lumora_hub::web
