@@ -15,7 +15,8 @@ constexpr std::string_view BEARER = "Bearer ";
 
 bool IsNumericAddress(const std::string& name) {
     in6_addr ignored{};
-    return inet_pton(AF_INET, name.c_str(), &ignored) == 1 || inet_pton(AF_INET6, name.c_str(), &ignored) == 1;
+    return inet_pton(AF_INET, name.c_str(), &ignored) == 1 ||
+           inet_pton(AF_INET6, name.c_str(), &ignored) == 1;
 }
 
 std::string RandomText() {

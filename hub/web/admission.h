@@ -28,8 +28,8 @@ public:
 
     bool NeedsToken() const { return !mToken.empty(); }
     bool IsToken(const std::string& text) const { return SameSecret(text, mToken); }
-    // A new login, which ends after a week, or when 64 newer ones were made. The result is the cookie's value;
-    // empty if the system has no random bytes.
+    // A new login, which ends after a week, or when 64 newer ones were made. The result is the cookie's
+    // value; empty if the system has no random bytes.
     std::string LogIn();
     void LogOut(const Request& request);
 

@@ -13,8 +13,8 @@ std::string DevicesText(const std::vector<DeviceState>& devices);
 std::string ErrorText(const std::string& error);
 
 // The messages about the list of devices. Each has a member "type".
-std::string ListMessage(const std::vector<DeviceState>& devices);  // "devices": all of them
-std::string ChangeMessage(const DeviceEvent& event);               // "device": one, after a change
+std::string ListMessage(const std::vector<DeviceState>& devices);    // "devices": all of them
+std::string ChangeMessage(const DeviceEvent& event);                 // "device": one, after a change
 std::string CountsMessage(const std::vector<DeviceState>& devices);  // "counts": of all services
 
 // A command: {"name": text, "parameter": text}. The parameter may be missing. False if text is none.

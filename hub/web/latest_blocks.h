@@ -25,8 +25,10 @@ public:
 
     // False if too many services are asked for. The service is subscribed for KEEP after the last call.
     // block is empty until one has come.
-    bool Ask(const std::string& device, const std::string& service, std::uint64_t newConsumer, BlockPointer& block);
-    // A block came for a consumer. The result is the device and the service; empty if the consumer is none of this.
+    bool Ask(const std::string& device, const std::string& service, std::uint64_t newConsumer,
+             BlockPointer& block);
+    // A block came for a consumer. The result is the device and the service; empty if the consumer is none of
+    // this.
     std::pair<std::string, std::string> Take(std::uint64_t consumer, BlockPointer& block);
     void DropOld();
 

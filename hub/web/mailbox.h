@@ -18,7 +18,7 @@ namespace lumora_hub::web {
 class Mailbox {
 public:
     struct Mail {
-        std::set<std::uint64_t> ready;                           // consumers with blocks
+        std::set<std::uint64_t> ready;                            // consumers with blocks
         std::vector<std::pair<std::uint64_t, Outcome>> outcomes;  // of requests
         std::map<std::string, DeviceEvent> events;  // of each device the latest: older ones no longer matter
     };

@@ -47,10 +47,12 @@ void AddDevices(const std::vector<DeviceState>& devices, std::string& out) {
         present += device.isPresent ? 1 : 0;
         ++channels.at(static_cast<std::size_t>(device.channel));
     }
-    Metric known(out, "lumora_hub_devices", "gauge", "Devices that the hub knows, by whether they are there.");
+    Metric known(out, "lumora_hub_devices", "gauge",
+                 "Devices that the hub knows, by whether they are there.");
     known.Add(Label("state", "present"), present);
     known.Add(Label("state", "absent"), devices.size() - present);
-    Metric states(out, "lumora_hub_channels", "gauge", "Devices by the state of the hub's data channel to them.");
+    Metric states(out, "lumora_hub_channels", "gauge",
+                  "Devices by the state of the hub's data channel to them.");
     static constexpr std::array<const char*, 4> NAMES = {"idle", "connecting", "connected", "failed"};
     for (std::size_t at = 0; at < NAMES.size(); ++at) {
         states.Add(Label("state", NAMES[at]), channels[at]);
@@ -101,7 +103,8 @@ void AddConsumers(const std::vector<ConsumerState>& consumers, std::string& out)
     add("lumora_hub_consumers", "Consumers of a service.", &Queues::consumers);
     add("lumora_hub_queue_blocks", "Blocks that wait for the consumers of a service.", &Queues::blocks);
     add("lumora_hub_queue_bytes", "Bytes of these blocks.", &Queues::bytes);
-    add("lumora_hub_queue_lost_blocks", "Blocks that the present consumers of a service lost.", &Queues::lost);
+    add("lumora_hub_queue_lost_blocks", "Blocks that the present consumers of a service lost.",
+        &Queues::lost);
 }
 
 void AddWeb(const WebCounts& counts, std::uint64_t lostOfStreams, std::string& out) {
@@ -114,7 +117,8 @@ void AddWeb(const WebCounts& counts, std::uint64_t lostOfStreams, std::string& o
     };
     add("lumora_hub_http_connections", "gauge", "Open connections.", counts.connections);
     add("lumora_hub_http_accepted_total", "counter", "Accepted connections.", counts.accepted);
-    add("lumora_hub_http_refused_total", "counter", "Connections refused because of a limit.", counts.refused);
+    add("lumora_hub_http_refused_total", "counter", "Connections refused because of a limit.",
+        counts.refused);
     add("lumora_hub_http_expired_total", "counter", "Connections closed for slowness.", counts.expired);
     add("lumora_hub_http_rejected_total", "counter", "Requests without the token, or of a foreign page.",
         counts.rejected);

@@ -35,7 +35,7 @@ struct WebCounts {
     std::uint64_t rejected = 0;            // requests without the token, of foreign pages or names
     std::size_t connections = 0;
     std::size_t streams = 0;
-    std::uint64_t blocks = 0;      // sent to streams that have ended or go on
+    std::uint64_t blocks = 0;  // sent to streams that have ended or go on
     std::uint64_t blockBytes = 0;
     std::uint64_t lostOfEnded = 0;  // blocks that streams lost which have ended
     Histogram latency;              // from the arrival of a block to its last byte's way into a socket

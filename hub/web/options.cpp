@@ -12,7 +12,8 @@ constexpr std::size_t SHORTEST_TOKEN = 16;
 
 bool IsAddress(const std::string& text) {
     in6_addr ignored{};
-    return inet_pton(AF_INET, text.c_str(), &ignored) == 1 || inet_pton(AF_INET6, text.c_str(), &ignored) == 1;
+    return inet_pton(AF_INET, text.c_str(), &ignored) == 1 ||
+           inet_pton(AF_INET6, text.c_str(), &ignored) == 1;
 }
 
 bool ReadPort(const std::string& text, int& port) {

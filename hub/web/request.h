@@ -12,7 +12,7 @@ enum class Method { GET, HEAD, POST, OTHER };
 
 struct Request {
     Method method = Method::OTHER;
-    std::string path;   // decoded once, without the query
+    std::string path;  // decoded once, without the query
     std::map<std::string, std::string> query;
     std::string host;
     std::string origin;

@@ -29,8 +29,8 @@ struct Route {
     Method method;
     const char* pattern;  // {device} and {service} stand for a name
     Action action;
-    bool isOpen;            // needs no token
-    bool mayBeWebSocket;    // answers a WebSocket, too
+    bool isOpen;          // needs no token
+    bool mayBeWebSocket;  // answers a WebSocket, too
     bool mustBeWebSocket;
 };
 

@@ -16,9 +16,9 @@ namespace lumora_hub::web {
 namespace {
 
 constexpr int WARNING = 3;
-constexpr std::size_t PIECE = 65536;               // is written at once
-constexpr int PIECES_AT_ONCE = 16;                 // of a connection, before others have their turn
-constexpr std::size_t MOST_DRAINED = 16U << 20;    // of a refused body
+constexpr std::size_t PIECE = 65536;             // is written at once
+constexpr int PIECES_AT_ONCE = 16;               // of a connection, before others have their turn
+constexpr std::size_t MOST_DRAINED = 16U << 20;  // of a refused body
 constexpr std::chrono::seconds DRAIN_TIME{10};
 constexpr std::size_t LARGEST_MESSAGE = 4096;  // of a client over a WebSocket; the streams expect none
 constexpr lws_usec_t TICK = 1'000'000;
@@ -94,7 +94,8 @@ void Server::Open() {
     lws_vhost* const host = mContext ? lws_get_vhost_by_name(mContext.get(), "default") : nullptr;
     if (host == nullptr) {
         throw std::runtime_error("the web page cannot listen on " + mOptions.address + " port " +
-                                 std::to_string(mOptions.port) + ": the port is taken, or the certificate is bad");
+                                 std::to_string(mOptions.port) +
+                                 ": the port is taken, or the certificate is bad");
     }
     mPort = lws_get_vhost_listen_port(host);
 }
@@ -134,16 +135,27 @@ int Server::Call(lws* wsi, lws_callback_reasons reason, void* user, void* in, st
     }
     const std::string_view bytes(static_cast<const char*>(in), in == nullptr ? 0 : length);
     switch (reason) {
-        case LWS_CALLBACK_WSI_DESTROY: server->OnClosed(*connection); return 0;
-        case LWS_CALLBACK_HTTP: return server->OnRequest(*connection);
-        case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE: return server->OnUpgrade(*connection, static_cast<char*>(in));
-        case LWS_CALLBACK_HTTP_BODY: return server->OnBody(*connection, bytes);
-        case LWS_CALLBACK_HTTP_BODY_COMPLETION: return server->OnBodyEnd(*connection);
-        case LWS_CALLBACK_ESTABLISHED: server->AwaitRoom(*connection); return 0;
+        case LWS_CALLBACK_WSI_DESTROY:
+            server->OnClosed(*connection);
+            return 0;
+        case LWS_CALLBACK_HTTP:
+            return server->OnRequest(*connection);
+        case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
+            return server->OnUpgrade(*connection, static_cast<char*>(in));
+        case LWS_CALLBACK_HTTP_BODY:
+            return server->OnBody(*connection, bytes);
+        case LWS_CALLBACK_HTTP_BODY_COMPLETION:
+            return server->OnBodyEnd(*connection);
+        case LWS_CALLBACK_ESTABLISHED:
+            server->AwaitRoom(*connection);
+            return 0;
         case LWS_CALLBACK_HTTP_WRITEABLE:
-        case LWS_CALLBACK_SERVER_WRITEABLE: return server->OnWritable(*connection);
-        case LWS_CALLBACK_RECEIVE: return -1;  // the streams go one way
-        default: return lws_callback_http_dummy(wsi, reason, user, in, length);
+        case LWS_CALLBACK_SERVER_WRITEABLE:
+            return server->OnWritable(*connection);
+        case LWS_CALLBACK_RECEIVE:
+            return -1;  // the streams go one way
+        default:
+            return lws_callback_http_dummy(wsi, reason, user, in, length);
     }
 }
 
@@ -385,12 +397,18 @@ void Server::Enter(Connection& connection, Connection::Phase phase) {
 
 std::chrono::milliseconds Server::TimeOf(Connection::Phase phase) const {
     switch (phase) {
-        case Connection::Phase::HEAD: return mOptions.limits.head;
-        case Connection::Phase::BODY: return mOptions.limits.body;
-        case Connection::Phase::WAITING: return mOptions.limits.outcome;
-        case Connection::Phase::REPLY: return mOptions.limits.reading;
-        case Connection::Phase::STREAM: return mOptions.limits.stalled;
-        case Connection::Phase::DRAIN: break;
+        case Connection::Phase::HEAD:
+            return mOptions.limits.head;
+        case Connection::Phase::BODY:
+            return mOptions.limits.body;
+        case Connection::Phase::WAITING:
+            return mOptions.limits.outcome;
+        case Connection::Phase::REPLY:
+            return mOptions.limits.reading;
+        case Connection::Phase::STREAM:
+            return mOptions.limits.stalled;
+        case Connection::Phase::DRAIN:
+            break;
     }
     return DRAIN_TIME;
 }

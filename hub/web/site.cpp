@@ -44,9 +44,9 @@ Reply SeeOther(const char* path) {
 
 const char* TypeOfFile(std::string_view name) {
     const std::string_view ending = name.substr(name.rfind('.') + 1);
-    return ending == "js"    ? "text/javascript; charset=utf-8"
-           : ending == "css" ? "text/css; charset=utf-8"
-           : ending == "svg" ? "image/svg+xml"
+    return ending == "js"     ? "text/javascript; charset=utf-8"
+           : ending == "css"  ? "text/css; charset=utf-8"
+           : ending == "svg"  ? "image/svg+xml"
            : ending == "json" ? JSON
                               : "text/html; charset=utf-8";
 }
@@ -63,12 +63,18 @@ std::string FileOfPath(const std::string& path) {
 
 Reply OfOutcome(Outcome outcome) {
     switch (outcome) {
-        case Outcome::DONE: return Text(JSON, "{\"done\":true}");
-        case Outcome::NO_DEVICE: return Site::Error(404, "there is no such device");
-        case Outcome::UNREACHABLE: return Site::Error(504, "no channel to the device could be opened");
-        case Outcome::REFUSED: return Site::Error(502, "the device refused, or did not answer");
-        case Outcome::BAD_REQUEST: return Site::Error(400, "the device takes no such name or size");
-        case Outcome::BUSY: break;
+        case Outcome::DONE:
+            return Text(JSON, "{\"done\":true}");
+        case Outcome::NO_DEVICE:
+            return Site::Error(404, "there is no such device");
+        case Outcome::UNREACHABLE:
+            return Site::Error(504, "no channel to the device could be opened");
+        case Outcome::REFUSED:
+            return Site::Error(502, "the device refused, or did not answer");
+        case Outcome::BAD_REQUEST:
+            return Site::Error(400, "the device takes no such name or size");
+        case Outcome::BUSY:
+            break;
     }
     return Site::Error(503, "too many requests wait");
 }
@@ -124,12 +130,13 @@ Decision Site::Begin(std::uint64_t number, const Request& request) {
     const Verdict verdict = mAdmission.Judge(request, match.route != nullptr && match.route->isOpen);
     if (verdict != Verdict::ADMITTED) {
         ++mCounts.rejected;
-        return verdict == Verdict::BAD_HOST        ? Fail(421, "the hub has no such name; see --host-name")
+        return verdict == Verdict::BAD_HOST         ? Fail(421, "the hub has no such name; see --host-name")
                : verdict == Verdict::FOREIGN_ORIGIN ? Fail(403, "pages of other sites may not use the hub")
                                                     : Now(Unauthorized(request));
     }
     if (match.route == nullptr) {
-        return match.hasPath ? Fail(405, "there is no such method here") : Fail(404, "there is no such address");
+        return match.hasPath ? Fail(405, "there is no such method here")
+                             : Fail(404, "there is no such address");
     }
     if (request.wantsWebSocket ? !match.route->mayBeWebSocket : match.route->mustBeWebSocket) {
         return Fail(request.wantsWebSocket ? 400 : 426, "a WebSocket belongs to a stream");
@@ -142,9 +149,12 @@ Decision Site::Begin(std::uint64_t number, const Request& request) {
 
 Decision Site::Act(std::uint64_t number, const Request& request, const Match& match) {
     switch (match.route->action) {
-        case Action::PAGE: return Now(File(FileOfPath(request.path)));
-        case Action::DESCRIPTION: return Now(File("openapi.json"));
-        case Action::HEALTH: return Now(Text("text/plain; charset=utf-8", "ok\n"));
+        case Action::PAGE:
+            return Now(File(FileOfPath(request.path)));
+        case Action::DESCRIPTION:
+            return Now(File("openapi.json"));
+        case Action::HEALTH:
+            return Now(Text("text/plain; charset=utf-8", "ok\n"));
         case Action::METRICS: {
             std::uint64_t lost = 0;
             for (const ConsumerState& consumer : mHub.Consumers()) {
@@ -152,15 +162,21 @@ Decision Site::Act(std::uint64_t number, const Request& request, const Match& ma
             }
             return Now(Text("text/plain; version=0.0.4; charset=utf-8", MetricsText(mHub, mCounts, lost)));
         }
-        case Action::DEVICES: return Now(Text(JSON, DevicesText(mHub.Devices())));
-        case Action::DEVICE: return Now(Device(match.device));
-        case Action::LATEST: return Latest(number, match);
-        case Action::LOGOUT: return Now(LogOut(request));
-        case Action::LOGIN: return AwaitBody(request, mOptions.limits.commandBytes);
+        case Action::DEVICES:
+            return Now(Text(JSON, DevicesText(mHub.Devices())));
+        case Action::DEVICE:
+            return Now(Device(match.device));
+        case Action::LATEST:
+            return Latest(number, match);
+        case Action::LOGOUT:
+            return Now(LogOut(request));
+        case Action::LOGIN:
+            return AwaitBody(request, mOptions.limits.commandBytes);
         case Action::COMMAND:
             return request.contentType.rfind(JSON, 0) == 0 ? AwaitBody(request, mOptions.limits.commandBytes)
                                                            : Fail(415, "a command is application/json");
-        case Action::DATA: return AwaitBody(request, mOptions.limits.requestBytes);
+        case Action::DATA:
+            return AwaitBody(request, mOptions.limits.requestBytes);
         case Action::DEVICE_EVENTS: {
             Reply reply = Text(EVENT_STREAM, "");
             reply.flow = std::make_unique<DeviceFlow>(
@@ -168,7 +184,8 @@ Decision Site::Act(std::uint64_t number, const Request& request, const Match& ma
             return Now(std::move(reply));
         }
         case Action::BLOCK_EVENTS:
-        case Action::BLOCK_STREAM: break;
+        case Action::BLOCK_STREAM:
+            break;
     }
     return Stream(number, request, match);
 }
@@ -196,9 +213,12 @@ Decision Site::AwaitBody(const Request& request, std::size_t limit) {
 Decision Site::TakeBody(std::uint64_t number, const Request& request, std::string body) {
     const Match match = FindRoute(request.method, request.path);
     switch (match.route->action) {
-        case Action::COMMAND: return SendCommand(number, match, body);
-        case Action::DATA: return SendBlock(number, match, std::move(body));
-        default: return LogIn(request, body);
+        case Action::COMMAND:
+            return SendCommand(number, match, body);
+        case Action::DATA:
+            return SendBlock(number, match, std::move(body));
+        default:
+            return LogIn(request, body);
     }
 }
 
@@ -248,17 +268,18 @@ Decision Site::LogIn(const Request& request, const std::string& body) {
     }
     Reply reply = SeeOther("/");
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Admission::LOGIN_TIME).count();
-    reply.headers.emplace_back("set-cookie:", std::string(Admission::COOKIE) + "=" + value +
-                                                  "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" +
-                                                  std::to_string(seconds) + (request.isTls ? "; Secure" : ""));
+    reply.headers.emplace_back("set-cookie:",
+                               std::string(Admission::COOKIE) + "=" + value +
+                                   "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" + std::to_string(seconds) +
+                                   (request.isTls ? "; Secure" : ""));
     return Now(std::move(reply));
 }
 
 Reply Site::LogOut(const Request& request) {
     mAdmission.LogOut(request);
     Reply reply = SeeOther("/login");
-    reply.headers.emplace_back("set-cookie:", std::string(Admission::COOKIE) +
-                                                  "=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0");
+    reply.headers.emplace_back(
+        "set-cookie:", std::string(Admission::COOKIE) + "=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0");
     return reply;
 }
 
@@ -287,8 +308,8 @@ Decision Site::Stream(std::uint64_t number, const Request& request, const Match&
     if (mCounts.streams >= mOptions.limits.streams) {
         return Fail(503, "too many streams are open");
     }
-    auto consumer = std::make_shared<Consumer>(
-        "web", limits, [mailbox = mMailbox, number] { mailbox->PutReady(number); });
+    auto consumer = std::make_shared<Consumer>("web", limits,
+                                               [mailbox = mMailbox, number] { mailbox->PutReady(number); });
     std::unique_ptr<Registration> registration = mHub.Subscribe(match.device, match.service, consumer);
     if (!registration) {
         return Fail(503, "the hub has too many consumers");

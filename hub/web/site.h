@@ -62,8 +62,8 @@ public:
         std::uint64_t number;
         Reply reply;
     };
-    // Takes what threads of the hub have left. The result has replies to waiting connections. streams gets the
-    // numbers of those whose streams have something to send.
+    // Takes what threads of the hub have left. The result has replies to waiting connections. streams gets
+    // the numbers of those whose streams have something to send.
     std::vector<LateReply> TakeMail(std::set<std::uint64_t>& streams);
     // Once a second.
     void Tick();
@@ -93,9 +93,11 @@ private:
     const std::shared_ptr<Mailbox> mMailbox = std::make_shared<Mailbox>();
     DeviceNews mNews;
     LatestBlocks mLatest;
-    std::uint64_t mLastNumber = std::uint64_t{1} << 62;  // of consumers for LatestBlocks; connections begin with 1
+    std::uint64_t mLastNumber = std::uint64_t{1}
+                                << 62;  // of consumers for LatestBlocks; connections begin with 1
     std::size_t mUploading = 0;
-    std::map<std::uint64_t, std::uint64_t> mPending;  // requests that wait for a device, and their connections
+    std::map<std::uint64_t, std::uint64_t>
+        mPending;  // requests that wait for a device, and their connections
     std::map<std::uint64_t, std::pair<std::string, std::string>> mAwaitingBlock;  // connections that do
     std::unique_ptr<Registration> mWatch;
 };

@@ -27,8 +27,11 @@ private:
 
 void WebFace::AddOptions(CLI::App& app) {
     constexpr const char* GROUP = "Web page";
-    app.add_option("--listen", mListen, "Serve the page on this ADDRESS:PORT")->capture_default_str()->group(GROUP);
-    app.add_option("--token-file", mTokenFile, "Admit only clients with the token in this file")->group(GROUP);
+    app.add_option("--listen", mListen, "Serve the page on this ADDRESS:PORT")
+        ->capture_default_str()
+        ->group(GROUP);
+    app.add_option("--token-file", mTokenFile, "Admit only clients with the token in this file")
+        ->group(GROUP);
     app.add_option("--certificate", mOptions.certificateFile, "Serve with TLS; a PEM file with the chain")
         ->group(GROUP);
     app.add_option("--key", mOptions.keyFile, "The key of the certificate, a PEM file")->group(GROUP);

@@ -13,14 +13,15 @@ namespace {
 constexpr std::size_t HEAD_SPACE = 2048;  // our own heads are shorter
 
 // Sent with each reply. Nothing of the page comes from elsewhere, and nothing of it is shown inside of
-// another page. Pictures are shown from memory (blob:).
+// another page. Pictures are shown from memory (blob:). With no referrer at all, browsers would send "null"
+// as the origin of a form.
 constexpr std::array<std::pair<const char*, const char*>, 8> COMMON_HEADERS = {{
     {"content-security-policy:",
      "default-src 'self'; img-src 'self' blob:; object-src 'none'; base-uri 'none'; form-action 'self'; "
      "frame-ancestors 'none'"},
     {"x-frame-options:", "DENY"},
     {"x-content-type-options:", "nosniff"},
-    {"referrer-policy:", "no-referrer"},
+    {"referrer-policy:", "same-origin"},
     {"cross-origin-resource-policy:", "same-origin"},
     {"cross-origin-opener-policy:", "same-origin"},
     {"permissions-policy:", "camera=(), microphone=(), geolocation=()"},
@@ -52,8 +53,8 @@ std::map<std::string, std::string> ReadQuery(lws* wsi) {
     std::map<std::string, std::string> query;
     std::array<char, 256> pair{};
     for (int at = 0; at < 16; ++at) {
-        const int length =
-            lws_hdr_copy_fragment(wsi, pair.data(), static_cast<int>(pair.size()), WSI_TOKEN_HTTP_URI_ARGS, at);
+        const int length = lws_hdr_copy_fragment(wsi, pair.data(), static_cast<int>(pair.size()),
+                                                 WSI_TOKEN_HTTP_URI_ARGS, at);
         if (length <= 0) {
             break;
         }
@@ -97,8 +98,8 @@ public:
 
     bool Begin(const Reply& reply, std::optional<std::size_t> size) {
         const lws_filepos_t length = size ? *size : LWS_ILLEGAL_HTTP_CONTENT_LEN;
-        return lws_add_http_common_headers(mWsi, static_cast<unsigned>(reply.status), reply.contentType.c_str(),
-                                           length, &mAt, End()) == 0;
+        return lws_add_http_common_headers(mWsi, static_cast<unsigned>(reply.status),
+                                           reply.contentType.c_str(), length, &mAt, End()) == 0;
     }
     bool Add(const char* name, const std::string& value) {
         return lws_add_http_header_by_name(mWsi, reinterpret_cast<const unsigned char*>(name),

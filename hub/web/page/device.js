@@ -1,5 +1,5 @@
 // The page of one device: its services live, and what can be sent to it.
-import {bytesText, contentOf, element, numberText, setText, sinceText} from "./text.js";
+import {bytesText, contentOf, element, measureText, setText, sinceText} from "./text.js";
 import {openStream, sendBlock, sendCommand} from "./network.js";
 import {Plot} from "./plot.js";
 import {viewOf} from "./views.js";
@@ -70,10 +70,10 @@ class ServiceCard {
     const now = performance.now(), seconds = (now - this.ticked) / 1000;
     this.ticked = now;
     const rate = this.blocks / seconds;
-    this.rate.set(rate, `${numberText(rate)}/s · ${bytesText(this.bytes / seconds)}/s`);
+    this.rate.set(rate, `${measureText(rate)}/s · ${bytesText(this.bytes / seconds)}/s`);
     if (this.delays.length > 0) {
       const middle = this.delays.sort((a, b) => a - b)[this.delays.length >> 1];
-      this.delay.set(middle, `${numberText(middle)} ms`);
+      this.delay.set(middle, `${measureText(middle)} ms`);
     }
     const lost = this.lostBefore + this.lost;
     this.losses.set(lost, `${lost}`);

@@ -29,6 +29,11 @@ export function numberText(value) {
   return size >= 1000 ? value.toFixed(0) : String(Number(value.toPrecision(4)));
 }
 
+// Three digits are enough for a rate or a time.
+export function measureText(value) {
+  return value >= 100 ? value.toFixed(0) : String(Number(value.toPrecision(2 + (value >= 10))));
+}
+
 export function sinceText(milliseconds) {
   const seconds = Math.max(0, Math.round((Date.now() - milliseconds) / 1000));
   if (seconds < 60) return `${seconds} s`;

@@ -36,8 +36,9 @@ public:
     std::vector<DeviceState> Devices() const override;
     std::optional<DeviceState> FindDevice(const std::string& name) const override;
     std::vector<lumora_hub::ConsumerState> Consumers() const override;
-    std::unique_ptr<lumora_hub::Registration> Subscribe(const std::string& device, const std::string& service,
-                                                        std::shared_ptr<lumora_hub::Consumer> consumer) override;
+    std::unique_ptr<lumora_hub::Registration> Subscribe(
+        const std::string& device, const std::string& service,
+        std::shared_ptr<lumora_hub::Consumer> consumer) override;
     void SendCommand(const std::string& device, const std::string& command, const std::string& parameter,
                      Done done) override;
     void SendBlock(const std::string& device, std::string bytes, Done done) override;
