@@ -340,12 +340,12 @@ void Hub::Describe(Device& device, const FoundDevice& found) {
 
 void Hub::Leave(Device& device) {
     DeviceState& state = device.state;
+    device.link->SetPlace(std::nullopt);  // first: its end is a change of a device that is there
     state.isPresent = false;
     state.lastSeen = std::chrono::system_clock::now();
     mBoard.Set(state);
     Tell(DeviceEvent::Kind::LEFT, state);
     HUB_LOG(lumora::LOG_STATE, "%s has left.\n", state.id.c_str());
-    device.link->SetPlace(std::nullopt);
     const ConsumerList consumers = mConsumers.All();
     const bool isAwaited = std::any_of(consumers.begin(), consumers.end(), [&](const auto& entry) {
         return entry->device == state.id || entry->device == state.type;
