@@ -284,7 +284,8 @@ void Server::Take(Connection& connection, Decision decision) {
         connection.bodyBytes = decision.bodyBytes;
         Enter(connection, Connection::Phase::BODY);
     } else if (decision.kind == Decision::Kind::WAIT) {
-        Enter(connection, Connection::Phase::WAITING);
+        connection.phase = Connection::Phase::WAITING;
+        connection.deadline = Connection::Clock::now() + decision.patience;
     } else {
         TakeReply(connection, std::move(decision.reply));
     }
