@@ -1,10 +1,17 @@
 // The faces that this program was built with.
 #include "hub/core/face.h"
 
+#ifdef LUMORA_HUB_HAS_WEB
+#include "hub/web/web_face.h"
+#endif
+
 namespace lumora_hub {
 
 std::vector<std::unique_ptr<Face>> MakeFaces() {
     std::vector<std::unique_ptr<Face>> faces;
+#ifdef LUMORA_HUB_HAS_WEB
+    faces.push_back(MakeWebFace());
+#endif
     return faces;
 }
 

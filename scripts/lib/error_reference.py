@@ -15,7 +15,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 FOLDERS = ("api", "base", "client", "server", "protocol", "transport", "link", "version", "platform/link", "platform/log",
-           "hub/core", "python/lumora")
+           "hub/core", "hub/web", "python/lumora")
 TABLE = ROOT / "docs" / "errors.tsv"
 DOCUMENT = ROOT / "docs" / "generated" / "errors.md"
 
