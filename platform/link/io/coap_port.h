@@ -36,7 +36,7 @@ public:
         // What was kept back until a session was there has been sent.
         std::function<void(ConversationId)> onReached;
         // With a key: told before onAnswer. The peer has answered by the key of that identity.
-        std::function<void(const Endpoint& peer, const std::string& identity)> onProof;
+        std::function<void(const Endpoint& peer, const std::string& identity)> onProof = {};
     };
 
     explicit CoapPort(Listener listener);
