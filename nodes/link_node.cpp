@@ -16,7 +16,7 @@ constexpr std::size_t MAX_TRANSPORT = 5;
 constexpr unsigned BUFFER_SIZE = 1024;
 
 // Of the one node. Events come on the platform's thread until that node is gone.
-std::function<void(DeviceEvent)> g_onEvent;
+std::function<void(NodeEvent)> g_onEvent;
 const char* g_type = nullptr;
 
 extern "C" {
@@ -70,7 +70,7 @@ std::optional<std::string> RemoteDevice::Ask(const std::string& key, const std::
 
 // ---- LinkNode
 
-LinkNode::LinkNode(std::function<void(DeviceEvent event)> onEvent, const char* type)
+LinkNode::LinkNode(std::function<void(NodeEvent event)> onEvent, const char* type)
     : mResource{RefuseGet, Refuse, Refuse, Refuse, Descriptor}, mPlatform(GetLinkPlatform()) {
     g_onEvent = std::move(onEvent);
     g_type = type;
@@ -82,7 +82,9 @@ LinkNode::LinkNode(std::function<void(DeviceEvent event)> onEvent, const char* t
     }
 }
 
-LinkNode::~LinkNode() { mPlatform->Exit(mPlatform.get()); }
+LinkNode::~LinkNode() { Leave(); }
+
+void LinkNode::Leave() { mPlatform->Exit(mPlatform.get()); }
 
 std::vector<RemoteDevice> LinkNode::Find(const std::string& type) {
     std::vector<RemoteDevice> devices;

@@ -17,8 +17,8 @@ struct Service {
     unsigned outputBytes = 0;
 };
 
-// A device has come or gone.
-struct DeviceEvent {
+// A node has come or gone.
+struct NodeEvent {
     bool added = false;
     std::string address;
     int port = 0;
@@ -47,12 +47,14 @@ public:
     // onEvent runs on the platform's thread. type is a string literal, or null. A node with a type is seen by
     // the others, and they notice its end. A node without one only looks. Throws std::runtime_error if the
     // platform does not start.
-    explicit LinkNode(std::function<void(DeviceEvent event)> onEvent, const char* type = nullptr);
+    explicit LinkNode(std::function<void(NodeEvent event)> onEvent, const char* type = nullptr);
     ~LinkNode();
     LinkNode(const LinkNode&) = delete;
     LinkNode& operator=(const LinkNode&) = delete;
 
     std::vector<RemoteDevice> Find(const std::string& type);
+    // Ends requests in progress; later ones and searches fail. Other threads may be in them.
+    void Leave();
 
 private:
     struct Deleter {

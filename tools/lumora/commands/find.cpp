@@ -76,7 +76,7 @@ std::string ServicesText(const FoundDevice& device) {
 }
 
 // A device that has just come registers its services a moment later.
-FoundDevice DescribeNewcomer(LinkNode& node, const DeviceEvent& event) {
+FoundDevice DescribeNewcomer(LinkNode& node, const NodeEvent& event) {
     constexpr int TRIES = 3;
     constexpr int PAUSE_MS = 200;
     FoundDevice found = {event.address, event.port, event.type, false, {}, ""};
@@ -111,7 +111,7 @@ void PrintEvent(bool added, const FoundDevice& device) {
 int Watch(const Options& options) {
     LinkNode node;
     // Ends when Take returns nothing: without a deadline that is a signal only, so the exit code is 0.
-    while (const std::optional<DeviceEvent> event = node.Events().Take(Never())) {
+    while (const std::optional<NodeEvent> event = node.Events().Take(Never())) {
         if (event->type.empty() || (!options.device.type.empty() && event->type != options.device.type)) {
             continue;
         }

@@ -13,15 +13,15 @@ namespace lumora_cli {
 namespace {
 
 // Events come on the platform's thread until the last node is gone.
-Inbox<DeviceEvent>& EventInbox() {
-    static Inbox<DeviceEvent> inbox;
+Inbox<NodeEvent>& EventInbox() {
+    static Inbox<NodeEvent> inbox;
     return inbox;
 }
 
 std::unique_ptr<lumora_nodes::LinkNode> StartNode() {
     try {
         return std::make_unique<lumora_nodes::LinkNode>(
-            [](DeviceEvent event) { EventInbox().Put(std::move(event)); });
+            [](NodeEvent event) { EventInbox().Put(std::move(event)); });
     } catch (const std::runtime_error& error) {
         throw Failure(EXIT_FAILED, lumora_nodes::WithCause(error.what()),
                       "lumora doctor looks for what is wrong");
@@ -40,7 +40,7 @@ std::string ServiceJson(const Service& service) {
 
 LinkNode::LinkNode() : mNode(StartNode()) {}
 
-Inbox<DeviceEvent>& LinkNode::Events() { return EventInbox(); }
+Inbox<NodeEvent>& LinkNode::Events() { return EventInbox(); }
 
 std::vector<RemoteDevice> LinkNode::Find(const std::string& type) { return mNode->Find(type); }
 
@@ -68,7 +68,7 @@ std::vector<FoundDevice> FindAllDevices(LinkNode& node, std::chrono::millisecond
     // listens first and then searches each type once.
     std::set<std::string> types;
     const Deadline end = In(time);
-    while (const std::optional<DeviceEvent> event = node.Events().Take(end)) {
+    while (const std::optional<NodeEvent> event = node.Events().Take(end)) {
         if (event->added && !event->type.empty()) {
             types.insert(event->type);
         }

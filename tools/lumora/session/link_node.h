@@ -12,7 +12,7 @@
 namespace lumora_cli {
 
 using lumora_nodes::Describe;
-using lumora_nodes::DeviceEvent;
+using lumora_nodes::NodeEvent;
 using lumora_nodes::FoundDevice;
 using lumora_nodes::RemoteDevice;
 using lumora_nodes::Service;
@@ -24,7 +24,7 @@ public:
     LinkNode();
 
     std::vector<RemoteDevice> Find(const std::string& type);
-    Inbox<DeviceEvent>& Events();
+    Inbox<NodeEvent>& Events();
 
 private:
     std::unique_ptr<lumora_nodes::LinkNode> mNode;

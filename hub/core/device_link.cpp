@@ -1,0 +1,283 @@
+#include "hub/core/device_link.h"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "hub/core/log.h"
+
+namespace lumora_hub {
+
+namespace {
+
+using Clock = EventLoop::Clock;
+
+// Longer than the library waits for a device that does not return from its handler.
+constexpr std::chrono::seconds LONGEST_REQUEST{70};
+// A connection that lasted so long was a good one: what follows is no repetition of an earlier failure.
+constexpr std::chrono::seconds GOOD_CONNECTION{5};
+constexpr std::chrono::minutes UNDISTURBED_CONNECTION{2};
+// Devices hear of a node that has left at about the same time as the hub; the hub's look at a channel comes
+// up to two seconds later.
+constexpr std::chrono::seconds NEIGHBOUR_TIME{8};
+
+FrameHead HeadOf(FrameKind kind, std::uint64_t number = 0) {
+    FrameHead head;
+    head.kind = kind;
+    head.number = number;
+    return head;
+}
+
+}  // namespace
+
+DeviceLink::DeviceLink(LinkSurroundings& surroundings, Events events)
+    : mSurroundings(surroundings), mEvents(std::move(events)) {}
+
+DeviceLink::~DeviceLink() {
+    Drop();
+    mSurroundings.loop.Cancel(mRetry);
+    mSurroundings.loop.Cancel(mIdle);
+    while (!mRequests.empty()) {
+        Finish(mRequests.begin()->first, Outcome::UNREACHABLE);
+    }
+}
+
+// A device that was started again has another port. The worker of the former one is of no use.
+void DeviceLink::SetPlace(std::optional<Place> place) {
+    if (place == mPlace) {
+        return;
+    }
+    mPlace = std::move(place);
+    Stop();
+    mBackOff.Reset();
+    mGiveWay.Reset();
+    Update();
+}
+
+void DeviceLink::SetWanted(std::set<std::string> services) {
+    mWanted = std::move(services);
+    Update();
+}
+
+void DeviceLink::Request(FrameKind kind, const std::string& name, const std::string& body,
+                         DeviceHub::Done onDone) {
+    const std::uint64_t request = ++mLastRequest;
+    Waiting& waiting = mRequests[request];
+    waiting.frame = EncodeFrame(HeadOf(kind, request), name, body);
+    waiting.onDone = std::move(onDone);
+    waiting.timer = mSurroundings.loop.After(mSurroundings.settings.connect, [this, request] {
+        Finish(request, Outcome::UNREACHABLE);
+        Update();
+    });
+    Update();
+}
+
+// ---- The worker
+
+// Brings what is in line with what is wanted.
+void DeviceLink::Update() {
+    const bool needed = mPlace && (!mWanted.empty() || !mRequests.empty());
+    if (!needed) {
+        mSurroundings.loop.Cancel(mRetry);
+        if (mWorker == nullptr) {
+            Become(ChannelState::IDLE);
+        } else if (mIdle == 0) {
+            mIdle = mSurroundings.loop.After(mSurroundings.settings.idle, [this] {
+                mIdle = 0;
+                Stop();
+                Become(ChannelState::IDLE);
+            });
+        }
+    } else {
+        mSurroundings.loop.Cancel(mIdle);
+        if (mWorker == nullptr && mRetry == 0) {
+            Start();
+        }
+    }
+    if (mConnected) {
+        Subscribe();
+        SendRequests();
+    }
+}
+
+void DeviceLink::Start() {
+    const std::optional<int> port = mSurroundings.ports.Take();
+    if (!port) {
+        OnEnd(EndReason::PORT_TAKEN, "all data ports are in use; --ports names more");
+        return;
+    }
+    mPort = *port;
+    try {
+        StartWorker(*port);
+        Become(ChannelState::CONNECTING);
+    } catch (const std::system_error& error) {
+        OnEnd(EndReason::CONNECT_FAILED, std::string("no worker can be started: ") + error.what());
+    }
+}
+
+void DeviceLink::StartWorker(int port) {
+    const std::vector<std::string> words = {mSurroundings.settings.worker, mPlace->type, mPlace->address,
+                                            std::to_string(mPlace->port), std::to_string(port)};
+    WorkerProcess::Events events;
+    events.onFrame = [this](Frame frame) { OnFrame(std::move(frame)); };
+    events.onEnd = [this](EndReason reason, const std::string& text) { OnEnd(reason, text); };
+    for (auto& [service, numbers] : mNumbers) {
+        numbers.second = numbers.first;
+    }
+    mWorker =
+        std::make_unique<WorkerProcess>(mSurroundings.loop, mSurroundings.reaper, words, std::move(events));
+}
+
+void DeviceLink::Stop() {
+    Drop();
+    mSurroundings.loop.Cancel(mRetry);
+    mSurroundings.loop.Cancel(mIdle);
+}
+
+// Ends the worker, and what it was told goes with it.
+void DeviceLink::Drop() {
+    mWorker.reset();
+    if (mPort != 0) {
+        mSurroundings.ports.Release(std::exchange(mPort, 0));
+    }
+    mConnected = false;
+    mSubscribed.clear();
+    FinishSent();
+}
+
+void DeviceLink::Become(ChannelState state, std::string trouble) {
+    if (state != mState || trouble != mTrouble) {
+        mState = state;
+        mTrouble = std::move(trouble);
+        mEvents.onChanged();
+    }
+}
+
+// ---- What the worker is told
+
+void DeviceLink::Subscribe() {
+    for (const std::string& service : mWanted) {
+        if (mSubscribed.insert(service).second) {
+            mWorker->Send(EncodeFrame(HeadOf(FrameKind::SUBSCRIBE), service, {}));
+        }
+    }
+    for (auto service = mSubscribed.begin(); service != mSubscribed.end();) {
+        if (mWanted.count(*service) != 0) {
+            ++service;
+            continue;
+        }
+        mWorker->Send(EncodeFrame(HeadOf(FrameKind::UNSUBSCRIBE), *service, {}));
+        service = mSubscribed.erase(service);
+    }
+}
+
+void DeviceLink::SendRequests() {
+    for (auto& [number, waiting] : mRequests) {
+        if (waiting.frame.empty()) {
+            continue;
+        }
+        mWorker->Send(std::exchange(waiting.frame, {}));
+        mSurroundings.loop.Cancel(waiting.timer);
+        waiting.timer = mSurroundings.loop.After(LONGEST_REQUEST, [this, request = number] {
+            Finish(request, Outcome::REFUSED);
+            Update();
+        });
+    }
+}
+
+void DeviceLink::Finish(std::uint64_t request, Outcome outcome) {
+    const auto found = mRequests.find(request);
+    if (found == mRequests.end()) {
+        return;
+    }
+    mSurroundings.loop.Cancel(found->second.timer);
+    const DeviceHub::Done onDone = std::move(found->second.onDone);
+    mRequests.erase(found);
+    onDone(outcome);
+}
+
+void DeviceLink::FinishSent() {
+    std::vector<std::uint64_t> sent;
+    for (const auto& [request, waiting] : mRequests) {
+        if (waiting.frame.empty()) {
+            sent.push_back(request);
+        }
+    }
+    for (const std::uint64_t request : sent) {
+        Finish(request, Outcome::REFUSED);
+    }
+}
+
+// ---- What the worker says
+
+void DeviceLink::OnFrame(Frame frame) {
+    switch (frame.head.kind) {
+        case FrameKind::CONNECTED:
+            OnConnected(frame);
+            break;
+        case FrameKind::BLOCK:
+            OnBlock(std::move(frame));
+            break;
+        case FrameKind::SUBSCRIBED:
+            if (frame.head.code != 0 && mSubscribed.count(frame.name) != 0) {
+                Become(mState, "the device refuses the subscription to \"" + frame.name + '"');
+            }
+            break;
+        case FrameKind::ANSWER:
+            Finish(frame.head.number, frame.head.code == 0 ? Outcome::DONE : Outcome::REFUSED);
+            Update();
+            break;
+        default:
+            break;
+    }
+}
+
+void DeviceLink::OnConnected(const Frame& frame) {
+    mConnected = true;
+    mConnectedAt = Clock::now();
+    ++mConnections;
+    mVersion = frame.name;
+    mIdentity = frame.body.empty() ? std::nullopt : std::optional(frame.body);
+    Become(ChannelState::CONNECTED);
+    Update();
+}
+
+void DeviceLink::OnBlock(Frame frame) {
+    if (mSubscribed.count(frame.name) == 0) {
+        return;  // it was under way when the subscription ended
+    }
+    auto& [last, before] = mNumbers[frame.name];
+    last = std::max(last + 1, before + frame.head.number);
+    mEvents.onBlock(frame.name, last, std::move(frame.body));
+}
+
+void DeviceLink::OnEnd(EndReason reason, const std::string& text) {
+    const std::chrono::milliseconds pause = PauseAfter(reason);
+    Drop();
+    HUB_LOG(lumora::LOG_WARNING, "The channel to %s at %s:%d has ended: %s. Next try in %lld ms.\n",
+            mPlace->type.c_str(), mPlace->address.c_str(), mPlace->port, text.c_str(),
+            static_cast<long long>(pause.count()));
+    mRetry = mSurroundings.loop.After(pause, [this] {
+        mRetry = 0;
+        Update();
+    });
+    Become(ChannelState::FAILED, text);
+    if (reason != EndReason::PORT_TAKEN) {
+        mEvents.onUnreachable();
+    }
+}
+
+std::chrono::milliseconds DeviceLink::PauseAfter(EndReason reason) {
+    const Clock::time_point now = Clock::now();
+    if (mConnected && now - mConnectedAt >= GOOD_CONNECTION) {
+        mBackOff.Reset();
+    }
+    if (mConnected && now - mConnectedAt >= UNDISTURBED_CONNECTION) {
+        mGiveWay.Reset();
+    }
+    const bool byNeighbour = now - mSurroundings.neighbourLeft < NEIGHBOUR_TIME;
+    return reason == EndReason::CHANNEL_ENDED && !byNeighbour ? mGiveWay.Next() : mBackOff.Next();
+}
+
+}  // namespace lumora_hub
