@@ -58,8 +58,8 @@ std::string ProblemOf(const MqttSettings& settings) {
     if (!settings.homeAssistant.empty() && !IsTopic(settings.homeAssistant)) {
         return "the prefix of Home Assistant's discovery is no topic";
     }
-    if (settings.name.empty()) {
-        return "the hub needs a name";
+    if (settings.name.empty() || !IsMqttText(settings.name)) {
+        return "the MQTT name of the hub must be a text of one line";
     }
     if (settings.qos != 0 && settings.qos != 1) {
         return "the MQTT QoS must be 0 or 1";
