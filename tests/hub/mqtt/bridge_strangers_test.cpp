@@ -67,6 +67,11 @@ TEST_F(BridgeStrangersTest, PayloadsOfAnySizeDoNoHarm) {
 }
 
 TEST_F(BridgeStrangersTest, AFloodOfCommandsIsBounded) {
+    mClient.reset();
+    mBroker.reset();
+    // By itself it would drop some of them.
+    mBroker = std::make_unique<Broker>("allow_anonymous true\nmax_queued_messages 5000\n");
+    StartClient();
     mHub.HoldAnswers();
     StartBridge();
     ASSERT_TRUE(WaitForConnection());
