@@ -1,5 +1,7 @@
-// Command-line parsing for both ends of the text-reading example.
+// Command-line parsing of the examples that have options.
 #pragma once
+
+#include <lumora.h>
 
 #include <charconv>
 #include <cstdio>
@@ -8,7 +10,7 @@
 #include <string>
 #include <system_error>
 
-namespace text_reader {
+namespace examples {
 
 inline constexpr int USAGE_ERROR = 2;
 
@@ -25,4 +27,13 @@ inline int NumberOption(const char* option, const char* text, int least, int mos
     return value;
 }
 
-}  // namespace text_reader
+// Returns a device type. Otherwise prints a message and ends the program.
+inline std::string TypeOption(const std::string& type) {
+    if (type.empty() || type.size() >= LUM_NAME_SIZE) {
+        std::fprintf(stderr, "--type takes 1 to %d characters; see --help\n", LUM_NAME_SIZE - 1);
+        std::exit(USAGE_ERROR);
+    }
+    return type;
+}
+
+}  // namespace examples

@@ -173,10 +173,10 @@ Options ParseOptions(int count, char** arguments) {
                 options.language = optarg;
                 break;
             case 'f':
-                options.findSeconds = NumberOption("--find", optarg, 0, DAY);
+                options.findSeconds = examples::NumberOption("--find", optarg, 0, DAY);
                 break;
             case 's':
-                options.answerSeconds = NumberOption("--timeout", optarg, 1, DAY);
+                options.answerSeconds = examples::NumberOption("--timeout", optarg, 1, DAY);
                 break;
             case 'h':
                 PrintHelp();

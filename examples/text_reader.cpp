@@ -188,14 +188,6 @@ void PrintHelp() {
         "Exit codes: 0 ended by a signal, 1 it could not start or end, 2 wrong usage.");
 }
 
-std::string CheckedType(const std::string& type) {
-    if (type.empty() || type.size() >= LUM_NAME_SIZE) {
-        std::fprintf(stderr, "--type takes 1 to %d characters; see --help\n", LUM_NAME_SIZE - 1);
-        std::exit(USAGE_ERROR);
-    }
-    return type;
-}
-
 Options ParseOptions(int count, char** arguments) {
     const option known[] = {
         {"type", required_argument, nullptr, 't'},  {"language", required_argument, nullptr, 'l'},
@@ -205,27 +197,27 @@ Options ParseOptions(int count, char** arguments) {
     for (int name = 0; (name = getopt_long(count, arguments, "", known, nullptr)) != -1;) {
         switch (name) {
             case 't':
-                options.deviceType = CheckedType(optarg);
+                options.deviceType = examples::TypeOption(optarg);
                 break;
             case 'l':
                 options.language = optarg;
                 break;
             case 'q':
-                options.queueLength = NumberOption("--queue", optarg, 1, 1000);
+                options.queueLength = examples::NumberOption("--queue", optarg, 1, 1000);
                 break;
             case 's':
-                options.limitSeconds = NumberOption("--limit", optarg, 1, 3600);
+                options.limitSeconds = examples::NumberOption("--limit", optarg, 1, 3600);
                 break;
             case 'h':
                 PrintHelp();
                 std::exit(0);
             default:
-                std::exit(USAGE_ERROR);
+                std::exit(examples::USAGE_ERROR);
         }
     }
     if (optind != count) {
         std::fprintf(stderr, "unexpected \"%s\"; see --help\n", arguments[optind]);
-        std::exit(USAGE_ERROR);
+        std::exit(examples::USAGE_ERROR);
     }
     return options;
 }

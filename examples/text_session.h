@@ -19,7 +19,7 @@ namespace text_reader {
 enum ExitCode {
     SUCCESS = 0,
     LIBRARY_FAILED = 1,
-    WRONG_USAGE = USAGE_ERROR,
+    WRONG_USAGE = examples::USAGE_ERROR,
     BAD_PICTURE = 3,
     NO_DEVICE = 4,
     NO_ANSWER = 5,

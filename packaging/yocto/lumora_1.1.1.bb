@@ -19,7 +19,7 @@ DEPENDS += "${@'libcoap spdlog fmt' if d.getVar('LUMORA_PLATFORM') == 'reference
 PACKAGECONFIG ??= "keys"
 PACKAGECONFIG[keys] = "-DLUMORA_LINK_DTLS=ON,-DLUMORA_LINK_DTLS=OFF,openssl"
 PACKAGECONFIG[examples] = "-DLUMORA_BUILD_EXAMPLES=ON,-DLUMORA_BUILD_EXAMPLES=OFF"
-PACKAGECONFIG[tools] = "-DLUMORA_BUILD_TOOLS=ON,-DLUMORA_BUILD_TOOLS=OFF,cli11"
+PACKAGECONFIG[tools] = "-DLUMORA_BUILD_TOOLS=ON,-DLUMORA_BUILD_TOOLS=OFF,cli11 sqlite3"
 
 # The distribution's own flags decide on optimization, and its folders are those of the dynamic linker.
 EXTRA_OECMAKE = " \

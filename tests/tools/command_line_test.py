@@ -8,7 +8,8 @@ import unittest
 
 from lumora_case import PROGRAM, SOURCES, LumoraCase, OnTerminal, lumora
 
-COMMANDS = ["find", "info", "version", "cmd", "subscribe", "send", "ping", "shell", "serve", "key", "doctor", "help"]
+COMMANDS = ["find", "info", "version", "cmd", "subscribe", "send", "ping", "shell", "serve", "record",
+            "replay", "key", "doctor", "help"]
 COMPLETIONS = SOURCES / "tools/lumora/manual"
 
 
@@ -78,6 +79,8 @@ class WrongWords(LumoraCase):
             (["send", "T", "-", "--split", "1.0001K"], "5,242,880"),
             (["send", "T", "-", "--split", "KiB"], "5,242,880"),
             (["ping", "T", "--size", "15"], "16 to 1,024,000"),
+            (["replay", "F", "--speed", "nan"], "0 to 1,000,000"),
+            (["replay", "F", "--speed", "1000001"], "0 to 1,000,000"),
             (["find", "--log", "loud"], "trace, detail, state, warning, error, off"),
         ]:
             with self.subTest(words):
@@ -149,7 +152,8 @@ class Fields(LumoraCase):
         self.device("camera", "--echo")
         watched = ["time", "event", *[field for field in self.documented["find"] if field.startswith("device.")]]
         self.assert_documented("find", lumora("find", "camera", "--json").stdout, *watched)
-        self.assert_documented("info", lumora("info", "camera", "--json").stdout)
+        devices = lumora("info", "camera", "--json").stdout
+        self.assert_documented("info", devices, *[field for field in self.documented["info"] if field[0] != "["])
         self.assert_documented("version", lumora("version", "camera", "--json").stdout)
         self.assert_documented("doctor", lumora("doctor", "--json", "--listen", "0").stdout)
 
@@ -173,6 +177,33 @@ class Fields(LumoraCase):
         device.end()
         told = device.rest()
         self.assertEqual(self.paths(json.loads(told.splitlines()[0])) - set(self.documented["serve"]), set())
+
+    @unittest.skipIf("without SQLite" in lumora("replay", "absent").stderr, "built without SQLite")
+    def test_of_recordings(self):
+        serving = self.device("camera", "--echo")
+        path = str(self.folder() / "camera.rec")
+        recording = self.start("record", path, "camera", "--again", "--json")
+        begun = recording.line()
+        serving.end()
+        lost = recording.line()
+        self.device("camera", "--echo")
+        again = recording.line()
+        self.assertEqual(recording.end(), 0)
+        self.assert_documented("record", "\n".join([begun, lost, again, recording.rest()]))
+        about = lumora("info", path, "--json").stdout
+        self.assert_documented("info", about, *[field for field in self.documented["info"] if field[0] == "["])
+
+    @unittest.skipIf("without SQLite" in lumora("replay", "absent").stderr, "built without SQLite")
+    def test_of_replay(self):
+        serving = self.device("camera", "--echo")
+        path = str(self.folder() / "camera.rec")
+        self.assert_succeeds(lumora("record", path, "camera", "--duration", "0.1"))
+        serving.end()
+        replay = self.start("replay", path, "--json")
+        ready = replay.line()
+        lumora("subscribe", "camera", "echo", "--timeout", "0.1")
+        self.assertEqual(replay.wait(), 0)
+        self.assert_documented("replay", ready + "\n" + replay.rest())
 
     def test_of_serve(self):
         device = self.start("--json", "serve", "camera", "--service", "s", "--exec", "cat", "--on-command", "false")
@@ -262,6 +293,8 @@ class BashCompletion(LumoraCase):
         self.assertEqual(self.complete("subscribe", "--count", "3", "camera", ""), ["picture", "sound"])
         self.assertEqual(self.complete("subscribe", "camera", "sound", "p"), ["picture"])
         self.assertEqual(self.complete("send", "camera", "-", "--await", "s"), ["sound"])
+        self.assertEqual(self.complete("record", "new.rec", ""), ["camera", "reader"])
+        self.assertEqual(self.complete("record", "new.rec", "camera", "p"), ["picture"])
 
     def test_a_name_from_the_network_is_no_code(self):
         self.device("$(id)", "--service", "a;b")

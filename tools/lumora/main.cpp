@@ -33,7 +33,9 @@ Globals g_globals;
 Terms ExitCodes() {
     return {
         {"0",
-         "it was done; also when an endless command (find --watch, subscribe, serve) was ended by a signal"},
+         "it was done; also when an endless command (find --watch, subscribe, serve, record, replay) was "
+         "ended by "
+         "a signal"},
         {"1", "something failed that no other number stands for; of doctor: something is wrong"},
         {"2", "the command line means nothing, or asks for what cannot be"},
         {"3", "no such device was found, or none with that service"},
@@ -195,8 +197,9 @@ int Run(int count, const char* const* words) {
 }  // namespace
 
 std::vector<Command> AllCommands() {
-    return {FindCommand(), InfoCommand(),  VersionCommand(), CmdCommand(), SubscribeCommand(), SendCommand(),
-            PingCommand(), ShellCommand(), ServeCommand(),   KeyCommand(), DoctorCommand()};
+    return {FindCommand(),   InfoCommand(), VersionCommand(), CmdCommand(),   SubscribeCommand(),
+            SendCommand(),   PingCommand(), ShellCommand(),   ServeCommand(), RecordCommand(),
+            ReplayCommand(), KeyCommand(),  DoctorCommand()};
 }
 
 Command GlobalOptions() {

@@ -8,10 +8,10 @@
 
 #include "nodes/platform_front.h"
 #include "tools/lumora/manual/command.h"
-#include "tools/lumora/os/ports.h"
 #include "tools/lumora/os/program.h"
 #include "tools/lumora/os/signals.h"
 #include "tools/lumora/session/client_session.h"
+#include "tools/lumora/session/device_start.h"
 #include "tools/lumora/session/inbox.h"
 #include "tools/lumora/session/link_node.h"
 #include "tools/lumora/terminal/failure.h"
@@ -114,23 +114,12 @@ class ServedDevice {
 public:
     ServedDevice(const Options& options, const std::vector<lumora::Service>& services)
         : mOptions(options), mAnswersOn(services.front().name), mDevice(options.type) {
-        // The library opens port 6666 only when a client connects, and that would fail then without a visible
-        // reason. The check here tells the user at once.
-        if (TcpPortState(DEVICE_PORT) == PortState::TAKEN) {
-            throw Failure(EXIT_REFUSED, "TCP port 6666 is taken on this host",
-                          "another device has a client: end one of them first");
-        }
         for (const lumora::Service& service : services) {
             mDevice.Offer(service.name, service.outputBytes, service.transport);
         }
         // Handlers are set before Start: a client may come at once.
         Handle();
-        std::error_code error;
-        TakeCause();
-        if (!mDevice.Start(error)) {
-            throw Failure(EXIT_FAILED, WithCause("the device cannot be made: " + error.message()),
-                          "lumora doctor looks for what is wrong");
-        }
+        StartDevice(mDevice);
     }
 
     Inbox<Event>& Events() { return mEvents; }

@@ -134,6 +134,14 @@ Option& Command::Number(const std::string& option, const std::string& word, unsi
     });
 }
 
+Option& Command::Factor(const std::string& option, const std::string& word, double& variable, unsigned most,
+                        const std::string& text) {
+    return Add(option, word, text, [&variable, most](const std::string& value) {
+        return Store<double>(
+            Read<double>(value), 0, most, [&](double number) { variable = number; }, "number");
+    });
+}
+
 Option& Command::Seconds(const std::string& option, std::chrono::milliseconds& variable,
                          std::chrono::milliseconds most, const std::string& text) {
     using FloatSeconds = std::chrono::duration<double>;

@@ -59,6 +59,9 @@ public:
                    const std::string& text);
     Option& Number(const std::string& option, const std::string& word, unsigned& variable, unsigned least,
                    unsigned most, const std::string& text);
+    // A number that may have a fraction.
+    Option& Factor(const std::string& option, const std::string& word, double& variable, unsigned most,
+                   const std::string& text);
     // Seconds with a fraction.
     Option& Seconds(const std::string& option, std::chrono::milliseconds& variable,
                     std::chrono::milliseconds most, const std::string& text);
@@ -98,6 +101,8 @@ Command SendCommand();
 Command PingCommand();
 Command ShellCommand();
 Command ServeCommand();
+Command RecordCommand();
+Command ReplayCommand();
 Command KeyCommand();
 Command DoctorCommand();
 

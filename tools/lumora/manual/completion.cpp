@@ -34,6 +34,19 @@ std::string ValuesOf(const Option& option, const std::string& type, const LookUp
     return lines;
 }
 
+// Among the plain words, of which the first is the command. Most commands have the type first, record the
+// file.
+std::string TypeAmong(const Words& plain, const Command* command) {
+    std::size_t at = 1;
+    for (const Option& option : command != nullptr ? command->options : std::vector<Option>()) {
+        if (option.IsArgument() && option.offer == Option::Offer::TYPES) {
+            break;
+        }
+        at += option.IsArgument() ? 1U : 0U;
+    }
+    return plain.size() > at ? plain[at] : "";
+}
+
 }  // namespace
 
 std::string Completions(const Manual& manual, const Words& words, const LookUp& lookUp) {
@@ -55,7 +68,7 @@ std::string Completions(const Manual& manual, const Words& words, const LookUp& 
             plain.push_back(word);
         }
     }
-    const std::string type = plain.size() > 1 ? plain[1] : "";
+    const std::string type = TypeAmong(plain, command);
     if (valued != nullptr) {
         return ValuesOf(*valued, type, lookUp);
     }

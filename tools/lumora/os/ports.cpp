@@ -1,5 +1,6 @@
 #include "tools/lumora/os/ports.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -101,6 +102,24 @@ PortState UdpPortState(int port) {
     const sockaddr_in address = AnyAddress(port);
     return StateAfter(fd &&
                       bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0);
+}
+
+std::string ConnectedAddress(int port) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator at("/proc/self/fd", error), end; !error && at != end;
+         at.increment(error)) {
+        sockaddr_in peer = {};
+        socklen_t length = sizeof(peer);
+        // Fails for all descriptors but those of connected sockets.
+        const int fd = std::stoi(at->path().filename().string());
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0 && peer.sin_family == AF_INET &&
+            ntohs(peer.sin_port) == port) {
+            char text[INET_ADDRSTRLEN] = "";
+            inet_ntop(AF_INET, &peer.sin_addr, text, sizeof(text));
+            return text;
+        }
+    }
+    return "";
 }
 
 std::optional<PortHolder> TcpPortHolder(int port) {

@@ -18,6 +18,9 @@ PortState TcpPortState(int port);
 // Whether the link platform could bind a socket to it now.
 PortState UdpPortState(int port);
 
+// The IPv4 address to which this process has a TCP connection with this port there; empty if it has none.
+std::string ConnectedAddress(int port);
+
 struct PortHolder {
     pid_t process = 0;
     std::string name;

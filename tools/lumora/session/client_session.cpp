@@ -22,8 +22,11 @@ using lumora_nodes::WithCause;
 const char CLIENT_TYPE[] = "lumora-cli";
 const char ASK_DOCTOR[] = "lumora doctor looks for what is wrong";
 
-// A device may send faster than a terminal shows.
+// A device may send faster than a terminal shows or a disk writes.
 constexpr std::size_t MOST_WAITING_BYTES = std::size_t{64} * 1024 * 1024;
+
+// What a block takes in the queue. Its own memory counts too: blocks may be a few bytes long.
+std::size_t MemoryOf(std::size_t bytes) { return bytes + 2 * sizeof(Block); }
 
 void Require(bool done, int code, const std::string& what, const std::string& advice = ASK_DOCTOR) {
     if (!done) {
@@ -129,13 +132,15 @@ void ClientSession::Handle() {
     // Runs on the receive thread, which must not wait. Blocks that exceed the limit are dropped and counted;
     // the user is told at the end.
     mClient.OnData([this](std::string_view service, lumora::Bytes data) {
-        if (mWaitingBytes + data.size() > MOST_WAITING_BYTES) {
+        if (mWaitingBytes + MemoryOf(data.size()) > MOST_WAITING_BYTES) {
             ++mLost;
+            ++mLostSince;
             return;
         }
-        mWaitingBytes += data.size();
+        mWaitingBytes += MemoryOf(data.size());
         mNews.Put({News::Kind::BLOCK,
-                   {std::chrono::system_clock::now(), std::string(service), std::string(data.Text())}});
+                   {std::chrono::system_clock::now(), Clock::now(), std::string(service),
+                    std::string(data.Text()), mLostSince.exchange(0)}});
     });
     mClient.OnDeviceLeft([this] { Tell(News::Kind::LEFT); });
     mClient.OnConnectionLost([this] { Tell(News::Kind::LOST); });
@@ -143,7 +148,17 @@ void ClientSession::Handle() {
     mClient.StayConnected(mOptions.again);
 }
 
-void ClientSession::Tell(News::Kind kind) { mNews.Put({kind, {}}); }
+void ClientSession::Tell(News::Kind kind) {
+    mNews.Put({kind, {std::chrono::system_clock::now(), Clock::now(), "", ""}});
+}
+
+void ClientSession::TellConnection(bool connected, Deadline at, const char* remark) const {
+    if (mOnConnection) {
+        mOnConnection(connected, at);
+    } else {
+        Remark(remark);
+    }
+}
 
 void ClientSession::Find(const std::vector<std::string>& services) {
     constexpr int PAUSE_MS = 100;
@@ -253,10 +268,10 @@ std::optional<Block> ClientSession::Take(Deadline deadline) {
         switch (news->kind) {
             case News::Kind::BLOCK:
                 // The counterpart of the addition in the OnData handler.
-                mWaitingBytes -= news->block.data.size();
+                mWaitingBytes -= MemoryOf(news->block.data.size());
                 return std::move(news->block);
             case News::Kind::AGAIN:
-                Remark("connected again");
+                TellConnection(true, news->block.arrived, "connected again");
                 break;
             case News::Kind::LEFT:
                 if (!mOptions.again) {
@@ -268,7 +283,8 @@ std::optional<Block> ClientSession::Take(Deadline deadline) {
                     throw Failure(EXIT_REFUSED, "the connection to the device has ended",
                                   "it has left, or another client has taken its place");
                 }
-                Remark("the connection has ended; searching for the device");
+                TellConnection(false, news->block.arrived,
+                               "the connection has ended; searching for the device");
                 break;
         }
     }

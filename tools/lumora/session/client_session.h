@@ -3,10 +3,13 @@
 
 #include <lumora.hpp>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tools/lumora/manual/command.h"
@@ -20,8 +23,10 @@ namespace lumora_cli {
 // What the device sent to a subscriber.
 struct Block {
     WallTime time;
+    Deadline arrived;  // the same time by a clock that is never set
     std::string service;
     std::string data;
+    unsigned lostBefore = 0;  // blocks that were dropped between the one before and this one
 };
 
 struct SessionOptions {
@@ -58,6 +63,13 @@ public:
     // Readable while there is something to take.
     int ReadyFd() const { return mNews.ReadyFd(); }
 
+    // Called by Take when the connection has ended or is there again, in the place of a remark.
+    void OnConnection(std::function<void(bool connected, Deadline at)> handler) {
+        mOnConnection = std::move(handler);
+    }
+    // Blocks that were dropped after the last one that came.
+    unsigned LostAtEnd() const { return mLostSince; }
+
 private:
     struct News {
         enum class Kind { BLOCK, LEFT, LOST, AGAIN };
@@ -70,12 +82,15 @@ private:
     bool Choose(const std::vector<lumora::DeviceInfo>& found, const std::vector<std::string>& services);
     void Connect();
     void Tell(News::Kind kind);
+    void TellConnection(bool connected, Deadline at, const char* remark) const;
 
     SessionOptions mOptions;
+    std::function<void(bool connected, Deadline at)> mOnConnection;
     lumora::DeviceInfo mDevice;
     Inbox<News> mNews;  // filled on the library's threads
     std::atomic<std::size_t> mWaitingBytes{0};
     std::atomic<unsigned> mLost{0};
+    std::atomic<unsigned> mLostSince{0};
     lumora::Client mClient;  // the last one: no handler runs once it is gone
 };
 

@@ -18,6 +18,9 @@ public:
     JsonObject& Add(const char* key, int number) { return AddRaw(key, std::to_string(number)); }
     JsonObject& Add(const char* key, unsigned number) { return AddRaw(key, std::to_string(number)); }
     JsonObject& Add(const char* key, unsigned long number) { return AddRaw(key, std::to_string(number)); }
+    JsonObject& Add(const char* key, unsigned long long number) {
+        return AddRaw(key, std::to_string(number));
+    }
     JsonObject& AddRaw(const char* key, const std::string& json);
     std::string Text() const { return "{" + mMembers + "}"; }
 

@@ -1,0 +1,25 @@
+#include "tools/lumora/session/device_start.h"
+
+#include "tools/lumora/os/ports.h"
+#include "tools/lumora/session/platform_front.h"
+#include "tools/lumora/terminal/failure.h"
+
+namespace lumora_cli {
+
+void StartDevice(lumora::Device& device) {
+    // The library opens port 6666 only when a client connects, and that would fail then without a visible
+    // reason. The check here tells the user at once.
+    if (TcpPortState(DEVICE_PORT) == PortState::TAKEN) {
+        throw Failure(EXIT_REFUSED, "TCP port 6666 is taken on this host",
+                      "another device has a client: end one of them first");
+    }
+    std::error_code error;
+    // Forgets an earlier error line of this thread, so that a failure names its own cause.
+    TakeCause();
+    if (!device.Start(error)) {
+        throw Failure(EXIT_FAILED, WithCause("the device cannot be made: " + error.message()),
+                      "lumora doctor looks for what is wrong");
+    }
+}
+
+}  // namespace lumora_cli
