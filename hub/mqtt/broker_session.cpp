@@ -176,12 +176,15 @@ void BrokerSession::Lose(const std::string& reason) {
     mNextTry = now + pause;
     KeepBlocks();
     mConnection.reset();
-    MQTT_LOG(wasConnected ? MQTT_WARNING : MQTT_ERROR, "%s the broker %s: %s; next try in %.1f s\n",
-             wasConnected ? "lost" : "cannot connect to", BrokerName().c_str(), why.c_str(),
-             static_cast<double>(pause.count()) / 1000);
-    if (wasConnected) {
-        mOwner.OnSessionLost();
+    const double seconds = static_cast<double>(pause.count()) / 1000;
+    if (!wasConnected) {
+        MQTT_LOG(MQTT_ERROR, "cannot connect to the broker %s: %s; next try in %.1f s\n",
+                 BrokerName().c_str(), why.c_str(), seconds);
+        return;
     }
+    MQTT_LOG(MQTT_WARNING, "lost the broker %s: %s; next try in %.1f s\n", BrokerName().c_str(), why.c_str(),
+             seconds);
+    mOwner.OnSessionLost();
 }
 
 // With QoS 1, what the broker has not acknowledged is published again. It may have got it nevertheless.
@@ -213,12 +216,11 @@ void BrokerSession::Publish(const MqttPublication& publication, UnderWay entry) 
 }
 
 void BrokerSession::Finish(const UnderWay& entry, const char* refusal) {
-    static LogLimit limit;
     if (refusal != nullptr) {
         const std::string what =
             entry.block == nullptr ? entry.topic : entry.block->device + '/' + entry.block->service;
-        MQTT_LOG(limit.Permits() ? MQTT_WARNING : MQTT_DETAIL, "the broker %s does not take %s: %s\n",
-                 BrokerName().c_str(), ReadableText(what).c_str(), refusal);
+        MQTT_LOG_LIMITED(MQTT_WARNING, "the broker %s does not take %s: %s\n", BrokerName().c_str(),
+                         ReadableText(what).c_str(), refusal);
     }
     if (entry.block == nullptr) {
         return;

@@ -9,12 +9,11 @@
 
 namespace lumora_hub {
 
-constexpr int MQTT_DETAIL = 1;
 constexpr int MQTT_STATE = 2;
 constexpr int MQTT_WARNING = 3;
 constexpr int MQTT_ERROR = 4;
 
-// Permits one line per minute, so that what strangers do does not fill the log. Any thread may ask.
+// Permits one line per minute and place, so that what strangers do does not fill the log. Any thread may ask.
 class LogLimit {
 public:
     bool Permits() {
@@ -32,4 +31,9 @@ private:
 
 }  // namespace lumora_hub
 
+#define MQTT_LOG_LIMITED(level, ...)                          \
+    do {                                                      \
+        static lumora_hub::LogLimit limit;                    \
+        MQTT_LOG(limit.Permits() ? (level) : 0, __VA_ARGS__); \
+    } while (false)
 #define MQTT_LOG(level, ...) LogInfo((level), "MQTT", __func__, __LINE__, __VA_ARGS__)

@@ -94,7 +94,7 @@ void MqttBridge::Run() {
         try {
             Step();
         } catch (const std::exception& problem) {
-            MQTT_LOG(MQTT_ERROR, "something is left out: %s\n", problem.what());
+            MQTT_LOG_LIMITED(MQTT_ERROR, "something is left out: %s\n", problem.what());
         }
     }
     SayGoodbye();
@@ -156,11 +156,9 @@ void MqttBridge::Apply(const DeviceEvent& event) {
     if (!state.isPresent) {
         mFeeds.Leave(state.id);
     } else if (!mFeeds.Follow(state)) {
-        static LogLimit limit;
         mIncomplete.insert(state.id);
-        MQTT_LOG(limit.Permits() ? MQTT_WARNING : MQTT_DETAIL,
-                 "the hub has as many consumers as it may have: services of %s wait\n",
-                 ReadableText(state.id).c_str());
+        MQTT_LOG_LIMITED(MQTT_WARNING, "the hub has as many consumers as it may have: services of %s wait\n",
+                         ReadableText(state.id).c_str());
     }
 }
 

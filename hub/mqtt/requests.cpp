@@ -129,13 +129,12 @@ RequestCounts Requests::Counts() const {
 }
 
 void Requests::Refuse(const MqttMessage& message, const MqttReply& reply, Outcome outcome, const char* why) {
-    static LogLimit limit;
     {
         const lumora::MutexLock lock(mShared->mutex);
         ++mShared->counts.refused;
     }
-    MQTT_LOG(limit.Permits() ? MQTT_WARNING : MQTT_DETAIL, "a request at %s is not carried out: %s\n",
-             ReadableText(message.topic.substr(0, MOST_SHOWN_BYTES)).c_str(), why);
+    MQTT_LOG_LIMITED(MQTT_WARNING, "a request at %s is not carried out: %s\n",
+                     ReadableText(message.topic.substr(0, MOST_SHOWN_BYTES)).c_str(), why);
     mShared->Reply(reply, outcome);
 }
 

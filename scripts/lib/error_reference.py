@@ -15,7 +15,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 FOLDERS = ("api", "base", "client", "server", "protocol", "transport", "link", "version", "platform/link", "platform/log",
-           "python/lumora")
+           "python/lumora", "hub/mqtt")
 TABLE = ROOT / "docs" / "errors.tsv"
 DOCUMENT = ROOT / "docs" / "generated" / "errors.md"
 
@@ -25,6 +25,7 @@ CALLS = {
     "LUMORA_ERROR": (4, 0), "LUMORA_REQUIRE": (4, 1), "LUMORA_LOG_AS": (None, 2),
     "LogInfo": (None, 4), "LINK_LOG": (None, 1),
     "LINK_LOG_LIMITED": (None, 1), "ReportToStderr": ("-", 0),
+    "MQTT_LOG": (None, 1), "MQTT_LOG_LIMITED": (None, 1),
 }
 LEVELS = {"TRACE": 0, "DETAIL": 1, "STATE": 2, "WARNING": 3, "ERROR": 4}
 # Lines of the log about itself, which are written without one of the calls above.

@@ -107,7 +107,7 @@ std::string JsonOf(const Gap& gap) {
     return object.Add("reason", gap.reason).Add("lost", gap.lost).Text();
 }
 
-std::string ToJson(const std::string& file, const Recording& recording, const std::vector<Gap>& gaps) {
+std::string RecordingJson(const std::string& file, const Recording& recording, const std::vector<Gap>& gaps) {
     JsonObject object;
     object.Add("file", file).Add("type", recording.type).Add("address", recording.address);
     object.Add("version", recording.version);
@@ -122,7 +122,7 @@ int DescribeFile(const std::string& file) {
     constexpr std::size_t MOST_GAPS = 10000;
     RecordingReader reader(file);
     const std::vector<Gap> gaps = reader.Gaps(MOST_GAPS);
-    Print(IsJson() ? ToJson(file, reader.About(), gaps) + '\n' : Page(reader.About(), gaps));
+    Print(IsJson() ? RecordingJson(file, reader.About(), gaps) + '\n' : Page(reader.About(), gaps));
     return EXIT_OK;
 }
 
