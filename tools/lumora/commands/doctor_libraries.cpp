@@ -48,7 +48,7 @@ std::string FileOf(const char* function) {
     Dl_info info = {};
     void* address = dlsym(RTLD_NEXT, function);
     // RTLD_NEXT skips this program, which has functions of these names itself; see
-    // session/platform_front.cpp. In a static build only the program has them.
+    // nodes/platform_front.cpp. In a static build only the program has them.
     address = address != nullptr ? address : dlsym(RTLD_DEFAULT, function);
     return address != nullptr && dladdr(address, &info) != 0 ? RealPath(info.dli_fname) : "";
 }

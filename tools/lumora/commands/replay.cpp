@@ -5,13 +5,13 @@
 #include <functional>
 #include <memory>
 
+#include "nodes/platform_front.h"
 #include "tools/lumora/manual/command.h"
 #include "tools/lumora/os/signals.h"
 #include "tools/lumora/recording/recording_reader.h"
 #include "tools/lumora/session/client_session.h"
 #include "tools/lumora/session/device_start.h"
 #include "tools/lumora/session/inbox.h"
-#include "tools/lumora/session/platform_front.h"
 #include "tools/lumora/terminal/event_line.h"
 #include "tools/lumora/terminal/failure.h"
 #include "tools/lumora/terminal/output.h"
