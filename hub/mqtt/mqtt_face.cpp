@@ -24,31 +24,31 @@ public:
         const char* group = "MQTT";
         mSettings.name = HostName();
         mSettings.version = LUMORA_VERSION;
-        app.add_option("--mqtt", mBroker, "Hand devices to this broker")
+        app.add_option("--mqtt", mBroker, "hands devices to this MQTT broker")
             ->type_name("HOST[:PORT]")
             ->group(group);
         app.add_option("--mqtt-services", mSettings.services,
-                       "Publish the blocks of the services that match, e.g. camera@*/picture; repeatable")
+                       "only blocks of services that match, such as camera@*/picture; may be repeated")
             ->type_name("DEVICE/SERVICE")
             ->capture_default_str()
             ->group(group);
-        app.add_option("--mqtt-prefix", mSettings.prefix, "What the topics begin with")
+        app.add_option("--mqtt-prefix", mSettings.prefix, "what the topics begin with")
             ->capture_default_str()
             ->group(group);
-        app.add_option("--mqtt-name", mSettings.name, "The name of this hub; each hub needs another")
+        app.add_option("--mqtt-name", mSettings.name, "the name of this hub; each hub needs one of its own")
             ->capture_default_str()
             ->group(group);
         app.add_option("--mqtt-qos", mSettings.qos,
-                       "Of blocks: 1 repeats what is not acknowledged, 0 does not")
+                       "of blocks: 1 repeats those that a broken connection took with it, 0 does not")
             ->check(CLI::Range(0, 1))
             ->capture_default_str()
             ->group(group);
         AddSecurity(app, group);
-        app.add_option("--mqtt-home-assistant", mSettings.homeAssistant,
-                       "Announce devices to Home Assistant, at topics that begin with this")
-            ->expected(0, 1)
-            ->default_str("homeassistant")
-            ->type_name("PREFIX")
+        app.add_flag("--mqtt-home-assistant", mHomeAssistant, "announces devices to Home Assistant")
+            ->group(group);
+        app.add_option("--mqtt-home-assistant-prefix", mHomeAssistantPrefix,
+                       "what the topics of that begin with")
+            ->capture_default_str()
             ->group(group);
     }
 
@@ -60,6 +60,7 @@ public:
             throw std::runtime_error("--mqtt needs HOST or HOST:PORT, not \"" + mBroker + '"');
         }
         mSettings.tls = mSettings.tls || !mSettings.caFile.empty() || !mSettings.certificate.empty();
+        mSettings.homeAssistant = mHomeAssistant ? mHomeAssistantPrefix : "";
         const std::string problem = ProblemOf(mSettings);
         if (!problem.empty()) {
             throw std::runtime_error(problem);
@@ -69,26 +70,30 @@ public:
 
 private:
     void AddSecurity(CLI::App& app, const char* group) {
-        app.add_flag("--mqtt-tls", mSettings.tls, "Use TLS, with the certificates that this host trusts")
+        app.add_flag("--mqtt-tls", mSettings.tls, "uses TLS, with the certificates that this host trusts")
             ->group(group);
-        app.add_option("--mqtt-tls-ca", mSettings.caFile, "Use TLS, and trust the certificates in this file")
+        app.add_option("--mqtt-tls-ca", mSettings.caFile,
+                       "uses TLS, and trusts the certificates of this file only")
             ->type_name("FILE")
             ->group(group);
-        app.add_option("--mqtt-certificate", mSettings.certificate, "The hub's own certificate")
+        app.add_option("--mqtt-certificate", mSettings.certificate,
+                       "the certificate that the hub shows to the broker")
             ->type_name("FILE")
             ->group(group);
-        app.add_option("--mqtt-key", mSettings.key, "The key of that certificate")
+        app.add_option("--mqtt-key", mSettings.key, "the key of that certificate")
             ->type_name("FILE")
             ->group(group);
-        app.add_option("--mqtt-user", mSettings.user, "The hub's name at the broker")->group(group);
+        app.add_option("--mqtt-user", mSettings.user, "the user that the hub is at the broker")->group(group);
         app.add_option("--mqtt-password-file", mSettings.passwordFile,
-                       "A file with the password, which only its owner may read")
+                       "a file with the password; only its owner may be able to read it")
             ->type_name("FILE")
             ->group(group);
     }
 
     MqttSettings mSettings;
     std::string mBroker;
+    bool mHomeAssistant = false;
+    std::string mHomeAssistantPrefix = "homeassistant";
     std::unique_ptr<MqttBridge> mBridge;
 };
 
