@@ -1,0 +1,145 @@
+// How blocks of each kind are shown. Each view has a node, show(value, bytes), and draw() for the next frame.
+import {bytesText, element, numberText, setText} from "./text.js";
+import {Plot, drawSoon} from "./plot.js";
+
+class PictureView {
+  constructor(name) {
+    this.node = element("canvas", {className: "picture", role: "img", "aria-label": `Live picture of ${name}`});
+    this.isDecoding = false;
+    this.next = null;     // the newest picture that is not decoded
+    this.bitmap = null;   // the newest that is not drawn
+    this.drawn = 0;
+  }
+
+  show(type, bytes) {
+    // A picture that came while another one is decoded replaces the one that waits.
+    this.next = new Blob([bytes], {type});
+    if (!this.isDecoding) this.decode();
+  }
+
+  async decode() {
+    this.isDecoding = true;
+    while (this.next !== null && !document.hidden) {
+      const blob = this.next;
+      this.next = null;
+      try {
+        const bitmap = await createImageBitmap(blob);
+        this.bitmap?.close();
+        this.bitmap = bitmap;
+        drawSoon(this);
+      } catch {
+        setText(this.node, "This picture is damaged");
+      }
+    }
+    this.isDecoding = false;
+  }
+
+  draw() {
+    if (this.bitmap === null) return;
+    const {width, height} = this.bitmap;
+    if (this.node.width !== width || this.node.height !== height) { this.node.width = width; this.node.height = height; }
+    this.node.getContext("2d").drawImage(this.bitmap, 0, 0);
+    this.bitmap.close();
+    this.bitmap = null;
+    this.node.dataset.drawn = ++this.drawn;
+  }
+}
+
+class TextView {
+  constructor(name) {
+    this.node = element("pre", {className: "text", tabIndex: 0, role: "region", "aria-label": `Latest texts of ${name}`});
+    this.lines = [];
+  }
+  show(text) {
+    this.lines.unshift(text.length > 4000 ? `${text.slice(0, 4000)}…` : text);
+    this.lines.length = Math.min(this.lines.length, 30);
+    drawSoon(this);
+  }
+  draw() { setText(this.node, this.lines.join("\n")); }
+}
+
+class BytesView {
+  constructor(name) {
+    this.node = element("pre", {className: "hex", tabIndex: 0, role: "region", "aria-label": `First bytes of the latest block of ${name}`});
+  }
+  show(bytes) { this.bytes = bytes; drawSoon(this); }
+  draw() {
+    const rows = [`${bytesText(this.bytes.length)} (${this.bytes.length} bytes)`];
+    for (let at = 0; at < Math.min(this.bytes.length, 128); at += 8) {
+      const row = [...this.bytes.subarray(at, at + 8)];
+      const hex = row.map(byte => byte.toString(16).padStart(2, "0")).join(" ");
+      const letters = row.map(byte => byte > 31 && byte < 127 ? String.fromCharCode(byte) : "·").join("");
+      rows.push(`${at.toString(16).padStart(4, "0")}  ${hex.padEnd(23)}  ${letters}`);
+    }
+    setText(this.node, rows.join("\n"));
+  }
+}
+
+class NumbersView {
+  constructor(name) {
+    this.canvas = element("canvas", {className: "plot", role: "img", "aria-label": `Plot of ${name}`});
+    this.legend = element("ul", {className: "legend"});
+    this.node = element("div", {}, this.canvas, this.legend);
+    this.plot = new Plot(this.canvas);
+    this.marks = new Map();
+  }
+  show(numbers) {
+    this.latest = numbers;
+    for (const [name, value] of Object.entries(numbers)) this.plot.add(name, value);
+    drawSoon(this);
+  }
+  draw() {
+    for (const name of this.plot.series.keys()) {
+      if (!this.marks.has(name)) {
+        const mark = element("li", {className: `l${this.marks.size + 1}`});
+        this.marks.set(name, mark);
+        this.legend.append(mark);
+      }
+      if (name in this.latest) setText(this.marks.get(name), `${name} ${numberText(this.latest[name])}`);
+    }
+    this.canvas.dataset.points = [...this.plot.series.values()].reduce((sum, points) => sum + points.length, 0);
+  }
+}
+
+// Names and texts of an object, and of objects inside of it.
+function* flat(value, prefix = "", depth = 0) {
+  for (const [name, inner] of Object.entries(value)) {
+    if (inner !== null && typeof inner === "object" && depth < 2) yield* flat(inner, `${prefix}${name}.`, depth + 1);
+    else yield [`${prefix}${name}`, inner];
+  }
+}
+
+class FieldsView {
+  constructor(name) {
+    this.list = element("dl", {className: "fields", tabIndex: 0, role: "region", "aria-label": `Fields of ${name}`});
+    this.numbers = new NumbersView(name);
+    this.node = element("div", {}, this.list);
+    this.rows = new Map();
+  }
+  show(value) {
+    this.fields = [...flat(value)].slice(0, 40);
+    const numbers = this.fields.filter(([, inner]) => Number.isFinite(inner)).slice(0, 6);
+    if (numbers.length > 0) {
+      if (!this.numbers.node.isConnected) this.node.append(this.numbers.node);
+      this.numbers.show(Object.fromEntries(numbers));
+    }
+    drawSoon(this);
+  }
+  draw() {
+    const names = new Set(this.fields.map(([name]) => name));
+    for (const [name, row] of this.rows) {
+      if (!names.has(name)) { row.forEach(part => part.remove()); this.rows.delete(name); }
+    }
+    for (const [name, value] of this.fields) {
+      if (!this.rows.has(name)) {
+        const row = [element("dt", {textContent: name}), element("dd")];
+        this.rows.set(name, row);
+        this.list.append(...row);
+      }
+      setText(this.rows.get(name)[1], typeof value === "string" ? value : JSON.stringify(value));
+    }
+  }
+}
+
+const VIEWS = {picture: PictureView, text: TextView, bytes: BytesView, numbers: NumbersView, fields: FieldsView};
+export const viewOf = (kind, name) => new VIEWS[kind](name);

@@ -1,0 +1,60 @@
+// The latest block of a service, kept for those who ask.
+#include "hub/web/latest_blocks.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "tests/hub/support/fake_hub.h"
+
+namespace lumora_hub::web {
+namespace {
+
+class LatestBlocksTest : public testing::Test {
+protected:
+    LatestBlocksTest() { mHub.Appear("a@1", {"s", "t"}); }
+
+    lumora_hub_test::FakeHub mHub;
+    std::set<std::uint64_t> mReady;
+    LatestBlocks mLatest{
+        mHub, 2, [this](std::uint64_t number) { return [this, number] { mReady.insert(number); }; }};
+};
+
+TEST_F(LatestBlocksTest, OneSubscriptionServesAllWhoAsk) {
+    BlockPointer block;
+    EXPECT_TRUE(mLatest.Ask("a@1", "s", 1, block));
+    EXPECT_TRUE(mLatest.Ask("a@1", "s", 2, block));
+    EXPECT_EQ(nullptr, block);
+    EXPECT_EQ(1U, mHub.Consumers().size());
+    mHub.SendFromDevice("a@1", "s", "old");
+    mHub.SendFromDevice("a@1", "s", "new");
+    EXPECT_EQ(std::set<std::uint64_t>{1}, mReady);
+    EXPECT_EQ(std::make_pair(std::string("a@1"), std::string("s")), mLatest.Take(1, block));
+    EXPECT_EQ("new", block->bytes);
+    EXPECT_TRUE(mLatest.Ask("a@1", "s", 3, block));
+    EXPECT_EQ("new", block->bytes);
+}
+
+TEST_F(LatestBlocksTest, ConsumersOfOthersAreNotTaken) {
+    BlockPointer block;
+    EXPECT_EQ("", mLatest.Take(9, block).first);
+    EXPECT_EQ(nullptr, block);
+}
+
+TEST_F(LatestBlocksTest, ServicesAreLimited) {
+    BlockPointer block;
+    EXPECT_TRUE(mLatest.Ask("a@1", "s", 1, block));
+    EXPECT_TRUE(mLatest.Ask("a@1", "t", 2, block));
+    EXPECT_FALSE(mLatest.Ask("a@1", "u", 3, block));
+    mLatest.DropOld();  // all of them were asked for just now
+    EXPECT_EQ(2U, mHub.Consumers().size());
+}
+
+TEST_F(LatestBlocksTest, AFullHubIsTold) {
+    mHub.LimitConsumers(0);
+    BlockPointer block;
+    EXPECT_FALSE(mLatest.Ask("a@1", "s", 1, block));
+}
+
+}  // namespace
+}  // namespace lumora_hub::web
