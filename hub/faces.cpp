@@ -1,7 +1,7 @@
 // The faces that this program was built with.
 #include "hub/core/face.h"
 
-#ifdef LUMORA_HUB_MQTT
+#ifdef LUMORA_HUB_HAS_MQTT
 #include "hub/mqtt/mqtt_face.h"
 #endif
 #ifdef LUMORA_HUB_HAS_WEB
@@ -12,7 +12,7 @@ namespace lumora_hub {
 
 std::vector<std::unique_ptr<Face>> MakeFaces() {
     std::vector<std::unique_ptr<Face>> faces;
-#ifdef LUMORA_HUB_MQTT
+#ifdef LUMORA_HUB_HAS_MQTT
     faces.push_back(MakeMqttFace());
 #endif
 #ifdef LUMORA_HUB_HAS_WEB
