@@ -65,7 +65,7 @@ void AddDevices(const std::vector<DeviceState>& devices, std::string& out) {
 
 void AddServices(const std::vector<DeviceState>& devices, std::string& out) {
     using Field = std::uint64_t ServiceState::*;
-    const auto add = [&](const char* name, const char* help, Field field) {
+    const auto add = [&](const char* name, const char* help, const Field& field) {
         Metric metric(out, name, "counter", help);
         for (const DeviceState& device : devices) {
             for (const ServiceState& service : device.services) {
@@ -149,7 +149,8 @@ void Histogram::Print(const std::string& name, const std::string& help, std::str
     for (std::size_t at = 0; at < mCounts.size(); ++at) {
         sum += mCounts[at];
         const std::string bound = at < BOUNDS.size() ? Number(BOUNDS[at]) : "+Inf";
-        out += name + "_bucket{le=\"" + bound + "\"} " + std::to_string(sum) + "\n";
+        out.append(name).append("_bucket{le=\"").append(bound).append("\"} ");
+        out.append(std::to_string(sum)).append("\n");
     }
     out += name + "_sum " + Number(mSum) + "\n" + name + "_count " + std::to_string(sum) + "\n";
 }

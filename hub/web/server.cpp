@@ -109,15 +109,33 @@ std::string Server::Url() const {
 // The context is destroyed on this thread: its callbacks use what belongs to the thread.
 void Server::Serve() {
     mTimer.server = this;
-    Tick();
+    OnTimer(&mTimer.entry);
     while (!mIsEnding && lws_service(mContext.get(), 0) >= 0) {
     }
     lws_sul_cancel(&mTimer.entry);
 }
 
-void Server::OnTimer(lws_sorted_usec_list_t* entry) { reinterpret_cast<Timer*>(entry)->server->Tick(); }
+void Server::OnTimer(lws_sorted_usec_list_t* entry) {
+    Server* const server = reinterpret_cast<Timer*>(entry)->server;
+    try {
+        server->Tick();
+    } catch (const std::exception& error) {
+        LogInfo(WARNING, "LUMHB", __func__, __LINE__, "A second's work is left out: %s", error.what());
+    }
+    lws_sul_schedule(server->mContext.get(), 0, entry, &Server::OnTimer, TICK);
+}
 
+// The library is C, so no exception may pass through it. Lack of memory costs the connection.
 int Server::Call(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length) {
+    try {
+        return Dispatch(wsi, reason, user, in, length);
+    } catch (const std::exception& error) {
+        LogInfo(WARNING, "LUMHB", __func__, __LINE__, "A connection is closed: %s", error.what());
+        return -1;
+    }
+}
+
+int Server::Dispatch(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length) {
     auto* const server = static_cast<Server*>(lws_context_user(lws_get_context(wsi)));
     if (reason == LWS_CALLBACK_FILTER_NETWORK_CONNECTION) {
         return server->OnNetworkConnection(static_cast<int>(reinterpret_cast<std::intptr_t>(in)));
@@ -141,7 +159,7 @@ int Server::Call(lws* wsi, lws_callback_reasons reason, void* user, void* in, st
         case LWS_CALLBACK_HTTP:
             return server->OnRequest(*connection);
         case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
-            return server->OnUpgrade(*connection, static_cast<char*>(in));
+            return server->OnUpgrade(*connection, in == nullptr ? "" : static_cast<char*>(in));
         case LWS_CALLBACK_HTTP_BODY:
             return server->OnBody(*connection, bytes);
         case LWS_CALLBACK_HTTP_BODY_COMPLETION:
@@ -284,7 +302,8 @@ void Server::Take(Connection& connection, Decision decision) {
         connection.bodyBytes = decision.bodyBytes;
         Enter(connection, Connection::Phase::BODY);
     } else if (decision.kind == Decision::Kind::WAIT) {
-        Enter(connection, Connection::Phase::WAITING);
+        connection.phase = Connection::Phase::WAITING;
+        connection.deadline = Connection::Clock::now() + decision.patience;
     } else {
         TakeReply(connection, std::move(decision.reply));
     }
@@ -440,7 +459,6 @@ void Server::Tick() {
             Expire(*connection);
         }
     }
-    lws_sul_schedule(mContext.get(), 0, &mTimer.entry, &Server::OnTimer, TICK);
 }
 
 void Server::TickStream(Connection& connection) {

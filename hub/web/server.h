@@ -41,6 +41,7 @@ private:
     void Open();
     void Serve();
     static int Call(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length);
+    static int Dispatch(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t length);
     static void OnTimer(lws_sorted_usec_list_t* entry);
 
     // The results are those of the library's callback: 0 goes on, -1 closes the connection.

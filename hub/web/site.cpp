@@ -22,9 +22,10 @@ Decision Now(Reply reply) {
 
 Decision Fail(int status, const std::string& text) { return Now(Site::Error(status, text)); }
 
-Decision Later() {
+Decision Later(std::chrono::milliseconds patience) {
     Decision decision;
     decision.kind = Decision::Kind::WAIT;
+    decision.patience = patience;
     return decision;
 }
 
@@ -239,7 +240,7 @@ Decision Site::SendCommand(std::uint64_t number, const Match& match, const std::
         return Fail(503, "too many requests wait");
     }
     mHub.SendCommand(match.device, name, parameter, DoneFor(number));
-    return Later();
+    return Later(mOptions.limits.outcome);
 }
 
 Decision Site::SendBlock(std::uint64_t number, const Match& match, std::string body) {
@@ -247,7 +248,7 @@ Decision Site::SendBlock(std::uint64_t number, const Match& match, std::string b
         return Fail(503, "too many requests wait");
     }
     mHub.SendBlock(match.device, std::move(body), DoneFor(number));
-    return Later();
+    return Later(mOptions.limits.outcome);
 }
 
 Decision Site::LogIn(const Request& request, const std::string& body) {
@@ -297,7 +298,7 @@ Decision Site::Latest(std::uint64_t number, const Match& match) {
         return Now(OfBlock(block));
     }
     mAwaitingBlock[number] = {match.device, match.service};
-    return Later();
+    return Later(mOptions.limits.latest);
 }
 
 Decision Site::Stream(std::uint64_t number, const Request& request, const Match& match) {

@@ -40,6 +40,7 @@ struct Decision {
     Kind kind = Kind::REPLY;
     Reply reply;
     std::size_t bodyBytes = 0;
+    std::chrono::milliseconds patience{0};  // how long to wait; then the answer is 504
 };
 
 // Belongs to the service thread.

@@ -110,7 +110,8 @@ class PageCase(unittest.TestCase):
     def pixel(self, service="picture"):
         return self.run_script(
             "const c = document.querySelector(`[data-service=${arguments[0]}] .picture`);"
-            "return c ? [...c.getContext('2d').getImageData(c.width / 2, c.height / 2, 1, 1).data].slice(0, 3) : null", service)
+            "return c ? [...c.getContext('2d').getImageData(c.width / 2, c.height / 2, 1, 1).data].slice(0, 3) : null",
+            service)
 
 
 class Live(PageCase):
@@ -237,7 +238,8 @@ class Sending(PageCase):
         self.run_script("""
             const data = new DataTransfer();
             data.items.add(new File(["dropped"], "file"));
-            document.querySelector(".drop").dispatchEvent(new DragEvent("drop", {dataTransfer: data, cancelable: true, bubbles: true}));""")
+            const drop = new DragEvent("drop", {dataTransfer: data, cancelable: true, bubbles: true});
+            document.querySelector(".drop").dispatchEvent(drop);""")
         until(lambda: self.hub.sent[1:] == [f"block {CAMERA} 7 dropped"])
 
     def test_an_empty_block_is_not_sent(self):
@@ -383,7 +385,8 @@ class People(PageCase):
         self.open_camera()
         grounds = []
         for mode in ("light", "dark"):
-            self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": mode}]})
+            self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia",
+                                         {"features": [{"name": "prefers-color-scheme", "value": mode}]})
             ground = self.run_script("return getComputedStyle(document.documentElement).backgroundColor")
             card = self.run_script("return getComputedStyle(document.querySelector('.card')).backgroundColor")
             grounds.append(luminance(ground))

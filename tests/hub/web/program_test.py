@@ -1,0 +1,61 @@
+"""lumora-hub itself, with a device beside it: the address that it prints, a command and a block over HTTP, its end."""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import unittest
+import urllib.request
+
+from served import until
+
+PROGRAMS = pathlib.Path(sys.argv[1])
+
+
+def get(url, body=None, kind="application/json"):
+    with urllib.request.urlopen(urllib.request.Request(url, body, {"Content-Type": kind}), timeout=30) as reply:
+        return reply.read()
+
+
+class Program(unittest.TestCase):
+    def start(self, name, *options):
+        process = subprocess.Popen([PROGRAMS / name, *options], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                                   env={**os.environ, "LUMORA_LINK_INTERFACE": "lo"})
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.terminate)
+        return process
+
+    def test_it_prints_the_address_of_a_page_that_reaches_devices(self):
+        self.start("device")
+        hub = self.start("lumora-hub")
+        self.assertEqual(hub.stdout.readline(), "The page is at http://127.0.0.1:8666/\n")
+        url = "http://127.0.0.1:8666/api/devices"
+        device = until(lambda: json.loads(get(url))["devices"], what="the device")[0]
+        self.assertEqual((device["type"], device["present"]), ("echo-device", True))
+        path = f"{url}/{device['id']}"
+        self.assertEqual(json.loads(get(f"{path}/commands", b'{"name":"hello","parameter":"x"}')), {"done": True})
+        with urllib.request.urlopen(f"{path}/services/echo/events", timeout=30) as events:
+            until(lambda: json.loads(get(path))["services"][0]["consumers"] == 1)
+            until(lambda: json.loads(get(path))["channel"] == "connected")
+            until(lambda: self.echoes(path, events), what="the device's answer")
+        hub.terminate()
+        self.assertEqual(hub.wait(timeout=20), 0)
+
+    def echoes(self, path, events):
+        """Sends a block, and reads until it is back. False if the device does not have the subscription yet."""
+        get(f"{path}/data", b"a block", "application/octet-stream")
+        got = [events.readline() for _ in range(4)]
+        return got[2] == b"data: a block\n"
+
+    def test_what_cannot_be_served_ends_it_with_a_reason(self):
+        for options, reason in ((("--listen", "8666"), "needs ADDRESS:PORT"), (("--listen", "0.0.0.0:8666"), "needs a token"),
+                                (("--token-file", "/nothing"), "no token can be read")):
+            ended = subprocess.run([PROGRAMS / "lumora-hub", *options], capture_output=True, text=True, timeout=60,
+                                   env={**os.environ, "LUMORA_LINK_INTERFACE": "lo"})
+            self.assertEqual(ended.returncode, 1)
+            self.assertIn(reason, ended.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], "-v"])
