@@ -8,6 +8,7 @@
 #include "client/client_module.h"
 #include "library/callback_scope.h"
 #include "library/log.h"
+#include "link/channel_security.h"
 #include "protocol/control_documents.h"
 #include "protocol/data_frame.h"
 #include "protocol/setup_string.h"
@@ -36,6 +37,34 @@ bool LeadsToDevice(const char* operation, unsigned int handle, const RemoteDevic
         LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "Handle error, no such handle!\n");
         return false;
     }
+    return true;
+}
+
+// Looks in the device's reply for its answer to the offer. Drops the keys if it has none and the channel may
+// be plain; false if there is no channel.
+bool AgreeOnProtection(lumora::ChannelMode mode, const std::string& reply, LinkDevice& device,
+                       std::shared_ptr<lumora::ChannelKeys>& keys) {
+    constexpr char OPERATION[] = "SetupTransport";
+    if (keys == nullptr) {
+        return true;
+    }
+    const std::string answer = AnswerInReply(reply);
+    if (!answer.empty()) {
+        const bool isUnderstood = keys->Complete(answer, device.Address(), device.Port());
+        if (!isUnderstood) {
+            LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
+                          "The device's answer to the offer of a private channel is not understood.\n");
+        }
+        return isUnderstood;
+    }
+    keys.reset();
+    if (mode == lumora::ChannelMode::REQUIRE) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
+                      "A private channel is required, and the device offers none.\n");
+        return false;
+    }
+    LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION,
+                  "The device offers no private channel; it gets a plain one.\n");
     return true;
 }
 
@@ -159,11 +188,21 @@ std::shared_ptr<LumoraTransManager> LumoraClientModule::NewTransport(unsigned in
 }
 
 // Our receiving half comes first: the device connects to it while it handles the setup request, and gives up
-// if nothing listens. The sending half comes last, because the device listens only after it was asked to. If
-// the sending half fails, the device has a channel whose client is missing; the request at the end tells it
-// so, and its result is not used.
+// if nothing listens. If a later step fails, the device has a channel whose client is missing; the request at
+// the end tells it so, and its result is not used.
 int LumoraClientModule::OpenDataChannel(LumoraTransManager& transport, LinkDevice& device) {
     constexpr char OPERATION[] = "SetupTransport";
+    const lumora::ChannelMode mode = lumora::CurrentChannelMode();
+    std::string offer;
+    std::shared_ptr<lumora::ChannelKeys> keys;
+    if (mode != lumora::ChannelMode::PLAIN) {
+        keys = lumora::ChannelKeys::Offer(offer);
+        if (keys == nullptr) {
+            LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "No private channel can be offered.\n");
+            return -1;
+        }
+        transport.AwaitKeys();
+    }
     LUM_OBSERVER_S observer;  // all null: we receive through OnRecvData
     const std::string address = device.Address();
     if (transport.CreateTransports(TransType::CLIENT_RECEIVE, address, g_mDataPort + 1, observer) != 0) {
@@ -172,19 +211,39 @@ int LumoraClientModule::OpenDataChannel(LumoraTransManager& transport, LinkDevic
     }
     lumora::LumoraTransportConfig config;
     config.SetEndpoint(address, g_mDataPort);
+    config.SetOffer(std::move(offer));
     std::string reply;
     if (device.SetupMediaService(config.GetSetupString(), reply) != 0) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "SetupMediaService failed\n");
         DropTransport();
         return -1;
     }
-    if (transport.CreateTransports(TransType::CLIENT_SEND, address, g_mDataPort, observer) != 0) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Create send Transports failed!\n");
+    if (!AgreeOnProtection(mode, reply, device, keys) || OpenOwnHalf(transport, address, keys) != 0) {
         DropTransport();
         std::string unused;
         device.Put(STOP_TRANSPORT_KEY, "", unused);  // the device drops its half
         return -1;
     }
+    return 0;
+}
+
+// The sending half comes last, because the device listens only after it was asked to. A private channel
+// counts as open only when both of its connections have proven their keys.
+int LumoraClientModule::OpenOwnHalf(LumoraTransManager& transport, const std::string& address,
+                                    const std::shared_ptr<lumora::ChannelKeys>& keys) {
+    transport.UseKeys(keys);
+    LUM_OBSERVER_S observer;
+    if (transport.CreateTransports(TransType::CLIENT_SEND, address, g_mDataPort, observer) != 0) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, "SetupTransport", "Create send Transports failed!\n");
+        return -1;
+    }
+    if (keys == nullptr) {
+        return 0;
+    }
+    if (transport.WaitForPeer() != 0) {
+        return -1;
+    }
+    LUMORA_LOG_AS(lumora::LOG_STATE, "SetupTransport", "The data channel is private.\n");
     return 0;
 }
 

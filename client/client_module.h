@@ -130,6 +130,8 @@ private:
     int AnnounceClient(int clientID, unsigned int handle, lumora::LinkDevice& device) EXCLUDES(mMutex);
     std::shared_ptr<LumoraTransManager> NewTransport(unsigned int handle) EXCLUDES(mMutex);
     int OpenDataChannel(LumoraTransManager& transport, lumora::LinkDevice& device) EXCLUDES(mMutex);
+    int OpenOwnHalf(LumoraTransManager& transport, const std::string& address,
+                    const std::shared_ptr<lumora::ChannelKeys>& keys) EXCLUDES(mMutex);
     int KeepTransport(unsigned int handle, const std::shared_ptr<LumoraTransManager>& transport,
                       const std::shared_ptr<lumora::LinkDevice>& device) EXCLUDES(mMutex);
     // Stops the module's current transport and forgets it.

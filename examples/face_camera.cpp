@@ -43,7 +43,10 @@ sigset_t BlockEndSignals() {
 
 // Waits for a signal until then, and tells whether one came.
 bool Ended(const sigset_t& signals, std::chrono::steady_clock::time_point until) {
-    using namespace std::chrono;
+    using std::chrono::duration_cast;
+    using std::chrono::nanoseconds;
+    using std::chrono::seconds;
+    using std::chrono::steady_clock;
     const auto left = std::max(duration_cast<nanoseconds>(until - steady_clock::now()), nanoseconds(0));
     const auto whole = duration_cast<seconds>(left);
     timespec time = {};

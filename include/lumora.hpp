@@ -57,6 +57,8 @@
 #error "lumora.hpp needs C++17 (-std=c++17); lumora.h is for all others"
 #endif
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -199,9 +201,37 @@ struct Subscription {
     Transport transport;       ///< the client's option
 };
 
+/// Who is at the other end of a data channel.
+struct Peer {
+    bool isPrivate = false;  ///< the channel is encrypted, and the peer has proven that it holds a key
+    std::string identity;    ///< the name of that key; empty if the channel is not private
+};
+
 // ---- Not for applications
 
 namespace detail {
+
+// As link_security.h of the platform has it, which applications need not have.
+struct PlatformRequester {
+    char identity[65];
+    unsigned char node[16];
+};
+struct PlatformSecurity {
+    unsigned int size;
+    void (*others[13])();
+    int (*GetChannelPeer)(int asDevice, PlatformRequester* peer);
+};
+
+// Found while the program runs: a vendor's platform library need not have it.
+inline Peer PeerOf(bool asDevice) {
+    using Function = const PlatformSecurity* (*)();
+    static const auto find = reinterpret_cast<Function>(dlsym(RTLD_DEFAULT, "GetLinkSecurity"));
+    const PlatformSecurity* security = find != nullptr ? find() : nullptr;
+    PlatformRequester record = {};
+    const bool known = security != nullptr && security->size >= sizeof(PlatformSecurity) &&
+                       security->GetChannelPeer(asDevice ? 1 : 0, &record) == 1;
+    return known ? Peer{true, record.identity} : Peer();
+}
 
 class Category final : public std::error_category {
 public:
@@ -1258,6 +1288,13 @@ public:
                mState->Send(block, error);
     }
 
+    /// Whether the data channel is private, and with whom. The clients of a process share one channel. Not
+    /// private if the client is not connected, or if its channel has ended.
+    lumora::Peer Peer() const {
+        std::error_code error;
+        return IsConnected(error) ? detail::PeerOf(false) : lumora::Peer();
+    }
+
     /// The version of the device's library; asks the device. Errors: REFUSED.
     std::string DeviceVersion() {
         return detail::OrThrow("lumora::Client::DeviceVersion",
@@ -1421,6 +1458,9 @@ public:
     /// The clients that are subscribed to a service now, in no particular order. A device can skip the work
     /// for a service without subscribers.
     std::vector<int> Subscribers(std::string_view service) const { return mState->Subscribers(service); }
+
+    /// Whether the data channel is private, and with whom. Not private if there is none.
+    lumora::Peer Peer() const { return detail::PeerOf(true); }
 
     /// Sends a block of 1 to 1,024,000 bytes to every client that subscribed to the service, if any did.
     /// Returns when the system has taken all of it. Fails when half a second passes without any progress;

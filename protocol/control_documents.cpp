@@ -27,6 +27,23 @@ const char* const TRANSPORT_BUSY_REPLY = "busy";
 const char* const TRANSPORT_FREE_REPLY = "free";
 const char* const SETUP_SUCCESS_REPLY = "Succ";
 
+std::string SetupReply(const std::string& answer) {
+    return answer.empty() ? SETUP_SUCCESS_REPLY
+                          : std::string(R"({"r":")") + SETUP_SUCCESS_REPLY + R"(","sec":)" + answer + "}";
+}
+
+std::string AnswerInReply(const std::string& reply) {
+    std::string answer;
+    const lumora::JsonTree root = lumora::ParseJson(reply);
+    const cJSON* result = cJSON_GetObjectItemCaseSensitive(root.get(), "r");
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(root.get(), "sec");
+    if (cJSON_IsString(result) && std::strcmp(result->valuestring, SETUP_SUCCESS_REPLY) == 0 &&
+        cJSON_IsObject(item)) {
+        lumora::PrintJson(item, answer);
+    }
+    return answer;
+}
+
 namespace {
 
 // What the log calls the operations that the helpers below are pieces of.

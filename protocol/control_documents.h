@@ -54,6 +54,12 @@ int GetJsonCmd(int clientID, const char* cmd, const char* param, std::string& do
 int ParseJsonCmd(const std::string& value, int* clientID, std::string* cmd, CommandParam* param);
 int ParseSubscribeJson(const cJSON* root, const std::string& cmd, LUM_SUBSCRIBE_SERVICE_S* subscription);
 
+// The reply to a setup request: "Succ", or {"r":"Succ","sec":ANSWER} if the device takes the offer of a
+// private channel. The answer is a JSON object.
+std::string SetupReply(const std::string& answer);
+// The answer in such a reply; empty if there is none. No message.
+std::string AnswerInReply(const std::string& reply);
+
 // The service-information document of a device; no message.
 int GetServiceInfoString(const std::string& devServiceType, const std::vector<LUM_SERVICE_INFO_S>& services,
                          std::string& document);

@@ -10,6 +10,8 @@ namespace lumora {
 
 namespace {
 
+constexpr char OFFER_KEY[] = "sec";
+
 // cJSON's type code, 0 for a member that is missing.
 int TypeOf(const cJSON* item) { return item != nullptr ? item->type : 0; }
 
@@ -31,6 +33,9 @@ std::string LumoraTransportConfig::GetSetupString() {
     cJSON* endpoint = AddJsonObject(root.get(), "ep");
     if (endpoint == nullptr || cJSON_AddStringToObject(endpoint, "addr", addr.c_str()) == nullptr ||
         cJSON_AddNumberToObject(endpoint, "port", port) == nullptr) {
+        return text;
+    }
+    if (!offer.empty() && cJSON_AddRawToObject(root.get(), OFFER_KEY, offer.c_str()) == nullptr) {
         return text;
     }
     PrintJson(root.get(), text);
@@ -73,6 +78,20 @@ int LumoraTransportConfig::ParseSetupString(const std::string& setupString) {
     addr = addrItem->valuestring;
     port = portItem->valueint;
     return 1;
+}
+
+std::string TakeOffer(std::string& setupString) {
+    std::string offer;
+    const JsonTree root = ParseJson(setupString);
+    if (root == nullptr || !cJSON_IsObject(cJSON_GetObjectItemCaseSensitive(root.get(), OFFER_KEY))) {
+        return offer;
+    }
+    const JsonTree taken(cJSON_DetachItemFromObjectCaseSensitive(root.get(), OFFER_KEY));
+    std::string rest;
+    if (PrintJson(taken.get(), offer) && PrintJson(root.get(), rest)) {
+        setupString = rest;
+    }
+    return offer;
 }
 
 }  // namespace lumora

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 namespace lumora {
 
@@ -9,6 +10,9 @@ namespace lumora {
 class LumoraTransportConfig {
 public:
     void SetEndpoint(std::string address, int portNumber);
+
+    // The offer of a private channel, a JSON object, that goes along as the member "sec".
+    void SetOffer(std::string text) { offer = std::move(text); }
 
     // Empty when memory ran out.
     std::string GetSetupString();
@@ -23,6 +27,11 @@ public:
 private:
     std::string addr = "0";
     int port = 0;
+    std::string offer;
 };
+
+// Takes the offer of a private channel out of a setup string, so that the keys in it reach no log. Empty,
+// with the string as it was, if it has none.
+std::string TakeOffer(std::string& setupString);
 
 }  // namespace lumora

@@ -1,8 +1,10 @@
 // The server module's answers to the requests of clients, and to devices that leave the network.
 #include <algorithm>
+#include <utility>
 
 #include "library/callback_scope.h"
 #include "library/log.h"
+#include "link/channel_security.h"
 #include "link/smart_home_link.h"
 #include "protocol/control_documents.h"
 #include "protocol/setup_string.h"
@@ -36,6 +38,47 @@ std::shared_ptr<LumoraServiceManager> Without(const LumoraServiceManager& servic
     auto next = std::make_shared<LumoraServiceManager>(service);
     EraseFirst(next->mClientIds, clientID);
     return next;
+}
+
+// How a new channel is protected. Without keys it is plain.
+struct Agreement {
+    std::shared_ptr<lumora::ChannelKeys> keys;
+    std::string answer;
+};
+
+void LogPlainClient(bool isRequired, bool hasOffered) {
+    constexpr char OPERATION[] = "OnSetupMediaService";
+    if (isRequired && hasOffered) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
+                      "A private channel is required, and the client's offer of one cannot be answered.\n");
+    } else if (isRequired) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
+                      "A private channel is required, and the client offers none.\n");
+    } else if (hasOffered) {
+        LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION,
+                      "The client's offer of a private channel cannot be answered; it gets a plain one.\n");
+    } else {
+        LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION,
+                      "The client offers no private channel; it gets a plain one.\n");
+    }
+}
+
+// False if the channel must be private and cannot be.
+bool AgreeOnProtection(const std::string& offer, Agreement& agreement) {
+    const lumora::ChannelMode mode = lumora::CurrentChannelMode();
+    if (mode == lumora::ChannelMode::PLAIN) {
+        return true;
+    }
+    if (!offer.empty()) {
+        agreement.keys = lumora::ChannelKeys::Answer(offer, agreement.answer);
+    }
+    if (agreement.keys != nullptr) {
+        return true;
+    }
+    agreement.answer.clear();
+    const bool isRequired = mode == lumora::ChannelMode::REQUIRE;
+    LogPlainClient(isRequired, !offer.empty());
+    return !isRequired;
 }
 
 }  // namespace
@@ -289,22 +332,29 @@ int LumoraServerModule::ClearOneServerInfo(int clientID) {
 // Any client may ask, and the last one gets the channel: a client that comes back after a crash is not kept
 // out by its old channel. That one is stopped before the new one is tried, because both listen on the same
 // port, and is lost even if the new one fails. The address is the one that the request came from. The one in
-// the setup string is not used, or a request could make this device connect to any host.
+// the setup string is not used, or a request could make this device connect to any host. A client that this
+// device has no private channel with, though it must, does not cost another client its channel.
 int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::Port& port,
                                             std::string& setup) {
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
-    LUMORA_STATE("Reveived remote transport info: %s.\n", setup.c_str());
+    std::string request = setup;
+    const std::string offer = lumora::TakeOffer(request);
+    LUMORA_STATE("Reveived remote transport info: %s.\n", request.c_str());
     if (!MayChangeChannel(__func__)) {
         return -1;
     }
     LUM_TRANSPORT_E protocol = LUM_TRANSPORT_NONE;
     // There is no factory when a start failed but the platform goes on delivering requests.
     const int parsed =
-        mTransFactory != nullptr ? mTransFactory->ParseTransportsProtocol(setup, protocol) : -1;
+        mTransFactory != nullptr ? mTransFactory->ParseTransportsProtocol(request, protocol) : -1;
     if (parsed != 0) {
         LUMORA_ERROR("ParseTransportsProtocol failed!\n");
         return parsed;
+    }
+    Agreement agreement;
+    if (!AgreeOnProtection(offer, agreement)) {
+        return -1;
     }
     if (StopTransport(__func__) != 0) {
         return -1;
@@ -316,16 +366,20 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
         return -1;
     }
     lumora::LumoraTransportConfig config;
-    if (config.ParseSetupString(setup) == 0) {
-        LUMORA_ERROR("Setup String EROR: %s\n", setup.c_str());
+    if (config.ParseSetupString(request) == 0) {
+        LUMORA_ERROR("Setup String EROR: %s\n", request.c_str());
         return 0;  // the client detects the failure because the reply is not "Succ"
     }
+    transport->UseKeys(std::move(agreement.keys));
     std::string address = port.GetAddress();
     const int opened = OpenDataChannel(*transport, address, config.GetPort());
     if (opened != 0) {
         return opened;
     }
-    setup = SETUP_SUCCESS_REPLY;
+    if (!agreement.answer.empty()) {
+        LUMORA_STATE("The data channel is private.\n");
+    }
+    setup = SetupReply(agreement.answer);
     mOwner = lumora::CurrentRequester();
     mOwnerPort = port.port;
     mPublication.SetRemoteAddress(address);

@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "transport/channel_protection.h"
 #include "transport/receive_wait.h"
 
 namespace lumoraAiModule {
@@ -22,6 +23,7 @@ struct ChannelState {
     // The connection failed, so nothing can be sent any more.
     std::atomic<bool> broken{false};
     ReceiveWait receiveWait;
+    ChannelProtection protection;
 };
 
 }  // namespace lumoraAiModule

@@ -27,10 +27,10 @@ public:
     // Takes over what was accepted, if anything was. Returns the connection to use, or none while it is to be
     // waited for. Of those from elsewhere the first that is still open is held; the others are closed.
     Descriptor Choose(Descriptor accepted, in_addr from, Clock::time_point now);
-
-private:
+    // Whether a connection from there is taken at once.
     bool IsExpected(in_addr from) const;
 
+private:
     in_addr mAddress = {};
     Descriptor mFromElsewhere;
     Clock::time_point mTakeAnyFrom;

@@ -147,7 +147,7 @@ unsigned int LumoraTCPTransClient::MinimumHeadLength() const { return COMMON_HEA
 // with a short *written; the next call fails.
 int LumoraTCPTransClient::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
     const lumora::MutexLock lock(mSender.mMutex);
-    const std::shared_ptr<Descriptor> socket = mSender.Socket();
+    const std::shared_ptr<Connection> socket = mSender.Socket();
     if (socket == nullptr || mState.broken) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         *written = 0;
@@ -175,6 +175,7 @@ int LumoraTCPTransClient::StopTransports() {
     }
     // Outside of the mutex: a callback on the receive thread may be about to send.
     mReceiver.Join();
+    mState.protection.EraseKeys();
     LUMORA_STATE("The transport has been stopped.\n");
     return 0;
 }

@@ -2,8 +2,8 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -21,6 +21,7 @@ namespace {
 
 // One peer is expected. The rest is room for strangers, so that their connections do not keep the peer's out.
 constexpr int LISTEN_BACKLOG = 10;
+constexpr char WAIT_FOR_CONNECT[] = "WaitForConnect";
 // A failed send clears the running flag only; it does not shut this socket down. So a read that waits has to
 // return by itself now and then to look at the flag.
 constexpr int READ_WAIT_US = 500000;  // after it, a read that waits looks whether it shall go on
@@ -58,6 +59,7 @@ int TcpReceiver::Listen(const std::string& addr, int port, int& error) {
         const lumora::MutexLock lock(mReceiveSocketMutex);
         mStopped = false;
         mPeerHadLeft = false;
+        mPeer = Peer::AWAITED;
     }
     mExpectedPeer = ExpectedPeer(addr);
     mState.running = true;
@@ -136,7 +138,7 @@ bool TcpReceiver::AllocateReadBuffer(FrameBuffer& readBuffer) {
 }
 
 bool TcpReceiver::AcceptAndReceive(FrameBuffer& readBuffer) {
-    if (WaitForConnect(mReceiveSocket, mListenSocket) != 0) {
+    if (WaitForConnect() != 0) {
         CloseSocket();
         readBuffer.Release();
         LUMORA_LOG_AS(lumora::LOG_ERROR, ReceiveThreadName(mSide), "WaitForConnect failed!\n");
@@ -153,38 +155,114 @@ bool TcpReceiver::AcceptAndReceive(FrameBuffer& readBuffer) {
 
 // Waits as long as the module lets it: if setting up the channel fails, the module stops the transport.
 // EMFILE ends the wait too: an application without free descriptors gets no channel.
-int TcpReceiver::WaitForConnect(Descriptor& receiveSocket, const Descriptor& listenSocket) {
+int TcpReceiver::WaitForConnect() {
+    const ChannelProtection::Decision decision = mState.protection.Current();
+    PeerCandidates candidates(mSide == Side::CLIENT ? lumora::ChannelKeys::Direction::TO_CLIENT
+                                                    : lumora::ChannelKeys::Direction::TO_DEVICE,
+                              mExpectedPeer);
+    const bool isPlain = decision.isMade && decision.keys == nullptr;
+    return isPlain ? WaitForAnyPeer(candidates) : WaitForProvenPeer(candidates);
+}
+
+// A plain channel knows its peer by the address alone. Connections that were accepted before it was known to
+// be plain come first.
+int TcpReceiver::WaitForAnyPeer(PeerCandidates& candidates) {
     mExpectedPeer.Begin(ExpectedPeer::Clock::now());
     while (mState.running) {
         in_addr from = {};
-        Descriptor accepted = AcceptConnection(listenSocket, from);
+        Descriptor accepted = candidates.TakeOne(from);
+        if (!accepted.IsOpen()) {
+            accepted = AcceptConnection(mListenSocket, from);
+        }
         const bool isAccepted = accepted.IsOpen();
         const int error = errno;
-        Descriptor connection = mExpectedPeer.Choose(std::move(accepted), from, ExpectedPeer::Clock::now());
-        if (connection.IsOpen()) {
-            TuneConnection(connection);
-            LimitReadWaits(connection, READ_WAIT_US);
-            const lumora::MutexLock lock(mReceiveSocketMutex);
-            receiveSocket = std::move(connection);
+        if (UseIfExpected(std::move(accepted), from)) {
             return 0;
         }
         if (isAccepted) {  // from elsewhere: the expected one may be right behind it
             continue;
         }
         if (error != EAGAIN) {
-            LUMORA_ERROR("accept socket error: %s(errno: %d)\n", ErrorText(error).c_str(), error);
+            LUMORA_LOG_AS(lumora::LOG_ERROR, WAIT_FOR_CONNECT, "accept socket error: %s(errno: %d)\n",
+                          ErrorText(error).c_str(), error);
             return -1;
         }
-        LUMORA_DETAIL("wait for connections\n");
-        PauseUntilReady(listenSocket.Number(), POLLIN, ACCEPT_PAUSE_MS);
+        LUMORA_LOG_AS(lumora::LOG_DETAIL, WAIT_FOR_CONNECT, "wait for connections\n");
+        PauseUntilReady(mListenSocket.Number(), POLLIN, ACCEPT_PAUSE_MS);
     }
     return 0;
+}
+
+bool TcpReceiver::UseIfExpected(Descriptor accepted, in_addr from) {
+    Descriptor connection = mExpectedPeer.Choose(std::move(accepted), from, ExpectedPeer::Clock::now());
+    if (!connection.IsOpen()) {
+        return false;
+    }
+    TuneConnection(connection);
+    LimitReadWaits(connection, READ_WAIT_US);
+    return TakePeer(Connection(std::move(connection)));
+}
+
+bool TcpReceiver::TakePeer(Connection connection) {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    mReceiveSocket = std::move(connection);
+    mPeer = Peer::CAME;
+    mPeerChanged.NotifyAll();
+    return true;
+}
+
+// The thread has two handshakes to go on with, so neither blocks:
+//   device          connects to the client and begins one while it handles the setup request
+//   client          answers it when the reply to that request has brought the keys
+//   client          then connects to the device and begins the other
+int TcpReceiver::WaitForProvenPeer(PeerCandidates& candidates) {
+    std::array<pollfd, PeerCandidates::MOST + 2> watched = {};
+    bool hasPeer = false;
+    while (mState.running) {
+        const ChannelProtection::Decision decision = mState.protection.Current();
+        if (decision.isMade && decision.keys == nullptr) {
+            return WaitForAnyPeer(candidates);
+        }
+        if (!hasPeer) {
+            const auto now = PeerCandidates::Clock::now();
+            if (!candidates.Accept(mListenSocket, now)) {
+                const int error = errno;
+                LUMORA_LOG_AS(lumora::LOG_ERROR, WAIT_FOR_CONNECT, "accept socket error: %s(errno: %d)\n",
+                              ErrorText(error).c_str(), error);
+                return -1;
+            }
+            Connection peer;
+            hasPeer = decision.isMade && candidates.FindPeer(*decision.keys, now, peer);
+            if (hasPeer) {
+                TakePeer(std::move(peer));
+                candidates.Close();
+            }
+        }
+        candidates.Watch(mListenSocket, watched.data());
+        watched[PeerCandidates::MOST].fd = hasPeer ? -1 : watched[PeerCandidates::MOST].fd;
+        watched.back().fd = -1;
+        if (!mHandler.GoOnWithSending(watched.back()) && hasPeer) {
+            return 0;
+        }
+        poll(watched.data(), watched.size(), ACCEPT_PAUSE_MS);
+    }
+    return 0;
+}
+
+bool TcpReceiver::WaitForPeer(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    while (mPeer == Peer::AWAITED && std::chrono::steady_clock::now() < deadline) {
+        mPeerChanged.WaitUntil(mReceiveSocketMutex, deadline);
+    }
+    return mPeer == Peer::CAME;
 }
 
 // Ends when the connection does, when the transport is stopped, or when a send failed.
 void TcpReceiver::ReceiveLoop(char* readBuffer) {
     mWouldBlockReads = 0;
-    bool dataCame = false;
+    // Bytes behind a handshake may have been read with it, and the wait would not see them.
+    bool dataCame = mReceiveSocket.HasPending();
     while (mState.running) {
         if (!ReceiveOnce(readBuffer, dataCame)) {
             return;
@@ -195,7 +273,8 @@ void TcpReceiver::ReceiveLoop(char* readBuffer) {
 
 // While data keeps arriving, the thread blocks in read() (SO_RCVTIMEO) instead of select() and read(): one
 // system call less for each piece. A read that comes back empty-handed from such a wait does not count
-// against the budget: nothing had promised it data. False ends the loop.
+// against the budget: nothing had promised it data. Nor does one on a protected connection, where data that
+// came may be a part of a piece that cannot be read yet. False ends the loop.
 bool TcpReceiver::ReceiveOnce(char* readBuffer, bool& dataCame) {
     const ReceiveWait::Result result = dataCame ? ReceiveWait::Result::READABLE : WaitForData();
     if (result != ReceiveWait::Result::READABLE) {
@@ -209,7 +288,13 @@ bool TcpReceiver::ReceiveOnce(char* readBuffer, bool& dataCame) {
     }
     const int error = errno;
     const bool waited = std::exchange(dataCame, false);
-    if (waited && WouldBlock(error)) {  // the wait ran out, or the process was halted meanwhile
+    if ((waited || mReceiveSocket.IsProtected()) && WouldBlock(error)) {
+        // The wait ran out, or the process was halted meanwhile. A protected connection may have to write
+        // before it can read on.
+        if (mReceiveSocket.IsProtected() && mReceiveSocket.Wanted() == POLLOUT) {
+            dataCame = true;
+            PauseUntilReady(mReceiveSocket.Socket().Number(), POLLOUT, LOST_PEER_PAUSE_MS);
+        }
         return true;
     }
     return !HasBeenStopped() && OnNothingRead(error);
@@ -217,7 +302,7 @@ bool TcpReceiver::ReceiveOnce(char* readBuffer, bool& dataCame) {
 
 // OnWaitEnded may make system calls, so errno is saved before it.
 ReceiveWait::Result TcpReceiver::WaitForData() {
-    const ReceiveWait::Result result = mState.receiveWait.ForData(mReceiveSocket);
+    const ReceiveWait::Result result = mState.receiveWait.ForData(mReceiveSocket.Socket());
     const int error = errno;
     mHandler.OnWaitEnded();
     if (result == ReceiveWait::Result::FAILED) {
@@ -233,7 +318,7 @@ ssize_t TcpReceiver::ReadSome(char* readBuffer, char*& data) {
     unsigned int most = 0;
     data = mStream.ReadPosition(readBuffer, most);
     errno = 0;  // the end of the stream leaves it alone, and must not look like a read that would block
-    const ssize_t count = read(mReceiveSocket.Number(), data, most);
+    const ssize_t count = mReceiveSocket.Read(data, most);
     if (count > 0) {
         std::memset(data + count, 0, FRAME_SPARE_LENGTH);
     }
@@ -254,7 +339,7 @@ bool TcpReceiver::HasBeenStopped() {
 void TcpReceiver::LookForLostPeer(char* readBuffer) {
     const auto deadline = std::chrono::steady_clock::now() + LOST_PEER_LOOK;
     while (!HasBeenStopped() && std::chrono::steady_clock::now() < deadline) {
-        const ssize_t count = recv(mReceiveSocket.Number(), readBuffer, READ_SIZE, MSG_DONTWAIT);
+        const ssize_t count = mReceiveSocket.ReadAtOnce(readBuffer, READ_SIZE);
         const int error = count < 0 ? errno : 0;
         if (count > 0) {
             continue;
@@ -265,7 +350,7 @@ void TcpReceiver::LookForLostPeer(char* readBuffer) {
             }
             return;
         }
-        PauseUntilReady(mReceiveSocket.Number(), POLLIN, LOST_PEER_PAUSE_MS);
+        PauseUntilReady(mReceiveSocket.Socket().Number(), POLLIN, LOST_PEER_PAUSE_MS);
     }
 }
 
@@ -273,7 +358,7 @@ void TcpReceiver::LookForLostPeer(char* readBuffer) {
 // stream error is 0.
 bool TcpReceiver::OnNothingRead(int error) {
     if (error == EAGAIN) {
-        PauseUntilReady(mReceiveSocket.Number(), POLLIN, NOTHING_READ_PAUSE_MS);
+        PauseUntilReady(mReceiveSocket.Socket().Number(), POLLIN, NOTHING_READ_PAUSE_MS);
         if (mWouldBlockReads++ <= NOTHING_READ_LIMIT) {
             return true;
         }
@@ -285,12 +370,16 @@ bool TcpReceiver::OnNothingRead(int error) {
     return false;
 }
 
-// Under the mutex, because Stop may be about to shut the socket down. After the close its number may already
-// belong to another file of the application.
+// Taken out under the mutex, because Stop may be about to shut the socket down. After the close its number
+// may already belong to another file of the application. The close itself may write, so it comes after the
+// mutex.
 void TcpReceiver::CloseSocket() {
+    Connection closed;
     const lumora::MutexLock lock(mReceiveSocketMutex);
-    mReceiveSocket.Close();
+    closed = std::move(mReceiveSocket);
     mListenSocket.Close();
+    mPeer = Peer::NONE;
+    mPeerChanged.NotifyAll();
 }
 
 // The look comes before StopReading, because our own shutdown sets POLLRDHUP as well. Only the first of
@@ -300,8 +389,8 @@ void TcpReceiver::Stop() {
     const lumora::MutexLock lock(mReceiveSocketMutex);
     mState.running = false;
     if (!std::exchange(mStopped, true) && mReceiveSocket.IsOpen()) {
-        mPeerHadLeft = HasPeerLeft(mReceiveSocket);
-        StopReading(mReceiveSocket);
+        mPeerHadLeft = HasPeerLeft(mReceiveSocket.Socket());
+        StopReading(mReceiveSocket.Socket());
     }
 }
 

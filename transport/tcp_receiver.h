@@ -4,15 +4,18 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "base/mutex.h"
 #include "transport/channel_state.h"
+#include "transport/connection.h"
 #include "transport/expected_peer.h"
 #include "transport/frame_buffer.h"
 #include "transport/frame_stream.h"
+#include "transport/peer_candidates.h"
 #include "transport/side_log.h"
 #include "transport/socket.h"
 
@@ -35,6 +38,10 @@ public:
     virtual void OnConnectionLost(int error) = 0;
     // A wait for data has ended, with data or without.
     virtual void OnWaitEnded() = 0;
+    // Called again and again while the peer of a private channel is waited for. Goes on with the handshake of
+    // the sending direction. False if there is none, or if it is over; otherwise watched receives what to
+    // wait for.
+    virtual bool GoOnWithSending(pollfd& watched) = 0;
 };
 
 class TcpReceiver {
@@ -59,6 +66,9 @@ public:
     // Waits for the receive thread's end, unless this is the receive thread itself, and closes what it used.
     void Join();
 
+    // Whether the peer is there at the latest after limit. False at once if the receive thread has ended.
+    bool WaitForPeer(std::chrono::milliseconds limit);
+
     // The rest is for the receive thread.
     bool AllocateReadBuffer(FrameBuffer& readBuffer);
     // Waits for the peer, then receives until the transport is stopped or the connection ends. False if the
@@ -70,8 +80,12 @@ public:
 private:
     int SetupReceiverSocket(int port, Descriptor& listenSocket, int& error);
     int BindAndListen(const Descriptor& socket, const sockaddr_in& address, int& error);
-    // Returns 0 with a connection, or without one if the transport is being stopped.
-    int WaitForConnect(Descriptor& receiveSocket, const Descriptor& listenSocket);
+    // Each returns 0 with a connection, or without one if the transport is being stopped.
+    int WaitForConnect();
+    int WaitForAnyPeer(PeerCandidates& candidates);
+    int WaitForProvenPeer(PeerCandidates& candidates);
+    bool TakePeer(Connection connection);
+    bool UseIfExpected(Descriptor accepted, in_addr from);
     void ReceiveLoop(char* readBuffer);
     bool ReceiveOnce(char* readBuffer, bool& dataCame);
     ReceiveWait::Result WaitForData();
@@ -91,12 +105,15 @@ private:
 
     // Written before the receive thread starts, by it, and after it has been joined.
     Descriptor mListenSocket;
-    Descriptor mReceiveSocket;  // written under mReceiveSocketMutex, besides
+    Connection mReceiveSocket;  // written under mReceiveSocketMutex, besides
 
     // A leaf lock: it keeps mReceiveSocket open while Stop shuts it down.
     lumora::Mutex mReceiveSocketMutex;
     bool mStopped GUARDED_BY(mReceiveSocketMutex) = false;
     bool mPeerHadLeft GUARDED_BY(mReceiveSocketMutex) = false;  // when Stop shut the socket down
+    enum class Peer { AWAITED, CAME, NONE };
+    Peer mPeer GUARDED_BY(mReceiveSocketMutex) = Peer::AWAITED;
+    lumora::Condition mPeerChanged;
 
     lumora::Mutex mThreadMutex;  // held while the receive thread is joined; that thread never takes it
     std::thread mReceiveThread GUARDED_BY(mThreadMutex);

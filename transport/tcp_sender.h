@@ -9,6 +9,7 @@
 
 #include "base/mutex.h"
 #include "transport/channel_state.h"
+#include "transport/connection.h"
 #include "transport/send_burst.h"
 #include "transport/side_log.h"
 #include "transport/socket.h"
@@ -23,8 +24,13 @@ public:
     // 0 or -1; error receives the errno of the step that failed, 0 if it has none.
     int SetupSenderSocket(int port, const std::string& addr, int limitSeconds, int& error);
 
+    // Goes on with the handshake of a private connection that the peer has not completed yet. False if there
+    // is none; otherwise watched receives what to wait for. A failed handshake ends both directions. For the
+    // receive thread.
+    bool GoOnWithHandshake(pollfd& watched);
+
     // Null if there is no connection.
-    std::shared_ptr<Descriptor> Socket();
+    std::shared_ptr<Connection> Socket();
     // Closes the connection. A writer that is in the middle of a send keeps the descriptor until it has
     // noticed.
     void Close() { SetSocket(nullptr); }
@@ -38,7 +44,7 @@ public:
 
     // Writes until all is written or the channel breaks: a retry budget bounds it, not a time-out. -1 only
     // for a broken connection; a spent budget shows in *written.
-    int WriteAll(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, unsigned int* written)
+    int WriteAll(const std::shared_ptr<Connection>& socket, const FrameParts& frame, unsigned int* written)
         REQUIRES(mMutex);
 
     // Sends the small frames that wait in the kernel for others. Any thread may call it.
@@ -46,13 +52,12 @@ public:
 
 private:
     bool MayWrite() const;
-    int Write(const std::shared_ptr<Descriptor>& socket, const FrameParts& frame, int flags,
+    int Write(const std::shared_ptr<Connection>& socket, const FrameParts& frame, int flags,
               unsigned int* written);
-    static ssize_t WriteFrom(const Descriptor& socket, const FrameParts& frame, unsigned int offset,
-                             int flags);
+    int BeginHandshake(Connection& connection, const lumora::ChannelKeys& keys);
     void OnHeldBack();
-    bool PauseBeforeNextWrite(const Descriptor& socket, int error, unsigned int& wouldBlockWrites);
-    void SetSocket(std::shared_ptr<Descriptor> socket);
+    bool PauseBeforeNextWrite(const Connection& socket, int error, unsigned int& wouldBlockWrites);
+    void SetSocket(std::shared_ptr<Connection> socket);
 
     const Side mSide;
     ChannelState& mState;
@@ -62,7 +67,7 @@ private:
     std::atomic<bool> mHoldsBack{false};
 
     lumora::Mutex mSocketMutex;  // a leaf lock
-    std::shared_ptr<Descriptor> mSocket GUARDED_BY(mSocketMutex);
+    std::shared_ptr<Connection> mSocket GUARDED_BY(mSocketMutex);
 };
 
 }  // namespace lumoraAiModule

@@ -171,15 +171,15 @@ unsigned int LumoraTCPTransServer::PendingFrameLength(const char* data, unsigned
 
 unsigned int LumoraTCPTransServer::MinimumHeadLength() const { return CLIENT_FRAME_HEAD_LENGTH; }
 
-// Before the channel has ever been connected *written stays as it is, unlike after a break: the caller has
-// set it to 0 already.
+// Before the channel has ever been connected, or while its handshake goes on, *written stays as it is, unlike
+// after a break: the caller has set it to 0 already.
 int LumoraTCPTransServer::SendFrame(const FrameParts& frame, unsigned int* written, unsigned int) {
     const lumora::MutexLock lock(mSender.mMutex);
-    if (!mConnected) {
+    const std::shared_ptr<Connection> socket = mSender.Socket();
+    if (!mConnected || (socket != nullptr && !socket->IsReady())) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         return -1;
     }
-    const std::shared_ptr<Descriptor> socket = mSender.Socket();
     if (socket == nullptr || mState.broken) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, SEND_DATA, "No transport channel created, please connect first.\n");
         *written = 0;
@@ -200,6 +200,7 @@ int LumoraTCPTransServer::StopTransports() {
     }
     // Outside of the mutex: OnData on the receive thread may be about to send.
     mReceiver.Join();
+    mState.protection.EraseKeys();
     LUMORA_TRACE("stop transport out\n");
     return 0;
 }

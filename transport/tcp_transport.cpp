@@ -2,6 +2,7 @@
 
 #include "library/log.h"
 #include "transport/operation_names.h"
+#include "transport/peer_candidates.h"
 
 namespace lumoraAiModule {
 
@@ -18,6 +19,15 @@ int TcpTransport::GetTransStatus(LUM_TRANSPORT_STATUS_E& status) {
     status = mTransStatus;
     LUMORA_DETAIL("mTransStatus :%d \n", static_cast<int>(status));
     return 0;
+}
+
+int TcpTransport::WaitForPeer() {
+    if (mReceiver.WaitForPeer(PeerCandidates::LIMIT)) {
+        return 0;
+    }
+    LUMORA_LOG_AS(lumora::LOG_ERROR, CREATE_TRANSPORTS,
+                  "The peer has not connected by a private connection in time.\n");
+    return -1;
 }
 
 int TcpTransport::SendData(const void* data, unsigned int length, unsigned int* written,

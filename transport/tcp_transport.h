@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "transport/channel_state.h"
 #include "transport/frame_stream.h"
@@ -27,6 +28,11 @@ public:
     int StartTransports(TransType) override { return 0; }
     int GetTransStatus(LUM_TRANSPORT_STATUS_E& status) override;
     bool IsRunning() const override { return mState.running; }
+    void AwaitKeys() override { mState.protection.Await(); }
+    void UseKeys(std::shared_ptr<lumora::ChannelKeys> keys) override {
+        mState.protection.Decide(std::move(keys));
+    }
+    int WaitForPeer() override;
     int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
 
 protected:
@@ -43,6 +49,7 @@ protected:
 
     void OnListenFailed() override { StopTransports(); }
     void OnWaitEnded() override { mSender.PushHeldBack(); }
+    bool GoOnWithSending(pollfd& watched) override { return mSender.GoOnWithHandshake(watched); }
 
     ChannelState mState;
     FrameStream mStream;

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "link/channel_security.h"
 #include "lumora.h"
 
 namespace lumoraAiModule {
@@ -59,6 +60,14 @@ public:
     virtual int SendFrame(const FrameParts& frame, unsigned int* written, unsigned int timeout);
     // Waits for its peer, or is connected with it.
     virtual bool IsRunning() const { return true; }
+
+    // A channel is plain unless one of these is called before its first direction is set up. The client calls
+    // AwaitKeys, and UseKeys when the device has answered; null means a plain channel. The device calls
+    // UseKeys.
+    virtual void AwaitKeys() {}
+    virtual void UseKeys(std::shared_ptr<lumora::ChannelKeys>) {}
+    // Waits until the receiving direction of a client's private channel has its peer. 0 or -1.
+    virtual int WaitForPeer() { return 0; }
 };
 
 // Makes transports by protocol. Has no state: any thread may use it.

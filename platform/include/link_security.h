@@ -15,7 +15,10 @@ extern "C" {
 typedef struct LinkRequester {
     /* The name of the key, NUL-terminated. Nodes may share a key. */
     char identity[65];
-    /* The same in all requests of one node, and different in those of any other. */
+    /*
+     * The same in all requests of one node, and different in those of any other. GetChannelPeer gives a
+     * device other bytes: the same for one address and port.
+     */
     unsigned char node[16];
 } LinkRequester;
 
@@ -82,20 +85,24 @@ typedef struct LinkSecurity {
     void (*FreeChannel)(LinkChannel* channel);
 
     /*
-     * Begins a connection on a connected socket. accepts tells whether this end has accepted it; the other
-     * end is the one that begins the handshake. The channel must be answered or complete. NULL without
-     * memory.
+     * Begins a connection on a connected socket, which stays open until FreeConnection: if the key of the
+     * other end is withdrawn, the platform shuts the socket down, so that waiting threads wake, and every
+     * later operation fails. accepts tells whether this end has accepted the connection; the other end is the
+     * one that begins the handshake. A channel serves any number of connections. NULL if the channel is
+     * neither answered nor complete, if its key has been withdrawn, or without memory.
      */
     LinkConnection* (*OpenConnection)(LinkChannel* channel, LinkDirection direction, int accepts, int socket);
     /* Goes on with the handshake: 1 when it is done, or one of the results above. */
     int (*Handshake)(LinkConnection* connection);
     /*
-     * As read and write; 0 of Read is an orderly end. Only after the handshake. A Write that was not done is
-     * repeated with the same bytes, though they may lie elsewhere.
+     * As read and write, and only after the handshake. Read makes one read of the socket at most, so it may
+     * want another although some bytes came; 0 is an orderly end. Write takes as many bytes as the socket
+     * does. The next Write begins with the bytes that were not taken, and at least as many of them, though
+     * they may lie elsewhere.
      */
     int (*Read)(LinkConnection* connection, void* bytes, unsigned int size);
     int (*Write)(LinkConnection* connection, const void* bytes, unsigned int size);
-    /* Whether bytes have been taken out of the socket and wait to be read. */
+    /* Whether Read has something to return without the socket: ask before waiting for the socket. */
     int (*HasPending)(LinkConnection* connection);
     /* Tells the other end that nothing follows, if the socket takes it at once. Does not close the socket. */
     void (*Shutdown)(LinkConnection* connection);

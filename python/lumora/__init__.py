@@ -32,6 +32,7 @@ from ._errors import (
     VersionUnknown,
 )
 from ._inbox import Overflow
+from ._library import Peer
 from ._services import DeviceInfo, Service, Transport
 
 __version__ = "1.1.1"
@@ -57,6 +58,7 @@ __all__ = [
     "NoClient",
     "NotConnected",
     "Overflow",
+    "Peer",
     "QueueOverflow",
     "ReceiveTimeout",
     "RegistrationFailed",

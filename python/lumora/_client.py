@@ -29,7 +29,9 @@ from ._errors import (
 )
 from ._inbox import Inbox, Overflow
 from ._library import (
+    Peer,
     block_argument,
+    channel_peer,
     library,
     milliseconds,
     name_argument,
@@ -124,6 +126,11 @@ class Client:
     @property
     def is_connected(self) -> bool:
         return self._handle != 0 and self._lost is None and not self._closed
+
+    @property
+    def peer(self) -> Peer:
+        """Whether the data channel is private, and with whom. The clients of a process share one channel."""
+        return channel_peer(as_device=False) if self.is_connected else Peer()
 
     def find(self, device_type: str, timeout: float = 2.0) -> List[DeviceInfo]:
         """Searches until devices of this type answer, up to four; DeviceNotFound if none does in time."""

@@ -19,7 +19,9 @@ from ._errors import (
 )
 from ._inbox import Inbox, Overflow
 from ._library import (
+    Peer,
     block_argument,
+    channel_peer,
     library,
     milliseconds,
     name_argument,
@@ -108,6 +110,11 @@ class Device(Taking[Event]):
     @property
     def services(self) -> Tuple[Service, ...]:
         return self._services
+
+    @property
+    def peer(self) -> Peer:
+        """Whether the data channel is private, and with whom."""
+        return channel_peer(as_device=True)
 
     def subscribers(self, service: str) -> FrozenSet[int]:
         """The clients that are subscribed to this service, also if the event has not been taken yet."""

@@ -6,6 +6,7 @@ import ctypes
 import functools
 import math
 import os
+from dataclasses import dataclass
 from typing import Any, Tuple
 
 from ._errors import LibraryNotFound
@@ -34,6 +35,43 @@ def library() -> ctypes.CDLL:
             f"{name} cannot be used: {reason}; install it, or let LUMORA_LIBRARY name its file"
         ) from None
     return loaded
+
+
+class _Requester(ctypes.Structure):
+    _fields_ = [("identity", ctypes.c_char * 65), ("node", ctypes.c_ubyte * 16)]
+
+
+class _Security(ctypes.Structure):
+    """LinkSecurity of the platform's link_security.h."""
+
+    _fields_ = [
+        ("size", ctypes.c_uint),
+        ("others", ctypes.c_void_p * 13),
+        ("get_channel_peer", ctypes.CFUNCTYPE(_INT, _INT, ctypes.POINTER(_Requester))),
+    ]
+
+
+@dataclass(frozen=True)
+class Peer:
+    """Who is at the other end of a data channel."""
+
+    is_private: bool = False  #: the channel is encrypted, and the peer has proven that it holds a key
+    identity: str = ""  #: the name of that key
+
+
+def channel_peer(as_device: bool) -> Peer:
+    try:
+        find = library().GetLinkSecurity  # of the platform's library; a vendor's need not have it
+    except AttributeError:
+        return Peer()
+    find.restype = ctypes.POINTER(_Security)
+    table = find()
+    requester = _Requester()
+    if not table or table.contents.size < ctypes.sizeof(_Security):
+        return Peer()
+    if table.contents.get_channel_peer(int(as_device), ctypes.byref(requester)) != 1:
+        return Peer()
+    return Peer(True, text_of(requester.identity))
 
 
 def log_error(function: str, line: int, text: str) -> None:

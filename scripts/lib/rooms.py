@@ -19,8 +19,8 @@ PICTURE = ROOT / "docs" / "generated" / "rooms.svg"
 # Each built file and its folders, in the order of the picture.
 GROUPS = {
     "liblumora_cpp.so": ["api", "client", "server", "transport", "link", "version", "protocol", "library"],
-    "liblumora.so": ["platform/link", "platform/link/capi", "platform/link/io", "platform/link/core",
-                     "platform/link/wire"],
+    "liblumora.so": ["platform/link", "platform/link/capi", "platform/link/io", "platform/link/channel",
+                     "platform/link/core", "platform/link/wire"],
     "liblink_log.so": ["platform/log"],
     "libsecurec.so": ["platform/securec"],
     "lumora": ["tools/lumora", "tools/lumora/commands", "tools/lumora/recording", "tools/lumora/session",

@@ -1,6 +1,8 @@
 // lumora::Client: what it makes of the client side's functions.
+#include <cstddef>
 #include <thread>
 
+#include "platform/include/link_security.h"
 #include "tests/api/cpp_fixture.h"
 #include "tests/support/eventually.h"
 
@@ -640,6 +642,22 @@ TEST_F(CppClientTest, TellsBothVersions) {
     Connect(client);
     EXPECT_NE("", client.LibraryVersion());
     EXPECT_EQ("1.1.1", client.DeviceVersion());  // as the fake answers
+}
+
+// lumora.hpp repeats the platform's record, because applications need not have its header.
+static_assert(sizeof(lumora::detail::PlatformRequester) == sizeof(LinkRequester));
+static_assert(offsetof(lumora::detail::PlatformSecurity, GetChannelPeer) ==
+              offsetof(LinkSecurity, GetChannelPeer));
+static_assert(sizeof(lumora::detail::PlatformSecurity) >=
+              offsetof(LinkSecurity, GetChannelPeer) + sizeof(void*));
+
+TEST_F(CppClientTest, AChannelOfAPlatformWithoutKeysIsNotPrivate) {
+    Client client("viewer");
+    EXPECT_FALSE(client.Peer().isPrivate);
+    Connect(client);
+    EXPECT_FALSE(client.Peer().isPrivate);
+    EXPECT_EQ(client.Peer().identity, "");
+    EXPECT_FALSE(Device("camera").Peer().isPrivate);
 }
 
 }  // namespace

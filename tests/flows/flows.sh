@@ -8,7 +8,8 @@
 # A combination is a list of options of tests/flows/flow_client.h, joined by commas: size=1000000,search,command=400.
 # With "silent" another device of the network is halted most of the time, and a bystander on a host of its own keeps
 # trying to connect to it. "all" is every combination. Options in LUMORA_FLOW_OPTIONS, joined by commas, too, hold
-# if a combination does not name them; with LUMORA_FLOW_FIGURES the figures of good flows are written as well.
+# if a combination does not name them; with LUMORA_FLOW_FIGURES the figures of good flows are written as well, with
+# LUMORA_FLOW_PRIVATE the data channels are private.
 # Ends with 77 if namespaces are not permitted. Nothing leaves the namespaces it makes.
 set -u
 # shellcheck source-path=SCRIPTDIR
@@ -155,7 +156,11 @@ for host in 1 2 3 4; do
 done
 export LUMORA_LINK_INTERFACE=eth0
 : "${LUMORA_FLOW_OPTIONS:=}"
-unset LUMORA_LINK_PEERS LUMORA_LINK_PORT LUMORA_LINK_PSK_FILE LUMORA_LOG_FILE
+unset LUMORA_LINK_PEERS LUMORA_LINK_PORT LUMORA_LINK_PSK_FILE LUMORA_LINK_CHANNEL LUMORA_LOG_FILE
+if [ -n "${LUMORA_FLOW_PRIVATE:-}" ]; then
+    (umask 077 && echo "flow:5f0c3e5f0c3e5f0c3e5f0c3e5f0c3e5f" >"$work/key")
+    export LUMORA_LINK_PSK_FILE=$work/key LUMORA_LINK_CHANNEL=require
+fi
 [ "$*" != all ] || mapfile -t combinations < <(every_combination)
 for combination in "${combinations[@]-$@}"; do
     run_combination "$combination"

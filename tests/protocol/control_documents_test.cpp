@@ -206,5 +206,20 @@ TEST_F(CommandDocumentTest, LackOfMemoryForTheTextLeaksNoTree) {
     EXPECT_EQ(0, memory.Live());
 }
 
+TEST(SetupReplyTest, SaysSuccAloneOrWithAnAnswer) {
+    EXPECT_EQ("Succ", SetupReply(""));
+    EXPECT_EQ(R"({"r":"Succ","sec":{"v":1}})", SetupReply(R"({"v":1})"));
+}
+
+TEST(SetupReplyTest, AnswerIsReadBack) { EXPECT_EQ(R"({"v":1})", AnswerInReply(SetupReply(R"({"v":1})"))); }
+
+TEST(SetupReplyTest, OtherRepliesHaveNoAnswer) {
+    for (const char* reply :
+         {"", "Succ", "[]", "5", R"({"r":"Succ"})", R"({"sec":{}})", R"({"r":"no","sec":{}})",
+          R"({"r":1,"sec":{}})", R"({"r":"Succ","sec":"text"})"}) {
+        EXPECT_EQ("", AnswerInReply(reply)) << reply;
+    }
+}
+
 }  // namespace
 }  // namespace lumoraAiModule

@@ -129,6 +129,32 @@ void Free(void* memory) {
     std::free(memory);
 }
 
+TEST_F(TransportConfigTest, OfferIsTheLastMember) {
+    mConfig.SetEndpoint("10.0.0.2", 5000);
+    mConfig.SetOffer(R"({"v":1})");
+    EXPECT_EQ(R"({"p":2,"ep":{"addr":"10.0.0.2","port":5000},"sec":{"v":1}})", mConfig.GetSetupString());
+}
+
+TEST_F(TransportConfigTest, StringWithAnOfferIsReadAsOneWithout) {
+    EXPECT_EQ(1, Parse(R"({"p":2,"ep":{"addr":"10.0.0.2","port":5000},"sec":{"v":1}})"));
+    EXPECT_EQ(5000, mConfig.GetPort());
+}
+
+TEST(TakeOfferTest, OfferIsTakenOutAndTheRestIsAsItWasWithout) {
+    std::string text = R"({"p":2,"ep":{"addr":"10.0.0.2","port":5000},"sec":{"v":1,"k":"x"}})";
+    EXPECT_EQ(R"({"v":1,"k":"x"})", TakeOffer(text));
+    EXPECT_EQ(R"({"p":2,"ep":{"addr":"10.0.0.2","port":5000}})", text);
+}
+
+TEST(TakeOfferTest, StringWithoutAnOfferStays) {
+    for (const std::string whole : {"", "no document", "[]", "5", R"({ "p" : 2 })", R"({ "sec" : 5 })",
+                                    R"({ "SEC" : {} })", R"({ "sec" : [] })"}) {
+        std::string text = whole;
+        EXPECT_EQ("", TakeOffer(text));
+        EXPECT_EQ(whole, text);
+    }
+}
+
 class ShortOfMemoryTest : public TransportConfigTest {
 protected:
     ShortOfMemoryTest() {

@@ -1,30 +1,6 @@
 // Requests of several nodes, over a platform library that tells by keys which node asks.
-#include <cstring>
-
-#include "link_security.h"
 #include "tests/server/server_fixture.h"
-
-namespace {
-
-// The node that the next requests come from; 0: one that has proven nothing.
-unsigned char requesterNode = 0;
-
-int FakeGetRequester(LinkRequester* requester) {
-    if (requesterNode == 0) {
-        return 0;
-    }
-    *requester = {};
-    std::strcpy(requester->identity, "key-of-the-owner");
-    requester->node[15] = requesterNode;
-    return 1;
-}
-
-}  // namespace
-
-extern "C" const LinkSecurity* GetLinkSecurity() {
-    static const LinkSecurity security = {sizeof(LinkSecurity), FakeGetRequester};
-    return &security;
-}
+#include "tests/support/fake_security.h"
 
 namespace lumora_test {
 namespace {
@@ -47,12 +23,11 @@ protected:
     ServerOwnershipTest() {
         mTransports.next = mTransport;
         StartWith({"face"});
-        requesterNode = 1;
+        mSecurity.requesterNode = 1;
         EXPECT_EQ("Succ", RequestSetup().reply);
         EXPECT_EQ(0, Connect(3));
         EXPECT_EQ(0, Subscribe(3, "face"));
     }
-    ~ServerOwnershipTest() override { requesterNode = 0; }
 
     // Everything by which a client could lose its place.
     void ExpectRefusals() {
@@ -64,13 +39,14 @@ protected:
         EXPECT_EQ(-1, RequestSetup().result);
     }
 
+    FakeSecurity mSecurity;
     FakeTransports mTransports;
     std::shared_ptr<FakeOwnTransport> mTransport = std::make_shared<FakeOwnTransport>();
 };
 
 TEST_F(ServerOwnershipTest, AnotherNodeTouchesNoClientOfTheOwner) {
     for (const int node : {2, 0}) {
-        requesterNode = static_cast<unsigned char>(node);
+        mSecurity.requesterNode = static_cast<unsigned char>(node);
         ExpectRefusals();
     }
     EXPECT_EQ(0, mTransport->stops);
@@ -89,7 +65,7 @@ TEST_F(ServerOwnershipTest, TheOwnerMayDoAllOfIt) {
 }
 
 TEST_F(ServerOwnershipTest, AnotherNodeMayAskAndCommand) {
-    requesterNode = 2;
+    mSecurity.requesterNode = 2;
     EXPECT_EQ(0, Cmd(3, "SetMode", "night"));
     EXPECT_THAT(mApplication.Commands(), ElementsAre(Command("SetMode", "night")));
     std::string reply;
@@ -98,26 +74,26 @@ TEST_F(ServerOwnershipTest, AnotherNodeMayAskAndCommand) {
 
 TEST_F(ServerOwnershipTest, AChannelThatHasEndedIsFree) {
     mTransport->running = false;
-    requesterNode = 2;
+    mSecurity.requesterNode = 2;
     EXPECT_EQ("Succ", RequestSetup().reply);
     mTransport->running = true;
     EXPECT_EQ(0, Connect(3));
-    requesterNode = 1;
+    mSecurity.requesterNode = 1;
     ExpectRefusals();
 }
 
 TEST_F(ServerOwnershipTest, WhatWasStoppedIsFree) {
     EXPECT_EQ(0, Destroy(3));
-    requesterNode = 2;
+    mSecurity.requesterNode = 2;
     EXPECT_EQ("Succ", RequestSetup().reply);
 }
 
 TEST_F(ServerOwnershipTest, AChannelOfANodeWithoutProofBelongsToNone) {
     EXPECT_EQ(0, Destroy(3));
-    requesterNode = 0;
+    mSecurity.requesterNode = 0;
     EXPECT_EQ("Succ", RequestSetup().reply);
     EXPECT_EQ(0, Connect(3));
-    requesterNode = 2;
+    mSecurity.requesterNode = 2;
     EXPECT_EQ("Succ", RequestSetup().reply);
     EXPECT_EQ(0, Destroy(3));
 }

@@ -303,6 +303,7 @@ class SlowDisk(RecordingCase):
         self.assertIn("they came faster than they could be written", running.errors())
         info = self.info(self.path / "a.rec")
         self.assertEqual({gap["reason"] for gap in info["gaps"]}, {"too slow"})
+        self.assertLess(len(info["gaps"]), 50)
         self.assertEqual(sum(gap["lost"] for gap in info["gaps"]), ended["lost"])
         self.assertEqual(info["services"][0]["blocks"], ended["blocks"])
         # Between gaps none is missing: the blocks repeat in their order.
@@ -506,6 +507,18 @@ class Info(RecordingCase):
         self.assertIn("picture, tcp, 2 blocks, 2.0 KiB", text)
         self.assertIn("too slow, 1,234 blocks lost", text)
         self.assertIn("to the end, disconnected", text)
+
+    def test_text_shows_the_first_gaps_and_sums_up_the_others(self):
+        path = self.make("made.rec", [])
+        database = sqlite3.connect(path)
+        database.executemany("INSERT INTO gaps VALUES(?, ?, ?, 'too slow', 100)", ((i, START + i, START + i + 1)
+                                                                                   for i in range(1, 1001)))
+        database.commit()
+        database.close()
+        text = lumora("info", path).stdout
+        self.assertEqual(text.count("too slow"), 20)
+        self.assertIn("1,000 in all, 100,000 blocks lost", text)
+        self.assertEqual(len(self.info(path)["gaps"]), 1000)
 
 
 if __name__ == "__main__":

@@ -50,6 +50,8 @@ Terms Variables() {
     return {
         {"LUMORA_LINK_INTERFACE", "the network interfaces; --interface sets it"},
         {"LUMORA_LINK_PSK_FILE", "the file with the keys of this node; lumora key makes one"},
+        {"LUMORA_LINK_CHANNEL",
+         "whether data channels are private: plain, prefer (as without it) or require"},
         {"LUMORA_LOG_LEVEL", "what the libraries log; --log sets it, and nothing is logged without either"},
         {"NO_COLOR", "not empty: no colours on a terminal either"},
     };

@@ -3,8 +3,6 @@
 #include <array>
 #include <cstring>
 
-#include "platform/link/capi/security.h"
-
 namespace lumora_link {
 
 namespace {
@@ -46,7 +44,6 @@ Outcome CallHandler(const Registration& registration, const HandlerCall& call) {
     RemoteEndpoint requester = {};
     requester.address.s_addr = call.requester.host;
     requester.port = call.requester.port;
-    const CurrentCall current(call);
     const AppResource& handlers = registration.handlers;
     switch (call.method) {
         case code::GET:

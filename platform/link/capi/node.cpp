@@ -1,6 +1,7 @@
 #include "platform/link/capi/node.h"
 
 #include "platform/link/capi/handler_call.h"
+#include "platform/link/capi/security.h"
 #include "platform/link/io/run_guarded.h"
 #include "platform/link/log.h"
 
@@ -16,7 +17,10 @@ constexpr std::size_t MAX_QUEUED_EVENTS = 65536;
 Node::Node(Config config, NodeIdentity identity, Registration registration)
     : mRegistration(std::move(registration)),
       mIo(std::move(config), identity, CurrentRegistration().deviceType, *this),
-      mHandlers({[this](const HandlerCall& call) { return CallHandler(CurrentRegistration(), call); },
+      mHandlers({[this](const HandlerCall& call) {
+                     const CurrentCall current(call, mIo.Number());
+                     return CallHandler(CurrentRegistration(), call);
+                 },
                  [this](std::uint64_t ticket, Outcome outcome) { OnHandled(ticket, std::move(outcome)); }}),
       mEvents("lumora-link-evt", MAX_QUEUED_EVENTS) {}
 

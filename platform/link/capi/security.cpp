@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "platform/link/capi/channel_operations.h"
 #include "platform/link/wire/key_file.h"
 
 namespace lumora_link {
@@ -11,6 +12,7 @@ namespace lumora_link {
 namespace {
 
 thread_local const HandlerCall* currentCall = nullptr;
+thread_local NodeNumber currentNode = 0;
 
 static_assert(sizeof LinkRequester::identity == MAX_PSK_PART_BYTES + 1, "an identity and its NUL fit");
 static_assert(sizeof LinkRequester::node == sizeof(HandlerCall::Node::host) + sizeof(HandlerCall::Node::id) +
@@ -38,15 +40,31 @@ static int GetRequester(LinkRequester* requester) {
 
 }  // namespace
 
-CurrentCall::CurrentCall(const HandlerCall& call) : mFormer(currentCall) { currentCall = &call; }
+CurrentCall::CurrentCall(const HandlerCall& call, NodeNumber node)
+    : mFormer(currentCall), mFormerNode(currentNode) {
+    currentCall = &call;
+    currentNode = node;
+}
 
-CurrentCall::~CurrentCall() { currentCall = mFormer; }
+CurrentCall::~CurrentCall() {
+    currentCall = mFormer;
+    currentNode = mFormerNode;
+}
+
+std::optional<ProvenPeer> CurrentPeer() {
+    LinkRequester requester = {};
+    return GetRequester(&requester) == 1 ? PeerRegistry::OfProcess().PeerOf(currentNode, requester)
+                                         : std::nullopt;
+}
 
 const LinkSecurity& SecurityOperations() {
     static const LinkSecurity operations = [] {
         LinkSecurity known = {};
-        known.size = offsetof(LinkSecurity, GetChannelMode);  // the operations on channels are missing
+        known.size = offsetof(LinkSecurity, GetChannelMode);
         known.GetRequester = GetRequester;
+#if LUMORA_LINK_HAS_CHANNELS
+        AddChannelOperations(known);
+#endif
         return known;
     }();
     return operations;

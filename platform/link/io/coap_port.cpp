@@ -501,6 +501,14 @@ void CoapPort::OnRequestOf(coap_resource_t* resource, coap_session_t* session, c
     });
 }
 
+void CoapPort::TellProof(const coap_session_t* session) const {
+    const coap_bin_const_t* identity = IsSecured() ? coap_session_get_psk_identity(session) : nullptr;
+    if (identity != nullptr && mListener.onProof) {
+        mListener.onProof(PlainPortOf(EndpointOf(coap_session_get_addr_remote(session))),
+                          std::string(TextOf(identity)));
+    }
+}
+
 CoapPort::ChannelId CoapPort::ChannelOf(const coap_session_t* session) {
     const auto* channel = static_cast<const Channel*>(coap_session_get_app_data(session));
     return channel == nullptr ? 0 : channel->id;
@@ -523,6 +531,7 @@ coap_response_t CoapPort::OnResponse(coap_session_t* session, const coap_pdu_t*,
                                       ? port->mSessions.OnAnswer(channel, answer.token, Clock::now())
                                       : std::make_optional(channel);
         if (conversation) {
+            port->TellProof(session);
             port->mListener.onAnswer(*conversation, answer);
         }
     });

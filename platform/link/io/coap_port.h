@@ -35,6 +35,8 @@ public:
         std::function<void(ConversationId, std::uint16_t messageId)> onUnacknowledged;
         // What was kept back until a session was there has been sent.
         std::function<void(ConversationId)> onReached;
+        // With a key: told before onAnswer. The peer has answered by the key of that identity.
+        std::function<void(const Endpoint& peer, const std::string& identity)> onProof;
     };
 
     explicit CoapPort(Listener listener);
@@ -48,6 +50,8 @@ public:
     bool Open(std::optional<KeyRing> keys);
     // From now on these. Sessions by others end as soon as the requests under way are answered.
     void UseKeys(KeyRing keys);
+    // Only of a port that was opened with keys.
+    const KeyRing& Keys() const { return *mKeys; }
     int Descriptor() const;
     // Serves that address too; one that is served already stays as it is.
     bool Listen(const Endpoint& endpoint);
@@ -93,6 +97,7 @@ private:
     bool IsSecured() const { return mKeys != nullptr; }
     bool HasValidKey(const coap_session_t* session) const;
     void EndRevoked();
+    void TellProof(const coap_session_t* session) const;
     bool ListenBy(coap_proto_t protocol, const Endpoint& endpoint);
     bool Open(SecuredSessions::SessionId session, const Endpoint& to) override;
     void Probe(SecuredSessions::SessionId session) override;

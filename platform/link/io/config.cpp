@@ -65,6 +65,22 @@ bool ReadRequireKey(const char* text) {
     return LUMORA_LINK_REQUIRE_KEY != 0 || (!value.empty() && value != "0");
 }
 
+// A value that cannot be read counts as a wish for safety.
+LinkChannelMode ReadChannelMode(const char* text) {
+    const std::string value = text == nullptr ? "" : text;
+    if (value.empty() || value == "prefer") {
+        return LINK_CHANNEL_PREFER;
+    }
+    if (value == "plain") {
+        return LINK_CHANNEL_PLAIN;
+    }
+    if (value != "require") {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_CHANNEL: \"%s\" is not plain, prefer or require; using require\n",
+                 text);
+    }
+    return LINK_CHANNEL_REQUIRE;
+}
+
 std::vector<Endpoint> ReadPeers(const char* text, std::uint16_t defaultPort) {
     std::vector<Endpoint> peers;
     for (const std::string& item : SplitList(text)) {
@@ -90,6 +106,7 @@ Config ReadConfig(const Environment& environment) {
         config.pskFile = pskFile;
     }
     config.requireKey = ReadRequireKey(environment("LUMORA_LINK_REQUIRE_KEY"));
+    config.channelMode = ReadChannelMode(environment("LUMORA_LINK_CHANNEL"));
     return config;
 }
 

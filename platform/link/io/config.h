@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "link_security.h"
 #include "platform/link/wire/types.h"
 
 namespace lumora_link {
@@ -17,7 +18,8 @@ struct Config {
     // LUMORA_LINK_PSK_FILE. An empty name counts as set and fails: otherwise a mistake in a script would
     // leave the node without security.
     std::optional<std::string> pskFile;
-    bool requireKey = false;  // LUMORA_LINK_REQUIRE_KEY, or the build says so
+    bool requireKey = false;                            // LUMORA_LINK_REQUIRE_KEY, or the build says so
+    LinkChannelMode channelMode = LINK_CHANNEL_PREFER;  // LUMORA_LINK_CHANNEL; means nothing without a key
 };
 
 using Environment = std::function<const char*(const char* name)>;

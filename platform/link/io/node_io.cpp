@@ -56,6 +56,7 @@ bool NodeIo::Start() {
         }
         // Closed now, not by the destructor: proxies may keep this object alive, and the kernel must answer
         // requests to the port with "port unreachable".
+        PeerRegistry::OfProcess().End(mNumber);
         mCoap.reset();
         mGroup.reset();
         mPort = PortGuard();
@@ -122,27 +123,40 @@ std::size_t NodeIo::DescriptorsOfANode() const {
     return (mConfig.pskFile ? 10U : 9U) + used.size() * DescriptorsOfAnInterface();
 }
 
-bool NodeIo::Open() {
-    if (mConfig.requireKey && !mConfig.pskFile) {
-        LINK_LOG(LEVEL_ERROR, "a key is required, and LUMORA_LINK_PSK_FILE is not set\n");
+// Of a node without a key `keys` stays empty. False, with a log line, if the keys are not as they should be.
+bool NodeIo::ReadKeys(std::optional<KeyRing>& keys) {
+    if (!mConfig.pskFile) {
+        if (mConfig.requireKey) {
+            LINK_LOG(LEVEL_ERROR, "a key is required, and LUMORA_LINK_PSK_FILE is not set\n");
+            return false;
+        }
+        if (mConfig.channelMode == LINK_CHANNEL_REQUIRE) {
+            LINK_LOG(LEVEL_ERROR, "private channels are required, and LUMORA_LINK_PSK_FILE is not set\n");
+            return false;
+        }
+        return true;
+    }
+    if (!CoapPort::CanSecure()) {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE is set, but this library was built without DTLS\n");
         return false;
     }
+    if (LUMORA_LINK_HAS_CHANNELS == 0 && mConfig.channelMode == LINK_CHANNEL_REQUIRE) {
+        LINK_LOG(LEVEL_ERROR, "private channels are required, but this library was built without them\n");
+        return false;
+    }
+    mKeyFile.emplace(*mConfig.pskFile);
+    keys = mKeyFile->Read(std::time(nullptr));
+    if (keys && keys->Own() == nullptr) {
+        LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: every key has expired\n");
+    }
+    mLookAtKeys = Clock::now() + LOOK_AT_KEYS_EVERY;
+    return keys && keys->Own() != nullptr;
+}
+
+bool NodeIo::Open() {
     std::optional<KeyRing> keys;
-    if (mConfig.pskFile) {
-        if (!CoapPort::CanSecure()) {
-            LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE is set, but this library was built without DTLS\n");
-            return false;
-        }
-        mKeyFile.emplace(*mConfig.pskFile);
-        keys = mKeyFile->Read(std::time(nullptr));
-        if (!keys) {
-            return false;
-        }
-        if (keys->Own() == nullptr) {
-            LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: every key has expired\n");
-            return false;
-        }
-        mLookAtKeys = Clock::now() + LOOK_AT_KEYS_EVERY;
+    if (!ReadKeys(keys)) {
+        return false;
     }
     // Checked before anything is opened: libcoap leaks descriptors if it cannot open all that it needs, and a
     // later failure would name another cause.
@@ -176,7 +190,10 @@ bool NodeIo::Open() {
         [this](ConversationId conversation, std::uint16_t messageId) {
             mCore.OnUnacknowledged(conversation, messageId, Clock::now());
         },
-        [this](ConversationId conversation) { mCore.OnReached(conversation, Clock::now()); }});
+        [this](ConversationId conversation) { mCore.OnReached(conversation, Clock::now()); },
+        [this](const Endpoint& peer, const std::string& identity) {
+            PeerRegistry::OfProcess().OnAnswer(mNumber, peer, identity);
+        }});
     mGroup = std::make_unique<GroupSockets>(
         mLoop, GroupSockets::Listener{
                    [this](const CoapMessage& message, const Endpoint& source, unsigned interface) {
@@ -189,9 +206,12 @@ bool NodeIo::Open() {
                            mCore.OnSearchAnswer(message, source, Clock::now());
                        }
                    }});
-    if (!mCoap->Open(std::move(keys)) || !mGroup->Open()) {
+    if (!mCoap->Open(keys) || !mGroup->Open()) {
         LINK_LOG(LEVEL_ERROR, "the sockets of a node cannot be opened\n");
         return false;
+    }
+    if (keys) {
+        PeerRegistry::OfProcess().Begin(mNumber, mConfig.channelMode, *keys);
     }
     mLoop.Watch(mCoap->Descriptor(), [this] { mCoap->Process(); });
     OpenRouteSocket();
@@ -241,6 +261,7 @@ void NodeIo::FollowKeys(TimePoint now) {
         LINK_LOG(LEVEL_ERROR, "LUMORA_LINK_PSK_FILE: every key has expired\n");
     }
     LINK_LOG(2, "LUMORA_LINK_PSK_FILE: %zu keys were read again\n", keys->Size());
+    PeerRegistry::OfProcess().UseKeys(mNumber, mCoap->Keys(), *keys);
     mCoap->UseKeys(std::move(*keys));
 }
 

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/link/channel/peer_registry.h"
 #include "platform/link/core/node_core.h"
 #include "platform/link/io/coap_port.h"
 #include "platform/link/io/config.h"
@@ -35,11 +36,14 @@ public:
     bool Start();
     // Sends a goodbye and joins the thread. Must not be called by posted work.
     void Stop();
+    // By which PeerRegistry knows the node.
+    NodeNumber Number() const { return mNumber; }
     // Runs the work on the I/O thread later. False once the node has stopped. Throws std::bad_alloc.
     bool Post(Work work);
 
 private:
     bool Open();
+    bool ReadKeys(std::optional<KeyRing>& keys);
     std::size_t DescriptorsOfAnInterface() const;
     std::size_t DescriptorsOfANode() const;
     bool OpenPorts();
@@ -59,6 +63,7 @@ private:
     void Reply(ReplyPath path, const CoapMessage& message) override;
     void Forget(ReplyPath path) override;
 
+    const NodeNumber mNumber = PeerRegistry::NewNode();
     const Config mConfig;
     std::optional<PskFile> mKeyFile;
     TimePoint mLookAtKeys = TimePoint::max();

@@ -45,6 +45,11 @@ constexpr Endpoint SecuredPortOf(const Endpoint& endpoint) {
     return {endpoint.host, static_cast<std::uint16_t>(endpoint.port + 1)};
 }
 
+// The inverse of SecuredPortOf.
+constexpr Endpoint PlainPortOf(const Endpoint& endpoint) {
+    return {endpoint.host, static_cast<std::uint16_t>(endpoint.port - 1)};
+}
+
 struct LocalInterface {
     unsigned index = 0;
     std::string name;

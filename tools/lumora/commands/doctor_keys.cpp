@@ -39,10 +39,33 @@ void LookAtKey(Findings& findings, const lumora_link::Psk& psk, std::time_t now)
     }
 }
 
-}  // namespace
+// A node reads the variable in the same way.
+void LookAtChannelMode(Findings& findings, bool hasKey) {
+    const char* text = std::getenv("LUMORA_LINK_CHANNEL");
+    const std::string mode = text == nullptr || *text == '\0' ? "prefer" : text;
+    const std::string variable = "LUMORA_LINK_CHANNEL=" + OneLine(mode);
+    if (mode != "plain" && mode != "prefer" && mode != "require") {
+        findings.push_back({Level::WARNING, KEYS,
+                            variable + " is not plain, prefer or require; require is used",
+                            "correct or unset it"});
+    }
+    const bool required = mode != "plain" && mode != "prefer";
+    if (!hasKey && required) {
+        findings.push_back(
+            {Level::FAULT, KEYS, variable + " needs a key; no node starts", "lumora key new makes one"});
+    } else if (hasKey && mode == "plain") {
+        findings.push_back({Level::WARNING, KEYS,
+                            variable + ": hosts on the way can read and change the data",
+                            "unset it, if all devices and clients have this version"});
+    } else if (hasKey) {
+        findings.push_back({Level::GOOD, KEYS,
+                            required ? "data channels are private"
+                                     : "data channels are private where the other end can do it",
+                            ""});
+    }
+}
 
-void LookAtKeys(Findings& findings) {
-    const char* path = std::getenv("LUMORA_LINK_PSK_FILE");
+void LookAtKeyFile(Findings& findings, const char* path) {
     if (path == nullptr) {
         findings.push_back({Level::NOTE, KEYS, "no key: every host on the network may ask and command",
                             "lumora key new makes one; docs/security.md tells what else there is to do"});
@@ -86,6 +109,14 @@ void LookAtKeys(Findings& findings) {
         findings.push_back(
             {Level::GOOD, KEYS, file + ": " + Count(valid, "key can be used", "keys can be used"), ""});
     }
+}
+
+}  // namespace
+
+void LookAtKeys(Findings& findings) {
+    const char* path = std::getenv("LUMORA_LINK_PSK_FILE");
+    LookAtKeyFile(findings, path);
+    LookAtChannelMode(findings, path != nullptr);
 }
 
 }  // namespace lumora_cli

@@ -80,8 +80,16 @@ std::string Page(const Recording& recording, const std::vector<Gap>& gaps) {
     for (const RecordedService& service : recording.services) {
         page += LineOf(service);
     }
-    for (const Gap& gap : gaps) {
-        page += LineOf(gap);
+    // On a slow disk there may be hundreds.
+    constexpr std::size_t MOST_SHOWN = 20;
+    std::uint64_t lost = 0;
+    for (std::size_t i = 0; i < gaps.size(); ++i) {
+        page += i < MOST_SHOWN ? LineOf(gaps[i]) : "";
+        lost += gaps[i].lost;
+    }
+    if (gaps.size() > MOST_SHOWN) {
+        page += "  gaps     " + Grouped(gaps.size()) + " in all, " + Count(lost, "block", "blocks") +
+                " lost; --json lists them\n";
     }
     return page;
 }

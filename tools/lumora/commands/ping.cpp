@@ -75,7 +75,7 @@ std::chrono::nanoseconds Quantile(const Times& sorted, double share) {
     return sorted[std::max<std::size_t>(rank, 1) - 1];
 }
 
-void PrintStatistics(unsigned sent, Times times) {
+void PrintStatistics(unsigned sent, Times times, const lumora::Peer& peer) {
     std::sort(times.begin(), times.end());
     const unsigned lost = sent - static_cast<unsigned>(times.size());
     std::vector<std::pair<const char*, std::string>> figures;
@@ -96,6 +96,8 @@ void PrintStatistics(unsigned sent, Times times) {
                       .Add("sent", sent)
                       .Add("lost", lost)
                       .AddRaw("milliseconds", milliseconds.Text())
+                      .Add("private", peer.isPrivate)
+                      .Add("peer", peer.identity)
                       .Text());
         return;
     }
@@ -103,7 +105,8 @@ void PrintStatistics(unsigned sent, Times times) {
     for (const auto& [name, figure] : figures) {
         line += ", " + std::string(name) + ' ' + figure;
     }
-    PrintLine(line + (figures.empty() ? "" : " ms"));
+    line += figures.empty() ? "" : " ms";
+    PrintLine(line + (peer.isPrivate ? ", private with " + OneLine(peer.identity) : ""));
 }
 
 int Run(const Options& options) {
@@ -130,7 +133,7 @@ int Run(const Options& options) {
         }
         PrintRound(sent, options.size, time);
     }
-    PrintStatistics(sent, times);
+    PrintStatistics(sent, times, session.Peer());
     // Without a count the command is endless, and a signal is its normal end.
     if (options.count != 0) {
         ThrowWhenStopped();
@@ -180,7 +183,9 @@ Command PingCommand() {
                     {"milliseconds.mean", "the mean"},
                     {"milliseconds.median", "the median"},
                     {"milliseconds.p99", "what 99 of 100 blocks did not exceed"},
-                    {"milliseconds.most", "the longest time"}});
+                    {"milliseconds.most", "the longest time"},
+                    {"private", "on the last line: whether the data channel is private"},
+                    {"peer", "on the last line: the name of the key by which it is private, or empty"}});
     command.Show("lumora ping echo-device --size 100K", "five blocks of 102,400 bytes");
     command.run = [options] { return Run(*options); };
     return command;

@@ -42,7 +42,7 @@ private:
     explicit Statement(const Database& database) : mDatabase(&database) {}
     void Check(int result) const;
 
-    const Database* mDatabase;
+    [[maybe_unused]] const Database* mDatabase;  // unused in a build without SQLite
     std::unique_ptr<sqlite3_stmt, Deleter> mStatement;
 };
 
@@ -77,7 +77,7 @@ private:
     [[noreturn]] void Fail(int result) const;
 
     std::string mPath;
-    Use mUse;
+    [[maybe_unused]] Use mUse;  // unused in a build without SQLite
     std::unique_ptr<sqlite3, Deleter> mHandle;
 };
 

@@ -132,7 +132,11 @@ void ClientSession::Handle() {
     // Runs on the receive thread, which must not wait. Blocks that exceed the limit are dropped and counted;
     // the user is told at the end.
     mClient.OnData([this](std::string_view service, lumora::Bytes data) {
-        if (mWaitingBytes + MemoryOf(data.size()) > MOST_WAITING_BYTES) {
+        // Once it is full, blocks are dropped until half of it is worked off: a few long gaps can be used,
+        // and thousands of short ones cannot.
+        const std::size_t limit = mDropping ? MOST_WAITING_BYTES / 2 : MOST_WAITING_BYTES;
+        mDropping = mWaitingBytes + MemoryOf(data.size()) > limit;
+        if (mDropping) {
             ++mLost;
             ++mLostSince;
             return;

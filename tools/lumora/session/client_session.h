@@ -57,6 +57,7 @@ public:
     void SendCommand(const std::string& name, const std::string& parameter);
     void Send(std::string_view bytes);
     std::string DeviceVersion();
+    lumora::Peer Peer() const { return mClient.Peer(); }
 
     // The next block; nothing when none came in time or a signal did. Throws when the connection has ended.
     std::optional<Block> Take(Deadline deadline);
@@ -91,6 +92,7 @@ private:
     std::atomic<std::size_t> mWaitingBytes{0};
     std::atomic<unsigned> mLost{0};
     std::atomic<unsigned> mLostSince{0};
+    bool mDropping = false;  // only the receive thread uses it
     lumora::Client mClient;  // the last one: no handler runs once it is gone
 };
 

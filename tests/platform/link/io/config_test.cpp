@@ -43,6 +43,19 @@ TEST(ConfigTest, AKeyIsRequiredWhereTheSettingSaysSoOrCannotBeRead) {
                 testing::HasSubstr("LUMORA_LINK_REQUIRE_KEY: \"no\" is neither 0 nor 1; using 1"));
 }
 
+TEST(ConfigTest, PrivateChannelsAreRequiredWhereTheSettingCannotBeRead) {
+    EXPECT_EQ(Read({}).channelMode, LINK_CHANNEL_PREFER);
+    EXPECT_EQ(Read({{"LUMORA_LINK_CHANNEL", ""}}).channelMode, LINK_CHANNEL_PREFER);
+    EXPECT_EQ(Read({{"LUMORA_LINK_CHANNEL", "prefer"}}).channelMode, LINK_CHANNEL_PREFER);
+    EXPECT_EQ(Read({{"LUMORA_LINK_CHANNEL", "plain"}}).channelMode, LINK_CHANNEL_PLAIN);
+    EXPECT_EQ(Read({{"LUMORA_LINK_CHANNEL", "require"}}).channelMode, LINK_CHANNEL_REQUIRE);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Read({{"LUMORA_LINK_CHANNEL", "Plain"}}).channelMode, LINK_CHANNEL_REQUIRE);
+    EXPECT_THAT(
+        testing::internal::GetCapturedStderr(),
+        testing::HasSubstr("LUMORA_LINK_CHANNEL: \"Plain\" is not plain, prefer or require; using require"));
+}
+
 TEST(ConfigTest, ReadsListsWithCommasAndBlanks) {
     const Config config = Read({{"LUMORA_LINK_INTERFACE", "eth0, wlan0,,lo"},
                                 {"LUMORA_LINK_PEERS", "192.0.2.1,192.0.2.2:7000"},
