@@ -2,8 +2,11 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <string>
@@ -17,6 +20,13 @@ namespace lumora_hub {
 
 namespace {
 
+// A type comes from the network, and must not steer the terminal.
+std::string Harmless(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char character) { return std::iscntrl(character) != 0; }, '?');
+    return text;
+}
+
 // One line for each change, so that the program is of use without a face, too.
 void PrintChange(const DeviceEvent& event) {
     const DeviceState& device = event.device;
@@ -25,9 +35,9 @@ void PrintChange(const DeviceEvent& event) {
         services += (services.empty() ? "  " : ", ") + service.name;
     }
     if (event.kind == DeviceEvent::Kind::APPEARED) {
-        std::printf("+ %s%s\n", device.id.c_str(), services.c_str());
+        std::printf("+ %s\n", Harmless(device.id + services).c_str());
     } else if (event.kind == DeviceEvent::Kind::LEFT) {
-        std::printf("- %s\n", device.id.c_str());
+        std::printf("- %s\n", Harmless(device.id).c_str());
     }
     std::fflush(stdout);
 }
@@ -39,6 +49,9 @@ sigset_t EndSignals() {
     sigaddset(&signals, SIGTERM);
     return signals;
 }
+
+// Before there are threads. The libraries log each step of a channel as a state.
+void ChooseLogLevel() { setenv("LUMORA_LOG_LEVEL", "3", 0); }
 
 int Serve(const Settings& settings, std::vector<std::unique_ptr<Face>> idle, bool list) {
     // Threads inherit the mask, so only this one gets the signals.
@@ -67,13 +80,15 @@ int Main(int count, char** words) {
     bool list = false;
     std::vector<std::unique_ptr<Face>> faces = MakeFaces();
     app.set_version_flag("--version", "lumora-hub " LUMORA_VERSION);
-    app.set_config("--config", "", "reads options from this file: lines as idle = 30, see docs/hub.md");
+    app.set_config("--config", "/etc/lumora/hub.toml",
+                   "reads options from this file: lines as idle = 30, if it is there");
     app.add_flag("--list", list, "prints a line for each device that comes or goes");
     AddCoreOptions(app, options);
     for (const std::unique_ptr<Face>& face : faces) {
         face->AddOptions(app);
     }
     CLI11_PARSE(app, count, words);
+    ChooseLogLevel();
     list = list || faces.empty();
     try {
         return Serve(SettingsOf(options), std::move(faces), list);

@@ -16,9 +16,11 @@ namespace lumora_hub {
 
 namespace {
 
-using lumora_nodes::NodeEvent;
 using lumora_nodes::FoundDevice;
+using lumora_nodes::NodeEvent;
 
+// Devices may register other services; no event tells of it.
+constexpr std::chrono::minutes REFRESH_INTERVAL{1};
 constexpr std::size_t MOST_LISTENERS = 1000;
 constexpr std::size_t MOST_REQUESTS = 1000;
 constexpr std::size_t MOST_REQUEST_BYTES = std::size_t{64} << 20;
@@ -54,6 +56,14 @@ std::vector<ServiceState> ServicesOf(const FoundDevice& found) {
         services.push_back(std::move(state));
     }
     return services;
+}
+
+bool IsSame(const std::vector<ServiceState>& some, const std::vector<ServiceState>& others) {
+    return std::equal(some.begin(), some.end(), others.begin(), others.end(),
+                      [](const ServiceState& one, const ServiceState& other) {
+                          return one.name == other.name && one.transport == other.transport &&
+                                 one.outputBytes == other.outputBytes;
+                      });
 }
 
 }  // namespace
@@ -104,6 +114,7 @@ Hub::Hub(Settings settings)
     events.onLeft = [this](const NodeEvent& node) { mLoop.Post([this, node] { OnLeft(node); }); };
     // Events that come before the thread runs wait for it.
     mWatch = std::make_unique<NetworkWatch>(mSettings.types, mSettings.devices, std::move(events));
+    RefreshLater();
     mThread = lumora::StartThread("hub", [this] { mLoop.Run(); });
 }
 
@@ -321,11 +332,15 @@ Hub::Device& Hub::AddDevice(const std::string& id) {
 void Hub::Describe(Device& device, const FoundDevice& found) {
     DeviceState& state = device.state;
     const bool came = !state.isPresent;
+    std::vector<ServiceState> services = ServicesOf(found);
+    if (!came && IsSame(services, state.services)) {
+        return;
+    }
     state.type = found.type;
     state.address = found.address;
     state.port = found.port;
     state.version = found.version;
-    state.services = ServicesOf(found);
+    state.services = std::move(services);
     if (came) {
         state.isPresent = true;
         state.since = std::chrono::system_clock::now();
@@ -362,6 +377,17 @@ void Hub::Forget(const std::string& id) {
         mBoard.Remove(id);
         Tell(DeviceEvent::Kind::FORGOTTEN, state);
     }
+}
+
+void Hub::RefreshLater() {
+    mLoop.After(REFRESH_INTERVAL, [this] {
+        for (const auto& [id, device] : mDevices) {
+            if (device.state.isPresent) {
+                mWatch->Refresh(device.state.type, device.state.address, device.state.port);
+            }
+        }
+        RefreshLater();
+    });
 }
 
 // ---- What consumers want

@@ -12,8 +12,8 @@ namespace lumora_hub {
 
 namespace {
 
-using lumora_nodes::NodeEvent;
 using lumora_nodes::FoundDevice;
+using lumora_nodes::NodeEvent;
 using lumora_nodes::RemoteDevice;
 
 const char NODE_TYPE[] = "lumora-hub";
@@ -29,6 +29,8 @@ constexpr std::array<std::chrono::milliseconds, 6> PAUSES = {
 
 // One search may miss a node.
 constexpr int SEARCHES_OF_A_CHECK = 2;
+// About a quarter of an hour. A node that no search has found until then is gone.
+constexpr int SEARCHES_OF_A_NODE = 20;
 
 bool IsSame(const NodeEvent& one, const NodeEvent& other) {
     return one.port == other.port && one.address == other.address && one.type == other.type;
@@ -62,6 +64,10 @@ NetworkWatch::~NetworkWatch() {
 
 void NetworkWatch::Check(const std::string& type, const std::string& address, int port) {
     Add({{true, address, port, type}, true, 0, Clock::now()});
+}
+
+void NetworkWatch::Refresh(const std::string& type, const std::string& address, int port) {
+    Add({{true, address, port, type}, false, 0, Clock::now()});
 }
 
 void NetworkWatch::OnEvent(NodeEvent event) {
@@ -164,7 +170,11 @@ void NetworkWatch::Search(const std::string& type, std::vector<Task> tasks) {
     for (Task& task : tasks) {
         if (task.isCheck && task.attempt + 1 >= SEARCHES_OF_A_CHECK) {
             mEvents.onLeft(task.node);
-        } else {
+            // A busy device may have missed both searches, and no event tells that it is still there.
+            task.isCheck = false;
+            task.attempt = 0;
+        }
+        if (task.attempt < SEARCHES_OF_A_NODE) {
             Again(std::move(task));
         }
     }

@@ -33,6 +33,8 @@ public:
 
     // Looks whether the node is still there. Leads to a call of onFound or onLeft.
     void Check(const std::string& type, const std::string& address, int port);
+    // Asks a device again what it offers. Leads to a call of onFound if it answers.
+    void Refresh(const std::string& type, const std::string& address, int port);
 
 private:
     using Clock = std::chrono::steady_clock;
