@@ -49,7 +49,8 @@ class Program(unittest.TestCase):
         return got[2] == b"data: a block\n"
 
     def test_what_cannot_be_served_ends_it_with_a_reason(self):
-        for options, reason in ((("--listen", "8666"), "needs ADDRESS:PORT"), (("--listen", "0.0.0.0:8666"), "needs a token"),
+        for options, reason in ((("--listen", "8666"), "needs ADDRESS:PORT"),
+                                (("--listen", "0.0.0.0:8666"), "needs a token"),
                                 (("--token-file", "/nothing"), "no token can be read")):
             ended = subprocess.run([PROGRAMS / "lumora-hub", *options], capture_output=True, text=True, timeout=60,
                                    env={**os.environ, "LUMORA_LINK_INTERFACE": "lo"})
