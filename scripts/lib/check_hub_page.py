@@ -64,6 +64,12 @@ def open_browser():
     return webdriver.Chrome(service=Service(DRIVER), options=options)
 
 
+def reduce_colors(path):
+    """To 128: a photograph in a PNG is large, and this one goes into git."""
+    from PIL import Image
+    Image.open(path).convert("RGB").quantize(128, dither=Image.Dither.NONE).save(path, optimize=True)
+
+
 def look(url, device, picture):
     page = open_browser()
     try:
@@ -81,6 +87,7 @@ def look(url, device, picture):
         if picture:
             time.sleep(PLOTS_FILL_S)
             page.save_screenshot(picture)
+            reduce_colors(picture)
             print(f"A picture of the page: {picture}")
     finally:
         page.quit()
