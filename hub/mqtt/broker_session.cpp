@@ -90,9 +90,11 @@ BlockPointer BrokerSession::NextAgain() {
 }
 
 void BrokerSession::PublishBlock(const BlockPointer& block, const std::string& topic,
-                                 MqttProperties properties) {
-    mBytesUnderWay += block->bytes.size();
+                                 MqttProperties properties) try {
     Publish({topic, block->bytes, mSettings.qos, false, std::move(properties)}, {0, block, ""});
+} catch (const std::exception&) {
+    ++mCounts.lost;
+    throw;
 }
 
 void BrokerSession::PublishText(const std::string& topic, const std::string& text, bool isRetained,
@@ -119,6 +121,7 @@ void BrokerSession::OnPublished(int number, const char* refusal) {
     }
     const UnderWay entry = std::move(*place);
     mUnderWay.erase(place);
+    mBytesUnderWay -= entry.block != nullptr ? entry.block->bytes.size() : 0;
     Finish(entry, refusal);
 }
 
@@ -165,7 +168,8 @@ void BrokerSession::Begin() {
 
 void BrokerSession::Lose(const std::string& reason) {
     const auto now = Clock::now();
-    const std::string why = reason;  // of the connection that is destroyed here
+    // reason is the connection's. It is closed when this function returns.
+    const std::unique_ptr<BrokerConnection> ended = std::move(mConnection);
     const bool wasConnected = std::exchange(mIsConnected, false);
     mIsAccepted = false;
     if (wasConnected && now >= mSince + LASTING) {
@@ -175,15 +179,14 @@ void BrokerSession::Lose(const std::string& reason) {
     mPause = std::min(mPause * 2, mSettings.lastRetry);
     mNextTry = now + pause;
     KeepBlocks();
-    mConnection.reset();
     const double seconds = static_cast<double>(pause.count()) / 1000;
     if (!wasConnected) {
         MQTT_LOG(MQTT_ERROR, "cannot connect to the broker %s: %s; next try in %.1f s\n",
-                 BrokerName().c_str(), why.c_str(), seconds);
+                 BrokerName().c_str(), reason.c_str(), seconds);
         return;
     }
-    MQTT_LOG(MQTT_WARNING, "lost the broker %s: %s; next try in %.1f s\n", BrokerName().c_str(), why.c_str(),
-             seconds);
+    MQTT_LOG(MQTT_WARNING, "lost the broker %s: %s; next try in %.1f s\n", BrokerName().c_str(),
+             reason.c_str(), seconds);
     mOwner.OnSessionLost();
 }
 
@@ -208,6 +211,7 @@ void BrokerSession::Publish(const MqttPublication& publication, UnderWay entry) 
     } else if (result == BrokerConnection::Result::DONE && mFinishedNumber == entry.number) {
         Finish(entry, nullptr);
     } else {
+        mBytesUnderWay += entry.block != nullptr ? entry.block->bytes.size() : 0;
         mUnderWay.push_back(std::move(entry));
     }
     if (result == BrokerConnection::Result::LOST) {
@@ -225,7 +229,6 @@ void BrokerSession::Finish(const UnderWay& entry, const char* refusal) {
     if (entry.block == nullptr) {
         return;
     }
-    mBytesUnderWay -= entry.block->bytes.size();
     if (refusal != nullptr) {
         ++mCounts.lost;
     } else {

@@ -87,7 +87,7 @@ Requests::Requests(DeviceHub& hub, const Topics& topics, std::shared_ptr<Wakeup>
     : mHub(hub), mTopics(topics), mShared(std::make_shared<Shared>(std::move(wakeup))) {}
 
 void Requests::Take(MqttMessage message) {
-    auto request = mTopics.Request(message.topic);
+    const auto request = mTopics.Request(message.topic);
     if (!request) {
         return;
     }
@@ -104,7 +104,7 @@ void Requests::Take(MqttMessage message) {
     } else if (!mShared->Begin(message.payload.size())) {
         Refuse(message, reply, Outcome::BUSY, "too many wait");
     } else {
-        Start(std::move(*request), std::move(message.payload), std::move(reply));
+        Start(*request, std::move(message.payload), std::move(reply));
     }
 }
 
@@ -138,7 +138,7 @@ void Requests::Refuse(const MqttMessage& message, const MqttReply& reply, Outcom
     mShared->Reply(reply, outcome);
 }
 
-void Requests::Start(RequestTopic request, std::string payload, MqttReply reply) {
+void Requests::Start(const RequestTopic& request, std::string payload, MqttReply reply) {
     {
         const lumora::MutexLock lock(mShared->mutex);
         ++(request.isCommand ? mShared->counts.commands : mShared->counts.blocks);

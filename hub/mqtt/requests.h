@@ -59,7 +59,7 @@ private:
     };
 
     void Refuse(const MqttMessage& message, const MqttReply& reply, Outcome outcome, const char* why);
-    void Start(RequestTopic request, std::string payload, MqttReply reply);
+    void Start(const RequestTopic& request, std::string payload, MqttReply reply);
 
     DeviceHub& mHub;
     const Topics& mTopics;
