@@ -55,7 +55,7 @@ bool RunMode(Pipe& pipe, const Measurement& what) {
 
 int Run(int count, char** arguments) {
     if (count == 2 && std::string(arguments[1]) == "pipes") {
-        std::puts(PIPES);
+        std::puts(Pipes().c_str());
         return 0;
     }
     Measurement what;

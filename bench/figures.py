@@ -41,17 +41,17 @@ class Comparison:
         values = self.values(*key)
         return (max(values) - min(values)) / statistics.median(values)
 
-    def ratio(self, placement, point, name, others, best=max):
+    def ratio(self, placement, point, name, others, best=max, own="lumora"):
         """Lumora as a multiple of the best of the others in the same round, the median of all rounds."""
-        ratios = self.ratios(placement, point, name, others, best)
+        ratios = self.ratios(placement, point, name, others, best, own)
         return statistics.median(ratios) if ratios else None
 
-    def ratios(self, placement, point, name, others, best=max):
+    def ratios(self, placement, point, name, others, best=max, own="lumora"):
         """The same of each round."""
-        own = self.values(placement, point, "lumora", name)
+        mine_of_rounds = self.values(placement, point, own, name)
         columns = [self.values(placement, point, other, name) for other in others]
         rivals = [best(values) for values in zip(*[column for column in columns if column])]
-        return [mine / theirs for mine, theirs in zip(own, rivals) if theirs]
+        return [mine / theirs for mine, theirs in zip(mine_of_rounds, rivals) if theirs]
 
 
 class Waits:

@@ -1,8 +1,11 @@
+#include <dlfcn.h>
+
 #include <cstdlib>
 #include <vector>
 
 #include "bench/pipe.h"
 #include "bench/records.h"
+#include "link_security.h"
 #include "lumora.h"
 
 namespace lumora_bench {
@@ -50,8 +53,17 @@ void Check(int result, const char* what) {
     }
 }
 
+// Null if the platform library makes no private channels.
+const LinkSecurity* Security() {
+    const auto get = reinterpret_cast<decltype(&GetLinkSecurity)>(dlsym(RTLD_DEFAULT, "GetLinkSecurity"));
+    const LinkSecurity* security = get != nullptr ? get() : nullptr;
+    return security != nullptr && security->size >= sizeof(LinkSecurity) ? security : nullptr;
+}
+
 class LumoraPipe : public Pipe {
 public:
+    explicit LumoraPipe(bool isPrivate) : mIsUnproven(isPrivate) {}
+
     void Open(Role role, Flow, Handler handler) override {
         mRole = role;
         g_handler = std::move(handler);
@@ -72,6 +84,9 @@ public:
         }
         if (sent != count) {
             Fail("lumora: the peer is too slow");
+        }
+        if (mIsUnproven) {
+            ProvePrivacy();
         }
     }
 
@@ -132,6 +147,16 @@ private:
               "LUM_SendCmd");
     }
 
+    // A platform library that does not know the variables would measure a plain channel.
+    void ProvePrivacy() {
+        LinkRequester peer = {};
+        if (Security() == nullptr || Security()->GetChannelPeer(mRole == Role::DEVICE ? 1 : 0, &peer) != 1) {
+            Fail("lumora: the channel is not private");
+        }
+        mIsUnproven = false;
+    }
+
+    bool mIsUnproven;
     Role mRole = Role::DEVICE;
     int mClient = 0;
     std::vector<int> mOthers;
@@ -140,6 +165,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Pipe> MakeLumoraPipe() { return std::make_unique<LumoraPipe>(); }
+bool CanBePrivate() { return Security() != nullptr; }
+
+std::unique_ptr<Pipe> MakeLumoraPipe(bool isPrivate) { return std::make_unique<LumoraPipe>(isPrivate); }
 
 }  // namespace lumora_bench

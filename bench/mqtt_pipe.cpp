@@ -10,6 +10,7 @@ namespace lumora_bench {
 namespace {
 
 constexpr int PORT = 6703;
+constexpr int TLS_PORT = 6704;
 constexpr int KEEPALIVE_S = 60;
 // Each block is acknowledged by the broker. Lumora's are not lost either.
 constexpr int QOS = 1;
@@ -25,6 +26,8 @@ void Check(int result, const char* what) {
 // Both sides are clients of a broker, which bench/compare starts. Its processor time is not counted.
 class MqttPipe : public Pipe {
 public:
+    explicit MqttPipe(bool tls) : mTls(tls) {}
+
     void Open(Role role, Flow flow, Handler handler) override {
         const bool device = role == Role::DEVICE;
         const bool receives = flow == Flow::BOTH || (flow == Flow::UP) == device;
@@ -37,7 +40,14 @@ public:
         mosquitto_message_callback_set(mClient, OnMessage);
         mosquitto_publish_callback_set(mClient, OnPublished);
         mosquitto_subscribe_callback_set(mClient, OnSubscribed);
-        Check(mosquitto_connect(mClient, host != nullptr ? host : "127.0.0.1", PORT, KEEPALIVE_S), "connect");
+        if (mTls) {
+            const char* certificate = std::getenv("LUMORA_BENCH_CERTIFICATE");
+            Check(mosquitto_tls_set(mClient, certificate, nullptr, nullptr, nullptr, nullptr), "certificate");
+            Check(mosquitto_tls_insecure_set(mClient, true), "host name");
+        }
+        Check(mosquitto_connect(mClient, host != nullptr ? host : "127.0.0.1", mTls ? TLS_PORT : PORT,
+                                KEEPALIVE_S),
+              "connect");
         Check(mosquitto_loop_start(mClient), "start");
         for (int room = 0; room < MOST_UNDER_WAY; ++room) {
             mRoom.Raise();
@@ -103,6 +113,7 @@ private:
         static_cast<MqttPipe*>(self)->mSubscribed.Raise();
     }
 
+    const bool mTls;
     Handler mHandler;
     mosquitto* mClient = nullptr;
     const char* mSendsTo = nullptr;
@@ -115,6 +126,6 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Pipe> MakeMqttPipe() { return std::make_unique<MqttPipe>(); }
+std::unique_ptr<Pipe> MakeMqttPipe(bool tls) { return std::make_unique<MqttPipe>(tls); }
 
 }  // namespace lumora_bench

@@ -2,10 +2,12 @@
 
 namespace lumora_bench {
 
-const char* const PIPES =
+namespace {
+
+constexpr const char* BUILT_PIPES =
     "lumora tcp-framed tcp-direct tcp-pair tcp-unframed"
 #ifdef LUMORA_BENCH_ZMQ
-    " zmq-pushpull zmq-pair"
+    " zmq-pushpull zmq-pair zmq-curve"
 #endif
 #ifdef LUMORA_BENCH_NNG
     " nng-pushpull nng-pair"
@@ -14,13 +16,20 @@ const char* const PIPES =
     " dds"
 #endif
 #ifdef LUMORA_BENCH_MQTT
-    " mqtt"
+    " mqtt mqtt-tls"
+#endif
+#ifdef LUMORA_BENCH_TLS
+    " tcp-tls"
 #endif
     ;
 
+}  // namespace
+
+std::string Pipes() { return std::string(BUILT_PIPES) + (CanBePrivate() ? " lumora-private" : ""); }
+
 std::unique_ptr<Pipe> MakePipe(const std::string& name) {
-    if (name == "lumora") {
-        return MakeLumoraPipe();
+    if (name == "lumora" || name == "lumora-private") {
+        return MakeLumoraPipe(name == "lumora-private");
     }
     if (name == "tcp-framed") {
         return MakeTcpPipe(TcpKind::FRAMED);
@@ -34,9 +43,17 @@ std::unique_ptr<Pipe> MakePipe(const std::string& name) {
     if (name == "tcp-unframed") {
         return MakeTcpPipe(TcpKind::UNFRAMED);
     }
+#ifdef LUMORA_BENCH_TLS
+    if (name == "tcp-tls") {
+        return MakeTcpPipe(TcpKind::FRAMED_TLS);
+    }
+#endif
 #ifdef LUMORA_BENCH_ZMQ
-    if (name == "zmq-pushpull" || name == "zmq-pair") {
-        return MakeZmqPipe(name == "zmq-pair");
+    if (name == "zmq-pushpull") {
+        return MakeZmqPipe(ZmqKind::PUSH_PULL);
+    }
+    if (name == "zmq-pair" || name == "zmq-curve") {
+        return MakeZmqPipe(name == "zmq-pair" ? ZmqKind::PAIR : ZmqKind::CURVE);
     }
 #endif
 #ifdef LUMORA_BENCH_NNG
@@ -50,8 +67,8 @@ std::unique_ptr<Pipe> MakePipe(const std::string& name) {
     }
 #endif
 #ifdef LUMORA_BENCH_MQTT
-    if (name == "mqtt") {
-        return MakeMqttPipe();
+    if (name == "mqtt" || name == "mqtt-tls") {
+        return MakeMqttPipe(name == "mqtt-tls");
     }
 #endif
     Fail("no such pipe: " + name);

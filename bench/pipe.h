@@ -19,6 +19,7 @@ using Handler = std::function<void(const char* data, std::size_t length)>;
 enum class TcpKind {
     FRAMED,         // the framing of Lumora's client frames; a thread receives, as with Lumora
     FRAMED_DIRECT,  // the same, but who exchanges a message receives the answer without a thread in between
+    FRAMED_TLS,     // as FRAMED_PAIR, by TLS 1.3
     FRAMED_PAIR,    // as FRAMED, with a connection for each direction, which is how Lumora does it
     UNFRAMED        // bytes without boundaries: what the machine can do at all
 };
@@ -35,10 +36,14 @@ public:
     virtual void Close() = 0;
 };
 
-std::unique_ptr<Pipe> MakeLumoraPipe();
+// Private: a pipe that fails if its channel is not.
+std::unique_ptr<Pipe> MakeLumoraPipe(bool isPrivate);
+// Whether the platform library can make private channels.
+bool CanBePrivate();
 std::unique_ptr<Pipe> MakeTcpPipe(TcpKind kind);
 #ifdef LUMORA_BENCH_ZMQ
-std::unique_ptr<Pipe> MakeZmqPipe(bool pair);  // PAIR, or PUSH and PULL
+enum class ZmqKind { PUSH_PULL, PAIR, CURVE };  // CURVE: PAIR, encrypted
+std::unique_ptr<Pipe> MakeZmqPipe(ZmqKind kind);
 #endif
 #ifdef LUMORA_BENCH_NNG
 std::unique_ptr<Pipe> MakeNngPipe(bool pair);
@@ -47,12 +52,12 @@ std::unique_ptr<Pipe> MakeNngPipe(bool pair);
 std::unique_ptr<Pipe> MakeDdsPipe();
 #endif
 #ifdef LUMORA_BENCH_MQTT
-std::unique_ptr<Pipe> MakeMqttPipe();
+std::unique_ptr<Pipe> MakeMqttPipe(bool tls);
 #endif
 
-// The names of the pipes that this program has.
-extern const char* const PIPES;
-// `name` is one of PIPES.
+// The names of the pipes that this program has, separated by spaces.
+std::string Pipes();
+// `name` is one of these.
 std::unique_ptr<Pipe> MakePipe(const std::string& name);
 
 }  // namespace lumora_bench

@@ -13,6 +13,9 @@
 #include <thread>
 
 #include "bench/pipe.h"
+#ifdef LUMORA_BENCH_TLS
+#include "bench/tls.h"
+#endif
 
 namespace lumora_bench {
 
@@ -101,18 +104,37 @@ public:
 
 private:
     void OpenSockets(Role role) {
+        const bool isPair = mKind == TcpKind::FRAMED_PAIR || mKind == TcpKind::FRAMED_TLS;
         if (role == Role::DEVICE) {
             mReceiveSocket = Accept(PORT);
-            mSendSocket = mKind == TcpKind::FRAMED_PAIR ? Connect(PORT + 1) : mReceiveSocket;
+            mSendSocket = isPair ? Connect(PORT + 1) : mReceiveSocket;
         } else {
             mSendSocket = Connect(PORT);
-            mReceiveSocket = mKind == TcpKind::FRAMED_PAIR ? Accept(PORT + 1) : mSendSocket;
+            mReceiveSocket = isPair ? Accept(PORT + 1) : mSendSocket;
         }
         for (const int fd : {mSendSocket, mReceiveSocket}) {
             const int on = 1;
             setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         }
+#ifdef LUMORA_BENCH_TLS
+        if (mKind == TcpKind::FRAMED_TLS) {
+            ShakeHands(role);
+        }
+#endif
     }
+
+#ifdef LUMORA_BENCH_TLS
+    // Both sides in the same order: the connection from the client comes first.
+    void ShakeHands(Role role) {
+        if (role == Role::DEVICE) {
+            mReceiveTls = std::make_unique<Tls>(mReceiveSocket, true);
+            mSendTls = std::make_unique<Tls>(mSendSocket, false);
+        } else {
+            mSendTls = std::make_unique<Tls>(mSendSocket, false);
+            mReceiveTls = std::make_unique<Tls>(mReceiveSocket, true);
+        }
+    }
+#endif
 
     static int Accept(int port) {
         const int listening = socket(AF_INET, SOCK_STREAM, 0);
@@ -143,6 +165,12 @@ private:
     }
 
     void WriteAll(const char* data, std::size_t length) const {
+#ifdef LUMORA_BENCH_TLS
+        if (mSendTls) {
+            mSendTls->Write(data, length);
+            return;
+        }
+#endif
         while (length > 0) {
             const ssize_t count = send(mSendSocket, data, length, MSG_NOSIGNAL);
             if (count <= 0) {
@@ -154,6 +182,11 @@ private:
     }
 
     ssize_t Read(char* to) const {
+#ifdef LUMORA_BENCH_TLS
+        if (mReceiveTls) {  // it may hold bytes that select does not know of
+            return mReceiveTls->Read(to, READ_SIZE);
+        }
+#endif
         fd_set readable;
         FD_ZERO(&readable);
         FD_SET(mReceiveSocket, &readable);
@@ -207,6 +240,10 @@ private:
     Handler mHandler;
     int mSendSocket = -1;
     int mReceiveSocket = -1;
+#ifdef LUMORA_BENCH_TLS
+    std::unique_ptr<Tls> mSendTls;
+    std::unique_ptr<Tls> mReceiveTls;
+#endif
     std::thread mThread;
     Buffer mOut = AllocateBuffer(READ_SIZE + LONGEST_MESSAGE);
     Buffer mIn = AllocateBuffer(READ_SIZE + LONGEST_MESSAGE + READ_SIZE);

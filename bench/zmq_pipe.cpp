@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <thread>
 
 #include "bench/pipe.h"
@@ -17,13 +18,17 @@ std::string Endpoint(bool bound) {
 
 class ZmqPipe : public Pipe {
 public:
-    explicit ZmqPipe(bool pair) : mPair(pair) {}
+    explicit ZmqPipe(ZmqKind kind) : mKind(kind) {}
 
     void Open(Role role, Flow flow, Handler handler) override {
         const bool receives = flow == Flow::BOTH || (flow == Flow::UP) == (role == Role::DEVICE);
         mHandler = std::move(handler);
         mContext = zmq_ctx_new();
-        mSocket = zmq_socket(mContext, mPair ? ZMQ_PAIR : receives ? ZMQ_PULL : ZMQ_PUSH);
+        const int oneWay = receives ? ZMQ_PULL : ZMQ_PUSH;
+        mSocket = zmq_socket(mContext, mKind == ZmqKind::PUSH_PULL ? oneWay : ZMQ_PAIR);
+        if (mKind == ZmqKind::CURVE) {
+            UseKeys(role);
+        }
         const int ret = role == Role::DEVICE ? zmq_bind(mSocket, Endpoint(true).c_str())
                                              : zmq_connect(mSocket, Endpoint(false).c_str());
         if (ret != 0) {
@@ -60,6 +65,35 @@ public:
     }
 
 private:
+    using Key = char[41];  // with its NUL, in the library's own text form
+
+    // Both sides know the device's key pair, which is always the same one: the figures are of the stream.
+    void UseKeys(Role role) {
+        const std::uint8_t bytes[32] = {1};
+        Key devicePublic;
+        Key deviceSecret;
+        Key ownPublic;
+        Key ownSecret;
+        zmq_z85_encode(deviceSecret, bytes, sizeof(bytes));
+        zmq_curve_public(devicePublic, deviceSecret);
+        if (role == Role::DEVICE) {
+            const int on = 1;
+            Set(ZMQ_CURVE_SERVER, &on, sizeof(on));
+            Set(ZMQ_CURVE_SECRETKEY, deviceSecret, sizeof(Key));
+            return;
+        }
+        zmq_curve_keypair(ownPublic, ownSecret);
+        Set(ZMQ_CURVE_SERVERKEY, devicePublic, sizeof(Key));
+        Set(ZMQ_CURVE_PUBLICKEY, ownPublic, sizeof(Key));
+        Set(ZMQ_CURVE_SECRETKEY, ownSecret, sizeof(Key));
+    }
+
+    void Set(int option, const void* value, std::size_t length) {
+        if (zmq_setsockopt(mSocket, option, value, length) != 0) {
+            Fail(std::string("zmq curve: ") + zmq_strerror(errno));
+        }
+    }
+
     void ReceiveAll() {
         const int limitMs = 100;
         zmq_setsockopt(mSocket, ZMQ_RCVTIMEO, &limitMs, sizeof(limitMs));
@@ -73,7 +107,7 @@ private:
         }
     }
 
-    const bool mPair;
+    const ZmqKind mKind;
     Handler mHandler;
     void* mContext = nullptr;
     void* mSocket = nullptr;
@@ -83,6 +117,6 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Pipe> MakeZmqPipe(bool pair) { return std::make_unique<ZmqPipe>(pair); }
+std::unique_ptr<Pipe> MakeZmqPipe(ZmqKind kind) { return std::make_unique<ZmqPipe>(kind); }
 
 }  // namespace lumora_bench

@@ -17,6 +17,9 @@ endif()
 if(LUMORA_BUILD_TOOLS)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
+if(LUMORA_BUILD_HUB)
+    list(APPEND CPACK_COMPONENTS_ALL hub)
+endif()
 
 set(any_platform "lumora-platform | lumora-platform-libraries")
 
@@ -77,6 +80,14 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION "This package has the command-line program
 to them, plays one and looks for what is wrong with a network, and
 lumora-platform-check, which tells in what a vendor's platform libraries
 deviate.")
+
+# The hub's worker has the library linked in, so that only the platform libraries are needed.
+set(CPACK_DEBIAN_HUB_PACKAGE_NAME lumora-hub)
+set(CPACK_DEBIAN_HUB_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_HUB_PACKAGE_DEPENDS "${tools_needs}${any_platform}")
+set(CPACK_COMPONENT_HUB_DESCRIPTION "This package has the program lumora-hub, which holds channels to the devices of
+a network and hands out what they send to any number of consumers, and its
+service.")
 
 # A folder in which the Python of every Debian looks. On other systems pip installs the package.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-lumora)

@@ -90,16 +90,20 @@ int Main(int count, char** words) {
     CLI11_PARSE(app, count, words);
     ChooseLogLevel();
     list = list || faces.empty();
-    try {
-        return Serve(SettingsOf(options), std::move(faces), list);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "lumora-hub: %s\n", error.what());
-        return 1;
-    }
+    return Serve(SettingsOf(options), std::move(faces), list);
 }
 
 }  // namespace
 
 }  // namespace lumora_hub
 
-int main(int count, char** words) { return lumora_hub::Main(count, words); }
+int main(int count, char** words) {
+    try {
+        return lumora_hub::Main(count, words);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "lumora-hub: %s\n", error.what());
+    } catch (...) {
+        std::fputs("lumora-hub: an unknown exception\n", stderr);
+    }
+    return 1;
+}

@@ -448,6 +448,7 @@ private:
     void RunWatch();
     void Lose();
     void CheckDevice();
+    bool Knows(unsigned int handle) const;
     bool Answers(unsigned int handle) const;
     void ConnectAgain();
     bool WantsConnection() const;
@@ -475,6 +476,7 @@ private:
     bool mStayConnected = false;
     bool mStop = false;
     std::thread mThread;
+    unsigned int mChecks = 0;  // of the watching thread
 };
 
 struct DeviceState : Boundary {
@@ -950,7 +952,7 @@ inline void ClientState::StopWatching() {
 }
 
 inline void ClientState::RunWatch() {
-    // No event reports a connection that breaks while the device stays, so the device is asked.
+    // No event reports a connection that breaks while the device stays.
     constexpr std::chrono::seconds CHECK_INTERVAL{2};
     std::unique_lock<std::mutex> lock(mMutex);
     while (!mStop) {
@@ -967,20 +969,32 @@ inline void ClientState::RunWatch() {
     }
 }
 
+// The library forgets the handle when the channel ends. That costs a look. To ask the device wakes up both
+// processes, so it is asked now and then only: a device that has left is told by an event.
 inline void ClientState::CheckDevice() {
+    constexpr unsigned int CHECKS_FOR_A_QUESTION = 5;
     const unsigned int handle = mHandle;
-    if (handle == 0 || mBroken || Answers(handle) || mHandle != handle) {
+    if (handle == 0 || mBroken) {
         return;
     }
-    // The library forgets the handle when the channel ends. If it still knows the handle, the device is
-    // silent, and the next Connect has to give up the channel.
-    if (LUM_RegisterAiDeviceEvent(mId, handle, OnDeviceEvent) == 0) {
+    const bool asks = ++mChecks % CHECKS_FOR_A_QUESTION == 0;
+    const bool isFine = Knows(handle) && (!asks || Answers(handle));
+    if (isFine || mHandle != handle) {
+        return;
+    }
+    // If the library still knows the handle, the device is silent, and the next Connect has to give up the
+    // channel.
+    if (Knows(handle)) {
         mBroken = true;
     } else {
         unsigned int ended = handle;
         mHandle.compare_exchange_strong(ended, 0);
     }
     Lose();
+}
+
+inline bool ClientState::Knows(unsigned int handle) const {
+    return LUM_RegisterAiDeviceEvent(mId, handle, OnDeviceEvent) == 0;
 }
 
 // Asks twice, because one answer may get lost.
@@ -1146,9 +1160,10 @@ public:
     }
 
     /// Called once for each connection that ends without a Disconnect: the device left or died, another
-    /// client process has taken its place, or a block could not be sent. A thread of this client asks the
-    /// device every two seconds, so a device that died is noticed within three. From then on calls fail,
-    /// until Connect begins anew. The handler runs on that thread and may call this client.
+    /// client process has taken its place, or a block could not be sent. A thread of this client looks every
+    /// two seconds, so a device that died is noticed within three. It asks the device every ten seconds, so
+    /// one that answers no more is noticed later. From then on calls fail, until Connect begins anew. The
+    /// handler runs on that thread and may call this client.
     void OnConnectionLost(std::function<void()> handler) {
         if (mState != nullptr) {
             mState->onConnectionLost.Set(std::move(handler));

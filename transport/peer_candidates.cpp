@@ -43,7 +43,7 @@ bool PeerCandidates::Accept(const Descriptor& listenSocket, Clock::time_point no
         }
         Candidate* const place = PlaceFor(mNextFrom, now);
         if (place != nullptr) {
-            *place = {Connection(std::move(mNext)), mNextFrom, now, false, now};
+            *place = {Connection(std::exchange(mNext, Descriptor())), mNextFrom, now, false, now};
         } else if (mExpected.IsExpected(mNextFrom)) {
             return true;
         } else {
@@ -53,9 +53,11 @@ bool PeerCandidates::Accept(const Descriptor& listenSocket, Clock::time_point no
     return true;
 }
 
-// The least worth a place are connections from elsewhere, then silent ones, then those that came first.
+// The least worth a place are connections from elsewhere, then silent ones, then those that came first. One
+// from elsewhere gives way to one from the expected address at once, and never the other way round.
 PeerCandidates::Candidate* PeerCandidates::PlaceFor(in_addr from, Clock::time_point now) {
     Candidate* least = nullptr;
+    const bool comesFromExpected = mExpected.IsExpected(from);
     const auto worth = [this](const Candidate& candidate) {
         return std::make_tuple(mExpected.IsExpected(candidate.from), candidate.hasSpoken, candidate.lastCame);
     };
@@ -64,9 +66,10 @@ PeerCandidates::Candidate* PeerCandidates::PlaceFor(in_addr from, Clock::time_po
             return &candidate;
         }
         Listen(candidate, now);
-        const bool givesWay = !mExpected.IsExpected(candidate.from) && mExpected.IsExpected(from);
-        if ((givesWay || MayGiveAway(candidate, now)) &&
-            (least == nullptr || worth(candidate) < worth(*least))) {
+        const bool isExpected = mExpected.IsExpected(candidate.from);
+        const bool mayGoOn = comesFromExpected ? isExpected && !MayGiveAway(candidate, now)
+                                               : isExpected || !MayGiveAway(candidate, now);
+        if (!mayGoOn && (least == nullptr || worth(candidate) < worth(*least))) {
             least = &candidate;
         }
     }

@@ -24,7 +24,7 @@ public:
     // keys were known begins with them.
     static constexpr std::chrono::milliseconds LIMIT{2000};
     // If there are too many, so long is the first word of a connection waited for, and each later one.
-    static constexpr std::chrono::milliseconds FIRST_WORD{25};
+    static constexpr std::chrono::milliseconds FIRST_WORD{50};
     static constexpr std::chrono::milliseconds NEXT_WORD{100};
 
     PeerCandidates(lumora::ChannelKeys::Direction direction, const ExpectedPeer& expected)

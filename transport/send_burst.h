@@ -20,11 +20,12 @@ public:
 
 private:
     static constexpr unsigned int LARGEST_FRAME = 2048;
-    static constexpr std::chrono::microseconds LONGEST_GAP{5};
+    // A slow or busy host needs some microseconds for a frame. An answer to a frame takes longer than this.
+    static constexpr std::chrono::microseconds LONGEST_GAP{12};
     // A longer pause ends a burst. A shorter one may be another thread's turn on this core.
     static constexpr std::chrono::microseconds LONGEST_PAUSE{100};
     static constexpr unsigned int FRAMES_BEFORE = 7;  // of the burst that are sent at once
-    static constexpr unsigned int MOST_HELD_BACK = 8192;
+    static constexpr unsigned int MOST_HELD_BACK = 16384;
     // The sender pushes by itself before the receive thread would be woken to do it.
     static constexpr std::chrono::microseconds PUSH_AFTER{50};
 

@@ -238,7 +238,7 @@ void DeviceLink::OnConnected(const Frame& frame) {
     mConnectedAt = Clock::now();
     ++mConnections;
     mVersion = frame.name;
-    mIdentity = frame.body.empty() ? std::nullopt : std::optional(frame.body);
+    mIdentity = frame.head.code != 0 ? std::optional(frame.body) : std::nullopt;
     Become(ChannelState::CONNECTED);
     Update();
 }

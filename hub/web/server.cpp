@@ -15,7 +15,6 @@
 namespace lumora_hub::web {
 namespace {
 
-constexpr int WARNING = 3;
 constexpr std::size_t PIECE = 65536;             // is written at once
 constexpr int PIECES_AT_ONCE = 16;               // of a connection, before others have their turn
 constexpr std::size_t MOST_DRAINED = 16U << 20;  // of a refused body
@@ -28,10 +27,10 @@ constexpr int MOST_UNSENT = 131072;
 // WebSockets that are silent are asked after half a minute. A tab that stopped reading answers late.
 constexpr lws_retry_bo_t IDLE_POLICY = {nullptr, 0, 0, 30, 600, 0};
 
-void LogLine(int level, const char* line) {
+void LogLine(int /*level*/, const char* line) {
     const std::string_view text(line);
-    LogInfo(level == LLL_ERR ? 4 : WARNING, "LUMHB", "web", 0, "%.*s",
-            static_cast<int>(text.find_last_not_of('\n') + 1), line);
+    LogInfo(3, "HUB", "web", 0, "The web server: %.*s", static_cast<int>(text.find_last_not_of('\n') + 1),
+            line);
 }
 
 // While a reply is sent the library reads nothing, and so does not notice that the client has closed.
@@ -120,7 +119,7 @@ void Server::OnTimer(lws_sorted_usec_list_t* entry) {
     try {
         server->Tick();
     } catch (const std::exception& error) {
-        LogInfo(WARNING, "LUMHB", __func__, __LINE__, "A second's work is left out: %s", error.what());
+        LogInfo(3, "HUB", __func__, __LINE__, "A second's work is left out: %s", error.what());
     }
     lws_sul_schedule(server->mContext.get(), 0, entry, &Server::OnTimer, TICK);
 }
@@ -130,7 +129,7 @@ int Server::Call(lws* wsi, lws_callback_reasons reason, void* user, void* in, st
     try {
         return Dispatch(wsi, reason, user, in, length);
     } catch (const std::exception& error) {
-        LogInfo(WARNING, "LUMHB", __func__, __LINE__, "A connection is closed: %s", error.what());
+        LogInfo(3, "HUB", __func__, __LINE__, "A connection is closed: %s", error.what());
         return -1;
     }
 }

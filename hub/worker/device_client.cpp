@@ -100,7 +100,9 @@ bool DeviceClient::Connect() {
         return false;
     }
     const std::string version = mClient->DeviceVersion(error);
-    mOutbox.Send(HeadOf(FrameKind::CONNECTED, 0, 0), version.substr(0, MAX_FRAME_NAME));
+    const lumora::Peer peer = mClient->Peer();
+    mOutbox.Send(HeadOf(FrameKind::CONNECTED, 0, peer.isPrivate ? 1 : 0), version.substr(0, MAX_FRAME_NAME),
+                 peer.identity.substr(0, MAX_FRAME_TEXT));
     return true;
 }
 

@@ -17,7 +17,8 @@ enum class FrameKind : std::uint8_t {
     COMMAND,        // name: the command; body: its parameter; number: of the request
     SEND,           // body: a block for the device; number: of the request
     // To the hub.
-    CONNECTED,   // name: the version of the device's library; body: the name of the channel's key, or empty
+    CONNECTED,   // name: the version of the device's library; code: 1 if the channel is private; body: its
+                 // key's name
     SUBSCRIBED,  // name: the service; code: 0, or 1 if the device refused
     ANSWER,      // number: of the request; code: an Outcome
     BLOCK,       // name: the service; body: the block; number: which of this service, lost ones counted

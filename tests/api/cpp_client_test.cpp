@@ -657,7 +657,7 @@ TEST_F(CppClientTest, AChannelOfAPlatformWithoutKeysIsNotPrivate) {
     Connect(client);
     EXPECT_FALSE(client.Peer().isPrivate);
     EXPECT_EQ(client.Peer().identity, "");
-    EXPECT_FALSE(Device("camera").Peer().isPrivate);
+    EXPECT_FALSE(lumora::Device("camera").Peer().isPrivate);
 }
 
 }  // namespace

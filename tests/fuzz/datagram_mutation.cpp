@@ -18,6 +18,7 @@ const std::uint16_t OPTIONS[] = {option::URI_PATH,
                                  option::BLOCK1,
                                  option::REQUESTER,
                                  option::KNOWN_NODES,
+                                 option::LOOK_ROUND,
                                  1,
                                  65535};
 const char* const VALUES[] = {"lumora", "hello",     "goodbye", ".well-known",

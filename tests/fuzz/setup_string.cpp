@@ -1,5 +1,7 @@
 // The setup string, through both of its readers.
 #include "protocol/setup_string.h"
+
+#include "protocol/control_documents.h"
 #include "tests/fuzz/mutation.h"
 #include "tests/fuzz/require.h"
 #include "transport/transport_manager.h"
@@ -17,6 +19,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     } else {
         Require(protocol == LUM_TRANSPORT_NONE, "a failure changes nothing");
     }
+    std::string rest = text;
+    const std::string offer = lumora::TakeOffer(rest);
+    Require(!offer.empty() || rest == text, "a string without an offer stays");
+    Require(offer.empty() || AnswerInReply(SetupReply(offer)) == offer, "what was taken out can be sent");
     lumora::LumoraTransportConfig config;
     if (config.ParseSetupString(text) == 0) {
         Require(config.GetAddr() == "0" && config.GetPort() == 0, "a failure changes nothing");

@@ -4,6 +4,7 @@ import array
 import asyncio
 import signal
 import socket
+import tempfile
 import threading
 import time
 import unittest
@@ -399,6 +400,43 @@ class Ends(PythonCase):
         self.device()
         with socket.create_server(("", 6667)), self.assertRaisesRegex(lumora.ConnectFailed, "6667 is taken"):
             self.client()
+
+
+PRIVATE_DEVICE = """
+import lumora
+with lumora.Device("camera", ["picture"]) as device:
+    print("ready", flush=True)
+    for event in device:
+        print(device.peer, flush=True)
+"""
+PRIVATE_CLIENT = """
+import lumora
+with lumora.Client() as client:
+    print(client.peer)
+    client.connect("camera", timeout=60)
+    client.subscribe("picture")
+    print(client.peer)
+"""
+
+
+class PrivateChannel(PythonCase):
+    def test_is_not_private_without_a_key(self):
+        self.device()
+        with lumora.Client() as client:
+            client.connect("echo-device", timeout=LIMIT)
+            self.assertEqual(client.peer, lumora.Peer(is_private=False, identity=""))
+
+    def test_both_ends_tell_with_whom(self):
+        with tempfile.NamedTemporaryFile("w") as keys:
+            keys.write("camera-1:0123456789abcdef\n")
+            keys.flush()
+            environment = {"LUMORA_LINK_PSK_FILE": keys.name, "LUMORA_LOG_LEVEL": "5"}
+            device = self.peer(PRIVATE_DEVICE, **environment)
+            self.assertEqual(device.line(), "ready")
+            peer = str(lumora.Peer(True, "camera-1"))
+            output = f"{lumora.Peer()}\n{peer}\n"
+            self.assertEqual(self.peer(PRIVATE_CLIENT, **environment).end(), (0, output, ""))
+            self.assertEqual(device.line(), peer)
 
 
 if __name__ == "__main__":

@@ -165,6 +165,9 @@ void FakeFreeChannel(LinkChannel* channel) {
 }
 
 LinkConnection* FakeOpenConnection(LinkChannel* channel, LinkDirection direction, int accepts, int socket) {
+    if (!current->opensConnections) {
+        return nullptr;
+    }
     auto connection = std::make_unique<LinkConnection>();
     connection->number = channel->number * 2 + direction;
     connection->socket = socket;
@@ -183,6 +186,9 @@ int FakeHandshake(LinkConnection* connection) {
 }
 
 int FakeRead(LinkConnection* connection, void* bytes, unsigned int size) {
+    if (current->readsFail) {
+        return LINK_FAILED;
+    }
     if (current->readsThatWantToWrite.load() > 0) {
         --current->readsThatWantToWrite;
         return LINK_WANTS_WRITE;

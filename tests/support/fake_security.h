@@ -23,6 +23,8 @@ public:
     unsigned char requesterNode = 0;  // that the next requests come from; 0: one that has proven nothing
     bool makesChannels = true;
     bool completes = true;
+    std::atomic<bool> opensConnections{true};
+    std::atomic<bool> readsFail{false};
     // The next so many reads and writes want the opposite.
     std::atomic<int> readsThatWantToWrite{0};
     std::atomic<int> writesThatWantToRead{0};

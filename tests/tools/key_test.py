@@ -107,6 +107,9 @@ class Files(KeyCase):
         self.assert_fails(self.key("show"), 6, "is no file")
 
 
+PREFERRED = ("ok", "data channels are private where the other end can do it")
+
+
 class Doctor(KeyCase):
     def findings(self, **environment):
         result = lumora("--json", "doctor", "--listen", "0", env={**os.environ, **environment})
@@ -121,7 +124,21 @@ class Doctor(KeyCase):
     def test_of_a_good_file(self):
         self.assert_succeeds(self.key("new", "camera-1"))
         name = f'LUMORA_LINK_PSK_FILE: "{self.path}"'
-        self.assertEqual(self.of_file(), [("ok", f"{name}: 1 key can be used")])
+        self.assertEqual(self.of_file(), [("ok", f"{name}: 1 key can be used"), PREFERRED])
+
+    def test_of_the_private_channel(self):
+        self.assertIn(
+            ("fault", "LUMORA_LINK_CHANNEL=require needs a key; no node starts"),
+            self.findings(LUMORA_LINK_CHANNEL="require"))
+        self.assert_succeeds(self.key("new", "camera-1"))
+        for mode, finding in [
+            ("", PREFERRED),
+            ("require", ("ok", "data channels are private")),
+            ("plain", ("warning", "LUMORA_LINK_CHANNEL=plain: hosts on the way can read and change the data")),
+            ("Plain", ("warning", "LUMORA_LINK_CHANNEL=Plain is not plain, prefer or require; require is used")),
+        ]:
+            found = self.findings(LUMORA_LINK_PSK_FILE=self.path, LUMORA_LINK_CHANNEL=mode)
+            self.assertIn(finding, found)
 
     def test_of_others(self):
         name = f'LUMORA_LINK_PSK_FILE: "{self.path}"'
@@ -140,6 +157,7 @@ class Doctor(KeyCase):
             ("warning", 'the key "two" expires in less than 30 days'),
             ("warning", 'the key "three" has less than 16 bytes and may be guessed'),
             ("ok", f"{name}: 2 keys can be used"),
+            PREFERRED,
         ])
         self.write(f"# expires 1999-12-31\none:{long}\n")
         self.assertIn(("fault", f"{name}: every key has expired; no node starts"), self.of_file())
@@ -158,6 +176,36 @@ class Devices(KeyCase):
         for environment in [dict(os.environ), self.with_key(other)]:
             result = lumora("cmd", "lamp", "Hello", "--wait", "1", env=environment)
             self.assertNotEqual(result.returncode, 0, result)
+
+    def test_the_data_channel_is_private_where_both_ends_can_do_it(self):
+        self.assert_succeeds(self.key("new", "lamp-1"))
+        self.device("lamp", "--echo", env=self.with_key(self.path))
+        for mode, private in [("prefer", True), ("require", True), ("plain", False)]:
+            environment = {**self.with_key(self.path), "LUMORA_LINK_CHANNEL": mode}
+            result = lumora("--json", "ping", "lamp", "--count", "1", "--size", "1000000", env=environment)
+            self.assert_succeeds(result)
+            last = json.loads(result.stdout.splitlines()[-1])
+            self.assertEqual((last["lost"], last["private"], last["peer"]), (0, private, "lamp-1" if private else ""))
+
+    def test_doctor_tells_whether_the_data_channel_is_private(self):
+        self.assert_succeeds(self.key("new", "lamp-1"))
+        self.device("lamp", "--echo", env=self.with_key(self.path))
+        for mode, finding in [
+            ("prefer", ("ok", 'the data channel is private, by the key "lamp-1"')),
+            ("plain", ("warning", "the data channel is plain: hosts on the way can read and change the data")),
+        ]:
+            environment = {**self.with_key(self.path), "LUMORA_LINK_CHANNEL": mode}
+            result = lumora("--json", "doctor", "lamp", "--listen", "0", env=environment)
+            found = [(one["level"], one["text"]) for one in json.loads(result.stdout)["findings"]]
+            self.assertIn(finding, found)
+
+    def test_a_device_that_requires_a_private_channel_refuses_others(self):
+        self.assert_succeeds(self.key("new", "lamp-1"))
+        environment = self.with_key(self.path)
+        self.device("lamp", "--echo", env={**environment, "LUMORA_LINK_CHANNEL": "require"})
+        plain = lumora("ping", "lamp", "--count", "1", env={**environment, "LUMORA_LINK_CHANNEL": "plain"})
+        self.assertNotEqual(plain.returncode, 0, plain)
+        self.assert_succeeds(lumora("ping", "lamp", "--count", "1", env=environment))
 
 
 if __name__ == "__main__":

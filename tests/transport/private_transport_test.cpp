@@ -428,7 +428,7 @@ TEST_F(PrivateClientTest, ChangedBytesEndTheConnection) {
     Decide();
     PrivatePeer peer = ToClient();
     ASSERT_EQ(0, mClient->WaitForPeer());
-    mSecurity.table.Read = [](LinkConnection*, void*, unsigned int) { return static_cast<int>(LINK_FAILED); };
+    mSecurity.readsFail = true;
     peer.Raw().Send("changed");
     EXPECT_TRUE(mClientSide.mCallback.mDisconnects.WaitForCount(1));
 }
@@ -477,9 +477,7 @@ TEST_F(PrivateClientTest, SendingHalfFailsIfTheDeviceDoesNotAnswerTheHandshake) 
 
 TEST_F(PrivateClientTest, SendingHalfFailsWithoutMemoryForTheConnection) {
     RawListener silent(mPort);
-    mSecurity.table.OpenConnection = [](LinkChannel*, LinkDirection, int, int) -> LinkConnection* {
-        return nullptr;
-    };
+    mSecurity.opensConnections = false;
     EXPECT_EQ(-1, ClientSends());
     EXPECT_TRUE(mLog.Has(4, "SetupSocket error: 12\n"));
 }

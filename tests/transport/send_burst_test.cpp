@@ -33,11 +33,11 @@ protected:
 };
 
 TEST_F(SendBurstTest, HoldsBackFromTheEighthFrameOn) {
-    EXPECT_EQ(".......+++", SendMany(10, 64, microseconds(5)));
+    EXPECT_EQ(".......+++", SendMany(10, 64, microseconds(12)));
 }
 
 TEST_F(SendBurstTest, HoldsNothingBackOfAPacedStream) {
-    EXPECT_EQ(std::string(20, '.'), SendMany(20, 64, microseconds(6)));
+    EXPECT_EQ(std::string(20, '.'), SendMany(20, 64, microseconds(13)));
 }
 
 TEST_F(SendBurstTest, PauseBeginsANewBurst) {
@@ -57,9 +57,9 @@ TEST_F(SendBurstTest, FramesAreHeldBackFor50MicrosecondsAtMostWhileOthersFollow)
     EXPECT_EQ(".......+++++++++++++++++++++++++.+++", SendMany(36, 64, microseconds(2)));
 }
 
-TEST_F(SendBurstTest, EightKibAreSentTogether) {
+TEST_F(SendBurstTest, SixteenKibAreSentTogether) {
     SendMany(7, 1024, microseconds(1));
-    EXPECT_EQ("+++++++.+++++++.", SendMany(16, 1024, microseconds(1)));
+    EXPECT_EQ("+++++++++++++++.+++++++++++++++.", SendMany(32, 1024, microseconds(1)));
 }
 
 TEST_F(SendBurstTest, FramesOfUpTo2KibAreSmall) {

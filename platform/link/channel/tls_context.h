@@ -17,8 +17,8 @@ using TlsContext = std::unique_ptr<SSL_CTX, TlsCloser>;
 using Tls = std::unique_ptr<SSL, TlsCloser>;
 using TlsSession = std::unique_ptr<SSL_SESSION, TlsCloser>;
 
-// Most records of 16 KiB for which OpenSSL has room between the socket and Read.
-constexpr std::size_t READ_BUFFER_BYTES = 64 * 1024;
+// How much one call of the kernel reads at most: four full records.
+constexpr std::size_t READ_BUFFER_BYTES = 65536;
 
 // Null if OpenSSL lacks memory or one of the methods.
 TlsContext MakeTlsContext();

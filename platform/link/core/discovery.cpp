@@ -19,6 +19,9 @@ constexpr Milliseconds SECOND_COPY{15};
 // A search sends nine probes. An asker that sends many more gets no answers until the second is over.
 constexpr unsigned ANSWERS_PER_SECOND = 40;
 constexpr std::size_t MAX_ASKERS = 1024;
+constexpr std::size_t MAX_NEWCOMERS = 64;
+// When a site is switched on, all of its nodes look round. Each answers some of the others.
+constexpr unsigned LOOK_ROUND_ANSWERS_PER_SECOND = 32;
 constexpr std::size_t MAX_DELAYED_ANSWERS = 4096;
 
 }  // namespace
@@ -31,6 +34,14 @@ Discovery::Discovery(const LocalNode& localNode, IdSource& idSource, Network& ne
       mApplication(application),
       mPresence(presence),
       mUnanswered(unanswered) {}
+
+void Discovery::BeginLookRound(TimePoint now) {
+    mLookRound = LookRound();
+    if (mLocalNode.deviceType && !mLocalNode.interfaces.empty()) {
+        mLookRound.Begin(mIdSource.NextToken().substr(0, TOKEN_BYTES), now);
+        Tick(now);
+    }
+}
 
 void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {
     Search::Knowledge knowledge;
@@ -48,10 +59,15 @@ void Discovery::StartSearch(std::uint64_t ticket, const std::string& deviceType,
 
 void Discovery::OnProbe(const CoapMessage& probe, const Endpoint& source, const LocalInterface& via,
                         TimePoint now) {
+    if (!mLocalNode.deviceType || !IsAskedFor(probe, mLocalNode.deviceType)) {
+        return;
+    }
     const std::set<NodeHint> known = KnownNodes(probe);
     const bool alreadyKnown = known.count(HintOf(mLocalNode.identity.id)) != 0;
-    if (!mLocalNode.deviceType || !IsAskedFor(probe, mLocalNode.deviceType) || alreadyKnown ||
-        !MayAnswer(source, now)) {
+    if (IsLookRound(probe)) {
+        OnLookRound(probe, source, now);
+    }
+    if (alreadyKnown || !MayAnswer(source, now) || (IsLookRound(probe) && !MayAnswerLookRound(now))) {
         return;
     }
     CoapMessage answer = AnswerTo(probe, via.host, now);
@@ -86,28 +102,73 @@ std::size_t Discovery::NodesLikeThis() const {
 CoapMessage Discovery::AnswerTo(const CoapMessage& probe, in_addr_t localHost, TimePoint now) const {
     CoapMessage answer = MakeLinkAnswer(probe, FormatLink(mLocalNode.DescribedAt(localHost)));
     const bool ping = probe.type == MessageType::Confirmable;
-    if (!ping && mLocalNode.deviceType && mPresence.KnowsEveryNode(now)) {
+    if (!ping && mLocalNode.deviceType && CanCount(now)) {
         AddCount(answer, NodesLikeThis());
     }
     return answer;
+}
+
+// A look round is enough for a few nodes. In a crowd not all answer it, and one node more or less is noticed
+// by the other counts.
+bool Discovery::CanCount(TimePoint now) const {
+    const bool isFew = NodesLikeThis() <= Search::FEW;
+    const bool knowsAll = mPresence.KnowsEveryNode(now) || (isFew && mLookRound.HasSeenAll(now));
+    return knowsAll && !(isFew && AwaitsHello(now));
+}
+
+// There is a new node of this type. It says hello within 50 ms, by which it is known, unless the hello is
+// lost.
+void Discovery::OnLookRound(const CoapMessage& probe, const Endpoint& source, TimePoint now) {
+    for (auto at = mNewcomers.begin(); at != mNewcomers.end();) {
+        at = at->second <= now ? mNewcomers.erase(at) : std::next(at);
+    }
+    const bool isOwn = probe.token.compare(0, TOKEN_BYTES, mLookRound.Token()) == 0;
+    if (!isOwn && mNewcomers.size() < MAX_NEWCOMERS) {
+        mNewcomers[source] = now + Presence::LATELY;
+    }
+}
+
+// Whether a new node has not said hello yet, so that this one cannot count it.
+bool Discovery::AwaitsHello(TimePoint now) const {
+    return std::any_of(mNewcomers.begin(), mNewcomers.end(), [this, now](const auto& newcomer) {
+        return now < newcomer.second && !mPresence.HasHeard(newcomer.first);
+    });
 }
 
 void Discovery::OnAnswer(const CoapMessage& answer, const Endpoint& source, TimePoint now) {
     if (!code::IsSuccess(answer.code) || answer.token.size() != TOKEN_BYTES + 1) {
         return;
     }
+    const std::string token = answer.token.substr(0, TOKEN_BYTES);
+    if (token == mLookRound.Token() && mLocalNode.deviceType) {
+        if (const auto node = NodeIn(answer, source, *mLocalNode.deviceType)) {
+            mPresence.OnHello(*node, false, now);
+            if (CountIn(answer) || NodesLikeThis() > Search::FEW) {
+                mLookRound.End();
+            }
+        }
+    }
     for (Running& running : mSearches) {
-        if (answer.token.compare(0, TOKEN_BYTES, running.token) != 0) {
+        if (token != running.token) {
             continue;
         }
-        auto node = ParseLinkOfType(answer.payload, running.search.DeviceType());
-        if (node && node->identity.id != mLocalNode.identity.id && node->secured == mLocalNode.secured) {
-            node->endpoint.host = source.host;
+        if (const auto node = NodeIn(answer, source, running.search.DeviceType())) {
             mPresence.OnHello(*node, false, now);
             running.search.OnAnswer(static_cast<unsigned char>(answer.token.back()), *node, CountIn(answer),
                                     now);
         }
     }
+}
+
+// Another node of that type that this one may speak with.
+std::optional<NodeDescription> Discovery::NodeIn(const CoapMessage& answer, const Endpoint& source,
+                                                 const std::string& deviceType) const {
+    auto node = ParseLinkOfType(answer.payload, deviceType);
+    if (!node || node->identity.id == mLocalNode.identity.id || node->secured != mLocalNode.secured) {
+        return std::nullopt;
+    }
+    node->endpoint.host = source.host;
+    return node;
 }
 
 void Discovery::OnRemoved(std::uint64_t nodeId) {
@@ -118,6 +179,7 @@ void Discovery::OnRemoved(std::uint64_t nodeId) {
 
 void Discovery::Tick(TimePoint now) {
     SendDueAnswers(now);
+    SendDueLooks(now);
     for (auto running = mSearches.begin(); running != mSearches.end();) {
         DismissRemoved(running->search);
         const bool over = running->search.IsOver(now);
@@ -131,7 +193,10 @@ void Discovery::Tick(TimePoint now) {
 }
 
 TimePoint Discovery::NextDeadline(TimePoint now) const {
-    TimePoint next = mAnswers.empty() ? TimePoint::max() : mAnswers.begin()->first;
+    TimePoint next = mLookRound.NextProbe();
+    if (!mAnswers.empty()) {
+        next = std::min(next, mAnswers.begin()->first);
+    }
     for (const Running& running : mSearches) {
         next = std::min(next, running.search.NextDeadline(now));
     }
@@ -153,12 +218,20 @@ bool Discovery::MayAnswer(const Endpoint& asker, TimePoint now) {
     if (mAskers.size() >= MAX_ASKERS && mAskers.count(asker) == 0) {
         mAskers.clear();
     }
-    const auto [at, isNew] = mAskers.try_emplace(asker);
-    Allowance& allowance = at->second;
-    if (isNew || now - allowance.since >= std::chrono::seconds(1)) {
-        allowance = {now, 0};
+    return mAskers[asker].Take(ANSWERS_PER_SECOND, now) && mAnswers.size() < MAX_DELAYED_ANSWERS;
+}
+
+// Hundreds of answers to each new node would be a burden, and a reflector.
+bool Discovery::MayAnswerLookRound(TimePoint now) {
+    return mPresence.IsChosen() && mLookRoundAnswers.Take(LOOK_ROUND_ANSWERS_PER_SECOND, now);
+}
+
+bool Discovery::Allowance::Take(unsigned most, TimePoint now) {
+    if (now - since >= std::chrono::seconds(1)) {
+        since = now;
+        used = 0;
     }
-    return ++allowance.used <= ANSWERS_PER_SECOND && mAnswers.size() < MAX_DELAYED_ANSWERS;
+    return ++used <= most;
 }
 
 void Discovery::SendDueAnswers(TimePoint now) {
@@ -169,6 +242,16 @@ void Discovery::SendDueAnswers(TimePoint now) {
             mPresence.OnSentTo(answer.to.host, answer.message);
         }
         mAnswers.erase(mAnswers.begin());
+    }
+}
+
+void Discovery::SendDueLooks(TimePoint now) {
+    while (const auto number = mLookRound.TakeDueProbe(now)) {
+        CoapMessage probe =
+            MakeProbe(*mLocalNode.deviceType, mLookRound.Token() + static_cast<char>(*number), {});
+        MarkAsLookRound(probe);
+        CoapMessage toNode = probe;
+        SendProbe(probe, toNode, mPresence.UnicastTargets());
     }
 }
 
@@ -205,6 +288,10 @@ void Discovery::Probe(const Running& running, unsigned number, TimePoint now) {
             mPresence.OnSentTo(peer->node.endpoint.host, toNode);
         }
     }
+    SendProbe(toGroup, toNode, targets);
+}
+
+void Discovery::SendProbe(CoapMessage& toGroup, CoapMessage& toNode, const std::vector<Endpoint>& targets) {
     for (const LocalInterface& local : mLocalNode.interfaces) {
         toGroup.messageId = toNode.messageId = mIdSource.NextMessageId();
         mNetwork.Send(local, MulticastGroup(), toGroup);

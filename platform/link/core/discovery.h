@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/link/core/local_node.h"
+#include "platform/link/core/look_round.h"
 #include "platform/link/core/ports.h"
 #include "platform/link/core/presence.h"
 #include "platform/link/core/search.h"
@@ -20,6 +21,8 @@ public:
     Discovery(const LocalNode& localNode, IdSource& idSource, Network& network, Application& application,
               Presence& presence, const UnansweredPeers& unanswered);
 
+    // Asks which other nodes of this node's type there are, so that this node can tell their number soon.
+    void BeginLookRound(TimePoint now);
     void StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now);
     // Schedules the answer to a probe that came to the group. The answer leaves from that interface.
     void OnProbe(const CoapMessage& probe, const Endpoint& source, const LocalInterface& via, TimePoint now);
@@ -47,13 +50,30 @@ private:
         CoapMessage message;
     };
 
+    // How many answers an asker got in the current second.
+    struct Allowance {
+        TimePoint since;
+        unsigned used = 0;
+
+        // False if `most` were taken within this second.
+        bool Take(unsigned most, TimePoint now);
+    };
+
     bool MayAnswer(const Endpoint& asker, TimePoint now);
+    bool MayAnswerLookRound(TimePoint now);
+    void OnLookRound(const CoapMessage& probe, const Endpoint& source, TimePoint now);
+    bool AwaitsHello(TimePoint now) const;
+    bool CanCount(TimePoint now) const;
+    std::optional<NodeDescription> NodeIn(const CoapMessage& answer, const Endpoint& source,
+                                          const std::string& deviceType) const;
     Milliseconds LongestDelay(const CoapMessage& probe) const;
     std::size_t NodesLikeThis() const;
     void SendDueAnswers(TimePoint now);
+    void SendDueLooks(TimePoint now);
     void SendDueProbes(Running& running, TimePoint now);
     void DismissRemoved(Search& search);
     void Probe(const Running& running, unsigned number, TimePoint now);
+    void SendProbe(CoapMessage& toGroup, CoapMessage& toNode, const std::vector<Endpoint>& targets);
     std::vector<NodeDescription> ResultOf(const Search& search, TimePoint now) const;
 
     const LocalNode& mLocalNode;
@@ -64,12 +84,10 @@ private:
     const UnansweredPeers& mUnanswered;
     std::list<Running> mSearches;
     std::multimap<TimePoint, DelayedAnswer> mAnswers;
-    // How many answers an asker got in the current second.
-    struct Allowance {
-        TimePoint since;
-        unsigned used = 0;
-    };
     std::map<Endpoint, Allowance> mAskers;
+    LookRound mLookRound;
+    Allowance mLookRoundAnswers;
+    std::map<Endpoint, TimePoint> mNewcomers;  // by their sockets, and until when a hello is awaited
 };
 
 }  // namespace lumora_link

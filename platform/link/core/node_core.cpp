@@ -45,15 +45,18 @@ void NodeCore::MeteredNetwork::Forget(ReplyPath path) {
 void NodeCore::SetDeviceType(std::optional<std::string> deviceType, TimePoint now) {
     mLocalNode.deviceType = std::move(deviceType);
     mPresence.HelloSoon(now);
+    mDiscovery.BeginLookRound(now);
 }
 
 void NodeCore::SetInterfaces(std::vector<LocalInterface> interfaces, std::uint16_t port, TimePoint now) {
-    if (mLocalNode.interfaces != interfaces) {
-        mPresence.OnNetworkChanged(now);
-    }
+    const bool changed = mLocalNode.interfaces != interfaces;
     mLocalNode.interfaces = std::move(interfaces);
     mLocalNode.port = port;
     mPresence.HelloSoon(now);
+    if (changed) {
+        mPresence.OnNetworkChanged(now);
+        mDiscovery.BeginLookRound(now);
+    }
 }
 
 void NodeCore::StartSearch(std::uint64_t ticket, const std::string& deviceType, TimePoint now) {

@@ -1,6 +1,7 @@
 #include "platform/link/core/presence.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/link/wire/link_format.h"
 
@@ -31,15 +32,19 @@ void Presence::HelloSoon(TimePoint now) {
         std::clamp(mDirectory.ForAll(NEWCOMER_JITTER_PER_NODE), NEWCOMER_JITTER, HELLO_INTERVAL_IN_CROWD);
     const TimePoint earliest = std::max(now, mLastHello + SHORTEST_INTERVAL);
     mNextHello = std::min(mNextHello, earliest + mIdSource.Jitter(shared));
-    mHurried = true;
+    mInStep = true;
+}
+
+bool Presence::IsChosen() const {
+    const std::size_t nodes = mDirectory.Peers().size();
+    const Milliseconds chance = mIdSource.Jitter(Milliseconds(nodes));
+    return nodes <= 2 * GREETERS || chance < Milliseconds(GREETERS);
 }
 
 // All nodes hear the newcomer and each other. A few nodes all say hello, so that the newcomer knows them at
-// once. Each of many says it with a chance that leaves about GREETERS of them.
+// once.
 void Presence::Greet(TimePoint now) {
-    const std::size_t nodes = mDirectory.Peers().size();
-    const Milliseconds chance = mIdSource.Jitter(Milliseconds(nodes));
-    if (nodes <= 2 * GREETERS || chance < Milliseconds(GREETERS)) {
+    if (IsChosen()) {
         HelloSoon(now);
     }
 }
@@ -54,6 +59,19 @@ void Presence::OnNotice(const CoapMessage& notice, const Endpoint& source, bool 
         mDirectory.OnGoodbye(node->identity, source.host, now);
     } else {
         OnHello(*node, unicast, now);
+        if (node->identity.id != mLocalNode.identity.id) {
+            SayHelloTogether(now);
+        }
+    }
+}
+
+// The thread is awake for that hello anyway. Many nodes must not speak at the same moment.
+void Presence::SayHelloTogether(TimePoint now) {
+    if (!mDirectory.IsCrowd() && now < mNextHello && mNextHello - now <= HELLO_TOGETHER &&
+        now - mLastHello >= SHORTEST_INTERVAL) {
+        mNextHello = now;
+        mInStep = true;
+        mFollowed = true;
     }
 }
 
@@ -134,16 +152,24 @@ const Peer* Presence::PingedBy(ConversationId conversation) const {
 void Presence::Tick(TimePoint now) {
     if (now >= mNextHello) {
         Tell(HELLO_PATH);
-        // Nodes say hello at nearly the same moment to a newcomer. A random pause afterwards spreads them
-        // again.
-        const Milliseconds range = mHurried ? HelloInterval() - SHORTEST_INTERVAL : Milliseconds(0);
-        const Milliseconds earlier = mIdSource.Jitter(range);
-        mHurried = false;
         mLastHello = now;
-        mNextHello = now + HelloInterval() - earlier;
+        // A node without a resource says nothing, so it need not wake up.
+        mNextHello = mLocalNode.deviceType ? now + PauseAfterHello() : TimePoint::max();
     }
     mDirectory.Tick(now);
     PingDoubted(now);
+}
+
+// Many nodes that said hello at nearly the same moment, to a newcomer or when they were few, are spread by a
+// random pause.
+Milliseconds Presence::PauseAfterHello() {
+    const bool followed = std::exchange(mFollowed, false);
+    if (!mDirectory.IsCrowd()) {
+        return followed ? HELLO_INTERVAL - TURN : HELLO_INTERVAL;
+    }
+    const bool inStep = std::exchange(mInStep, false);
+    return HELLO_INTERVAL_IN_CROWD -
+           mIdSource.Jitter(inStep ? HELLO_INTERVAL_IN_CROWD - SHORTEST_INTERVAL : Milliseconds(0));
 }
 
 TimePoint Presence::NextDeadline() const {

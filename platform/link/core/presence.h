@@ -20,6 +20,11 @@ public:
     static constexpr Milliseconds HELLO_INTERVAL{1500};
     // Among many nodes a lost hello must not cause pings, so two of them fit into the time.
     static constexpr Milliseconds HELLO_INTERVAL_IN_CROWD{750};
+    // A hello that would be due within this time is sent when the hello of another node wakes the thread: few
+    // nodes then wake up together, and less often.
+    static constexpr Milliseconds HELLO_TOGETHER{750};
+    // So much earlier a node is due that followed another one. The two then take turns in waking the other.
+    static constexpr Milliseconds TURN{20};
     // Newcomers cause hellos at once. Two hellos of a node are never closer than this.
     static constexpr Milliseconds SHORTEST_INTERVAL{250};
     // A live node has said hello within this time, unless datagrams were lost.
@@ -41,6 +46,10 @@ public:
     void OnNetworkChanged(TimePoint now) { mListeningSince = now; }
     // Every node has had the time to greet this one or to say hello in its turn.
     bool KnowsEveryNode(TimePoint now) const { return now - mListeningSince >= LATELY; }
+    // Whether that socket, of a node's interface, has said hello.
+    bool HasHeard(const Endpoint& source) const { return mTexts.count(source) != 0; }
+    // Of a few nodes all are chosen to say something to a newcomer, of many about GREETERS.
+    bool IsChosen() const;
     void OnNotice(const CoapMessage& notice, const Endpoint& source, bool unicast, TimePoint now);
     void OnHello(const NodeDescription& node, bool unicast, TimePoint now);
 
@@ -76,12 +85,11 @@ private:
         std::uint64_t place = 0;  // among those of its address
     };
 
-    Milliseconds HelloInterval() const {
-        return mDirectory.IsCrowd() ? HELLO_INTERVAL_IN_CROWD : HELLO_INTERVAL;
-    }
     const NodeDescription* Read(const std::string& link, const Endpoint& source);
     void Tell(const char* path);
     void Greet(TimePoint now);
+    void SayHelloTogether(TimePoint now);
+    Milliseconds PauseAfterHello();
     Text& TextFrom(const Endpoint& source);
     void ForgetOldestText(in_addr_t host);
     void PingDoubted(TimePoint now);
@@ -105,7 +113,8 @@ private:
     TimePoint mListeningSince{};
     TimePoint mLastHello{};
     TimePoint mNextHello{};
-    bool mHurried = false;
+    bool mInStep = false;    // other nodes say hello at nearly the same moments
+    bool mFollowed = false;  // the next hello follows that of another node
     AnswerBudget mBudget;
 };
 

@@ -14,6 +14,9 @@ constexpr std::array<Milliseconds, 9> PROBES = {Milliseconds(0),   Milliseconds(
                                                 Milliseconds(400), Milliseconds(450), Milliseconds(500)};
 // Many nodes spread their answers over 30 ms. The copy leaves afterwards, and is not needed if all have come.
 constexpr Milliseconds COPY_AMONG_MANY{60};
+// If counts of a few nodes tell that some are missing, these copies ask the missing ones. They are numbered
+// behind the others, because nodes that were found do not answer them.
+constexpr std::array<Milliseconds, 2> COPIES_FOR_MISSING = {Milliseconds(40), Milliseconds(165)};
 constexpr Milliseconds SHORTEST_PAUSE{30};
 constexpr unsigned COPY = 1;
 constexpr unsigned REMINDER = 2;
@@ -32,11 +35,27 @@ Search::Search(std::string deviceType, const Knowledge& knowledge, TimePoint now
       mLastNew(now) {}
 
 std::optional<unsigned> Search::TakeDueProbe(TimePoint now) {
+    if (now >= NextCopyForMissing()) {
+        mLastProbe = now;
+        return static_cast<unsigned>(PROBES.size()) + mCopiesForMissing++;
+    }
     if (now < NextProbe()) {
         return std::nullopt;
     }
     mLastProbe = now;
     return mNextProbe++;
+}
+
+TimePoint Search::NextCopyForMissing() const {
+    const bool isMissing = mHighestCount <= FEW && mHighestCount > Counted() + mDismissed;
+    if (!isMissing || mCopiesForMissing == COPIES_FOR_MISSING.size()) {
+        return TimePoint::max();
+    }
+    return mStart + COPIES_FOR_MISSING[mCopiesForMissing];
+}
+
+bool Search::WasSent(unsigned probe) const {
+    return probe < PROBES.size() ? probe < mNextProbe : probe < PROBES.size() + mCopiesForMissing;
 }
 
 Milliseconds Search::TimeOf(unsigned probe) const {
@@ -78,7 +97,7 @@ bool Search::IsReminder(unsigned probe) const { return probe == REMINDER || (mDi
 
 void Search::OnAnswer(unsigned probe, const NodeDescription& node, std::optional<std::uint32_t> count,
                       TimePoint now) {
-    if (probe >= mNextProbe || node.deviceType != mDeviceType) {
+    if (!WasSent(probe) || node.deviceType != mDeviceType) {
         return;
     }
     const auto [at, isNew] = mFound.try_emplace(node.identity.id);
@@ -106,7 +125,7 @@ bool Search::IsOver(TimePoint now) const {
 // Each of many nodes would have to have missed the hellos of one that was not found. A few nodes could have:
 // the network must not have lost any datagram of this search either.
 bool Search::CountsAgree() const {
-    const std::size_t least = mFound.size() + (mCounted ? 1 : 0);
+    const std::size_t least = Counted();
     bool any = false;
     for (const auto& [id, node] : mFound) {
         if (node.count && (*node.count < least || *node.count > least + mDismissed)) {
@@ -126,7 +145,7 @@ TimePoint Search::NextDeadline(TimePoint now) const {
     if (IsOver(now)) {
         return now;
     }
-    TimePoint next = std::min(End(), NextProbe());
+    TimePoint next = std::min({End(), NextProbe(), NextCopyForMissing()});
     for (const TimePoint mayBeOver : {mStart + Shortest(), QuietSince()}) {
         if (mayBeOver > now) {
             next = std::min(next, mayBeOver);

@@ -86,6 +86,10 @@ private:
     Milliseconds Shortest() const { return mDirected ? SHORTEST_DIRECTED : SHORTEST; }
     Milliseconds TimeOf(unsigned probe) const;
     TimePoint NextProbe() const;
+    TimePoint NextCopyForMissing() const;
+    bool WasSent(unsigned probe) const;
+    // How many nodes the others should count.
+    std::size_t Counted() const { return mFound.size() + (mCounted ? 1 : 0); }
     TimePoint QuietSince() const;
     TimePoint End() const;
 
@@ -95,6 +99,7 @@ private:
     const bool mCounted;
     const TimePoint mStart;
     unsigned mNextProbe = 0;
+    unsigned mCopiesForMissing = 0;
     TimePoint mLastProbe;
     TimePoint mLastNew;
     std::map<std::uint64_t, Answerer> mFound;

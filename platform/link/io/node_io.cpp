@@ -23,8 +23,13 @@ namespace {
 // Without free descriptors an interface cannot be opened. No event tells when descriptors are closed, so the
 // thread tries again after this.
 constexpr Milliseconds TRY_AGAIN_AFTER{1000};
-// A node says hello more often than that, so this wakes it no further time.
+// The thread looks at the keys when it is awake for something else, such as a hello, and the last look is
+// this old. It wakes up for the keys only if nothing else wakes it meanwhile.
 constexpr Milliseconds LOOK_AT_KEYS_EVERY{1000};
+constexpr Milliseconds WAKE_FOR_KEYS_AFTER{500};
+
+// When the thread has to wake up for keys that it may look at from `due` on.
+TimePoint LatestLook(TimePoint due) { return due == TimePoint::max() ? due : due + WAKE_FOR_KEYS_AFTER; }
 
 }  // namespace
 
@@ -241,7 +246,8 @@ void NodeIo::Turn() {
     if (now >= mLookAtKeys) {
         FollowKeys(now);
     }
-    mLoop.WakeAt(std::min({mLookAtKeys, mCore.NextDeadline(now), mCoap->NextDeadline(), mTryAgain}));
+    mLoop.WakeAt(
+        std::min({LatestLook(mLookAtKeys), mCore.NextDeadline(now), mCoap->NextDeadline(), mTryAgain}));
     mLoop.RunOnce();
 }
 

@@ -52,6 +52,7 @@ constexpr std::uint16_t BLOCK1 = 27;
 constexpr std::uint16_t REQUESTER = 65000;
 constexpr std::uint16_t KNOWN_NODES = 65008;
 constexpr std::uint16_t NODE_COUNT = 65016;
+constexpr std::uint16_t LOOK_ROUND = 65024;
 }  // namespace option
 
 struct CoapOption {

@@ -131,6 +131,10 @@ bool IsAskedFor(const CoapMessage& probe, const std::optional<std::string>& devi
     return prefix && deviceType->compare(0, wanted.size() - 1, wanted, 0, wanted.size() - 1) == 0;
 }
 
+void MarkAsLookRound(CoapMessage& probe) { probe.Add(option::LOOK_ROUND, std::string()); }
+
+bool IsLookRound(const CoapMessage& probe) { return probe.Find(option::LOOK_ROUND) != nullptr; }
+
 CoapMessage MakeLinkAnswer(const CoapMessage& request, const std::string& link) {
     CoapMessage answer;
     answer.type =

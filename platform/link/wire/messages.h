@@ -60,9 +60,14 @@ bool IsAskedFor(const CoapMessage& probe, const std::optional<std::string>& devi
 // False if nodes of other types are asked for too.
 bool IsAskedForExactly(const CoapMessage& probe, const std::string& deviceType);
 
+// A node that has just started looks round. It needs the answers of a few nodes only. Older nodes pass over
+// the option.
+void MarkAsLookRound(CoapMessage& probe);
+bool IsLookRound(const CoapMessage& probe);
+
 CoapMessage MakeLinkAnswer(const CoapMessage& request, const std::string& link);
 // How many nodes of the type asked for the sender of an answer knows, itself included. Only nodes that have
-// been there for a while tell it. Older nodes pass over the option.
+// been there for a while, or have looked round, tell it. Older nodes pass over the option.
 void AddCount(CoapMessage& answer, std::size_t count);
 std::optional<std::uint32_t> CountIn(const CoapMessage& answer);
 

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -116,7 +117,11 @@ void LookAtKeyFile(Findings& findings, const char* path) {
 void LookAtKeys(Findings& findings) {
     const char* path = std::getenv("LUMORA_LINK_PSK_FILE");
     LookAtKeyFile(findings, path);
-    LookAtChannelMode(findings, path != nullptr);
+    const bool starts = std::none_of(findings.begin(), findings.end(),
+                                     [](const Finding& one) { return one.level == Level::FAULT; });
+    if (starts) {
+        LookAtChannelMode(findings, path != nullptr);
+    }
 }
 
 }  // namespace lumora_cli

@@ -54,15 +54,15 @@ int ConnectError(const std::string& host, int port) {
     return error;
 }
 
+// Without a key, the findings on keys tell enough.
 Finding DescribeChannel(const lumora::Peer& peer) {
     if (peer.isPrivate) {
         return {Level::GOOD, DEVICE,
                 "the data channel is private, by the key \"" + OneLine(peer.identity) + '"', ""};
     }
-    return {Level::NOTE, DEVICE, "the data channel is plain: hosts on the way can read and change the data",
-            std::getenv("LUMORA_LINK_PSK_FILE") == nullptr
-                ? "docs/security.md tells how to make it private"
-                : "the device is of an earlier version, or LUMORA_LINK_CHANNEL is plain here or there"};
+    return {Level::WARNING, DEVICE,
+            "the data channel is plain: hosts on the way can read and change the data",
+            "the device is of an earlier version, or LUMORA_LINK_CHANNEL is plain here or there"};
 }
 
 void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDevice& found) {
@@ -71,7 +71,9 @@ void ReportChannel(Findings& findings, const DeviceChoice& device, const FoundDe
         const ClientSession session({device, std::chrono::milliseconds(2000), false}, {});
         findings.push_back(
             {Level::GOOD, DEVICE, "connected: TCP port 6666 is reached there, and 6667 from there", ""});
-        findings.push_back(DescribeChannel(session.Peer()));
+        if (std::getenv("LUMORA_LINK_PSK_FILE") != nullptr) {
+            findings.push_back(DescribeChannel(session.Peer()));
+        }
     } catch (const Failure& failure) {
         // Only after a failure: tells which of the two directions is blocked.
         const int error = ConnectError(found.address, DEVICE_PORT);

@@ -1,4 +1,5 @@
 #include "tools/lumora/session/device_start.h"
+#include "nodes/platform_front.h"
 
 #include "nodes/platform_front.h"
 #include "tools/lumora/os/ports.h"
@@ -18,9 +19,9 @@ void StartDevice(lumora::Device& device) {
     }
     std::error_code error;
     // Forgets an earlier error line of this thread, so that a failure names its own cause.
-    TakeCause();
+    lumora_nodes::TakeCause();
     if (!device.Start(error)) {
-        throw Failure(EXIT_FAILED, WithCause("the device cannot be made: " + error.message()),
+        throw Failure(EXIT_FAILED, lumora_nodes::WithCause("the device cannot be made: " + error.message()),
                       "lumora doctor looks for what is wrong");
     }
 }

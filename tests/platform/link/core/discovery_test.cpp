@@ -56,6 +56,13 @@ struct DiscoveryTest : testing::Test {
             }
         };
     }
+    void ListCounting() {
+        network.rewrite = [this](CoapMessage& message, const FakeNode& sender) {
+            if (CountIn(message)) {
+                counting.insert(&sender);
+            }
+        };
+    }
     static void Strip(CoapMessage& message) {
         CoapMessage bare = message;
         bare.options.clear();
@@ -70,6 +77,7 @@ struct DiscoveryTest : testing::Test {
     FakeNetwork network;
     std::vector<FakeNode*> cameras;
     Milliseconds searchTime{};
+    std::set<const FakeNode*> counting;
     unsigned datagrams = 0;  // that the cameras sent meanwhile, each to each receiver
 };
 
@@ -189,6 +197,93 @@ TEST_F(DiscoveryTest, NodesThatHaveJustStartedDoNotCountAndAreAllFound) {
     EXPECT_EQ(searchTime, TODAY);
 }
 
+TEST_F(DiscoveryTest, AFewNewNodesThatHaveLookedRoundCount) {
+    for (const std::size_t count : {std::size_t{1}, std::size_t{3}, Search::FEW}) {
+        FakeNetwork young;
+        for (std::size_t added = 0; added < count; ++added) {
+            young.Add("camera");
+        }
+        young.Run(Milliseconds(50));
+        FakeNode& asker = young.Add(std::nullopt);
+        const TimePoint start = young.Now();
+        const std::uint64_t ticket = asker.Find("camera");
+        ASSERT_TRUE(young.RunUntil([&] { return asker.Seen().found.count(ticket) != 0; }, seconds(2)));
+        EXPECT_THAT(asker.Seen().found.at(ticket), testing::SizeIs(count));
+        EXPECT_EQ(young.Now() - start, Search::SHORTEST) << count;
+    }
+}
+
+TEST_F(DiscoveryTest, ANewNodeAmongOthersLeavesTheCountToThem) {
+    AddCameras(2);
+    network.Run(seconds(2));
+    AddCameras(1);
+    network.Run(Milliseconds(60));
+    ListCounting();
+    EXPECT_EQ(FindAsNewcomer(), 3U);
+    EXPECT_EQ(searchTime, Search::SHORTEST);
+    EXPECT_THAT(counting, testing::UnorderedElementsAre(cameras[0], cameras[1]));
+}
+
+TEST_F(DiscoveryTest, NodesThatAwaitTheHelloOfANewOneDoNotCount) {
+    AddCameras(2);
+    network.Run(seconds(2));
+    network.filter = [](const CoapMessage& message) { return PathOf(message) != HELLO_PATH; };
+    AddCameras(1);
+    network.Run(Milliseconds(50));
+    ListCounting();
+    EXPECT_EQ(FindAsNewcomer(), 3U);
+    EXPECT_THAT(counting, testing::IsSubsetOf({cameras[2]})) << "only the new one knows all";
+    network.Run(Presence::LATELY);
+    EXPECT_EQ(FindAsNewcomer(), 3U);
+    EXPECT_THAT(counting, testing::SizeIs(3)) << "they await it no longer";
+}
+
+TEST_F(DiscoveryTest, FindsAFewNewNodesThroughLossOfAFifthBothWays) {
+    std::size_t missed = 0;
+    for (std::uint64_t seed = 1; seed <= 400; ++seed) {
+        FakeNetwork lossy(seed);
+        lossy.lossPercent = 20;
+        const std::size_t count = 2 + seed % 3;
+        for (std::size_t added = 0; added < count; ++added) {
+            lossy.Add("camera");
+            lossy.Run(Milliseconds(seed % 50));
+        }
+        lossy.Run(Milliseconds(30));
+        FakeNode& asker = lossy.Add(std::nullopt);
+        const std::uint64_t ticket = asker.Find("camera");
+        lossy.RunUntil([&] { return asker.Seen().found.count(ticket) != 0; }, seconds(2));
+        missed += asker.Seen().found.at(ticket).size() != count;
+    }
+    EXPECT_EQ(missed, 0U);
+}
+
+TEST_F(DiscoveryTest, TwoHundredNodesThatStartAtOnceAnswerSomeOfTheOthersAndAreAllFound) {
+    AddCameras(CROWD);
+    unsigned answers = 0;
+    network.filter = [&](const CoapMessage& message) {
+        answers += message.code == code::CONTENT && message.type == MessageType::NonConfirmable;
+        return true;
+    };
+    network.Run(Milliseconds(60));
+    EXPECT_GT(answers, 0U);
+    EXPECT_LE(answers, 32U * CROWD);
+    EXPECT_EQ(FindAsNewcomer(), CROWD);
+}
+
+TEST_F(DiscoveryTest, ANewcomerAmongManyIsAnsweredByAFewWhenItLooksRound) {
+    AddCameras(CROWD);
+    network.Run(seconds(2));
+    unsigned answers = 0;
+    network.filter = [&](const CoapMessage& message) {
+        answers += message.code == code::CONTENT && message.type == MessageType::NonConfirmable;
+        return true;
+    };
+    AddCameras(1);
+    network.Run(Milliseconds(100));
+    EXPECT_GT(answers, 0U);
+    EXPECT_LE(answers, 3 * Presence::GREETERS) << "and the first one with a count ends the look";
+}
+
 TEST_F(DiscoveryTest, CountsThatDifferCostTheTimeOfToday) {
     AddCameras(5);
     network.Run(seconds(2));
@@ -292,6 +387,7 @@ TEST_F(DiscoveryTest, NodesOfTwoNetworksAreAllFound) {
 TEST_F(DiscoveryTest, ASearchEndsWhenItIsOverAndNotWithTheNextProbe) {
     AddCameras(2);
     network.filter = [](const CoapMessage& message) { return PathOf(message) != HELLO_PATH; };
+    network.rewrite = [](CoapMessage& message, const FakeNode&) { Strip(message); };
     EXPECT_EQ(FindAsNewcomer(), 2U);
     EXPECT_EQ(searchTime, TODAY) << "with no hello of another node to wake it";
 }

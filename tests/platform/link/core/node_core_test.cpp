@@ -189,14 +189,53 @@ TEST_F(NodeCoreTest, NoticesWithinThreeSecondsThatALinkWasCutAndThatItIsBack) {
     }
 }
 
-TEST_F(NodeCoreTest, TwoIdleNodesWakeForTheirHellosOnly) {
-    FakeNode& first = network.Add("reader");
-    FakeNode& second = network.Add("camera");
-    network.Run(seconds(10));
-    const unsigned before = first.WakeUps() + second.WakeUps();
-    network.Run(seconds(300));
-    // Each sends a hello every 1.5 s, which comes back by the group's own loop, and hears the other's.
-    EXPECT_LE(first.WakeUps() + second.WakeUps() - before, 2U * (3 * 200 + 3));
+// In each period one node wakes up for its own hello. The others say theirs when they hear it. A hello comes
+// back to its sender by the group's own loop, which this network counts as a wake-up.
+TEST_F(NodeCoreTest, IdleNodesSayHelloTogetherAndTakeTurnsInWakingUp) {
+    constexpr unsigned PERIODS = 100;
+    const Milliseconds period = Presence::HELLO_INTERVAL - Presence::TURN;
+    std::vector<FakeNode*> nodes;
+    for (const std::size_t count : {2U, 10U}) {
+        while (nodes.size() < count) {
+            nodes.push_back(&network.Add("camera"));
+            network.Run(Milliseconds(400));
+        }
+        network.Run(seconds(30));
+        std::vector<unsigned> before;
+        std::transform(nodes.begin(), nodes.end(), std::back_inserter(before),
+                       [](const FakeNode* node) { return node->WakeUps(); });
+        network.Run(PERIODS * period);
+        for (std::size_t at = 0; at < count; ++at) {
+            EXPECT_LE(nodes[at]->WakeUps() - before[at], PERIODS * 5 / 2 + 10) << at << " of " << count;
+        }
+    }
+}
+
+TEST_F(NodeCoreTest, NodesThatSaidHelloTogetherAreSpreadWhenTheyBecomeMany) {
+    std::map<TimePoint, unsigned> hellos;
+    for (std::size_t count = 0; count <= PeerDirectory::CROWD + 1; ++count) {
+        network.Add("camera");
+    }
+    network.Run(seconds(3));
+    std::set<std::uint16_t> seen;
+    network.filter = [&](const CoapMessage& message) {
+        if (PathOf(message) == HELLO_PATH && seen.insert(message.messageId).second) {
+            ++hellos[network.Now()];
+        }
+        return true;
+    };
+    network.Run(seconds(1));
+    for (const auto& [time, count] : hellos) {
+        EXPECT_LE(count, PeerDirectory::CROWD / 4);
+    }
+}
+
+TEST_F(NodeCoreTest, ANodeWithoutATypeSleepsWhileNothingHappens) {
+    FakeNode& looker = network.Add(std::nullopt);
+    network.Run(seconds(1));
+    const unsigned before = looker.WakeUps();
+    network.Run(seconds(60));
+    EXPECT_EQ(looker.WakeUps(), before);
 }
 
 TEST_F(NodeCoreTest, LossRemovesNoNodeInAnHour) {

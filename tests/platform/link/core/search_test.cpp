@@ -105,6 +105,24 @@ TEST_F(SearchTest, OnlyTheRescueNamesWhatIsKnown) {
     EXPECT_THAT(search.Named(4), ElementsAre(HintOf(1)));
 }
 
+TEST_F(SearchTest, NodesThatACountTellsOfAreAskedOftener) {
+    Search search("camera", {}, now);
+    std::map<int, std::vector<NodeHint>> named;
+    Run(search, [&](unsigned probe) {
+        named[SinceStart()] = search.Named(probe);
+        if (named[SinceStart()].empty()) {
+            search.OnAnswer(probe, Camera(1), 2, now);
+        }
+        if (SinceStart() == 40) {
+            search.OnAnswer(probe, Camera(2), 2, now);
+        }
+    });
+    EXPECT_THAT(named.at(40), ElementsAre(HintOf(1)));
+    EXPECT_EQ(named.count(165), 0U) << "none is missing any more";
+    EXPECT_EQ(search.Found(), 2U);
+    EXPECT_EQ(SinceStart(), 600) << "the second node has not answered everything";
+}
+
 TEST_F(SearchTest, TakesNoAnswerOfAnotherTypeOrToAProbeThatWasNotSent) {
     Search search("camera", {}, now);
     search.TakeDueProbe(now);
