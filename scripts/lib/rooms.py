@@ -26,7 +26,7 @@ GROUPS = {
     "lumora": ["tools/lumora", "tools/lumora/commands", "tools/lumora/recording", "tools/lumora/session",
                "tools/lumora/manual", "tools/lumora/os", "tools/lumora/terminal"],
     "lumora-platform-check": ["tools/platform_check"],
-    "lumora-hub": ["hub", "hub/core", "hub/web"],
+    "lumora-hub": ["hub", "hub/core", "hub/mqtt", "hub/web"],
     "lumora-hub-worker": ["hub/worker"],
     "": ["base", "include", "nodes", "platform/include"],
 }

@@ -1,10 +1,14 @@
 #include "tools/lumora/session/device_start.h"
 #include "nodes/platform_front.h"
 
+#include "nodes/platform_front.h"
 #include "tools/lumora/os/ports.h"
 #include "tools/lumora/terminal/failure.h"
 
 namespace lumora_cli {
+
+using lumora_nodes::TakeCause;
+using lumora_nodes::WithCause;
 
 void StartDevice(lumora::Device& device) {
     // The library opens port 6666 only when a client connects, and that would fail then without a visible

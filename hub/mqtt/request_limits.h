@@ -1,0 +1,17 @@
+// What clients of the broker may ask of the hub at a time. Any of them can publish a request.
+#pragma once
+
+#include <cstddef>
+
+namespace lumora_hub {
+
+// The limits of the library for what a client sends to a device.
+constexpr std::size_t MOST_BLOCK_BYTES = 5242880;
+constexpr std::size_t MOST_COMMAND_BYTES = 400;  // name and parameter together
+
+constexpr std::size_t MOST_OVERHEAD_BYTES = std::size_t{64} << 10;  // topic and properties of a packet
+constexpr std::size_t MOST_REQUESTS = 64;                           // whose end is not known yet
+constexpr std::size_t MOST_REQUEST_BYTES = std::size_t{16} << 20;   // of their blocks
+constexpr std::size_t MOST_REPLIES = 256;                           // that wait for the broker
+
+}  // namespace lumora_hub
