@@ -21,6 +21,9 @@ constexpr std::chrono::minutes UNDISTURBED_CONNECTION{2};
 // Devices hear of a node that has left at about the same time as the hub; the hub's look at a channel comes
 // up to two seconds later.
 constexpr std::chrono::seconds NEIGHBOUR_TIME{8};
+// Fifty searches at once would keep a small network from answering any of them.
+constexpr unsigned MOST_OPENING = 8;
+constexpr std::chrono::milliseconds OPENING_PAUSE{20};
 
 FrameHead HeadOf(FrameKind kind, std::uint64_t number = 0) {
     FrameHead head;
@@ -101,7 +104,16 @@ void DeviceLink::Update() {
     }
 }
 
+// One that waits for others counts as being opened: its consumers see no difference.
 void DeviceLink::Start() {
+    if (mSurroundings.opening >= MOST_OPENING) {
+        mRetry = mSurroundings.loop.After(OPENING_PAUSE, [this] {
+            mRetry = 0;
+            Update();
+        });
+        Become(ChannelState::CONNECTING);
+        return;
+    }
     const std::optional<int> port = mSurroundings.ports.Take();
     if (!port) {
         OnEnd(EndReason::PORT_TAKEN, "all data ports are in use; --ports names more");
@@ -110,6 +122,7 @@ void DeviceLink::Start() {
     mPort = *port;
     try {
         StartWorker(*port);
+        SetOpening(true);
         Become(ChannelState::CONNECTING);
     } catch (const std::system_error& error) {
         OnEnd(EndReason::CONNECT_FAILED, std::string("no worker can be started: ") + error.what());
@@ -138,12 +151,19 @@ void DeviceLink::Stop() {
 // Ends the worker, and what it was told goes with it.
 void DeviceLink::Drop() {
     mWorker.reset();
+    SetOpening(false);
     if (mPort != 0) {
         mSurroundings.ports.Release(std::exchange(mPort, 0));
     }
     mConnected = false;
     mSubscribed.clear();
     FinishSent();
+}
+
+void DeviceLink::SetOpening(bool opening) {
+    if (opening != std::exchange(mIsOpening, opening)) {
+        mSurroundings.opening += opening ? 1U : -1U;
+    }
 }
 
 void DeviceLink::Become(ChannelState state, std::string trouble) {
@@ -234,6 +254,7 @@ void DeviceLink::OnFrame(Frame frame) {
 }
 
 void DeviceLink::OnConnected(const Frame& frame) {
+    SetOpening(false);
     mConnected = true;
     mConnectedAt = Clock::now();
     ++mConnections;

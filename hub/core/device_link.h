@@ -39,6 +39,9 @@ struct LinkSurroundings {
     const Settings& settings;
     // When another node of this host left the network. Devices then close their channels to this host.
     EventLoop::Clock::time_point neighbourLeft;
+    // Channels that are being opened now. Each search asks all nodes of the network, so there are a few at a
+    // time.
+    unsigned opening = 0;
 };
 
 // For the hub's thread.
@@ -82,6 +85,7 @@ private:
     void StartWorker(int port);
     void Stop();
     void Drop();
+    void SetOpening(bool opening);
     void Subscribe();
     void SendRequests();
     void Finish(std::uint64_t request, Outcome outcome);
@@ -103,6 +107,7 @@ private:
 
     std::unique_ptr<WorkerProcess> mWorker;
     int mPort = 0;
+    bool mIsOpening = false;  // counted in mSurroundings.opening
     bool mConnected = false;
     EventLoop::Clock::time_point mConnectedAt;
     std::set<std::string> mSubscribed;  // what the worker was told

@@ -13,7 +13,7 @@ STREAM = {"placement": "one-core", "point": "up-65536", "round": 0, "mb_per_s": 
 COMPARED = [{"machine": "a <small> machine"}, {**STREAM, "pipe": "lumora"},
             {**STREAM, "pipe": "tcp-framed", "mb_per_s": 400.0}]
 WAITED = [{"what": "LUM_ConnectAiDevice", "value": 4.5, "unit": "ms"}]
-TABLES = ("machine", "goals", "streams", "pingpong", "paced", "waits")
+TABLES = ("machine", "goals", "streams", "pingpong", "paced", "private", "waits")
 
 
 class PlotTest(unittest.TestCase):

@@ -15,6 +15,7 @@ HUB = os.environ["LUMORA_HUB"]
 LUMORA = os.environ.get("LUMORA_PROGRAM")
 # Bounds a failing test only.
 LIMIT = 60
+MOST_HOSTS = 60
 
 
 def run(*command):
@@ -35,6 +36,10 @@ def eventually(condition, what):
         time.sleep(0.05)
 
 
+def hardware_address(number):
+    return f"02:00:0a:4d:00:{number:02x}"
+
+
 class Host:
     """A network namespace with an address."""
 
@@ -48,8 +53,19 @@ class Host:
         run("ip", "link", "add", self.name, "type", "veth", "peer", "name", "eth0", "netns", str(self.holder.pid))
         run("ip", "link", "set", self.name, "master", "br0", "up")
         self.run("ip", "link", "set", "lo", "up")
+        self.run("ip", "link", "set", "eth0", "address", hardware_address(number))
         self.run("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
         self.run("ip", "link", "set", "eth0", "up")
+        self.learn_neighbours()
+
+    def learn_neighbours(self):
+        """The kernel has one table of 1,024 neighbours for all namespaces together, which fifty hosts that know
+        each other fill. Entries that are set by hand do not count."""
+        lines = "".join(
+            f"neighbour add 10.77.0.{number} lladdr {hardware_address(number)} nud permanent dev eth0\n"
+            for number in range(1, MOST_HOSTS + 1)
+        )
+        subprocess.run(self.command("ip", "-batch", "-"), input=lines, text=True, check=True)
 
     def namespace(self):
         return f"/proc/{self.holder.pid}/ns/net"

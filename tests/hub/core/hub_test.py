@@ -258,7 +258,7 @@ class Ends(HubCase):
     def test_the_program_lists_devices_and_ends_by_a_signal(self):
         device = self.device(2)
         environment = {**os.environ, "LUMORA_LINK_INTERFACE": "eth0"}
-        hub = ChildProcess(self.host(1).command(HUB, "--list"), env=environment)
+        hub = ChildProcess(self.host(1).command(HUB, "--no-web", "--list"), env=environment)
         self.addCleanup(hub.close)
         self.assertEqual(hub.line(), "+ camera@10.77.0.2  picture")
         device.process.terminate()
@@ -270,7 +270,7 @@ class Ends(HubCase):
         path = f"/tmp/lumora-hub-{os.getpid()}.toml"
         self.addCleanup(os.remove, path)
         with open(path, "w", encoding="ascii") as file:
-            file.write('list = true\ntype = ["lamp"]\nports = "6700-6701"\n')
+            file.write('no-web = true\nlist = true\ntype = ["lamp"]\nports = "6700-6701"\n')
         self.device(2)
         self.device(3, kind="lamp")
         environment = {**os.environ, "LUMORA_LINK_INTERFACE": "eth0"}

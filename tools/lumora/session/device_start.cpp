@@ -1,5 +1,4 @@
 #include "tools/lumora/session/device_start.h"
-#include "nodes/platform_front.h"
 
 #include "nodes/platform_front.h"
 #include "tools/lumora/os/ports.h"
