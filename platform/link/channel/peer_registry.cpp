@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/never_destroyed.h"
 #include "platform/link/log.h"
 
 namespace lumora_link {
@@ -41,9 +42,10 @@ void PeerRegistry::Watch::SetEstablished() {
     mEstablished = true;
 }
 
-// Never destroyed: at the end of the process, nodes may still run.
+// Nodes may still run at the end of the process. No member allocates before it is used, so a thread can ask
+// for the registry when memory has run out.
 PeerRegistry& PeerRegistry::OfProcess() {
-    static PeerRegistry* const registry = std::make_unique<PeerRegistry>().release();
+    static lumora::NeverDestroyed<PeerRegistry> registry;
     return *registry;
 }
 

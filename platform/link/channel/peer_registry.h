@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -93,7 +94,7 @@ private:
     lumora::Mutex mMutex;
     std::uint64_t mLastSerial GUARDED_BY(mMutex) = 0;
     std::map<NodeNumber, Node> mNodes GUARDED_BY(mMutex);
-    std::deque<Watch*> mWatches GUARDED_BY(mMutex);  // the oldest one first
+    std::list<Watch*> mWatches GUARDED_BY(mMutex);  // the oldest one first
 };
 
 }  // namespace lumora_link
