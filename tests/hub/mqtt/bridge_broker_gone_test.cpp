@@ -23,6 +23,16 @@ std::size_t ResidentBytes() {
     return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
+// The sanitizers keep freed memory for a while, and shadows of it, so what is resident says nothing then.
+void ExpectGrowthBelow(std::size_t limit, std::size_t before) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    static_cast<void>(limit);
+    static_cast<void>(before);
+#else
+    EXPECT_LT(ResidentBytes(), before + limit);
+#endif
+}
+
 TEST_F(BridgeBrokerGoneTest, ABrokerThatComesLaterIsFound) {
     StartBridge();
     AddCamera();
@@ -134,7 +144,7 @@ TEST_F(BridgeBrokerGoneTest, MemoryIsBoundedWhileTheBrokerIsDead) {
     for (int i = 0; i < BLOCKS; ++i) {
         ASSERT_EQ(mHub.Send(CAMERA, "picture", std::string(100000, 'x')), 1U);
     }
-    EXPECT_LT(ResidentBytes(), before + (std::size_t{24} << 20));
+    ExpectGrowthBelow(std::size_t{24} << 20, before);
     ASSERT_TRUE(Eventually([&] { return mBridge->Counts().lost >= BLOCKS - 64; }));
     mBroker->Start();
     const auto isAccounted = [&] {
@@ -156,7 +166,7 @@ TEST_F(BridgeBrokerGoneTest, MemoryIsBoundedWhileTheBrokerIsFrozen) {
     for (int i = 0; i < BLOCKS; ++i) {
         ASSERT_EQ(mHub.Send(CAMERA, "picture", std::string(100000, 'x')), 1U);
     }
-    EXPECT_LT(ResidentBytes(), before + (std::size_t{40} << 20));
+    ExpectGrowthBelow(std::size_t{40} << 20, before);
     mBroker->Thaw();
     const auto isAccounted = [&] {
         const auto counts = mBridge->Counts();
