@@ -16,8 +16,8 @@ protected:
 
     lumora_hub_test::FakeHub mHub;
     std::set<std::uint64_t> mReady;
-    LatestBlocks mLatest{
-        mHub, 2, [this](std::uint64_t number) { return [this, number] { mReady.insert(number); }; }};
+    LatestBlocks mLatest{mHub, 2,
+                         [this](std::uint64_t number) { return [this, number] { mReady.insert(number); }; }};
 };
 
 TEST_F(LatestBlocksTest, OneSubscriptionServesAllWhoAsk) {

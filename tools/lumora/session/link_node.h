@@ -12,8 +12,8 @@
 namespace lumora_cli {
 
 using lumora_nodes::Describe;
-using lumora_nodes::NodeEvent;
 using lumora_nodes::FoundDevice;
+using lumora_nodes::NodeEvent;
 using lumora_nodes::RemoteDevice;
 using lumora_nodes::Service;
 using lumora_nodes::TransportName;
