@@ -3,6 +3,7 @@
 # programs lumora-hub and hub_device.
 
 set -uo pipefail
+# shellcheck source-path=SCRIPTDIR
 . "$(dirname "$0")/../../support/hosts.sh"
 
 hub_program=$1 device_program=$2
@@ -65,5 +66,5 @@ check "the last will is published" "$(await false lumora/hub/test/online)" there
 start_hub
 check "a hub that is started again is online" "$(await true lumora/hub/test/online)" there
 
-[ $failures -eq 0 ] || cat "$work"/*.log
+[ "$failures" -eq 0 ] || cat "$work"/*.log
 exit $((failures > 0))
