@@ -26,6 +26,9 @@ enum class ChannelState {
     FAILED  // the last try failed; the next one follows after a pause
 };
 
+// The word for it in documents and metrics: idle, connecting, connected or failed.
+const char* NameOf(ChannelState state);
+
 struct DeviceState {
     // TYPE@ADDRESS, with :PORT behind it if several nodes of this type are at that address. Stays the same
     // while the device is there, and is the same again if it comes back to that address.

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "base/json.h"
+#include "hub/core/text.h"
 
 namespace lumora_hub {
 
@@ -18,45 +19,6 @@ constexpr const char* NAME_BYTES = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqr
 
 bool StartsWith(const std::string& bytes, std::string_view start) {
     return bytes.compare(0, start.size(), start) == 0;
-}
-
-std::size_t LengthOfSequence(unsigned char first) {
-    if (first < 0x80) {
-        return 1;
-    }
-    if (first >= 0xC2 && first < 0xE0) {
-        return 2;
-    }
-    if (first >= 0xE0 && first < 0xF0) {
-        return 3;
-    }
-    return first >= 0xF0 && first < 0xF5 ? 4 : 0;
-}
-
-bool IsSequence(const std::string& bytes, std::size_t at, std::size_t length) {
-    if (length == 0 || at + length > bytes.size()) {
-        return false;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((static_cast<unsigned char>(bytes[at + i]) & 0xC0U) != 0x80U) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// UTF-8, with line ends and tabs as the only control characters.
-bool IsText(const std::string& bytes) {
-    for (std::size_t at = 0; at < bytes.size();) {
-        const auto byte = static_cast<unsigned char>(bytes[at]);
-        const std::size_t length = LengthOfSequence(byte);
-        const bool isControl = byte < 0x20 && byte != '\n' && byte != '\r' && byte != '\t';
-        if (isControl || byte == 0x7F || !IsSequence(bytes, at, length)) {
-            return false;
-        }
-        at += length;
-    }
-    return !bytes.empty();
 }
 
 bool IsNumber(const std::string& bytes) {
@@ -87,7 +49,7 @@ ContentKind KindOf(const std::string& bytes) {
     if (StartsWith(bytes, "\x89PNG\r\n\x1A\n")) {
         return ContentKind::PNG;
     }
-    if (bytes.size() > MOST_TEXT_BYTES || !IsText(bytes)) {
+    if (bytes.empty() || bytes.size() > MOST_TEXT_BYTES || !IsText(bytes)) {
         return ContentKind::UNKNOWN;
     }
     if (IsNumber(bytes)) {

@@ -57,20 +57,6 @@ cJSON* AppendObject(cJSON* array) {
     return item;
 }
 
-const char* NameOf(ChannelState state) {
-    switch (state) {
-        case ChannelState::IDLE:
-            return "idle";
-        case ChannelState::CONNECTING:
-            return "connecting";
-        case ChannelState::CONNECTED:
-            return "connected";
-        case ChannelState::FAILED:
-            break;
-    }
-    return "failed";
-}
-
 bool IsWordByte(char byte) {
     return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
            byte == '-';

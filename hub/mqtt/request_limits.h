@@ -3,11 +3,13 @@
 
 #include <cstddef>
 
+#include "lumora.h"
+
 namespace lumora_hub {
 
 // The limits of the library for what a client sends to a device.
-constexpr std::size_t MOST_BLOCK_BYTES = 5242880;
-constexpr std::size_t MOST_COMMAND_BYTES = 400;  // name and parameter together
+constexpr std::size_t MOST_BLOCK_BYTES = LUM_MAX_CLIENT_DATA_LENGTH;
+constexpr std::size_t MOST_COMMAND_BYTES = LUM_MAX_CMD_LENGTH;  // name and parameter together
 
 constexpr std::size_t MOST_OVERHEAD_BYTES = std::size_t{64} << 10;  // topic and properties of a packet
 constexpr std::size_t MOST_REQUESTS = 64;                           // whose end is not known yet

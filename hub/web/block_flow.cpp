@@ -1,9 +1,11 @@
 #include "hub/web/block_flow.h"
 
+#include <openssl/evp.h>
+
 #include <algorithm>
 #include <utility>
 
-#include "hub/web/request.h"
+#include "hub/core/text.h"
 
 namespace lumora_hub::web {
 namespace {
@@ -18,19 +20,11 @@ void AppendNumber(std::string& bytes, Number number) {
 }
 
 std::string Base64(std::string_view bytes) {
-    static constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t at = 0; at < bytes.size(); at += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
-        std::uint32_t group = 0;
-        for (std::size_t byte = 0; byte < 3; ++byte) {
-            group = (group << 8) | (byte < count ? static_cast<std::uint8_t>(bytes[at + byte]) : 0U);
-        }
-        for (std::size_t digit = 0; digit < 4; ++digit) {
-            text += digit <= count ? DIGITS[(group >> (18 - 6 * digit)) & 63] : '=';
-        }
-    }
+    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // with the NUL that OpenSSL writes
+    const int length =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                        reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    text.resize(static_cast<std::size_t>(length));
     return text;
 }
 

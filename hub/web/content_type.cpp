@@ -1,7 +1,7 @@
 #include "hub/web/content_type.h"
 
 #include "base/json.h"
-#include "hub/web/request.h"
+#include "hub/core/text.h"
 
 namespace lumora_hub::web {
 namespace {

@@ -3,7 +3,7 @@
 #include <array>
 
 #include "base/json.h"
-#include "hub/web/request.h"
+#include "hub/core/text.h"
 
 namespace lumora_hub::web {
 namespace {
@@ -22,12 +22,7 @@ void AddNumber(cJSON* object, const char* key, std::uint64_t number) {
     cJSON_AddNumberToObject(object, key, static_cast<double>(number));
 }
 
-const char* NameOf(ChannelState state) {
-    static constexpr std::array<const char*, 4> NAMES = {"idle", "connecting", "connected", "failed"};
-    return NAMES.at(static_cast<std::size_t>(state));
-}
-
-const char* NameOf(DeviceEvent::Kind kind) {
+const char* KindName(DeviceEvent::Kind kind) {
     static constexpr std::array<const char*, 4> NAMES = {"appeared", "changed", "left", "forgotten"};
     return NAMES.at(static_cast<std::size_t>(kind));
 }
@@ -111,7 +106,7 @@ std::string ListMessage(const std::vector<DeviceState>& devices) {
 std::string ChangeMessage(const DeviceEvent& event) {
     const lumora::JsonTree root = NewObject();
     AddText(root.get(), "type", "device");
-    AddText(root.get(), "kind", NameOf(event.kind));
+    AddText(root.get(), "kind", KindName(event.kind));
     FillDevice(lumora::AddJsonObject(root.get(), "device"), event.device);
     return Print(root);
 }

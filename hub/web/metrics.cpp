@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "hub/web/request.h"
+#include "hub/core/text.h"
 
 namespace lumora_hub::web {
 namespace {
@@ -53,9 +53,8 @@ void AddDevices(const std::vector<DeviceState>& devices, std::string& out) {
     known.Add(Label("state", "absent"), devices.size() - present);
     Metric states(out, "lumora_hub_channels", "gauge",
                   "Devices by the state of the hub's data channel to them.");
-    static constexpr std::array<const char*, 4> NAMES = {"idle", "connecting", "connected", "failed"};
-    for (std::size_t at = 0; at < NAMES.size(); ++at) {
-        states.Add(Label("state", NAMES[at]), channels[at]);
+    for (std::size_t at = 0; at < channels.size(); ++at) {
+        states.Add(Label("state", NameOf(static_cast<ChannelState>(at))), channels[at]);
     }
     Metric reconnects(out, "lumora_hub_reconnects_total", "counter", "Data channels that were opened again.");
     for (const DeviceState& device : devices) {

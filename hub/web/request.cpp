@@ -1,6 +1,6 @@
 #include "hub/web/request.h"
 
-#include <cstdint>
+#include <openssl/crypto.h>
 
 namespace lumora_hub::web {
 namespace {
@@ -31,30 +31,6 @@ std::string_view CutFirst(std::string_view& rest, char separator) {
     const std::string_view first = rest.substr(0, end);
     rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
     return first;
-}
-
-// The length of the UTF-8 character at the beginning of text, and its code; 0 if there is none.
-std::size_t FirstCharacter(std::string_view text, std::uint32_t& code) {
-    const auto byte = [&](std::size_t at) { return static_cast<std::uint8_t>(text[at]); };
-    const std::uint8_t first = byte(0);
-    if (first < 0x80) {
-        code = first;
-        return 1;
-    }
-    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || text.size() < length) {
-        return 0;
-    }
-    code = first & (0x7FU >> length);
-    for (std::size_t at = 1; at < length; ++at) {
-        if ((byte(at) & 0xC0) != 0x80) {
-            return 0;
-        }
-        code = (code << 6) | (byte(at) & 0x3FU);
-    }
-    constexpr std::uint32_t SHORTEST[] = {0, 0, 0x80, 0x800, 0x10000};
-    const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
-    return code < SHORTEST[length] || code > 0x10FFFF || isSurrogate ? 0 : length;
 }
 
 }  // namespace
@@ -121,38 +97,7 @@ std::string HostName(std::string_view host) {
 }
 
 bool SameSecret(std::string_view left, std::string_view right) {
-    if (left.size() != right.size()) {
-        return false;
-    }
-    volatile unsigned char difference = 0;  // volatile: the compiler must not end the loop early
-    for (std::size_t at = 0; at < left.size(); ++at) {
-        difference = static_cast<unsigned char>(difference | (left[at] ^ right[at]));
-    }
-    return difference == 0;
-}
-
-bool IsText(std::string_view bytes) {
-    while (!bytes.empty()) {
-        std::uint32_t code = 0;
-        const std::size_t length = FirstCharacter(bytes, code);
-        const bool isControl = (code < 0x20 && code != '\t' && code != '\n' && code != '\r') || code == 0x7F;
-        if (length == 0 || isControl) {
-            return false;
-        }
-        bytes.remove_prefix(length);
-    }
-    return true;
-}
-
-std::string Utf8(std::string_view text) {
-    std::string good;
-    while (!text.empty()) {
-        std::uint32_t code = 0;
-        const std::size_t length = FirstCharacter(text, code);
-        good += length == 0 ? std::string_view("\xEF\xBF\xBD") : text.substr(0, length);
-        text.remove_prefix(length == 0 ? 1 : length);
-    }
-    return good;
+    return left.size() == right.size() && CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
 }
 
 }  // namespace lumora_hub::web

@@ -42,10 +42,4 @@ std::string HostName(std::string_view host);
 // Takes the same time for all texts of a length.
 bool SameSecret(std::string_view left, std::string_view right);
 
-// True if the text is UTF-8 without control characters other than tabs and line ends.
-bool IsText(std::string_view bytes);
-
-// The text with U+FFFD in place of what is not UTF-8.
-std::string Utf8(std::string_view text);
-
 }  // namespace lumora_hub::web

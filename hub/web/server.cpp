@@ -1,6 +1,5 @@
 #include "hub/web/server.h"
 
-#include <link_log.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <poll.h>
@@ -10,6 +9,7 @@
 #include <stdexcept>
 
 #include "base/thread.h"
+#include "hub/core/log.h"
 #include "hub/web/wsi_request.h"
 
 namespace lumora_hub::web {
@@ -29,7 +29,7 @@ constexpr lws_retry_bo_t IDLE_POLICY = {nullptr, 0, 0, 30, 600, 0};
 
 void LogLine(int /*level*/, const char* line) {
     const std::string_view text(line);
-    LogInfo(3, "HUB", "web", 0, "The web server: %.*s", static_cast<int>(text.find_last_not_of('\n') + 1),
+    HUB_LOG(lumora::LOG_WARNING, "The web server: %.*s", static_cast<int>(text.find_last_not_of('\n') + 1),
             line);
 }
 
@@ -119,7 +119,7 @@ void Server::OnTimer(lws_sorted_usec_list_t* entry) {
     try {
         server->Tick();
     } catch (const std::exception& error) {
-        LogInfo(3, "HUB", __func__, __LINE__, "A second's work is left out: %s", error.what());
+        HUB_LOG(lumora::LOG_WARNING, "A second's work is left out: %s", error.what());
     }
     lws_sul_schedule(server->mContext.get(), 0, entry, &Server::OnTimer, TICK);
 }
@@ -129,7 +129,7 @@ int Server::Call(lws* wsi, lws_callback_reasons reason, void* user, void* in, st
     try {
         return Dispatch(wsi, reason, user, in, length);
     } catch (const std::exception& error) {
-        LogInfo(3, "HUB", __func__, __LINE__, "A connection is closed: %s", error.what());
+        HUB_LOG(lumora::LOG_WARNING, "A connection is closed: %s", error.what());
         return -1;
     }
 }
