@@ -92,21 +92,28 @@ bool NetworkWatch::IsWanted(const std::string& type) const {
     return mTypes.empty() || std::find(mTypes.begin(), mTypes.end(), type) != mTypes.end();
 }
 
+// Nodes that answer searches and no questions are served slowly, so what waits to be asked counts as well.
 void NetworkWatch::Add(Task task) {
     const lumora::MutexLock lock(mMutex);
-    const bool isKnown = std::any_of(mTasks.begin(), mTasks.end(), [&](const Task& other) {
-        return IsSame(other.node, task.node) && other.isCheck == task.isCheck;
-    });
-    if (isKnown) {
+    if (IsWaiting(task)) {
         return;
     }
-    if (mTasks.size() >= mMostNodes) {
+    if (mTasks.size() + mQuestions.size() >= mMostNodes) {
         HUB_LOG(lumora::LOG_WARNING, "A node of type \"%s\" at %s is not asked: %zu others are.\n",
-                task.node.type.c_str(), task.node.address.c_str(), mTasks.size());
+                task.node.type.c_str(), task.node.address.c_str(), mTasks.size() + mQuestions.size());
         return;
     }
     mTasks.push_back(std::move(task));
     mChanged.NotifyAll();
+}
+
+bool NetworkWatch::IsWaiting(const Task& task) const {
+    const auto isSame = [&](const Task& other) {
+        return IsSame(other.node, task.node) && other.isCheck == task.isCheck;
+    };
+    return std::any_of(mTasks.begin(), mTasks.end(), isSame) ||
+           std::any_of(mQuestions.begin(), mQuestions.end(),
+                       [&](const Question& question) { return isSame(question.task); });
 }
 
 void NetworkWatch::Again(Task task) {

@@ -54,6 +54,7 @@ private:
     void OnEvent(lumora_nodes::NodeEvent event);
     bool IsWanted(const std::string& type) const;
     void Add(Task task) EXCLUDES(mMutex);
+    bool IsWaiting(const Task& task) const REQUIRES(mMutex);
     void Again(Task task) EXCLUDES(mMutex);
 
     void RunSearches();
