@@ -107,10 +107,7 @@ void DeviceLink::Update() {
 // One that waits for others counts as being opened: its consumers see no difference.
 void DeviceLink::Start() {
     if (mSurroundings.opening >= MOST_OPENING) {
-        mRetry = mSurroundings.loop.After(OPENING_PAUSE, [this] {
-            mRetry = 0;
-            Update();
-        });
+        UpdateAfter(OPENING_PAUSE);
         Become(ChannelState::CONNECTING);
         return;
     }
@@ -161,9 +158,21 @@ void DeviceLink::Drop() {
 }
 
 void DeviceLink::SetOpening(bool opening) {
-    if (opening != std::exchange(mIsOpening, opening)) {
-        mSurroundings.opening += opening ? 1U : -1U;
+    if (opening == std::exchange(mIsOpening, opening)) {
+        return;
     }
+    if (opening) {
+        ++mSurroundings.opening;
+    } else {
+        --mSurroundings.opening;
+    }
+}
+
+void DeviceLink::UpdateAfter(std::chrono::milliseconds pause) {
+    mRetry = mSurroundings.loop.After(pause, [this] {
+        mRetry = 0;
+        Update();
+    });
 }
 
 void DeviceLink::Become(ChannelState state, std::string trouble) {
@@ -279,10 +288,7 @@ void DeviceLink::OnEnd(EndReason reason, const std::string& text) {
     HUB_LOG(lumora::LOG_WARNING, "The channel to %s at %s:%d has ended: %s. Next try in %lld ms.\n",
             mPlace->type.c_str(), mPlace->address.c_str(), mPlace->port, text.c_str(),
             static_cast<long long>(pause.count()));
-    mRetry = mSurroundings.loop.After(pause, [this] {
-        mRetry = 0;
-        Update();
-    });
+    UpdateAfter(pause);
     Become(ChannelState::FAILED, text);
     if (reason != EndReason::PORT_TAKEN) {
         mEvents.onUnreachable();

@@ -86,6 +86,7 @@ private:
     void Stop();
     void Drop();
     void SetOpening(bool opening);
+    void UpdateAfter(std::chrono::milliseconds pause);
     void Subscribe();
     void SendRequests();
     void Finish(std::uint64_t request, Outcome outcome);
