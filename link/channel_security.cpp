@@ -3,10 +3,7 @@
 #include <cstddef>
 #include <new>
 
-#include "link_security.h"
-
-// A vendor's platform library need not have it.
-#pragma weak GetLinkSecurity
+#include "link/security_table.h"
 
 namespace lumora {
 
@@ -20,7 +17,7 @@ static_assert(ProtectedConnection::WANTS_READ == static_cast<int>(LINK_WANTS_REA
 // Null if the platform library has no operations on channels: a record of an earlier version ends before
 // them.
 const LinkSecurity* ChannelOperations() {
-    const LinkSecurity* security = GetLinkSecurity != nullptr ? GetLinkSecurity() : nullptr;
+    const LinkSecurity* security = SecurityTable();
     const bool hasThem = security != nullptr && security->size >= offsetof(LinkSecurity, GetChannelPeer);
     return hasThem ? security : nullptr;
 }

@@ -2,15 +2,12 @@
 
 #include <algorithm>
 
-#include "link_security.h"
-
-// A vendor's platform library need not have it.
-#pragma weak GetLinkSecurity
+#include "link/security_table.h"
 
 namespace lumora {
 
 std::optional<Requester> CurrentRequester() {
-    const LinkSecurity* security = GetLinkSecurity != nullptr ? GetLinkSecurity() : nullptr;
+    const LinkSecurity* security = SecurityTable();
     LinkRequester record = {};
     if (security == nullptr || security->GetRequester(&record) != 1) {
         return std::nullopt;
