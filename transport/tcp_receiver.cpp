@@ -200,15 +200,15 @@ bool TcpReceiver::UseIfExpected(Descriptor accepted, in_addr from) {
     }
     TuneConnection(connection);
     LimitReadWaits(connection, READ_WAIT_US);
-    return TakePeer(Connection(std::move(connection)));
+    TakePeer(Connection(std::move(connection)));
+    return true;
 }
 
-bool TcpReceiver::TakePeer(Connection connection) {
+void TcpReceiver::TakePeer(Connection connection) {
     const lumora::MutexLock lock(mReceiveSocketMutex);
     mReceiveSocket = std::move(connection);
     mPeer = Peer::CAME;
     mPeerChanged.NotifyAll();
-    return true;
 }
 
 // The thread has two handshakes to go on with, so neither blocks:

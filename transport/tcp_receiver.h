@@ -84,7 +84,7 @@ private:
     int WaitForConnect();
     int WaitForAnyPeer(PeerCandidates& candidates);
     int WaitForProvenPeer(PeerCandidates& candidates);
-    bool TakePeer(Connection connection);
+    void TakePeer(Connection connection);
     bool UseIfExpected(Descriptor accepted, in_addr from);
     void ReceiveLoop(char* readBuffer);
     bool ReceiveOnce(char* readBuffer, bool& dataCame);
