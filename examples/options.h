@@ -2,6 +2,7 @@
 #pragma once
 
 #include <lumora.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <cstdio>
@@ -34,6 +35,14 @@ inline std::string TypeOption(const std::string& type) {
         std::exit(USAGE_ERROR);
     }
     return type;
+}
+
+// After getopt: ends the program with a message if words are left that belong to no option.
+inline void RefuseOtherWords(int count, char* const* arguments) {
+    if (optind != count) {
+        std::fprintf(stderr, "unexpected \"%s\"; see --help\n", arguments[optind]);
+        std::exit(USAGE_ERROR);
+    }
 }
 
 }  // namespace examples

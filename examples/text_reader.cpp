@@ -215,10 +215,7 @@ Options ParseOptions(int count, char** arguments) {
                 std::exit(examples::USAGE_ERROR);
         }
     }
-    if (optind != count) {
-        std::fprintf(stderr, "unexpected \"%s\"; see --help\n", arguments[optind]);
-        std::exit(examples::USAGE_ERROR);
-    }
+    examples::RefuseOtherWords(count, arguments);
     return options;
 }
 
