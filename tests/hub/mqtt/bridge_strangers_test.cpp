@@ -74,6 +74,7 @@ TEST_F(BridgeStrangersTest, AFloodOfCommandsIsBounded) {
     StartClient();
     mHub.HoldAnswers();
     StartBridge();
+    AddCamera();
     ASSERT_TRUE(WaitForConnection());
     for (int i = 0; i < 2000; ++i) {
         mClient->Publish("lumora/camera@10.0.0.4/command/x", "", {false, "lumora/reply/x", ""});
@@ -87,6 +88,7 @@ TEST_F(BridgeStrangersTest, AFloodOfCommandsIsBounded) {
 
 TEST_F(BridgeStrangersTest, AnAnswerGoesToNoTopicOfAnother) {
     StartBridge();
+    AddCamera();
     ASSERT_TRUE(WaitForConnection());
     for (const char* topic :
          {"lumora/lamp@10.0.0.5/command/off", "elsewhere", "lumora/camera@10.0.0.4/online"}) {

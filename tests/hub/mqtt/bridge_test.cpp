@@ -166,6 +166,7 @@ TEST_F(BridgeTest, AFullHubIsAskedAgain) {
 
 TEST_F(BridgeTest, ACommandReachesTheDeviceAndItsOutcomeTheClient) {
     StartBridge();
+    AddCamera();
     ASSERT_TRUE(WaitForConnection());
     mHub.AnswerWith(Outcome::REFUSED);
     mClient->Publish("lumora/camera@10.0.0.4/command/move", "left 3", {false, "lumora/reply/test", "no. 7"});

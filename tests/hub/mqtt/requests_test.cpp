@@ -14,6 +14,8 @@ namespace {
 
 class RequestsTest : public testing::Test {
 protected:
+    RequestsTest() { mHub.Appear(lumora_hub_test::MakeDevice("a", "1.2.3.4", {})); }
+
     void Take(const std::string& topic, std::string payload, bool isRetained = false) {
         MqttMessage message;
         message.topic = topic;

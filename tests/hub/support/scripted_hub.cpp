@@ -10,6 +10,7 @@ using lumora_hub::DeviceEvent;
 using lumora_hub::DeviceState;
 using lumora_hub::Outcome;
 using lumora_hub::Registration;
+using lumora_hub::ServiceState;
 
 DeviceState MakeDevice(const std::string& type, const std::string& address,
                        const std::vector<std::string>& services) {
@@ -22,7 +23,7 @@ DeviceState MakeDevice(const std::string& type, const std::string& address,
     device.isPresent = true;
     device.since = device.lastSeen = std::chrono::system_clock::now();
     for (const std::string& name : services) {
-        lumora_hub::ServiceState service;
+        ServiceState service;
         service.name = name;
         service.transport = "tcp";
         device.services.push_back(std::move(service));
@@ -48,7 +49,16 @@ private:
 void ScriptedHub::Appear(DeviceState device) {
     {
         const MutexLock lock(mMutex);
-        mDevices[device.id] = device;
+        DeviceState& known = mDevices[device.id];
+        for (ServiceState& service : device.services) {
+            for (const ServiceState& former : known.services) {
+                if (former.name == service.name) {
+                    service.blocks = former.blocks;
+                    service.bytes = former.bytes;
+                }
+            }
+        }
+        known = device;
     }
     Tell(DeviceEvent::Kind::APPEARED, device);
 }
@@ -64,6 +74,7 @@ void ScriptedHub::Change(DeviceState device) {
 void ScriptedHub::Leave(const std::string& id) {
     DeviceState device = FindDevice(id).value();
     device.isPresent = false;
+    device.channel = lumora_hub::ChannelState::IDLE;
     {
         const MutexLock lock(mMutex);
         mDevices[id] = device;
@@ -87,15 +98,27 @@ std::size_t ScriptedHub::Send(const std::string& device, const std::string& serv
     block->received = std::chrono::system_clock::now();
     block->arrived = std::chrono::steady_clock::now();
     block->bytes = std::move(bytes);
+    std::string type;
     {
         const MutexLock lock(mMutex);
         block->number = ++mNumbers[{device, service}];
+        const auto known = mDevices.find(device);
+        if (known != mDevices.end()) {
+            type = known->second.type;
+            for (ServiceState& state : known->second.services) {
+                const bool isMeant = state.name == service;
+                state.blocks += isMeant ? 1 : 0;
+                state.bytes += isMeant ? block->bytes.size() : 0;
+            }
+        }
     }
     const MutexLock lock(mShared->mutex);
     std::size_t count = 0;
     for (const auto& entry : mShared->subscriptions) {
-        if (entry.second.device == device && entry.second.service == service) {
-            entry.second.consumer->Push(block);
+        const Shared::Subscription& subscription = entry.second;
+        const bool isDevice = subscription.device == device || subscription.device == type;
+        if (isDevice && subscription.service == service) {
+            subscription.consumer->Push(block);
             ++count;
         }
     }
@@ -131,6 +154,11 @@ void ScriptedHub::PermitConsumers(std::size_t most) {
     mMostConsumers = most;
 }
 
+void ScriptedHub::OnRequest(std::function<void(const Request& request)> handler) {
+    const MutexLock lock(mMutex);
+    mOnRequest = std::move(handler);
+}
+
 std::vector<ScriptedHub::Request> ScriptedHub::Requests() const {
     const MutexLock lock(mMutex);
     return mRequests;
@@ -152,8 +180,17 @@ std::vector<DeviceState> ScriptedHub::Devices() const {
 
 std::optional<DeviceState> ScriptedHub::FindDevice(const std::string& name) const {
     const MutexLock lock(mMutex);
-    const auto place = mDevices.find(name);
-    return place == mDevices.end() ? std::nullopt : std::make_optional(place->second);
+    const DeviceState* const device = Lookup(name);
+    return device != nullptr ? std::make_optional(*device) : std::nullopt;
+}
+
+const DeviceState* ScriptedHub::Lookup(const std::string& name) const {
+    for (const auto& [id, device] : mDevices) {
+        if (id == name || device.type == name) {
+            return &device;
+        }
+    }
+    return nullptr;
 }
 
 std::vector<ConsumerState> ScriptedHub::Consumers() const {
@@ -185,11 +222,11 @@ std::unique_ptr<Registration> ScriptedHub::Subscribe(const std::string& device, 
 
 void ScriptedHub::SendCommand(const std::string& device, const std::string& command,
                               const std::string& parameter, Done done) {
-    Answer({true, device, command, parameter}, std::move(done));
+    Answer({true, device, command, parameter}, done);
 }
 
 void ScriptedHub::SendBlock(const std::string& device, std::string bytes, Done done) {
-    Answer({false, device, "", std::move(bytes)}, std::move(done));
+    Answer({false, device, "", std::move(bytes)}, done);
 }
 
 std::unique_ptr<Registration> ScriptedHub::Watch(Listener listener) {
@@ -209,18 +246,28 @@ void ScriptedHub::Tell(DeviceEvent::Kind kind, const DeviceState& device) {
     }
 }
 
-void ScriptedHub::Answer(Request request, Done done) {
-    Outcome outcome = Outcome::DONE;
+void ScriptedHub::Answer(const Request& request, const Done& done) {
+    Outcome outcome = Outcome::NO_DEVICE;
+    std::function<void(const Request&)> onRequest;
+    bool holds = false;
     {
         const MutexLock lock(mMutex);
-        mRequests.push_back(std::move(request));
-        if (mHolds) {
-            mHeld.push_back(std::move(done));
-            return;
+        mRequests.push_back(request);
+        onRequest = mOnRequest;
+        if (Lookup(request.device) != nullptr) {
+            outcome = mOutcome;
+            holds = mHolds;
         }
-        outcome = mOutcome;
+        if (holds) {
+            mHeld.push_back(done);
+        }
     }
-    done(outcome);
+    if (onRequest) {
+        onRequest(request);
+    }
+    if (!holds) {
+        done(outcome);
+    }
 }
 
 }  // namespace lumora_hub_test

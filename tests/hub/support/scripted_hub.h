@@ -1,6 +1,7 @@
 // A hub without a network: a test says which devices there are, what they send and how they answer.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -26,12 +27,12 @@ public:
         std::string bytes;  // of the parameter, or of the block
     };
 
-    // What happens in the network.
+    // What happens in the network. A device that comes back keeps the counts of its services.
     void Appear(lumora_hub::DeviceState device);
     void Change(lumora_hub::DeviceState device);
     void Leave(const std::string& id);
     void Forget(const std::string& id);
-    // Returns the number of consumers that got the block.
+    // Returns the number of consumers that got the block: those of the device and those of its type.
     std::size_t Send(const std::string& device, const std::string& service, std::string bytes);
 
     // How requests end. While they are held, they do not.
@@ -39,6 +40,8 @@ public:
     void HoldAnswers();
     void ReleaseAnswers();
     void PermitConsumers(std::size_t most);
+    // Called with each request, on the thread that makes it.
+    void OnRequest(std::function<void(const Request& request)> handler);
 
     std::vector<Request> Requests() const;
     std::size_t Subscriptions() const;
@@ -70,7 +73,8 @@ private:
     class Entry;
 
     void Tell(lumora_hub::DeviceEvent::Kind kind, const lumora_hub::DeviceState& device);
-    void Answer(Request request, Done done);
+    void Answer(const Request& request, const Done& done);
+    const lumora_hub::DeviceState* Lookup(const std::string& name) const REQUIRES(mMutex);
 
     const std::shared_ptr<Shared> mShared = std::make_shared<Shared>();
     mutable lumora::Mutex mMutex;
@@ -81,6 +85,7 @@ private:
     bool mHolds GUARDED_BY(mMutex) = false;
     lumora_hub::Outcome mOutcome GUARDED_BY(mMutex) = lumora_hub::Outcome::DONE;
     std::size_t mMostConsumers GUARDED_BY(mMutex) = 1000;
+    std::function<void(const Request&)> mOnRequest GUARDED_BY(mMutex);
 };
 
 }  // namespace lumora_hub_test

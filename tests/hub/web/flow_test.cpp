@@ -6,12 +6,13 @@
 #include <array>
 
 #include "hub/web/block_flow.h"
-#include "tests/hub/support/fake_hub.h"
+#include "tests/hub/support/scripted_hub.h"
 
 namespace lumora_hub::web {
 namespace {
 
-using lumora_hub_test::FakeHub;
+using lumora_hub_test::MakeDevice;
+using lumora_hub_test::ScriptedHub;
 
 BlockPointer BlockOf(std::string bytes) {
     auto block = std::make_shared<Block>();
@@ -60,18 +61,18 @@ TEST(BlockEventTest, TextsGoInLinesAndOthersInBase64) {
 }
 
 TEST(BlockFlowTest, ABlockThatIsBeingSentIsNotDropped) {
-    FakeHub hub;
-    hub.Appear("a@1", {"s"});
+    ScriptedHub hub;
+    hub.Appear(MakeDevice("a", "1", {"s"}));
     WebCounts counts;
     auto consumer = std::make_shared<Consumer>("web", QueueLimits{1}, nullptr);
     std::array<char, 64> room{};
     {
         BlockFlow flow(consumer, hub.Subscribe("a@1", "s", consumer), Framing::WEB_SOCKET, counts);
         EXPECT_EQ(0U, flow.Fill(room.data(), room.size()).size);
-        hub.SendFromDevice("a@1", "s", "first");
+        hub.Send("a@1", "s", "first");
         EXPECT_FALSE(flow.Fill(room.data(), 25).isLast);
         for (const char* const text : {"second", "third", "last"}) {
-            hub.SendFromDevice("a@1", "s", text);
+            hub.Send("a@1", "s", text);
         }
         const Piece rest = flow.Fill(room.data(), room.size());
         EXPECT_EQ("irst", std::string(room.data(), rest.size));

@@ -446,7 +446,6 @@ class Limits(Case):
         self.assertEqual(self.hub.command("camera", '{"name":"a"}')[0], 503)
         self.assertEqual([served.read_reply(connection)[0] for connection in waiting], [504] * 3)
         self.assertEqual(self.hub.command("camera", '{"name":"a"}')[0], 503)  # the device still has them
-        self.hub.do("answer 0")
         self.hub.do("outcome 0")
         self.assertEqual(until(lambda: self.hub.command("camera", '{"name":"a"}')[0] == 200), True)
         for connection in waiting:

@@ -5,16 +5,16 @@
 
 #include <set>
 
-#include "tests/hub/support/fake_hub.h"
+#include "tests/hub/support/scripted_hub.h"
 
 namespace lumora_hub::web {
 namespace {
 
 class LatestBlocksTest : public testing::Test {
 protected:
-    LatestBlocksTest() { mHub.Appear("a@1", {"s", "t"}); }
+    LatestBlocksTest() { mHub.Appear(lumora_hub_test::MakeDevice("a", "1", {"s", "t"})); }
 
-    lumora_hub_test::FakeHub mHub;
+    lumora_hub_test::ScriptedHub mHub;
     std::set<std::uint64_t> mReady;
     LatestBlocks mLatest{mHub, 2,
                          [this](std::uint64_t number) { return [this, number] { mReady.insert(number); }; }};
@@ -26,8 +26,8 @@ TEST_F(LatestBlocksTest, OneSubscriptionServesAllWhoAsk) {
     EXPECT_TRUE(mLatest.Ask("a@1", "s", 2, block));
     EXPECT_EQ(nullptr, block);
     EXPECT_EQ(1U, mHub.Consumers().size());
-    mHub.SendFromDevice("a@1", "s", "old");
-    mHub.SendFromDevice("a@1", "s", "new");
+    mHub.Send("a@1", "s", "old");
+    mHub.Send("a@1", "s", "new");
     EXPECT_EQ(std::set<std::uint64_t>{1}, mReady);
     EXPECT_EQ(std::make_pair(std::string("a@1"), std::string("s")), mLatest.Take(1, block));
     EXPECT_EQ("new", block->bytes);
@@ -51,7 +51,7 @@ TEST_F(LatestBlocksTest, ServicesAreLimited) {
 }
 
 TEST_F(LatestBlocksTest, AFullHubIsTold) {
-    mHub.LimitConsumers(0);
+    mHub.PermitConsumers(0);
     BlockPointer block;
     EXPECT_FALSE(mLatest.Ask("a@1", "s", 1, block));
 }

@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/hub/support/fake_hub.h"
+#include "tests/hub/support/scripted_hub.h"
 
 namespace lumora_hub::web {
 namespace {
@@ -27,14 +27,16 @@ TEST(HistogramTest, CountsUpToEachBound) {
 TEST(LabelTextTest, EscapesWhatWouldEndTheLabel) { EXPECT_EQ(R"(a\"b\\c\nd)", LabelText("a\"b\\c\nd")); }
 
 TEST(MetricsTextTest, HasDevicesServicesQueuesAndReplies) {
-    lumora_hub_test::FakeHub hub;
-    hub.Appear("a@1", {"s\"x"});
-    hub.Appear("b@1", {});
+    lumora_hub_test::ScriptedHub hub;
+    DeviceState device = lumora_hub_test::MakeDevice("a", "1", {"s\"x"});
+    device.channel = ChannelState::CONNECTED;
+    hub.Appear(device);
+    hub.Appear(lumora_hub_test::MakeDevice("b", "1", {}));
     hub.Leave("b@1");
     const auto consumer = std::make_shared<Consumer>("web", QueueLimits{2}, nullptr);
     const auto registration = hub.Subscribe("a@1", "s\"x", consumer);
     for (int count = 0; count < 3; ++count) {
-        hub.SendFromDevice("a@1", "s\"x", "12345");
+        hub.Send("a@1", "s\"x", "12345");
     }
     WebCounts counts;
     counts.replies[200] = 4;

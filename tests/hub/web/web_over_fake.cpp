@@ -2,8 +2,7 @@
 //
 //   appear ID SERVICE...       leave ID              file ID SERVICE PATH   a block with the file's bytes
 //   text ID SERVICE TEXT       burst ID SERVICE COUNT BYTES
-//   outcome NUMBER             of what is sent to devices: an Outcome; -1 lets it wait
-//   answer NUMBER              to all that waits
+//   outcome NUMBER             of what waits and of what is sent to devices: an Outcome; -1 lets it wait
 //
 // It prints "at URL" first, each command and block that is sent to a device, and "did LINE" after each line.
 #include <CLI/CLI.hpp>
@@ -13,12 +12,12 @@
 #include <sstream>
 
 #include "hub/web/server.h"
-#include "tests/hub/support/fake_hub.h"
+#include "tests/hub/support/scripted_hub.h"
 
 namespace {
 
 using lumora_hub::Outcome;
-using lumora_hub_test::FakeHub;
+using lumora_hub_test::ScriptedHub;
 
 std::mutex output;
 
@@ -34,7 +33,31 @@ std::string BytesOf(const std::string& path) {
     return bytes.str();
 }
 
-void SendWhat(FakeHub& hub, const std::string& verb, std::istringstream& words) {
+void PrintRequest(const ScriptedHub::Request& request) {
+    Print(request.isCommand ? "command " + request.device + " " + request.command + " " + request.bytes
+                            : "block " + request.device + " " + std::to_string(request.bytes.size()) + " " +
+                                  request.bytes.substr(0, 40));
+}
+
+lumora_hub::DeviceState ConnectedDevice(const std::string& id, const std::vector<std::string>& services) {
+    const std::size_t at = id.find('@');
+    const std::string address = at == std::string::npos ? "192.0.2.1" : id.substr(at + 1);
+    lumora_hub::DeviceState device = lumora_hub_test::MakeDevice(id.substr(0, at), address, services);
+    device.id = id;
+    device.channel = lumora_hub::ChannelState::CONNECTED;
+    return device;
+}
+
+void SetOutcome(ScriptedHub& hub, int number) {
+    if (number < 0) {
+        hub.HoldAnswers();
+    } else {
+        hub.AnswerWith(static_cast<Outcome>(number));
+        hub.ReleaseAnswers();
+    }
+}
+
+void SendWhat(ScriptedHub& hub, const std::string& verb, std::istringstream& words) {
     std::string id;
     std::string service;
     words >> id >> service;
@@ -43,16 +66,16 @@ void SendWhat(FakeHub& hub, const std::string& verb, std::istringstream& words) 
         std::size_t size = 0;
         words >> count >> size;
         for (std::size_t at = 0; at < count; ++at) {
-            hub.SendFromDevice(id, service, std::string(size, '\x01'));
+            hub.Send(id, service, std::string(size, '\x01'));
         }
         return;
     }
     std::string rest;
     std::getline(words >> std::ws, rest);
-    hub.SendFromDevice(id, service, verb == "file" ? BytesOf(rest) : rest);
+    hub.Send(id, service, verb == "file" ? BytesOf(rest) : rest);
 }
 
-void Do(FakeHub& hub, const std::string& line) {
+void Do(ScriptedHub& hub, const std::string& line) {
     std::istringstream words(line);
     std::string verb;
     words >> verb;
@@ -60,12 +83,11 @@ void Do(FakeHub& hub, const std::string& line) {
         std::string id;
         words >> id;
         const std::vector<std::string> services{std::istream_iterator<std::string>(words), {}};
-        verb == "appear" ? hub.Appear(id, services) : hub.Leave(id);
-    } else if (verb == "outcome" || verb == "answer") {
+        verb == "appear" ? hub.Appear(ConnectedDevice(id, services)) : hub.Leave(id);
+    } else if (verb == "outcome") {
         int number = 0;
         words >> number;
-        const auto outcome = number < 0 ? std::nullopt : std::optional(static_cast<Outcome>(number));
-        verb == "outcome" ? hub.AnswerWith(outcome) : hub.AnswerAll(outcome.value());
+        SetOutcome(hub, number);
     } else {
         SendWhat(hub, verb, words);
     }
@@ -96,11 +118,11 @@ int main(int count, char** words) {
         limits.head = limits.idle = limits.body = limits.outcome = limits.latest = limits.reading = time;
     }
     try {
-        FakeHub hub;
+        ScriptedHub hub;
         if (!lumora_hub::web::ReadListenAddress(listen, options)) {
             throw std::runtime_error("bad --listen");
         }
-        hub.OnSent(Print);
+        hub.OnRequest(PrintRequest);
         lumora_hub::web::Server server(hub, options);
         Print("at " + server.Url());
         for (std::string line; std::getline(std::cin, line);) {
