@@ -150,7 +150,10 @@ int Run(Options options) {
         throw Failure(EXIT_NO_DEVICE,
                       type.empty() ? "no device was found"
                                    : "no device of type " + options.device.Text() + " was found",
-                      "lumora find lists those that are there, --wait searches longer");
+                      type.find('.') == std::string::npos
+                          ? "lumora find lists those that are there, --wait searches longer"
+                          : "lumora find lists those that are there; a recording is named as ./" +
+                                OneLine(type));
     }
     std::string pages;
     for (const FoundDevice& device : devices) {
