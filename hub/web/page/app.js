@@ -57,6 +57,7 @@ function showList() {
 function showPage(moveFocus) {
   const device = devices.get(wantedId());
   document.body.classList.toggle("has-device", wantedId() !== "" && wantedId() !== "main");
+  const former = page?.id;
   if (page && page.id !== device?.id) { page.close(); page = null; }
   if (device && !page) {
     page = new DevicePage(device);
@@ -68,6 +69,8 @@ function showPage(moveFocus) {
   } else {
     document.title = "Lumora hub";
   }
+  // On a phone the link back has vanished with the device, and the focus with it.
+  if (moveFocus && former && byId("main").offsetParent === null) items.get(former)?.firstChild.focus();
   byId("no-device").hidden = page !== null || (devices.size === 0 && wantedId() === "");
   setText(byId("no-device"), wantedId() === "" ? "Choose a device to see what its services send." : `${wantedId()} is not in the network.`);
 }

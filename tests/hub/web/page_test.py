@@ -415,6 +415,7 @@ class People(PageCase):
             self.assertGreaterEqual(button.size["height"], 44)
         phone.find_element(By.CSS_SELECTOR, ".back").click()
         until(lambda: phone.find_element(By.CSS_SELECTOR, "nav").is_displayed())
+        self.assertEqual(phone.execute_script("return document.activeElement.closest('li')?.dataset.device"), CAMERA)
 
     def test_dark_mode_follows_the_system_and_has_contrast(self):
         def luminance(color):
