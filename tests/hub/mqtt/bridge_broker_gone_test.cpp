@@ -215,7 +215,8 @@ TEST_F(BridgeBrokerGoneTest, AFileThatCannotBeReadIsNamed) {
     mSettings.tls = true;
     mSettings.caFile = "/nothing.pem";
     StartBridge();
-    EXPECT_TRUE(WaitForText("127.0.0.1: /nothing.pem cannot be read: No such file or directory")) << mLog.Dump();
+    EXPECT_TRUE(WaitForText("127.0.0.1: /nothing.pem cannot be read: No such file or directory"))
+        << mLog.Dump();
 }
 
 TEST_F(BridgeBrokerGoneTest, APasswordThatOthersMayReadIsNotUsed) {
