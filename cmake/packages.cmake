@@ -85,6 +85,10 @@ deviate.")
 set(CPACK_DEBIAN_HUB_PACKAGE_NAME lumora-hub)
 set(CPACK_DEBIAN_HUB_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_HUB_PACKAGE_DEPENDS "${tools_needs}${any_platform}")
+set(CPACK_DEBIAN_HUB_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/debian/lumora-hub/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/lumora-hub/postrm
+    ${PROJECT_SOURCE_DIR}/packaging/debian/lumora-hub/prerm)
 set(CPACK_COMPONENT_HUB_DESCRIPTION "This package has the program lumora-hub, which holds channels to the devices of
 a network and hands out what they send to any number of consumers, and its
 service.")
