@@ -6,11 +6,13 @@ import contextlib
 import http.client
 import json
 import pathlib
+import ssl
 import subprocess
 import sys
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+CHECK = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(CHECK))
 import served  # noqa: E402
 
 UNIT = "lumora-hub"
@@ -52,9 +54,18 @@ def expect(is_true, what):
     print(f"ok  {what}", flush=True)
 
 
-def get(path, **headers):
+def connect(secure):
+    if not secure:
+        return http.client.HTTPConnection("127.0.0.1", PORT, timeout=10)
+    # The certificate is its own authority.
+    context = ssl.create_default_context(cafile=CHECK / "hub.pem")
+    context.check_hostname = False
+    return http.client.HTTPSConnection("10.78.0.1", PORT, timeout=10, context=context)
+
+
+def get(path, secure=False, **headers):
     """(status, body); status 0 if there is no server."""
-    connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=10)
+    connection = connect(secure)
     try:
         connection.request("GET", path, headers=headers)
         reply = connection.getresponse()
@@ -160,16 +171,22 @@ def write(path, text, mode):
 def check_credentials():
     """As docs/hub.md tells: files that only root may read, named in a drop-in."""
     write("/etc/lumora/hub.token", TOKEN + "\n", 0o600)
-    run("lumora", "key", "new", "/etc/lumora/hub.key", "hub-1")
-    write("/etc/lumora/hub.toml", f'token-file = "/run/credentials/{UNIT}.service/hub.token"\n', 0o644)
+    for name in ["hub.pem", "hub.key"]:
+        write(f"/etc/lumora/{name}", (CHECK / name).read_text(encoding="ascii"), 0o600)
+    run("lumora", "key", "new", "/etc/lumora/node.key", "hub-1")
+    copies = f"/run/credentials/{UNIT}.service"
+    write("/etc/lumora/hub.toml", f'listen = "0.0.0.0:{PORT}"\ntoken-file = "{copies}/hub.token"\n'
+          f'certificate = "{copies}/hub.pem"\nkey = "{copies}/hub.key"\n', 0o644)
+    loaded = [f"LoadCredential={name}:/etc/lumora/{name}" for name in ["hub.token", "hub.pem", "hub.key", "node.key"]]
     write(f"/etc/systemd/system/{UNIT}.service.d/override.conf",
-          "[Service]\nLoadCredential=hub.token:/etc/lumora/hub.token\nLoadCredential=hub.key:/etc/lumora/hub.key\n"
-          "Environment=LUMORA_LINK_PSK_FILE=%d/hub.key\n", 0o644)
+          "\n".join(["[Service]", *loaded, "Environment=LUMORA_LINK_PSK_FILE=%d/node.key LUMORA_LINK_CHANNEL=require\n"]),
+          0o644)
     run("systemctl", "daemon-reload")
     run("systemctl", "restart", UNIT)
-    expect(get("/api/devices")[0] == 401, "with a token, others are refused")
+    expect(get("/api/devices", secure=True)[0] == 401, "others reach it by TLS, and are refused without the token")
     right = {"Authorization": f"Bearer {TOKEN}"}
-    expect(get("/api/devices", **right)[0] == 200, "a token and a key that only root may read reach the hub")
+    expect(get("/api/devices", secure=True, **right)[0] == 200,
+           "token, certificate and keys that only root may read reach the hub")
     run("rm", "-r", "/etc/lumora", f"/etc/systemd/system/{UNIT}.service.d")
     run("systemctl", "daemon-reload")
 
