@@ -125,7 +125,7 @@ protocol byte by byte, porting and security.")
 # Links between them lead from docs/ to the files beside it.
 set(doc_folder ${CMAKE_INSTALL_DATADIR}/doc/lumora-doc)
 install(DIRECTORY docs DESTINATION ${doc_folder} COMPONENT doc
-    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png")
 install(FILES README.md SECURITY.md DESTINATION ${doc_folder} COMPONENT doc)
 install(FILES ${PROJECT_BINARY_DIR}/lumora.spdx.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liblumora-cpp COMPONENT runtime)
