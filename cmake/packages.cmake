@@ -85,6 +85,10 @@ deviate.")
 set(CPACK_DEBIAN_HUB_PACKAGE_NAME lumora-hub)
 set(CPACK_DEBIAN_HUB_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_HUB_PACKAGE_DEPENDS "${tools_needs}${any_platform}")
+set(CPACK_DEBIAN_HUB_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/debian/lumora-hub/postinst
+    ${PROJECT_SOURCE_DIR}/packaging/debian/lumora-hub/postrm
+    ${PROJECT_SOURCE_DIR}/packaging/debian/lumora-hub/prerm)
 set(CPACK_COMPONENT_HUB_DESCRIPTION "This package has the program lumora-hub, which holds channels to the devices of
 a network and hands out what they send to any number of consumers, and its
 service.")
@@ -121,7 +125,7 @@ protocol byte by byte, porting and security.")
 # Links between them lead from docs/ to the files beside it.
 set(doc_folder ${CMAKE_INSTALL_DATADIR}/doc/lumora-doc)
 install(DIRECTORY docs DESTINATION ${doc_folder} COMPONENT doc
-    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png")
 install(FILES README.md SECURITY.md DESTINATION ${doc_folder} COMPONENT doc)
 install(FILES ${PROJECT_BINARY_DIR}/lumora.spdx.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liblumora-cpp COMPONENT runtime)

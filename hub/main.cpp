@@ -20,7 +20,8 @@ namespace lumora_hub {
 
 namespace {
 
-constexpr int USAGE_ERROR = 2;
+// lumora-hub.service knows this number.
+constexpr int WRONG_OPTIONS = 2;
 
 // A type comes from the network, and must not steer the terminal.
 std::string Harmless(std::string text) {
@@ -74,34 +75,22 @@ int Serve(const Settings& settings, std::vector<std::unique_ptr<Face>> idle, boo
 }
 
 int Main(int count, char** words) {
-    CLI::App app(
-        "Lets any number of programs use the devices of a network: it holds a channel to each device that "
-        "is wanted, and hands out what the device sends.",
-        "lumora-hub");
-    CoreOptions options;
-    bool list = false;
+    CLI::App app;
+    ProgramOptions options;
     std::vector<std::unique_ptr<Face>> faces = MakeFaces();
-    app.set_version_flag("--version", "lumora-hub " LUMORA_VERSION);
-    app.set_config("--config", "/etc/lumora/hub.toml",
-                   "reads options from this file: lines as idle = 30, if it is there");
-    app.add_flag("--list", list, "prints a line for each device that comes or goes");
-    AddCoreOptions(app, options);
-    for (const std::unique_ptr<Face>& face : faces) {
-        face->AddOptions(app);
-    }
-    // A misspelt name in the file would otherwise be an option that is silently missing.
-    app.allow_config_extras(CLI::config_extras_mode::error);
+    AddProgramOptions(app, options, faces);
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return "lumora-hub: " + std::string(error.what()) + "; see lumora-hub --help\n";
     });
     try {
         app.parse(count, words);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : USAGE_ERROR;
+        // CLI11 has a number for each mistake; a service manager needs one for all of them.
+        return app.exit(error) == 0 ? 0 : WRONG_OPTIONS;
     }
     ChooseLogLevel();
-    list = list || faces.empty();
-    return Serve(SettingsOf(options), std::move(faces), list);
+    const bool list = options.list || faces.empty();
+    return Serve(SettingsOf(options.core), std::move(faces), list);
 }
 
 }  // namespace

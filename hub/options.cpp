@@ -61,6 +61,24 @@ void AddCoreOptions(CLI::App& app, CoreOptions& options) {
         ->capture_default_str();
 }
 
+void AddProgramOptions(CLI::App& app, ProgramOptions& options,
+                       const std::vector<std::unique_ptr<Face>>& faces) {
+    app.name("lumora-hub");
+    app.description(
+        "Lets any number of programs use the devices of a network: it holds a channel to each device that "
+        "is wanted, and hands out what the device sends.");
+    app.set_version_flag("--version", "lumora-hub " LUMORA_VERSION);
+    app.set_config("--config", "/etc/lumora/hub.toml",
+                   "reads options from this file: lines as idle = 30, if it is there");
+    // A misspelt name is an error in the file as well.
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.add_flag("--list", options.list, "prints a line for each device that comes or goes");
+    AddCoreOptions(app, options.core);
+    for (const std::unique_ptr<Face>& face : faces) {
+        face->AddOptions(app);
+    }
+}
+
 Settings SettingsOf(const CoreOptions& options) {
     Settings settings = options.settings;
     const std::optional<PortLimits> ports = ParsePorts(options.ports);

@@ -1,8 +1,11 @@
 // The command line and the configuration file of lumora-hub.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <vector>
 
+#include "hub/core/face.h"
 #include "hub/core/settings.h"
 
 namespace CLI {
@@ -19,6 +22,15 @@ struct CoreOptions {
 };
 
 void AddCoreOptions(CLI::App& app, CoreOptions& options);
+
+struct ProgramOptions {
+    CoreOptions core;
+    bool list = false;
+};
+
+// Describes the program and all of its options, those of the faces too. The app refers to options and faces.
+void AddProgramOptions(CLI::App& app, ProgramOptions& options,
+                       const std::vector<std::unique_ptr<Face>>& faces);
 // The settings that they mean. Throws std::runtime_error with a sentence for people.
 Settings SettingsOf(const CoreOptions& options);
 

@@ -33,13 +33,16 @@ public:
             ->capture_default_str()
             ->group(group);
         app.add_option("--mqtt-prefix", mSettings.prefix, "what the topics begin with")
+            ->type_name("TOPIC")
             ->capture_default_str()
             ->group(group);
         app.add_option("--mqtt-name", mSettings.name, "the name of this hub; each hub needs one of its own")
+            ->type_name("NAME")
             ->capture_default_str()
             ->group(group);
         app.add_option("--mqtt-qos", mSettings.qos,
                        "of blocks: 1 repeats those that a broken connection took with it, 0 does not")
+            ->type_name("NUMBER")
             ->check(CLI::Range(0, 1))
             ->capture_default_str()
             ->group(group);
@@ -48,6 +51,7 @@ public:
             ->group(group);
         app.add_option("--mqtt-home-assistant-prefix", mHomeAssistantPrefix,
                        "what the topics of that begin with")
+            ->type_name("TOPIC")
             ->capture_default_str()
             ->group(group);
     }
@@ -83,7 +87,9 @@ private:
         app.add_option("--mqtt-key", mSettings.key, "the key of that certificate")
             ->type_name("FILE")
             ->group(group);
-        app.add_option("--mqtt-user", mSettings.user, "the user that the hub is at the broker")->group(group);
+        app.add_option("--mqtt-user", mSettings.user, "the user that the hub is at the broker")
+            ->type_name("NAME")
+            ->group(group);
         app.add_option("--mqtt-password-file", mSettings.passwordFile,
                        "a file with the password; only its owner may be able to read it")
             ->type_name("FILE")
