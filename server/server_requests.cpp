@@ -1,5 +1,6 @@
 // The server module's answers to the requests of clients, and to devices that leave the network.
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "library/callback_scope.h"
@@ -26,6 +27,12 @@ constexpr char ON_COAP_POST[] = "OnCoapPost";
 // Any host can send requests, so the tables are bounded. Real clients stay far below these limits.
 constexpr std::size_t MAX_CONNECTIONS = 1024;
 constexpr std::size_t MAX_SUBSCRIBERS = 1024;
+
+// A client that leaves may have sent faster than the application takes its blocks. So long they are still
+// handed over. Other requests wait meanwhile.
+constexpr std::chrono::milliseconds GOODBYE_LIMIT{10000};
+// The next client's request ends after 8 s, and connecting back to it may take 5 s of them.
+constexpr std::chrono::milliseconds TAKE_OVER_LIMIT{2000};
 
 // Connections are counted: a client that connected twice has to leave twice.
 void EraseFirst(std::vector<unsigned int>& ids, int clientID) {
@@ -113,7 +120,8 @@ int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
     LUMORA_DETAIL("cmd:%s\n", key.c_str());
-    if (key == STOP_TRANSPORT_KEY && (!MayChangeChannel("OnCoapPut") || StopTransport("OnCoapPut") != 0)) {
+    if (key == STOP_TRANSPORT_KEY &&
+        (!MayChangeChannel("OnCoapPut") || StopTransport("OnCoapPut", Rest::ALL, GOODBYE_LIMIT) != 0)) {
         return -1;
     }
     LUMORA_TRACE("Out\n");
@@ -321,7 +329,7 @@ int LumoraServerModule::ClearOneServerInfo(int clientID) {
     LUMORA_STATE("There are %d clients connected.\n", static_cast<int>(mClientList.size()));
     if (mClientList.empty()) {
         LUMORA_STATE("No client connected, the transport will be stopped.\n");
-        if (StopTransport(__func__) != 0) {
+        if (StopTransport(__func__, Rest::ALL, GOODBYE_LIMIT) != 0) {
             return -1;
         }
     }
@@ -356,7 +364,7 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
     if (!AgreeOnProtection(offer, agreement)) {
         return -1;
     }
-    if (StopTransport(__func__) != 0) {
+    if (StopTransport(__func__, Rest::ARRIVED, TAKE_OVER_LIMIT) != 0) {
         return -1;
     }
     const std::shared_ptr<LumoraTransManager> transport = mSources.newTransport(*mTransFactory, protocol);
@@ -432,7 +440,7 @@ int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, in
         ClearOneServerInfo(static_cast<int>(clientID));
     }
     mClientList.clear();
-    if (StopTransport(__func__) != 0) {
+    if (StopTransport(__func__, Rest::ALL, GOODBYE_LIMIT) != 0) {
         return -1;
     }
     LUMORA_TRACE("Out\n");
