@@ -70,17 +70,24 @@ void LogPlainClient(bool isRequired, bool hasOffered) {
     }
 }
 
-// False if the channel must be private and cannot be.
+// False if the channel must be private and cannot be. It also counts as one that must be if both ends can
+// make it private and only memory is missing: a host that is driven short of memory must not become readable.
 bool AgreeOnProtection(const std::string& offer, Agreement& agreement) {
     const lumora::ChannelMode mode = lumora::CurrentChannelMode();
     if (mode == lumora::ChannelMode::PLAIN) {
         return true;
     }
+    bool lacksMemory = false;
     if (!offer.empty()) {
-        agreement.keys = lumora::ChannelKeys::Answer(offer, agreement.answer);
+        agreement.keys = lumora::ChannelKeys::Answer(offer, agreement.answer, &lacksMemory);
     }
     if (agreement.keys != nullptr) {
         return true;
+    }
+    if (lacksMemory) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, "OnSetupMediaService",
+                      "There is no memory for a private channel; the client gets none.\n");
+        return false;
     }
     agreement.answer.clear();
     const bool isRequired = mode == lumora::ChannelMode::REQUIRE;

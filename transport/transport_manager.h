@@ -60,13 +60,6 @@ public:
     // Ends both directions. When it returns no callback runs any more, except the one that called it, if it
     // was called on the receive thread.
     virtual int StopTransports();
-    // The same, but hands over the rest first. No longer than limit, and the callback in progress then.
-    virtual int StopAfterReceiving(Rest, std::chrono::milliseconds) { return StopTransports(); }
-    // A stop that is in progress, or comes later, hands over no more. Waits for nothing.
-    virtual void DropRest() {}
-    // Waits until the peer's host has acknowledged what was sent. It gives up a peer that is gone, and any
-    // peer after limit.
-    virtual void WaitUntilTaken(std::chrono::milliseconds) {}
     virtual int GetTransStatus(LUM_TRANSPORT_STATUS_E& status);
     // Sends one frame. *written receives the number of bytes that went out; a server's transport that was
     // never connected leaves it alone. timeout is not used: half a second without progress ends a send.
@@ -83,6 +76,14 @@ public:
     virtual void UseKeys(std::shared_ptr<lumora::ChannelKeys>) {}
     // Waits until the receiving direction of a client's private channel has its peer. 0 or -1.
     virtual int WaitForPeer() { return 0; }
+
+    // As StopTransports, but hands over the rest first. No longer than limit, and the callback in progress then.
+    virtual int StopAfterReceiving(Rest, std::chrono::milliseconds) { return StopTransports(); }
+    // A stop that is in progress, or comes later, hands over no more. Waits for nothing.
+    virtual void DropRest() {}
+    // Waits until the peer's host has acknowledged what was sent. It gives up a peer that is gone, and any
+    // peer after limit.
+    virtual void WaitUntilTaken(std::chrono::milliseconds) {}
 };
 
 // Makes transports by protocol. Has no state: any thread may use it.
