@@ -10,12 +10,13 @@ import tempfile
 import time
 
 import stranger_case
-from stranger_case import CLIENT_HOST, DEVICE_HOST, STRANGER_HOST
+from stranger_case import CLIENT_HOST, DEVICE_HOST, OTHER_HOST, STRANGER_HOST
 
 KEYS = {"one": "one:5f0c3e5f0c3e5f0c3e5f0c3e5f0c3e5f", "other": "other:8a41d98a41d98a41d98a41d98a41d98a"}
 # As a recording of a request's plaintext would have it.
 OFFER = {"v": 1, "id": "AAECAwQFBgcICQoLDA0ODw", "k": "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8"}
 ROUNDS = 8
+BLOCKS = 400
 DATA_PORTS = ("10.77.0.2:6666", "10.77.0.1:6667")
 
 
@@ -188,6 +189,25 @@ class PrivateChannel(stranger_case.StrangerCase):
     def test_flood_of_connections_from_the_peers_hosts(self):
         self.attacked_from(CLIENT_HOST, DEVICE_HOST)
 
+    def test_stream_loses_nothing_while_ports_are_pestered(self):
+        device = self.private_device()
+        client = self.private_client()
+        self.connects(client)
+        attacks = [self.stranger("pester", *DATA_PORTS, host=host) for host in (STRANGER_HOST, CLIENT_HOST, DEVICE_HOST)]
+        for at in range(BLOCKS):
+            answer, _ = client.ask(f"block-{at}", f"echo: block-{at}$", limit=10)
+            if answer is None:
+                break
+        self.is_equal("the last block that came back", at, BLOCKS - 1)
+        client.close()
+        client = self.private_client()
+        self.connects(client)
+        self.echoes(client, "under-attack")
+        for attack in attacks:
+            attack.process.stdin.close()
+            self.over(attack)
+        self.is_equal("programs that ended", [p for p in (device, client) if p.process.poll() is not None], [])
+
     # Repeated words.
 
     def setups(self, device):
@@ -200,7 +220,9 @@ class PrivateChannel(stranger_case.StrangerCase):
             self.connects(client)
             self.echoes(client, "recorded")
         self.is_equal("setups of the session", self.setups(device), 1)
-        self.attack("replay", str(path), "10.77.0.2")
+        replayed = int(self.attack("replay", str(path), "10.77.0.2").split()[0])
+        # A handshake takes three, and then come a search, the setup, "Connect" and "subscribe".
+        self.is_true("the recording has the session's datagrams", replayed >= 7)
         self.echoes(client, "during")
         self.is_equal("setups after a replay into the session", self.setups(device), 1)
         client.close()
@@ -219,7 +241,7 @@ class PrivateChannel(stranger_case.StrangerCase):
         offer = json.dumps(OFFER, separators=(",", ":"))
         request = f'{{"p":2,"ep":{{"addr":"10.77.0.2","port":6666}},"sec":{offer}}}'
         node = self.ready(self.start(OTHER_HOST, "asking_node", environment=self.settings("node.key", "require")))
-        self.stranger("listen", "6667", host=OTHER_HOST)
+        self.stranger("hold", "6667", host=OTHER_HOST)
         node.ask("find echo-device", "found .*")
         answer, _ = node.ask(f"get .sys.mediaservice.setup 1 {request}", r"got \d+ (\d)", limit=20)
         self.is_equal("setups that succeed in another node's channel", answer and answer[1], "0")

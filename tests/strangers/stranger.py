@@ -209,6 +209,15 @@ def listen(port):
             say("connected", address)
 
 
+def hold(port):
+    """Accepts connections and keeps them, silently."""
+    held = []
+    with socket.create_server(("", int(port))) as listener:
+        say("ready")
+        while True:
+            held.append(listener.accept())
+
+
 class Pretender:
     """Nodes that are found and answer pings. on_request decides what becomes of a request."""
 
@@ -294,6 +303,50 @@ def connect(*targets):
 
     for target in targets:
         threading.Thread(target=keep_connecting, args=(target,), daemon=True).start()
+    say("ready")
+    sys.stdin.read()
+    say("done", *(f"{target} {count}" for target, count in counts.items()))
+
+
+def pester(*targets):
+    """Connects to each address:port, and misbehaves in every way in turn until standard input ends."""
+    counts = dict.fromkeys(targets, 0)
+    huge = b"\x06\xff\xff\xff\x7f\x01"
+    words = (b"", b"\0", huge, huge + os.urandom(60000), os.urandom(600), b"\x16\x03\x01\x02\0\x01", b"\xff" * 7)
+
+    def misbehave(opened, at):
+        opened.sendall(words[at % len(words)])
+        if at % 3 == 0:
+            opened.shutdown(socket.SHUT_WR)
+        elif at % 3 == 1:  # a reset
+            opened.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            opened.close()
+
+    def keep_on(target):
+        host, port = target.split(":")
+        held = []
+        at = 0
+        while True:
+            try:
+                opened = socket.create_connection((host, int(port)), timeout=0.2)
+                counts[target] += 1
+                held.append(opened)
+                misbehave(opened, at)
+            except OSError:
+                time.sleep(0.01)
+            for slow in held[:-20]:
+                slow.close()
+            for slow in held[-20:]:
+                try:
+                    slow.send(b"\x06", socket.MSG_DONTWAIT | socket.MSG_NOSIGNAL)
+                except OSError:
+                    pass
+            held = held[-20:]
+            at += 1
+            time.sleep(0.002)
+
+    for target in targets:
+        threading.Thread(target=keep_on, args=(target,), daemon=True).start()
     say("ready")
     sys.stdin.read()
     say("done", *(f"{target} {count}" for target, count in counts.items()))
@@ -407,8 +460,10 @@ ATTACKS = {
     "set-up": set_up,
     "set-up-as": set_up_as,
     "listen": listen,
+    "hold": hold,
     "pretend": pretend,
     "connect": connect,
+    "pester": pester,
     "forge": forge,
     "replay": replay,
     "suffer": suffer,
