@@ -18,6 +18,8 @@ namespace {
 // A device that is only slow takes what was sent within this time, as long as it also takes to give it to its
 // application.
 constexpr std::chrono::milliseconds SENT_DATA_LIMIT{10000};
+// The same for a client's callbacks. Other events wait meanwhile.
+constexpr std::chrono::milliseconds LAST_FRAMES_LIMIT{7000};
 
 }  // namespace
 
@@ -167,6 +169,7 @@ int LumoraClientModule::OnAddDevice(unsigned int id, const std::string& addr, in
 // this function returns, because freeing it calls the platform.
 int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, int port, const std::string&) {
     LUMORA_TRACE("Enter\n");
+    LetLastFramesPass(addr, port);
     const MutexLock delivery(mDeliveryMutex);
     LUMORA_STATE("Received request to remove device[%s:%d].\n", addr.c_str(), port);
     RemoteDevices::Departed departed;
@@ -198,6 +201,23 @@ int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, in
     }
     LUMORA_TRACE("Out\n");
     return 0;
+}
+
+// The device's goodbye overtakes what it sent before, and a callback may be slow. Without a lock: the receive
+// thread needs both.
+void LumoraClientModule::LetLastFramesPass(const std::string& addr, int port) {
+    std::shared_ptr<LumoraTransManager> transport;
+    RemoteDevices::Departed departed;
+    {
+        const MutexLock lock(mMutex);
+        departed = mDevices.FindDeparted(addr, port);
+        const auto found = mTransportMap.find(departed.handle);
+        if (!departed.isKnown || found == mTransportMap.end()) {
+            return;
+        }
+        transport = found->second;
+    }
+    transport->WaitUntilRead(LAST_FRAMES_LIMIT);
 }
 
 // None if the handle has no transport. Closes the sending socket, and waits for nothing.

@@ -123,6 +123,7 @@ private:
                         LUM_DEVICES_INFO_S& devsInfo) EXCLUDES(mMutex);
     static void NotifyDeviceRemoved(const ClientRegistry::Disconnected& clients);
     void LetSentDataArrive(int clientID, unsigned int handle) EXCLUDES(mMutex);
+    void LetLastFramesPass(const std::string& addr, int port) EXCLUDES(mMutex);
     std::optional<int> DestoryTransportOf(unsigned int handle) REQUIRES(mMutex);
 
     RemoteDevices::Resolved Resolve(unsigned int handle) EXCLUDES(mMutex);

@@ -33,6 +33,7 @@ constexpr std::chrono::milliseconds LOST_PEER_LOOK{1000};
 constexpr std::chrono::milliseconds LEAVING_PEER_LIMIT{10000};
 // So long after the last bytes a stop waits for more: a round trip, and a loaded host.
 constexpr std::chrono::milliseconds REST_PAUSE{50};
+constexpr std::chrono::milliseconds LOOK_INTERVAL{5};  // whether the receive thread has read all
 constexpr int LOST_PEER_PAUSE_MS = 20;    // how soon a stop is noticed while a lost peer is looked for
 constexpr int ACCEPT_PAUSE_MS = 2;        // the same while the peer is waited for
 constexpr int NOTHING_READ_PAUSE_MS = 1;  // after select promised data and read found none
@@ -66,6 +67,7 @@ int TcpReceiver::Listen(const std::string& addr, int port, int& error) {
         mPeerHadLeft = false;
         mRest = Rest::DROPPED;
         mHandOverEnd = {};
+        mArrivedAtStop = 0;
         mDropsRest = false;
         mPeer = Peer::AWAITED;
     }
@@ -271,6 +273,23 @@ bool TcpReceiver::WaitForPeer(std::chrono::milliseconds limit) {
     return mPeer == Peer::CAME;
 }
 
+// The queue is empty for a moment, too, if our window was full: the peer's host goes on when there is room.
+void TcpReceiver::WaitUntilRead(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    auto lastSeen = std::chrono::steady_clock::time_point();
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    while (mPeer == Peer::CAME && !mStopped && !mDropsRest) {
+        const auto now = std::chrono::steady_clock::now();
+        if (BytesArrived(mReceiveSocket.Socket()) > 0 || HasPeerSentEnd(mReceiveSocket.Socket())) {
+            lastSeen = now;
+        }
+        if (now >= deadline || now - lastSeen >= REST_PAUSE) {
+            return;
+        }
+        mPeerChanged.WaitUntil(mReceiveSocketMutex, std::min(deadline, now + LOOK_INTERVAL));
+    }
+}
+
 // Ends when the connection does, when the transport is stopped, or when a send failed.
 void TcpReceiver::ReceiveLoop(char* readBuffer) {
     mWouldBlockReads = 0;
@@ -466,6 +485,7 @@ void TcpReceiver::DropRest() {
     const lumora::MutexLock lock(mReceiveSocketMutex);
     mDropsRest = true;
     mHandOverEnd = {};
+    mPeerChanged.NotifyAll();
 }
 
 // select may report a socket whose read then would block, so such reads have a budget. After an end of the

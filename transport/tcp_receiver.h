@@ -73,6 +73,10 @@ public:
     // Whether the peer is there at the latest after limit. False at once if the receive thread has ended.
     bool WaitForPeer(std::chrono::milliseconds limit);
 
+    // Waits while the receive thread has bytes to read, or the peer's end: until it has ended, nothing has
+    // come for a moment, or limit. DropRest ends it.
+    void WaitUntilRead(std::chrono::milliseconds limit);
+
     // The rest is for the receive thread.
     bool AllocateReadBuffer(FrameBuffer& readBuffer);
     // Waits for the peer, then receives until the transport is stopped or the connection ends. False if the

@@ -35,6 +35,7 @@ public:
     }
     int WaitForPeer() override;
     int StopAfterReceiving(Rest rest, std::chrono::milliseconds limit) override;
+    void WaitUntilRead(std::chrono::milliseconds limit) override { mReceiver.WaitUntilRead(limit); }
     void DropRest() override { mReceiver.DropRest(); }
     void WaitUntilTaken(std::chrono::milliseconds limit) override { mSender.WaitUntilTaken(limit); }
     int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;

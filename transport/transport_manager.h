@@ -77,13 +77,17 @@ public:
     // Waits until the receiving direction of a client's private channel has its peer. 0 or -1.
     virtual int WaitForPeer() { return 0; }
 
-    // As StopTransports, but hands over the rest first. No longer than limit, and the callback in progress then.
+    // As StopTransports, but hands over the rest first. No longer than limit, and the callback in progress
+    // then.
     virtual int StopAfterReceiving(Rest, std::chrono::milliseconds) { return StopTransports(); }
     // A stop that is in progress, or comes later, hands over no more. Waits for nothing.
     virtual void DropRest() {}
     // Waits until the peer's host has acknowledged what was sent. It gives up a peer that is gone, and any
     // peer after limit.
     virtual void WaitUntilTaken(std::chrono::milliseconds) {}
+    // Waits until what has arrived from a peer that leaves has been handed over, or until limit. DropRest
+    // ends it.
+    virtual void WaitUntilRead(std::chrono::milliseconds) {}
 };
 
 // Makes transports by protocol. Has no state: any thread may use it.
