@@ -1,4 +1,5 @@
 // The client module's remote devices: search, handles, removal.
+#include <chrono>
 #include <list>
 #include <optional>
 
@@ -11,6 +12,16 @@ namespace lumoraAiModule {
 
 using lumora::LinkDevice;
 using lumora::MutexLock;
+
+namespace {
+
+// A device that is only slow takes what was sent within this time, as long as it also takes to give it to its
+// application.
+constexpr std::chrono::milliseconds SENT_DATA_LIMIT{10000};
+// The same for a client's callbacks. Other events wait meanwhile.
+constexpr std::chrono::milliseconds LAST_FRAMES_LIMIT{7000};
+
+}  // namespace
 
 // The search and the questions take seconds, so mMutex is free meanwhile and the result is put in at the end,
 // in one step. A failed search leaves the former devices: an application that lost its network for a moment
@@ -97,6 +108,21 @@ int LumoraClientModule::CreateAiDevice(int clientID, std::string& serviceType, u
     return 0;
 }
 
+// The device closes the channel when its last client has left. What this client has sent goes first, because
+// the request goes by another way and overtakes it. If others use the channel, it stays.
+void LumoraClientModule::LetSentDataArrive(int clientID, unsigned int handle) {
+    std::shared_ptr<LumoraTransManager> transport;
+    {
+        const MutexLock lock(mMutex);
+        const auto found = mTransportMap.find(handle);
+        if (found == mTransportMap.end() || mClients.IsConnectedBeside(clientID, handle)) {
+            return;
+        }
+        transport = found->second;
+    }
+    transport->WaitUntilTaken(SENT_DATA_LIMIT);
+}
+
 // Only the device is told. If it closes the channel because no client is left, OnDisconnect forgets the
 // handle. Otherwise the handle stays.
 int LumoraClientModule::DestoryAiDevice(int clientID, unsigned int handle) {
@@ -116,6 +142,7 @@ int LumoraClientModule::DestoryAiDevice(int clientID, unsigned int handle) {
         LUMORA_ERROR("Device source: %s no resource!\n", resolved.serviceType.c_str());
         return -1;
     }
+    LetSentDataArrive(clientID, handle);
     std::string unused;
     const int ret = resolved.device->Post(DESTROY_KEY, std::to_string(clientID), unused);
     if (ret != 0) {
@@ -142,6 +169,7 @@ int LumoraClientModule::OnAddDevice(unsigned int id, const std::string& addr, in
 // this function returns, because freeing it calls the platform.
 int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, int port, const std::string&) {
     LUMORA_TRACE("Enter\n");
+    LetLastFramesPass(addr, port);
     const MutexLock delivery(mDeliveryMutex);
     LUMORA_STATE("Received request to remove device[%s:%d].\n", addr.c_str(), port);
     RemoteDevices::Departed departed;
@@ -173,6 +201,23 @@ int LumoraClientModule::OnRemoveDevice(unsigned int, const std::string& addr, in
     }
     LUMORA_TRACE("Out\n");
     return 0;
+}
+
+// The device's goodbye overtakes what it sent before, and a callback may be slow. Without a lock: the receive
+// thread needs both.
+void LumoraClientModule::LetLastFramesPass(const std::string& addr, int port) {
+    std::shared_ptr<LumoraTransManager> transport;
+    RemoteDevices::Departed departed;
+    {
+        const MutexLock lock(mMutex);
+        departed = mDevices.FindDeparted(addr, port);
+        const auto found = mTransportMap.find(departed.handle);
+        if (!departed.isKnown || found == mTransportMap.end()) {
+            return;
+        }
+        transport = found->second;
+    }
+    transport->WaitUntilRead(LAST_FRAMES_LIMIT);
 }
 
 // None if the handle has no transport. Closes the sending socket, and waits for nothing.

@@ -204,6 +204,9 @@ int LumoraClientModule::DeInitLumoraModule(int clientID, unsigned int* clientNum
         LUMORA_TRACE("Out\n");
         return 0;
     }
+    if (const std::shared_ptr<LumoraTransManager> transport = CurrentTransport()) {
+        transport->DropRest();  // an event in progress may be waiting for a departed device's last frames
+    }
     // Closing waits for events in progress, which may be waiting for mMutex.
     if (CloseCoapService() != 0) {
         LUMORA_ERROR("CloseCoapService failed!!\n");

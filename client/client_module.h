@@ -122,6 +122,8 @@ private:
     void AskForServices(const std::list<std::shared_ptr<lumora::LinkDevice>>& devices, SearchResult& result,
                         LUM_DEVICES_INFO_S& devsInfo) EXCLUDES(mMutex);
     static void NotifyDeviceRemoved(const ClientRegistry::Disconnected& clients);
+    void LetSentDataArrive(int clientID, unsigned int handle) EXCLUDES(mMutex);
+    void LetLastFramesPass(const std::string& addr, int port) EXCLUDES(mMutex);
     std::optional<int> DestoryTransportOf(unsigned int handle) REQUIRES(mMutex);
 
     RemoteDevices::Resolved Resolve(unsigned int handle) EXCLUDES(mMutex);

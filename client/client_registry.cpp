@@ -68,6 +68,16 @@ std::optional<unsigned int> ClientRegistry::ConnectedHandle(int clientID) {
     return client != nullptr ? std::optional<unsigned int>(client->connectedHandle) : std::nullopt;
 }
 
+bool ClientRegistry::IsConnectedBeside(int clientID, unsigned int handle) {
+    const MutexLock lock(mMutex);
+    for (const auto& [otherID, client] : mClientManagerMap) {
+        if (otherID != static_cast<unsigned int>(clientID) && client->connectedHandle == handle) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool ClientRegistry::SetConnectedHandle(int clientID, unsigned int handle) {
     const MutexLock lock(mMutex);
     LumoraClientManager* client = Find(clientID);

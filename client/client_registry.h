@@ -51,6 +51,8 @@ public:
 
     // None when there is no such client.
     std::optional<unsigned int> ConnectedHandle(int clientID);
+    // Whether a client other than this one is connected to handle.
+    bool IsConnectedBeside(int clientID, unsigned int handle);
     // False when there is no such client.
     bool SetConnectedHandle(int clientID, unsigned int handle);
     // The clients that were connected to handle are no longer connected. Returns them in ascending order,

@@ -379,7 +379,7 @@ LUM_EXPORT int LUM_DisconnectAiDevice(int clientID, unsigned int handle);
  * @return 0, or -1 if there is no such client, handle or device, if the device does not know the client, or
  *         if it does not answer.
  *
- * Waits for the device: 60 s at most.
+ * Waits until the device has what its last client here has sent, 10 s at most; then for its answer, 60 s.
  */
 LUM_EXPORT int LUM_DestoryAiDevice(int clientID, unsigned int handle);
 

@@ -1,5 +1,6 @@
 #include "link/channel_security.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <new>
 
@@ -103,14 +104,20 @@ std::shared_ptr<ChannelKeys> ChannelKeys::Offer(std::string& offer) {
     return keys;
 }
 
-std::shared_ptr<ChannelKeys> ChannelKeys::Answer(const std::string& offer, std::string& answer) {
+std::shared_ptr<ChannelKeys> ChannelKeys::Answer(const std::string& offer, std::string& answer,
+                                                 bool* lacksMemory) {
     const LinkSecurity* security = ChannelOperations();
     if (security == nullptr) {
         return nullptr;
     }
     char text[LINK_MAX_OFFER] = {};
-    std::shared_ptr<ChannelKeys> keys =
-        Own(*security, security->AnswerChannel(offer.c_str(), text, sizeof(text)));
+    errno = 0;  // a platform library need not set it
+    LinkChannel* const channel = security->AnswerChannel(offer.c_str(), text, sizeof(text));
+    const bool isAnswered = channel != nullptr || errno != ENOMEM;
+    std::shared_ptr<ChannelKeys> keys = Own(*security, channel);
+    if (lacksMemory != nullptr) {
+        *lacksMemory = !isAnswered || (channel != nullptr && keys == nullptr);
+    }
     answer = text;
     return keys;
 }

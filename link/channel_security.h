@@ -68,8 +68,10 @@ public:
     // The client's first step; offer receives what the device is to be sent. Null if memory ran out.
     static std::shared_ptr<ChannelKeys> Offer(std::string& offer);
     // The device's step, on the thread of the request that brought the offer. Null if the requester has
-    // proven no key, or if the offer is not understood.
-    static std::shared_ptr<ChannelKeys> Answer(const std::string& offer, std::string& answer);
+    // proven no key, if the offer is not understood, or without memory; *lacksMemory receives whether it is
+    // the last.
+    static std::shared_ptr<ChannelKeys> Answer(const std::string& offer, std::string& answer,
+                                               bool* lacksMemory = nullptr);
     // The client's second step, with the answer of the device at that address and UDP port. False if the
     // answer is not understood.
     bool Complete(const std::string& answer, const std::string& address, int port);

@@ -173,6 +173,9 @@ int LumoraServerModule::CloseCoapService() {
 // notices the stop and gives up.
 int LumoraServerModule::DeInitLumoraModule() {
     LUMORA_TRACE("Enter\n");
+    if (const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager) {
+        transport->DropRest();  // a request in progress may be handing over a client's last blocks
+    }
     // Without mMutex: closing waits for requests in progress, which need it.
     if (CloseCoapService() != 0) {
         LUMORA_ERROR("CloseCoapService failed!!\n");
@@ -263,12 +266,12 @@ int LumoraServerModule::GetServiceInfoString(std::string& out) {
 // Requests call this with mMutex held, although it joins the receive thread. That thread cannot wait for
 // mMutex: OnData may only send, and sends take mSendMutex. If stopping fails, the transport stays published,
 // so that the next request tries again.
-int LumoraServerModule::StopTransport(const char* operation) {
+int LumoraServerModule::StopTransport(const char* operation, Rest rest, std::chrono::milliseconds limit) {
     const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
     if (transport == nullptr) {
         return 0;
     }
-    if (transport->StopTransports() == -1) {
+    if (transport->StopAfterReceiving(rest, limit) == -1) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "StopTransports failed!\n");
         return -1;
     }

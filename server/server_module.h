@@ -99,8 +99,9 @@ private:
                           const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     void CallOnEventNotify(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     int OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) REQUIRES(mMutex);
-    // Stops the transport and drops it. On failure it logs, on behalf of operation, and keeps it.
-    int StopTransport(const char* operation);
+    // Stops the transport and drops it, after the application has been given the rest of the blocks. On
+    // failure it logs, on behalf of operation, and keeps it.
+    int StopTransport(const char* operation, Rest rest, std::chrono::milliseconds limit);
 
     int PacketAndSendData(const Published& published, const std::string& serviceName, const char* data,
                           unsigned int dataLen, unsigned int* sendLength, unsigned int timeoutMs)

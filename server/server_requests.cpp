@@ -1,5 +1,6 @@
 // The server module's answers to the requests of clients, and to devices that leave the network.
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "library/callback_scope.h"
@@ -26,6 +27,12 @@ constexpr char ON_COAP_POST[] = "OnCoapPost";
 // Any host can send requests, so the tables are bounded. Real clients stay far below these limits.
 constexpr std::size_t MAX_CONNECTIONS = 1024;
 constexpr std::size_t MAX_SUBSCRIBERS = 1024;
+
+// A client that leaves may have sent faster than the application takes its blocks. So long they are still
+// handed over. Other requests wait meanwhile, 8 s before their clients give up.
+constexpr std::chrono::milliseconds GOODBYE_LIMIT{7000};
+// The next client's request ends after 8 s, and connecting back to it may take 5 s of them.
+constexpr std::chrono::milliseconds TAKE_OVER_LIMIT{2000};
 
 // Connections are counted: a client that connected twice has to leave twice.
 void EraseFirst(std::vector<unsigned int>& ids, int clientID) {
@@ -63,17 +70,24 @@ void LogPlainClient(bool isRequired, bool hasOffered) {
     }
 }
 
-// False if the channel must be private and cannot be.
+// False if the channel must be private and cannot be. It also counts as one that must be if both ends can
+// make it private and only memory is missing: a host that is driven short of memory must not become readable.
 bool AgreeOnProtection(const std::string& offer, Agreement& agreement) {
     const lumora::ChannelMode mode = lumora::CurrentChannelMode();
     if (mode == lumora::ChannelMode::PLAIN) {
         return true;
     }
+    bool lacksMemory = false;
     if (!offer.empty()) {
-        agreement.keys = lumora::ChannelKeys::Answer(offer, agreement.answer);
+        agreement.keys = lumora::ChannelKeys::Answer(offer, agreement.answer, &lacksMemory);
     }
     if (agreement.keys != nullptr) {
         return true;
+    }
+    if (lacksMemory) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, "OnSetupMediaService",
+                      "There is no memory for a private channel; the client gets none.\n");
+        return false;
     }
     agreement.answer.clear();
     const bool isRequired = mode == lumora::ChannelMode::REQUIRE;
@@ -113,7 +127,8 @@ int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
     LUMORA_DETAIL("cmd:%s\n", key.c_str());
-    if (key == STOP_TRANSPORT_KEY && (!MayChangeChannel("OnCoapPut") || StopTransport("OnCoapPut") != 0)) {
+    if (key == STOP_TRANSPORT_KEY &&
+        (!MayChangeChannel("OnCoapPut") || StopTransport("OnCoapPut", Rest::ALL, GOODBYE_LIMIT) != 0)) {
         return -1;
     }
     LUMORA_TRACE("Out\n");
@@ -321,7 +336,7 @@ int LumoraServerModule::ClearOneServerInfo(int clientID) {
     LUMORA_STATE("There are %d clients connected.\n", static_cast<int>(mClientList.size()));
     if (mClientList.empty()) {
         LUMORA_STATE("No client connected, the transport will be stopped.\n");
-        if (StopTransport(__func__) != 0) {
+        if (StopTransport(__func__, Rest::ALL, GOODBYE_LIMIT) != 0) {
             return -1;
         }
     }
@@ -356,7 +371,7 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
     if (!AgreeOnProtection(offer, agreement)) {
         return -1;
     }
-    if (StopTransport(__func__) != 0) {
+    if (StopTransport(__func__, Rest::ARRIVED, TAKE_OVER_LIMIT) != 0) {
         return -1;
     }
     const std::shared_ptr<LumoraTransManager> transport = mSources.newTransport(*mTransFactory, protocol);
@@ -432,7 +447,7 @@ int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, in
         ClearOneServerInfo(static_cast<int>(clientID));
     }
     mClientList.clear();
-    if (StopTransport(__func__) != 0) {
+    if (StopTransport(__func__, Rest::ALL, GOODBYE_LIMIT) != 0) {
         return -1;
     }
     LUMORA_TRACE("Out\n");

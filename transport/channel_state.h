@@ -22,6 +22,10 @@ struct ChannelState {
     std::atomic<bool> running{false};
     // The connection failed, so nothing can be sent any more.
     std::atomic<bool> broken{false};
+    // The peer has closed the connection that this side sends on. It may have sent more before it left.
+    std::atomic<bool> peerLeaves{false};
+    // The module has dropped the channel: what still arrives is not handed over.
+    std::atomic<bool> isDropped{false};
     ReceiveWait receiveWait;
     ChannelProtection protection;
 };

@@ -55,8 +55,8 @@ int FrameStream::CutNewBytes(char* data, unsigned int length) {
 
 // To a client an illegal head means that nothing is consumed. Every read is then appended until the buffer is
 // full, and the append fails: garbage from a device costs one buffer and no more. A server skips an illegal
-// head. If memory runs out while the rest is moved, -1 is returned with the stream out of step: the rest
-// still lies behind the frames that were handed up.
+// head. If memory runs out while the rest is moved, -1 is returned and the stream stays in step: a server
+// goes on with it.
 int FrameStream::CutHeldBytes() {
     const unsigned int headLength = std::max(HeadLengthOf(mHeld.Data()), mCutter.MinimumHeadLength());
     if (headLength > mHeld.Length()) {

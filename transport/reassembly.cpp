@@ -11,6 +11,12 @@
 
 namespace lumoraAiModule {
 
+namespace {
+
+constexpr char COPY_LEFT_DATA[] = "CopyLeftDataToBuffer";
+
+}  // namespace
+
 // Only the spare bytes are zeroed. The kernel gives a large array its pages when they are first written, so a
 // channel that carries small frames never occupies most of it.
 bool Reassembly::Allocate() {
@@ -40,32 +46,41 @@ int Reassembly::Append(const char* data, unsigned int length) {
     return 0;
 }
 
+// A failure is reported, and the bytes are moved all the same: left where they are, they would be taken for
+// the middle of a frame, and all that follows for garbage.
 int Reassembly::CopyLeftDataToBuffer(unsigned int consumed) {
     if (consumed == 0) {
         return 0;
     }
-    char* const rest = Data() + consumed;
-    if (mLength < consumed) {
-        if (memcpy_s(Data(), mCapacity, rest, mLength) != 0) {
-            LUMORA_ERROR("memcpy_s failed!\n");
-            return -1;
-        }
-        ZeroBehindData();
-        return 0;
-    }
-    // The regions may overlap, which a bounded copy refuses.
-    FrameBuffer temporary;
-    if (!temporary.Allocate(mLength)) {
-        LUMORA_ERROR("malloc failed!\n");
-        return -1;
-    }
-    if (memcpy_s(temporary.Bytes(), mLength, rest, mLength) != 0 ||
-        memcpy_s(Data(), mCapacity, temporary.Bytes(), mLength) != 0) {
-        LUMORA_ERROR("memcpy_s failed!\n");
-        return -1;
+    const char* const rest = Data() + consumed;
+    const int ret = mLength < consumed ? CopyToFront(rest) : CopyThroughTemporary(rest);
+    if (ret != 0) {
+        std::memmove(Data(), rest, mLength);
     }
     ZeroBehindData();
+    return ret;
+}
+
+int Reassembly::CopyToFront(const char* bytes) {
+    if (memcpy_s(Data(), mCapacity, bytes, mLength) != 0) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, COPY_LEFT_DATA, "memcpy_s failed!\n");
+        return -1;
+    }
     return 0;
+}
+
+// The regions may overlap, which a bounded copy refuses.
+int Reassembly::CopyThroughTemporary(const char* rest) {
+    FrameBuffer temporary;
+    if (!temporary.Allocate(mLength)) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, COPY_LEFT_DATA, "malloc failed!\n");
+        return -1;
+    }
+    if (memcpy_s(temporary.Bytes(), mLength, rest, mLength) != 0) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, COPY_LEFT_DATA, "memcpy_s failed!\n");
+        return -1;
+    }
+    return CopyToFront(temporary.Bytes());
 }
 
 // std::less orders any two pointers; < on pointers into different arrays is undefined.

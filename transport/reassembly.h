@@ -28,10 +28,13 @@ public:
     // Reduces Length(); the bytes move when CopyLeftDataToBuffer is called.
     void Consume(unsigned int count) { mLength -= count; }
 
-    // Moves the buffered bytes, which start at offset consumed, to the front. 0 or -1.
+    // Moves the buffered bytes, which start at offset consumed, to the front. 0, or -1 if memory ran out or a
+    // bounded copy failed; the bytes are moved then as well.
     int CopyLeftDataToBuffer(unsigned int consumed);
 
 private:
+    int CopyToFront(const char* bytes);
+    int CopyThroughTemporary(const char* rest);
     bool Owns(const char* data) const;
     int MoveToEnd(const char* data, unsigned int length);
     void ZeroBehindData();

@@ -1,8 +1,10 @@
 #include "transport/socket.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -174,6 +176,31 @@ void StopReading(const Descriptor& socket) { shutdown(socket.Number(), SHUT_RD);
 // POLLRDHUP sees a FIN behind data that was not read yet; a read with MSG_PEEK would see only the data.
 bool HasPeerLeft(const Descriptor& socket, int milliseconds) {
     return PauseUntilReady(socket.Number(), POLLRDHUP, milliseconds);
+}
+
+bool HasPeerSentEnd(const Descriptor& socket) {
+    tcp_info info = {};
+    socklen_t size = sizeof(info);
+    if (getsockopt(socket.Number(), IPPROTO_TCP, TCP_INFO, &info, &size) != 0) {
+        return true;
+    }
+    return info.tcpi_state != TCP_ESTABLISHED && info.tcpi_state != TCP_FIN_WAIT1 &&
+           info.tcpi_state != TCP_FIN_WAIT2;
+}
+
+unsigned int BytesArrived(const Descriptor& socket) {
+    int count = 0;
+    return ioctl(socket.Number(), SIOCINQ, &count) == 0 ? static_cast<unsigned int>(count) : 0;
+}
+
+BytesUnderWay BytesNotTaken(const Descriptor& socket) {
+    BytesUnderWay bytes;
+    int unsent = 0;
+    if (ioctl(socket.Number(), SIOCOUTQ, &bytes.all) == 0 &&
+        ioctl(socket.Number(), SIOCOUTQNSD, &unsent) == 0) {
+        bytes.sent = bytes.all - unsent;
+    }
+    return bytes;
 }
 
 bool PauseUntilReady(int fd, short events, int milliseconds) {

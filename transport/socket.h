@@ -64,6 +64,18 @@ void StopReading(const Descriptor& socket);
 // may still be unread.
 bool HasPeerLeft(const Descriptor& socket, int milliseconds = 0);
 
+// The same by the state of the connection, which a shutdown of our own read side does not change.
+bool HasPeerSentEnd(const Descriptor& socket);
+// How many bytes a read would return at once.
+unsigned int BytesArrived(const Descriptor& socket);
+// How many bytes that were written the peer's host has not acknowledged yet, and how many of them have been
+// sent.
+struct BytesUnderWay {
+    int all = 0;
+    int sent = 0;
+};
+BytesUnderWay BytesNotTaken(const Descriptor& socket);
+
 // Waits at most so long for one of the events (POLLIN, POLLOUT, POLLRDHUP), whatever signals arrive
 // meanwhile, and tells whether there is one.
 bool PauseUntilReady(int fd, short events, int milliseconds);

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -28,6 +29,11 @@ constexpr int READ_WAIT_US = 500000;  // after it, a read that waits looks wheth
 // A host that dies sends its resets and FINs within milliseconds. The rest is time for a loaded host and for
 // one retransmission.
 constexpr std::chrono::milliseconds LOST_PEER_LOOK{1000};
+// The same for a peer that has closed the connection to it: a slow callback may have much left to take.
+constexpr std::chrono::milliseconds LEAVING_PEER_LIMIT{10000};
+// So long after the last bytes a stop waits for more: a round trip, and a loaded host.
+constexpr std::chrono::milliseconds REST_PAUSE{50};
+constexpr std::chrono::milliseconds LOOK_INTERVAL{5};  // whether the receive thread has read all
 constexpr int LOST_PEER_PAUSE_MS = 20;    // how soon a stop is noticed while a lost peer is looked for
 constexpr int ACCEPT_PAUSE_MS = 2;        // the same while the peer is waited for
 constexpr int NOTHING_READ_PAUSE_MS = 1;  // after select promised data and read found none
@@ -59,9 +65,15 @@ int TcpReceiver::Listen(const std::string& addr, int port, int& error) {
         const lumora::MutexLock lock(mReceiveSocketMutex);
         mStopped = false;
         mPeerHadLeft = false;
+        mRest = Rest::DROPPED;
+        mHandOverEnd = {};
+        mArrivedAtStop = 0;
+        mDropsRest = false;
         mPeer = Peer::AWAITED;
     }
     mExpectedPeer = ExpectedPeer(addr);
+    mState.peerLeaves = false;
+    mState.isDropped = false;
     mState.running = true;
     return SetupReceiverSocket(port, mListenSocket, error);
 }
@@ -168,7 +180,7 @@ int TcpReceiver::WaitForConnect() {
 // be plain come first.
 int TcpReceiver::WaitForAnyPeer(PeerCandidates& candidates) {
     mExpectedPeer.Begin(ExpectedPeer::Clock::now());
-    while (mState.running) {
+    while (MayWaitForPeer()) {
         in_addr from = {};
         Descriptor accepted = candidates.TakeOne(from);
         if (!accepted.IsOpen()) {
@@ -186,6 +198,9 @@ int TcpReceiver::WaitForAnyPeer(PeerCandidates& candidates) {
             LUMORA_LOG_AS(lumora::LOG_ERROR, WAIT_FOR_CONNECT, "accept socket error: %s(errno: %d)\n",
                           ErrorText(error).c_str(), error);
             return -1;
+        }
+        if (!mState.running) {  // all that had connected before the stop have been looked at
+            return 0;
         }
         LUMORA_LOG_AS(lumora::LOG_DETAIL, WAIT_FOR_CONNECT, "wait for connections\n");
         PauseUntilReady(mListenSocket.Number(), POLLIN, ACCEPT_PAUSE_MS);
@@ -258,17 +273,36 @@ bool TcpReceiver::WaitForPeer(std::chrono::milliseconds limit) {
     return mPeer == Peer::CAME;
 }
 
+// The queue is empty for a moment, too, if our window was full: the peer's host goes on when there is room.
+void TcpReceiver::WaitUntilRead(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    auto lastSeen = std::chrono::steady_clock::time_point();
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    while (mPeer == Peer::CAME && !mStopped && !mDropsRest) {
+        const auto now = std::chrono::steady_clock::now();
+        if (BytesArrived(mReceiveSocket.Socket()) > 0 || HasPeerSentEnd(mReceiveSocket.Socket())) {
+            lastSeen = now;
+        }
+        if (now >= deadline || now - lastSeen >= REST_PAUSE) {
+            return;
+        }
+        mPeerChanged.WaitUntil(mReceiveSocketMutex, std::min(deadline, now + LOOK_INTERVAL));
+    }
+}
+
 // Ends when the connection does, when the transport is stopped, or when a send failed.
 void TcpReceiver::ReceiveLoop(char* readBuffer) {
     mWouldBlockReads = 0;
     // Bytes behind a handshake may have been read with it, and the wait would not see them.
     bool dataCame = mReceiveSocket.HasPending();
-    while (mState.running) {
-        if (!ReceiveOnce(readBuffer, dataCame)) {
-            return;
-        }
+    bool goesOn = true;
+    while (goesOn && mState.running) {
+        goesOn = ReceiveOnce(readBuffer, dataCame);
     }
-    LookForLostPeer(readBuffer);
+    if (goesOn) {
+        LookForLostPeer(readBuffer);
+    }
+    HandOverRest(readBuffer);
 }
 
 // While data keeps arriving, the thread blocks in read() (SO_RCVTIMEO) instead of select() and read(): one
@@ -314,15 +348,24 @@ ReceiveWait::Result TcpReceiver::WaitForData() {
 
 // The cutter may look at bytes behind the data (see FRAME_SPARE_LENGTH). Both buffers have room for that many
 // zeros behind any read.
-ssize_t TcpReceiver::ReadSome(char* readBuffer, char*& data) {
+ssize_t TcpReceiver::ReadSome(char* readBuffer, char*& data, Waits waits) {
     unsigned int most = 0;
     data = mStream.ReadPosition(readBuffer, most);
     errno = 0;  // the end of the stream leaves it alone, and must not look like a read that would block
-    const ssize_t count = mReceiveSocket.Read(data, most);
+    const bool isWaiting = waits == Waits::YES && MayWaitInRead();
+    const ssize_t count = isWaiting ? mReceiveSocket.Read(data, most) : mReceiveSocket.ReadAtOnce(data, most);
+    mWaitsInRead = false;
     if (count > 0) {
         std::memset(data + count, 0, FRAME_SPARE_LENGTH);
     }
     return count;
+}
+
+// Either this thread sees that the transport is being stopped, or Stop sees that this thread is about to
+// wait.
+bool TcpReceiver::MayWaitInRead() {
+    mWaitsInRead = !mReceiveSocket.IsProtected();
+    return mState.running;
 }
 
 // After StopReading, read() returns 0, exactly as after a close by the peer; mPeerHadLeft tells them apart.
@@ -332,16 +375,31 @@ bool TcpReceiver::HasBeenStopped() {
     return mStopped && !mPeerHadLeft;
 }
 
+bool TcpReceiver::IsDiscarding() {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    return mState.isDropped || (mStopped && std::chrono::steady_clock::now() >= mHandOverEnd);
+}
+
 // A send failed, or the sending direction was closed. When the peer dies, one connection may meet its reset
 // before the close of the other arrives. If the thread ended at once, OnDisconnect would never be called:
 // that happened for three in ten devices that died under a stream. The close arrives behind the data sent
-// before; this reads them, because a full receive window holds the close back.
+// before. They are handed over: a peer that leaves in order closes both connections at once, and its last
+// frames may be unread when a send meets the close of the other one. A peer that only reads no more may go on
+// sending without end, so it gets the shorter time.
 void TcpReceiver::LookForLostPeer(char* readBuffer) {
-    const auto deadline = std::chrono::steady_clock::now() + LOST_PEER_LOOK;
-    while (!HasBeenStopped() && std::chrono::steady_clock::now() < deadline) {
-        const ssize_t count = mReceiveSocket.ReadAtOnce(readBuffer, READ_SIZE);
+    const auto begin = std::chrono::steady_clock::now();
+    const auto deadline = begin + (mState.peerLeaves ? LEAVING_PEER_LIMIT : LOST_PEER_LOOK);
+    auto lastCame = begin;
+    while (!HasBeenStopped() &&
+           std::chrono::steady_clock::now() < std::min(deadline, lastCame + LOST_PEER_LOOK)) {
+        char* data = nullptr;
+        const ssize_t count = ReadSome(readBuffer, data, Waits::NO);
         const int error = count < 0 ? errno : 0;
         if (count > 0) {
+            if (!IsDiscarding() && !mHandler.OnReceived(data, static_cast<unsigned int>(count))) {
+                return;
+            }
+            lastCame = std::chrono::steady_clock::now();
             continue;
         }
         if (count == 0 || !WouldBlock(error)) {
@@ -352,6 +410,82 @@ void TcpReceiver::LookForLostPeer(char* readBuffer) {
         }
         PauseUntilReady(mReceiveSocket.Socket().Number(), POLLIN, LOST_PEER_PAUSE_MS);
     }
+}
+
+// Runs only after a stop that hands over the rest. The queue of the socket may be empty for a moment while
+// the peer's host still has bytes to send: our window was full, and opens as this thread reads.
+void TcpReceiver::HandOverRest(char* readBuffer) {
+    if (!IsHandingOver() && !IsRestOver()) {
+        return;
+    }
+    unsigned int total = 0;
+    auto lastCame = std::chrono::steady_clock::now();
+    while (IsHandingOver()) {
+        char* data = nullptr;
+        const ssize_t count = ReadSome(readBuffer, data, Waits::NO);
+        const int error = errno;
+        if (count > 0) {
+            total += static_cast<unsigned int>(count);
+            if (!mHandler.OnReceived(data, static_cast<unsigned int>(count))) {
+                return;
+            }
+            lastCame = std::chrono::steady_clock::now();
+        } else if (count < 0 ? !WouldBlock(error) : mReceiveSocket.IsProtected()) {
+            return;  // it broke, or told its end
+        }
+        if (IsRestComplete(total, lastCame)) {
+            return;
+        }
+        if (count <= 0) {
+            poll(nullptr, 0, NOTHING_READ_PAUSE_MS);
+        }
+    }
+    const unsigned int dropped = BytesArrived(mReceiveSocket.Socket()) + mStream.Held().Length();
+    if (dropped > 0) {
+        LUMORA_LOG_AS(lumora::LOG_WARNING, ReceiveThreadName(mSide),
+                      "The stop drops %u bytes that had arrived.\n", dropped);
+    }
+}
+
+// A shutdown of the read side reads as an end of the stream whenever the queue is empty, so the end is asked
+// of the connection. What arrived before the peer's end is in the queue when the state tells of that end.
+bool TcpReceiver::IsRestComplete(unsigned int count, std::chrono::steady_clock::time_point lastCame) {
+    const bool hasSentEnd = HasPeerSentEnd(mReceiveSocket.Socket());
+    {
+        const lumora::MutexLock lock(mReceiveSocketMutex);
+        if (mRest == Rest::ARRIVED && !hasSentEnd && count >= mArrivedAtStop) {
+            return true;
+        }
+    }
+    if (BytesArrived(mReceiveSocket.Socket()) > 0 || mReceiveSocket.HasPending()) {
+        return false;
+    }
+    const bool mayFollow = !hasSentEnd && (count > 0 || mStream.Held().Length() > 0);
+    return !mayFollow || std::chrono::steady_clock::now() - lastCame >= REST_PAUSE;
+}
+
+bool TcpReceiver::IsHandingOver() {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    return mStopped && std::chrono::steady_clock::now() < mHandOverEnd;
+}
+
+// A stop that hands over nothing lets the frames of one read reach the application, as the read had begun.
+bool TcpReceiver::IsRestOver() {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    return mStopped && mRest != Rest::DROPPED && std::chrono::steady_clock::now() >= mHandOverEnd;
+}
+
+void TcpReceiver::HandOverOnStop(Rest rest, std::chrono::milliseconds limit) {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    mRest = rest;
+    mRestLimit = limit;
+}
+
+void TcpReceiver::DropRest() {
+    const lumora::MutexLock lock(mReceiveSocketMutex);
+    mDropsRest = true;
+    mHandOverEnd = {};
+    mPeerChanged.NotifyAll();
 }
 
 // select may report a socket whose read then would block, so such reads have a budget. After an end of the
@@ -384,12 +518,26 @@ void TcpReceiver::CloseSocket() {
 
 // The look comes before StopReading, because our own shutdown sets POLLRDHUP as well. Only the first of
 // several stops looks, for the same reason. A thread that still waits for the peer notices the flag within
-// ACCEPT_PAUSE_MS.
+// ACCEPT_PAUSE_MS. If the rest is handed over, only the wait is ended: after StopReading the kernel tells the
+// peer no more when there is room again, and a protected connection takes an empty queue for a connection
+// that was cut off. A read that waits has no other end; nothing had arrived then.
 void TcpReceiver::Stop() {
     const lumora::MutexLock lock(mReceiveSocketMutex);
     mState.running = false;
-    if (!std::exchange(mStopped, true) && mReceiveSocket.IsOpen()) {
-        mPeerHadLeft = HasPeerLeft(mReceiveSocket.Socket());
+    if (std::exchange(mStopped, true)) {
+        return;
+    }
+    const bool handsOver = mRest != Rest::DROPPED && !mDropsRest;
+    mHandOverEnd = handsOver ? std::chrono::steady_clock::now() + mRestLimit : mHandOverEnd;
+    if (!mReceiveSocket.IsOpen()) {
+        return;
+    }
+    mPeerHadLeft = HasPeerLeft(mReceiveSocket.Socket());
+    mArrivedAtStop = BytesArrived(mReceiveSocket.Socket());
+    if (handsOver) {
+        mState.receiveWait.End();
+    }
+    if (!handsOver || mWaitsInRead) {
         StopReading(mReceiveSocket.Socket());
     }
 }

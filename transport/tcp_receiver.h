@@ -18,6 +18,7 @@
 #include "transport/peer_candidates.h"
 #include "transport/side_log.h"
 #include "transport/socket.h"
+#include "transport/transport_manager.h"
 
 namespace lumoraAiModule {
 
@@ -63,17 +64,26 @@ public:
     // Ends the receive thread and wakes it. A transport that only breaks calls ChannelState::EndReceiving
     // instead: its thread then looks for the peer's close for a second before it ends.
     void Stop();
+    // What the next Stop hands over before the receive thread ends, and for how long at most.
+    void HandOverOnStop(Rest rest, std::chrono::milliseconds limit);
+    void DropRest();
     // Waits for the receive thread's end, unless this is the receive thread itself, and closes what it used.
     void Join();
 
     // Whether the peer is there at the latest after limit. False at once if the receive thread has ended.
     bool WaitForPeer(std::chrono::milliseconds limit);
 
+    // Waits while the receive thread has bytes to read, or the peer's end: until it has ended, nothing has
+    // come for a moment, or limit. DropRest ends it.
+    void WaitUntilRead(std::chrono::milliseconds limit);
+
     // The rest is for the receive thread.
     bool AllocateReadBuffer(FrameBuffer& readBuffer);
     // Waits for the peer, then receives until the transport is stopped or the connection ends. False if the
     // peer could not be waited for.
     bool AcceptAndReceive(FrameBuffer& readBuffer);
+    // Whether the time for handing over the rest has passed. Asked between two frames.
+    bool IsRestOver();
     // Gives reads that would block their full budget again.
     void RenewReadBudget() { mWouldBlockReads = 0; }
 
@@ -89,10 +99,17 @@ private:
     void ReceiveLoop(char* readBuffer);
     bool ReceiveOnce(char* readBuffer, bool& dataCame);
     ReceiveWait::Result WaitForData();
-    ssize_t ReadSome(char* readBuffer, char*& data);
+    enum class Waits { YES, NO };
+    ssize_t ReadSome(char* readBuffer, char*& data, Waits waits = Waits::YES);
     bool HasBeenStopped();
+    bool MayWaitInRead();
+    bool IsDiscarding();
+    bool IsHandingOver();
+    bool MayWaitForPeer() { return mState.running || IsHandingOver(); }
+    bool IsRestComplete(unsigned int count, std::chrono::steady_clock::time_point lastCame);
     bool OnNothingRead(int error);
     void LookForLostPeer(char* readBuffer);
+    void HandOverRest(char* readBuffer);
     void CloseSocket();
 
     const Side mSide;
@@ -102,6 +119,7 @@ private:
 
     ExpectedPeer mExpectedPeer;  // set before the receive thread starts, then used by it alone
     unsigned int mWouldBlockReads = 0;
+    std::atomic<bool> mWaitsInRead{false};
 
     // Written before the receive thread starts, by it, and after it has been joined.
     Descriptor mListenSocket;
@@ -111,6 +129,11 @@ private:
     lumora::Mutex mReceiveSocketMutex;
     bool mStopped GUARDED_BY(mReceiveSocketMutex) = false;
     bool mPeerHadLeft GUARDED_BY(mReceiveSocketMutex) = false;  // when Stop shut the socket down
+    Rest mRest GUARDED_BY(mReceiveSocketMutex) = Rest::DROPPED;
+    std::chrono::milliseconds mRestLimit GUARDED_BY(mReceiveSocketMutex){0};
+    std::chrono::steady_clock::time_point mHandOverEnd GUARDED_BY(mReceiveSocketMutex);
+    unsigned int mArrivedAtStop GUARDED_BY(mReceiveSocketMutex) = 0;
+    bool mDropsRest GUARDED_BY(mReceiveSocketMutex) = false;
     enum class Peer { AWAITED, CAME, NONE };
     Peer mPeer GUARDED_BY(mReceiveSocketMutex) = Peer::AWAITED;
     lumora::Condition mPeerChanged;

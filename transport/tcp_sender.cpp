@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <utility>
@@ -24,6 +25,9 @@ constexpr int FULL_SOCKET_PAUSE_MS = 1;
 // peer that stops reading delays other calls for no longer.
 constexpr unsigned int FULL_SOCKET_LIMIT = 500;  // pauses without one byte written
 constexpr int HANDSHAKE_PAUSE_MS = 20;           // how late the end of a handshake's time is noticed
+// Some retransmissions: the kernel waits for 0.2 s before the first, and twice as long each time.
+constexpr std::chrono::milliseconds UNANSWERED_LIMIT{2000};
+constexpr int LONGEST_TAKEN_PAUSE_MS = 10;
 // From a device's first flight on: the reply to the setup request may get lost some times.
 constexpr std::chrono::milliseconds ANSWER_LIMIT{10000};
 
@@ -191,6 +195,7 @@ int TcpSender::Write(const std::shared_ptr<Connection>& socket, const FrameParts
         } else {
             if (!WouldBlock(error)) {
                 LogWriteError(mSide, error);
+                mState.peerLeaves = true;
                 mState.EndReceiving();
                 Close();
                 return -1;
@@ -225,6 +230,30 @@ bool TcpSender::PauseBeforeNextWrite(const Connection& socket, int error, unsign
     mState.EndReceiving();
     Close();
     return false;
+}
+
+// Bytes that were sent and are not acknowledged are lost if that lasts: the peer's host is gone. Bytes that
+// wait for the peer's window say that its program is slow.
+void TcpSender::WaitUntilTaken(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    auto lastProgress = std::chrono::steady_clock::now();
+    int left = 0;
+    int pauseMs = 0;
+    std::shared_ptr<Connection> socket = Socket();
+    while (socket != nullptr && !mState.broken) {
+        const BytesUnderWay bytes = BytesNotTaken(socket->Socket());
+        const auto now = std::chrono::steady_clock::now();
+        if (bytes.all != std::exchange(left, bytes.all) || bytes.sent == 0) {
+            lastProgress = now;
+        }
+        if (bytes.all == 0 || now >= deadline || now - lastProgress >= UNANSWERED_LIMIT ||
+            HasPeerSentEnd(socket->Socket())) {
+            return;
+        }
+        pauseMs = std::min(pauseMs + 1, LONGEST_TAKEN_PAUSE_MS);
+        poll(nullptr, 0, pauseMs);
+        socket = Socket();
+    }
 }
 
 std::shared_ptr<Connection> TcpSender::Socket() {

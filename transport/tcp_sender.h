@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -38,6 +39,9 @@ public:
     // Ends a send that another thread is in the middle of; the next WriteAll returns at once, until Resume.
     void Interrupt() { mInterrupted = true; }
     void Resume() { mInterrupted = false; }
+
+    // Waits until the peer's host has acknowledged what was written, or seems gone, or until limit.
+    void WaitUntilTaken(std::chrono::milliseconds limit);
 
     // Serialises writes, and writes with the stop.
     lumora::Mutex mMutex;

@@ -115,7 +115,7 @@ void LumoraTCPTransServer::CutFrames(char* data, unsigned int length, unsigned i
 int LumoraTCPTransServer::ServerParseAndSendData(char* data, unsigned int length, unsigned int& consumed) {
     const lumora::DataCallbackScope scope(mState.running);
     consumed = 0;
-    while (consumed + CLIENT_FRAME_HEAD_LENGTH < length) {
+    while (consumed + CLIENT_FRAME_HEAD_LENGTH < length && (mState.running || !mReceiver.IsRestOver())) {
         int clientID = 0;
         unsigned int payloadLen = 0;
         ParseDataHead(data + consumed, length - consumed, &clientID, &payloadLen);

@@ -9,10 +9,16 @@ namespace lumoraAiModule {
 // Neither the mutex nor a join: callers hold the module's lock, which the receive thread may be waiting for.
 // The receive thread ends by itself, and its reference keeps this transport alive until then.
 int TcpTransport::DestoryTransports() {
+    mState.isDropped = true;
     mSender.Close();
     mState.EndReceiving();
     mState.broken = false;
     return 0;
+}
+
+int TcpTransport::StopAfterReceiving(Rest rest, std::chrono::milliseconds limit) {
+    mReceiver.HandOverOnStop(rest, limit);
+    return StopTransports();
 }
 
 int TcpTransport::GetTransStatus(LUM_TRANSPORT_STATUS_E& status) {

@@ -2,6 +2,7 @@
 // listened for and sent on the one that this side made.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <utility>
@@ -33,6 +34,10 @@ public:
         mState.protection.Decide(std::move(keys));
     }
     int WaitForPeer() override;
+    int StopAfterReceiving(Rest rest, std::chrono::milliseconds limit) override;
+    void WaitUntilRead(std::chrono::milliseconds limit) override { mReceiver.WaitUntilRead(limit); }
+    void DropRest() override { mReceiver.DropRest(); }
+    void WaitUntilTaken(std::chrono::milliseconds limit) override { mSender.WaitUntilTaken(limit); }
     int SendData(const void* data, unsigned int length, unsigned int* written, unsigned int timeout) override;
 
 protected:

@@ -1,6 +1,7 @@
 // What the modules know of transports: one interface, its callbacks, and the factory.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -40,6 +41,13 @@ struct LUM_OBSERVER_S {
     LUM_DATA_CALLBACK OnData = nullptr;
 };
 
+// What is handed over of the bytes that the peer sent before a stop.
+enum class Rest {
+    DROPPED,
+    ARRIVED,  // what has arrived: the peer may go on sending without end
+    ALL       // what is under way as well: the peer has said that it leaves
+};
+
 // A data channel. Operations return 0 or -1; here they only say that they cannot be called, and return 0.
 class LumoraTransManager {
 public:
@@ -68,6 +76,18 @@ public:
     virtual void UseKeys(std::shared_ptr<lumora::ChannelKeys>) {}
     // Waits until the receiving direction of a client's private channel has its peer. 0 or -1.
     virtual int WaitForPeer() { return 0; }
+
+    // As StopTransports, but hands over the rest first. No longer than limit, and the callback in progress
+    // then.
+    virtual int StopAfterReceiving(Rest, std::chrono::milliseconds) { return StopTransports(); }
+    // A stop that is in progress, or comes later, hands over no more. Waits for nothing.
+    virtual void DropRest() {}
+    // Waits until the peer's host has acknowledged what was sent. It gives up a peer that is gone, and any
+    // peer after limit.
+    virtual void WaitUntilTaken(std::chrono::milliseconds) {}
+    // Waits until what has arrived from a peer that leaves has been handed over, or until limit. DropRest
+    // ends it.
+    virtual void WaitUntilRead(std::chrono::milliseconds) {}
 };
 
 // Makes transports by protocol. Has no state: any thread may use it.

@@ -73,7 +73,8 @@ typedef struct LinkSecurity {
     /*
      * The device's step, called by a handler of AppResource on the thread that runs it. Takes the offer and
      * writes the answer, a JSON object, into text. NULL if the requester has proven no key, if the offer is
-     * none that this version understands, or if memory or random bytes are missing.
+     * none that this version understands, or if memory or random bytes are missing: errno is ENOMEM then, and
+     * another number in the other cases.
      */
     LinkChannel* (*AnswerChannel)(const char* offer, char* text, unsigned int size);
     /*

@@ -1,4 +1,7 @@
 // A device leaves the network.
+#include <chrono>
+#include <thread>
+
 #include "library/callback_scope.h"
 #include "tests/client/client_fixture.h"
 #include "tests/support/eventually.h"
@@ -39,6 +42,26 @@ TEST_F(RemovalTest, ConnectedClientIsToldAndCleared) {
     EXPECT_TRUE(mLog.Has(1, "We will clear camera 's resource, handle = 1!\n"));
     EXPECT_EQ("Out\n", mLog.Texts(0).back());
     EXPECT_THAT(mLog.Texts(4), IsEmpty());
+}
+
+// Its goodbye comes while a callback is at work and the other frames are unread.
+TEST_F(RemovalTest, LastFramesOfADeviceThatLeavesAreDelivered) {
+    RegisterForEvents(1);
+    const unsigned int camera = Camera();
+    RegisterEvents(1, camera);
+    Connect(1, camera);
+    const Bytes frame = lumora_test::ServerFrameBytes("\x01", "face", "last");
+    DuringNextEvent([&] {
+        for (int i = 0; i < 9; ++i) {
+            mToClient.Send(frame);
+        }
+        mToClient.Close();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    });
+    mToClient.Send(frame);
+    EXPECT_TRUE(lumora_test::Eventually([] { return !ReceivedEvents().empty(); }));
+    Remove(5683);
+    EXPECT_EQ(10U, ReceivedEvents().size());
 }
 
 TEST_F(RemovalTest, AddressesOfManyFormerSearchesAreForgottenButNotThoseInUse) {

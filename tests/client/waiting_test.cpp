@@ -1,5 +1,7 @@
 // While an operation waits for a device, everything else goes on: frames are delivered, devices leave,
 // channels end.
+#include <atomic>
+#include <chrono>
 #include <thread>
 #include <utility>
 
@@ -62,6 +64,33 @@ TEST_F(WaitingTest, FramesAreDeliveredWhileASendWaitsForTheDevice) {
     device.join();
     EXPECT_TRUE(mDelivered);
     EXPECT_EQ(block.size(), mSent);
+}
+
+TEST_F(WaitingTest, LeavingWaitsUntilTheDeviceHasWhatWasSent) {
+    const Bytes block(1000000, 'x');
+    ASSERT_EQ(0, SendData(1, mCamera, block));
+    ASSERT_EQ(block.size(), mSent);
+    std::atomic<bool> reads{false};
+    std::thread device([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        reads = true;
+        mFromClient.Receive(block.size() + 6);
+    });
+    bool hadBegunToRead = false;
+    mDuring["Destroy"] = [&] { hadBegunToRead = reads; };
+    EXPECT_EQ(0, mModule->DestoryAiDevice(1, mCamera));
+    device.join();
+    EXPECT_TRUE(hadBegunToRead);
+}
+
+TEST_F(WaitingTest, LeavingDoesNotWaitIfAnotherClientKeepsTheChannel) {
+    NewClients(1);
+    ASSERT_EQ(0, TryToConnect(2, mCamera));
+    const Bytes block(1000000, 'x');
+    ASSERT_EQ(0, SendData(1, mCamera, block));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, mModule->DestoryAiDevice(1, mCamera));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
 TEST_F(WaitingTest, VersionOfAnotherDeviceIsAskedForWhileACommandWaits) {

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <lumora.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <ostream>
@@ -213,11 +215,37 @@ INSTANTIATE_TEST_SUITE_P(Streams, KillTest,
 }  // namespace
 }  // namespace lumora_test
 
+// A key of the test's own, so that all its nodes make private channels.
+class KeyFile {
+public:
+    KeyFile() {
+        const int fd = mkstemp(mPath.data());
+        constexpr char KEY[] = "flow:5f0c3e5f0c3e5f0c3e5f0c3e5f0c3e5f\n";
+        const bool isWritten = fd >= 0 && write(fd, KEY, sizeof(KEY) - 1) == sizeof(KEY) - 1;
+        if (!isWritten || close(fd) != 0) {
+            std::perror("the key's file");
+            std::exit(1);
+        }
+        setenv("LUMORA_LINK_PSK_FILE", mPath.c_str(), 1);
+        setenv("LUMORA_LINK_CHANNEL", "require", 1);
+    }
+    ~KeyFile() { unlink(mPath.c_str()); }
+    KeyFile(const KeyFile&) = delete;
+    KeyFile& operator=(const KeyFile&) = delete;
+
+private:
+    std::string mPath = "/tmp/lumora-flow-key-XXXXXX";
+};
+
 int main(int argc, char** argv) {
     lumora_test::EnterOwnNetwork();
     setenv("LUMORA_LINK_INTERFACE", "lo", 1);
     unsetenv("LUMORA_LINK_PEERS");
     unsetenv("LUMORA_LINK_PORT");
+    unsetenv("LUMORA_LINK_PSK_FILE");
+    unsetenv("LUMORA_LINK_CHANNEL");
+    const bool isPrivate = std::getenv("LUMORA_FLOW_PRIVATE") != nullptr;
+    const std::unique_ptr<KeyFile> key = isPrivate ? std::make_unique<KeyFile>() : nullptr;
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

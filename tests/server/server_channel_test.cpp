@@ -1,5 +1,6 @@
 // The module over real sockets, with a peer that plays the client.
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "tests/server/server_fixture.h"
@@ -206,6 +207,60 @@ TEST_F(AnswerDuringStopTest, NewSetupReturns) {
 
 TEST_F(AnswerDuringStopTest, ModuleStopReturns) {
     Answer([this] { EXPECT_EQ(0, mModule->DeInitLumoraModule()); });
+}
+
+// ---- What a client has sent before it leaves ----
+
+class LastBlocksOfAClientTest : public ServerChannelTest {
+protected:
+    // The channel ends while the application works on the first block and the others are unread.
+    void SendAndEnd(const std::function<void()>& end) {
+        OpenChannel();
+        std::atomic<bool> inside{false};
+        mApplication.onData = [&inside](int, const Bytes&) {
+            inside = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        };
+        mToServer.Send(ClientFrame(3, "first"));
+        EXPECT_TRUE(Eventually([&] { return inside.load(); }));
+        for (int i = 0; i < 9; ++i) {
+            mToServer.Send(ClientFrame(3, "later"));
+        }
+        end();
+        mApplication.onData = [](int, const Bytes&) {};
+    }
+};
+
+TEST_F(LastBlocksOfAClientTest, LastDestroyHandsThemOver) {
+    Connect(3);
+    SendAndEnd([this] { EXPECT_EQ(0, Destroy(3)); });
+    EXPECT_EQ(10U, mApplication.Received().size());
+}
+
+TEST_F(LastBlocksOfAClientTest, StopTransportHandsThemOver) {
+    SendAndEnd([this] { EXPECT_EQ(0, mPlatform.Put("StopTransport")); });
+    EXPECT_EQ(10U, mApplication.Received().size());
+}
+
+TEST_F(LastBlocksOfAClientTest, RemovalHandsThemOver) {
+    SendAndEnd([this] { EXPECT_EQ(0, mPlatform.SendEvent(2, 7, "127.0.0.1", 5683, "viewer")); });
+    EXPECT_EQ(10U, mApplication.Received().size());
+}
+
+TEST_F(LastBlocksOfAClientTest, NewSetupHandsThemOver) {
+    SendAndEnd([this] { EXPECT_EQ("Succ", RequestSetup().reply); });
+    EXPECT_EQ(10U, mApplication.Received().size());
+}
+
+TEST_F(LastBlocksOfAClientTest, EndOfTheDeviceDoesNotWaitForThem) {
+    Connect(3);
+    SendAndEnd([this] {
+        std::thread goodbye([this] { EXPECT_EQ(0, Destroy(3)); });
+        EXPECT_TRUE(mLog.WaitFor(1, "joinable will join.\n"));
+        EXPECT_EQ(0, mModule->DeInitLumoraModule());
+        goodbye.join();
+    });
+    EXPECT_GT(10U, mApplication.Received().size());
 }
 
 }  // namespace

@@ -95,6 +95,16 @@ TEST_F(ServerPrivateChannelTest, PreferringDeviceTakesAClientWhoseOfferItCannotA
         Contains("The client's offer of a private channel cannot be answered; it gets a plain one.\n"));
 }
 
+TEST_F(ServerPrivateChannelTest, LackOfMemoryMakesNoPlainChannel) {
+    mSecurity.table.AnswerChannel = [](const char*, char*, unsigned int) -> LinkChannel* {
+        errno = ENOMEM;
+        return nullptr;
+    };
+    EXPECT_EQ(-1, Request(PRIVATE_REQUEST).result);
+    EXPECT_TRUE(mTransport->directions.empty());
+    EXPECT_THAT(Errors(), Contains("There is no memory for a private channel; the client gets none.\n"));
+}
+
 TEST_F(ServerPrivateChannelTest, OfferThatIsNoObjectIsNone) {
     ExpectPlain(R"({"p":2,"ep":{"addr":"127.0.0.1","port":6666},"sec":"text"})");
     ExpectPlain(R"({"p":2,"ep":{"addr":"127.0.0.1","port":6666},"sec":null})");

@@ -3,9 +3,9 @@
  * event.
  *
  *   find TYPE         prints "found MS ADDRESS:PORT ..."; the first device is the one that is asked
- *   get KEY [TIMES]   asks it with GETs, one after the other; prints "got MS RESULTS-OF-0 REPLY" of the last
- * one put BYTES         asks it with a PUT whose key and value have so many bytes each; prints "put MS
- * RESULT"
+ *   get KEY [TIMES [VALUE]]   asks it with GETs, one after the other; prints "got MS RESULTS-OF-0 REPLY" of
+ *                     the last one
+ *   put BYTES         asks it with a PUT whose key and value have so many bytes each; prints "put MS RESULT"
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -83,13 +83,13 @@ static void Find(LinkPlatform* platform, const char* type) {
     printf("%s\n", line);
 }
 
-static void Get(const char* key, int times) {
+static void Get(const char* key, int times, const char* value) {
     char reply[1024] = "";
     const double start = Milliseconds();
     int succeeded = 0;
     int at;
     for (at = 0; at < times && device != NULL; ++at) {
-        reply[0] = '\0';
+        snprintf(reply, sizeof reply, "%s", value);
         succeeded += device->Get(device, key, reply, sizeof reply - 1) == 0;
     }
     printf("got %.0f %d %s\n", Milliseconds() - start, succeeded, reply);
@@ -110,7 +110,7 @@ static void Put(const char* bytes) {
 int main(void) {
     AppResource resource = {OnGet, OnChange, OnChange, OnChange, Describe};
     LinkPlatform* platform = GetLinkPlatform();
-    char line[256];
+    char line[1024];
     setvbuf(stdout, NULL, _IOLBF, BUFSIZ);
     if (platform == NULL || platform->Init(platform) != 0 ||
         platform->RegisterResource(platform, &resource, OnEvent) != 0 || platform->Run(platform) != 0) {
@@ -121,8 +121,9 @@ int main(void) {
     while (fgets(line, sizeof line, stdin) != NULL) {
         char word[16] = "";
         char name[200] = "";
+        char value[800] = "";
         int times = 1;
-        if (sscanf(line, "%15s %199s %d", word, name, &times) < 2) {
+        if (sscanf(line, "%15s %199s %d %799s", word, name, &times, value) < 2) {
             continue;
         }
         if (strcmp(word, "find") == 0) {
@@ -130,7 +131,7 @@ int main(void) {
         } else if (strcmp(word, "put") == 0) {
             Put(name);
         } else {
-            Get(name, times);
+            Get(name, times, value);
         }
     }
     ForgetDevice();

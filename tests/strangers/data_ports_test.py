@@ -6,6 +6,7 @@ import stranger_case
 
 ROUNDS = 8
 LONGEST = 35  # seconds, of all rounds
+BLOCKS = 400
 
 
 class DataPorts(stranger_case.StrangerCase):
@@ -23,6 +24,21 @@ class DataPorts(stranger_case.StrangerCase):
         connecting.process.stdin.close()
         self.over(connecting)
         self.is_equal("sessions that had their text back", served, ROUNDS)
+
+    def test_stream_loses_nothing_while_ports_are_pestered(self):
+        device = self.device()
+        client = self.connected_client()
+        hosts = (stranger_case.STRANGER_HOST, stranger_case.CLIENT_HOST, stranger_case.DEVICE_HOST)
+        attacks = [self.stranger("pester", "10.77.0.2:6666", "10.77.0.1:6667", host=host) for host in hosts]
+        back = 0
+        for at in range(BLOCKS):
+            answer, _ = client.ask(f"block-{at}", f"echo: block-{at}$", limit=10)
+            back += answer is not None
+        for attack in attacks:
+            attack.process.stdin.close()
+            self.over(attack)
+        self.is_equal("blocks that came back", back, BLOCKS)
+        self.is_equal("programs that ended", [p for p in (device, client) if p.process.poll() is not None], [])
 
 
 if __name__ == "__main__":

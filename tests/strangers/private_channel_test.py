@@ -1,5 +1,7 @@
 """Private data channels between hosts: what others see, try and cannot do, and what happens when keys do not fit."""
 
+import contextlib
+import json
 import os
 import pathlib
 import signal
@@ -8,10 +10,13 @@ import tempfile
 import time
 
 import stranger_case
-from stranger_case import CLIENT_HOST, DEVICE_HOST, STRANGER_HOST
+from stranger_case import CLIENT_HOST, DEVICE_HOST, OTHER_HOST, STRANGER_HOST
 
 KEYS = {"one": "one:5f0c3e5f0c3e5f0c3e5f0c3e5f0c3e5f", "other": "other:8a41d98a41d98a41d98a41d98a41d98a"}
+# As a recording of a request's plaintext would have it.
+OFFER = {"v": 1, "id": "AAECAwQFBgcICQoLDA0ODw", "k": "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8"}
 ROUNDS = 8
+BLOCKS = 400
 DATA_PORTS = ("10.77.0.2:6666", "10.77.0.1:6667")
 
 
@@ -72,8 +77,9 @@ class PrivateChannel(stranger_case.StrangerCase):
 
     # What the wire shows.
 
-    def captured(self, mode):
-        path = pathlib.Path(self.folder.name) / f"{mode}.pcap"
+    @contextlib.contextmanager
+    def recording(self, name):
+        path = pathlib.Path(self.folder.name) / f"{name}.pcap"
         host = self.host(CLIENT_HOST)
         with subprocess.Popen(
             [*host.prefix(), "tshark", "-q", "-i", "eth0", "-w", path, "-F", "pcap"],
@@ -87,14 +93,18 @@ class PrivateChannel(stranger_case.StrangerCase):
             end = time.monotonic() + 10
             while not (path.exists() and path.stat().st_size > 0) and time.monotonic() < end:
                 time.sleep(0.05)
+            yield path
+            time.sleep(0.5)
+            capture.send_signal(signal.SIGINT)
+
+    def captured(self, mode):
+        with self.recording(mode) as path:
             device = self.private_device(mode)
             client = self.private_client(mode)
             self.connects(client)
             self.echoes(client, "PlainTextToLookFor")
             client.close()
             device.close()
-            time.sleep(0.5)
-            capture.send_signal(signal.SIGINT)
         return path.read_bytes()
 
     def test_wire_shows_no_block_of_a_private_channel(self):
@@ -178,6 +188,72 @@ class PrivateChannel(stranger_case.StrangerCase):
 
     def test_flood_of_connections_from_the_peers_hosts(self):
         self.attacked_from(CLIENT_HOST, DEVICE_HOST)
+
+    def test_stream_loses_nothing_while_ports_are_pestered(self):
+        device = self.private_device()
+        client = self.private_client()
+        self.connects(client)
+        attacks = [self.stranger("pester", *DATA_PORTS, host=host) for host in (STRANGER_HOST, CLIENT_HOST, DEVICE_HOST)]
+        for at in range(BLOCKS):
+            answer, _ = client.ask(f"block-{at}", f"echo: block-{at}$", limit=10)
+            if answer is None:
+                break
+        self.is_equal("the last block that came back", at, BLOCKS - 1)
+        client.close()
+        client = self.private_client()
+        self.connects(client)
+        self.echoes(client, "under-attack")
+        for attack in attacks:
+            attack.process.stdin.close()
+            self.over(attack)
+        self.is_equal("programs that ended", [p for p in (device, client) if p.process.poll() is not None], [])
+
+    # Repeated words.
+
+    def setups(self, device):
+        return sum("Reveived remote transport info" in line for line in list(device.log))
+
+    def test_replayed_datagrams_of_a_setup(self):
+        device = self.private_device()
+        with self.recording("session") as path:
+            client = self.private_client()
+            self.connects(client)
+            self.echoes(client, "recorded")
+        self.is_equal("setups of the session", self.setups(device), 1)
+        replayed = int(self.attack("replay", str(path), "10.77.0.2").split()[0])
+        # A handshake takes three, and then come a search, the setup, "Connect" and "subscribe".
+        self.is_true("the recording has the session's datagrams", replayed >= 7)
+        self.echoes(client, "during")
+        self.is_equal("setups after a replay into the session", self.setups(device), 1)
+        client.close()
+        self.attack("replay", str(path), "10.77.0.2")
+        time.sleep(1)
+        self.is_equal("setups after a replay behind the session", self.setups(device), 1)
+        client = self.private_client()
+        self.connects(client)
+        self.echoes(client, "afterwards")
+        self.is_equal("setups of both sessions", self.setups(device), 2)
+
+    def test_replayed_setup_string_in_a_session_of_another_holder_of_the_key(self):
+        self.private_device()
+        client = self.private_client()
+        self.connects(client)
+        offer = json.dumps(OFFER, separators=(",", ":"))
+        request = f'{{"p":2,"ep":{{"addr":"10.77.0.2","port":6666}},"sec":{offer}}}'
+        node = self.ready(self.start(OTHER_HOST, "asking_node", environment=self.settings("node.key", "require")))
+        self.stranger("hold", "6667", host=OTHER_HOST)
+        node.ask("find echo-device", "found .*")
+        answer, _ = node.ask(f"get .sys.mediaservice.setup 1 {request}", r"got \d+ (\d)", limit=20)
+        self.is_equal("setups that succeed in another node's channel", answer and answer[1], "0")
+        self.echoes(client, "still-there")
+        client.close()
+        time.sleep(2)
+        keys = set()
+        for _ in range(2):
+            answer, _ = node.ask(f"get .sys.mediaservice.setup 1 {request}", r"got \d+ 1 (.*Succ.*)", limit=20)
+            self.is_true("the string is a setup", answer is not None)
+            keys.add(answer and answer[1])
+        self.is_equal("different answers to the same string", len(keys), 2)
 
     # Ends.
 

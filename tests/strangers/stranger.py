@@ -209,6 +209,15 @@ def listen(port):
             say("connected", address)
 
 
+def hold(port):
+    """Accepts connections and keeps them, silently."""
+    held = []
+    with socket.create_server(("", int(port))) as listener:
+        say("ready")
+        while True:
+            held.append(listener.accept())
+
+
 class Pretender:
     """Nodes that are found and answer pings. on_request decides what becomes of a request."""
 
@@ -299,6 +308,50 @@ def connect(*targets):
     say("done", *(f"{target} {count}" for target, count in counts.items()))
 
 
+def pester(*targets):
+    """Connects to each address:port, and misbehaves in every way in turn until standard input ends."""
+    counts = dict.fromkeys(targets, 0)
+    huge = b"\x06\xff\xff\xff\x7f\x01"
+    words = (b"", b"\0", huge, huge + os.urandom(60000), os.urandom(600), b"\x16\x03\x01\x02\0\x01", b"\xff" * 7)
+
+    def misbehave(opened, at):
+        opened.sendall(words[at % len(words)])
+        if at % 3 == 0:
+            opened.shutdown(socket.SHUT_WR)
+        elif at % 3 == 1:  # a reset
+            opened.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            opened.close()
+
+    def keep_on(target):
+        host, port = target.split(":")
+        held = []
+        at = 0
+        while True:
+            try:
+                opened = socket.create_connection((host, int(port)), timeout=0.2)
+                counts[target] += 1
+                held.append(opened)
+                misbehave(opened, at)
+            except OSError:
+                time.sleep(0.01)
+            for slow in held[:-20]:
+                slow.close()
+            for slow in held[-20:]:
+                try:
+                    slow.send(b"\x06", socket.MSG_DONTWAIT | socket.MSG_NOSIGNAL)
+                except OSError:
+                    pass
+            held = held[-20:]
+            at += 1
+            time.sleep(0.002)
+
+    for target in targets:
+        threading.Thread(target=keep_on, args=(target,), daemon=True).start()
+    say("ready")
+    sys.stdin.read()
+    say("done", *(f"{target} {count}" for target, count in counts.items()))
+
+
 def forged(source, destination, payload):
     """An IP packet with a UDP datagram. The kernel fills in the IP checksum; 0 means that UDP has none."""
     udp = struct.pack(">HHHH", source[1], destination[1], 8 + len(payload), 0) + payload
@@ -325,6 +378,36 @@ def forge(kind, device_type, victim, count, rate):
             raw.sendto(packet, to)
             size += len(packet)
     say("done", size)
+
+
+def recorded(path, *to):
+    """The UDP datagrams of a recording of an Ethernet that went to one of the addresses: (source, destination, payload)."""
+    with open(path, "rb") as opened:
+        data = opened.read()
+    at = 24  # behind the head of the file
+    while at + 16 <= len(data):
+        (length,) = struct.unpack_from("<I", data, at + 8)
+        packet = data[at + 16 + 14 : at + 16 + length]
+        at += 16 + length
+        if len(packet) < 28 or packet[0] >> 4 != 4 or packet[9] != socket.IPPROTO_UDP:
+            continue
+        source, destination = socket.inet_ntoa(packet[12:16]), socket.inet_ntoa(packet[16:20])
+        udp = packet[(packet[0] & 15) * 4 :]
+        ports = struct.unpack(">HH", udp[:4])
+        if destination in to:
+            yield (source, ports[0]), (destination, ports[1]), udp[8:]
+
+
+def replay(path, *to):
+    """Sends recorded datagrams again as they came: each with its source, and in their order."""
+    datagrams = list(recorded(path, *to))
+    say("ready")
+    with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW) as raw:
+        for _ in range(3):
+            for source, destination, payload in datagrams:
+                raw.sendto(forged(source, destination, payload), destination)
+                time.sleep(0.002)
+    say("done", len(datagrams), "datagrams")
 
 
 def suffer():
@@ -377,9 +460,12 @@ ATTACKS = {
     "set-up": set_up,
     "set-up-as": set_up_as,
     "listen": listen,
+    "hold": hold,
     "pretend": pretend,
     "connect": connect,
+    "pester": pester,
     "forge": forge,
+    "replay": replay,
     "suffer": suffer,
     "foreign": foreign,
 }

@@ -8,6 +8,7 @@ import socket
 import subprocess
 import unittest
 
+from child_process import ChildProcess
 from lumora_case import ENDED_BY_CLOSED_PIPE, ENDED_BY_INTERRUPT, PROGRAM, LumoraCase, lumora
 
 MAX_BLOCK = 5242880
@@ -191,6 +192,27 @@ class Send(LumoraCase):
                 words = ["--split", size, "--linger", "0", "--json"]
                 result = lumora("send", "archive", "-", *words, input="x" * 3000)
                 self.assertEqual(json.loads(result.stdout)["blocks"], blocks, result)
+
+    def test_slow_device_gets_all_although_the_program_ends_at_once(self):
+        key = self.folder() / "key"
+        key.touch(0o600)
+        key.write_text("one:5f0c3e5f0c3e5f0c3e5f0c3e5f0c3e5f\n")
+        private = {**os.environ, "LUMORA_LINK_PSK_FILE": str(key), "LUMORA_LINK_CHANNEL": "require"}
+        for environment in (os.environ, private):
+            for size, count, pause in ((1, 50, 30), (1048576, 50, 40)):
+                with self.subTest(size=size, key=environment is private):
+                    command = [os.environ["LUMORA_SLOW_DEVICE"], "slow", str(pause)]
+                    device = ChildProcess(command, stdin=subprocess.PIPE, env=environment)
+                    self.addCleanup(device.close)
+                    self.assertEqual(device.line(), "ready")
+                    words = ["--split", str(size), "--linger", "0"]
+                    result = lumora("send", "slow", "-", *words, input="x" * (size * count), env=environment)
+                    self.assertEqual(result.returncode, 0, result)
+                    device.process.stdin.write("how many\n")
+                    device.process.stdin.flush()
+                    self.assertEqual(device.line(), f"blocks {count}")
+                    device.process.kill()
+                    device.process.wait()
 
     def test_files_that_cannot_be_sent(self):
         folder = self.folder()

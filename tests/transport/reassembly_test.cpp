@@ -168,6 +168,8 @@ TEST_F(ReassemblyTest, OverlappingRestNeedsMemory) {
     lumora_test::FailAllocation();
     EXPECT_EQ(-1, Drop(3));
     EXPECT_THAT(mLog.Texts(4), ElementsAre("malloc failed!\n"));
+    EXPECT_EQ("defgh", Held()) << "without memory the rest is moved all the same";
+    EXPECT_TRUE(SpareIsZero());
 }
 
 TEST_F(ReassemblyTest, RestThatCannotOverlapNeedsNone) {
@@ -185,6 +187,7 @@ TEST_F(ReassemblyTest, EveryFailedCopyIsReported) {
         FailBoundedCall(Bounded::MEMCPY, failing);
         EXPECT_EQ(-1, Drop(1));
         EXPECT_THAT(mLog.Texts(4), ElementsAre("memcpy_s failed!\n"));
+        EXPECT_EQ("bcdefgh", Held());
         mHeld.Allocate();
     }
     mLog.Clear();

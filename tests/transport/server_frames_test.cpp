@@ -253,6 +253,20 @@ TEST_F(ServerFramesTest, RestThatCannotBeMovedFails) {
     EXPECT_THAT(mLog.Texts(4), ElementsAre("memcpy_s failed!\n", "CopyLeftDataToBuffer failed!\n"));
 }
 
+TEST_F(ServerFramesTest, LackOfMemoryLosesNoFrame) {
+    const Bytes first = ClientFrame(1, "1");
+    const Bytes second = ClientFrame(2, Bytes(100, '2'));
+    const Bytes third = ClientFrame(3, "three");
+    Receive(first.substr(0, 5));
+    ReceivedBytes rest(first.substr(5) + second.substr(0, 50));
+    mObserver.mOnData = [](const char*, unsigned int) { lumora_test::FailAllocation(); };
+    EXPECT_EQ(-1, mServer->ParseAndSendData(rest.Data(), rest.Length()));
+    mObserver.mOnData = nullptr;
+    EXPECT_THAT(mLog.Texts(4), ElementsAre("malloc failed!\n", "CopyLeftDataToBuffer failed!\n"));
+    EXPECT_EQ(0, Receive(second.substr(50) + third));
+    EXPECT_THAT(Blocks(), ElementsAre(Block(1, "1"), Block(2, Bytes(100, '2')), Block(3, "three")));
+}
+
 TEST_F(ServerFramesTest, AllServerTransportsHaveOnePendingFlag) {
     OpenServer other;
     ASSERT_TRUE(other.AllocateReassembly());

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -86,11 +87,13 @@ static LinkChannel* OfferChannel(char* text, unsigned size) {
 }
 
 static LinkChannel* AnswerChannel(const char* offer, char* text, unsigned size) {
-    return Guarded<LinkChannel*>(nullptr, [=]() -> LinkChannel* {
+    int error = ENOMEM;  // of everything that fails behind the two checks
+    LinkChannel* const answered = Guarded<LinkChannel*>(nullptr, [&]() -> LinkChannel* {
         const CallScope scope;
         const auto peer = CurrentPeer();
         const auto client = OfferIn(offer);
         if (!peer || !client) {
+            error = EPROTO;
             return nullptr;
         }
         auto channel = NewChannel();
@@ -99,6 +102,10 @@ static LinkChannel* AnswerChannel(const char* offer, char* text, unsigned size) 
         return Agree(*channel, *client, device) && CopyOffer(device, text, size) ? channel.release()
                                                                                  : nullptr;
     });
+    if (answered == nullptr) {
+        errno = error;
+    }
+    return answered;
 }
 
 static int CompleteChannel(LinkChannel* channel, const char* answer, const char* address, int port) {

@@ -178,8 +178,8 @@ int Run(const Options& options) {
         Remark(ShortSize(sum.bytes) + " sent in " + Count(sum.blocks, "block", "blocks"));
     }
     if (options.await.service.empty()) {
-        // The connection closes with the session. Data that the device has not read yet would be lost, and
-        // the device does not acknowledge data, so the program waits a little.
+        // The session's end waits until the device's host has all, and a device hands it over before it
+        // closes. Devices of other makes may drop what they have not read, so the program waits a little.
         PauseUnlessStopped(static_cast<int>(options.linger.count()));
     }
     return EXIT_OK;
@@ -194,10 +194,11 @@ Command SendCommand() {
         "Each file goes as one block of up to 5,242,880 bytes. Longer ones are refused: --split cuts them, "
         "and the device gets several blocks. On a terminal a long send shows how far it is.");
     command.Describe(
-        "Exit code 0 says that the network has taken all; a device does not acknowledge data. The connection "
-        "stays for the time of --linger, so that the device can read what is under way: allow more for one "
-        "that works slowly, or let --await wait for its answer. With --await each file, text, or line has "
-        "one answer, and the next is sent after it.");
+        "Exit code 0 says that the network has taken all; a device does not acknowledge data. The program "
+        "ends when the device's host has all, and the device's application gets 7 s for what it has not "
+        "read. A device of another make may drop that: let the connection stay with --linger, or let "
+        "--await wait for an answer. With --await each file, text, or line has one answer, and the next is "
+        "sent after it.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
         "connected.");

@@ -165,7 +165,9 @@ TEST_F(ChannelTest, WhatIsNoAgreementGivesNoChannel) {
     EXPECT_EQ(Table().OfferChannel(offer.data(), 20), nullptr);
     EXPECT_EQ(Table().OfferChannel(nullptr, 0), nullptr);
     offered.reset(Table().OfferChannel(offer.data(), offer.size()));
+    errno = 0;
     EXPECT_EQ(Table().AnswerChannel(offer.data(), offer.data(), offer.size()), nullptr) << "no handler runs";
+    EXPECT_EQ(errno, EPROTO);
     EXPECT_EQ(Table().OpenConnection(offered.get(), LINK_TO_DEVICE, 0, clientSocket.Get()), nullptr);
     const char* address = proxy->GetAddress(proxy);
     const int port = proxy->GetPort(proxy);
