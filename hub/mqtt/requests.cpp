@@ -125,7 +125,9 @@ void Requests::DropReplies() {
 
 RequestCounts Requests::Counts() const {
     const lumora::MutexLock lock(mShared->mutex);
-    return mShared->counts;
+    RequestCounts counts = mShared->counts;
+    counts.waiting = mShared->waiting;
+    return counts;
 }
 
 void Requests::Refuse(const MqttMessage& message, const MqttReply& reply, Outcome outcome, const char* why) {

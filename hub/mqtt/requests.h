@@ -28,6 +28,7 @@ struct RequestCounts {
     std::uint64_t commands = 0;  // handed to the hub
     std::uint64_t blocks = 0;
     std::uint64_t refused = 0;  // by this face
+    std::size_t waiting = 0;    // for their devices
 };
 
 class Requests {

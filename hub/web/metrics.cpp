@@ -168,13 +168,18 @@ std::string LabelText(const std::string& text) {
     return label;
 }
 
-std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint64_t lostOfStreams) {
+std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint64_t lostOfStreams,
+                        const std::vector<Figure>& others) {
     std::string out;
     const std::vector<DeviceState> devices = hub.Devices();
     AddDevices(devices, out);
     AddServices(devices, out);
     AddConsumers(hub.Consumers(), out);
     AddWeb(counts, lostOfStreams, out);
+    for (const Figure& figure : others) {
+        const bool isCounter = figure.kind == Figure::Kind::COUNTER;
+        Metric(out, figure.name, isCounter ? "counter" : "gauge", figure.help.c_str()).Add("", figure.value);
+    }
     return out;
 }
 

@@ -43,8 +43,8 @@ bool IsAny(const std::string& address) { return address == "0.0.0.0" || address 
 
 }  // namespace
 
-Server::Server(DeviceHub& hub, const WebOptions& options)
-    : mOptions(options), mSite(hub, options), mSpace(LWS_PRE + PIECE) {
+Server::Server(DeviceHub& hub, const FigureBoard& figures, const WebOptions& options)
+    : mOptions(options), mSite(hub, figures, options), mSpace(LWS_PRE + PIECE) {
     const std::string refusal = Refusal(options);
     if (!refusal.empty()) {
         throw std::runtime_error(refusal);

@@ -106,8 +106,9 @@ bool ReadLimit(const Request& request, const char* name, std::size_t& limit) {
 
 }  // namespace
 
-Site::Site(DeviceHub& hub, const WebOptions& options)
+Site::Site(DeviceHub& hub, const FigureBoard& figures, const WebOptions& options)
     : mHub(hub),
+      mFigures(figures),
       mOptions(options),
       mAdmission(options),
       mNews(hub),
@@ -161,7 +162,8 @@ Decision Site::Act(std::uint64_t number, const Request& request, const Match& ma
             for (const ConsumerState& consumer : mHub.Consumers()) {
                 lost += consumer.name == "web" ? consumer.counts.lost : 0;
             }
-            return Now(Text("text/plain; version=0.0.4; charset=utf-8", MetricsText(mHub, mCounts, lost)));
+            return Now(Text("text/plain; version=0.0.4; charset=utf-8",
+                            MetricsText(mHub, mCounts, lost, mFigures.All())));
         }
         case Action::DEVICES:
             return Now(Text(JSON, DevicesText(mHub.Devices())));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hub/core/device_hub.h"
+#include "hub/core/figures.h"
 #include "hub/web/admission.h"
 #include "hub/web/device_news.h"
 #include "hub/web/flow.h"
@@ -46,7 +47,7 @@ struct Decision {
 // Belongs to the service thread.
 class Site {
 public:
-    Site(DeviceHub& hub, const WebOptions& options);
+    Site(DeviceHub& hub, const FigureBoard& figures, const WebOptions& options);
     ~Site();
     Site(const Site&) = delete;
     Site& operator=(const Site&) = delete;
@@ -88,6 +89,7 @@ private:
     bool IsFull() const { return mPending.size() >= mOptions.limits.pendingRequests; }
 
     DeviceHub& mHub;
+    const FigureBoard& mFigures;
     const WebOptions mOptions;
     Admission mAdmission;
     WebCounts mCounts;

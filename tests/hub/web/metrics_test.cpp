@@ -41,7 +41,9 @@ TEST(MetricsTextTest, HasDevicesServicesQueuesAndReplies) {
     WebCounts counts;
     counts.replies[200] = 4;
     counts.lostOfEnded = 5;
-    const std::string text = MetricsText(hub, counts, 1);
+    const std::string text = MetricsText(hub, counts, 1,
+                                         {{"lumora_hub_x_total", Figure::Kind::COUNTER, "A count.", 7},
+                                          {"lumora_hub_y", Figure::Kind::GAUGE, "A state.", 0}});
     for (const char* const line : {
              "lumora_hub_devices{state=\"present\"} 1\n",
              "lumora_hub_devices{state=\"absent\"} 1\n",
@@ -53,6 +55,8 @@ TEST(MetricsTextTest, HasDevicesServicesQueuesAndReplies) {
              "lumora_hub_queue_lost_blocks{device=\"a@1\",service=\"s\\\"x\"} 1\n",
              "lumora_hub_http_replies_total{status=\"200\"} 4\n",
              "lumora_hub_web_lost_blocks_total 6\n",
+             "# HELP lumora_hub_x_total A count.\n# TYPE lumora_hub_x_total counter\nlumora_hub_x_total 7\n",
+             "# HELP lumora_hub_y A state.\n# TYPE lumora_hub_y gauge\nlumora_hub_y 0\n",
          }) {
         EXPECT_THAT(text, HasSubstr(line));
     }

@@ -123,7 +123,8 @@ int main(int count, char** words) {
             throw std::runtime_error("bad --listen");
         }
         hub.OnRequest(PrintRequest);
-        lumora_hub::web::Server server(hub, options);
+        const lumora_hub::FigureBoard figures;
+        lumora_hub::web::Server server(hub, figures, options);
         Print("at " + server.Url());
         for (std::string line; std::getline(std::cin, line);) {
             Do(hub, line);
