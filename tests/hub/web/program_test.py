@@ -67,16 +67,16 @@ class Program(unittest.TestCase):
         """The figures without labels. Each metric must have one HELP and one TYPE line before its values."""
         values, types = {}, {}
         for line in get("http://127.0.0.1:8666/metrics").decode().splitlines():
-            word, name, *rest = line.split(" ", 3) if line[0] == "#" else ("", *line.rsplit(" ", 1))
-            if line.startswith("# TYPE"):
+            if line.startswith("# TYPE "):
+                name, kind = line.split(" ")[2:]
                 self.assertNotIn(name, types)
-                types[name] = rest[0]
-                self.assertEqual(rest[0] == "counter", name.endswith("_total"), name)
-            elif not word:
+                types[name] = kind
+                self.assertEqual(kind == "counter", name.endswith("_total"), name)
+            elif not line.startswith("# HELP "):
+                name, value = line.rsplit(" ", 1)
                 base = name.split("{")[0]
-                family = base if base in types else base.rpartition("_")[0]
-                self.assertEqual(list(types)[-1], family, line)
-                values[name] = float(rest[0])
+                self.assertEqual(list(types)[-1], base if base in types else base.rpartition("_")[0], line)
+                values[name] = float(value)
         return values
 
     @unittest.skipUnless(BROKER.exists(), "there is no broker here")
