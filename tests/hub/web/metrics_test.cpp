@@ -3,6 +3,10 @@
 
 #include <gmock/gmock.h>
 
+#include <set>
+#include <sstream>
+#include <string>
+
 #include "tests/hub/support/scripted_hub.h"
 
 namespace lumora_hub::web {
@@ -25,6 +29,10 @@ TEST(HistogramTest, CountsUpToEachBound) {
 }
 
 TEST(LabelTextTest, EscapesWhatWouldEndTheLabel) { EXPECT_EQ(R"(a\"b\\c\nd)", LabelText("a\"b\\c\nd")); }
+
+TEST(LabelTextTest, HasNoControlCharacters) {
+    EXPECT_EQ("\xEF\xBF\xBD[31m\xEF\xBF\xBD\xEF\xBF\xBD", LabelText(std::string("\x1B[31m\0\x7F", 7)));
+}
 
 TEST(MetricsTextTest, HasDevicesServicesQueuesAndReplies) {
     lumora_hub_test::ScriptedHub hub;
@@ -61,6 +69,19 @@ TEST(MetricsTextTest, HasDevicesServicesQueuesAndReplies) {
         EXPECT_THAT(text, HasSubstr(line));
     }
     EXPECT_THAT(text, Not(HasSubstr("\n\n")));
+}
+
+TEST(MetricsTextTest, NoSeriesIsThereTwiceWhateverDevicesAreCalled) {
+    lumora_hub_test::ScriptedHub hub;
+    hub.Appear(lumora_hub_test::MakeDevice("a", "1", {"s", "s", "\xFF", "\xFE"}));
+    hub.Appear(lumora_hub_test::MakeDevice("b\xFF", "1", {"s"}));
+    hub.Appear(lumora_hub_test::MakeDevice("b\xFE", "1", {"s"}));
+    std::istringstream lines(MetricsText(hub, {}, 0, {}));
+    std::set<std::string> series;
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_TRUE(line[0] == '#' || series.insert(line.substr(0, line.rfind(' '))).second) << line;
+    }
+    EXPECT_EQ(1U, series.count("lumora_hub_blocks_total{device=\"a@1\",service=\"s\"}"));
 }
 
 }  // namespace
