@@ -99,8 +99,8 @@ void NetworkWatch::Add(Task task) {
         return;
     }
     if (mTasks.size() + mQuestions.size() >= mMostNodes) {
-        HUB_LOG(lumora::LOG_WARNING, "A node of type \"%s\" at %s is not asked: %zu others are.\n",
-                task.node.type.c_str(), task.node.address.c_str(), mTasks.size() + mQuestions.size());
+        HUB_LOG_LIMITED(lumora::LOG_WARNING, "A node of type \"%s\" at %s is not asked: %zu others are.\n",
+                        task.node.type.c_str(), task.node.address.c_str(), mTasks.size() + mQuestions.size());
         return;
     }
     mTasks.push_back(std::move(task));
