@@ -151,8 +151,8 @@ public:
     }
 
     void TakeMail() {
-        std::set<std::uint64_t> streams;
-        for (Site::LateReply& late : mSite.TakeMail(streams)) {
+        Site::Mailing mailing = mSite.TakeMail();
+        for (Site::LateReply& late : mailing.replies) {
             if (mWaiting.erase(late.number) != 0) {
                 Check(late.reply, {}, late.number);
             }
