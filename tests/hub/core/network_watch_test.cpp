@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/unique_fd.h"
@@ -67,11 +68,10 @@ TEST(NetworkWatchTest, NodesThatAnswerNoQuestionFillNothing) {
                std::string::npos;
     };
     std::vector<std::unique_ptr<SilentNode>> nodes;
-    while (nodes.size() < ASKED + MOST_NODES) {
+    // One after the other, so that each is found before the next one comes.
+    while (nodes.size() < ASKED + MOST_NODES + 2) {
         nodes.push_back(std::make_unique<SilentNode>());
-    }
-    for (int more = 0; more < 4; ++more) {
-        nodes.push_back(std::make_unique<SilentNode>());
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
     }
     EXPECT_TRUE(lumora_test::Eventually(isRefused)) << log.Dump();
     EXPECT_EQ(found, 0);

@@ -18,7 +18,8 @@ std::string Document(const std::vector<std::string>& names) {
 
 std::string NamesOf(const std::vector<std::string>& names) {
     std::string found;
-    for (const Service& service : ParseServices(Document(names)).value()) {
+    const std::optional<std::vector<Service>> services = ParseServices(Document(names));
+    for (const Service& service : services.value()) {
         found += service.name + ' ';
     }
     return found;

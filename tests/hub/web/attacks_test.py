@@ -47,6 +47,10 @@ class Shares(AttackCase):
     OPTIONS = ("--pending", "3", "--streams", "3", "--news-streams", "3", "--latest-services", "3", "--of-address", "2",
                "--uploading", "3000", "--uploading-of-address", "2000")
 
+    def tearDown(self):
+        self.doCleanups()
+        until(lambda: self.metric("lumora_hub_http_connections") == 1, seconds=30)
+
     def statuses(self, path, count, address=ATTACKER):
         streams = [WebSocket(self.hub, path, connection=self.connect(address)) for _ in range(count)]
         return [stream.status for stream in streams]
