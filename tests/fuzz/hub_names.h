@@ -51,8 +51,8 @@ inline lumora_hub::DeviceState DeviceOf(const std::string& text) {
 
 // The document of a text that must be JSON and nothing else.
 inline lumora::JsonTree WholeDocument(const std::string& text) {
-    return lumora::JsonTree(lumora_hub::IsText(text) ? cJSON_ParseWithOpts(text.c_str(), nullptr, 1)
-                                                     : nullptr);
+    return lumora::JsonTree(lumora_hub::Utf8(text) == text ? cJSON_ParseWithOpts(text.c_str(), nullptr, 1)
+                                                           : nullptr);
 }
 
 inline std::string TextMember(const lumora::JsonTree& root, const char* name) {

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
@@ -68,11 +69,20 @@ TEST(NetworkWatchTest, NodesThatAnswerNoQuestionFillNothing) {
                std::string::npos;
     };
     std::vector<std::unique_ptr<SilentNode>> nodes;
+    std::size_t most = 0;
+    const auto look = [&] {
+        for (int times = 0; times < 40; ++times) {
+            most = std::max(most, watch.Waiting());
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    };
     // One after the other, so that each is found before the next one comes.
     while (nodes.size() < ASKED + MOST_NODES + 2) {
         nodes.push_back(std::make_unique<SilentNode>());
-        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        look();
     }
+    look();
+    EXPECT_EQ(most, MOST_NODES);
     EXPECT_TRUE(lumora_test::Eventually(isRefused)) << log.Dump();
     EXPECT_EQ(found, 0);
 }
