@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -47,14 +48,15 @@ private:
     // Outlives this object: the hub may tell the outcome of a request afterwards.
     struct Shared {
         explicit Shared(std::shared_ptr<Wakeup> toWake) : wakeup(std::move(toWake)) {}
-        bool Begin(std::size_t bytes);
-        void End(std::size_t bytes, MqttReply reply, Outcome outcome);
+        bool Begin(const std::string& device, std::size_t bytes);
+        void End(const std::string& device, std::size_t bytes, MqttReply reply, Outcome outcome);
         void Reply(MqttReply reply, Outcome outcome);
 
         const std::shared_ptr<Wakeup> wakeup;
         lumora::Mutex mutex;  // a leaf lock
         std::size_t waiting GUARDED_BY(mutex) = 0;
         std::size_t waitingBytes GUARDED_BY(mutex) = 0;
+        std::map<std::string, std::size_t> waitingOf GUARDED_BY(mutex);  // devices, as requests name them
         std::deque<MqttReply> replies GUARDED_BY(mutex);
         RequestCounts counts GUARDED_BY(mutex);
     };
