@@ -14,8 +14,8 @@ namespace {
 using Clock = EventLoop::Clock;
 
 // A device that does not answer must not use up what all devices share.
-constexpr std::size_t MOST_REQUESTS = 64;
-constexpr std::size_t MOST_REQUEST_BYTES = std::size_t{16} << 20;
+constexpr std::size_t MOST_REQUESTS_OF_LINK = 64;
+constexpr std::size_t MOST_REQUEST_BYTES_OF_LINK = std::size_t{16} << 20;
 // A worker serves one request after the other. One more is there when the first has ended. Those that wait
 // here can still be given up.
 constexpr std::size_t MOST_AT_WORKER = 2;
@@ -73,7 +73,8 @@ void DeviceLink::SetWanted(std::set<std::string> services) {
 
 void DeviceLink::Request(FrameKind kind, const std::string& name, const std::string& body,
                          DeviceHub::Done onDone) {
-    if (mRequests.size() >= MOST_REQUESTS || mRequestBytes + body.size() > MOST_REQUEST_BYTES) {
+    if (mRequests.size() >= MOST_REQUESTS_OF_LINK ||
+        mRequestBytes + body.size() > MOST_REQUEST_BYTES_OF_LINK) {
         onDone(Outcome::BUSY);
         return;
     }
