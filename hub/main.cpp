@@ -62,10 +62,11 @@ int Serve(const Settings& settings, std::vector<std::unique_ptr<Face>> idle, boo
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     Hub hub(settings);
     const std::unique_ptr<Registration> printing = list ? hub.Watch(PrintChange) : nullptr;
+    FigureBoard figures;
     // The faces end before the hub.
     const std::vector<std::unique_ptr<Face>> faces = std::move(idle);
     for (const std::unique_ptr<Face>& face : faces) {
-        face->Start(hub);
+        face->Start(hub, figures);
     }
     TellServiceManager("READY=1");
     int signal = 0;

@@ -1,8 +1,10 @@
 #include "nodes/link_node.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "base/json.h"
+#include "lumora.h"
 
 namespace lumora_nodes {
 
@@ -47,6 +49,13 @@ std::optional<Service> ParseService(const cJSON* entry) {
     // The document comes from the network: a negative length counts as any.
     const int bytes = cJSON_IsNumber(output) ? output->valueint : 0;
     return Service{name->valuestring, transport->valueint, bytes > 0 ? static_cast<unsigned>(bytes) : 0};
+}
+
+bool IsServiceName(const std::string& name) { return !name.empty() && name.size() < LUM_NAME_SIZE; }
+
+bool HasService(const std::vector<Service>& services, const std::string& name) {
+    return std::any_of(services.begin(), services.end(),
+                       [&](const Service& one) { return one.name == name; });
 }
 
 }  // namespace
@@ -108,7 +117,8 @@ std::optional<std::vector<Service>> ParseServices(const std::string& document) {
     // The document numbers its services: service0 to service7. Gaps are skipped.
     for (std::size_t i = 0; i < MAX_SERVICES; ++i) {
         const cJSON* entry = cJSON_GetObjectItem(root.get(), ("service" + std::to_string(i)).c_str());
-        if (std::optional<Service> service = ParseService(entry)) {
+        std::optional<Service> service = ParseService(entry);
+        if (service && IsServiceName(service->name) && !HasService(services, service->name)) {
             services.push_back(std::move(*service));
         }
     }

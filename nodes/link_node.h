@@ -65,7 +65,8 @@ private:
     std::unique_ptr<LinkPlatform, Deleter> mPlatform;
 };
 
-// Reads the service document of a device. Nothing if it cannot be understood.
+// Reads the service document of a device. Nothing if it cannot be understood. Services whose name is
+// repeated, or can be no name, are left out.
 std::optional<std::vector<Service>> ParseServices(const std::string& document);
 
 // A device and its answers.

@@ -12,7 +12,11 @@ std::shared_ptr<ConsumerEntry> ConsumerTable::Add(const std::string& device, con
     entry->service = service;
     entry->consumer = std::move(consumer);
     const lumora::MutexLock lock(mMutex);
-    if (mEntries.size() >= mMost) {
+    const auto isSister = [&](const auto& other) {
+        return other->consumer->Name() == entry->consumer->Name();
+    };
+    const auto sisters = std::count_if(mEntries.begin(), mEntries.end(), isSister);
+    if (mEntries.size() >= mMost || static_cast<std::size_t>(sisters) >= mMost - mMost / 4) {
         return nullptr;
     }
     mEntries.push_back(entry);

@@ -27,7 +27,8 @@ class ConsumerTable {
 public:
     explicit ConsumerTable(std::size_t most) : mMost(most) {}
 
-    // Null if the table is full.
+    // Null if the table is full. Consumers of one name have three quarters of it at most: one face must not
+    // keep out the others.
     std::shared_ptr<ConsumerEntry> Add(const std::string& device, const std::string& service,
                                        std::shared_ptr<Consumer> consumer);
     void Remove(const std::shared_ptr<ConsumerEntry>& entry);

@@ -12,6 +12,13 @@ ServiceState* ServiceNamed(DeviceState& device, const std::string& name) {
     return found != device.services.end() ? &*found : nullptr;
 }
 
+// Called for each consumer and device, so it makes no text.
+bool IsTypeAtAddress(const DeviceState& device, const std::string& name) {
+    const std::size_t at = device.type.size();
+    return name.size() == at + 1 + device.address.size() && name.compare(0, at, device.type) == 0 &&
+           name[at] == '@' && name.compare(at + 1, std::string::npos, device.address) == 0;
+}
+
 DeviceState AsOfNow(DeviceState device) {
     if (device.isPresent) {
         device.lastSeen = std::chrono::system_clock::now();
@@ -99,7 +106,7 @@ const DeviceState* DeviceBoard::Lookup(const std::string& name) const {
         return device;
     }
     for (const auto& [id, device] : mDevices) {
-        if (device.isPresent && device.type + '@' + device.address == name) {
+        if (device.isPresent && IsTypeAtAddress(device, name)) {
             return &device;
         }
     }

@@ -13,8 +13,16 @@ namespace {
 
 using Clock = EventLoop::Clock;
 
-// Longer than the library waits for a device that does not return from its handler.
-constexpr std::chrono::seconds LONGEST_REQUEST{70};
+// A device that does not answer must not use up what all devices share.
+constexpr std::size_t MOST_REQUESTS_OF_LINK = 64;
+constexpr std::size_t MOST_REQUEST_BYTES_OF_LINK = std::size_t{16} << 20;
+// A worker serves one request after the other. One more is there when the first has ended. Those that wait
+// here can still be given up.
+constexpr std::size_t MOST_AT_WORKER = 2;
+// Of the numbers of blocks. A number that is further away, or not above the one before, is a mistake.
+constexpr std::uint64_t WIDEST_GAP = std::uint64_t{1} << 32;
+// A worker reads at once what it is told. One that has so many frames to read is stuck.
+constexpr std::size_t MOST_UNREAD = 10000;
 // A connection that lasted so long was a good one: what follows is no repetition of an earlier failure.
 constexpr std::chrono::seconds GOOD_CONNECTION{5};
 constexpr std::chrono::minutes UNDISTURBED_CONNECTION{2};
@@ -65,12 +73,19 @@ void DeviceLink::SetWanted(std::set<std::string> services) {
 
 void DeviceLink::Request(FrameKind kind, const std::string& name, const std::string& body,
                          DeviceHub::Done onDone) {
+    if (mRequests.size() >= MOST_REQUESTS_OF_LINK ||
+        mRequestBytes + body.size() > MOST_REQUEST_BYTES_OF_LINK) {
+        onDone(Outcome::BUSY);
+        return;
+    }
     const std::uint64_t request = ++mLastRequest;
     Waiting& waiting = mRequests[request];
+    waiting.bytes = body.size();
+    mRequestBytes += body.size();
     waiting.frame = EncodeFrame(HeadOf(kind, request), name, body);
     waiting.onDone = std::move(onDone);
     waiting.timer = mSurroundings.loop.After(mSurroundings.settings.connect, [this, request] {
-        Finish(request, Outcome::UNREACHABLE);
+        Finish(request, mConnected ? Outcome::BUSY : Outcome::UNREACHABLE);
         Update();
     });
     Update();
@@ -101,6 +116,7 @@ void DeviceLink::Update() {
     if (mConnected) {
         Subscribe();
         SendRequests();
+        SetDeadline();
     }
 }
 
@@ -120,6 +136,7 @@ void DeviceLink::Start() {
     try {
         StartWorker(*port);
         SetOpening(true);
+        EndAfter(mSurroundings.settings.open, "its worker opens no channel");
         Become(ChannelState::CONNECTING);
     } catch (const std::system_error& error) {
         OnEnd(EndReason::CONNECT_FAILED, std::string("no worker can be started: ") + error.what());
@@ -153,7 +170,9 @@ void DeviceLink::Drop() {
         mSurroundings.ports.Release(std::exchange(mPort, 0));
     }
     mConnected = false;
+    mSurroundings.loop.Cancel(mDeadline);
     mSubscribed.clear();
+    mAtWorker.clear();
     FinishSent();
 }
 
@@ -203,16 +222,35 @@ void DeviceLink::Subscribe() {
 
 void DeviceLink::SendRequests() {
     for (auto& [number, waiting] : mRequests) {
-        if (waiting.frame.empty()) {
-            continue;
+        if (mAtWorker.size() >= MOST_AT_WORKER) {
+            return;
         }
-        mWorker->Send(std::exchange(waiting.frame, {}));
-        mSurroundings.loop.Cancel(waiting.timer);
-        waiting.timer = mSurroundings.loop.After(LONGEST_REQUEST, [this, request = number] {
-            Finish(request, Outcome::REFUSED);
-            Update();
-        });
+        if (!waiting.frame.empty()) {
+            mWorker->Send(std::exchange(waiting.frame, {}));
+            mSurroundings.loop.Cancel(waiting.timer);
+            mAtWorker.insert(number);
+        }
     }
+}
+
+// A worker that is stuck gives way to another one. Otherwise its requests would have no end.
+void DeviceLink::SetDeadline() {
+    if (mWorker->Unread() > MOST_UNREAD) {
+        EndAfter(std::chrono::milliseconds(0), "its worker does not read");
+    } else if (mAtWorker.empty()) {
+        mSurroundings.loop.Cancel(mDeadline);
+    } else if (mDeadline == 0) {
+        EndAfter(mSurroundings.settings.answer, "its worker does not answer");
+    }
+}
+
+// Not at once: the worker may be the caller.
+void DeviceLink::EndAfter(std::chrono::milliseconds time, const char* trouble) {
+    mSurroundings.loop.Cancel(mDeadline);
+    mDeadline = mSurroundings.loop.After(time, [this, trouble] {
+        mDeadline = 0;
+        OnEnd(EndReason::CONNECT_FAILED, trouble);
+    });
 }
 
 void DeviceLink::Finish(std::uint64_t request, Outcome outcome) {
@@ -221,6 +259,7 @@ void DeviceLink::Finish(std::uint64_t request, Outcome outcome) {
         return;
     }
     mSurroundings.loop.Cancel(found->second.timer);
+    mRequestBytes -= found->second.bytes;
     const DeviceHub::Done onDone = std::move(found->second.onDone);
     mRequests.erase(found);
     onDone(outcome);
@@ -254,6 +293,10 @@ void DeviceLink::OnFrame(Frame frame) {
             }
             break;
         case FrameKind::ANSWER:
+            if (mAtWorker.erase(frame.head.number) == 0) {
+                break;
+            }
+            mSurroundings.loop.Cancel(mDeadline);
             Finish(frame.head.number, frame.head.code == 0 ? Outcome::DONE : Outcome::REFUSED);
             Update();
             break;
@@ -264,6 +307,7 @@ void DeviceLink::OnFrame(Frame frame) {
 
 void DeviceLink::OnConnected(const Frame& frame) {
     SetOpening(false);
+    mSurroundings.loop.Cancel(mDeadline);
     mConnected = true;
     mConnectedAt = Clock::now();
     ++mConnections;
@@ -278,7 +322,8 @@ void DeviceLink::OnBlock(Frame frame) {
         return;  // it was under way when the subscription ended
     }
     auto& [last, before] = mNumbers[frame.name];
-    last = std::max(last + 1, before + frame.head.number);
+    const std::uint64_t number = before + frame.head.number;
+    last = number > last && number - last <= WIDEST_GAP ? number : last + 1;
     mEvents.onBlock(frame.name, last, std::move(frame.body));
 }
 

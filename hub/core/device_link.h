@@ -76,6 +76,7 @@ public:
 private:
     struct Waiting {
         std::string frame;  // empty once it was sent
+        std::size_t bytes = 0;
         DeviceHub::Done onDone;
         EventLoop::Timer timer = 0;
     };
@@ -89,6 +90,8 @@ private:
     void UpdateAfter(std::chrono::milliseconds pause);
     void Subscribe();
     void SendRequests();
+    void SetDeadline();
+    void EndAfter(std::chrono::milliseconds time, const char* trouble);
     void Finish(std::uint64_t request, Outcome outcome);
     void FinishSent();
     void Become(ChannelState state, std::string trouble = {});
@@ -105,6 +108,8 @@ private:
     std::set<std::string> mWanted;
     std::map<std::uint64_t, Waiting> mRequests;
     std::uint64_t mLastRequest = 0;
+    std::size_t mRequestBytes = 0;
+    std::set<std::uint64_t> mAtWorker;  // requests that it has not answered
 
     std::unique_ptr<WorkerProcess> mWorker;
     int mPort = 0;
@@ -117,6 +122,7 @@ private:
 
     EventLoop::Timer mRetry = 0;
     EventLoop::Timer mIdle = 0;
+    EventLoop::Timer mDeadline = 0;  // of the worker, for what it is to do now
     BackOff mBackOff{std::chrono::milliseconds(200), std::chrono::seconds(10)};
     // A device has one client. The hub gives way to another one for longer each time.
     BackOff mGiveWay{std::chrono::seconds(5), std::chrono::minutes(1)};

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "hub/core/device_hub.h"
+#include "hub/core/figures.h"
 
 namespace CLI {
 class App;
@@ -19,9 +20,9 @@ public:
 
     // Adds its options, which may stand in the configuration file as well. Called once, before Start.
     virtual void AddOptions(CLI::App& app) = 0;
-    // Called once, after the options were read. The hub outlives the face. A face that the options do not
-    // ask for does nothing. Throws std::runtime_error with a sentence for people.
-    virtual void Start(DeviceHub& hub) = 0;
+    // Called once, after the options were read. The hub and the figures outlive the face. A face that the
+    // options do not ask for does nothing. Throws std::runtime_error with a sentence for people.
+    virtual void Start(DeviceHub& hub, FigureBoard& figures) = 0;
 };
 
 // All faces that this program was built with (faces.cpp).

@@ -234,9 +234,10 @@ void Hub::OnFound(const FoundDevice& found) {
     if (!found.answers || HoldBack(found)) {
         return;
     }
-    if (mDevices.size() >= mSettings.devices) {
-        HUB_LOG(lumora::LOG_WARNING, "The device of type \"%s\" at %s is left out: %zu others are known.\n",
-                found.type.c_str(), found.address.c_str(), mDevices.size());
+    if (mDevices.size() >= mSettings.devices && !MakeRoom()) {
+        HUB_LOG_LIMITED(lumora::LOG_WARNING,
+                        "The device of type \"%s\" at %s is left out: %zu others are known.\n",
+                        found.type.c_str(), found.address.c_str(), mDevices.size());
         return;
     }
     Describe(AddDevice(IdFor(found)), found);
@@ -377,6 +378,22 @@ void Hub::Forget(const std::string& id) {
         mBoard.Remove(id);
         Tell(DeviceEvent::Kind::FORGOTTEN, state);
     }
+}
+
+// Devices that consumers wait for stay known when they leave. Those that are there come first.
+bool Hub::MakeRoom() {
+    Device* oldest = nullptr;
+    for (auto& [id, device] : mDevices) {
+        const bool isOlder = oldest == nullptr || device.state.lastSeen < oldest->state.lastSeen;
+        if (!device.state.isPresent && isOlder) {
+            oldest = &device;
+        }
+    }
+    if (oldest != nullptr) {
+        mLoop.Cancel(oldest->forget);
+        Forget(std::string(oldest->state.id));
+    }
+    return oldest != nullptr;
 }
 
 void Hub::RefreshLater() {

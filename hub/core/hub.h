@@ -72,6 +72,7 @@ private:
     void Describe(Device& device, const lumora_nodes::FoundDevice& found);
     void Leave(Device& device);
     void Forget(const std::string& id);
+    bool MakeRoom();
     void RefreshLater();
 
     // What consumers want.

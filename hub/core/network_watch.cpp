@@ -70,6 +70,11 @@ void NetworkWatch::Refresh(const std::string& type, const std::string& address, 
     Add({{true, address, port, type}, false, 0, Clock::now()});
 }
 
+std::size_t NetworkWatch::Waiting() const {
+    const lumora::MutexLock lock(mMutex);
+    return Count();
+}
+
 void NetworkWatch::OnEvent(NodeEvent event) {
     if (event.type.empty() || event.type == NODE_TYPE) {
         return;
@@ -98,9 +103,9 @@ void NetworkWatch::Add(Task task) {
     if (IsWaiting(task)) {
         return;
     }
-    if (mTasks.size() + mQuestions.size() >= mMostNodes) {
-        HUB_LOG(lumora::LOG_WARNING, "A node of type \"%s\" at %s is not asked: %zu others are.\n",
-                task.node.type.c_str(), task.node.address.c_str(), mTasks.size() + mQuestions.size());
+    if (Count() >= mMostNodes) {
+        HUB_LOG_LIMITED(lumora::LOG_WARNING, "A node of type \"%s\" at %s is not asked: %zu others are.\n",
+                        task.node.type.c_str(), task.node.address.c_str(), Count());
         return;
     }
     mTasks.push_back(std::move(task));
@@ -142,6 +147,7 @@ void NetworkWatch::RunSearches() {
             if (mStop) {
                 return;
             }
+            mSearched = tasks.size();
             for (Task& task : tasks) {
                 due[task.node.type].push_back(std::move(task));
             }
@@ -161,6 +167,11 @@ std::vector<NetworkWatch::Task> NetworkWatch::TakeDue() {
     return due;
 }
 
+void NetworkWatch::EndSearch() {
+    const lumora::MutexLock lock(mMutex);
+    --mSearched;
+}
+
 // The platform asks only nodes that a search has found, and it searches for a type.
 void NetworkWatch::Search(const std::string& type, std::vector<Task> tasks) {
     for (RemoteDevice& device : mNode->Find(type)) {
@@ -169,12 +180,14 @@ void NetworkWatch::Search(const std::string& type, std::vector<Task> tasks) {
         });
         if (task != tasks.end()) {
             const lumora::MutexLock lock(mMutex);
+            --mSearched;
             mQuestions.push_back({std::move(*task), std::move(device)});
             tasks.erase(task);
             mChanged.NotifyAll();
         }
     }
     for (Task& task : tasks) {
+        EndSearch();
         if (task.isCheck && task.attempt + 1 >= SEARCHES_OF_A_CHECK) {
             mEvents.onLeft(task.node);
             // A busy device may have missed both searches, and no event tells that it is still there.

@@ -36,6 +36,9 @@ public:
     // Asks a device again what it offers. Leads to a call of onFound if it answers.
     void Refresh(const std::string& type, const std::string& address, int port);
 
+    // Nodes that wait to be asked; at most mostNodes.
+    std::size_t Waiting() const;
+
 private:
     using Clock = std::chrono::steady_clock;
 
@@ -55,6 +58,8 @@ private:
     bool IsWanted(const std::string& type) const;
     void Add(Task task) EXCLUDES(mMutex);
     bool IsWaiting(const Task& task) const REQUIRES(mMutex);
+    std::size_t Count() const REQUIRES(mMutex) { return mTasks.size() + mSearched + mQuestions.size(); }
+    void EndSearch() EXCLUDES(mMutex);
     void Again(Task task) EXCLUDES(mMutex);
 
     void RunSearches();
@@ -67,9 +72,10 @@ private:
     const std::size_t mMostNodes;
     const Events mEvents;
 
-    lumora::Mutex mMutex;
+    mutable lumora::Mutex mMutex;
     lumora::Condition mChanged;
     std::vector<Task> mTasks GUARDED_BY(mMutex);
+    std::size_t mSearched GUARDED_BY(mMutex) = 0;  // tasks that a search is under way for
     std::deque<Question> mQuestions GUARDED_BY(mMutex);
     bool mStop GUARDED_BY(mMutex) = false;
 

@@ -15,7 +15,11 @@ struct Settings {
     std::string worker;                                            // the program
     std::chrono::milliseconds idle = std::chrono::seconds(10);     // a channel without consumers lives on
     std::chrono::milliseconds forget = std::chrono::minutes(10);   // a device that left, if consumers wait
-    std::chrono::milliseconds connect = std::chrono::seconds(10);  // a request waits for a channel
+    std::chrono::milliseconds connect = std::chrono::seconds(10);  // a request waits for its turn
+    std::chrono::milliseconds open = std::chrono::seconds(90);     // a worker opens its channel
+    // A worker answers a request. Longer than the library waits for a device that does not return from its
+    // handler.
+    std::chrono::milliseconds answer = std::chrono::seconds(70);
     std::size_t consumers = 1000;
     std::size_t devices = 1000;
 };

@@ -49,6 +49,8 @@ public:
     WorkerProcess& operator=(const WorkerProcess&) = delete;
 
     void Send(std::string frame);
+    // Frames that wait because the process does not read.
+    std::size_t Unread() const { return mWaiting.size(); }
     pid_t Process() const { return mProcess; }
 
 private:

@@ -80,6 +80,12 @@ bool BrokerSession::HasRoom() const {
            mBytesUnderWay < MOST_BYTES_UNDER_WAY;
 }
 
+std::size_t BrokerSession::Waiting() const {
+    const auto blocks = std::count_if(mUnderWay.begin(), mUnderWay.end(),
+                                      [](const UnderWay& entry) { return entry.block != nullptr; });
+    return mAgain.size() + static_cast<std::size_t>(blocks);
+}
+
 BlockPointer BrokerSession::NextAgain() {
     if (mAgain.empty()) {
         return nullptr;
@@ -181,6 +187,7 @@ void BrokerSession::Lose(const std::string& reason) {
     KeepBlocks();
     const double seconds = static_cast<double>(pause.count()) / 1000;
     if (!wasConnected) {
+        ++mCounts.failures;
         MQTT_LOG(MQTT_ERROR, "cannot connect to the broker %s: %s; next try in %.1f s\n",
                  BrokerName().c_str(), reason.c_str(), seconds);
         return;

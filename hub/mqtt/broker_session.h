@@ -15,6 +15,7 @@ namespace lumora_hub {
 
 struct SessionCounts {
     std::uint64_t connections = 0;
+    std::uint64_t failures = 0;   // attempts to connect
     std::uint64_t published = 0;  // blocks that the broker (QoS 1) or the socket (QoS 0) has taken
     std::uint64_t publishedBytes = 0;
     std::uint64_t lost = 0;  // blocks that the broker refused, or that a connection took with it
@@ -47,6 +48,8 @@ public:
     // Whether the broker keeps up. Nothing must be published while it does not.
     bool HasRoom() const;
     bool IsAllAnswered() const { return mUnderWay.empty(); }
+    // Blocks that the broker has not answered, or that a lost connection left.
+    std::size_t Waiting() const;
 
     // A block that was under way when a connection was lost. Null if there is none.
     BlockPointer NextAgain();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/thread.h"
+#include "hub/mqtt/figures.h"
 #include "hub/mqtt/log.h"
 
 namespace lumora_hub {
@@ -36,8 +37,9 @@ MqttProperties PropertiesOf(const Block& block, ContentKind kind) {
 
 }  // namespace
 
-MqttBridge::MqttBridge(DeviceHub& hub, const MqttSettings& settings)
+MqttBridge::MqttBridge(DeviceHub& hub, FigureBoard& figures, const MqttSettings& settings)
     : mHub(hub),
+      mFigures(figures),
       mSettings(settings),
       mTopics(settings.prefix, settings.name),
       mFeeds(hub, settings, mWakeup),
@@ -280,6 +282,8 @@ void MqttBridge::UpdateCounts() {
     counts.session = mSession.Counts();
     counts.requests = mRequests.Counts();
     counts.lost = counts.session.lost + mFeeds.Lost();
+    counts.waiting = mFeeds.Waiting() + mSession.Waiting();
+    mFigures.Put("mqtt", FiguresOf(counts));
     const lumora::MutexLock lock(mCountsMutex);
     mCounts = counts;
 }

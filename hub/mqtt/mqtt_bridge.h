@@ -13,6 +13,7 @@
 
 #include "base/mutex.h"
 #include "hub/core/device_hub.h"
+#include "hub/core/figures.h"
 #include "hub/mqtt/broker_session.h"
 #include "hub/mqtt/description.h"
 #include "hub/mqtt/feeds.h"
@@ -25,7 +26,8 @@ namespace lumora_hub {
 
 struct MqttCounts {
     bool isConnected = false;
-    std::uint64_t lost = 0;  // all blocks that did not reach the broker
+    std::uint64_t lost = 0;   // all blocks that did not reach the broker
+    std::size_t waiting = 0;  // blocks
     SessionCounts session;
     RequestCounts requests;
 };
@@ -33,7 +35,8 @@ struct MqttCounts {
 // Has one thread. Hub and settings are used from there.
 class MqttBridge : private BrokerSession::Owner {
 public:
-    MqttBridge(DeviceHub& hub, const MqttSettings& settings);
+    // The counts go to figures each second.
+    MqttBridge(DeviceHub& hub, FigureBoard& figures, const MqttSettings& settings);
     // Tells the broker that the hub leaves: a second at most, and the time of the resolver if the thread is
     // looking up the broker's name.
     ~MqttBridge() override;
@@ -73,6 +76,7 @@ private:
     std::string HomeAssistantTopic(const std::string& id) const;
 
     DeviceHub& mHub;
+    FigureBoard& mFigures;
     const MqttSettings mSettings;
     const Topics mTopics;
     const std::shared_ptr<Wakeup> mWakeup = std::make_shared<Wakeup>();

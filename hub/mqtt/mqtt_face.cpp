@@ -56,7 +56,7 @@ public:
             ->group(group);
     }
 
-    void Start(DeviceHub& hub) override {
+    void Start(DeviceHub& hub, FigureBoard& figures) override {
         if (mBroker.empty()) {
             return;
         }
@@ -69,7 +69,7 @@ public:
         if (!problem.empty()) {
             throw std::runtime_error(problem);
         }
-        mBridge = std::make_unique<MqttBridge>(hub, mSettings);
+        mBridge = std::make_unique<MqttBridge>(hub, figures, mSettings);
     }
 
 private:

@@ -49,19 +49,25 @@ const char* OutcomeText(Outcome outcome) {
     return "busy";
 }
 
-bool Requests::Shared::Begin(std::size_t bytes) {
+bool Requests::Shared::Begin(const std::string& device, std::size_t bytes) {
     const lumora::MutexLock lock(mutex);
-    if (waiting >= MOST_REQUESTS || waitingBytes + bytes > MOST_REQUEST_BYTES) {
+    const auto ofDevice = waitingOf.find(device);
+    if (waiting >= MOST_REQUESTS || waitingBytes + bytes > MOST_REQUEST_BYTES ||
+        (ofDevice != waitingOf.end() && ofDevice->second >= MOST_REQUESTS_OF_DEVICE)) {
         return false;
     }
+    ++waitingOf[device];
     ++waiting;
     waitingBytes += bytes;
     return true;
 }
 
-void Requests::Shared::End(std::size_t bytes, MqttReply reply, Outcome outcome) {
+void Requests::Shared::End(const std::string& device, std::size_t bytes, MqttReply reply, Outcome outcome) {
     {
         const lumora::MutexLock lock(mutex);
+        if (--waitingOf[device] == 0) {
+            waitingOf.erase(device);
+        }
         --waiting;
         waitingBytes -= bytes;
     }
@@ -101,7 +107,7 @@ void Requests::Take(MqttMessage message) {
         Refuse(message, reply, Outcome::BAD_REQUEST, "it is retained");
     } else if (const char* fault = FaultOf(*request, message.payload)) {
         Refuse(message, reply, Outcome::BAD_REQUEST, fault);
-    } else if (!mShared->Begin(message.payload.size())) {
+    } else if (!mShared->Begin(request->device, message.payload.size())) {
         Refuse(message, reply, Outcome::BUSY, "too many wait");
     } else {
         Start(*request, std::move(message.payload), std::move(reply));
@@ -125,7 +131,9 @@ void Requests::DropReplies() {
 
 RequestCounts Requests::Counts() const {
     const lumora::MutexLock lock(mShared->mutex);
-    return mShared->counts;
+    RequestCounts counts = mShared->counts;
+    counts.waiting = mShared->waiting;
+    return counts;
 }
 
 void Requests::Refuse(const MqttMessage& message, const MqttReply& reply, Outcome outcome, const char* why) {
@@ -144,9 +152,8 @@ void Requests::Start(const RequestTopic& request, std::string payload, MqttReply
         ++(request.isCommand ? mShared->counts.commands : mShared->counts.blocks);
     }
     const std::size_t bytes = payload.size();
-    auto done = [shared = mShared, bytes, reply = std::move(reply)](Outcome outcome) {
-        shared->End(bytes, reply, outcome);
-    };
+    auto done = [shared = mShared, device = request.device, bytes,
+                 reply = std::move(reply)](Outcome outcome) { shared->End(device, bytes, reply, outcome); };
     if (request.isCommand) {
         mHub.SendCommand(request.device, request.command, payload, std::move(done));
     } else {

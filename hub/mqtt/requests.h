@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,7 @@ struct RequestCounts {
     std::uint64_t commands = 0;  // handed to the hub
     std::uint64_t blocks = 0;
     std::uint64_t refused = 0;  // by this face
+    std::size_t waiting = 0;    // for their devices
 };
 
 class Requests {
@@ -46,14 +48,15 @@ private:
     // Outlives this object: the hub may tell the outcome of a request afterwards.
     struct Shared {
         explicit Shared(std::shared_ptr<Wakeup> toWake) : wakeup(std::move(toWake)) {}
-        bool Begin(std::size_t bytes);
-        void End(std::size_t bytes, MqttReply reply, Outcome outcome);
+        bool Begin(const std::string& device, std::size_t bytes);
+        void End(const std::string& device, std::size_t bytes, MqttReply reply, Outcome outcome);
         void Reply(MqttReply reply, Outcome outcome);
 
         const std::shared_ptr<Wakeup> wakeup;
         lumora::Mutex mutex;  // a leaf lock
         std::size_t waiting GUARDED_BY(mutex) = 0;
         std::size_t waitingBytes GUARDED_BY(mutex) = 0;
+        std::map<std::string, std::size_t> waitingOf GUARDED_BY(mutex);  // devices, as requests name them
         std::deque<MqttReply> replies GUARDED_BY(mutex);
         RequestCounts counts GUARDED_BY(mutex);
     };

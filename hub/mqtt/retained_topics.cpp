@@ -1,5 +1,8 @@
 #include "hub/mqtt/retained_topics.h"
 
+#include <iterator>
+#include <utility>
+
 namespace lumora_hub {
 
 void RetainedTopics::Set(const std::string& topic, std::string payload) {
@@ -8,28 +11,25 @@ void RetainedTopics::Set(const std::string& topic, std::string payload) {
         return;
     }
     mPayloads.insert_or_assign(topic, std::move(payload));
-    if (mIsConnected) {
-        mWaiting.push_back(topic);
-    }
+    Wait(topic);
 }
 
 void RetainedTopics::Clear(const std::string& topic) {
     mPayloads.erase(topic);
-    if (mIsConnected) {
-        mWaiting.push_back(topic);
-    }
+    Wait(topic);
 }
 
 void RetainedTopics::Connected() {
+    Lost();
     mIsConnected = true;
-    mWaiting.clear();
     for (const auto& entry : mPayloads) {
-        mWaiting.push_back(entry.first);
+        Wait(entry.first);
     }
 }
 
 void RetainedTopics::Lost() {
     mIsConnected = false;
+    mPlaces.clear();
     mWaiting.clear();
 }
 
@@ -40,11 +40,26 @@ std::optional<RetainedTopics::Message> RetainedTopics::Next() {
     Message message;
     message.topic = std::move(mWaiting.front());
     mWaiting.pop_front();
-    const auto place = mPayloads.find(message.topic);
-    if (place != mPayloads.end()) {
-        message.payload = place->second;
+    mPlaces.erase(message.topic);
+    const auto payload = mPayloads.find(message.topic);
+    if (payload != mPayloads.end()) {
+        message.payload = payload->second;
     }
     return message;
+}
+
+// A topic that waits already goes to the end: what must be sent last is.
+void RetainedTopics::Wait(const std::string& topic) {
+    if (!mIsConnected) {
+        return;
+    }
+    const auto place = mPlaces.find(topic);
+    if (place != mPlaces.end()) {
+        mWaiting.splice(mWaiting.end(), mWaiting, place->second);
+        return;
+    }
+    mWaiting.push_back(topic);
+    mPlaces[topic] = std::prev(mWaiting.end());
 }
 
 }  // namespace lumora_hub

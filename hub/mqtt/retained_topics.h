@@ -1,7 +1,7 @@
 // What the broker shall keep: for each topic the last payload, until it is cleared.
 #pragma once
 
-#include <deque>
+#include <list>
 #include <map>
 #include <optional>
 #include <string>
@@ -26,13 +26,17 @@ public:
         std::string topic;
         std::string payload;  // empty: the broker forgets the topic
     };
-    // What is to be sent next, in the order of the changes.
+    // What is to be sent next, in the order of the latest changes.
     std::optional<Message> Next();
 
 private:
+    void Wait(const std::string& topic);
+
     bool mIsConnected = false;
     std::map<std::string, std::string> mPayloads;
-    std::deque<std::string> mWaiting;  // topics; one that waits twice is sent twice
+    // Topics, each once: a device that changes all the time must not fill the memory.
+    std::list<std::string> mWaiting;
+    std::map<std::string, std::list<std::string>::iterator> mPlaces;  // in mWaiting
 };
 
 }  // namespace lumora_hub

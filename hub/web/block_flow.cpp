@@ -48,11 +48,12 @@ std::string BlockEvent(const Block& block) {
 }
 
 BlockFlow::BlockFlow(std::shared_ptr<Consumer> consumer, std::unique_ptr<Registration> registration,
-                     Framing framing, WebCounts& counts)
+                     Framing framing, WebCounts& counts, Quota::Share share)
     : mConsumer(std::move(consumer)),
       mRegistration(std::move(registration)),
       mFraming(framing),
-      mCounts(counts) {
+      mCounts(counts),
+      mShare(std::move(share)) {
     ++mCounts.streams;
 }
 

@@ -7,6 +7,7 @@
 #include "hub/core/device_hub.h"
 #include "hub/web/flow.h"
 #include "hub/web/metrics.h"
+#include "hub/web/quota.h"
 
 namespace lumora_hub::web {
 
@@ -20,7 +21,7 @@ std::string BlockEvent(const Block& block);
 class BlockFlow final : public Flow {
 public:
     BlockFlow(std::shared_ptr<Consumer> consumer, std::unique_ptr<Registration> registration, Framing framing,
-              WebCounts& counts);
+              WebCounts& counts, Quota::Share share = {});
     ~BlockFlow() override;
     BlockFlow(const BlockFlow&) = delete;
     BlockFlow& operator=(const BlockFlow&) = delete;
@@ -33,6 +34,7 @@ private:
     std::unique_ptr<Registration> mRegistration;
     const Framing mFraming;
     WebCounts& mCounts;
+    const Quota::Share mShare;
     BlockPointer mBlock;  // of mMessage
     Message mMessage;
 };

@@ -35,7 +35,8 @@ struct Connection {
 
     Request request;
     std::string body;
-    std::size_t bodyBytes = 0;  // announced and not yet released
+    std::size_t bodyBytes = 0;  // announced
+    Quota::Share bodyShare;
     std::size_t drained = 0;
     bool isWebSocket = false;
     bool waitsForRoom = false;   // in the socket's buffer

@@ -1,5 +1,7 @@
 #include "hub/web/content_type.h"
 
+#include <string>
+
 #include "base/json.h"
 #include "hub/core/text.h"
 
@@ -14,7 +16,8 @@ bool IsJson(std::string_view bytes) {
     if (first == bytes.npos || (bytes[first] != '{' && bytes[first] != '[') || bytes.size() > LONGEST_JSON) {
         return false;
     }
-    return lumora::ParseJson(std::string(bytes)) != nullptr;
+    const std::string text(bytes);
+    return lumora::JsonTree(cJSON_ParseWithOpts(text.c_str(), nullptr, 1)) != nullptr;
 }
 
 }  // namespace

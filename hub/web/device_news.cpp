@@ -6,8 +6,9 @@ namespace lumora_hub::web {
 
 void DeviceNews::Take(const std::map<std::string, DeviceEvent>& events) {
     for (const auto& [id, event] : events) {
+        const auto shared = mFlows.empty() ? nullptr : std::make_shared<const DeviceEvent>(event);
         for (DeviceFlow* const flow : mFlows) {
-            flow->mChanged[id] = event;
+            flow->mChanged[id] = shared;
         }
     }
 }
@@ -22,7 +23,8 @@ void DeviceNews::TakeCounts() {
     }
 }
 
-DeviceFlow::DeviceFlow(DeviceNews& news, Framing framing) : mNews(news), mFraming(framing) {
+DeviceFlow::DeviceFlow(DeviceNews& news, Framing framing, Quota::Share share)
+    : mNews(news), mFraming(framing), mShare(std::move(share)) {
     mNews.mFlows.insert(this);
 }
 
@@ -41,7 +43,7 @@ bool DeviceFlow::Next() {
         mHasList = true;
         Begin("devices", ListMessage(mNews.mHub.Devices()));
     } else if (!mChanged.empty()) {
-        Begin("device", ChangeMessage(mChanged.begin()->second));
+        Begin("device", ChangeMessage(*mChanged.begin()->second));
         mChanged.erase(mChanged.begin());
     } else if (mNeedsCounts) {
         mNeedsCounts = false;

@@ -10,10 +10,14 @@
 
 #include "hub/core/device_hub.h"
 #include "hub/web/flow.h"
+#include "hub/web/quota.h"
 
 namespace lumora_hub::web {
 
 class DeviceFlow;
+
+// All streams share one.
+using EventPointer = std::shared_ptr<const DeviceEvent>;
 
 // Belongs to the service thread.
 class DeviceNews {
@@ -36,7 +40,7 @@ private:
 // what waits for it is not more than the list.
 class DeviceFlow final : public Flow {
 public:
-    DeviceFlow(DeviceNews& news, Framing framing);
+    DeviceFlow(DeviceNews& news, Framing framing, Quota::Share share);
     ~DeviceFlow() override;
     DeviceFlow(const DeviceFlow&) = delete;
     DeviceFlow& operator=(const DeviceFlow&) = delete;
@@ -51,9 +55,10 @@ private:
 
     DeviceNews& mNews;
     const Framing mFraming;
+    const Quota::Share mShare;
     bool mHasList = false;
     bool mNeedsCounts = false;
-    std::map<std::string, DeviceEvent> mChanged;
+    std::map<std::string, EventPointer> mChanged;
     Message mMessage;
 };
 

@@ -2,20 +2,22 @@
 
 namespace lumora_hub::web {
 
-LatestBlocks::LatestBlocks(DeviceHub& hub, std::size_t limit, MakeReady makeReady)
-    : mHub(hub), mLimit(limit), mMakeReady(std::move(makeReady)) {}
+LatestBlocks::LatestBlocks(DeviceHub& hub, std::size_t limit, std::size_t limitOfAddress, MakeReady makeReady)
+    : mHub(hub), mQuota(limit, limitOfAddress), mMakeReady(std::move(makeReady)) {}
 
-bool LatestBlocks::Ask(const std::string& device, const std::string& service, std::uint64_t newConsumer,
+bool LatestBlocks::Ask(const std::string& device, const std::string& service, const Asker& asker,
                        BlockPointer& block) {
     const auto key = std::make_pair(device, service);
     auto place = mEntries.find(key);
     if (place == mEntries.end()) {
-        if (mEntries.size() >= mLimit) {
+        Entry entry;
+        entry.share = mQuota.Take(asker.address);
+        if (!entry.share) {
             return false;
         }
-        Entry entry;
-        entry.number = newConsumer;
-        entry.consumer = std::make_shared<Consumer>("web latest", QueueLimits{1}, mMakeReady(newConsumer));
+        entry.number = asker.newConsumer;
+        entry.consumer =
+            std::make_shared<Consumer>("web latest", QueueLimits{1}, mMakeReady(asker.newConsumer));
         entry.registration = mHub.Subscribe(device, service, entry.consumer);
         if (!entry.registration) {
             return false;

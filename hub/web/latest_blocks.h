@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "hub/core/device_hub.h"
+#include "hub/web/quota.h"
 
 namespace lumora_hub::web {
 
@@ -21,12 +22,16 @@ public:
     // Makes the callback of a consumer of this number.
     using MakeReady = std::function<std::function<void()>(std::uint64_t consumer)>;
 
-    LatestBlocks(DeviceHub& hub, std::size_t limit, MakeReady makeReady);
+    LatestBlocks(DeviceHub& hub, std::size_t limit, std::size_t limitOfAddress, MakeReady makeReady);
+
+    struct Asker {
+        std::uint64_t newConsumer = 0;  // its number if the service has none yet
+        std::string address;
+    };
 
     // False if too many services are asked for. The service is subscribed for KEEP after the last call.
     // block is empty until one has come.
-    bool Ask(const std::string& device, const std::string& service, std::uint64_t newConsumer,
-             BlockPointer& block);
+    bool Ask(const std::string& device, const std::string& service, const Asker& asker, BlockPointer& block);
     // A block came for a consumer. The result is the device and the service; empty if the consumer is none of
     // this.
     std::pair<std::string, std::string> Take(std::uint64_t consumer, BlockPointer& block);
@@ -37,6 +42,7 @@ public:
 private:
     struct Entry {
         std::uint64_t number = 0;
+        Quota::Share share;  // of the address that asked first
         std::shared_ptr<Consumer> consumer;
         BlockPointer latest;
         Clock::time_point asked;
@@ -44,7 +50,7 @@ private:
     };
 
     DeviceHub& mHub;
-    const std::size_t mLimit;
+    Quota mQuota;
     const MakeReady mMakeReady;
     std::map<std::pair<std::string, std::string>, Entry> mEntries;
 };

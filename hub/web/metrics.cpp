@@ -1,6 +1,7 @@
 #include "hub/web/metrics.h"
 
 #include <cstdio>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -23,13 +24,19 @@ public:
         mOut += "# HELP " + mName + " " + help + "\n# TYPE " + mName + " " + type + "\n";
     }
 
+    // A series that is there twice would cost the whole reading, and devices choose names: two of them may be
+    // the same once they are text.
     void Add(const std::string& labels, std::uint64_t value) {
+        if (!mSeen.insert(labels).second) {
+            return;
+        }
         mOut += mName + (labels.empty() ? "" : "{" + labels + "}") + " " + std::to_string(value) + "\n";
     }
 
 private:
     std::string& mOut;
     const std::string mName;
+    std::set<std::string> mSeen;
 };
 
 std::string Label(const char* name, const std::string& value) {
@@ -154,27 +161,36 @@ void Histogram::Print(const std::string& name, const std::string& help, std::str
     out += name + "_sum " + Number(mSum) + "\n" + name + "_count " + std::to_string(sum) + "\n";
 }
 
+// Devices and clients choose names. Their control characters must not steer a terminal that shows the
+// metrics.
 std::string LabelText(const std::string& text) {
     std::string label;
     for (const char character : Utf8(text)) {
-        if (character == '\\' || character == '"') {
-            label += '\\';
-        }
-        label += character;
+        const auto code = static_cast<unsigned char>(character);
         if (character == '\n') {
-            label.replace(label.size() - 1, 1, "\\n");
+            label += "\\n";
+        } else if (code < 0x20 || code == 0x7F) {
+            label += "\xEF\xBF\xBD";
+        } else {
+            label += character == '\\' || character == '"' ? "\\" : "";
+            label += character;
         }
     }
     return label;
 }
 
-std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint64_t lostOfStreams) {
+std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint64_t lostOfStreams,
+                        const std::vector<Figure>& others) {
     std::string out;
     const std::vector<DeviceState> devices = hub.Devices();
     AddDevices(devices, out);
     AddServices(devices, out);
     AddConsumers(hub.Consumers(), out);
     AddWeb(counts, lostOfStreams, out);
+    for (const Figure& figure : others) {
+        const bool isCounter = figure.kind == Figure::Kind::COUNTER;
+        Metric(out, figure.name, isCounter ? "counter" : "gauge", figure.help.c_str()).Add("", figure.value);
+    }
     return out;
 }
 

@@ -6,8 +6,10 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "hub/core/device_hub.h"
+#include "hub/core/figures.h"
 
 namespace lumora_hub::web {
 
@@ -44,6 +46,8 @@ struct WebCounts {
 // A text in the quotation marks of a label.
 std::string LabelText(const std::string& text);
 
-std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint64_t lostOfStreams);
+// others: the figures of other faces.
+std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint64_t lostOfStreams,
+                        const std::vector<Figure>& others);
 
 }  // namespace lumora_hub::web

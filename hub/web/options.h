@@ -16,10 +16,17 @@ struct WebLimits {
     std::size_t uploadingBytes = std::size_t{64} << 20;  // of all bodies that are being received
     std::size_t headBytes = 8192;                        // of the head of a request
     std::size_t pendingRequests = 64;                    // commands and blocks that wait for their device
-    std::size_t streams = 400;                           // consumers of the web face
-    std::size_t streamBlocks = 64;                       // the queue of a stream, unless it asks for less
+    std::size_t streams = 400;                           // of blocks: consumers of the web face
+    std::size_t newsStreams = 128;  // about the list of devices, all of which each may hold
+    std::size_t streamBlocks = 64;  // the queue of a stream, unless it asks for less
     std::size_t streamBytes = std::size_t{8} << 20;
-    std::size_t latestServices = 32;             // services whose latest block is kept
+    std::size_t latestServices = 32;  // services whose latest block is kept
+    // One address may have this much of the bodies, requests, streams and services above.
+    std::size_t uploadingBytesOfAddress = std::size_t{32} << 20;
+    std::size_t pendingRequestsOfAddress = 48;
+    std::size_t streamsOfAddress = 300;
+    std::size_t newsStreamsOfAddress = 96;
+    std::size_t latestServicesOfAddress = 24;
     std::chrono::milliseconds head{10'000};      // from accepting a connection to the end of the first head
     std::chrono::milliseconds idle{20'000};      // between two requests of a connection
     std::chrono::milliseconds body{60'000};      // for a whole body

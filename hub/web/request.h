@@ -24,6 +24,7 @@ struct Request {
     bool hasTransferEncoding = false;
     bool wantsWebSocket = false;
     bool isTls = false;
+    std::string address;  // of the peer
 };
 
 // Decodes %41 to A. What is no such code stays as it is.

@@ -32,8 +32,8 @@ constexpr lws_retry_bo_t IDLE_POLICY = {nullptr, 0, 0, 30, 600, 0};
 
 void LogLine(int /*level*/, const char* line) {
     const std::string_view text(line);
-    HUB_LOG(lumora::LOG_WARNING, "The web server: %.*s", static_cast<int>(text.find_last_not_of('\n') + 1),
-            line);
+    HUB_LOG_LIMITED(lumora::LOG_WARNING, "The web server: %.*s",
+                    static_cast<int>(text.find_last_not_of('\n') + 1), line);
 }
 
 // While a reply is sent the library reads nothing, and so does not notice that the client has closed.
@@ -55,8 +55,8 @@ std::string NameOfHost(const WebOptions& options) {
 
 }  // namespace
 
-Server::Server(DeviceHub& hub, const WebOptions& options)
-    : mOptions(options), mSite(hub, options), mSpace(LWS_PRE + PIECE) {
+Server::Server(DeviceHub& hub, const FigureBoard& figures, const WebOptions& options)
+    : mOptions(options), mSite(hub, figures, options), mSpace(LWS_PRE + PIECE) {
     const std::string refusal = Refusal(options);
     if (!refusal.empty()) {
         throw std::runtime_error(refusal);
@@ -231,6 +231,7 @@ int Server::OnRequest(Connection& connection) {
         return -1;  // a second request while the first is answered
     }
     connection.request = ReadRequest(connection.wsi, false);
+    connection.request.address = connection.address;
     Decision decision = mSite.Begin(connection.number, connection.request);
     const Request& request = connection.request;
     const bool hasBody = request.hasTransferEncoding || request.contentLength.value_or(0) > 0;
@@ -247,6 +248,7 @@ int Server::OnUpgrade(Connection& connection, std::string_view protocol) {
         return -1;
     }
     connection.request = ReadRequest(connection.wsi, true);
+    connection.request.address = connection.address;
     Decision decision = mSite.Begin(connection.number, connection.request);
     if (decision.reply.flow) {
         connection.isWebSocket = true;
@@ -302,7 +304,7 @@ int Server::OnBodyEnd(Connection& connection) {
 }
 
 void Server::EndBody(Connection& connection) {
-    mSite.ReleaseBody(connection.bodyBytes);
+    connection.bodyShare = Quota::Share();
     connection.bodyBytes = 0;
     connection.body = std::string();
 }
@@ -311,6 +313,7 @@ void Server::Take(Connection& connection, Decision decision) {
     lws_set_timeout(connection.wsi, NO_PENDING_TIMEOUT, 0);
     if (decision.kind == Decision::Kind::BODY) {
         connection.bodyBytes = decision.bodyBytes;
+        connection.bodyShare = std::move(decision.bodyShare);
         Enter(connection, Connection::Phase::BODY);
     } else if (decision.kind == Decision::Kind::WAIT) {
         connection.phase = Connection::Phase::WAITING;

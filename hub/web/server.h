@@ -19,8 +19,8 @@ namespace lumora_hub::web {
 
 class Server {
 public:
-    // Throws std::runtime_error with a sentence for people.
-    Server(DeviceHub& hub, const WebOptions& options);
+    // Shows the figures among its own. Throws std::runtime_error with a sentence for people.
+    Server(DeviceHub& hub, const FigureBoard& figures, const WebOptions& options);
     // Ends all connections, and waits for the thread.
     ~Server();
     Server(const Server&) = delete;

@@ -106,14 +106,20 @@ bool ReadLimit(const Request& request, const char* name, std::size_t& limit) {
 
 }  // namespace
 
-Site::Site(DeviceHub& hub, const WebOptions& options)
+Site::Site(DeviceHub& hub, const FigureBoard& figures, const WebOptions& options)
     : mHub(hub),
+      mFigures(figures),
       mOptions(options),
       mAdmission(options),
+      mUploads(options.limits.uploadingBytes, options.limits.uploadingBytesOfAddress),
+      mRequests(options.limits.pendingRequests, options.limits.pendingRequestsOfAddress),
+      mStreams(options.limits.streams, options.limits.streamsOfAddress),
+      mNewsStreams(options.limits.newsStreams, options.limits.newsStreamsOfAddress),
       mNews(hub),
-      mLatest(hub, options.limits.latestServices, [this](std::uint64_t number) {
-          return [mailbox = mMailbox, number] { mailbox->PutReady(number); };
-      }) {}
+      mLatest(hub, options.limits.latestServices, options.limits.latestServicesOfAddress,
+              [this](std::uint64_t number) {
+                  return [mailbox = mMailbox, number] { mailbox->PutReady(number); };
+              }) {}
 
 Site::~Site() = default;
 
@@ -161,14 +167,15 @@ Decision Site::Act(std::uint64_t number, const Request& request, const Match& ma
             for (const ConsumerState& consumer : mHub.Consumers()) {
                 lost += consumer.name == "web" ? consumer.counts.lost : 0;
             }
-            return Now(Text("text/plain; version=0.0.4; charset=utf-8", MetricsText(mHub, mCounts, lost)));
+            return Now(Text("text/plain; version=0.0.4; charset=utf-8",
+                            MetricsText(mHub, mCounts, lost, mFigures.All())));
         }
         case Action::DEVICES:
             return Now(Text(JSON, DevicesText(mHub.Devices())));
         case Action::DEVICE:
             return Now(Device(match.device));
         case Action::LATEST:
-            return Latest(number, match);
+            return Latest(number, request, match);
         case Action::LOGOUT:
             return Now(LogOut(request));
         case Action::LOGIN:
@@ -178,12 +185,8 @@ Decision Site::Act(std::uint64_t number, const Request& request, const Match& ma
                                                            : Fail(415, "a command is application/json");
         case Action::DATA:
             return AwaitBody(request, mOptions.limits.requestBytes);
-        case Action::DEVICE_EVENTS: {
-            Reply reply = Text(EVENT_STREAM, "");
-            reply.flow = std::make_unique<DeviceFlow>(
-                mNews, request.wantsWebSocket ? Framing::WEB_SOCKET : Framing::SERVER_SENT_EVENTS);
-            return Now(std::move(reply));
-        }
+        case Action::DEVICE_EVENTS:
+            return News(request);
         case Action::BLOCK_EVENTS:
         case Action::BLOCK_STREAM:
             break;
@@ -201,13 +204,13 @@ Decision Site::AwaitBody(const Request& request, std::size_t limit) {
     if (*request.contentLength == 0) {
         return Fail(400, "the body is empty");
     }
-    if (IsFull() || mUploading + *request.contentLength > mOptions.limits.uploadingBytes) {
-        return Fail(503, "too many requests wait");
-    }
     Decision decision;
     decision.kind = Decision::Kind::BODY;
     decision.bodyBytes = *request.contentLength;
-    mUploading += decision.bodyBytes;
+    decision.bodyShare = mUploads.Take(request.address, decision.bodyBytes);
+    if (!decision.bodyShare || !mRequests.HasRoom(request.address)) {
+        return Fail(503, "too many requests wait");
+    }
     return decision;
 }
 
@@ -215,39 +218,42 @@ Decision Site::TakeBody(std::uint64_t number, const Request& request, std::strin
     const Match match = FindRoute(request.method, request.path);
     switch (match.route->action) {
         case Action::COMMAND:
-            return SendCommand(number, match, body);
+            return SendCommand(number, request, match, body);
         case Action::DATA:
-            return SendBlock(number, match, std::move(body));
+            return SendBlock(number, request, match, std::move(body));
         default:
             return LogIn(request, body);
     }
 }
 
 // The request gets a number of its own: its connection may give up and ask again meanwhile.
-DeviceHub::Done Site::DoneFor(std::uint64_t number) {
+DeviceHub::Done Site::DoneFor(std::uint64_t number, Quota::Share share) {
     const std::uint64_t request = ++mLastNumber;
-    mPending[request] = number;
+    mPending[request] = {number, std::move(share)};
     return [mailbox = mMailbox, request](Outcome outcome) { mailbox->PutOutcome(request, outcome); };
 }
 
-Decision Site::SendCommand(std::uint64_t number, const Match& match, const std::string& body) {
+Decision Site::SendCommand(std::uint64_t number, const Request& request, const Match& match,
+                           const std::string& body) {
     std::string name;
     std::string parameter;
     if (!ReadCommand(body, name, parameter)) {
         return Fail(400, "a command is {\"name\": text, \"parameter\": text}");
     }
-    if (IsFull()) {
+    Quota::Share share = mRequests.Take(request.address);
+    if (!share) {
         return Fail(503, "too many requests wait");
     }
-    mHub.SendCommand(match.device, name, parameter, DoneFor(number));
+    mHub.SendCommand(match.device, name, parameter, DoneFor(number, std::move(share)));
     return Later(mOptions.limits.outcome);
 }
 
-Decision Site::SendBlock(std::uint64_t number, const Match& match, std::string body) {
-    if (IsFull()) {
+Decision Site::SendBlock(std::uint64_t number, const Request& request, const Match& match, std::string body) {
+    Quota::Share share = mRequests.Take(request.address);
+    if (!share) {
         return Fail(503, "too many requests wait");
     }
-    mHub.SendBlock(match.device, std::move(body), DoneFor(number));
+    mHub.SendBlock(match.device, std::move(body), DoneFor(number, std::move(share)));
     return Later(mOptions.limits.outcome);
 }
 
@@ -294,9 +300,9 @@ Reply Site::Device(const std::string& name) const {
     return device ? Text(JSON, DeviceText(*device)) : Error(404, "there is no such device");
 }
 
-Decision Site::Latest(std::uint64_t number, const Match& match) {
+Decision Site::Latest(std::uint64_t number, const Request& request, const Match& match) {
     BlockPointer block;
-    if (!mLatest.Ask(match.device, match.service, ++mLastNumber, block)) {
+    if (!mLatest.Ask(match.device, match.service, {++mLastNumber, request.address}, block)) {
         return Fail(503, "too many services are asked for");
     }
     if (block) {
@@ -306,12 +312,24 @@ Decision Site::Latest(std::uint64_t number, const Match& match) {
     return Later(mOptions.limits.latest);
 }
 
+Decision Site::News(const Request& request) {
+    Quota::Share share = mNewsStreams.Take(request.address);
+    if (!share) {
+        return Fail(503, "too many streams are open");
+    }
+    Reply reply = Text(EVENT_STREAM, "");
+    reply.flow = std::make_unique<DeviceFlow>(
+        mNews, request.wantsWebSocket ? Framing::WEB_SOCKET : Framing::SERVER_SENT_EVENTS, std::move(share));
+    return Now(std::move(reply));
+}
+
 Decision Site::Stream(std::uint64_t number, const Request& request, const Match& match) {
     QueueLimits limits{mOptions.limits.streamBlocks, mOptions.limits.streamBytes};
     if (!ReadLimit(request, "blocks", limits.blocks) || !ReadLimit(request, "bytes", limits.bytes)) {
         return Fail(400, "blocks and bytes are numbers above 0");
     }
-    if (mCounts.streams >= mOptions.limits.streams) {
+    Quota::Share share = mStreams.Take(request.address);
+    if (!share) {
         return Fail(503, "too many streams are open");
     }
     auto consumer = std::make_shared<Consumer>("web", limits,
@@ -323,7 +341,8 @@ Decision Site::Stream(std::uint64_t number, const Request& request, const Match&
     Reply reply = Text(EVENT_STREAM, "");
     reply.flow = std::make_unique<BlockFlow>(
         std::move(consumer), std::move(registration),
-        request.wantsWebSocket ? Framing::WEB_SOCKET : Framing::SERVER_SENT_EVENTS, mCounts);
+        request.wantsWebSocket ? Framing::WEB_SOCKET : Framing::SERVER_SENT_EVENTS, mCounts,
+        std::move(share));
     return Now(std::move(reply));
 }
 
@@ -339,8 +358,8 @@ Reply Site::Unauthorized(const Request& request) const {
 
 void Site::Forget(std::uint64_t number) {
     mAwaitingBlock.erase(number);
-    for (auto& [request, connection] : mPending) {
-        connection = connection == number ? 0 : connection;
+    for (auto& [request, pending] : mPending) {
+        pending.connection = pending.connection == number ? 0 : pending.connection;
     }
 }
 
@@ -350,8 +369,8 @@ Site::Mailing Site::TakeMail() {
     for (const auto& [request, outcome] : mail.outcomes) {
         const auto pending = mPending.find(request);
         if (pending != mPending.end()) {
-            if (pending->second != 0) {
-                mailing.replies.push_back({pending->second, OfOutcome(outcome)});
+            if (pending->second.connection != 0) {
+                mailing.replies.push_back({pending->second.connection, OfOutcome(outcome)});
             }
             mPending.erase(pending);
         }

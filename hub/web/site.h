@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "hub/core/device_hub.h"
+#include "hub/core/figures.h"
 #include "hub/web/admission.h"
 #include "hub/web/device_news.h"
 #include "hub/web/flow.h"
@@ -17,6 +18,7 @@
 #include "hub/web/mailbox.h"
 #include "hub/web/metrics.h"
 #include "hub/web/options.h"
+#include "hub/web/quota.h"
 #include "hub/web/request.h"
 #include "hub/web/routes.h"
 
@@ -41,13 +43,14 @@ struct Decision {
     Kind kind = Kind::REPLY;
     Reply reply;
     std::size_t bodyBytes = 0;
+    Quota::Share bodyShare;                 // to be kept until TakeBody is called
     std::chrono::milliseconds patience{0};  // how long to wait; then the answer is 504
 };
 
 // Belongs to the service thread.
 class Site {
 public:
-    Site(DeviceHub& hub, const WebOptions& options);
+    Site(DeviceHub& hub, const FigureBoard& figures, const WebOptions& options);
     ~Site();
     Site(const Site&) = delete;
     Site& operator=(const Site&) = delete;
@@ -57,8 +60,6 @@ public:
     Decision TakeBody(std::uint64_t number, const Request& request, std::string body);
     // The connection has ended, or waits no more, in the middle of a request.
     void Forget(std::uint64_t number);
-    // The body of a request that Begin announced was received or given up.
-    void ReleaseBody(std::size_t bytes) { mUploading -= bytes; }
 
     struct LateReply {
         std::uint64_t number;
@@ -81,29 +82,38 @@ public:
 private:
     Decision Act(std::uint64_t number, const Request& request, const Match& match);
     Decision AwaitBody(const Request& request, std::size_t limit);
-    Decision SendCommand(std::uint64_t number, const Match& match, const std::string& body);
-    Decision SendBlock(std::uint64_t number, const Match& match, std::string body);
+    Decision SendCommand(std::uint64_t number, const Request& request, const Match& match,
+                         const std::string& body);
+    Decision SendBlock(std::uint64_t number, const Request& request, const Match& match, std::string body);
     Decision LogIn(const Request& request, const std::string& body);
     Reply LogOut(const Request& request);
     Reply Device(const std::string& name) const;
-    Decision Latest(std::uint64_t number, const Match& match);
+    Decision Latest(std::uint64_t number, const Request& request, const Match& match);
+    Decision News(const Request& request);
     Decision Stream(std::uint64_t number, const Request& request, const Match& match);
     Reply Unauthorized(const Request& request) const;
-    DeviceHub::Done DoneFor(std::uint64_t number);
-    bool IsFull() const { return mPending.size() >= mOptions.limits.pendingRequests; }
+    DeviceHub::Done DoneFor(std::uint64_t number, Quota::Share share);
 
     DeviceHub& mHub;
+    const FigureBoard& mFigures;
     const WebOptions mOptions;
     Admission mAdmission;
     WebCounts mCounts;
+    Quota mUploads;
+    Quota mRequests;
+    Quota mStreams;
+    Quota mNewsStreams;
     const std::shared_ptr<Mailbox> mMailbox = std::make_shared<Mailbox>();
     DeviceNews mNews;
     LatestBlocks mLatest;
     std::uint64_t mLastNumber = std::uint64_t{1}
                                 << 62;  // of consumers for LatestBlocks; connections begin with 1
-    std::size_t mUploading = 0;
-    std::map<std::uint64_t, std::uint64_t>
-        mPending;  // requests that wait for a device, and their connections
+    // Requests that wait for a device.
+    struct Pending {
+        std::uint64_t connection = 0;
+        Quota::Share share;
+    };
+    std::map<std::uint64_t, Pending> mPending;
     std::map<std::uint64_t, std::pair<std::string, std::string>> mAwaitingBlock;  // connections that do
     std::unique_ptr<Registration> mWatch;
 };

@@ -13,7 +13,7 @@ namespace {
 class WebFace final : public Face {
 public:
     void AddOptions(CLI::App& app) override;
-    void Start(DeviceHub& hub) override;
+    void Start(DeviceHub& hub, FigureBoard& figures) override;
 
 private:
     void ReadToken();
@@ -48,7 +48,7 @@ void WebFace::AddOptions(CLI::App& app) {
     app.add_flag("--no-web", mIsOff, "serves no page")->group(GROUP);
 }
 
-void WebFace::Start(DeviceHub& hub) {
+void WebFace::Start(DeviceHub& hub, FigureBoard& figures) {
     if (mIsOff) {
         return;
     }
@@ -56,7 +56,7 @@ void WebFace::Start(DeviceHub& hub) {
         throw std::runtime_error("--listen needs ADDRESS:PORT, such as 127.0.0.1:8666 or [::1]:8666");
     }
     ReadToken();
-    mServer = std::make_unique<Server>(hub, mOptions);
+    mServer = std::make_unique<Server>(hub, figures, mOptions);
     std::printf("The page is at %s\n", mServer->Url().c_str());
     std::fflush(stdout);
 }

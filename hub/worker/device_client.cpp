@@ -7,6 +7,7 @@
 
 #include "base/thread.h"
 #include "base/unique_fd.h"
+#include "hub/worker/subscriptions.h"
 #include "nodes/platform_front.h"
 
 // The library's: the client's end of the channel is on the port behind it. No exported function sets it.
@@ -59,8 +60,10 @@ DeviceClient::~DeviceClient() {
 
 void DeviceClient::Handle(Frame frame) {
     const lumora::MutexLock lock(mMutex);
-    mRequests.push_back(std::move(frame));
-    mChanged.NotifyAll();
+    if (!DropOpposite(mRequests, frame)) {
+        mRequests.push_back(std::move(frame));
+        mChanged.NotifyAll();
+    }
 }
 
 void DeviceClient::Run() {

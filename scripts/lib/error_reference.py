@@ -24,7 +24,7 @@ CALLS = {
     "LUMORA_TRACE": (0, 0), "LUMORA_DETAIL": (1, 0), "LUMORA_STATE": (2, 0), "LUMORA_WARNING": (3, 0),
     "LUMORA_ERROR": (4, 0), "LUMORA_REQUIRE": (4, 1), "LUMORA_LOG_AS": (None, 2), "LUMORA_LOG_AT": (None, 3),
     "LogInfo": (None, 4), "LINK_LOG": (None, 1),
-    "LINK_LOG_LIMITED": (None, 1), "HUB_LOG": (None, 1), "MQTT_LOG": (None, 1),
+    "LINK_LOG_LIMITED": (None, 1), "HUB_LOG": (None, 1), "HUB_LOG_LIMITED": (None, 1), "MQTT_LOG": (None, 1),
     "MQTT_LOG_LIMITED": (None, 1), "ReportToStderr": ("-", 0),
 }
 LEVELS = {"TRACE": 0, "DETAIL": 1, "STATE": 2, "WARNING": 3, "ERROR": 4}

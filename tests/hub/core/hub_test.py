@@ -210,6 +210,20 @@ class Limits(HubCase):
         device = hub.wait_for_device("camera@10.77.0.4", channel="FAILED")
         self.assertEqual(device["trouble"], "all data ports are in use; --ports names more")
 
+    def test_devices_that_are_there_take_the_place_of_one_that_left(self):
+        first = self.device(2)
+        hub = self.console("--devices", "2")
+        hub.ask("subscribe a camera@10.77.0.2 picture")
+        hub.wait_for_blocks("a")
+        first.process.terminate()
+        eventually(lambda: hub.device("camera@10.77.0.2").get("present") is False, "the end of the device")
+        self.device(3)
+        hub.wait_for_device("camera@10.77.0.3", present=True)
+        self.assertEqual(hub.device("camera@10.77.0.2")["present"], False)
+        self.device(4)
+        hub.wait_for_device("camera@10.77.0.4", present=True)
+        self.assertEqual(hub.device("camera@10.77.0.2"), {})
+
     def test_fifty_devices_at_once(self):
         count = 50
         for number in range(2, count + 2):

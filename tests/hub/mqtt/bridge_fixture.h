@@ -33,7 +33,7 @@ protected:
     static constexpr const char* CAMERA = "camera@10.0.0.4";
     static constexpr const char* HUB_ONLINE = "lumora/hub/gateway/online";
 
-    void StartBridge() { mBridge = std::make_unique<lumora_hub::MqttBridge>(mHub, mSettings); }
+    void StartBridge() { mBridge = std::make_unique<lumora_hub::MqttBridge>(mHub, mFigures, mSettings); }
     void StartClient(const std::string& filter = "#") {
         mClient = std::make_unique<BrokerClient>();
         mClient->Subscribe(filter);
@@ -53,6 +53,7 @@ protected:
 
     lumora_test::CapturedLog mLog;
     ScriptedHub mHub;
+    lumora_hub::FigureBoard mFigures;
     lumora_hub::MqttSettings mSettings = QuickSettings();
     std::unique_ptr<Broker> mBroker;
     std::unique_ptr<BrokerClient> mClient;

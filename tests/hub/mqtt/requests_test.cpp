@@ -99,8 +99,9 @@ TEST_F(RequestsTest, TheHubsSubscriptionsAreOutOfReach) {
 
 TEST_F(RequestsTest, SoManyWaitAndNoMore) {
     mHub.HoldAnswers();
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 50; ++i) {
         Take("lumora/a@1.2.3.4/command/move", "left");
+        Take("lumora/a/command/move", "left");
     }
     EXPECT_EQ(mHub.Requests().size(), 64U);
     EXPECT_EQ(mRequests->Counts().refused, 36U);
@@ -108,6 +109,19 @@ TEST_F(RequestsTest, SoManyWaitAndNoMore) {
     mHub.ReleaseAnswers();
     Take("lumora/a@1.2.3.4/command/move", "left");
     EXPECT_EQ(mHub.Requests().size(), 65U);
+}
+
+TEST_F(RequestsTest, ADeviceThatDoesNotAnswerLeavesSomeToOthers) {
+    mHub.Appear(lumora_hub_test::MakeDevice("b", "1.2.3.5", {}));
+    mHub.HoldAnswers();
+    for (int i = 0; i < 100; ++i) {
+        Take("lumora/a@1.2.3.4/command/move", "left");
+    }
+    EXPECT_EQ(mHub.Requests().size(), 48U);
+    Take("lumora/b@1.2.3.5/command/move", "left");
+    EXPECT_EQ(mHub.Requests().size(), 49U);
+    mHub.ReleaseAnswers();
+    EXPECT_EQ(mRequests->Counts().waiting, 0U);
 }
 
 TEST_F(RequestsTest, SoManyBytesWaitAndNoMore) {

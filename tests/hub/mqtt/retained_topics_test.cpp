@@ -54,6 +54,19 @@ TEST(RetainedTopicsTest, WhatIsClearedIsSentEmptyOnce) {
     EXPECT_EQ(NextOf(topics), "");
 }
 
+TEST(RetainedTopicsTest, ATopicWaitsOnceAndAtTheEnd) {
+    RetainedTopics topics;
+    topics.Connected();
+    for (int change = 0; change < 1000; ++change) {
+        topics.Set("a", std::to_string(change));
+        topics.Set("b", std::to_string(change));
+    }
+    topics.Clear("a");
+    EXPECT_EQ(NextOf(topics), "b=999");
+    EXPECT_EQ(NextOf(topics), "a=");
+    EXPECT_EQ(NextOf(topics), "");
+}
+
 TEST(RetainedTopicsTest, ClearingWithoutAConnectionKeepsNothing) {
     RetainedTopics topics;
     topics.Set("a", "1");

@@ -12,6 +12,7 @@ TEST(ContentTypeTest, TellsPicturesTextsAndJson) {
     EXPECT_STREQ("application/json", ContentType(" {\"a\": [1]}"));
     EXPECT_STREQ("application/json", ContentType("[1, 2]"));
     EXPECT_STREQ("text/plain; charset=utf-8", ContentType("{not json"));
+    EXPECT_STREQ("text/plain; charset=utf-8", ContentType("{} and more"));
     EXPECT_STREQ("text/plain; charset=utf-8", ContentType("21.5"));
     EXPECT_STREQ("text/plain; charset=utf-8", ContentType("gr\xC3\xBC\x6E\n"));
 }

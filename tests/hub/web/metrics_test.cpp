@@ -3,6 +3,10 @@
 
 #include <gmock/gmock.h>
 
+#include <set>
+#include <sstream>
+#include <string>
+
 #include "tests/hub/support/scripted_hub.h"
 
 namespace lumora_hub::web {
@@ -26,6 +30,10 @@ TEST(HistogramTest, CountsUpToEachBound) {
 
 TEST(LabelTextTest, EscapesWhatWouldEndTheLabel) { EXPECT_EQ(R"(a\"b\\c\nd)", LabelText("a\"b\\c\nd")); }
 
+TEST(LabelTextTest, HasNoControlCharacters) {
+    EXPECT_EQ("\xEF\xBF\xBD[31m\xEF\xBF\xBD\xEF\xBF\xBD", LabelText(std::string("\x1B[31m\0\x7F", 7)));
+}
+
 TEST(MetricsTextTest, HasDevicesServicesQueuesAndReplies) {
     lumora_hub_test::ScriptedHub hub;
     DeviceState device = lumora_hub_test::MakeDevice("a", "1", {"s\"x"});
@@ -41,7 +49,9 @@ TEST(MetricsTextTest, HasDevicesServicesQueuesAndReplies) {
     WebCounts counts;
     counts.replies[200] = 4;
     counts.lostOfEnded = 5;
-    const std::string text = MetricsText(hub, counts, 1);
+    const std::string text = MetricsText(hub, counts, 1,
+                                         {{"lumora_hub_x_total", Figure::Kind::COUNTER, "A count.", 7},
+                                          {"lumora_hub_y", Figure::Kind::GAUGE, "A state.", 0}});
     for (const char* const line : {
              "lumora_hub_devices{state=\"present\"} 1\n",
              "lumora_hub_devices{state=\"absent\"} 1\n",
@@ -53,10 +63,25 @@ TEST(MetricsTextTest, HasDevicesServicesQueuesAndReplies) {
              "lumora_hub_queue_lost_blocks{device=\"a@1\",service=\"s\\\"x\"} 1\n",
              "lumora_hub_http_replies_total{status=\"200\"} 4\n",
              "lumora_hub_web_lost_blocks_total 6\n",
+             "# HELP lumora_hub_x_total A count.\n# TYPE lumora_hub_x_total counter\nlumora_hub_x_total 7\n",
+             "# HELP lumora_hub_y A state.\n# TYPE lumora_hub_y gauge\nlumora_hub_y 0\n",
          }) {
         EXPECT_THAT(text, HasSubstr(line));
     }
     EXPECT_THAT(text, Not(HasSubstr("\n\n")));
+}
+
+TEST(MetricsTextTest, NoSeriesIsThereTwiceWhateverDevicesAreCalled) {
+    lumora_hub_test::ScriptedHub hub;
+    hub.Appear(lumora_hub_test::MakeDevice("a", "1", {"s", "s", "\xFF", "\xFE"}));
+    hub.Appear(lumora_hub_test::MakeDevice("b\xFF", "1", {"s"}));
+    hub.Appear(lumora_hub_test::MakeDevice("b\xFE", "1", {"s"}));
+    std::istringstream lines(MetricsText(hub, {}, 0, {}));
+    std::set<std::string> series;
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_TRUE(line[0] == '#' || series.insert(line.substr(0, line.rfind(' '))).second) << line;
+    }
+    EXPECT_EQ(1U, series.count("lumora_hub_blocks_total{device=\"a@1\",service=\"s\"}"));
 }
 
 }  // namespace

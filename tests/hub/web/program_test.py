@@ -1,4 +1,4 @@
-"""lumora-hub itself, with a device beside it: the address that it prints, a command and a block over HTTP, its end."""
+"""lumora-hub itself, with a device and a broker beside it: its address, commands and blocks over HTTP, figures, its end."""
 import json
 import os
 import pathlib
@@ -12,6 +12,7 @@ import urllib.request
 from served import until
 
 PROGRAMS = pathlib.Path(sys.argv[1])
+BROKER = pathlib.Path("/usr/sbin/mosquitto")
 
 
 def get(url, body=None, kind="application/json"):
@@ -53,6 +54,60 @@ class Program(unittest.TestCase):
     def run_hub(self, *options):
         return subprocess.run([PROGRAMS / "lumora-hub", *options], capture_output=True, text=True, timeout=60,
                               env={**os.environ, "LUMORA_LINK_INTERFACE": "lo"})
+
+    def start_broker(self):
+        configuration = tempfile.NamedTemporaryFile("w", suffix=".conf")
+        self.addCleanup(configuration.close)
+        configuration.write("listener 1883 127.0.0.1\nallow_anonymous true\nuser root\nlog_type error\n")
+        configuration.flush()
+        broker = subprocess.Popen([BROKER, "-c", configuration.name])
+        self.addCleanup(broker.wait)
+        self.addCleanup(broker.terminate)
+        return broker
+
+    def publish(self, topic, payload):
+        subprocess.run(["mosquitto_pub", "-V", "5", "-q", "1", "-t", topic, "-m", payload], check=True, timeout=30)
+
+    def figures(self):
+        """The figures without labels. Each metric must have one HELP and one TYPE line before its values."""
+        values, types = {}, {}
+        for line in get("http://127.0.0.1:8666/metrics").decode().splitlines():
+            if line.startswith("# TYPE "):
+                name, kind = line.split(" ")[2:]
+                self.assertNotIn(name, types)
+                types[name] = kind
+                self.assertEqual(kind == "counter", name.endswith("_total"), name)
+            elif not line.startswith("# HELP "):
+                name, value = line.rsplit(" ", 1)
+                base = name.split("{")[0]
+                self.assertEqual(list(types)[-1], base if base in types else base.rpartition("_")[0], line)
+                values[name] = float(value)
+        return values
+
+    @unittest.skipUnless(BROKER.exists(), "there is no broker here")
+    @unittest.skipIf("mqtt" not in subprocess.run([PROGRAMS / "lumora-hub", "--help"], capture_output=True, text=True).stdout,
+                     "the hub is built without MQTT")
+    def test_the_figures_of_the_broker_are_among_the_metrics(self):
+        self.start("device")
+        hub = self.start("lumora-hub", "--mqtt", "127.0.0.1", "--mqtt-name", "here")
+        hub.stdout.readline()
+        name = "lumora_hub_mqtt_"
+        until(lambda: self.figures().get(name + "failed_connections_total", 0) > 0, what="a failed connection")
+        broker = self.start_broker()
+        until(lambda: self.figures()[name + "connected"] == 1, seconds=30, what="the connection")
+        device = until(lambda: json.loads(get("http://127.0.0.1:8666/api/devices"))["devices"], what="the device")[0]["id"]
+        # The device sends back what it gets, as the service that MQTT subscribes to.
+        until(lambda: (self.publish(f"lumora/{device}/send", "12345"), self.figures()[name + "blocks_total"])[1] > 0,
+              what="the device's answer")
+        self.publish(f"lumora/{device}/command/hello", "x")
+        self.publish(f"lumora/{device}/command/subscribe", "x")
+        figures = until(lambda: (now := self.figures())[name + "refused_requests_total"] and now, what="a refused command")
+        self.assertEqual((figures[name + "commands_total"], figures[name + "refused_requests_total"]), (1, 1))
+        self.assertEqual(figures[name + "bytes_total"], 5 * figures[name + "blocks_total"])
+        self.assertGreaterEqual(figures[name + "received_blocks_total"], figures[name + "blocks_total"])
+        self.assertEqual((figures[name + "lost_blocks_total"], figures[name + "connections_total"]), (0, 1))
+        broker.terminate()
+        until(lambda: self.figures()[name + "connected"] == 0, what="the loss of the broker")
 
     def test_what_cannot_be_served_ends_it_with_a_reason(self):
         for options, reason in ((("--listen", "8666"), "needs ADDRESS:PORT"),

@@ -99,6 +99,7 @@ int main(int count, char** words) {
     lumora_hub::web::WebOptions options;
     std::string listen = "127.0.0.1:0";
     int timeMs = 0;
+    std::size_t ofAddress = 0;
     CLI::App app;
     app.add_option("--listen", listen);
     app.add_option("--token", options.token);
@@ -111,7 +112,17 @@ int main(int count, char** words) {
     app.add_option("--streams", options.limits.streams);
     app.add_option("--times-ms", timeMs);
     app.add_option("--pending", options.limits.pendingRequests);
+    app.add_option("--news-streams", options.limits.newsStreams);
+    app.add_option("--latest-services", options.limits.latestServices);
+    app.add_option("--uploading", options.limits.uploadingBytes);
+    app.add_option("--uploading-of-address", options.limits.uploadingBytesOfAddress);
+    app.add_option("--of-address", ofAddress);
     CLI11_PARSE(app, count, words);
+    if (ofAddress > 0) {
+        auto& limits = options.limits;
+        limits.pendingRequestsOfAddress = limits.streamsOfAddress = limits.newsStreamsOfAddress =
+            limits.latestServicesOfAddress = ofAddress;
+    }
     if (timeMs > 0) {  // all times that a test would wait for
         const std::chrono::milliseconds time(timeMs);
         auto& limits = options.limits;
@@ -123,7 +134,8 @@ int main(int count, char** words) {
             throw std::runtime_error("bad --listen");
         }
         hub.OnRequest(PrintRequest);
-        lumora_hub::web::Server server(hub, options);
+        const lumora_hub::FigureBoard figures;
+        lumora_hub::web::Server server(hub, figures, options);
         Print("at " + server.Url());
         for (std::string line; std::getline(std::cin, line);) {
             Do(hub, line);
