@@ -22,7 +22,8 @@ void DeviceNews::TakeCounts() {
     }
 }
 
-DeviceFlow::DeviceFlow(DeviceNews& news, Framing framing) : mNews(news), mFraming(framing) {
+DeviceFlow::DeviceFlow(DeviceNews& news, Framing framing)
+    : mNews(news), mFraming(framing), mMessage(Greeting(framing)) {
     mNews.mFlows.insert(this);
 }
 

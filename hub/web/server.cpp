@@ -432,17 +432,28 @@ std::chrono::milliseconds Server::TimeOf(Connection::Phase phase) const {
 }
 
 void Server::OnMail() {
-    std::set<std::uint64_t> streams;
-    for (Site::LateReply& late : mSite.TakeMail(streams)) {
-        const auto place = mConnections.find(late.number);
+    Site::Late late = mSite.TakeMail();
+    for (Site::LateReply& one : late.replies) {
+        const auto place = mConnections.find(one.number);
         if (place != mConnections.end() && place->second->phase == Connection::Phase::WAITING) {
-            TakeReply(*place->second, std::move(late.reply));
+            TakeReply(*place->second, std::move(one.reply));
         }
     }
+    const auto wake = [this](Connection& connection) {
+        if (connection.phase == Connection::Phase::STREAM) {
+            AwaitRoom(connection);
+        }
+    };
+    for (const std::uint64_t number : late.streams) {
+        const auto place = mConnections.find(number);
+        if (place != mConnections.end()) {
+            wake(*place->second);
+        }
+    }
+    // News are rare, and streams that have nothing to send do nothing.
     for (const auto& [number, connection] : mConnections) {
-        // What is told of devices goes to all streams; those that have nothing to send do nothing.
-        if (connection->phase == Connection::Phase::STREAM) {
-            AwaitRoom(*connection);
+        if (late.hasNews) {
+            wake(*connection);
         }
     }
 }

@@ -10,6 +10,7 @@
 
 #include "hub/core/device_hub.h"
 #include "hub/web/admission.h"
+#include "hub/web/block_flow.h"
 #include "hub/web/device_news.h"
 #include "hub/web/flow.h"
 #include "hub/web/latest_blocks.h"
@@ -63,9 +64,13 @@ public:
         std::uint64_t number;
         Reply reply;
     };
-    // Takes what threads of the hub have left. The result has replies to waiting connections. streams gets
-    // the numbers of those whose streams have something to send.
-    std::vector<LateReply> TakeMail(std::set<std::uint64_t>& streams);
+    struct Late {
+        std::vector<LateReply> replies;   // to waiting connections
+        std::set<std::uint64_t> streams;  // connections whose streams have blocks to send
+        bool hasNews = false;             // for the streams that tell of devices
+    };
+    // Takes what threads of the hub have left.
+    Late TakeMail();
     // Once a second.
     void Tick();
 
@@ -94,6 +99,7 @@ private:
     const std::shared_ptr<Mailbox> mMailbox = std::make_shared<Mailbox>();
     DeviceNews mNews;
     LatestBlocks mLatest;
+    BlockEvents mBlockEvents;
     std::uint64_t mLastNumber = std::uint64_t{1}
                                 << 62;  // of consumers for LatestBlocks; connections begin with 1
     std::size_t mUploading = 0;
