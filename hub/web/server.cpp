@@ -432,9 +432,9 @@ std::chrono::milliseconds Server::TimeOf(Connection::Phase phase) const {
 }
 
 void Server::OnMail() {
-    Site::Late late = mSite.TakeMail();
-    for (Site::LateReply& one : late.replies) {
-        const auto place = mConnections.find(one.number);
+    Site::Mailing mailing = mSite.TakeMail();
+    for (Site::LateReply& late : mailing.replies) {
+        const auto place = mConnections.find(late.number);
         if (place != mConnections.end() && place->second->phase == Connection::Phase::WAITING) {
             TakeReply(*place->second, std::move(one.reply));
         }
@@ -452,8 +452,9 @@ void Server::OnMail() {
     }
     // News are rare, and streams that have nothing to send do nothing.
     for (const auto& [number, connection] : mConnections) {
-        if (late.hasNews) {
-            wake(*connection);
+        const bool hasMail = mailing.hasNews || mailing.streams.count(number) != 0;
+        if (hasMail && connection->phase == Connection::Phase::STREAM) {
+            AwaitRoom(*connection);
         }
     }
 }

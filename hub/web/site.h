@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -64,13 +65,13 @@ public:
         std::uint64_t number;
         Reply reply;
     };
-    struct Late {
-        std::vector<LateReply> replies;   // to waiting connections
-        std::set<std::uint64_t> streams;  // connections whose streams have blocks to send
-        bool hasNews = false;             // for the streams that tell of devices
+    // What threads of the hub have left for connections.
+    struct Mailing {
+        std::vector<LateReply> replies;   // to those that wait
+        std::set<std::uint64_t> streams;  // those that have a block to send
+        bool hasNews = false;             // of devices, which any stream may have to send
     };
-    // Takes what threads of the hub have left.
-    Late TakeMail();
+    Mailing TakeMail();
     // Once a second.
     void Tick();
 
