@@ -436,21 +436,9 @@ void Server::OnMail() {
     for (Site::LateReply& late : mailing.replies) {
         const auto place = mConnections.find(late.number);
         if (place != mConnections.end() && place->second->phase == Connection::Phase::WAITING) {
-            TakeReply(*place->second, std::move(one.reply));
+            TakeReply(*place->second, std::move(late.reply));
         }
     }
-    const auto wake = [this](Connection& connection) {
-        if (connection.phase == Connection::Phase::STREAM) {
-            AwaitRoom(connection);
-        }
-    };
-    for (const std::uint64_t number : late.streams) {
-        const auto place = mConnections.find(number);
-        if (place != mConnections.end()) {
-            wake(*place->second);
-        }
-    }
-    // News are rare, and streams that have nothing to send do nothing.
     for (const auto& [number, connection] : mConnections) {
         const bool hasMail = mailing.hasNews || mailing.streams.count(number) != 0;
         if (hasMail && connection->phase == Connection::Phase::STREAM) {
