@@ -22,10 +22,10 @@ HUB_PORT = 8666
 class Program:
     """A process; its lines are read all the time, so that it never waits for us."""
 
-    def __init__(self, command, **environment):
+    def __init__(self, command, log=None, **environment):
         self.lines, self.faults = queue.Queue(), []
         self.process = subprocess.Popen([str(word) for word in command], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        text=True, env={**os.environ, **environment})
+                                        stderr=log, text=True, env={**os.environ, **environment})
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
 
@@ -69,8 +69,9 @@ class Program:
 class Field:
     """The namespace of this process is the hub's host."""
 
-    def __init__(self, peer, hub, mosquitto="mosquitto"):
-        self.peer, self.program, self.mosquitto = peer, hub, mosquitto
+    def __init__(self, peer, hub, mosquitto="mosquitto", log=None):
+        """log is a file for what the hub writes."""
+        self.peer, self.program, self.mosquitto, self.log = peer, hub, mosquitto, log
         self.programs, self.hosts = [], {}
         self.folder = tempfile.TemporaryDirectory()
         self.hub = self.broker = None
@@ -102,13 +103,13 @@ class Field:
 
     def start_broker(self):
         settings = pathlib.Path(self.folder.name) / "broker.conf"
-        settings.write_text(f"listener {BROKER_PORT} 127.0.0.1\nallow_anonymous true\nmax_queued_messages 0\nlog_type none\n",
-                            encoding="ascii")
+        settings.write_text(f"listener {BROKER_PORT} 127.0.0.1\nallow_anonymous true\nmax_queued_messages 0\n"
+                            "log_type none\n", encoding="ascii")
         self.broker = self.add(Program([self.mosquitto, "-c", settings]))
 
     def start_hub(self, *options):
         self.hub = self.add(Program([self.program, "--listen", f"127.0.0.1:{HUB_PORT}", "--mqtt", f"127.0.0.1:{BROKER_PORT}",
-                                     *options], LUMORA_LINK_INTERFACE="br0", LUMORA_LOG_LEVEL="4"))
+                                     *options], self.log, LUMORA_LINK_INTERFACE="br0"))
         assert self.hub.line().startswith("The page is at")
 
     def start_device(self, number, kind="camera", longest=100000, rate=200):
