@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <lumora.hpp>
 #include <memory>
@@ -245,10 +246,7 @@ int RunReaders(const char* kind, int port, std::size_t count, const char* device
     return 0;
 }
 
-}  // namespace
-
-int main(int count, char** words) {
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+int Run(int count, char** words) {
     const std::string role = count > 1 ? words[1] : "";
     if (role == "device" && count == 5) {
         return RunDevice(words[2], std::strtoul(words[3], nullptr, 10), std::strtod(words[4], nullptr));
@@ -261,4 +259,16 @@ int main(int count, char** words) {
     }
     std::fputs("lumora_bench_hub device|direct|readers ...; bench/hub starts it\n", stderr);
     return 2;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    try {
+        return Run(count, words);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "lumora_bench_hub: %s\n", error.what());
+        return 1;
+    }
 }

@@ -263,4 +263,6 @@ class Soak:
 
 
 if __name__ == "__main__":
+    # So that what it has started ends with it.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("ended by a signal"))
     sys.exit(Soak(pathlib.Path(sys.argv[1]), int(sys.argv[2]), int(sys.argv[3])).run())

@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <lumora.hpp>
 #include <memory>
 #include <string>
@@ -215,20 +216,27 @@ int RunReaders(const char* kind, int port, std::size_t count, const char* device
     }
 }
 
+int Run(int count, char** words) {
+    const std::string role = count > 1 ? words[1] : "";
+    if (role == "device" && count == 5) {
+        return RunDevice(words[2], std::strtoul(words[3], nullptr, 10), std::strtod(words[4], nullptr));
+    }
+    if (role == "readers" && count == 6) {
+        return RunReaders(words[2], std::atoi(words[3]), std::strtoul(words[4], nullptr, 10), words[5]);
+    }
+    std::fputs("hub_flow_peer device|readers ...\n", stderr);
+    return 2;
+}
+
 }  // namespace
 }  // namespace lumora_test
 
 int main(int count, char** words) {
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-    const std::string role = count > 1 ? words[1] : "";
-    if (role == "device" && count == 5) {
-        return lumora_test::RunDevice(words[2], std::strtoul(words[3], nullptr, 10),
-                                      std::strtod(words[4], nullptr));
+    try {
+        return lumora_test::Run(count, words);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "hub_flow_peer: %s\n", error.what());
+        return 1;
     }
-    if (role == "readers" && count == 6) {
-        return lumora_test::RunReaders(words[2], std::atoi(words[3]), std::strtoul(words[4], nullptr, 10),
-                                       words[5]);
-    }
-    std::fputs("hub_flow_peer device|readers ...\n", stderr);
-    return 2;
 }
