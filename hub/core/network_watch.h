@@ -55,6 +55,7 @@ private:
     bool IsWanted(const std::string& type) const;
     void Add(Task task) EXCLUDES(mMutex);
     bool IsWaiting(const Task& task) const REQUIRES(mMutex);
+    void Hasten(const Task& task) REQUIRES(mMutex);
     void Again(Task task) EXCLUDES(mMutex);
 
     void RunSearches();
