@@ -1,6 +1,9 @@
 #include "picture_source.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <opencv2/imgcodecs.hpp>
 #include <stdexcept>
@@ -29,15 +32,30 @@ std::vector<std::string> PicturesIn(const std::filesystem::path& path) {
     return files;
 }
 
+// Why a source cannot be opened; OpenCV does not tell.
+std::string Reason(const std::string& path, bool isCamera) {
+    if (access(path.c_str(), isCamera ? R_OK | W_OK : R_OK) != 0) {
+        return ": " + std::generic_category().message(errno);
+    }
+    return isCamera ? ": it is no camera, or another program uses it"
+                    : ": it is neither a picture nor a video that can be read";
+}
+
 }  // namespace
 
 PictureSource::PictureSource(const std::string& path) : mPath(path) {
     std::error_code error;
     const std::filesystem::file_status status = std::filesystem::status(path, error);
     if (!std::filesystem::exists(status)) {
-        throw std::runtime_error(path + ": " + (error ? error.message() : "there is no such file"));
+        throw std::runtime_error(path + ": " + (error ? error.message() : "there is no such file") +
+                                 "; --from names a camera, a video, a picture or a folder");
     }
-    mKind = std::filesystem::is_character_file(status) ? Kind::CAMERA : Kind::PICTURES;
+    const bool isCamera = std::filesystem::is_character_file(status);
+    // Opening a FIFO would wait for its writer.
+    if (!isCamera && !std::filesystem::is_regular_file(status) && !std::filesystem::is_directory(status)) {
+        throw std::runtime_error(path + " is neither a camera nor a file nor a folder");
+    }
+    mKind = isCamera ? Kind::CAMERA : Kind::PICTURES;
     if (mKind == Kind::PICTURES) {
         mFiles = PicturesIn(path);
         if (mFiles.empty() && std::filesystem::is_directory(status)) {
@@ -59,7 +77,7 @@ void PictureSource::OpenVideo() {
     const bool opened =
         mKind == Kind::CAMERA ? mVideo.open(mPath, cv::CAP_V4L2) : mVideo.open(mPath, cv::CAP_FFMPEG);
     if (!opened) {
-        throw std::runtime_error(Name() + " cannot be opened");
+        throw std::runtime_error(Name() + " cannot be opened" + Reason(mPath, mKind == Kind::CAMERA));
     }
     if (mKind == Kind::CAMERA) {
         // Pictures are taken only for subscribers. The first one after a pause would be an old one of the

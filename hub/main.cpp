@@ -20,6 +20,8 @@ namespace lumora_hub {
 
 namespace {
 
+constexpr int USAGE_ERROR = 2;
+
 // A type comes from the network, and must not steer the terminal.
 std::string Harmless(std::string text) {
     std::replace_if(
@@ -87,7 +89,16 @@ int Main(int count, char** words) {
     for (const std::unique_ptr<Face>& face : faces) {
         face->AddOptions(app);
     }
-    CLI11_PARSE(app, count, words);
+    // A misspelt name in the file would otherwise be an option that is silently missing.
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return "lumora-hub: " + std::string(error.what()) + "; see lumora-hub --help\n";
+    });
+    try {
+        app.parse(count, words);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : USAGE_ERROR;
+    }
     ChooseLogLevel();
     list = list || faces.empty();
     return Serve(SettingsOf(options), std::move(faces), list);

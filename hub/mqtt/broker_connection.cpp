@@ -79,6 +79,13 @@ std::string ReadPassword(const std::string& path) {
     return password.substr(0, password.find_first_of("\r\n"));
 }
 
+// libmosquitto does not tell which file it could not open, nor why.
+void RequireReadable(const std::string& path) {
+    if (!path.empty() && access(path.c_str(), R_OK) != 0) {
+        throw std::runtime_error(path + " cannot be read: " + std::generic_category().message(errno));
+    }
+}
+
 std::string ErrorText(int result) {
     return result == MOSQ_ERR_ERRNO ? std::generic_category().message(errno) : mosquitto_strerror(result);
 }
@@ -189,6 +196,9 @@ void BrokerConnection::SetSecurity() {
                 "the system's certificates");
     }
     if (!mSettings.caFile.empty() || !mSettings.certificate.empty()) {
+        for (const std::string& file : {mSettings.caFile, mSettings.certificate, mSettings.key}) {
+            RequireReadable(file);
+        }
         // A key with a pass phrase would be asked for on the terminal; there is none.
         const auto noPhrase = [](char*, int, int, void*) { return 0; };
         Require(mosquitto_tls_set(mClient.get(), OrNull(mSettings.caFile), nullptr,

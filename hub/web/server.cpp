@@ -4,12 +4,15 @@
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 
 #include "base/thread.h"
 #include "hub/core/log.h"
+#include "hub/web/listen_problem.h"
 #include "hub/web/wsi_request.h"
 
 namespace lumora_hub::web {
@@ -43,6 +46,15 @@ bool HasPeerClosed(int socket) {
 }
 
 bool IsAny(const std::string& address) { return address == "0.0.0.0" || address == "::"; }
+
+// Where browsers reach a hub that listens on all addresses: no browser of another host goes to 0.0.0.0.
+std::string NameOfHost(const WebOptions& options) {
+    std::array<char, 256> name{};
+    if (!options.hostNames.empty()) {
+        return options.hostNames.front();
+    }
+    return gethostname(name.data(), name.size() - 1) == 0 && name[0] != '\0' ? name.data() : options.address;
+}
 
 }  // namespace
 
@@ -96,16 +108,16 @@ void Server::Open() {
     lws_vhost* const host = mContext ? lws_get_vhost_by_name(mContext.get(), "default") : nullptr;
     if (host == nullptr) {
         throw std::runtime_error("the web page cannot listen on " + mOptions.address + " port " +
-                                 std::to_string(mOptions.port) +
-                                 ": the port is taken, or the certificate is bad");
+                                 std::to_string(mOptions.port) + ": " + ListenProblem(mOptions));
     }
     mPort = lws_get_vhost_listen_port(host);
 }
 
 std::string Server::Url() const {
-    const bool isVersion6 = mOptions.address.find(':') != std::string::npos;
+    const std::string host = IsAny(mOptions.address) ? NameOfHost(mOptions) : mOptions.address;
+    const bool isVersion6 = host.find(':') != std::string::npos;
     return std::string(mOptions.certificateFile.empty() ? "http" : "https") + "://" +
-           (isVersion6 ? "[" + mOptions.address + "]" : mOptions.address) + ":" + std::to_string(mPort) + "/";
+           (isVersion6 ? "[" + host + "]" : host) + ":" + std::to_string(mPort) + "/";
 }
 
 // The context is destroyed on this thread: its callbacks use what belongs to the thread.

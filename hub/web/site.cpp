@@ -261,6 +261,11 @@ Decision Site::LogIn(const Request& request, const std::string& body) {
         ++mCounts.rejected;
         Reply reply = File("login.html");
         reply.status = 403;
+        // The form again, with the sentence that it hides at first.
+        const std::string hidden = " hidden";
+        if (const std::size_t at = reply.text.find(hidden); at != std::string::npos) {
+            reply.text.erase(at, hidden.size());
+        }
         return Now(std::move(reply));
     }
     const std::string value = mAdmission.LogIn();

@@ -27,18 +27,25 @@ private:
 
 void WebFace::AddOptions(CLI::App& app) {
     constexpr const char* GROUP = "Web page";
-    app.add_option("--listen", mListen, "Serve the page on this ADDRESS:PORT")
+    app.add_option("--listen", mListen, "where the page is served; 0.0.0.0 or [::] for all addresses")
+        ->type_name("ADDRESS:PORT")
         ->capture_default_str()
         ->group(GROUP);
-    app.add_option("--token-file", mTokenFile, "Admit only clients with the token in this file")
+    app.add_option("--token-file", mTokenFile, "admits only clients with the token in this file")
+        ->type_name("FILE")
         ->group(GROUP);
-    app.add_option("--certificate", mOptions.certificateFile, "Serve with TLS; a PEM file with the chain")
+    app.add_option("--certificate", mOptions.certificateFile, "serves with TLS; a PEM file with the chain")
+        ->type_name("FILE")
         ->group(GROUP);
-    app.add_option("--key", mOptions.keyFile, "The key of the certificate, a PEM file")->group(GROUP);
-    app.add_option("--host-name", mOptions.hostNames, "A further name by which browsers reach the page")
+    app.add_option("--key", mOptions.keyFile, "the key of the certificate, a PEM file")
+        ->type_name("FILE")
         ->group(GROUP);
-    app.add_flag("--allow-plain-http", mOptions.plainAllowed, "Serve other hosts without TLS")->group(GROUP);
-    app.add_flag("--no-web", mIsOff, "Serve no page")->group(GROUP);
+    app.add_option("--host-name", mOptions.hostNames,
+                   "a further name by which browsers reach the page; may be repeated")
+        ->type_name("NAME")
+        ->group(GROUP);
+    app.add_flag("--allow-plain-http", mOptions.plainAllowed, "serves other hosts without TLS")->group(GROUP);
+    app.add_flag("--no-web", mIsOff, "serves no page")->group(GROUP);
 }
 
 void WebFace::Start(DeviceHub& hub) {

@@ -150,8 +150,10 @@ class FaceCamera(LumoraCase):
         self.assert_refuses(1, "/dev/video99: ", "--from", "/dev/video99")
         self.assert_refuses(1, f"{self.path} has no pictures", "--from", str(self.path))
         (self.path / "text").write_text("no video")
-        self.assert_refuses(1, "cannot be opened", "--from", str(self.path / "text"))
-        self.assert_refuses(1, "/dev/null", "--from", "/dev/null")
+        self.assert_refuses(1, "neither a picture nor a video", "--from", str(self.path / "text"))
+        self.assert_refuses(1, "/dev/null cannot be opened: it is no camera", "--from", "/dev/null")
+        os.mkfifo(self.path / "fifo")  # opening it would wait for a writer
+        self.assert_refuses(1, "neither a camera nor a file", "--from", str(self.path / "fifo"))
         noise(self.path / "a.ppm", 64, 64)
         picture = ["--from", str(self.path / "a.ppm")]
         self.assert_refuses(1, "opencv-data", *picture, "--cascade", str(self.path / "text"))

@@ -181,6 +181,9 @@ class Record(RecordingCase):
         self.assert_fails(result, 6, "is there already")
         self.assertEqual((self.path / "a.rec").read_text(), "mine")
 
+    def test_standard_output_is_no_file_for_it(self):
+        self.assert_fails(lumora("record", "-", "nothing"), 2, "standard output")
+
     def test_folder_that_is_not_there(self):
         self.assert_fails(lumora("record", str(self.path / "no" / "a.rec"), "clock"), 6, "No such file")
 
@@ -382,6 +385,7 @@ class Replay(RecordingCase):
     def test_words_that_contradict(self):
         source = self.make("made.rec", self.CONTENT)
         self.assert_fails(lumora("replay", source, "--from", "5", "--to", "5"), 2, "--to")
+        self.assert_fails(lumora("replay", source, "--from", "100"), 2, "has no block in the time")
         self.assert_fails(lumora("replay", source, "--speed", "-1"), 2, "--speed")
         self.assert_fails(lumora("replay", source, "--as", "T" * 40), 2, "39")
 
@@ -484,6 +488,7 @@ class Info(RecordingCase):
         self.assert_fails(result, 3, "no device")
         (self.path / "reader").write_text("a file, but no database")
         self.assert_fails(lumora("info", "reader", "--wait", "0", **options), 3, "no device")
+        self.assert_fails(lumora("info", "typo.rec", "--wait", "0", **options), 3, "a recording is named as ./typo.rec")
 
     def test_names_of_a_stranger_do_not_steer_the_terminal(self):
         path = self.make("made.rec", [], services=("\x1b[2Jclear",), device_type="\x1b]0;title\x07")

@@ -1,6 +1,6 @@
 // The list of devices, and which of them is shown. The address of a device's page is #/ and its id.
 import {element, setText} from "./text.js";
-import {needsLogin, watchDevices} from "./network.js";
+import {hasLogin, needsLogin, watchDevices} from "./network.js";
 import {DevicePage, stateOf, stateText} from "./device.js";
 
 const byId = id => document.getElementById(id);
@@ -57,6 +57,7 @@ function showList() {
 function showPage(moveFocus) {
   const device = devices.get(wantedId());
   document.body.classList.toggle("has-device", wantedId() !== "" && wantedId() !== "main");
+  const former = page?.id;
   if (page && page.id !== device?.id) { page.close(); page = null; }
   if (device && !page) {
     page = new DevicePage(device);
@@ -68,7 +69,9 @@ function showPage(moveFocus) {
   } else {
     document.title = "Lumora hub";
   }
-  byId("no-device").hidden = page !== null;
+  // On a phone the link back has vanished with the device, and the focus with it.
+  if (moveFocus && former && byId("main").offsetParent === null) items.get(former)?.firstChild.focus();
+  byId("no-device").hidden = page !== null || (devices.size === 0 && wantedId() === "");
   setText(byId("no-device"), wantedId() === "" ? "Choose a device to see what its services send." : `${wantedId()} is not in the network.`);
 }
 
@@ -90,12 +93,15 @@ function onMessage(message) {
 }
 
 async function onState(state) {
-  byId("link").dataset.state = state;
+  byId("link").dataset.state = document.body.dataset.link = state;
   setText(byId("link-text"), state === "lost" ? "the hub does not answer" : state);
   if (state === "lost" && await needsLogin()) location.assign("/login");
 }
 
-byId("logout").hidden = /^(localhost|127\..*|\[::1\])$/.test(location.hostname);
+hasLogin().then(has => { byId("logout").hidden = !has; });
 document.querySelector(".skip").addEventListener("click", event => { event.preventDefault(); byId("main").focus(); });
 window.addEventListener("hashchange", () => { showList(); showPage(true); });
+document.addEventListener("visibilitychange", () => page?.refresh());
+// A file that misses its place would otherwise open in the place of this page.
+for (const kind of ["dragover", "drop"]) window.addEventListener(kind, event => event.preventDefault());
 watchDevices(onMessage, onState);

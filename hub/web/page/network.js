@@ -11,11 +11,11 @@ export function pathName(name) {
 
 const socketUrl = path => `${location.protocol === "https:" ? "wss" : "ws"}://${location.host}${path}`;
 
-// Opens a WebSocket, and opens it again until stop() of the result is called.
+// Opens a WebSocket, and opens it again until stop() of the result is called. onState gets "connecting" once, then
+// "live" or "lost": a state that changes with each try would be read out each time.
 function keepOpen(path, onMessage, onState) {
   let pause = FIRST_PAUSE, socket = null, timer = 0, stopped = false;
   const open = () => {
-    onState("connecting");
     socket = new WebSocket(socketUrl(path));
     socket.binaryType = "arraybuffer";
     socket.onopen = () => { pause = FIRST_PAUSE; onState("live"); };
@@ -27,6 +27,7 @@ function keepOpen(path, onMessage, onState) {
       pause = Math.min(pause * 2, LONGEST_PAUSE);
     };
   };
+  onState("connecting");
   open();
   return {stop() { stopped = true; clearTimeout(timer); socket.close(); }};
 }
@@ -44,7 +45,8 @@ export function openStream(device, service, onBlock, onState) {
 }
 
 async function post(path, type, body) {
-  const reply = await fetch(path, {method: "POST", headers: {"Content-Type": type}, body});
+  const reply = await fetch(path, {method: "POST", headers: {"Content-Type": type}, body})
+    .catch(() => { throw new Error("the hub does not answer"); });
   if (reply.status === 401) location.assign("/login");
   const result = await reply.json().catch(() => ({}));
   if (!reply.ok) throw new Error(result.error ?? `the hub answered ${reply.status}`);
@@ -56,8 +58,10 @@ export const sendCommand = (device, name, parameter) =>
 export const sendBlock = (device, bytes) =>
   post(`/api/devices/${pathName(device)}/data`, "application/octet-stream", bytes);
 
-// When the list cannot be watched: whether a token is asked for.
-export async function needsLogin() {
-  const reply = await fetch("/api/devices").catch(() => null);
-  return reply !== null && reply.status === 401;
-}
+const isRefused = async credentials => (await fetch("/api/devices", {credentials}).catch(() => null))?.status === 401;
+
+// When the list cannot be watched: whether that is for want of a login.
+export const needsLogin = () => isRefused("same-origin");
+
+// Whether the hub has a token, so that there is a login to end.
+export const hasLogin = () => isRefused("omit");

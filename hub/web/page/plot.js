@@ -14,6 +14,7 @@ export function drawSoon(view) {
   waiting.add(view);
 }
 
+const MOST_POINTS = 12000;
 const SERIES = ["--s1", "--s2", "--s3", "--s4", "--s5", "--s6"];
 const style = name => getComputedStyle(document.documentElement).getPropertyValue(name);
 
@@ -44,6 +45,7 @@ export class Plot {
     Object.assign(this, {canvas, seconds, small, series: new Map()});
   }
 
+  // Values that came faster than 200 a second push out older ones before their time.
   add(name, value, time = performance.now()) {
     if (!this.series.has(name)) {
       if (this.series.size === SERIES.length) return;
@@ -53,15 +55,17 @@ export class Plot {
     points.push([time, value]);
     const oldest = time - this.seconds * 1000;
     // Two points more than are shown, in batches: the line goes on to the left edge.
-    if (points.length > 2000 || points[0][0] < oldest - 5000) {
-      points.splice(0, Math.max(points.length - 2000, points.findIndex(point => point[0] >= oldest) - 1, 0));
+    if (points.length > MOST_POINTS || points[0][0] < oldest - 5000) {
+      points.splice(0, Math.max(points.length - MOST_POINTS, points.findIndex(point => point[0] >= oldest) - 1, 0));
     }
     drawSoon(this);
   }
 
   range() {
-    const values = [...this.series.values()].flat().map(point => point[1]);
-    let low = values.reduce((a, b) => Math.min(a, b), Infinity), high = values.reduce((a, b) => Math.max(a, b), -Infinity);
+    let low = Infinity, high = -Infinity;
+    for (const points of this.series.values()) {
+      for (const [, value] of points) { low = Math.min(low, value); high = Math.max(high, value); }
+    }
     if (this.small) low = 0;
     if (!(high > low)) { high = low + (Math.abs(low) || 1) * (this.small ? 1 : 0.5); low -= this.small ? 0 : (Math.abs(low) || 1) * 0.5; }
     const margin = (high - low) * 0.06;

@@ -19,7 +19,7 @@ export function bytesText(bytes) {
   const units = ["B", "kB", "MB", "GB"];
   let unit = 0;
   while (bytes >= 1000 && unit < units.length - 1) { bytes /= 1000; unit++; }
-  return `${bytes.toFixed(bytes < 10 && unit > 0 ? 1 : 0)} ${units[unit]}`;
+  return `${bytes.toFixed(bytes < 10 && unit > 0 ? 1 : 0)}\u00a0${units[unit]}`;
 }
 
 export function numberText(value) {

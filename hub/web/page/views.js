@@ -1,4 +1,5 @@
-// How blocks of each kind are shown. Each view has a node, show(value, bytes), and draw() for the next frame.
+// How blocks of each kind are shown. Each view has a node, show(value, bytes), draw() for the next frame, and refresh(),
+// which is called each second while the page is seen, and when it is seen again.
 import {bytesText, element, numberText, setText} from "./text.js";
 import {Plot, drawSoon} from "./plot.js";
 
@@ -14,8 +15,11 @@ class PictureView {
   show(type, bytes) {
     // A picture that came while another one is decoded replaces the one that waits.
     this.next = new Blob([bytes], {type});
-    if (!this.isDecoding) this.decode();
+    this.refresh();
   }
+
+  // In the background the newest picture waits until the page is seen again.
+  refresh() { if (this.next !== null && !this.isDecoding && !document.hidden) this.decode(); }
 
   async decode() {
     this.isDecoding = true;
@@ -51,11 +55,13 @@ class TextView {
     this.lines = [];
   }
   show(text) {
-    this.lines.unshift(text.length > 4000 ? `${text.slice(0, 4000)}…` : text);
+    const line = text.replace(/\r?\n$/, "");
+    this.lines.unshift(line.length > 4000 ? `${line.slice(0, 4000)}…` : line);
     this.lines.length = Math.min(this.lines.length, 30);
     drawSoon(this);
   }
   draw() { setText(this.node, this.lines.join("\n")); }
+  refresh() {}
 }
 
 class BytesView {
@@ -73,6 +79,7 @@ class BytesView {
     }
     setText(this.node, rows.join("\n"));
   }
+  refresh() {}
 }
 
 class NumbersView {
@@ -99,7 +106,11 @@ class NumbersView {
     }
     this.canvas.dataset.points = [...this.plot.series.values()].reduce((sum, points) => sum + points.length, 0);
   }
+  // Time goes on without blocks, too.
+  refresh() { drawSoon(this.plot); }
 }
+
+const MOST_FIELDS = 40;
 
 // Names and texts of an object, and of objects inside of it.
 function* flat(value, prefix = "", depth = 0) {
@@ -114,10 +125,12 @@ class FieldsView {
     this.list = element("dl", {className: "fields", tabIndex: 0, role: "region", "aria-label": `Fields of ${name}`});
     this.numbers = new NumbersView(name);
     this.node = element("div", {}, this.list);
-    this.rows = new Map();
+    this.names = "";
   }
   show(value) {
-    this.fields = [...flat(value)].slice(0, 40);
+    const all = [...flat(value)];
+    this.fields = all.slice(0, MOST_FIELDS);
+    this.left = all.length - this.fields.length;
     const numbers = this.fields.filter(([, inner]) => Number.isFinite(inner)).slice(0, 6);
     if (numbers.length > 0) {
       if (!this.numbers.node.isConnected) this.node.append(this.numbers.node);
@@ -126,19 +139,16 @@ class FieldsView {
     drawSoon(this);
   }
   draw() {
-    const names = new Set(this.fields.map(([name]) => name));
-    for (const [name, row] of this.rows) {
-      if (!names.has(name)) { row.forEach(part => part.remove()); this.rows.delete(name); }
+    const rows = this.fields.map(([name, value]) => [name, typeof value === "string" ? value : JSON.stringify(value)]);
+    if (this.left > 0) rows.push(["…", `${this.left} more`]);
+    const names = JSON.stringify(rows.map(([name]) => name));
+    if (names !== this.names) {
+      this.names = names;
+      this.list.replaceChildren(...rows.flatMap(([name]) => [element("dt", {textContent: name}), element("dd")]));
     }
-    for (const [name, value] of this.fields) {
-      if (!this.rows.has(name)) {
-        const row = [element("dt", {textContent: name}), element("dd")];
-        this.rows.set(name, row);
-        this.list.append(...row);
-      }
-      setText(this.rows.get(name)[1], typeof value === "string" ? value : JSON.stringify(value));
-    }
+    rows.forEach(([, text], at) => setText(this.list.children[2 * at + 1], text));
   }
+  refresh() { this.numbers.refresh(); }
 }
 
 const VIEWS = {picture: PictureView, text: TextView, bytes: BytesView, numbers: NumbersView, fields: FieldsView};

@@ -210,6 +210,15 @@ TEST_F(BridgeBrokerGoneTest, WrongCredentialsAreSaidAndRightOnesTaken) {
     EXPECT_TRUE(WaitForConnection());
 }
 
+TEST_F(BridgeBrokerGoneTest, AFileThatCannotBeReadIsNamed) {
+    mBroker = std::make_unique<Broker>();
+    mSettings.tls = true;
+    mSettings.caFile = "/nothing.pem";
+    StartBridge();
+    EXPECT_TRUE(WaitForText("127.0.0.1: /nothing.pem cannot be read: No such file or directory"))
+        << mLog.Dump();
+}
+
 TEST_F(BridgeBrokerGoneTest, APasswordThatOthersMayReadIsNotUsed) {
     const TemporaryFolder folder;
     mBroker = std::make_unique<Broker>();

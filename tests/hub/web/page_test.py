@@ -117,6 +117,7 @@ class PageCase(unittest.TestCase):
 class Live(PageCase):
     def test_devices_appear_and_vanish_and_are_announced(self):
         self.assertEqual(len(self.all("#device-list li")), 1)
+        self.assertFalse(self.one("#logout").is_displayed(), "a hub without a token has no login to end")
         self.hub.do("appear lamp@127.0.0.9 brightness")
         item = until(lambda: self.all("[data-device='lamp@127.0.0.9'] a"))[0]
         self.assertIn("lamp at 127.0.0.9 appeared", self.text("#announcer"))
@@ -170,6 +171,21 @@ class Live(PageCase):
         until(lambda: "00 01 02 03" in self.text("[data-service=raw] .hex"))
         self.assertIn("40 bytes", self.text("[data-service=raw] .hex"))
 
+    def test_lines_end_in_a_text_without_an_empty_line(self):
+        self.open_camera()
+        for line in (b"one\n", b"two\r\n", b"three"):
+            self.send("note", line)
+        until(lambda: self.text("[data-service=note] .text") == "three\ntwo\none")
+
+    def test_fields_that_find_no_room_are_counted(self):
+        self.open_camera()
+        self.send("status", json.dumps({f"field{number}": "x" for number in range(45)}).encode())
+        until(lambda: "field39" in self.text("[data-service=status] .fields"))
+        self.assertIn("5 more", self.text("[data-service=status] .fields"))
+        self.assertNotIn("field40", self.text("[data-service=status] .fields"))
+        self.send("status", json.dumps({"first": 1, "field3": "y"}).encode())
+        until(lambda: self.text("[data-service=status] .fields") == "first1field3y")
+
     def test_what_devices_send_is_never_part_of_the_page(self):
         attack = "<img src=x onerror=document.title='owned'><script>document.title='owned'</script>"
         self.hub.do("appear <b>bad</b>@127.0.0.8 <i>x</i>")
@@ -200,8 +216,12 @@ class Live(PageCase):
         self.send("level", b"1")
         self.hub.do(f"leave {CAMERA}")
         until(lambda: self.one(".head .badge").get_attribute("data-state") == "absent")
+        badge = self.one("[data-service=level] .badge")
+        self.assertEqual((badge.get_attribute("data-state"), badge.text), ("absent", "device is gone"))
+        self.assertRegex(self.text(".about-device"), r"last seen \d+ s ago")
         self.hub.do(f"appear {CAMERA} picture level status note raw")
         until(lambda: self.one(".head .badge").get_attribute("data-state") == "connected")
+        self.assertEqual((badge.get_attribute("data-state"), badge.text), ("live", "live"))
         self.send("level", b"77")
         until(lambda: "77" in self.text("[data-service=level] .legend"))
 
@@ -241,6 +261,24 @@ class Sending(PageCase):
             const drop = new DragEvent("drop", {dataTransfer: data, cancelable: true, bubbles: true});
             document.querySelector(".drop").dispatchEvent(drop);""")
         until(lambda: self.hub.sent[1:] == [f"block {CAMERA} 7 dropped"])
+
+    def test_after_a_file_the_next_block_is_a_text_again(self):
+        self.open_camera()
+        path = pathlib.Path(self.folder.name) / "chosen"
+        path.write_bytes(b"chosen")
+        self.one("#block-text").send_keys("typed")
+        self.one("#block-file").send_keys(str(path))
+        until(lambda: self.text("#block-form button") == "Send file")
+        self.one("#block-form button").click()
+        until(lambda: self.text("#block-form button") == "Send text")
+        self.one("#block-form button").click()
+        until(lambda: self.hub.sent == [f"block {CAMERA} 6 chosen", f"block {CAMERA} 5 typed"])
+
+    def test_a_file_that_misses_its_place_does_not_replace_the_page(self):
+        self.open_camera()
+        for kind in ("dragover", "drop"):
+            self.assertTrue(self.run_script("const e = new DragEvent(arguments[0], {cancelable: true, bubbles: true});"
+                                            "document.querySelector('h1').dispatchEvent(e); return e.defaultPrevented", kind))
 
     def test_an_empty_block_is_not_sent(self):
         self.open_camera()
@@ -302,16 +340,18 @@ class Tabs(PageCase):
         self.assertEqual(self.browser.current_window_handle, fast)
         self.assertEqual(lost(self.browser), 0)
 
-    def test_a_tab_in_the_background_stops_drawing(self):
+    def test_a_tab_in_the_background_stops_drawing_and_keeps_texts_and_the_newest_picture(self):
         self.open_camera()
         self.send("picture", plain(1, 1, 1))
         until(lambda: self.pixel() == [1, 1, 1])
         self.run_script("Object.defineProperty(document, 'hidden', {value: true, configurable: true})")
         self.send("picture", plain(2, 2, 2))
-        self.send("level", b"3")
+        self.send("note", b"meanwhile")
         time.sleep(0.5)
         self.assertEqual(self.pixel(), [1, 1, 1])
-        self.run_script("delete document.hidden")
+        self.run_script("delete document.hidden; document.dispatchEvent(new Event('visibilitychange'))")
+        until(lambda: self.pixel() == [2, 2, 2])
+        until(lambda: self.text("[data-service=note] .text") == "meanwhile")
         self.send("picture", plain(3, 3, 3))
         until(lambda: self.pixel() == [3, 3, 3])
 
@@ -375,6 +415,7 @@ class People(PageCase):
             self.assertGreaterEqual(button.size["height"], 44)
         phone.find_element(By.CSS_SELECTOR, ".back").click()
         until(lambda: phone.find_element(By.CSS_SELECTOR, "nav").is_displayed())
+        self.assertEqual(phone.execute_script("return document.activeElement.closest('li')?.dataset.device"), CAMERA)
 
     def test_dark_mode_follows_the_system_and_has_contrast(self):
         def luminance(color):
@@ -390,7 +431,7 @@ class People(PageCase):
             ground = self.run_script("return getComputedStyle(document.documentElement).backgroundColor")
             card = self.run_script("return getComputedStyle(document.querySelector('.card')).backgroundColor")
             grounds.append(luminance(ground))
-            for selector, under in (("h1", ground), (".about-device", ground), (".service h3", card), (".measures dt", card),
+            for selector, under in (("h1", ground), (".about-device", ground), (".service h2", card), (".measures dt", card),
                                     (".devices .about", card), ("h2", ground), ("label", card)):
                 ink = self.run_script("return getComputedStyle(document.querySelector(arguments[0])).color", selector)
                 high, low = sorted((luminance(ink), luminance(under)), reverse=True)
@@ -419,6 +460,48 @@ class Restarts(unittest.TestCase):
         hub.do(f"text {CAMERA} level 12")
         until(lambda: "12" in page.execute_script("return document.querySelector('.legend')?.textContent ?? ''"))
 
+    def test_while_the_hub_is_away_the_page_says_so_once(self):
+        hub = Served()
+        page = browser()
+        self.addCleanup(page.quit)
+        hub.do(f"appear {CAMERA} level")
+        page.get(f"{hub.url}#/{CAMERA}")
+        until(lambda: page.find_elements(By.CSS_SELECTOR, ".service .badge[data-state=live]"))
+        page.execute_script("""
+            window.told = [];
+            new MutationObserver(() => told.push(document.querySelector("#link-text").textContent))
+                .observe(document.querySelector("#link-text"), {childList: true});""")
+        hub.close()
+        time.sleep(3)  # several tries to connect
+        self.assertEqual(page.execute_script("return told"), ["the hub does not answer"])
+        self.assertEqual(page.find_element(By.CSS_SELECTOR, ".service .badge").text, "interrupted")
+        page.find_element(By.ID, "command-name").send_keys("zoom", Keys.ENTER)
+        until(lambda: "Not sent: the hub does not answer" in page.find_element(By.ID, "command-result").text)
+
+    def test_without_a_device_the_page_tells_how_to_begin(self):
+        hub = Served()
+        self.addCleanup(hub.close)
+        page = browser()
+        self.addCleanup(page.quit)
+        page.get(hub.url)
+        until(lambda: "lumora serve" in page.find_element(By.ID, "no-devices").text)
+        self.assertFalse(page.find_element(By.ID, "no-device").is_displayed())
+        hub.do(f"appear {CAMERA} level")
+        until(lambda: page.find_element(By.ID, "no-device").is_displayed())
+        self.assertFalse(page.find_element(By.ID, "no-devices").is_displayed())
+
+    def test_a_phone_finds_the_way_back_from_a_device_that_is_unknown(self):
+        hub = Served()
+        self.addCleanup(hub.close)
+        page = browser()
+        self.addCleanup(page.quit)
+        page.execute_cdp_cmd("Emulation.setDeviceMetricsOverride",
+                             {"width": 375, "height": 800, "deviceScaleFactor": 2, "mobile": True})
+        page.get(f"{hub.url}#/lamp@192.0.2.1")
+        until(lambda: "lamp@192.0.2.1 is not in the network" in page.find_element(By.CSS_SELECTOR, "main").text)
+        page.find_element(By.CSS_SELECTOR, ".back").click()
+        until(lambda: page.find_element(By.CSS_SELECTOR, "nav").is_displayed())
+
     def test_the_form_asks_for_the_token(self):
         hub = Served("--token", "a-token-of-some-length")
         self.addCleanup(hub.close)
@@ -426,10 +509,17 @@ class Restarts(unittest.TestCase):
         self.addCleanup(page.quit)
         page.get(hub.url)
         self.assertTrue(page.current_url.endswith("/login"))
+        self.assertFalse(page.find_element(By.CSS_SELECTOR, "[role=alert]").is_displayed())
+        page.find_element(By.ID, "token").send_keys("another-token-of-some-length", Keys.ENTER)
+        alert = until(lambda: [one for one in page.find_elements(By.CSS_SELECTOR, "[role=alert]") if one.is_displayed()])
+        self.assertIn("not the token", alert[0].text)
         page.find_element(By.ID, "token").send_keys("a-token-of-some-length", Keys.ENTER)
         until(lambda: page.find_elements(By.CSS_SELECTOR, "#link[data-state=live]"))
         self.assertEqual(page.get_cookie("lumora_hub")["sameSite"], "Strict")
         self.assertEqual(page.execute_script("return document.cookie"), "")
+        until(lambda: page.find_element(By.CSS_SELECTOR, "#logout button").is_displayed())
+        page.find_element(By.CSS_SELECTOR, "#logout button").click()
+        until(lambda: page.current_url.endswith("/login"))
 
 
 def unable():

@@ -2,8 +2,10 @@
 import json
 import os
 import pathlib
+import socket
 import subprocess
 import sys
+import tempfile
 import unittest
 import urllib.request
 
@@ -49,14 +51,48 @@ class Program(unittest.TestCase):
         got = [events.readline() for _ in range(4)]
         return got[2] == b"data: a block\n"
 
+    def run_hub(self, *options):
+        return subprocess.run([PROGRAMS / "lumora-hub", *options], capture_output=True, text=True, timeout=60,
+                              env={**os.environ, "LUMORA_LINK_INTERFACE": "lo"})
+
     def test_what_cannot_be_served_ends_it_with_a_reason(self):
         for options, reason in ((("--listen", "8666"), "needs ADDRESS:PORT"),
                                 (("--listen", "0.0.0.0:8666"), "needs a token"),
-                                (("--token-file", "/nothing"), "no token can be read")):
-            ended = subprocess.run([PROGRAMS / "lumora-hub", *options], capture_output=True, text=True, timeout=60,
-                                   env={**os.environ, "LUMORA_LINK_INTERFACE": "lo"})
+                                (("--token-file", "/nothing"), "no token can be read"),
+                                (("--listen", "192.0.2.1:8666", "--allow-plain-http", "--token-file", self.file("x" * 16)),
+                                 "192.0.2.1 port 8666: Cannot assign requested address")):
+            ended = self.run_hub(*options)
             self.assertEqual(ended.returncode, 1)
             self.assertIn(reason, ended.stderr)
+
+    def test_a_second_hub_says_that_the_port_is_in_use(self):
+        hub = self.start("lumora-hub")
+        hub.stdout.readline()
+        ended = self.run_hub()
+        self.assertEqual(ended.returncode, 1)
+        self.assertIn("127.0.0.1 port 8666: another program uses this port", ended.stderr)
+
+    def test_a_mistake_in_the_options_or_their_file_is_named(self):
+        for options, reason in ((("--tpye", "camera"), "--tpye"),
+                                (("--idle", "-1"), "--idle"),
+                                (("--config", "/nothing.toml"), "/nothing.toml"),
+                                (("--config", self.file("idel = 3\n")), "idel"),
+                                (("--config", self.file("idle = \"x\"\n")), "--idle"),
+                                (("--config", self.file("some words\n")), "some words")):
+            ended = self.run_hub(*options)
+            self.assertEqual(ended.returncode, 2, options)
+            self.assertRegex(ended.stderr, f"^lumora-hub: .*{reason}.*; see lumora-hub --help\n$")
+
+    def test_it_prints_a_name_that_other_hosts_can_open(self):
+        hub = self.start("lumora-hub", "--listen", "0.0.0.0:8666", "--allow-plain-http", "--token-file", self.file("x" * 16))
+        self.assertEqual(hub.stdout.readline(), f"The page is at http://{socket.gethostname()}:8666/\n")
+
+    def file(self, text):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        path = pathlib.Path(folder.name) / "file"
+        path.write_text(text)
+        return str(path)
 
 
 if __name__ == "__main__":

@@ -136,6 +136,13 @@ int DescribeFile(const std::string& file) {
 
 // ---- Devices
 
+// The name of a file that is not there is taken for a type.
+std::string AdviceFor(const std::string& type) {
+    const std::string list = "lumora find lists those that are there";
+    return type.find('.') == std::string::npos ? list + ", --wait searches longer"
+                                               : list + "; a recording is named as ./" + OneLine(type);
+}
+
 int Run(Options options) {
     if (IsFile(options.device)) {
         return DescribeFile(options.device.type);
@@ -150,7 +157,7 @@ int Run(Options options) {
         throw Failure(EXIT_NO_DEVICE,
                       type.empty() ? "no device was found"
                                    : "no device of type " + options.device.Text() + " was found",
-                      "lumora find lists those that are there, --wait searches longer");
+                      AdviceFor(type));
     }
     std::string pages;
     for (const FoundDevice& device : devices) {

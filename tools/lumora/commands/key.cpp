@@ -248,7 +248,7 @@ Command KeyCommand() {
         "A node takes the file that LUMORA_LINK_PSK_FILE names. Files are written with mode 0600, and keep "
         "the "
         "owner that they had.");
-    command.Argument("ACTION", options->action, "what to do").choices = ACTIONS;
+    command.Argument("ACTION", options->action, "new, show, add, use or revoke").choices = ACTIONS;
     command.options.back().required = true;
     Option& file = command.Argument("FILE", options->file, "the file of keys");
     file.offer = Option::Offer::FILES;

@@ -155,6 +155,10 @@ int Run(const Options& options) {
     for (const std::string& service : options.services) {
         CheckName("SERVICE", service);
     }
+    // SQLite writes in many places of the file, so a stream cannot take its place.
+    if (options.file == "-") {
+        throw Failure(EXIT_USAGE, "a recording cannot go to standard output", "name a file");
+    }
     // Before the session, which takes the place of another client: a folder that is not there is noticed now.
     RecordingWriter writer(options.file);
     ClientSession session(options.session, options.services);

@@ -213,6 +213,20 @@ private:
     std::uint64_t mFailed = 0;
 };
 
+// A device that sends nothing would only puzzle its clients.
+void CheckTimes(const Options& options, RecordingReader& reader) {
+    const auto timeOf = [&](std::chrono::milliseconds option) {
+        return reader.About().start + std::chrono::microseconds(option).count();
+    };
+    const std::int64_t before = options.from.count() != 0 ? reader.LastBefore(timeOf(options.from)) : 0;
+    const std::optional<RecordingReader::Entry> first = reader.Next(before);
+    const bool isInTime = first && (options.to.count() == 0 || first->time < timeOf(options.to));
+    if ((options.from.count() != 0 || options.to.count() != 0) && !isInTime) {
+        throw Failure(EXIT_USAGE, options.file + " has no block in the time of --from and --to",
+                      "lumora info tells when its blocks came");
+    }
+}
+
 int Run(const Options& options) {
     if (options.to.count() != 0 && options.to <= options.from) {
         throw Failure(EXIT_USAGE, "--to is not behind --from",
@@ -220,6 +234,7 @@ int Run(const Options& options) {
     }
     RecordingReader reader(options.file);
     const Recording& recording = reader.About();
+    CheckTimes(options, reader);
     const std::string type = options.type.empty() ? recording.type : options.type;
     CheckName("TYPE", type);
     ReplayDevice device(type, recording.services);

@@ -36,7 +36,6 @@ public:
     std::string_view BytesOf(const Entry& entry);
 
 private:
-    void CheckForm();
     void ReadDevice();
     void ReadServices();
     Micros TimeIn(const Statement& statement, int column) const;
