@@ -32,6 +32,10 @@ constexpr std::chrono::seconds NEIGHBOUR_TIME{8};
 // Fifty searches at once would keep a small network from answering any of them.
 constexpr unsigned MOST_OPENING = 8;
 constexpr std::chrono::milliseconds OPENING_PAUSE{20};
+// A device closes a channel on which it cannot send for half a second.
+constexpr std::chrono::milliseconds STOPPED_FOR{400};
+// The intervals of blocks are averaged over about so many.
+constexpr double AVERAGED = 8;
 
 FrameHead HeadOf(FrameKind kind, std::uint64_t number = 0) {
     FrameHead head;
@@ -310,6 +314,8 @@ void DeviceLink::OnConnected(const Frame& frame) {
     mSurroundings.loop.Cancel(mDeadline);
     mConnected = true;
     mConnectedAt = Clock::now();
+    mLastBlock = mConnectedAt;
+    mInterval = {};
     ++mConnections;
     mVersion = frame.name;
     mIdentity = frame.head.code != 0 ? std::optional(frame.body) : std::nullopt;
@@ -324,6 +330,9 @@ void DeviceLink::OnBlock(Frame frame) {
     auto& [last, before] = mNumbers[frame.name];
     const std::uint64_t number = before + frame.head.number;
     last = number > last && number - last <= WIDEST_GAP ? number : last + 1;
+    const Clock::time_point now = Clock::now();
+    mInterval += (now - mLastBlock - mInterval) / AVERAGED;
+    mLastBlock = now;
     mEvents.onBlock(frame.name, last, std::move(frame.body));
 }
 
@@ -349,7 +358,17 @@ std::chrono::milliseconds DeviceLink::PauseAfter(EndReason reason) {
         mGiveWay.Reset();
     }
     const bool byNeighbour = now - mSurroundings.neighbourLeft < NEIGHBOUR_TIME;
-    return reason == EndReason::CHANNEL_ENDED && !byNeighbour ? mGiveWay.Next() : mBackOff.Next();
+    const bool byAnother = reason == EndReason::CHANNEL_ENDED && !byNeighbour && !HadStopped();
+    return byAnother ? mGiveWay.Next() : mBackOff.Next();
+}
+
+// Whether blocks that came often had stopped for a while before the end. Then the network was probably cut:
+// another client takes the place of this one at once. Not if the connection is young: it may be a part of a
+// fight with another client.
+bool DeviceLink::HadStopped() const {
+    const auto silence = Clock::now() - mLastBlock;
+    return mConnected && mLastBlock - mConnectedAt >= GOOD_CONNECTION && silence >= STOPPED_FOR &&
+           silence > 4 * mInterval;
 }
 
 }  // namespace lumora_hub

@@ -101,6 +101,7 @@ private:
     void OnBlock(Frame frame);
     void OnEnd(EndReason reason, const std::string& text);
     std::chrono::milliseconds PauseAfter(EndReason reason);
+    bool HadStopped() const;
 
     LinkSurroundings& mSurroundings;
     const Events mEvents;
@@ -116,7 +117,9 @@ private:
     bool mIsOpening = false;  // counted in mSurroundings.opening
     bool mConnected = false;
     EventLoop::Clock::time_point mConnectedAt;
-    std::set<std::string> mSubscribed;  // what the worker was told
+    EventLoop::Clock::time_point mLastBlock;
+    std::chrono::duration<double> mInterval{0};  // of the blocks, usually
+    std::set<std::string> mSubscribed;           // what the worker was told
     // Of each service: the number of the last block, and the one before the first of this worker.
     std::map<std::string, std::pair<std::uint64_t, std::uint64_t>, std::less<>> mNumbers;
 

@@ -101,6 +101,7 @@ bool NetworkWatch::IsWanted(const std::string& type) const {
 void NetworkWatch::Add(Task task) {
     const lumora::MutexLock lock(mMutex);
     if (IsWaiting(task)) {
+        Hasten(task);
         return;
     }
     if (Count() >= mMostNodes) {
@@ -119,6 +120,17 @@ bool NetworkWatch::IsWaiting(const Task& task) const {
     return std::any_of(mTasks.begin(), mTasks.end(), isSame) ||
            std::any_of(mQuestions.begin(), mQuestions.end(),
                        [&](const Question& question) { return isSame(question.task); });
+}
+
+// A node that was away for long is looked for rarely. When an event tells that it is back, its turn is now.
+void NetworkWatch::Hasten(const Task& task) {
+    for (Task& other : mTasks) {
+        if (IsSame(other.node, task.node) && other.isCheck == task.isCheck && task.due < other.due) {
+            other.due = task.due;
+            other.attempt = task.attempt;
+            mChanged.NotifyAll();
+        }
+    }
 }
 
 void NetworkWatch::Again(Task task) {

@@ -60,6 +60,7 @@ private:
     bool IsWaiting(const Task& task) const REQUIRES(mMutex);
     std::size_t Count() const REQUIRES(mMutex) { return mTasks.size() + mSearched + mQuestions.size(); }
     void EndSearch() EXCLUDES(mMutex);
+    void Hasten(const Task& task) REQUIRES(mMutex);
     void Again(Task task) EXCLUDES(mMutex);
 
     void RunSearches();

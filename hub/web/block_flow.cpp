@@ -11,6 +11,7 @@ namespace lumora_hub::web {
 namespace {
 
 constexpr char HEAD_VERSION = 1;
+constexpr std::size_t MOST_LATEST_BYTES = std::size_t{2} << 20;
 
 template <typename Number>
 void AppendNumber(std::string& bytes, Number number) {
@@ -47,13 +48,34 @@ std::string BlockEvent(const Block& block) {
                    : ServerSentEvent("base64", id, Base64(block.bytes));
 }
 
+SharedText BlockEvents::Of(const BlockPointer& block) {
+    const auto known = mTexts.find(block.get());
+    if (SharedText text = known != mTexts.end() ? known->second.lock() : nullptr) {
+        return text;
+    }
+    for (auto one = mTexts.begin(); one != mTexts.end();) {
+        one = one->second.expired() ? mTexts.erase(one) : std::next(one);
+    }
+    auto text = std::make_shared<const std::string>(BlockEvent(*block));
+    mTexts[block.get()] = text;
+    mLatest.emplace_back(block, text);
+    mLatestBytes += text->size();
+    while (mLatestBytes > MOST_LATEST_BYTES) {
+        mLatestBytes -= mLatest.front().second->size();
+        mLatest.pop_front();
+    }
+    return text;
+}
+
 BlockFlow::BlockFlow(std::shared_ptr<Consumer> consumer, std::unique_ptr<Registration> registration,
-                     Framing framing, WebCounts& counts, Quota::Share share)
+                     Framing framing, BlockEvents& events, WebCounts& counts, Quota::Share share)
     : mConsumer(std::move(consumer)),
       mRegistration(std::move(registration)),
       mFraming(framing),
+      mEvents(events),
       mCounts(counts),
-      mShare(std::move(share)) {
+      mShare(std::move(share)),
+      mMessage(Greeting(framing)) {
     ++mCounts.streams;
 }
 
@@ -64,17 +86,17 @@ BlockFlow::~BlockFlow() {
 }
 
 Piece BlockFlow::Fill(char* room, std::size_t size) {
-    if (!mBlock) {
+    if (mMessage.IsRead()) {
         mBlock = mConsumer->Take();
         if (!mBlock) {
             return {};
         }
         mMessage = mFraming == Framing::WEB_SOCKET
                        ? Message(BlockHead(*mBlock, mConsumer->Counts().lost), mBlock)
-                       : Message(BlockEvent(*mBlock));
+                       : Message({}, mEvents.Of(mBlock));
     }
     const Piece piece = mMessage.Read(room, size);
-    if (piece.isLast) {
+    if (piece.isLast && mBlock) {
         ++mCounts.blocks;
         mCounts.blockBytes += mBlock->bytes.size();
         mCounts.latency.Add(std::chrono::steady_clock::now() - mBlock->arrived);

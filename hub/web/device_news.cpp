@@ -24,7 +24,7 @@ void DeviceNews::TakeCounts() {
 }
 
 DeviceFlow::DeviceFlow(DeviceNews& news, Framing framing, Quota::Share share)
-    : mNews(news), mFraming(framing), mShare(std::move(share)) {
+    : mNews(news), mFraming(framing), mShare(std::move(share)), mMessage(Greeting(framing)) {
     mNews.mFlows.insert(this);
 }
 

@@ -18,11 +18,15 @@ Piece Message::Read(char* room, std::size_t size) {
         mOffset += rest.size();
     };
     copy(mText, 0);
-    if (mBlock) {
-        copy(mBlock->bytes, mText.size());
+    if (mBody) {
+        copy(*mBody, mText.size());
     }
     piece.isLast = IsRead();
     return piece;
+}
+
+Message Greeting(Framing framing) {
+    return framing == Framing::SERVER_SENT_EVENTS ? Message("retry: 500\n\n") : Message();
 }
 
 std::string ServerSentEvent(const char* name, const std::string& id, std::string_view text) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -15,21 +16,25 @@ struct Piece {
     bool isLast = false;
 };
 
-// A text with a block behind it, which is read in pieces. The block is shared, not copied.
+using SharedText = std::shared_ptr<const std::string>;
+
+// A text with another one behind it, which is read in pieces. The second one is shared, not copied.
 class Message {
 public:
     Message() = default;
-    explicit Message(std::string text, BlockPointer block = nullptr)
-        : mText(std::move(text)), mBlock(std::move(block)) {}
+    explicit Message(std::string text, SharedText body = nullptr)
+        : mText(std::move(text)), mBody(std::move(body)) {}
+    Message(std::string text, const BlockPointer& block)
+        : Message(std::move(text), block ? SharedText(block, &block->bytes) : nullptr) {}
 
-    std::size_t Size() const { return mText.size() + (mBlock ? mBlock->bytes.size() : 0); }
+    std::size_t Size() const { return mText.size() + (mBody ? mBody->size() : 0); }
     bool IsRead() const { return mOffset == Size(); }
     // Copies the next bytes into room, at most size.
     Piece Read(char* room, std::size_t size);
 
 private:
     std::string mText;
-    BlockPointer mBlock;
+    SharedText mBody;
     std::size_t mOffset = 0;
 };
 
@@ -44,6 +49,9 @@ public:
 
 // The messages of a stream: bare ones over a WebSocket, lines of text as server-sent events.
 enum class Framing { WEB_SOCKET, SERVER_SENT_EVENTS };
+
+// What a stream begins with. Browsers otherwise wait for some seconds before they connect again.
+Message Greeting(Framing framing);
 
 // A server-sent event. text must not hold a carriage return. id may be empty.
 std::string ServerSentEvent(const char* name, const std::string& id, std::string_view text);

@@ -18,7 +18,10 @@
 namespace lumora_hub::web {
 namespace {
 
-constexpr std::size_t PIECE = 65536;             // is written at once
+constexpr std::size_t PIECE = 65536;  // is written at once
+// Of the library around a piece. What is longer than it permits goes out in turns of 4 KiB, and is copied for
+// each.
+constexpr std::size_t MOST_FRAMING = LWS_PRE;
 constexpr int PIECES_AT_ONCE = 16;               // of a connection, before others have their turn
 constexpr std::size_t MOST_DRAINED = 16U << 20;  // of a refused body
 constexpr std::chrono::seconds DRAIN_TIME{10};
@@ -75,7 +78,7 @@ Server::~Server() {
 
 void Server::Open() {
     lws_set_log_level(LLL_ERR | LLL_WARN, LogLine);
-    mProtocols = {{"lumora", &Server::Call, 0, LARGEST_MESSAGE, 0, nullptr, 0}, {}};
+    mProtocols = {{"lumora", &Server::Call, 0, LARGEST_MESSAGE, 0, nullptr, PIECE + MOST_FRAMING}, {}};
     lws_context_creation_info info{};
     info.port = mOptions.port;
     info.iface = IsAny(mOptions.address) ? nullptr : mOptions.address.c_str();

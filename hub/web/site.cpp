@@ -341,7 +341,7 @@ Decision Site::Stream(std::uint64_t number, const Request& request, const Match&
     Reply reply = Text(EVENT_STREAM, "");
     reply.flow = std::make_unique<BlockFlow>(
         std::move(consumer), std::move(registration),
-        request.wantsWebSocket ? Framing::WEB_SOCKET : Framing::SERVER_SENT_EVENTS, mCounts,
+        request.wantsWebSocket ? Framing::WEB_SOCKET : Framing::SERVER_SENT_EVENTS, mBlockEvents, mCounts,
         std::move(share));
     return Now(std::move(reply));
 }

@@ -12,6 +12,7 @@
 #include "hub/core/device_hub.h"
 #include "hub/core/figures.h"
 #include "hub/web/admission.h"
+#include "hub/web/block_flow.h"
 #include "hub/web/device_news.h"
 #include "hub/web/flow.h"
 #include "hub/web/latest_blocks.h"
@@ -106,6 +107,7 @@ private:
     const std::shared_ptr<Mailbox> mMailbox = std::make_shared<Mailbox>();
     DeviceNews mNews;
     LatestBlocks mLatest;
+    BlockEvents mBlockEvents;
     std::uint64_t mLastNumber = std::uint64_t{1}
                                 << 62;  // of consumers for LatestBlocks; connections begin with 1
     // Requests that wait for a device.

@@ -69,6 +69,14 @@ const std::vector<char>& BlockWriter::Next() {
     return mBlock;
 }
 
+BlockNumber NumberOf(const char* data, std::size_t length) {
+    Head head = {};
+    if (length >= sizeof(head)) {
+        std::memcpy(&head, data, sizeof(head));
+    }
+    return {head.source, head.number};
+}
+
 Arrival BlockChecker::Take(const char* data, std::size_t length) {
     Head head = {};
     if (length >= sizeof(head)) {

@@ -34,6 +34,14 @@ private:
     std::vector<char> mBlock;
 };
 
+struct BlockNumber {
+    std::uint64_t source = 0;
+    std::uint64_t number = 0;
+};
+
+// Of a block that is whole.
+BlockNumber NumberOf(const char* data, std::size_t length);
+
 enum class Arrival { NEXT, FIRST, AFTER_A_GAP };
 
 // Checks what one receiver gets. Reports faults on standard output; safe to use from several threads.

@@ -1,90 +1,27 @@
-"""Hosts on a bridge, each a network namespace, devices on them, and a hub's core that is driven by lines."""
+"""Devices on hosts of their own, and a hub's core that is driven by lines."""
 
 import json
 import os
 import signal
 import subprocess
-import time
 import unittest
 
+import hosts
 from child_process import ChildProcess
+from hosts import LIMIT, eventually, has_namespaces
 
 CONSOLE = os.environ["HUB_CONSOLE"]
 DEVICE = os.environ["HUB_DEVICE"]
 HUB = os.environ["LUMORA_HUB"]
 LUMORA = os.environ.get("LUMORA_PROGRAM")
-# Bounds a failing test only.
-LIMIT = 60
-MOST_HOSTS = 60
 
 
-def run(*command):
-    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
-
-
-def has_namespaces():
-    return subprocess.run(["unshare", "-n", "true"], stderr=subprocess.DEVNULL, check=False).returncode == 0
-
-
-def eventually(condition, what):
-    end = time.monotonic() + LIMIT
-    while True:
-        result = condition()
-        if result or time.monotonic() > end:
-            assert result, f"not within {LIMIT} s: {what}"
-            return result
-        time.sleep(0.05)
-
-
-def hardware_address(number):
-    return f"02:00:0a:4d:00:{number:02x}"
-
-
-class Host:
-    """A network namespace with an address."""
-
-    def __init__(self, number):
-        self.name = f"h{number}"
-        # It ends with this process, however that ends.
-        self.holder = subprocess.Popen(["unshare", "-n", "setpriv", "--pdeathsig", "KILL", "sleep", "infinity"])
-        own = os.readlink("/proc/self/ns/net")
-        eventually(lambda: os.readlink(self.namespace()) != own, "a namespace")
-        self.address = f"10.77.0.{number}"
-        run("ip", "link", "add", self.name, "type", "veth", "peer", "name", "eth0", "netns", str(self.holder.pid))
-        run("ip", "link", "set", self.name, "master", "br0", "up")
-        self.run("ip", "link", "set", "lo", "up")
-        self.run("ip", "link", "set", "eth0", "address", hardware_address(number))
-        self.run("ip", "address", "add", f"{self.address}/24", "dev", "eth0")
-        self.run("ip", "link", "set", "eth0", "up")
-        self.learn_neighbours()
-
-    def learn_neighbours(self):
-        """The kernel has one table of 1,024 neighbours for all namespaces together, which fifty hosts that know
-        each other fill. Entries that are set by hand do not count."""
-        lines = "".join(
-            f"neighbour add 10.77.0.{number} lladdr {hardware_address(number)} nud permanent dev eth0\n"
-            for number in range(1, MOST_HOSTS + 1)
-        )
-        subprocess.run(self.command("ip", "-batch", "-"), input=lines, text=True, check=True)
-
-    def namespace(self):
-        return f"/proc/{self.holder.pid}/ns/net"
-
-    def command(self, *words):
-        return ["nsenter", f"--net={self.namespace()}", *words]
-
-    def run(self, *words):
-        run(*self.command(*words))
+class Host(hosts.Host):
+    """One on which programs are started."""
 
     def start(self, *words, **options):
         environment = {**os.environ, "LUMORA_LINK_INTERFACE": "eth0", **options.pop("env", {})}
         return ChildProcess(self.command(*words), env=environment, stderr=subprocess.DEVNULL, **options)
-
-    def close(self):
-        # The kernel takes its time to remove the interface of a namespace that has ended.
-        run("ip", "link", "delete", self.name)
-        self.holder.kill()
-        self.holder.wait()
 
 
 class Console(ChildProcess):
@@ -151,9 +88,8 @@ class HubCase(unittest.TestCase):
 
     def setUp(self):
         self.hosts = {}
-        run("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
-        self.addCleanup(run, "ip", "link", "delete", "br0")
-        run("ip", "link", "set", "br0", "up")
+        hosts.make_bridge()
+        self.addCleanup(hosts.remove_bridge)
 
     def host(self, number):
         if number not in self.hosts:

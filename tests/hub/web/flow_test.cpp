@@ -64,10 +64,11 @@ TEST(BlockFlowTest, ABlockThatIsBeingSentIsNotDropped) {
     ScriptedHub hub;
     hub.Appear(MakeDevice("a", "1", {"s"}));
     WebCounts counts;
+    BlockEvents events;
     auto consumer = std::make_shared<Consumer>("web", QueueLimits{1}, nullptr);
     std::array<char, 64> room{};
     {
-        BlockFlow flow(consumer, hub.Subscribe("a@1", "s", consumer), Framing::WEB_SOCKET, counts);
+        BlockFlow flow(consumer, hub.Subscribe("a@1", "s", consumer), Framing::WEB_SOCKET, events, counts);
         EXPECT_EQ(0U, flow.Fill(room.data(), room.size()).size);
         hub.Send("a@1", "s", "first");
         EXPECT_FALSE(flow.Fill(room.data(), 25).isLast);
@@ -86,6 +87,44 @@ TEST(BlockFlowTest, ABlockThatIsBeingSentIsNotDropped) {
     EXPECT_EQ(2U, counts.blocks);
     EXPECT_EQ(2U, counts.lostOfEnded);
     EXPECT_TRUE(hub.Consumers().empty());
+}
+
+TEST(BlockFlowTest, EventsBeginWithTheTimeToConnectAgain) {
+    ScriptedHub hub;
+    hub.Appear(MakeDevice("a", "1", {"s"}));
+    WebCounts counts;
+    BlockEvents events;
+    auto consumer = std::make_shared<Consumer>("web", QueueLimits{}, nullptr);
+    std::array<char, 64> room{};
+    BlockFlow flow(consumer, hub.Subscribe("a@1", "s", consumer), Framing::SERVER_SENT_EVENTS, events,
+                   counts);
+    EXPECT_EQ("retry: 500\n\n", std::string(room.data(), flow.Fill(room.data(), room.size()).size));
+    EXPECT_EQ(0U, flow.Fill(room.data(), room.size()).size);
+    hub.Send("a@1", "s", "x");
+    EXPECT_EQ("event: text\nid: 1\ndata: x\n\n",
+              std::string(room.data(), flow.Fill(room.data(), room.size()).size));
+    EXPECT_EQ(1U, counts.blocks);
+}
+
+TEST(BlockEventsTest, AnEventIsMadeOnceForAllStreams) {
+    BlockEvents events;
+    const BlockPointer block = BlockOf("x");
+    const SharedText text = events.Of(block);
+    EXPECT_EQ(BlockEvent(*block), *text);
+    EXPECT_EQ(text, events.Of(block));
+}
+
+TEST(BlockEventsTest, AnEventThatIsBeingSentIsSharedWhileManyOthersPass) {
+    BlockEvents events;
+    const BlockPointer block = BlockOf("x");
+    const SharedText text = events.Of(block);
+    std::weak_ptr<const std::string> passed;
+    for (int i = 0; i < 10; ++i) {
+        passed = events.Of(BlockOf(std::string(1 << 20, 'y')));
+    }
+    EXPECT_EQ(text, events.Of(block));
+    events.Of(BlockOf(std::string(3 << 20, 'y')));
+    EXPECT_TRUE(passed.expired()) << "kept without a stream that sends it";
 }
 
 }  // namespace

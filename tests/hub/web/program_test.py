@@ -39,6 +39,7 @@ class Program(unittest.TestCase):
         path = f"{url}/{device['id']}"
         self.assertEqual(json.loads(get(f"{path}/commands", b'{"name":"hello","parameter":"x"}')), {"done": True})
         with urllib.request.urlopen(f"{path}/services/echo/events", timeout=30) as events:
+            self.assertEqual((events.readline(), events.readline()), (b"retry: 500\n", b"\n"))
             until(lambda: json.loads(get(path))["services"][0]["consumers"] == 1)
             until(lambda: json.loads(get(path))["channel"] == "connected")
             until(lambda: self.echoes(path, events), what="the device's answer")

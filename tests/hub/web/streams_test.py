@@ -22,6 +22,7 @@ class Events:
         self.status = int(self.file.readline().split()[1])
         while self.file.readline() != b"\r\n":
             pass
+        assert self.file.readline() + self.file.readline() == b"retry: 500\n\n"
 
     def next(self):
         fields = {"data": []}
