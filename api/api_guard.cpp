@@ -75,12 +75,12 @@ ApiLock::ApiLock(ApiMutex& mutex, Side side, const char* function, int line, Fro
         mMutex.Lock();
         mHeld = true;
     } else if (fromOnData == FromOnData::REFUSED) {
-        LogInfo(LOG_ERROR, "LUMRA", function, line, "called from OnData: it would wait for itself.\n");
+        LUMORA_LOG_AT(LOG_ERROR, function, line, "called from OnData: it would wait for itself.\n");
     } else if (mMutex.LockWhile(*transportRunning)) {
         mHeld = true;
     } else {
-        LogInfo(LOG_ERROR, "LUMRA", function, line,
-                "called from OnData while the transport is being stopped.\n");
+        LUMORA_LOG_AT(LOG_ERROR, function, line,
+                      "called from OnData while the transport is being stopped.\n");
     }
 }
 
@@ -96,8 +96,8 @@ bool IsForkedChild(const char* function, int line) {
     if (!g_allCallsRefused.load(std::memory_order_relaxed)) {
         return false;
     }
-    LogInfo(LOG_ERROR, "LUMRA", function, line,
-            "called in a forked child of a process that uses Lumora; only exec may follow.\n");
+    LUMORA_LOG_AT(LOG_ERROR, function, line,
+                  "called in a forked child of a process that uses Lumora; only exec may follow.\n");
     return true;
 }
 
@@ -105,8 +105,8 @@ bool RejectReentrantCall(Side side, const char* function, int line) {
     if (!CallbackScope::Inside(side)) {
         return false;
     }
-    LogInfo(LOG_ERROR, "LUMRA", function, line,
-            "called from a callback of the same side: it would wait for itself.\n");
+    LUMORA_LOG_AT(LOG_ERROR, function, line,
+                  "called from a callback of the same side: it would wait for itself.\n");
     return true;
 }
 
@@ -115,9 +115,9 @@ int FailedByException(const char* function, int line) {
     try {
         throw;
     } catch (const std::exception& failure) {
-        LogInfo(LOG_ERROR, "LUMRA", function, line, "failed: %s\n", failure.what());
+        LUMORA_LOG_AT(LOG_ERROR, function, line, "failed: %s\n", failure.what());
     } catch (...) {
-        LogInfo(LOG_ERROR, "LUMRA", function, line, "failed by an unknown exception.\n");
+        LUMORA_LOG_AT(LOG_ERROR, function, line, "failed by an unknown exception.\n");
     }
     return -1;
 }

@@ -57,15 +57,15 @@ std::size_t ParamLength(const char* cmd, const char* param) {
 // all.
 int CopyVersion(const char* function, const std::string& version, char* buff, unsigned int buffLen) {
     if (version.length() >= buffLen) {
-        LogInfo(lumora::LOG_ERROR, "LUMRA", function, __LINE__, "buff is too short!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, function, "buff is too short!\n");
         return -1;
     }
     if (memset_s(buff, buffLen, 0, buffLen) != 0) {
-        LogInfo(lumora::LOG_ERROR, "LUMRA", function, __LINE__, "memset_s failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, function, "memset_s failed!\n");
         return -1;
     }
     if (!version.empty() && memcpy_s(buff, buffLen, version.data(), version.length()) != 0) {
-        LogInfo(lumora::LOG_ERROR, "LUMRA", function, __LINE__, "memcpy_s failed!\n");
+        LUMORA_LOG_AS(lumora::LOG_ERROR, function, "memcpy_s failed!\n");
         return -1;
     }
     return 0;

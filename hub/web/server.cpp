@@ -432,16 +432,16 @@ std::chrono::milliseconds Server::TimeOf(Connection::Phase phase) const {
 }
 
 void Server::OnMail() {
-    std::set<std::uint64_t> streams;
-    for (Site::LateReply& late : mSite.TakeMail(streams)) {
+    Site::Mailing mailing = mSite.TakeMail();
+    for (Site::LateReply& late : mailing.replies) {
         const auto place = mConnections.find(late.number);
         if (place != mConnections.end() && place->second->phase == Connection::Phase::WAITING) {
             TakeReply(*place->second, std::move(late.reply));
         }
     }
     for (const auto& [number, connection] : mConnections) {
-        // What is told of devices goes to all streams; those that have nothing to send do nothing.
-        if (connection->phase == Connection::Phase::STREAM) {
+        const bool hasMail = mailing.hasNews || mailing.streams.count(number) != 0;
+        if (hasMail && connection->phase == Connection::Phase::STREAM) {
             AwaitRoom(*connection);
         }
     }

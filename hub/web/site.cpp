@@ -339,14 +339,14 @@ void Site::Forget(std::uint64_t number) {
     }
 }
 
-std::vector<Site::LateReply> Site::TakeMail(std::set<std::uint64_t>& streams) {
-    std::vector<LateReply> replies;
+Site::Mailing Site::TakeMail() {
+    Mailing mailing;
     Mailbox::Mail mail = mMailbox->TakeAll();
     for (const auto& [request, outcome] : mail.outcomes) {
         const auto pending = mPending.find(request);
         if (pending != mPending.end()) {
             if (pending->second != 0) {
-                replies.push_back({pending->second, OfOutcome(outcome)});
+                mailing.replies.push_back({pending->second, OfOutcome(outcome)});
             }
             mPending.erase(pending);
         }
@@ -357,14 +357,15 @@ std::vector<Site::LateReply> Site::TakeMail(std::set<std::uint64_t>& streams) {
         for (auto waiting = mAwaitingBlock.begin(); block && waiting != mAwaitingBlock.end();) {
             const bool isMeant = waiting->second == key;
             if (isMeant) {
-                replies.push_back({waiting->first, OfBlock(block)});
+                mailing.replies.push_back({waiting->first, OfBlock(block)});
             }
             waiting = isMeant ? mAwaitingBlock.erase(waiting) : std::next(waiting);
         }
     }
     mNews.Take(mail.events);
-    streams = std::move(mail.ready);
-    return replies;
+    mailing.hasNews = !mail.events.empty();
+    mailing.streams = std::move(mail.ready);
+    return mailing;
 }
 
 // The watch begins with the first call, when the mailbox is open.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -63,9 +64,13 @@ public:
         std::uint64_t number;
         Reply reply;
     };
-    // Takes what threads of the hub have left. The result has replies to waiting connections. streams gets
-    // the numbers of those whose streams have something to send.
-    std::vector<LateReply> TakeMail(std::set<std::uint64_t>& streams);
+    // What threads of the hub have left for connections.
+    struct Mailing {
+        std::vector<LateReply> replies;   // to those that wait
+        std::set<std::uint64_t> streams;  // those that have a block to send
+        bool hasNews = false;             // of devices, which any stream may have to send
+    };
+    Mailing TakeMail();
     // Once a second.
     void Tick();
 

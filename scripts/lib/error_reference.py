@@ -22,7 +22,7 @@ DOCUMENT = ROOT / "docs" / "generated" / "errors.md"
 # The name of a call that logs, its level (or None: the first argument), and the place of its text.
 CALLS = {
     "LUMORA_TRACE": (0, 0), "LUMORA_DETAIL": (1, 0), "LUMORA_STATE": (2, 0), "LUMORA_WARNING": (3, 0),
-    "LUMORA_ERROR": (4, 0), "LUMORA_REQUIRE": (4, 1), "LUMORA_LOG_AS": (None, 2),
+    "LUMORA_ERROR": (4, 0), "LUMORA_REQUIRE": (4, 1), "LUMORA_LOG_AS": (None, 2), "LUMORA_LOG_AT": (None, 3),
     "LogInfo": (None, 4), "LINK_LOG": (None, 1),
     "LINK_LOG_LIMITED": (None, 1), "HUB_LOG": (None, 1), "MQTT_LOG": (None, 1),
     "MQTT_LOG_LIMITED": (None, 1), "ReportToStderr": ("-", 0),

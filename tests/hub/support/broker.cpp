@@ -172,8 +172,9 @@ BrokerClient::BrokerClient() {
 }
 
 BrokerClient::~BrokerClient() {
+    // The thread ends by itself after that. If it is cancelled, its locks may stay taken.
     mosquitto_disconnect(mClient.get());
-    mosquitto_loop_stop(mClient.get(), true);
+    mosquitto_loop_stop(mClient.get(), false);
 }
 
 void BrokerClient::Subscribe(const std::string& filter, int qos) {
