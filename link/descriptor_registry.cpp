@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <initializer_list>
 #include <new>
 #include <utility>
 
@@ -78,8 +79,14 @@ int Answer(RequestHandler handler, AppResource* resource, const RemoteEndpoint* 
 
 // The platform is a C library: whatever a handler throws ends here, because a request must never end the
 // process. A peer can make a handler throw, for example by a number that std::stoi cannot read.
+// A vendor's platform may also leave out one of `arguments`, which are the requester and texts. `function`
+// names the handler in the log.
 template <typename Function>
-int AnswerWithoutThrowing(Function answer) {
+int AnswerGuarded(const char* function, std::initializer_list<const void*> arguments, Function answer) {
+    if (std::find(arguments.begin(), arguments.end(), nullptr) != arguments.end()) {
+        LUMORA_LOG_AS(LOG_WARNING, function, "a request without a requester, a key or a value is refused\n");
+        return -1;
+    }
     try {
         return answer();
     } catch (...) {
@@ -93,25 +100,29 @@ extern "C" {
 
 static int DoGET(AppResource* resource, const RemoteEndpoint* requester, const char* key, char* buffer,
                  unsigned int size) {
-    return AnswerWithoutThrowing([&] { return AnswerGet(resource, requester, key, buffer, size); });
+    return AnswerGuarded(__func__, {requester, key, buffer},
+                         [&] { return AnswerGet(resource, requester, key, buffer, size); });
 }
 
 static int DoPUT(AppResource* resource, const RemoteEndpoint* requester, const char* key, const char* value,
                  unsigned int) {
-    return AnswerWithoutThrowing(
-        [&] { return Answer(&LinkDeviceDescriptor::OnPut, resource, requester, key, value); });
+    return AnswerGuarded(__func__, {requester, key, value}, [&] {
+        return Answer(&LinkDeviceDescriptor::OnPut, resource, requester, key, value);
+    });
 }
 
 static int DoPOST(AppResource* resource, const RemoteEndpoint* requester, const char* key, const char* value,
                   unsigned int) {
-    return AnswerWithoutThrowing(
-        [&] { return Answer(&LinkDeviceDescriptor::OnPost, resource, requester, key, value); });
+    return AnswerGuarded(__func__, {requester, key, value}, [&] {
+        return Answer(&LinkDeviceDescriptor::OnPost, resource, requester, key, value);
+    });
 }
 
 static int DoDELETE(AppResource* resource, const RemoteEndpoint* requester, const char* key,
                     const char* value, unsigned int) {
-    return AnswerWithoutThrowing(
-        [&] { return Answer(&LinkDeviceDescriptor::OnDelete, resource, requester, key, value); });
+    return AnswerGuarded(__func__, {requester, key, value}, [&] {
+        return Answer(&LinkDeviceDescriptor::OnDelete, resource, requester, key, value);
+    });
 }
 
 // The text outlives the reference that is dropped here: the module that registered the descriptor holds it

@@ -44,6 +44,16 @@ const char* MissingOperation(const AppResourceProxy& table) {
                                          : nullptr;
 }
 
+// The platform is a vendor's file: an event without its texts must not end the process. `function` names the
+// caller in the log.
+bool LacksText(const NotifyDeviceInfo& info, const char* function) {
+    if (info.addr != nullptr && info.devType != nullptr) {
+        return false;
+    }
+    LUMORA_LOG_AS(LOG_WARNING, function, "a device event without an address or a type is ignored\n");
+    return true;
+}
+
 template <typename Table>
 bool IsComplete(const Table& table, const char* name) {
     const char* const missing = MissingOperation(table);
@@ -165,6 +175,9 @@ int SmartHomeLinkHybird::NotifyCallback(NotifyDeviceInfo* info) {
         LUMORA_DETAIL("g_mNotifyCallback is nullptr, can't callback!\n");
         return -1;
     }
+    if (LacksText(*info, __func__)) {
+        return -1;
+    }
     if (ConnectAddr() != info->addr) {
         return 0;
     }
@@ -189,6 +202,9 @@ void SmartHomeLinkHybird::WithdrawNotifyCallback(LumoraNotifyCallback* callback)
 int RemoteDeviceNotifyCallback(NotifyDeviceInfo* info) {
     if (info == nullptr) {
         return 0;
+    }
+    if (LacksText(*info, __func__)) {
+        return -1;
     }
     if (info->event == NOTIFY_DEVICE_ADDED) {
         LUMORA_STATE("Remote Device Notify : add device id (%u), devType (%s), addr (%s), port (%d)\n",

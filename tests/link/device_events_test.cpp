@@ -65,6 +65,21 @@ TEST_F(DeviceEventsTest, EveryEventButOneIsARemoval) {
     }
 }
 
+// A vendor's platform may be unfinished.
+TEST_F(DeviceEventsTest, EventWithoutAnAddressOrATypeIsIgnoredWithAWarning) {
+    NotifyDeviceInfo noAddress = {1, 9, nullptr, 40001, "camera"};
+    NotifyDeviceInfo noType = {2, 9, "10.0.0.7", 40001, nullptr};
+    for (NotifyDeviceInfo* info : {&noAddress, &noType}) {
+        mLog.Clear();
+        EXPECT_EQ(-1, RemoteDeviceNotifyCallback(info));
+        EXPECT_EQ(-1, SmartHomeLinkHybird::NotifyCallback(info));
+        EXPECT_THAT(mLog.Texts(3), ElementsAre("a device event without an address or a type is ignored\n",
+                                               "a device event without an address or a type is ignored\n"));
+        EXPECT_EQ(2U, mLog.Lines().size());
+    }
+    EXPECT_THAT(mNotify.events, IsEmpty());
+}
+
 TEST_F(DeviceEventsTest, ComingIsLogged) {
     mPlatform.SendEvent(1, 4294967295U, "10.0.0.7", 40001, "camera");
     EXPECT_THAT(mLog.Texts(2),

@@ -63,6 +63,25 @@ protected:
     char mBuffer[1024] = {};
 };
 
+// A vendor's platform may be unfinished.
+TEST_F(RequestHandlersTest, RequestThatLacksAnArgumentIsRefusedWithAWarning) {
+    AppResource* const record = mRecord.get();
+    EXPECT_EQ(-1, record->DoGET(record, nullptr, "k", mBuffer, sizeof(mBuffer)));
+    EXPECT_EQ(-1, record->DoGET(record, &mRequester, nullptr, mBuffer, sizeof(mBuffer)));
+    EXPECT_EQ(-1, record->DoGET(record, &mRequester, "k", nullptr, sizeof(mBuffer)));
+    std::size_t refused = 3;
+    for (const auto handler : {record->DoPUT, record->DoPOST, record->DoDELETE}) {
+        EXPECT_EQ(-1, handler(record, nullptr, "k", "v", 1));
+        EXPECT_EQ(-1, handler(record, &mRequester, nullptr, "v", 1));
+        EXPECT_EQ(-1, handler(record, &mRequester, "k", nullptr, 1));
+        refused += 3;
+    }
+    EXPECT_THAT(mDescriptor->calls, IsEmpty());
+    EXPECT_THAT(mLog.Texts(3), testing::AllOf(testing::SizeIs(refused),
+                                              testing::Each("a request without a requester, a key or a value "
+                                                            "is refused\n")));
+}
+
 TEST_F(RequestHandlersTest, GetGoesToOnGetAndTakesItsReply) {
     mDescriptor->reply = "busy";
     EXPECT_EQ(0, Get("TransStatus"));

@@ -93,10 +93,7 @@ Milliseconds Discovery::LongestDelay(const CoapMessage& probe) const {
 
 // This node included.
 std::size_t Discovery::NodesLikeThis() const {
-    const std::vector<const Peer*> others = mPresence.Directory().OfType(*mLocalNode.deviceType);
-    return 1 + static_cast<std::size_t>(std::count_if(others.begin(), others.end(), [this](const Peer* peer) {
-               return mPresence.Directory().IsCredible(*peer);
-           }));
+    return 1 + mPresence.Directory().CountOfType(*mLocalNode.deviceType);
 }
 
 CoapMessage Discovery::AnswerTo(const CoapMessage& probe, in_addr_t localHost, TimePoint now) const {
@@ -193,7 +190,7 @@ void Discovery::Tick(TimePoint now) {
 }
 
 TimePoint Discovery::NextDeadline(TimePoint now) const {
-    TimePoint next = mLookRound.NextProbe();
+    TimePoint next = MayLookRound() ? mLookRound.NextProbe() : TimePoint::max();
     if (!mAnswers.empty()) {
         next = std::min(next, mAnswers.begin()->first);
     }
@@ -246,7 +243,11 @@ void Discovery::SendDueAnswers(TimePoint now) {
 }
 
 void Discovery::SendDueLooks(TimePoint now) {
-    while (const auto number = mLookRound.TakeDueProbe(now)) {
+    while (MayLookRound()) {
+        const auto number = mLookRound.TakeDueProbe(now);
+        if (!number) {
+            return;
+        }
         CoapMessage probe =
             MakeProbe(*mLocalNode.deviceType, mLookRound.Token() + static_cast<char>(*number), {});
         MarkAsLookRound(probe);

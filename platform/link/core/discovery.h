@@ -61,6 +61,8 @@ private:
 
     bool MayAnswer(const Endpoint& asker, TimePoint now);
     bool MayAnswerLookRound(TimePoint now);
+    // The probes of a look round wait while this node searches.
+    bool MayLookRound() const { return mSearches.empty(); }
     void OnLookRound(const CoapMessage& probe, const Endpoint& source, TimePoint now);
     bool AwaitsHello(TimePoint now) const;
     bool CanCount(TimePoint now) const;

@@ -6,7 +6,7 @@ namespace lumora_link {
 
 void LookRound::Begin(std::string token, TimePoint now) {
     mToken = std::move(token);
-    mStart = now;
+    mNext = now;
     mSent = 0;
     mIsOver = false;
 }
@@ -15,15 +15,15 @@ std::optional<unsigned> LookRound::TakeDueProbe(TimePoint now) {
     if (now < NextProbe()) {
         return std::nullopt;
     }
+    mLast = now;
+    mNext = now + PAUSE;
     return mSent++;
 }
 
 bool LookRound::HasSeenAll(TimePoint now) const {
-    return !mIsOver && now >= mStart + (PROBES - 1) * PAUSE + QUIET;
+    return !mIsOver && mSent == PROBES && now >= mLast + QUIET;
 }
 
-TimePoint LookRound::NextProbe() const {
-    return mIsOver || mSent == PROBES ? TimePoint::max() : mStart + mSent * PAUSE;
-}
+TimePoint LookRound::NextProbe() const { return mIsOver || mSent == PROBES ? TimePoint::max() : mNext; }
 
 }  // namespace lumora_link

@@ -3,6 +3,9 @@
 // A node that has listened for a while knows every node from its hello. A node that has just started knows
 // none, so it asks for the nodes of its type: six times, because datagrams get lost. Then it knows them. In a
 // crowd only a few of them answer, and they count for the new node as well.
+//
+// Each probe wakes every node of the network. While the new node itself searches, probes would delay the
+// answers to that search, so the caller may take the next one later.
 #pragma once
 
 #include <optional>
@@ -21,7 +24,7 @@ public:
 
     // Begins anew. The token is the beginning of those of the probes.
     void Begin(std::string token, TimePoint now);
-    // The number of the probe that is due, once.
+    // The number of the probe that is due, once. The pause to the next one begins when this one is taken.
     std::optional<unsigned> TakeDueProbe(TimePoint now);
     // Another node knows the network, so this one need not; or they are too many for a look.
     void End() { mIsOver = true; }
@@ -33,7 +36,8 @@ public:
 
 private:
     std::string mToken;
-    TimePoint mStart{};
+    TimePoint mNext{};
+    TimePoint mLast{};
     unsigned mSent = PROBES;
     bool mIsOver = true;
 };

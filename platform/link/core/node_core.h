@@ -51,6 +51,8 @@ public:
 
     void Tick(TimePoint now);
     TimePoint NextDeadline(TimePoint now) const;
+    // Whether this node knows so many others that their hellos may be passed on together.
+    bool IsInCrowd() const { return mPresence.Directory().IsCrowd(); }
 
 private:
     void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path, TimePoint now);

@@ -318,6 +318,17 @@ std::vector<const Peer*> PeerDirectory::OfType(const std::string& deviceType) co
     return found;
 }
 
+std::size_t PeerDirectory::CountOfType(const std::string& deviceType) const {
+    // If no address has too many unconfirmed nodes, every node is credible.
+    if (mUnconfirmedQuota.LargestCount() <= MANY) {
+        const auto count = mTypes.find(deviceType);
+        return count == mTypes.end() ? 0 : count->second;
+    }
+    const std::vector<const Peer*> peers = OfType(deviceType);
+    return static_cast<std::size_t>(
+        std::count_if(peers.begin(), peers.end(), [this](const Peer* peer) { return IsCredible(*peer); }));
+}
+
 std::vector<DeviceEvent> PeerDirectory::TakeEvents() {
     if (mSuspects.empty()) {
         Announce(TimePoint::max());
@@ -370,7 +381,12 @@ Peer& PeerDirectory::Add(const NodeDescription& node, bool unicast, TimePoint no
     mIds[node.endpoint] = node.identity.id;
     peer.place = mUnconfirmed.Add(node.endpoint.host, node.identity.id);
     mUnconfirmedQuota.Enter(node.endpoint.host);
-    return mPeers.emplace(node.identity.id, std::move(peer)).first->second;
+    std::size_t* const sameType = node.deviceType ? &mTypes[*node.deviceType] : nullptr;
+    Peer& added = mPeers.emplace(node.identity.id, std::move(peer)).first->second;
+    if (sameType != nullptr) {
+        ++*sameType;
+    }
+    return added;
 }
 
 // Confirmed nodes are never dropped. Of the others, the oldest of the address with most nodes is dropped.
@@ -420,6 +436,10 @@ PeerDirectory::Peers_t::iterator PeerDirectory::Remove(Peers_t::iterator at) {
         LeaveUnconfirmed(peer);
     } else if (--mConfirmedAt[host] == 0) {
         mConfirmedAt.erase(host);
+    }
+    const auto sameType = peer.node.deviceType ? mTypes.find(*peer.node.deviceType) : mTypes.end();
+    if (sameType != mTypes.end() && --sameType->second == 0) {
+        mTypes.erase(sameType);
     }
     return mPeers.erase(at);
 }

@@ -100,6 +100,8 @@ public:
         return peer.IsEstablished() || mUnconfirmedQuota.CountOf(peer.node.endpoint.host) <= MANY;
     }
     std::vector<const Peer*> OfType(const std::string& deviceType) const;
+    // How many credible nodes have the type. Every answer to a probe needs it, so it is kept.
+    std::size_t CountOfType(const std::string& deviceType) const;
     const std::map<std::uint64_t, Peer>& Peers() const { return mPeers; }
     bool IsCrowd() const { return mPeers.size() > CROWD; }
     // How many nodes were dropped to make room for others.
@@ -154,6 +156,7 @@ private:
     const std::uint64_t mOwnId;
     Peers_t mPeers;
     std::map<Endpoint, std::uint64_t> mIds;
+    std::map<std::string, std::size_t> mTypes;  // how many nodes have the device type
     SourceQuota mUnconfirmedQuota{"nodes", MAX_PEERS, MAX_PEERS};
     OldestFirst<std::uint64_t> mUnconfirmed;        // ids
     std::map<in_addr_t, std::size_t> mConfirmedAt;  // how many confirmed nodes have that address

@@ -9,7 +9,7 @@ namespace lumora_link {
 namespace {
 
 // Two probes with a copy each, then those for a network that loses datagrams.
-constexpr std::array<Milliseconds, 9> PROBES = {Milliseconds(0),   Milliseconds(5),   Milliseconds(100),
+constexpr std::array<Milliseconds, 9> PROBES = {Milliseconds(0),   Milliseconds(10),  Milliseconds(100),
                                                 Milliseconds(130), Milliseconds(300), Milliseconds(350),
                                                 Milliseconds(400), Milliseconds(450), Milliseconds(500)};
 // Many nodes spread their answers over 30 ms. The copy leaves afterwards, and is not needed if all have come.

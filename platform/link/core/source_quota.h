@@ -32,6 +32,9 @@ public:
     // The address with most entries; `source` if no address has more than it.
     in_addr_t Largest(in_addr_t source) const;
 
+    // How many entries the address with most of them has.
+    std::size_t LargestCount() const { return mBySize.empty() ? 0 : mBySize.rbegin()->first; }
+
     // Counts an entry that was refused or dropped for the quota's sake, and logs it once a minute.
     void OnBite(in_addr_t source);
     std::size_t Bites() const { return mBites; }

@@ -1,5 +1,6 @@
 #include "platform/link/io/group_sockets.h"
 
+#include <linux/filter.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -86,6 +87,42 @@ std::optional<Datagram> Receive(int fd) {
     return datagram;
 }
 
+// Lets in hellos only, or all else. Offset 0 is that of the UDP header, of 8 bytes. A hello of another shape,
+// such as with a token, counts as something else and is read with it.
+bool SetFilter(int fd, bool hellos) {
+    constexpr std::uint32_t HEAD = 0x5002;  // NON without a token, POST
+    constexpr std::array<std::uint32_t, 3> PATH = {0xb66c756d, 0x6f726105, 0x68656c6c};  // "lumora", "hell"
+    const std::uint32_t whole = UINT32_MAX;
+    std::array<sock_filter, 12> program = {{
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 8),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, HEAD, 0, 9),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 12),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PATH[0], 0, 7),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 16),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PATH[1], 0, 5),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 20),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PATH[2], 0, 3),
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 24),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 'o', 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, hellos ? whole : 0),
+        BPF_STMT(BPF_RET | BPF_K, hellos ? 0 : whole),
+    }};
+    const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
+    return lumora::SetSocketOption(fd, SOL_SOCKET, SO_ATTACH_FILTER, filter);
+}
+
+// Receives from the group. Each node of the host has such sockets.
+lumora::UniqueFd GroupSocket() {
+    lumora::UniqueFd fd = BoundSocket(MulticastGroup(), true);
+    if (!fd || !lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_PKTINFO, 1)) {
+        return lumora::UniqueFd();
+    }
+    // Linux delivers a group's datagrams to every socket of the host if any program joined the group on any
+    // interface. This option restricts the socket to its own memberships.
+    lumora::SetSocketOption(fd.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    return fd;
+}
+
 }  // namespace
 
 GroupSockets::GroupSockets(EventLoop& loop, Listener listener)
@@ -96,21 +133,51 @@ GroupSockets::~GroupSockets() {
     while (!mMembers.empty()) {
         Leave(mMembers.begin()->first);
     }
-    if (mGroup) {
-        mLoop.Unwatch(mGroup.Get());
+    for (const lumora::UniqueFd* fd : {&mGroup, &mHellos}) {
+        if (*fd) {
+            mLoop.Unwatch(fd->Get());
+        }
     }
 }
 
 bool GroupSockets::Open() {
-    mGroup = BoundSocket(MulticastGroup(), true);
-    if (!mGroup || !lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, IP_PKTINFO, 1)) {
+    mGroup = GroupSocket();
+    if (!mGroup) {
         return false;
     }
-    // Linux delivers a group's datagrams to every socket of the host if any program joined the group on any
-    // interface. This option restricts the socket to its own memberships.
-    lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, IP_MULTICAST_ALL, 0);
     mLoop.Watch(mGroup.Get(), [this] { ReadGroup(); });
+    if (OpenHellos()) {
+        mLoop.Watch(mHellos.Get(), [this] { ReadHellos(); });
+    } else {
+        mHellos = lumora::UniqueFd();
+    }
     return true;
+}
+
+bool GroupSockets::OpenHellos() {
+    mHellos = GroupSocket();
+    return mHellos && SetFilter(mHellos.Get(), true) && SetFilter(mGroup.Get(), false);
+}
+
+void GroupSockets::ReadHellosTogether(bool together) {
+    const bool are = mNextHellos != TimePoint::max();
+    if (!mHellos || together == are) {
+        return;
+    }
+    if (together) {
+        mLoop.Unwatch(mHellos.Get());
+        mNextHellos = Clock::now() + READ_HELLOS_EVERY;
+    } else {
+        mLoop.Watch(mHellos.Get(), [this] { ReadHellos(); });
+        mNextHellos = TimePoint::max();
+    }
+}
+
+void GroupSockets::ReadHellos() {
+    const bool all = !mHellos || ReadFromGroup(mHellos.Get());
+    if (mNextHellos != TimePoint::max()) {
+        mNextHellos = Clock::now() + (all ? READ_HELLOS_EVERY : Milliseconds(0));
+    }
 }
 
 bool GroupSockets::Use(const std::vector<LocalInterface>& interfaces) {
@@ -188,22 +255,34 @@ void GroupSockets::Membership(const LocalInterface& local, int option) {
     request.imr_address.s_addr = local.host;
     request.imr_ifindex = static_cast<int>(local.index);
     // Leaving fails if the interface has gone; the kernel dropped the membership with it.
-    if (!lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, option, request) && option == IP_ADD_MEMBERSHIP) {
+    const bool done = lumora::SetSocketOption(mGroup.Get(), IPPROTO_IP, option, request) &&
+                      (!mHellos || lumora::SetSocketOption(mHellos.Get(), IPPROTO_IP, option, request));
+    if (!done && option == IP_ADD_MEMBERSHIP) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "cannot join the group on %s: %s\n", local.name.c_str(),
                          std::strerror(errno));
     }
 }
 
-void GroupSockets::ReadGroup() {
+void GroupSockets::ReadGroup() { ReadFromGroup(mGroup.Get()); }
+
+// False if more may be left.
+bool GroupSockets::ReadFromGroup(int fd) {
     for (int reads = 0; reads < READS_PER_TURN; ++reads) {
-        const auto datagram = Receive(mGroup.Get());
+        const auto datagram = Receive(fd);
         if (!datagram) {
-            return;
+            return true;
         }
-        if (const auto message = ParseMessage(datagram->bytes)) {
-            mListener.onGroupMessage(*message, datagram->source, datagram->interface);
+        const auto message = ParseMessage(datagram->bytes);
+        if (!message) {
+            continue;
         }
+        if (fd == mGroup.Get() && message->code == code::POST) {
+            // A goodbye must not overtake the hello of the same node.
+            ReadHellos();
+        }
+        mListener.onGroupMessage(*message, datagram->source, datagram->interface);
     }
+    return false;
 }
 
 void GroupSockets::ReadAnswers(int fd) {

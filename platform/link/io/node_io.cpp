@@ -121,11 +121,11 @@ bool NodeIo::OpenPorts() {
 // libcoap's socket for requests, with a key a second one, and the socket for what goes to the group.
 std::size_t NodeIo::DescriptorsOfAnInterface() const { return mConfig.pskFile ? 3 : 2; }
 
-// Besides those of the interfaces: one or two reserved ports, the loop's three, libcoap's two, the group, the
-// routing socket, and one to ask another node.
+// Besides those of the interfaces: one or two reserved ports, the loop's three, libcoap's two, the group's
+// two, the routing socket, and one to ask another node.
 std::size_t NodeIo::DescriptorsOfANode() const {
     const auto used = SelectInterfaces(ListSystemInterfaces(), mConfig.interfaces);
-    return (mConfig.pskFile ? 10U : 9U) + used.size() * DescriptorsOfAnInterface();
+    return (mConfig.pskFile ? 11U : 10U) + used.size() * DescriptorsOfAnInterface();
 }
 
 // Of a node without a key `keys` stays empty. False, with a log line, if the keys are not as they should be.
@@ -236,18 +236,23 @@ void NodeIo::Turn() {
     // libcoap queues work for itself. It must be done before the next deadline is computed.
     mCoap->Settle();
     const TimePoint now = Clock::now();
+    if (now >= mGroup->NextHellos()) {
+        // Before Tick, which would doubt nodes whose hellos have not been read.
+        mGroup->ReadHellos();
+    }
     if (mCore.NextDeadline(now) <= now) {
         mCore.Tick(now);
         mCoap->Settle();
     }
+    mGroup->ReadHellosTogether(mCore.IsInCrowd());
     if (now >= mTryAgain) {
         FollowInterfaces();
     }
     if (now >= mLookAtKeys) {
         FollowKeys(now);
     }
-    mLoop.WakeAt(
-        std::min({LatestLook(mLookAtKeys), mCore.NextDeadline(now), mCoap->NextDeadline(), mTryAgain}));
+    mLoop.WakeAt(std::min({LatestLook(mLookAtKeys), mCore.NextDeadline(now), mCoap->NextDeadline(), mTryAgain,
+                           mGroup->NextHellos()}));
     mLoop.RunOnce();
 }
 

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <tuple>
 
 namespace lumora_link {
 
@@ -26,9 +25,8 @@ struct Endpoint {
     bool operator==(const Endpoint& other) const { return host == other.host && port == other.port; }
     bool operator!=(const Endpoint& other) const { return !(*this == other); }
     // By the dotted form's numbers, so that lists come in the order a reader expects.
-    bool operator<(const Endpoint& other) const {
-        return std::make_tuple(ntohl(host), port) < std::make_tuple(ntohl(other.host), other.port);
-    }
+    bool operator<(const Endpoint& other) const { return Order() < other.Order(); }
+    std::uint64_t Order() const { return std::uint64_t{ntohl(host)} << 16 | port; }
 };
 
 std::string HostText(in_addr_t host);

@@ -590,6 +590,36 @@ TEST(LinkHandleTest, WithFewDescriptorsANodeDoesNotStartOrCanBeFound) {
     EXPECT_GT(refused, 3);
 }
 
+// Hellos are read together there.
+TEST(LinkHandleTest, AmongManyNodesNoneIsTakenForDeadAndThoseThatComeAndGoAreTold) {
+    constexpr std::size_t MANY = 40;
+    TestNode watcher("reader");
+    ASSERT_TRUE(watcher.Start());
+    TestNode pattern("camera");
+    std::vector<LinkPlatform*> crowd(MANY);
+    for (LinkPlatform*& node : crowd) {
+        node = GetLinkPlatform();
+        ASSERT_EQ(node->Init(node), 0);
+        ASSERT_EQ(node->RegisterResource(node, pattern.Resource(), nullptr), 0);
+        ASSERT_EQ(node->Run(node), 0);
+    }
+    const auto heard = [&](std::size_t events) {
+        return [&, events] { return watcher.Events().size() == events; };
+    };
+    ASSERT_TRUE(Eventually(heard(MANY), seconds(10)));
+    std::this_thread::sleep_for(seconds(4));
+    EXPECT_EQ(watcher.Events().size(), MANY) << "a silent node is removed after 3 s";
+    {
+        TestNode late("lamp");
+        ASSERT_TRUE(late.Start());
+        ASSERT_TRUE(Eventually(heard(MANY + 1), seconds(5)));
+    }
+    EXPECT_TRUE(Eventually(heard(MANY + 2), seconds(2)));
+    EXPECT_FALSE(watcher.Events().back().added);
+    std::for_each(crowd.begin(), crowd.end(), FreeLinkPlatform);
+    EXPECT_TRUE(Eventually(heard(2 * MANY + 2), seconds(5)));
+}
+
 TEST(LinkHandleTest, AHostWithoutThatInterfaceStartsAndWaits) {
     ASSERT_EQ(setenv("LUMORA_LINK_INTERFACE", "absent0", 1), 0);
     TestNode node("camera");

@@ -47,14 +47,14 @@ TEST_F(SearchTest, EndsEarlyWhenEveryDeviceAnswersEverything) {
     Search search("camera", {}, now);
     const std::vector<int> probes =
         Run(search, [&](unsigned probe) { search.OnAnswer(probe, Camera(1), std::nullopt, now); });
-    EXPECT_THAT(probes, ElementsAre(0, 5, 100, 130));
+    EXPECT_THAT(probes, ElementsAre(0, 10, 100, 130));
     EXPECT_EQ(SinceStart(), 230);
     EXPECT_EQ(search.Found(), 1U);
 }
 
 TEST_F(SearchTest, AsksToTheEndWhenNothingAnswers) {
     Search search("camera", {}, now);
-    EXPECT_THAT(Run(search), ElementsAre(0, 5, 100, 130, 300, 350, 400, 450, 500));
+    EXPECT_THAT(Run(search), ElementsAre(0, 10, 100, 130, 300, 350, 400, 450, 500));
     EXPECT_EQ(SinceStart(), 600);
 }
 
