@@ -14,6 +14,7 @@
 #include <memory>
 #include <string_view>
 
+#include "base/mutex.h"
 #include "line_limit.h"
 #include "log_settings.h"
 #include "log_writer.h"
@@ -41,35 +42,52 @@ struct Log {
     LogWriter writer;
 };
 
-Log& TheLog();
+// Made with the first line. Both are constant-initialised, as the threshold is.
+lumora::Mutex creation;  // the outermost lock of the log
+std::atomic<Log*> theLog{nullptr};
 
 // pthread_atfork runs these two around a fork:
-//   thread A holds a lock of the log, because it writes a line
+//   thread A holds a lock of the log, because it makes the log or writes a line
 //   thread B forks; the child has thread B alone, and a copy of the locked mutex
 //   therefore the child would wait forever at its first line.
 // The analysis cannot see that UnlockLog follows LockLog.
 void LockLog() NO_THREAD_SAFETY_ANALYSIS {
-    TheLog().limit.Lock();
-    TheLog().writer.Lock();
+    creation.lock();
+    if (Log* const log = theLog) {
+        log->limit.Lock();
+        log->writer.Lock();
+    }
 }
 
 void UnlockLog() NO_THREAD_SAFETY_ANALYSIS {
-    TheLog().writer.Unlock();
-    TheLog().limit.Unlock();
+    if (Log* const log = theLog) {
+        log->writer.Unlock();
+        log->limit.Unlock();
+    }
+    creation.unlock();
 }
+
+// Not with the first line: another thread may fork meanwhile.
+__attribute__((constructor)) void WatchForks() { pthread_atfork(LockLog, UnlockLog, UnlockLog); }
 
 std::unique_ptr<Log> MakeLog() {
     const LogSettings settings = ReadLogSettings();
     auto log = std::make_unique<Log>(settings);
-    pthread_atfork(LockLog, UnlockLog, UnlockLog);
     threshold.store(settings.threshold, std::memory_order_relaxed);
     return log;
 }
 
-// Never destroyed: threads and static objects may log until the process ends.
+// Never destroyed: threads and static objects may log until the process ends. Not a static local: a child
+// that is forked while another thread makes that would wait for the thread forever.
 Log& TheLog() {
-    static Log& log = *MakeLog().release();
-    return log;
+    if (Log* const log = theLog) {
+        return *log;
+    }
+    const lumora::MutexLock lock(creation);
+    if (theLog == nullptr) {
+        theLog = MakeLog().release();
+    }
+    return *theLog;
 }
 
 // Restores errno: callers log a failure first and evaluate errno afterwards.
