@@ -368,7 +368,7 @@ bool Server::BeginReply(Connection& connection) {
         Enter(connection, Connection::Phase::STREAM);
         return WriteHead(connection.wsi, reply, std::nullopt, true);
     }
-    Message message(std::move(reply.text), std::move(reply.block));
+    Message message(std::move(reply.text), reply.block);
     const std::size_t size = message.Size();
     const bool hasBody = connection.request.method != Method::HEAD;
     connection.flow = std::make_unique<ReplyFlow>(hasBody ? std::move(message) : Message());

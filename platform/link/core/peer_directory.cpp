@@ -49,13 +49,14 @@ void PeerDirectory::AskIfUnicast(Peer& peer, TimePoint now) {
 
 // A node on several interfaces is heard under several addresses. It keeps the first one while that one is
 // alive, so that searches, events and requests name it alike. Only hellos from that address keep it alive,
-// because another host may send the same hello.
+// because another host may send the same hello; and until it has answered a ping, hellos alone do not.
 void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast, TimePoint now) {
     if (peer.hosts.size() < MAX_HOSTS) {
         peer.hosts.insert(node.endpoint.host);
     }
     if (peer.node.identity != node.identity || peer.node.deviceType != node.deviceType) {
         Challenge(peer, now);
+        Contest(peer, node);
         return;
     }
     // A hello after a goodbye may have been delayed on its way. Only the answer to a ping disproves the
@@ -73,6 +74,13 @@ void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast
     } else if (!peer.confirmed) {
         // One of the two endpoints may belong to a stranger. The known one stays if it answers the ping.
         Challenge(peer, now);
+        Contest(peer, node);
+    }
+}
+
+void PeerDirectory::Contest(Peer& peer, const NodeDescription& contender) {
+    if (!peer.confirmed && contender.endpoint != peer.node.endpoint) {
+        peer.contender = contender;
     }
 }
 
@@ -88,6 +96,7 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
         peer.goodbyeDisproved = peer.goodbyeDisproved || peer.saidGoodbye;
         peer.saidGoodbye.reset();
         peer.goodbyeHosts.clear();
+        peer.contender.reset();
         Clear(peer, now);
         Confirm(peer);
         return false;
@@ -191,6 +200,7 @@ void PeerDirectory::Tick(TimePoint now) {
     mMayCheck = now + CHECK_MANY_EVERY;
     ProbeSuspects(now);
     Announce(now);
+    std::vector<NodeDescription> contenders;
     for (auto at = mPeers.begin(); at != mPeers.end();) {
         Peer& peer = at->second;
         if (!peer.doubtedSince && now - peer.heard >= DOUBT_AFTER) {
@@ -202,17 +212,26 @@ void PeerDirectory::Tick(TimePoint now) {
                 AddTombstone(peer, now);
             }
             // Without a goodbye the cause may be a cut link. No tombstone: the same instance may come back.
+            if (peer.contender) {
+                contenders.push_back(*peer.contender);
+            }
             at = Remove(at);
             continue;
         }
         CheckAt(due);
         ++at;
     }
+    for (const NodeDescription& contender : contenders) {
+        OnHello(contender, false, now);
+    }
 }
 
 TimePoint PeerDirectory::GivenUpAt(const Peer& peer) {
     // A suspect that does not answer gets as much time as any other silent node.
-    const TimePoint silent = std::max(*peer.doubtedSince, peer.heard + DOUBT_AFTER) + GIVE_UP_AFTER;
+    // The hellos of one with a contender prove nothing.
+    const TimePoint doubted =
+        peer.contender ? *peer.doubtedSince : std::max(*peer.doubtedSince, peer.heard + DOUBT_AFTER);
+    const TimePoint silent = doubted + GIVE_UP_AFTER;
     return peer.saidGoodbye ? std::min(silent, *peer.saidGoodbye + GIVE_UP_AFTER_GOODBYE) : silent;
 }
 
@@ -231,10 +250,13 @@ void PeerDirectory::EndProbe(Peer& peer) {
     mSuspects.erase(peer.node.identity.id);
 }
 
-// The node was heard at its endpoint just now.
+// The node was heard at its endpoint just now. If another endpoint claims to be this node, a hello is not
+// enough: a stranger that repeats hellos would keep a newcomer from the real node for ever.
 void PeerDirectory::Clear(Peer& peer, TimePoint now) {
     peer.heard = now;
-    EndProbe(peer);
+    if (!peer.contender) {
+        EndProbe(peer);
+    }
 }
 
 void PeerDirectory::Confirm(Peer& peer) {

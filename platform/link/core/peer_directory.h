@@ -38,6 +38,9 @@ struct Peer {
     // It answered a ping after a goodbye, which was therefore forged. Its next goodbye shortens no timeout.
     bool goodbyeDisproved = false;
     bool confirmed = false;
+    // What another endpoint says, that claims to be this node. Only the answer to a ping refutes it; without
+    // one the contender gets the place.
+    std::optional<NodeDescription> contender;
     unsigned words = 1;  // how often it was heard at its endpoint
     TimePoint challenged{};
     std::uint64_t place = 0;  // among the unconfirmed nodes of its address
@@ -143,6 +146,7 @@ private:
     void Clear(Peer& peer, TimePoint now);
     void Confirm(Peer& peer);
     void Challenge(Peer& peer, TimePoint now);
+    static void Contest(Peer& peer, const NodeDescription& contender);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
     bool IsMany() const { return mPeers.size() > MANY; }
     static TimePoint GivenUpAt(const Peer& peer);

@@ -237,6 +237,10 @@ TEST_F(PeerDirectoryTest, ANodeKeepsItsFirstAddressWhileThatIsAlive) {
     for (int round = 0; round < 10; ++round) {
         OnHello(Node(1, 1, "10.0.0.1:1"));
         OnHello(Node(1, 1, "11.0.0.1:1"));
+        Wait(Milliseconds(0));
+        if (!Doubted().empty()) {
+            Pong(1, Node(1, 1, "10.0.0.1:1"));
+        }
         Wait(Milliseconds(750));
     }
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1"));
@@ -384,8 +388,32 @@ TEST_F(PeerDirectoryTest, AnAnswerSaysNothingAboutNodesAtOtherEndpoints) {
     }
 }
 
+TEST_F(PeerDirectoryTest, HellosWithoutAnAnswerDoNotKeepThePlaceOfANodeThatClaimsIt) {
+    OnHello(Node(1, 100, "10.0.0.9:1"));
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    for (std::uint32_t time = 0; time < 1300; time += 50) {
+        OnHello(Node(1, 100, "10.0.0.9:1"));
+        OnHello(Node(1, 101 + time, "10.0.0.9:1"));
+        OnHello(Node(1, 1, "10.0.0.1:1"));
+        Wait(Milliseconds(50));
+    }
+    EXPECT_EQ(EndpointText(directory.Find(1)->node.endpoint), "10.0.0.1:1");
+    OnHello(Node(1, 100, "10.0.0.9:1"));
+    Pong(1, Node(1, 1, "10.0.0.1:1"));
+    for (std::uint32_t time = 0; time < 5000; time += 50) {
+        OnHello(Node(1, 101 + time, "10.0.0.9:1"));
+        if (time % 1500 == 0) {
+            OnHello(Node(1, 1, "10.0.0.1:1"));
+        }
+        Wait(Milliseconds(50));
+    }
+    EXPECT_EQ(EndpointText(directory.Find(1)->node.endpoint), "10.0.0.1:1");
+    EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.9:1", "-1 10.0.0.9:1", "+2 10.0.0.1:1"));
+}
+
 TEST_F(PeerDirectoryTest, HellosFromElsewhereKeepNoNodeAlive) {
     OnHello(Node(1, 1, "10.0.0.1:1"));
+    Pong(1, Node(1, 1, "10.0.0.1:1"));
     for (int count = 0; count < 30; ++count) {
         Wait(Milliseconds(100));
         if (count < 20) {
