@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "hub/web/content_type.h"
 #include "hub/web/json_texts.h"
@@ -114,6 +115,7 @@ struct Reader {
     std::unique_ptr<Flow> flow;
     bool isWebSocket = false;
     std::string message;
+    bool isGreeted = false;  // a stream of events begins with a line that is no event
 };
 
 // A site, and what a server keeps of its connections.
@@ -231,7 +233,7 @@ private:
             Require(value.find_first_of("\r\n") == value.npos && name.back() == ':', "a header is one line");
         }
         if (reply.flow) {
-            mReaders[number] = {std::move(reply.flow), request.wantsWebSocket, {}};
+            mReaders[number] = {std::move(reply.flow), request.wantsWebSocket, {}, false};
             return;
         }
         if (reply.contentType == "application/json" && !reply.block) {
@@ -242,7 +244,11 @@ private:
         }
     }
 
-    static void CheckMessage(const Reader& reader, const std::set<std::string>& blocks) {
+    static void CheckMessage(Reader& reader, const std::set<std::string>& blocks) {
+        if (!reader.isWebSocket && !std::exchange(reader.isGreeted, true)) {
+            Require(reader.message == "retry: 500\n\n", "a stream of events says when to come back");
+            return;
+        }
         std::string name;
         const bool isBlock = reader.flow->IsBinary();
         std::string text = reader.isWebSocket ? reader.message : TextOfEvent(reader.message, name);
