@@ -135,6 +135,8 @@ class Deaths(FlowCase):
         self.field.host(3).cut(True)
         time.sleep(2.3)
         self.field.host(3).cut(False)
+        # TCP tells of the end when it repeats a segment, which may be seconds after the network is whole again.
+        eventually(lambda: self.field.metric("lumora_hub_channels", "connected") == 1, "the end of the channel")
         begin = time.monotonic()
         # Blocks that waited at the device come first, so they do not tell that there is a channel again.
         eventually(lambda: self.field.metric("lumora_hub_reconnects_total", "screen") > 0, "another channel")
