@@ -387,12 +387,12 @@ def recorded(path, *to):
     at = 24  # behind the head of the file
     while at + 16 <= len(data):
         (length,) = struct.unpack_from("<I", data, at + 8)
-        packet = data[at + 16 + 14 : at + 16 + length]
+        packet = data[at + 16 + 14: at + 16 + length]
         at += 16 + length
         if len(packet) < 28 or packet[0] >> 4 != 4 or packet[9] != socket.IPPROTO_UDP:
             continue
         source, destination = socket.inet_ntoa(packet[12:16]), socket.inet_ntoa(packet[16:20])
-        udp = packet[(packet[0] & 15) * 4 :]
+        udp = packet[(packet[0] & 15) * 4:]
         ports = struct.unpack(">HH", udp[:4])
         if destination in to:
             yield (source, ports[0]), (destination, ports[1]), udp[8:]
