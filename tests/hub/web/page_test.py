@@ -278,7 +278,8 @@ class Sending(PageCase):
         self.open_camera()
         for kind in ("dragover", "drop"):
             self.assertTrue(self.run_script("const e = new DragEvent(arguments[0], {cancelable: true, bubbles: true});"
-                                            "document.querySelector('h1').dispatchEvent(e); return e.defaultPrevented", kind))
+                                            "document.querySelector('h1').dispatchEvent(e); return e.defaultPrevented",
+                                            kind))
 
     def test_an_empty_block_is_not_sent(self):
         self.open_camera()

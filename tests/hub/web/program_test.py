@@ -86,7 +86,8 @@ class Program(unittest.TestCase):
         return values
 
     @unittest.skipUnless(BROKER.exists(), "there is no broker here")
-    @unittest.skipIf("mqtt" not in subprocess.run([PROGRAMS / "lumora-hub", "--help"], capture_output=True, text=True).stdout,
+    @unittest.skipIf("mqtt" not in subprocess.run([PROGRAMS / "lumora-hub", "--help"], capture_output=True,
+                                                  text=True).stdout,
                      "the hub is built without MQTT")
     def test_the_figures_of_the_broker_are_among_the_metrics(self):
         self.start("device")
