@@ -276,8 +276,9 @@ bool GroupSockets::ReadFromGroup(int fd) {
         if (!message) {
             continue;
         }
-        if (fd == mGroup.Get() && message->code == code::POST) {
-            // A goodbye must not overtake the hello of the same node.
+        if (fd == mGroup.Get()) {
+            // Neither a goodbye nor a search must overtake the hello of the same node: a node that was killed
+            // and started again would open its channel before this node knows that the former one is gone.
             ReadHellos();
         }
         mListener.onGroupMessage(*message, datagram->source, datagram->interface);

@@ -6,7 +6,8 @@
 //
 // Hellos come to a group socket of their own. Among many nodes they come all the time, and waking the thread
 // for each would be most of what an idle node costs. They are then read together, a few times in a second.
-// What needs an answer, or tells of an end, comes to the other group socket and wakes the thread at once.
+// What needs an answer, or tells of an end, comes to the other group socket and wakes the thread at once,
+// which reads the hellos that came before it.
 #pragma once
 
 #include <functional>
