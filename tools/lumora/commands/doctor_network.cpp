@@ -388,11 +388,11 @@ void LookAtFirewall(Findings& findings) {
         findings.push_back({Level::NOTE, "firewall", "its rules cannot be read: that needs root and nft",
                             "if there is one, " + WhatMustPass()});
     } else if (rules.inTheWay > 0) {
-        findings.push_back(
-            {Level::WARNING, "firewall",
-             Count(static_cast<std::size_t>(rules.inTheWay), "rule of nft drops", "rules of nft drop") +
-                 " something",
-             WhatMustPass()});
+        findings.push_back({Level::WARNING, "firewall",
+                            Count(static_cast<unsigned long long>(rules.inTheWay), "rule of nft drops",
+                                  "rules of nft drop") +
+                                " something",
+                            WhatMustPass()});
     } else if (rules.dropping > 0) {
         findings.push_back(
             {Level::GOOD, "firewall", "the rules of nft drop something, but not what Lumora needs", ""});

@@ -192,7 +192,7 @@ std::string ShortSize(unsigned long long bytes) {
     return size < STEP * STEP ? Fixed(size / STEP, 1) + " KiB" : Fixed(size / STEP / STEP, 1) + " MiB";
 }
 
-std::string Count(std::size_t number, const char* one, const char* many) {
+std::string Count(unsigned long long number, const char* one, const char* many) {
     return Grouped(number) + ' ' + (number == 1 ? one : many);
 }
 

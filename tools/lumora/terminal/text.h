@@ -23,10 +23,10 @@ std::string OneLine(std::string_view bytes);
 std::string HexDump(std::string_view bytes);
 std::string Hex(std::string_view bytes);
 
-std::string Grouped(unsigned long long number);                            // 1,024,000
-std::string ShortSize(unsigned long long bytes);                           // 1.0 MiB
-std::string Count(std::size_t number, const char* one, const char* many);  // "1 device", "2 devices"
-std::string Milliseconds(std::chrono::nanoseconds time);                   // "0.412"
+std::string Grouped(unsigned long long number);                                   // 1,024,000
+std::string ShortSize(unsigned long long bytes);                                  // 1.0 MiB
+std::string Count(unsigned long long number, const char* one, const char* many);  // "1 device", "2 devices"
+std::string Milliseconds(std::chrono::nanoseconds time);                          // "0.412"
 
 std::string ClockTime(WallTime time);    // 12:03:04.123, local
 std::string StampedTime(WallTime time);  // 2026-01-31T12:03:04.123+0100
