@@ -8,6 +8,7 @@
 #include <string>
 
 #include "hub/web/flow.h"
+#include "hub/web/quota.h"
 #include "hub/web/request.h"
 #include "hub/web/site.h"
 
@@ -30,6 +31,7 @@ struct Connection {
     std::uint64_t number = 0;
     lws* wsi = nullptr;
     std::string address;  // of the peer
+    Quota::Share share;   // of the connections that an address may have
     Phase phase = Phase::HEAD;
     Clock::time_point deadline;  // the connection is closed then; each phase has its own
 

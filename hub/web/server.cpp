@@ -59,7 +59,10 @@ std::string NameOfHost(const WebOptions& options) {
 }  // namespace
 
 Server::Server(DeviceHub& hub, const FigureBoard& figures, const WebOptions& options)
-    : mOptions(options), mSite(hub, figures, options), mSpace(LWS_PRE + PIECE) {
+    : mOptions(options),
+      mSite(hub, figures, options),
+      mQuota(options.limits.connections, options.limits.connectionsOfAddress),
+      mSpace(LWS_PRE + PIECE) {
     const std::string refusal = Refusal(options);
     if (!refusal.empty()) {
         throw std::runtime_error(refusal);
@@ -192,9 +195,7 @@ int Server::Dispatch(lws* wsi, lws_callback_reasons reason, void* user, void* in
 }
 
 int Server::OnNetworkConnection(int socket) {
-    const auto ofAddress = mOfAddress.find(PeerAddress(socket));
-    if (mConnections.size() >= mOptions.limits.connections ||
-        (ofAddress != mOfAddress.end() && ofAddress->second >= mOptions.limits.connectionsOfAddress)) {
+    if (!mQuota.HasRoom(PeerAddress(socket))) {
         ++mSite.Counts().refused;
         return -1;
     }
@@ -210,7 +211,7 @@ int Server::OnAccepted(lws* wsi) {
     connection->address = PeerAddress(socket);
     connection->deadline = Connection::Clock::now() + mOptions.limits.head;
     lws_set_opaque_user_data(wsi, connection.get());
-    ++mOfAddress[connection->address];
+    connection->share = mQuota.Take(connection->address);
     mConnections.emplace(connection->number, std::move(connection));
     ++mSite.Counts().accepted;
     mSite.Counts().connections = mConnections.size();
@@ -221,10 +222,6 @@ void Server::OnClosed(Connection& connection) {
     lws_set_opaque_user_data(connection.wsi, nullptr);
     EndBody(connection);
     mSite.Forget(connection.number);
-    const auto ofAddress = mOfAddress.find(connection.address);
-    if (ofAddress != mOfAddress.end() && --ofAddress->second == 0) {
-        mOfAddress.erase(ofAddress);
-    }
     mConnections.erase(connection.number);
     mSite.Counts().connections = mConnections.size();
 }

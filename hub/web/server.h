@@ -13,6 +13,7 @@
 
 #include "hub/web/connection.h"
 #include "hub/web/options.h"
+#include "hub/web/quota.h"
 #include "hub/web/site.h"
 
 namespace lumora_hub::web {
@@ -76,8 +77,8 @@ private:
 
     // What follows belongs to the service thread once it runs.
     Site mSite;
+    Quota mQuota;  // of connections
     std::map<std::uint64_t, std::unique_ptr<Connection>> mConnections;
-    std::map<std::string, std::size_t> mOfAddress;  // connections
     std::uint64_t mLastNumber = 0;
     std::vector<unsigned char> mSpace;  // for what is written
     Timer mTimer;
