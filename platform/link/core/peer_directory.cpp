@@ -55,8 +55,7 @@ void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast
         peer.hosts.insert(node.endpoint.host);
     }
     if (peer.node.identity != node.identity || peer.node.deviceType != node.deviceType) {
-        Challenge(peer, now);
-        Contest(peer, node);
+        Contest(peer, node, now);
         return;
     }
     // A hello after a goodbye may have been delayed on its way. Only the answer to a ping disproves the
@@ -73,12 +72,12 @@ void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast
         AskIfUnicast(peer, now);
     } else if (!peer.confirmed) {
         // One of the two endpoints may belong to a stranger. The known one stays if it answers the ping.
-        Challenge(peer, now);
-        Contest(peer, node);
+        Contest(peer, node, now);
     }
 }
 
-void PeerDirectory::Contest(Peer& peer, const NodeDescription& contender) {
+void PeerDirectory::Contest(Peer& peer, const NodeDescription& contender, TimePoint now) {
+    Challenge(peer, now);
     if (!peer.confirmed && contender.endpoint != peer.node.endpoint) {
         peer.contender = contender;
     }

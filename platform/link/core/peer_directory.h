@@ -146,7 +146,7 @@ private:
     void Clear(Peer& peer, TimePoint now);
     void Confirm(Peer& peer);
     void Challenge(Peer& peer, TimePoint now);
-    static void Contest(Peer& peer, const NodeDescription& contender);
+    void Contest(Peer& peer, const NodeDescription& contender, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
     bool IsMany() const { return mPeers.size() > MANY; }
     static TimePoint GivenUpAt(const Peer& peer);

@@ -160,8 +160,8 @@ bool GroupSockets::OpenHellos() {
 }
 
 void GroupSockets::ReadHellosTogether(bool together) {
-    const bool are = mNextHellos != TimePoint::max();
-    if (!mHellos || together == are) {
+    const bool wasTogether = mNextHellos != TimePoint::max();
+    if (!mHellos || together == wasTogether) {
         return;
     }
     if (together) {
