@@ -235,11 +235,7 @@ private:
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    World world;
-    for (const lumora_fuzz::Record& record : lumora_fuzz::ReadScript(data, size)) {
-        world.Play(record);
-    }
-    world.End();
+    lumora_fuzz::PlayScript<World>(data, size);
     return 0;
 }
 

@@ -19,4 +19,14 @@ using Script = std::vector<Record>;
 Script ReadScript(const std::uint8_t* data, std::size_t size);
 std::string WriteScript(const Script& script);
 
+// Plays an input in a world of its own: each record, then the end.
+template <typename World>
+void PlayScript(const std::uint8_t* data, std::size_t size) {
+    World world;
+    for (const Record& record : ReadScript(data, size)) {
+        world.Play(record);
+    }
+    world.End();
+}
+
 }  // namespace lumora_fuzz

@@ -284,6 +284,15 @@ def pretend(device_type, count, treatment):
     pretender.run()
 
 
+def attack_until_told(attack, counts):
+    """Attacks each target of the counts on a thread of its own, until standard input ends, and says the counts."""
+    for target in counts:
+        threading.Thread(target=attack, args=(target,), daemon=True).start()
+    say("ready")
+    sys.stdin.read()
+    say("done", *(f"{target} {count}" for target, count in counts.items()))
+
+
 def connect(*targets):
     """Connects to each address:port again and again, and keeps each connection for a second."""
     counts = dict.fromkeys(targets, 0)
@@ -301,11 +310,7 @@ def connect(*targets):
                 held.pop(0)[1].close()
             time.sleep(0.001)
 
-    for target in targets:
-        threading.Thread(target=keep_connecting, args=(target,), daemon=True).start()
-    say("ready")
-    sys.stdin.read()
-    say("done", *(f"{target} {count}" for target, count in counts.items()))
+    attack_until_told(keep_connecting, counts)
 
 
 def pester(*targets):
@@ -345,11 +350,7 @@ def pester(*targets):
             at += 1
             time.sleep(0.002)
 
-    for target in targets:
-        threading.Thread(target=keep_on, args=(target,), daemon=True).start()
-    say("ready")
-    sys.stdin.read()
-    say("done", *(f"{target} {count}" for target, count in counts.items()))
+    attack_until_told(keep_on, counts)
 
 
 def forged(source, destination, payload):

@@ -443,13 +443,17 @@ class People(PageCase):
 
 
 class Restarts(unittest.TestCase):
-    def test_the_page_comes_back_when_the_hub_does(self):
+    def open_live_page(self):
         hub = Served()
         page = browser()
         self.addCleanup(page.quit)
         hub.do(f"appear {CAMERA} level")
         page.get(f"{hub.url}#/{CAMERA}")
         until(lambda: page.find_elements(By.CSS_SELECTOR, ".service .badge[data-state=live]"))
+        return hub, page
+
+    def test_the_page_comes_back_when_the_hub_does(self):
+        hub, page = self.open_live_page()
         hub.close()
         until(lambda: page.find_element(By.CSS_SELECTOR, "#link").get_attribute("data-state") != "live")
         hub = Served("--listen", hub.host)
@@ -462,12 +466,7 @@ class Restarts(unittest.TestCase):
         until(lambda: "12" in page.execute_script("return document.querySelector('.legend')?.textContent ?? ''"))
 
     def test_while_the_hub_is_away_the_page_says_so_once(self):
-        hub = Served()
-        page = browser()
-        self.addCleanup(page.quit)
-        hub.do(f"appear {CAMERA} level")
-        page.get(f"{hub.url}#/{CAMERA}")
-        until(lambda: page.find_elements(By.CSS_SELECTOR, ".service .badge[data-state=live]"))
+        hub, page = self.open_live_page()
         page.execute_script("""
             window.told = [];
             new MutationObserver(() => told.push(document.querySelector("#link-text").textContent))
