@@ -222,6 +222,10 @@ bool TcpReceiver::UseIfExpected(Descriptor accepted, in_addr from) {
 void TcpReceiver::TakePeer(Connection connection) {
     const lumora::MutexLock lock(mReceiveSocketMutex);
     mReceiveSocket = std::move(connection);
+    if (mStopped) {
+        // The stop came first and saw no connection. What has arrived waited for this thread.
+        mArrivedAtStop = BytesArrived(mReceiveSocket.Socket());
+    }
     mPeer = Peer::CAME;
     mPeerChanged.NotifyAll();
 }
