@@ -70,10 +70,10 @@ class Shares(AttackCase):
         self.hub.do("outcome -1")
         self.addCleanup(self.hub.do, "outcome 0")
         waiting = [self.command(ATTACKER, wait=False) for _ in range(2)]
-        until(lambda: len(self.hub.sent) == 2)
+        until(lambda: len(self.hub.sent()) == 2)
         self.assertEqual(self.command(ATTACKER), 503)
         waiting.append(self.command(OTHER, wait=False))
-        until(lambda: len(self.hub.sent) == 3)
+        until(lambda: len(self.hub.sent()) == 3)
         self.hub.do("outcome 0")
         self.assertEqual([served.read_reply(connection)[0] for connection in waiting], [200] * 3)
 

@@ -73,7 +73,7 @@ class PageCase(unittest.TestCase):
 
     def setUp(self):
         self.hub.do(f"appear {CAMERA} picture level status note raw")
-        self.hub.sent.clear()
+        self.hub.forget_sent()
         self.browser.get("about:blank")
         self.browser.get(self.hub.url)
         until(lambda: self.one("#link").get_attribute("data-state") == "live", what="the live list")
@@ -231,7 +231,7 @@ class Sending(PageCase):
         self.open_camera()
         self.one("#command-name").send_keys("zoom")
         self.one("#command-parameter").send_keys('two "x"', Keys.ENTER)
-        until(lambda: self.hub.sent == [f'command {CAMERA} zoom two "x"'])
+        until(lambda: self.hub.sent() == [f'command {CAMERA} zoom two "x"'])
         until(lambda: self.one("#command-result").get_attribute("data-result") == "good")
 
     def test_a_refusal_is_told(self):
@@ -246,7 +246,7 @@ class Sending(PageCase):
         self.open_camera()
         self.one("#block-text").send_keys("hello block")
         self.one("#block-form button").click()
-        until(lambda: self.hub.sent == [f"block {CAMERA} 11 hello block"])
+        until(lambda: self.hub.sent() == [f"block {CAMERA} 11 hello block"])
 
     def test_a_chosen_file_and_a_dropped_file_arrive(self):
         self.open_camera()
@@ -254,13 +254,13 @@ class Sending(PageCase):
         path.write_bytes(b"chosen" * 100000)
         self.one("#block-file").send_keys(str(path))
         self.one("#block-form button").click()
-        until(lambda: [line[:36] for line in self.hub.sent] == [f"block {CAMERA} 600000 chosen"])
+        until(lambda: [line[:36] for line in self.hub.sent()] == [f"block {CAMERA} 600000 chosen"])
         self.run_script("""
             const data = new DataTransfer();
             data.items.add(new File(["dropped"], "file"));
             const drop = new DragEvent("drop", {dataTransfer: data, cancelable: true, bubbles: true});
             document.querySelector(".drop").dispatchEvent(drop);""")
-        until(lambda: self.hub.sent[1:] == [f"block {CAMERA} 7 dropped"])
+        until(lambda: self.hub.sent()[1:] == [f"block {CAMERA} 7 dropped"])
 
     def test_after_a_file_the_next_block_is_a_text_again(self):
         self.open_camera()
@@ -272,7 +272,7 @@ class Sending(PageCase):
         self.one("#block-form button").click()
         until(lambda: self.text("#block-form button") == "Send text")
         self.one("#block-form button").click()
-        until(lambda: self.hub.sent == [f"block {CAMERA} 6 chosen", f"block {CAMERA} 5 typed"])
+        until(lambda: self.hub.sent() == [f"block {CAMERA} 6 chosen", f"block {CAMERA} 5 typed"])
 
     def test_a_file_that_misses_its_place_does_not_replace_the_page(self):
         self.open_camera()
@@ -285,7 +285,7 @@ class Sending(PageCase):
         self.open_camera()
         self.one("#block-form button").click()
         until(lambda: "a block has 1 to" in self.text("#block-result"))
-        self.assertEqual(self.hub.sent, [])
+        self.assertEqual(self.hub.sent(), [])
 
 
 class Tabs(PageCase):
@@ -380,7 +380,7 @@ class People(PageCase):
             if self.focused() == "command-name":
                 break
         press("go", Keys.TAB, "now", Keys.TAB, Keys.SPACE)
-        until(lambda: self.hub.sent == [f"command {CAMERA} go now"])
+        until(lambda: self.hub.sent() == [f"command {CAMERA} go now"])
 
     def test_landmarks_names_and_labels_are_there(self):
         self.open_camera()

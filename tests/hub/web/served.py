@@ -28,13 +28,13 @@ def until(check, seconds=10, what="the condition"):
 
 
 class Served:
-    """The program. sent has the lines about commands and blocks that it was to give to devices."""
+    """The program, with a hub without devices."""
 
     def __init__(self, *options):
         self.process = subprocess.Popen([PROGRAM, *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
                                         errors="surrogateescape")
         self.lines = queue.Queue()
-        self.sent = []
+        self.requests = []
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
         self.url = self.lines.get(timeout=20).removeprefix("at ")
@@ -47,13 +47,21 @@ class Served:
             if line.startswith(("at ", "did ")):
                 self.lines.put(line)
             elif line.startswith(("command ", "block ")):
-                self.sent.append(line)
+                self.requests.append(line)
 
     def do(self, line):
         self.process.stdin.write(line + "\n")
         self.process.stdin.flush()
         answer = self.lines.get(timeout=30)
         assert answer == "did " + line[:60], answer
+
+    def sent(self):
+        """The lines about commands and blocks for devices. None is missing whose reply has come."""
+        self.do("pass")
+        return self.requests
+
+    def forget_sent(self):
+        self.sent().clear()
 
     def close(self):
         self.process.stdin.close()
@@ -203,7 +211,7 @@ class Case(unittest.TestCase):
         cls.hub.close()
 
     def setUp(self):
-        self.hub.sent.clear()
+        self.hub.forget_sent()
 
     def subscribers(self, service="level"):
         text = self.hub.get("/metrics")[2].decode()

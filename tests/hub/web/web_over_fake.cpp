@@ -3,6 +3,7 @@
 //   appear ID SERVICE...       leave ID              file ID SERVICE PATH   a block with the file's bytes
 //   text ID SERVICE TEXT       burst ID SERVICE COUNT BYTES
 //   outcome NUMBER             of what waits and of what is sent to devices: an Outcome; -1 lets it wait
+//   pass                       does nothing; what was printed before its answer is whole
 //
 // It prints "at URL" first, each command and block that is sent to a device, and "did LINE" after each line.
 #include <CLI/CLI.hpp>
@@ -88,7 +89,7 @@ void Do(ScriptedHub& hub, const std::string& line) {
         int number = 0;
         words >> number;
         SetOutcome(hub, number);
-    } else {
+    } else if (verb != "pass") {
         SendWhat(hub, verb, words);
     }
 }
