@@ -31,8 +31,11 @@ constexpr int READ_WAIT_US = 500000;  // after it, a read that waits looks wheth
 constexpr std::chrono::milliseconds LOST_PEER_LOOK{1000};
 // The same for a peer that has closed the connection to it: a slow callback may have much left to take.
 constexpr std::chrono::milliseconds LEAVING_PEER_LIMIT{10000};
-// So long after the last bytes a stop waits for more: a round trip, and a loaded host.
-constexpr std::chrono::milliseconds REST_PAUSE{50};
+// So long after the last bytes a stop waits for more. A host that missed the news of our open window asks for
+// it after 200 ms at the earliest.
+constexpr std::chrono::milliseconds REST_PAUSE{300};
+// The same in the middle of a frame: its end is known to follow, and only a host that died sends none.
+constexpr std::chrono::milliseconds FRAME_PAUSE{2000};
 constexpr std::chrono::milliseconds LOOK_INTERVAL{5};  // whether the receive thread has read all
 constexpr int LOST_PEER_PAUSE_MS = 20;    // how soon a stop is noticed while a lost peer is looked for
 constexpr int ACCEPT_PAUSE_MS = 2;        // the same while the peer is waited for
@@ -464,8 +467,9 @@ bool TcpReceiver::IsRestComplete(unsigned int count, std::chrono::steady_clock::
     if (BytesArrived(mReceiveSocket.Socket()) > 0 || mReceiveSocket.HasPending()) {
         return false;
     }
-    const bool mayFollow = !hasSentEnd && (count > 0 || mStream.Held().Length() > 0);
-    return !mayFollow || std::chrono::steady_clock::now() - lastCame >= REST_PAUSE;
+    const bool isInFrame = mStream.Held().Length() > 0;
+    const bool mayFollow = !hasSentEnd && (count > 0 || isInFrame);
+    return !mayFollow || std::chrono::steady_clock::now() - lastCame >= (isInFrame ? FRAME_PAUSE : REST_PAUSE);
 }
 
 bool TcpReceiver::IsHandingOver() {

@@ -135,6 +135,7 @@ TEST_P(LastBlocksTest, WaitingUntilTheDeviceHasTakenAllLeavesNothingUnderWay) {
 
 TEST_P(LastBlocksTest, TakeOverHandsOverWhatHasArrivedFromAClientThatGoesOn) {
     Send(40, 10);
+    mClient->WaitUntilTaken(LIMIT);  // before, some may wait for an answer of the device's host
     std::atomic<bool> ends{false};
     std::thread stream([&] {
         const Bytes frame = ServerSide::Frame("more");
