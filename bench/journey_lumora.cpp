@@ -13,6 +13,8 @@ namespace lumora_bench {
 namespace {
 
 constexpr unsigned int TIMEOUT_MS = 2000;
+// The block follows the subscription within milliseconds.
+constexpr unsigned int BLOCK_TIMEOUT_MS = 5000;
 constexpr unsigned int BLOCK = 1024;
 
 Signal g_subscribed;
@@ -68,7 +70,7 @@ unsigned int Travel(const std::string& type, unsigned int, Steps& steps) {
     const LUM_SUBSCRIBE_SERVICE_S subscription = Subscription();
     Check(LUM_SendCmd(id, handle, "subscribe", reinterpret_cast<const char*>(&subscription)), "LUM_SendCmd");
     steps.Reach("subscribed");
-    g_received.Wait();
+    g_received.WaitOrFail(BLOCK_TIMEOUT_MS, "the device sent no block within 5 s");
     steps.Reach("first_block");
     return found.devNum;
 }

@@ -18,6 +18,8 @@ public:
     Signal& operator=(const Signal&) = delete;
     void Raise() { sem_post(&mSemaphore); }
     void Wait();
+    // The same, but ends the program with Fail(what) if the signal does not come within the time.
+    void WaitOrFail(unsigned int milliseconds, const char* what);
 
 private:
     sem_t mSemaphore;
