@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "client/client_module.h"
+#include "client/connections_changed.h"
 #include "library/callback_scope.h"
 #include "library/log.h"
 #include "link/channel_security.h"
@@ -164,7 +165,11 @@ int LumoraClientModule::SetupTransport(unsigned int handle) {
     if (transport == nullptr || OpenDataChannel(*transport, *device) != 0) {
         return -1;
     }
-    return KeepTransport(handle, transport, device);
+    if (KeepTransport(handle, transport, device) != 0) {
+        return -1;
+    }
+    TellConnectionsChanged();
+    return 0;
 }
 
 // mOpeningHandle is set in the same step in which the transport becomes known. Otherwise a device that
@@ -611,25 +616,28 @@ int LumoraClientModule::Deliver(const Recipient& recipient, const ServerFrame& f
 int LumoraClientModule::OnDisconnect(unsigned int handle) {
     LUMORA_TRACE("handle [%d] Enter\n", static_cast<int>(handle));
     RemoteDevices::Resolved resolved;  // released without the lock: freeing a device calls the platform
-    const MutexLock lock(mMutex);
-    resolved = mDevices.Resolve(handle);
-    if (!resolved.isHandle) {
-        LUMORA_ERROR("Handle error: %d, no such device type!\n", static_cast<int>(handle));
-        return -1;
+    {
+        const MutexLock lock(mMutex);
+        resolved = mDevices.Resolve(handle);
+        if (!resolved.isHandle) {
+            LUMORA_ERROR("Handle error: %d, no such device type!\n", static_cast<int>(handle));
+            return -1;
+        }
+        if (resolved.device == nullptr) {
+            LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
+            return -1;
+        }
+        mClients.DisconnectAll(handle);
+        if (handle == mOpeningHandle) {
+            mLostWhileOpening = true;
+        }
+        if (mTransportMap.erase(handle) == 0) {
+            LUMORA_ERROR("This Handle no transport.\n");
+            return 0;
+        }
+        mDevices.Forget(handle);  // it has to be searched for again
     }
-    if (resolved.device == nullptr) {
-        LUMORA_ERROR("Handle error: %d, no such device!\n", static_cast<int>(handle));
-        return -1;
-    }
-    mClients.DisconnectAll(handle);
-    if (handle == mOpeningHandle) {
-        mLostWhileOpening = true;
-    }
-    if (mTransportMap.erase(handle) == 0) {
-        LUMORA_ERROR("This Handle no transport.\n");
-        return 0;
-    }
-    mDevices.Forget(handle);  // it has to be searched for again
+    TellConnectionsChanged();
     LUMORA_TRACE("OUT\n");
     return 0;
 }

@@ -428,6 +428,8 @@ public:
     void StayConnected(bool wanted);
 
     void OnDeviceRemoved();
+    // The watching thread looks at the connection now.
+    void LookNow();
     // Another client of the process has closed this one's channel.
     void OnChannelTaken() {
         mBroken = true;
@@ -447,7 +449,7 @@ private:
 
     void RunWatch();
     void Lose();
-    void CheckDevice();
+    void CheckDevice(bool asks);
     bool Knows(unsigned int handle) const;
     bool Answers(unsigned int handle) const;
     void ConnectAgain();
@@ -474,9 +476,9 @@ private:
     bool mMayBeLost = false;       // connected, and no end of it was reported yet
     bool mLost = false;            // an end that the watching thread has to report
     bool mStayConnected = false;
+    bool mLook = false;  // the watching thread must look before its next turn
     bool mStop = false;
     std::thread mThread;
-    unsigned int mChecks = 0;  // of the watching thread
 };
 
 struct DeviceState : Boundary {
@@ -576,6 +578,24 @@ public:
         return mDevice;
     }
 
+    // The library has opened or lost a connection. Clients need not look for that by themselves from now on.
+    void OnConnectionsChanged() {
+        mIsTold = true;
+        std::array<std::shared_ptr<ClientState>, LUM_MAX_CLIENTS + 1> clients;
+        {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            clients = mClients;
+        }
+        for (const std::shared_ptr<ClientState>& client : clients) {
+            if (client != nullptr) {
+                client->LookNow();
+            }
+        }
+    }
+
+    // An older library tells of no connection that ends.
+    bool IsTold() const { return mIsTold; }
+
     // Ends the library's server. A server that failed to start, or to stop, keeps its type for the next
     // start.
     bool StopServer() {
@@ -601,6 +621,7 @@ private:
     std::array<std::shared_ptr<ClientState>, LUM_MAX_CLIENTS + 1> mClients;
     std::shared_ptr<DeviceState> mDevice;
     std::atomic<bool> mKeepsType{false};
+    std::atomic<bool> mIsTold{false};
 };
 
 // The callbacks of the library. Their results are not used.
@@ -649,6 +670,11 @@ inline int OnData(int client, const char* data, unsigned int length) noexcept {
         device->RunHandler([&] { device->onData.Call(client, {data, length}); });
     }
     return 0;
+}
+
+// The library finds it by its name, and calls it when it has opened or lost a connection.
+extern "C" __attribute__((used, visibility("default"))) inline void LumoraConnectionsChanged() noexcept {
+    Directory::Instance().OnConnectionsChanged();
 }
 
 inline std::vector<DeviceInfo> DevicesOf(const LUM_DEVICES_INFO_S& found, const std::string& type) {
@@ -807,8 +833,8 @@ inline bool ClientState::Open(const DeviceInfo& device, std::error_code& error) 
         mMayBeLost = true;
         mHandle = handle;
     }
-    // The event of a removal may come before the handle is known here.
-    if (connected && mRemovals != removals) {
+    // The removal, or the end of the channel, may be told before the handle is known here.
+    if (connected && (mRemovals != removals || !Knows(handle))) {
         connected = false;
         mHandle = 0;
     }
@@ -915,6 +941,14 @@ inline void ClientState::Lose() {
     mWake.notify_all();
 }
 
+inline void ClientState::LookNow() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mThread.joinable()) {
+        mLook = true;
+        mWake.notify_all();
+    }
+}
+
 inline void ClientState::StayConnected(bool wanted) {
     {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -929,6 +963,7 @@ inline void ClientState::Watch() {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (!mThread.joinable() && !mStop) {
         const SignalsBlocked blocked;
+        mLook = true;  // what was told before the thread runs is missed
         mThread = std::thread([self = shared_from_this()] { self->RunWatch(); });
     }
 }
@@ -951,33 +986,42 @@ inline void ClientState::StopWatching() {
     }
 }
 
+// A device that has left is told by an event, and a connection that ends by LumoraConnectionsChanged, if the
+// library is new enough. A device that is silent is told by nothing, so it is asked now and then: that wakes
+// up both processes.
 inline void ClientState::RunWatch() {
-    // No event reports a connection that breaks while the device stays.
-    constexpr std::chrono::seconds CHECK_INTERVAL{2};
+    constexpr std::chrono::seconds LOOK_INTERVAL{2};
+    constexpr std::chrono::seconds QUESTION_INTERVAL{10};
+    auto nextQuestion = std::chrono::steady_clock::now() + QUESTION_INTERVAL;
     std::unique_lock<std::mutex> lock(mMutex);
     while (!mStop) {
-        const bool woken = mWake.wait_for(lock, CHECK_INTERVAL, [this] { return mStop || mLost; });
-        const bool lost = !mStop && std::exchange(mLost, false);
+        const auto nextLook = std::chrono::steady_clock::now() + LOOK_INTERVAL;
+        const auto end = Directory::Instance().IsTold() ? nextQuestion : std::min(nextLook, nextQuestion);
+        mWake.wait_until(lock, end, [this] { return mStop || mLost || mLook; });
+        const bool stops = mStop;
+        const bool lost = !stops && std::exchange(mLost, false);
+        mLook = false;
         lock.unlock();
+        const bool asks = std::chrono::steady_clock::now() >= nextQuestion;
         if (lost) {
             Contain([this] { onConnectionLost.Call(); });
             ConnectAgain();
-        } else if (!woken) {
-            CheckDevice();
+        } else if (!stops) {
+            CheckDevice(asks);
+        }
+        if (asks) {
+            nextQuestion = std::chrono::steady_clock::now() + QUESTION_INTERVAL;
         }
         lock.lock();
     }
 }
 
-// The library forgets the handle when the channel ends. That costs a look. To ask the device wakes up both
-// processes, so it is asked now and then only: a device that has left is told by an event.
-inline void ClientState::CheckDevice() {
-    constexpr unsigned int CHECKS_FOR_A_QUESTION = 5;
+// The library forgets the handle when the channel ends.
+inline void ClientState::CheckDevice(bool asks) {
     const unsigned int handle = mHandle;
     if (handle == 0 || mBroken) {
         return;
     }
-    const bool asks = ++mChecks % CHECKS_FOR_A_QUESTION == 0;
     const bool isFine = Knows(handle) && (!asks || Answers(handle));
     if (isFine || mHandle != handle) {
         return;
@@ -1160,10 +1204,10 @@ public:
     }
 
     /// Called once for each connection that ends without a Disconnect: the device left or died, another
-    /// client process has taken its place, or a block could not be sent. A thread of this client looks every
-    /// two seconds, so a device that died is noticed within three. It asks the device every ten seconds, so
-    /// one that answers no more is noticed later. From then on calls fail, until Connect begins anew. The
-    /// handler runs on that thread and may call this client.
+    /// client process has taken its place, or a block could not be sent. The end of the data channel is noticed
+    /// at once, and a device that leaves the network without a word within three seconds. A thread of this
+    /// client asks the device every ten seconds, so one that answers no more is noticed later. From then on
+    /// calls fail, until Connect begins anew. The handler runs on that thread and may call this client.
     void OnConnectionLost(std::function<void()> handler) {
         if (mState != nullptr) {
             mState->onConnectionLost.Set(std::move(handler));

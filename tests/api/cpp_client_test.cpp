@@ -1,5 +1,8 @@
 // lumora::Client: what it makes of the client side's functions.
 #include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <set>
 #include <thread>
 
 #include "platform/include/link_security.h"
@@ -14,6 +17,25 @@ using lumora::Errc;
 
 const char* const SUBSCRIBE_FACE =
     R"({"ClientID":1,"cmd":"subscribe","subscribe":{"Service":"face","DataSource":0,"TrasType":2}})";
+
+std::set<std::string> Threads() {
+    std::set<std::string> threads;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        threads.insert(task.path().string());
+    }
+    return threads;
+}
+
+// How often the thread has waited so far.
+long SleepsOf(const std::string& thread) {
+    std::ifstream status(thread + "/status");
+    std::string word;
+    long sleeps = -1;
+    while (status >> word && word != "voluntary_ctxt_switches:") {
+    }
+    status >> sleeps;
+    return sleeps;
+}
 
 class CppClientTest : public ApiTest {
 protected:
@@ -181,6 +203,53 @@ TEST_F(CppClientTest, TellsThatTheConnectionIsLostWhenTheDeviceDies) {
     EXPECT_EQ(Errc::NOT_CONNECTED, error);
 }
 
+TEST_F(CppClientTest, TellsAtOnceThatTheChannelHasEnded) {
+    Client client("viewer");
+    client.OnConnectionLost([this] { mArrivals.Add("lost"); });
+    Connect(client);
+    KeepData(client);
+    SendFromDevice(1, "data");
+    ASSERT_TRUE(HaveArrived({"face: data"}));
+    const auto begin = std::chrono::steady_clock::now();
+    mFromServer.Close();
+    mDevice.Close();
+    EXPECT_TRUE(HaveArrived({"face: data", "lost"}));
+    EXPECT_GT(std::chrono::seconds(1), std::chrono::steady_clock::now() - begin);
+}
+
+TEST_F(CppClientTest, NoticesAChannelThatEndedBeforeItWasWatched) {
+    Client client("viewer");
+    Connect(client);
+    KeepData(client);
+    SendFromDevice(1, "data");
+    ASSERT_TRUE(HaveArrived({"face: data"}));
+    mFromServer.Close();
+    mDevice.Close();
+    std::error_code error;
+    ASSERT_TRUE(Eventually([&] {
+        client.DeviceVersion(error);
+        return static_cast<bool>(error);
+    }));
+    client.OnConnectionLost([this] { mArrivals.Add("lost"); });
+    EXPECT_TRUE(HaveArrived({"face: data", "lost"}));
+}
+
+TEST_F(CppClientTest, SleepsWhileNothingHappensToItsConnection) {
+    Client client("viewer");
+    Connect(client);
+    const std::set<std::string> before = Threads();
+    client.OnConnectionLost([] {});
+    std::set<std::string> watching = Threads();
+    for (const std::string& thread : before) {
+        watching.erase(thread);
+    }
+    ASSERT_EQ(1U, watching.size());
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // it looks once when it starts
+    const long sleeps = SleepsOf(*watching.begin());
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    EXPECT_EQ(sleeps, SleepsOf(*watching.begin()));
+}
+
 TEST_F(CppClientTest, TellsThatTheConnectionIsLostWhenTheDeviceFallsSilent) {
     Client client("viewer");
     client.OnConnectionLost([this] { mArrivals.Add("lost"); });
@@ -243,12 +312,11 @@ TEST_F(CppClientTest, StaysConnectedAndSubscribed) {
     const std::string subscription = LastValue();
     for (const Texts& expected :
          {Texts{"again", "face: data"}, Texts{"again", "face: data", "again", "face: data"}}) {
-        mDevice.Close();
-        mFromServer.Close();
         mDeviceListener.reset();
         mPlatform.ClearRequests();
         mDeviceListener = std::make_unique<RawListener>(DEVICE_PORT);
         RemoveCamera();
+        mFromServer.Close();
         mDevice = mDeviceListener->Accept();
         ASSERT_TRUE(Eventually([&] { return mArrivals.All().size() + 1 == expected.size(); }));
         EXPECT_EQ(subscription, LastValue());
