@@ -1204,10 +1204,10 @@ public:
     }
 
     /// Called once for each connection that ends without a Disconnect: the device left or died, another
-    /// client process has taken its place, or a block could not be sent. The end of the data channel is noticed
-    /// at once, and a device that leaves the network without a word within three seconds. A thread of this
-    /// client asks the device every ten seconds, so one that answers no more is noticed later. From then on
-    /// calls fail, until Connect begins anew. The handler runs on that thread and may call this client.
+    /// client process has taken its place, or a block could not be sent. The end of the data channel is
+    /// noticed at once, and a device that leaves the network without a word within three seconds. A thread of
+    /// this client asks the device every ten seconds, so one that answers no more is noticed later. From then
+    /// on calls fail, until Connect begins anew. The handler runs on that thread and may call this client.
     void OnConnectionLost(std::function<void()> handler) {
         if (mState != nullptr) {
             mState->onConnectionLost.Set(std::move(handler));
