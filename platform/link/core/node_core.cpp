@@ -90,12 +90,12 @@ void NodeCore::OnGroupMessage(const CoapMessage& message, const Endpoint& source
     } else if (message.code == code::POST && (path == HELLO_PATH || path == GOODBYE_PATH)) {
         mPresence.OnNotice(message, source, false, now);
     }
-    PassEvents();
+    PassEvents(now);
 }
 
 void NodeCore::OnSearchAnswer(const CoapMessage& message, const Endpoint& source, TimePoint now) {
     mDiscovery.OnAnswer(message, source, now);
-    PassEvents();
+    PassEvents(now);
 }
 
 void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_addr_t localHost,
@@ -120,7 +120,7 @@ void NodeCore::OnRequest(const CoapMessage& message, const Endpoint& source, in_
         }
         mReplies.Forget(path);
     }
-    PassEvents();
+    PassEvents(now);
 }
 
 // A node without the wanted type answers a confirmable request with an empty list. The asker then need not
@@ -138,7 +138,7 @@ void NodeCore::OnAnswer(ConversationId conversation, const CoapMessage& answer, 
     if (!mClient.OnAnswer(conversation, answer, now)) {
         mPresence.OnAnswer(conversation, answer, now);
     }
-    PassEvents();
+    PassEvents(now);
 }
 
 void NodeCore::OnRefused(ConversationId conversation, TimePoint now) {
@@ -147,7 +147,7 @@ void NodeCore::OnRefused(ConversationId conversation, TimePoint now) {
     } else {
         mPresence.OnRefused(conversation, now);
     }
-    PassEvents();
+    PassEvents(now);
 }
 
 void NodeCore::Tick(TimePoint now) {
@@ -155,7 +155,7 @@ void NodeCore::Tick(TimePoint now) {
     mDiscovery.Tick(now);
     mClient.Tick(now);
     mServer.Tick(now);
-    PassEvents();
+    PassEvents(now);
 }
 
 TimePoint NodeCore::NextDeadline(TimePoint now) const {
@@ -164,11 +164,14 @@ TimePoint NodeCore::NextDeadline(TimePoint now) const {
 }
 
 // Called after each input, so that the application hears of a change at once.
-void NodeCore::PassEvents() {
+void NodeCore::PassEvents(TimePoint now) {
     for (DeviceEvent& event : mPresence.Directory().TakeEvents()) {
         if (!event.added) {
             mNetwork.OnPeerGone(event.node.endpoint);
+            mClient.OnPeerGone(event.node.endpoint, now);
             mDiscovery.OnRemoved(event.node.identity.id);
+        } else {
+            mUnanswered.OnBack(event.node.endpoint);
         }
         mApplication.Notify(std::move(event));
     }

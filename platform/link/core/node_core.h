@@ -56,7 +56,7 @@ public:
 
 private:
     void Describe(const CoapMessage& request, in_addr_t localHost, ReplyPath path, TimePoint now);
-    void PassEvents();
+    void PassEvents(TimePoint now);
 
     // Forwards to another Network, and charges replies to the answer budget of their receiver.
     class MeteredNetwork : public Network {

@@ -119,6 +119,23 @@ std::optional<Endpoint> RequestClient::OnRefused(ConversationId conversation) {
     return to;
 }
 
+// Another node may be at this endpoint by now, so the GET is not ended at once. With a key the next node
+// would need the time of a handshake.
+void RequestClient::OnPeerGone(const Endpoint& peer, TimePoint now) {
+    if (mLocalNode.secured) {
+        return;
+    }
+    mUnanswered.OnGone(peer, now);
+    for (auto& [conversation, exchange] : mExchanges) {
+        const bool heard = exchange.heard > exchange.begun;
+        if (exchange.request.to == peer && exchange.request.method == code::GET && !heard) {
+            exchange.hasty = true;
+            exchange.nextCopy = now;
+            exchange.end = std::min(exchange.end, now + LONGEST_GET_AFTER_SILENCE);
+        }
+    }
+}
+
 void RequestClient::Tick(TimePoint now) {
     // Sending may find the port refused and end exchanges at once, so none is held across it.
     std::vector<ConversationId> open;

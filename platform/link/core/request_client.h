@@ -33,7 +33,7 @@ public:
     static constexpr Milliseconds LONGEST{60000};
     // No code of an application runs in a GET.
     static constexpr Milliseconds LONGEST_GET{8000};
-    // A GET to a node that left a request unanswered.
+    // A GET to a node that left a request unanswered, or that was removed.
     static constexpr Milliseconds LONGEST_GET_AFTER_SILENCE{500};
 
     RequestClient(const LocalNode& localNode, IdSource& idSource, Network& network, Application& application,
@@ -47,6 +47,8 @@ public:
     void OnReached(ConversationId conversation, TimePoint now);
     // The endpoint of the refused request. Empty if the conversation is not a request of this object.
     std::optional<Endpoint> OnRefused(ConversationId conversation);
+    // The node was removed. A GET of which nothing was heard since gets little time from now on.
+    void OnPeerGone(const Endpoint& peer, TimePoint now);
     void Tick(TimePoint now);
     TimePoint NextDeadline() const;
     // Ends every request without an answer.

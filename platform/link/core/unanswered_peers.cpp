@@ -28,6 +28,10 @@ void UnansweredPeers::Add(const Endpoint& peer, TimePoint now) {
     Remember(mHosts, peer.host, now);
 }
 
+void UnansweredPeers::OnGone(const Endpoint& peer, TimePoint now) { Remember(mPeers, peer, now); }
+
+void UnansweredPeers::OnBack(const Endpoint& peer) { mPeers.erase(peer); }
+
 void UnansweredPeers::Remove(const Endpoint& peer) {
     mPeers.erase(peer);
     mHosts.erase(peer.host);

@@ -18,9 +18,13 @@ public:
     static constexpr std::size_t MAX_PEERS = 1024;
 
     void Add(const Endpoint& peer, TimePoint now);
+    // It was removed from the network. This says nothing about the others of its address.
+    void OnGone(const Endpoint& peer, TimePoint now);
+    // It is in the network again. If another request to its address stays unanswered, that still counts.
+    void OnBack(const Endpoint& peer);
     // It has answered.
     void Remove(const Endpoint& peer);
-    // Whether that node, or another of its address, left its latest request unanswered.
+    // Whether that node is gone, or it or another of its address left its latest request unanswered.
     bool Contains(const Endpoint& peer, TimePoint now) const;
 
 private:

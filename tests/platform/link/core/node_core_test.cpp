@@ -747,6 +747,44 @@ TEST_F(NodeCoreTest, ManyNodesOfOneHostThatLeaveRequestsUnansweredCostTheTimeOfO
     EXPECT_EQ(requestTime, Network::UNACKNOWLEDGED) << "the host has answered meanwhile";
 }
 
+TEST_F(NodeCoreTest, AGetToANodeThatWasRemovedTakesLittleTime) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    FakeNode& other = network.AddAt({1000, 1}, {{2, "eth0", device.At().host}}, 7, "camera");
+    network.Run(seconds(2));
+    network.Cut(device);
+    EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "").code, code::EMPTY);
+    EXPECT_LE(requestTime, seconds(3) + RequestClient::LONGEST_GET_AFTER_SILENCE) << "removed meanwhile";
+    const auto ask = [&](FakeNode& node) { return Ask(asker, node.At(), code::GET, "key", "yes").payload; };
+    EXPECT_EQ(ask(other), "yes") << "it has the same address";
+    EXPECT_EQ(ask(device), "");
+    EXPECT_EQ(requestTime, RequestClient::LONGEST_GET_AFTER_SILENCE);
+}
+
+TEST_F(NodeCoreTest, AGetToANodeThatWasRemovedBeforeItBeganTakesLittleTime) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    network.Cut(device);
+    network.Run(seconds(5));
+    ASSERT_EQ(asker.Seen().events.size(), 2U) << "added, removed";
+    EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "yes").code, code::EMPTY);
+    EXPECT_EQ(requestTime, RequestClient::LONGEST_GET_AFTER_SILENCE);
+}
+
+TEST_F(NodeCoreTest, AGetToANodeThatIsBackHasItsWholeTime) {
+    FakeNode& asker = network.Add(std::nullopt);
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    network.Cut(device);
+    network.Run(seconds(5));
+    network.Restore(device);
+    network.Run(seconds(5));
+    ASSERT_EQ(asker.Seen().events.size(), 3U) << "added, removed, added";
+    device.handlerTime = seconds(2);
+    EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "yes").payload, "yes");
+}
+
 TEST_F(NodeCoreTest, ANodeThatAnswersAgainHasItsPlaceAndItsTimeAgain) {
     FakeNode& asker = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
