@@ -218,14 +218,18 @@ int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::
         LUMORA_STATE("The data channel is private.\n");
     }
     setup = SetupReply(agreement.answer);
-    mOwner = lumora::CurrentRequester();
-    mOwnerPort = port.port;
-    mPublication.SetRemoteAddress(address);
-    if (mSmartHomeLink != nullptr) {  // null after a failed start, when requests may still arrive
-        mSmartHomeLink->SetConnectDevice(address, config.GetPort());
-    }
+    SetOwner(address, port.port, config.GetPort());
     LUMORA_TRACE("Out\n");
     return 0;
+}
+
+void LumoraServerModule::SetOwner(std::string& address, int port, int dataPort) {
+    mOwner = lumora::CurrentRequester();
+    mOwnerPort = port;
+    mPublication.SetRemoteAddress(address);
+    if (mSmartHomeLink != nullptr) {  // null after a failed start, when requests may still arrive
+        mSmartHomeLink->SetConnectDevice(address, dataPort);
+    }
 }
 
 // Our receiving half comes first: the client connects to it as soon as we have answered. Connecting back is a

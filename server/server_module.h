@@ -113,13 +113,16 @@ private:
     template <typename Change>
     int ChangeChannel(Change change) REQUIRES(mMutex);
     // The node that sent the request in hand may change the data channel and its clients: it has set the
-    // channel up, or no node that holds a key has, or that channel has ended. Logs a refusal.
+    // channel up, or no node that holds a key has, or that channel has ended. Logs a refusal. Waits as
+    // AwaitChannel does if a node with a key had the channel.
     bool MayChangeChannel(const char* operation) REQUIRES(mMutex);
     // Stops the transport and drops it, after the application has been given the rest of the blocks. On
     // failure it logs, on behalf of operation, and keeps it. Releases mMutex meanwhile.
     int StopTransport(const char* operation, Rest rest, std::chrono::milliseconds limit) REQUIRES(mMutex);
     // The same for the module's own end: without the rest, and with the transport's own result.
     int StopOwnTransport() REQUIRES(mMutex);
+    // The requester has set up the channel; port is its node's.
+    void SetOwner(std::string& address, int port, int dataPort) REQUIRES(mMutex);
     static int OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port,
                                LUM_OBSERVER_S observer);
 
