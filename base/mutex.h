@@ -23,7 +23,8 @@ private:
 
 class SCOPED_CAPABILITY MutexLock {
 public:
-    explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mMutex(mutex) { mMutex.lock(); }
+    // noexcept, so that callers have no code for a failure: a mutex of this kind cannot fail to be locked.
+    explicit MutexLock(Mutex& mutex) noexcept ACQUIRE(mutex) : mMutex(mutex) { mMutex.lock(); }
     ~MutexLock() RELEASE() { mMutex.unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
