@@ -13,7 +13,11 @@ extern "C" {
 #endif
 
 #if defined(__GNUC__)
-__attribute__((format(printf, 5, 6), nothrow))
+__attribute__((format(printf, 5, 6)))
+#endif
+/* clang would ask for this at the definition, too. */
+#if defined(__GNUC__) && !defined(__clang__)
+__attribute__((nothrow))
 #endif
 void LogInfo(int level, const char* tag, const char* function, int line, const char* format, ...);
 
