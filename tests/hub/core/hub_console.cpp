@@ -6,7 +6,7 @@
 //   end NAME                                ends it
 //   command DEVICE NAME [PARAMETER]         waits for the outcome
 //   block DEVICE BYTES                      the same
-//   report                                  devices, consumers and events so far
+//   report                                  devices, consumers, events and refusals so far
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -214,7 +214,9 @@ private:
             text << separator << Quoted(event);
             separator = ",";
         }
-        text << "]}";
+        const RefusalCounts refused = mHub.Refusals();
+        text << "],\"refused\":{\"nodes\":" << refused.nodes << ",\"devices\":" << refused.devices
+             << ",\"channels\":" << refused.channels << "}}";
         return text.str();
     }
 

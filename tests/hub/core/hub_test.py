@@ -7,7 +7,7 @@ import time
 import unittest
 
 from child_process import ChildProcess
-from hub_case import HUB, LUMORA, HubCase, eventually
+from hub_case import HUB, LUMORA, SILENT_NODE, HubCase, eventually
 
 
 class Blocks(HubCase):
@@ -240,6 +240,54 @@ class Limits(HubCase):
             self.assertGreater(consumer["received"], before[consumer["name"]], consumer)
             self.assertEqual((consumer["gaps"], consumer["lost"]), (0, 0), consumer)
         self.assertEqual({device["reconnects"] for device in report["devices"]}, {0})
+
+
+class Strangers(HubCase):
+    """One host announces very many devices."""
+
+    SECONDS = 5
+
+    def strangers(self, count, *words):
+        """Silent nodes on host 3. Their words may have their numbers in them."""
+        for number in range(count):
+            node = self.host(3).start(SILENT_NODE, *(word.format(number) for word in words))
+            self.addCleanup(node.close)
+            self.assertEqual(node.line(), "ready")
+
+    def assert_a_device_is_served_soon(self, hub):
+        begin = time.monotonic()
+        self.device(2, kind="lamp")
+        hub.ask("subscribe honest lamp@10.77.0.2 picture")
+        hub.wait_for_blocks("honest", 1)
+        self.assertLess(time.monotonic() - begin, self.SECONDS)
+
+    def test_nodes_of_many_types_that_answer_no_question(self):
+        hub = self.console()
+        self.strangers(16, "a-type-{}")
+        time.sleep(1)  # the first of them are being asked
+        self.assert_a_device_is_served_soon(hub)
+
+    def test_devices_that_open_no_channel(self):
+        hub = self.console()
+        self.strangers(16, "camera", "picture")
+        eventually(lambda: len(hub.report()["devices"]) == 16, "the devices of the stranger")
+        for device in hub.report()["devices"]:
+            hub.ask(f"subscribe {device['id']} {device['id']} picture")
+        self.assert_a_device_is_served_soon(hub)
+        self.assertEqual(len(hub.workers()), 2)  # by address
+        self.assertEqual(hub.report()["refused"], {"nodes": 0, "devices": 0, "channels": 0})
+
+    def test_more_devices_than_the_hub_may_know(self):
+        hub = self.console("--devices", "8", "--ports", "6700-6707")
+        self.strangers(10, "camera", "picture")
+        eventually(lambda: len(hub.report()["devices"]) == 6, "the share of an address")
+        for device in hub.report()["devices"]:
+            hub.ask(f"subscribe {device['id']} {device['id']} picture")
+        eventually(lambda: hub.report()["refused"]["channels"], "a device without a channel")
+        self.assert_a_device_is_served_soon(hub)
+        report = hub.report()
+        self.assertEqual(len(report["devices"]), 7)
+        self.assertGreater(report["refused"]["nodes"] + report["refused"]["devices"], 0)
 
 
 class Ends(HubCase):
