@@ -340,7 +340,7 @@ class Ends(HubCase):
         self.addCleanup(hub.close)
         self.assertEqual(hub.line(), "+ lamp@10.77.0.3  picture")
         wrong = subprocess.run([HUB, "--ports", "1-2"], capture_output=True, text=True, check=False)
-        self.assertEqual((wrong.returncode, wrong.stderr.count("--ports takes")), (1, 1))
+        self.assertEqual((wrong.returncode, wrong.stderr.count("--ports takes")), (2, 1))
 
 
 LISTEN = """
