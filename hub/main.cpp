@@ -106,6 +106,7 @@ int main(int count, char** words) {
         return lumora_hub::WRONG_OPTIONS;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "lumora-hub: %s\n", error.what());
+        lumora_hub::DelayNextStart(error.what());
     } catch (...) {
         std::fputs("lumora-hub: an unknown exception\n", stderr);
     }

@@ -157,6 +157,23 @@ class Program(unittest.TestCase):
         self.assertEqual(ended.returncode, 1)
         self.assertIn("127.0.0.1 port 8666: another program uses this port", ended.stderr)
 
+    def test_a_service_that_cannot_start_tells_why_and_ends_late(self):
+        """Otherwise the service manager would start it twice a second."""
+        hub = self.start("lumora-hub")
+        hub.stdout.readline()
+        with tempfile.TemporaryDirectory() as folder, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(f"{folder}/notify")
+            manager.settimeout(30)
+            second = subprocess.Popen([PROGRAMS / "lumora-hub"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+                                      env={**os.environ, "LUMORA_LINK_INTERFACE": "lo", "NOTIFY_SOCKET": f"{folder}/notify"})
+            self.addCleanup(second.kill)
+            self.assertRegex(manager.recv(1000).decode(), "^STATUS=Cannot start, next try in 10 s: .*another program uses this port")
+            with self.assertRaises(subprocess.TimeoutExpired):
+                second.wait(timeout=2)
+            second.terminate()
+            self.assertIn("another program uses this port", second.communicate(timeout=5)[1])
+            self.assertEqual(second.returncode, 1)
+
     def test_a_mistake_in_the_options_or_their_file_is_named(self):
         for options, reason in ((("--tpye", "camera"), "--tpye"),
                                 (("--idle", "-1"), "--idle"),
