@@ -168,7 +168,7 @@ private:
         QueueLimits limits;
         words >> name >> device >> service;
         words >> limits.blocks;
-        limits.blocks = words ? limits.blocks : 64;
+        limits.blocks = words ? limits.blocks : QueueLimits().blocks;
         auto reader = std::make_unique<Reader>(name, limits, reads);
         reader->registration = mHub.Subscribe(device, service, reader->ConsumerOf());
         const bool taken = reader->registration != nullptr;

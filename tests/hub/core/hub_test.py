@@ -34,6 +34,17 @@ class Blocks(HubCase):
         self.assertGreater(slow["lost"], 300)
         self.assertEqual((quick["gaps"], quick["lost"]), (0, 0))
 
+    def test_a_pause_of_the_hub_costs_no_small_block(self):
+        self.device(2, size=100, rate=2000)
+        hub = self.console()
+        hub.ask("subscribe a camera picture")
+        hub.wait_for_blocks("a")
+        hub.process.send_signal(signal.SIGSTOP)
+        time.sleep(0.4)
+        hub.process.send_signal(signal.SIGCONT)
+        consumer = hub.wait_for_blocks("a", 1500)
+        self.assertEqual((consumer["gaps"], consumer["lost"]), (0, 0))
+
     def test_large_blocks_come_whole(self):
         self.device(2, size=1_024_000, rate=20)
         hub = self.console()
