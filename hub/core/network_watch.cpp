@@ -188,8 +188,9 @@ NetworkWatch::Clock::time_point NetworkWatch::NextDue() const {
 // turns: a host with nodes of many types delays the others by one search each.
 std::vector<NetworkWatch::Task> NetworkWatch::TakeDue() {
     const Clock::time_point now = Clock::now();
-    const auto turn = [this](const Task& task) {
-        return std::make_tuple(task.node.address <= mLastAddress, std::cref(task.node.address), task.due);
+    const std::string last = mLastAddress;
+    const auto turn = [&last](const Task& task) {
+        return std::make_tuple(task.node.address <= last, std::cref(task.node.address), task.due);
     };
     const Task* next = nullptr;
     for (const Task& task : mTasks) {

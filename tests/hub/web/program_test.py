@@ -144,7 +144,8 @@ class Program(unittest.TestCase):
                                 (("--config", self.file('mqtt-tls-ca = "x"\n')), "--mqtt-tls-ca requires --mqtt"),
                                 (("--mqtt", "h", "--mqtt-home-assistant-prefix", "x"),
                                  "--mqtt-home-assistant-prefix requires --mqtt-home-assistant"),
-                                (("--allow-plain-http", "--certificate", "x"), "--allow-plain-http would do nothing: --certificate serves with TLS")):
+                                (("--allow-plain-http", "--certificate", "x"),
+                                 "--allow-plain-http would do nothing: --certificate serves with TLS")):
             ended = self.run_hub(*options)
             self.assertEqual((ended.returncode, ended.stderr), (2, f"lumora-hub: {reason}; see lumora-hub --help\n"))
         off = self.file('mqtt-tls = false\nallow-plain-http = false\nlisten = "192.0.2.1:1"\n')
@@ -164,10 +165,12 @@ class Program(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
             manager.bind(f"{folder}/notify")
             manager.settimeout(30)
-            second = subprocess.Popen([PROGRAMS / "lumora-hub"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
-                                      env={**os.environ, "LUMORA_LINK_INTERFACE": "lo", "NOTIFY_SOCKET": f"{folder}/notify"})
+            second = subprocess.Popen([PROGRAMS / "lumora-hub"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                      text=True, env={**os.environ, "LUMORA_LINK_INTERFACE": "lo",
+                                                      "NOTIFY_SOCKET": f"{folder}/notify"})
             self.addCleanup(second.kill)
-            self.assertRegex(manager.recv(1000).decode(), "^STATUS=Cannot start, next try in 10 s: .*another program uses this port")
+            self.assertRegex(manager.recv(1000).decode(),
+                             "^STATUS=Cannot start, next try in 10 s: .*another program uses this port")
             with self.assertRaises(subprocess.TimeoutExpired):
                 second.wait(timeout=2)
             second.terminate()
