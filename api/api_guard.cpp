@@ -111,7 +111,7 @@ bool RejectReentrantCall(Side side, const char* function, int line) {
 }
 
 // Exceptions must not reach C code: unwinding through frames without tables ends the process.
-int FailedByException(const char* function, int line) {
+int FailedByException(const char* function, int line) noexcept {
     try {
         throw;
     } catch (const std::exception& failure) {

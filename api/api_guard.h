@@ -75,6 +75,6 @@ bool IsForkedChild(const char* function, int line);
 bool RejectReentrantCall(Side side, const char* function, int line);
 
 // The result of an exported function that something was thrown out of. Call it while that is being handled.
-int FailedByException(const char* function, int line);
+int FailedByException(const char* function, int line) noexcept;
 
 }  // namespace lumora

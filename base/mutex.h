@@ -23,7 +23,8 @@ private:
 
 class SCOPED_CAPABILITY MutexLock {
 public:
-    explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mMutex(mutex) { mMutex.lock(); }
+    // noexcept, so that callers have no code for a failure: a mutex of this kind cannot fail to be locked.
+    explicit MutexLock(Mutex& mutex) noexcept ACQUIRE(mutex) : mMutex(mutex) { mMutex.lock(); }
     ~MutexLock() RELEASE() { mMutex.unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
@@ -47,19 +48,23 @@ private:
 // Waits with a Mutex held: waiting releases the mutex, and returning acquires it again.
 class Condition {
 public:
-    void Wait(Mutex& mutex) REQUIRES(mutex) { mCondition.wait(mutex); }
+    void Wait(Mutex& mutex) REQUIRES(mutex) {
+        WaitUntil(mutex, std::chrono::steady_clock::time_point::max());
+    }
     // Returns at the deadline at the latest; time_point::max() means no deadline.
     void WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline) REQUIRES(mutex) {
+        std::unique_lock<std::mutex> lock(mutex.Native(), std::adopt_lock);
         if (deadline == std::chrono::steady_clock::time_point::max()) {
-            mCondition.wait(mutex);  // as a timeout, max() overflows in the C library
+            mCondition.wait(lock);  // as a timeout, max() overflows in the C library
         } else {
-            mCondition.wait_until(mutex, deadline);
+            mCondition.wait_until(lock, deadline);
         }
+        lock.release();  // the caller goes on holding the mutex
     }
     void NotifyAll() { mCondition.notify_all(); }
 
 private:
-    std::condition_variable_any mCondition;
+    std::condition_variable mCondition;
 };
 
 }  // namespace lumora

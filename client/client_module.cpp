@@ -20,12 +20,15 @@ namespace {
 
 constexpr char DEINIT[] = "DeInitLumoraModule";
 
-// ids is sorted, so the first position that does not hold its own number plus one is a free ID.
-unsigned int LowestFreeId(const std::vector<unsigned int>& ids) {
+// ids is ascending, and stays so: the first position that does not hold its own number plus one is that of
+// the lowest free ID.
+unsigned int TakeLowestFreeId(std::vector<unsigned int>& ids) {
     unsigned int id = 1;
-    while (ids.size() >= id && ids[id - 1] == id) {
+    auto place = ids.begin();
+    for (; place != ids.end() && *place == id; ++place) {
         ++id;
     }
+    ids.insert(place, id);
     return id;
 }
 
@@ -56,10 +59,7 @@ std::shared_ptr<LumoraClientModule> LumoraClientModule::CreateInstance(int* clie
         *clientID = 0;
         return *mInstance;
     }
-    const unsigned int id = LowestFreeId(*mClientInstance);
-    mClientInstance->push_back(id);
-    std::sort(mClientInstance->begin(), mClientInstance->end());
-    *clientID = static_cast<int>(id);
+    *clientID = static_cast<int>(TakeLowestFreeId(*mClientInstance));
     LUMORA_STATE("Init Lumora client success. device type: %s, clientID: %d. \n", devType.c_str(), *clientID);
     LUMORA_TRACE("Out\n");
     return *mInstance;

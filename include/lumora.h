@@ -515,7 +515,7 @@ LUM_EXPORT int LUM_InitServer(const char* devType);
  *   escapes can reach. The earlier registration is then replaced all the same, and searches do not list the
  *   device until a registration succeeds.
  *
- * Waits for a request in progress: its callback, and 5 s at most for connecting back to a client.
+ * Waits for a request in progress with its callback.
  */
 LUM_EXPORT int LUM_RegisterAiDevInfo(const LUM_DEVICE_INFO_S* devInfo);
 

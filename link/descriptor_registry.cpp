@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <initializer_list>
 #include <new>
 #include <utility>
 
@@ -42,99 +41,88 @@ int CopyReply(const std::string& reply, char* buffer, unsigned int size) {
     return 0;
 }
 
-// The buffer holds the request's value and takes the reply. The descriptor is held over the handler: the
-// other side of this process may register its own meanwhile.
-int AnswerGet(AppResource* resource, const RemoteEndpoint* requester, const char* key, char* buffer,
-              unsigned int size) {
-    const std::shared_ptr<LinkDeviceDescriptor> descriptor =
-        LinkDeviceDescriptorWrapper::Get()->Find(resource);
-    if (descriptor == nullptr) {
-        return -1;
+// A vendor's platform may leave out the requester or a text. `function` names the handler in the log.
+bool LacksArgument(const char* function, const RemoteEndpoint* requester, const char* key,
+                   const char* value) {
+    if (requester != nullptr && key != nullptr && value != nullptr) {
+        return false;
     }
-    LinkDeviceDescriptor::Port port;
-    const std::string keyText = key;
-    std::string value = buffer;
-    SetRemoteAddress(port, requester);
-    const bool handled = keyText == MEDIA_SERVICE_SETUP_KEY ? descriptor->OnSetupMediaService(port, value)
-                                                            : descriptor->OnGet(port, keyText, value);
-    return handled ? CopyReply(value, buffer, size) : -1;
+    LUMORA_LOG_AS(LOG_WARNING, function, "a request without a requester, a key or a value is refused\n");
+    return true;
 }
 
 using RequestHandler = bool (LinkDeviceDescriptor::*)(const LinkDeviceDescriptor::Port&, const std::string&,
                                                       const std::string&);
 
-int Answer(RequestHandler handler, AppResource* resource, const RemoteEndpoint* requester, const char* key,
-           const char* value) {
+// The platform is a C library: whatever a handler throws ends here, because a request must never end the
+// process. A peer can make a handler throw, for example by a number that std::stoi cannot read. The
+// descriptor is held over the handler: the other side of this process may register its own meanwhile.
+int Answer(const char* function, RequestHandler handler, AppResource* resource,
+           const RemoteEndpoint* requester, const char* key, const char* value) try {
+    if (LacksArgument(function, requester, key, value)) {
+        return -1;
+    }
     const std::shared_ptr<LinkDeviceDescriptor> descriptor =
         LinkDeviceDescriptorWrapper::Get()->Find(resource);
     if (descriptor == nullptr) {
         return -1;
     }
     LinkDeviceDescriptor::Port port;
-    const std::string keyText = key;
-    const std::string valueText = value;
     SetRemoteAddress(port, requester);
-    return ((*descriptor).*handler)(port, keyText, valueText) ? 0 : -1;
-}
-
-// The platform is a C library: whatever a handler throws ends here, because a request must never end the
-// process. A peer can make a handler throw, for example by a number that std::stoi cannot read.
-// A vendor's platform may also leave out one of `arguments`, which are the requester and texts. `function`
-// names the handler in the log.
-template <typename Function>
-int AnswerGuarded(const char* function, std::initializer_list<const void*> arguments, Function answer) {
-    if (std::find(arguments.begin(), arguments.end(), nullptr) != arguments.end()) {
-        LUMORA_LOG_AS(LOG_WARNING, function, "a request without a requester, a key or a value is refused\n");
-        return -1;
-    }
-    try {
-        return answer();
-    } catch (...) {
-        return -1;
-    }
+    return ((*descriptor).*handler)(port, key, value) ? 0 : -1;
+} catch (...) {
+    return -1;
 }
 
 }  // namespace
 
 extern "C" {
 
+// The buffer holds the request's value and takes the reply.
 static int DoGET(AppResource* resource, const RemoteEndpoint* requester, const char* key, char* buffer,
-                 unsigned int size) {
-    return AnswerGuarded(__func__, {requester, key, buffer},
-                         [&] { return AnswerGet(resource, requester, key, buffer, size); });
+                 unsigned int size) try {
+    if (LacksArgument(__func__, requester, key, buffer)) {
+        return -1;
+    }
+    const std::shared_ptr<LinkDeviceDescriptor> descriptor =
+        LinkDeviceDescriptorWrapper::Get()->Find(resource);
+    if (descriptor == nullptr) {
+        return -1;
+    }
+    LinkDeviceDescriptor::Port port;
+    SetRemoteAddress(port, requester);
+    const std::string keyText = key;
+    std::string value = buffer;
+    const bool handled = keyText == MEDIA_SERVICE_SETUP_KEY ? descriptor->OnSetupMediaService(port, value)
+                                                            : descriptor->OnGet(port, keyText, value);
+    return handled ? CopyReply(value, buffer, size) : -1;
+} catch (...) {
+    return -1;
 }
 
 static int DoPUT(AppResource* resource, const RemoteEndpoint* requester, const char* key, const char* value,
                  unsigned int) {
-    return AnswerGuarded(__func__, {requester, key, value}, [&] {
-        return Answer(&LinkDeviceDescriptor::OnPut, resource, requester, key, value);
-    });
+    return Answer(__func__, &LinkDeviceDescriptor::OnPut, resource, requester, key, value);
 }
 
 static int DoPOST(AppResource* resource, const RemoteEndpoint* requester, const char* key, const char* value,
                   unsigned int) {
-    return AnswerGuarded(__func__, {requester, key, value}, [&] {
-        return Answer(&LinkDeviceDescriptor::OnPost, resource, requester, key, value);
-    });
+    return Answer(__func__, &LinkDeviceDescriptor::OnPost, resource, requester, key, value);
 }
 
 static int DoDELETE(AppResource* resource, const RemoteEndpoint* requester, const char* key,
                     const char* value, unsigned int) {
-    return AnswerGuarded(__func__, {requester, key, value}, [&] {
-        return Answer(&LinkDeviceDescriptor::OnDelete, resource, requester, key, value);
-    });
+    return Answer(__func__, &LinkDeviceDescriptor::OnDelete, resource, requester, key, value);
 }
 
 // The text outlives the reference that is dropped here: the module that registered the descriptor holds it
 // until its platform handle has been freed.
-static const char* DoGetDescriptor(AppResource* resource) {
-    try {
-        const std::shared_ptr<LinkDeviceDescriptor> descriptor =
-            LinkDeviceDescriptorWrapper::Get()->Find(resource);
-        return descriptor != nullptr ? descriptor->GetDescriptor().c_str() : nullptr;
-    } catch (...) {
-        return nullptr;
-    }
+static const char* DoGetDescriptor(AppResource* resource) try {
+    const std::shared_ptr<LinkDeviceDescriptor> descriptor =
+        LinkDeviceDescriptorWrapper::Get()->Find(resource);
+    return descriptor != nullptr ? descriptor->GetDescriptor().c_str() : nullptr;
+} catch (...) {
+    return nullptr;
 }
 
 }  // extern "C"

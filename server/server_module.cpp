@@ -168,9 +168,8 @@ int LumoraServerModule::CloseCoapService() {
     return 0;
 }
 
-// Requests are stopped first, because any of them could open a new channel behind the stop. The channel's
-// receive thread is joined without mMutex. An OnData that waits for the API mutex, which this thread holds,
-// notices the stop and gives up.
+// Requests are stopped first, because any of them could open a new channel behind the stop. An OnData that
+// waits for the API mutex, which this thread holds, notices the stop of its channel and gives up.
 int LumoraServerModule::DeInitLumoraModule() {
     LUMORA_TRACE("Enter\n");
     if (const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager) {
@@ -182,18 +181,12 @@ int LumoraServerModule::DeInitLumoraModule() {
         return -1;
     }
     LUMORA_STATE("Clear coap resourse success.\n");
-    {
-        const MutexLock lock(mMutex);
-        mPublication.SetServices(nullptr);
-    }
-    const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
-    if (transport != nullptr) {
-        const int ret = transport->StopTransports();
-        if (ret != 0) {
-            LUMORA_ERROR("StopTransports failed!\n");
-            return ret;
-        }
-        mPublication.SetTransport(nullptr);
+    const MutexLock lock(mMutex);
+    mPublication.SetServices(nullptr);
+    const int ret = StopOwnTransport();
+    if (ret != 0) {
+        LUMORA_ERROR("StopTransports failed!\n");
+        return ret;
     }
     mIsInit = false;
     LUMORA_TRACE("Out\n");
@@ -261,22 +254,6 @@ int LumoraServerModule::RegisterServices(const LUM_DEVICE_INFO_S& devInfo) {
 
 int LumoraServerModule::GetServiceInfoString(std::string& out) {
     return lumoraAiModule::GetServiceInfoString(mDevType, mServiceInfos, out);
-}
-
-// Requests call this with mMutex held, although it joins the receive thread. That thread cannot wait for
-// mMutex: OnData may only send, and sends take mSendMutex. If stopping fails, the transport stays published,
-// so that the next request tries again.
-int LumoraServerModule::StopTransport(const char* operation, Rest rest, std::chrono::milliseconds limit) {
-    const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
-    if (transport == nullptr) {
-        return 0;
-    }
-    if (transport->StopAfterReceiving(rest, limit) == -1) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "StopTransports failed!\n");
-        return -1;
-    }
-    mPublication.SetTransport(nullptr);
-    return 0;
 }
 
 }  // namespace lumoraAiModule

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,6 +32,9 @@ struct ServerSources {
         return factory.CreateTransportsManager(protocol);
     };
     GetVersion getVersion = LumoraVersion::GetVersion;
+    // How long a request waits for a change of the data channel that another one has begun. A stop takes 7 s
+    // and the callback in progress, which may never return. Clients wait no longer than this for an answer.
+    std::chrono::milliseconds channelWait{60000};
 };
 
 // The device: its services and their subscribers, the clients that connected, the data channel to them, and
@@ -40,6 +44,9 @@ struct ServerSources {
 // after the other. OnCommand and OnEventNotify are called with it held and must not call back. OnData runs on
 // the receive thread without it, and may send. Sending runs under mSendMutex and never waits for a request:
 // it works with what requests have published.
+//
+// A request that stops or opens the data channel releases mMutex for that time (ChangeChannel). Another one
+// that is about to change the channel waits for its end (AwaitChannel). The others go on.
 //
 // Order of locks: server API mutex, then mMutex or mSendMutex (never both), then a transport's own. The
 // publication's lock is a leaf.
@@ -86,9 +93,6 @@ private:
     int GetServiceInfoString(std::string& out) REQUIRES(mMutex);
     int RegisterServices(const LUM_DEVICE_INFO_S& devInfo) REQUIRES(mMutex);
 
-    // The node that sent the request in hand may change the data channel and its clients: it has set the
-    // channel up, or no node that holds a key has, or that channel has ended. Logs a refusal.
-    bool MayChangeChannel(const char* operation) REQUIRES(mMutex);
     int HandleCommand(const std::string& value) REQUIRES(mMutex);
     void RememberClient(int clientID) REQUIRES(mMutex);
     int HandleDestroy(int clientID) REQUIRES(mMutex);
@@ -98,10 +102,29 @@ private:
     int NotifyApplication(const char* operation, int clientID, int event,
                           const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
     void CallOnEventNotify(int clientID, int event, const LUM_SUBSCRIBE_SERVICE_S& record) REQUIRES(mMutex);
-    int OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) REQUIRES(mMutex);
+
+    // ---- The data channel (server_channel.cpp) ----
+
+    // Returns when no change of the channel is in progress. False, and logged on behalf of operation, if one
+    // does not end in time. mMutex is released while waiting.
+    bool AwaitChannel(const char* operation) REQUIRES(mMutex);
+    // Calls change, which returns a result, without mMutex. To be called after AwaitChannel, in the same hold
+    // of mMutex. Afterwards the channel is as change has left it. All else may be another.
+    template <typename Change>
+    int ChangeChannel(Change change) REQUIRES(mMutex);
+    // The node that sent the request in hand may change the data channel and its clients: it has set the
+    // channel up, or no node that holds a key has, or that channel has ended. Logs a refusal. Waits as
+    // AwaitChannel does if a node with a key had the channel.
+    bool MayChangeChannel(const char* operation) REQUIRES(mMutex);
     // Stops the transport and drops it, after the application has been given the rest of the blocks. On
-    // failure it logs, on behalf of operation, and keeps it.
-    int StopTransport(const char* operation, Rest rest, std::chrono::milliseconds limit);
+    // failure it logs, on behalf of operation, and keeps it. Releases mMutex meanwhile.
+    int StopTransport(const char* operation, Rest rest, std::chrono::milliseconds limit) REQUIRES(mMutex);
+    // The same for the module's own end: without the rest, and with the transport's own result.
+    int StopOwnTransport() REQUIRES(mMutex);
+    // The requester has set up the channel; port is its node's.
+    void SetOwner(std::string& address, int port, int dataPort) REQUIRES(mMutex);
+    static int OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port,
+                               LUM_OBSERVER_S observer);
 
     int PacketAndSendData(const Published& published, const std::string& serviceName, const char* data,
                           unsigned int dataLen, unsigned int* sendLength, unsigned int timeoutMs)
@@ -132,6 +155,9 @@ private:
     // The node that set up the data channel, if it has proven who it is.
     std::optional<lumora::Requester> mOwner GUARDED_BY(mMutex);
     int mOwnerPort GUARDED_BY(mMutex) = 0;
+    // A request is stopping or opening the data channel, without mMutex.
+    bool mChannelChanges GUARDED_BY(mMutex) = false;
+    lumora::Condition mChannelChanged;
     const ServerSources mSources;
 
     static LumoraServerModule* mInstance;  // under the server API mutex

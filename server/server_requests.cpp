@@ -5,10 +5,7 @@
 
 #include "library/callback_scope.h"
 #include "library/log.h"
-#include "link/channel_security.h"
-#include "link/smart_home_link.h"
 #include "protocol/control_documents.h"
-#include "protocol/setup_string.h"
 #include "securec.h"
 #include "server/server_module.h"
 
@@ -29,11 +26,9 @@ constexpr std::size_t MAX_CONNECTIONS = 1024;
 constexpr std::size_t MAX_SUBSCRIBERS = 1024;
 
 // A client that leaves may have sent faster than the application takes its blocks. So long they are still
-// handed over. Other requests wait meanwhile, 8 s before their clients give up.
+// handed over. If the platform has one thread for all requests, the others wait meanwhile, 8 s before their
+// clients give up.
 constexpr std::chrono::milliseconds GOODBYE_LIMIT{7000};
-// The next client's request ends after 8 s, and connecting back to it may take 5 s of them.
-constexpr std::chrono::milliseconds TAKE_OVER_LIMIT{2000};
-
 // Connections are counted: a client that connected twice has to leave twice.
 void EraseFirst(std::vector<unsigned int>& ids, int clientID) {
     ids.erase(std::find(ids.begin(), ids.end(), static_cast<unsigned int>(clientID)));
@@ -45,54 +40,6 @@ std::shared_ptr<LumoraServiceManager> Without(const LumoraServiceManager& servic
     auto next = std::make_shared<LumoraServiceManager>(service);
     EraseFirst(next->mClientIds, clientID);
     return next;
-}
-
-// How a new channel is protected. Without keys it is plain.
-struct Agreement {
-    std::shared_ptr<lumora::ChannelKeys> keys;
-    std::string answer;
-};
-
-void LogPlainClient(bool isRequired, bool hasOffered) {
-    constexpr char OPERATION[] = "OnSetupMediaService";
-    if (isRequired && hasOffered) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
-                      "A private channel is required, and the client's offer of one cannot be answered.\n");
-    } else if (isRequired) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION,
-                      "A private channel is required, and the client offers none.\n");
-    } else if (hasOffered) {
-        LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION,
-                      "The client's offer of a private channel cannot be answered; it gets a plain one.\n");
-    } else {
-        LUMORA_LOG_AS(lumora::LOG_WARNING, OPERATION,
-                      "The client offers no private channel; it gets a plain one.\n");
-    }
-}
-
-// False if the channel must be private and cannot be. It also counts as one that must be if both ends can
-// make it private and only memory is missing: a host that is driven short of memory must not become readable.
-bool AgreeOnProtection(const std::string& offer, Agreement& agreement) {
-    const lumora::ChannelMode mode = lumora::CurrentChannelMode();
-    if (mode == lumora::ChannelMode::PLAIN) {
-        return true;
-    }
-    bool lacksMemory = false;
-    if (!offer.empty()) {
-        agreement.keys = lumora::ChannelKeys::Answer(offer, agreement.answer, &lacksMemory);
-    }
-    if (agreement.keys != nullptr) {
-        return true;
-    }
-    if (lacksMemory) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, "OnSetupMediaService",
-                      "There is no memory for a private channel; the client gets none.\n");
-        return false;
-    }
-    agreement.answer.clear();
-    const bool isRequired = mode == lumora::ChannelMode::REQUIRE;
-    LogPlainClient(isRequired, !offer.empty());
-    return !isRequired;
 }
 
 }  // namespace
@@ -127,8 +74,8 @@ int LumoraServerModule::OnCoapPut(const std::string& key, const std::string&) {
     const MutexLock lock(mMutex);
     LUMORA_TRACE("Enter\n");
     LUMORA_DETAIL("cmd:%s\n", key.c_str());
-    if (key == STOP_TRANSPORT_KEY &&
-        (!MayChangeChannel("OnCoapPut") || StopTransport("OnCoapPut", Rest::ALL, GOODBYE_LIMIT) != 0)) {
+    if (key == STOP_TRANSPORT_KEY && (!AwaitChannel("OnCoapPut") || !MayChangeChannel("OnCoapPut") ||
+                                      StopTransport("OnCoapPut", Rest::ALL, GOODBYE_LIMIT) != 0)) {
         return -1;
     }
     LUMORA_TRACE("Out\n");
@@ -144,6 +91,9 @@ int LumoraServerModule::OnCoapPost(const std::string& key, const std::string& va
     int ret = 0;
     if (key == COMMAND_KEY) {
         return HandleCommand(value);
+    }
+    if (key == DESTROY_KEY && !AwaitChannel(ON_COAP_POST)) {
+        return -1;
     }
     if ((key == DESTROY_KEY || key == CONNECT_KEY) && !MayChangeChannel(ON_COAP_POST)) {
         return -1;
@@ -166,24 +116,6 @@ int LumoraServerModule::OnCoapPost(const std::string& key, const std::string& va
 int LumoraServerModule::OnCoapDelete(const std::string&, const std::string&) {
     const MutexLock lock(mMutex);
     return 0;
-}
-
-// Client IDs are only unique within a node. All clients of a channel are those of the node that set it up, so
-// what another node says of a client ID cannot be meant for one of them.
-bool LumoraServerModule::MayChangeChannel(const char* operation) {
-    const std::shared_ptr<LumoraTransManager> transport = mPublication.Current().mTransManager;
-    if (!mOwner || transport == nullptr || !transport->IsRunning()) {
-        return true;
-    }
-    const auto requester = lumora::CurrentRequester();
-    if (requester && requester->node == mOwner->node) {
-        return true;
-    }
-    LUMORA_LOG_AS(
-        lumora::LOG_ERROR, operation,
-        "The data channel belongs to a node with the key \"%s\"; another one's request is refused.\n",
-        mOwner->identity.c_str());
-    return false;
 }
 
 // Callbacks run with mMutex held, so the next request waits. If the application has registered nothing, the
@@ -344,93 +276,12 @@ int LumoraServerModule::ClearOneServerInfo(int clientID) {
     return 0;
 }
 
-// Any client may ask, and the last one gets the channel: a client that comes back after a crash is not kept
-// out by its old channel. That one is stopped before the new one is tried, because both listen on the same
-// port, and is lost even if the new one fails. The address is the one that the request came from. The one in
-// the setup string is not used, or a request could make this device connect to any host. A client that this
-// device has no private channel with, though it must, does not cost another client its channel.
-int LumoraServerModule::OnSetupMediaService(const lumora::LinkDeviceDescriptor::Port& port,
-                                            std::string& setup) {
-    const MutexLock lock(mMutex);
-    LUMORA_TRACE("Enter\n");
-    std::string request = setup;
-    const std::string offer = lumora::TakeOffer(request);
-    LUMORA_STATE("Reveived remote transport info: %s.\n", request.c_str());
-    if (!MayChangeChannel(__func__)) {
-        return -1;
-    }
-    LUM_TRANSPORT_E protocol = LUM_TRANSPORT_NONE;
-    // There is no factory when a start failed but the platform goes on delivering requests.
-    const int parsed =
-        mTransFactory != nullptr ? mTransFactory->ParseTransportsProtocol(request, protocol) : -1;
-    if (parsed != 0) {
-        LUMORA_ERROR("ParseTransportsProtocol failed!\n");
-        return parsed;
-    }
-    Agreement agreement;
-    if (!AgreeOnProtection(offer, agreement)) {
-        return -1;
-    }
-    if (StopTransport(__func__, Rest::ARRIVED, TAKE_OVER_LIMIT) != 0) {
-        return -1;
-    }
-    const std::shared_ptr<LumoraTransManager> transport = mSources.newTransport(*mTransFactory, protocol);
-    mPublication.SetTransport(transport);
-    if (transport == nullptr) {
-        LUMORA_ERROR("CreateTransportsManager failed!\n");
-        return -1;
-    }
-    lumora::LumoraTransportConfig config;
-    if (config.ParseSetupString(request) == 0) {
-        LUMORA_ERROR("Setup String EROR: %s\n", request.c_str());
-        return 0;  // the client detects the failure because the reply is not "Succ"
-    }
-    transport->UseKeys(std::move(agreement.keys));
-    std::string address = port.GetAddress();
-    const int opened = OpenDataChannel(*transport, address, config.GetPort());
-    if (opened != 0) {
-        return opened;
-    }
-    if (!agreement.answer.empty()) {
-        LUMORA_STATE("The data channel is private.\n");
-    }
-    setup = SetupReply(agreement.answer);
-    mOwner = lumora::CurrentRequester();
-    mOwnerPort = port.port;
-    mPublication.SetRemoteAddress(address);
-    if (mSmartHomeLink != nullptr) {  // null after a failed start, when requests may still arrive
-        mSmartHomeLink->SetConnectDevice(address, config.GetPort());
-    }
-    LUMORA_TRACE("Out\n");
-    return 0;
-}
-
-// Our receiving half comes first: the client connects to it as soon as we have answered. Connecting back is a
-// part of the request, so that "Succ" tells the client that the device has reached it.
-int LumoraServerModule::OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) {
-    LUM_OBSERVER_S observer = {mDevInfo.OnCommand, mDevInfo.OnEventNotify, mDevInfo.OnData};
-    const int receiving = transport.CreateTransports(TransType::SERVER_RECEIVE, address, port, observer);
-    if (receiving != 0) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, "OnSetupMediaService", "CreateTransports failed!\n");
-        return receiving;
-    }
-    LUM_OBSERVER_S none;
-    // Any number may come in a setup string, also the highest.
-    const int clientPort = static_cast<int>(static_cast<unsigned int>(port) + 1);
-    const int sending = transport.CreateTransports(TransType::SERVER_SEND, address, clientPort, none);
-    if (sending != 0) {
-        LUMORA_LOG_AS(lumora::LOG_ERROR, "OnSetupMediaService",
-                      "CreateTransports failed,will stop transport!\n");
-        transport.StopTransports();
-    }
-    return sending;
-}
-
 int LumoraServerModule::OnAddDevice(unsigned int, const std::string&, int, const std::string&) { return 0; }
 
 // The address is compared without mMutex, so that events about other hosts do not wait for a request in
-// progress. One channel serves all clients of a host, so all of them are taken for gone. mClientList is
-// cleared after the walk: nothing in the walk may change it.
+// progress, and again after a wait: another client may have taken the channel over. One channel serves all
+// clients of a host, so all of them are taken for gone. mClientList is cleared after the walk: nothing in the
+// walk may change it.
 int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, int port, const std::string&) {
     LUMORA_TRACE("Enter\n");
     if (addr != mPublication.RemoteAddress()) {
@@ -438,9 +289,12 @@ int LumoraServerModule::OnRemoveDevice(unsigned int, const std::string& addr, in
         return 0;
     }
     const MutexLock lock(mMutex);
-    if (mOwner && port != mOwnerPort) {
+    if (!AwaitChannel(__func__)) {
+        return -1;
+    }
+    if (addr != mPublication.RemoteAddress() || (mOwner && port != mOwnerPort)) {
         LUMORA_TRACE("Out\n");
-        return 0;  // another node on the client's host
+        return 0;  // another client's channel, or another node on the client's host
     }
     LUMORA_STATE("The transport will be destoried while removing device.\n");
     for (const unsigned int clientID : mClientList) {

@@ -14,8 +14,8 @@ constexpr char PACKET_AND_SEND[] = "PacketAndSendData";
 
 }  // namespace
 
-// mSendMutex, not mMutex: a request that waits for its callback, or for connecting back, must not hold up the
-// data of a running service. Sends wait for each other, because blocks must not be mixed in the stream.
+// mSendMutex, not mMutex: a request that waits for its callback must not hold up the data of a running
+// service. Sends wait for each other, because blocks must not be mixed in the stream.
 int LumoraServerModule::SendDataToClient(const std::string& serviceName, const char* data,
                                          unsigned int dataLen, unsigned int* sendLength,
                                          unsigned int timeoutMs) {

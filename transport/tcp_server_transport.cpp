@@ -13,8 +13,8 @@ namespace {
 // One maximal frame and one maximal read.
 constexpr unsigned int SERVER_REASSEMBLY_SIZE = MAX_CLIENT_FRAME_PAYLOAD + READ_SIZE;
 
-// Connecting back is a piece of a request: the client waits for its answer, and all other requests wait
-// behind it. Two lost SYNs are survived.
+// Connecting back is a piece of a request: the client waits for its answer, and so do all other requests if
+// the platform has one thread for them. Two lost SYNs are survived.
 constexpr int CONNECT_BACK_LIMIT_SECONDS = 5;
 
 }  // namespace

@@ -36,13 +36,20 @@ protected:
 
     // Set when a function logs a text for the next time.
     Signal WhenLogged(const std::string& function, const std::string& text) {
+        Signal atOnce;
+        atOnce.Set();
+        return HoldWhenLogged(function, text, atOnce);
+    }
+    // The same, and the thread that logs it waits there.
+    Signal HoldWhenLogged(const std::string& function, const std::string& text, const Signal& until) {
         const Signal signal;
-        mWatched.push_back({function, text, signal});
+        mWatched.push_back({function, text, signal, until});
         const std::vector<Watched> watched = mWatched;
         mLog.OnLine([watched](const LogLine& line) {
             for (const Watched& one : watched) {
                 if (line.text == one.text && (one.function.empty() || line.function == one.function)) {
                     Signal(one.signal).Set();
+                    one.until.Wait();
                 }
             }
         });
@@ -84,6 +91,7 @@ private:
         std::string function;
         std::string text;
         Signal signal;
+        Signal until;
     };
     std::vector<Watched> mWatched;
 };
@@ -178,13 +186,11 @@ TEST_F(AnswerFromOnDataTest, AnswerFailsOnceTheLastClientHasLeft) {
     ExpectNoSocketFound();
 }
 
-// Three wait in a ring, were OnData to wait: OnData for the registration's API mutex, the registration for
-// the request's mMutex, the request for OnData to end.
-TEST_F(AnswerFromOnDataTest, AnswerFailsWhileARegistrationWaitsForAStopRequest) {
+// The registration has the API mutex and goes on after OnData: the answer must not wait for it.
+TEST_F(AnswerFromOnDataTest, AnswerFailsWhileARegistrationIsInProgressAndAStopRequestWaits) {
     BeServingDevice();
     const Signal stopWaits = WhenLogged("", STOP_WAITS_FOR_ON_DATA);
-    const Signal registrationWaits = WhenLogged("RegisterLocalDeviceInfo", "Enter\n");
-    AnswerAfter(registrationWaits);
+    AnswerAfter(HoldWhenLogged("RegisterLocalDeviceInfo", "Enter\n", mAnswered));
     Ask();
     mLog.Clear();
     int stopped = -77;
@@ -197,10 +203,10 @@ TEST_F(AnswerFromOnDataTest, AnswerFailsWhileARegistrationWaitsForAStopRequest) 
     ExpectServesAgain();
 }
 
-TEST_F(AnswerFromOnDataTest, AnswerFailsWhileARegistrationWaitsForANewSetup) {
+TEST_F(AnswerFromOnDataTest, AnswerFailsWhileARegistrationIsInProgressAndANewSetupWaits) {
     BeServingDevice();
     const Signal setupWaits = WhenLogged("", STOP_WAITS_FOR_ON_DATA);
-    AnswerAfter(WhenLogged("RegisterLocalDeviceInfo", "Enter\n"));
+    AnswerAfter(HoldWhenLogged("RegisterLocalDeviceInfo", "Enter\n", mAnswered));
     Ask();
     mLog.Clear();
     std::thread request([&] { AskForChannel(); });
@@ -208,6 +214,25 @@ TEST_F(AnswerFromOnDataTest, AnswerFailsWhileARegistrationWaitsForANewSetup) {
     Register();
     request.join();
     ExpectRefusedForTheStop();
+}
+
+// The registration returns while the stop still waits for OnData, which goes on after the registration.
+TEST_F(AnswerFromOnDataTest, RegistrationDoesNotWaitForAStopRequest) {
+    BeServingDevice();
+    const Signal stopWaits = WhenLogged("", STOP_WAITS_FOR_ON_DATA);
+    Signal registered;
+    AnswerAfter(registered);
+    Ask();
+    mLog.Clear();
+    int stopped = -77;
+    std::thread request([&] { stopped = mPlatform.Put("StopTransport"); });
+    stopWaits.Wait();
+    Register();
+    registered.Set();
+    request.join();
+    EXPECT_EQ(0, stopped);
+    ExpectNoSocketFound();
+    ExpectServesAgain();
 }
 
 // The stop begins when OnData already waits for the API mutex.

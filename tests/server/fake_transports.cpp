@@ -19,11 +19,13 @@ bool g_versionFails = false;
 int FakeTransport::CreateTransports(TransType type, const std::string& address, int port,
                                     LUM_OBSERVER_S& observer) {
     directions.push_back({type, address, port, observer});
+    onCreate(type);
     return type == TransType::SERVER_RECEIVE ? receiveResult : sendingResult;
 }
 
 int FakeTransport::StopTransports() {
     ++stops;
+    onStop();
     return stopResult;
 }
 

@@ -2,6 +2,7 @@
 // Sources().
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -44,8 +45,12 @@ public:
         return 0;
     };
 
+    // Run inside StopTransports and CreateTransports, so that a test can hold a thread there.
+    std::function<void()> onStop = [] {};
+    std::function<void(TransType type)> onCreate = [](TransType) {};
+
     std::vector<Direction> directions;
-    int stops = 0;
+    std::atomic<int> stops{0};
     std::vector<std::string> sent;
     std::vector<unsigned int> timeouts;
 };

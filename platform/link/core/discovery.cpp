@@ -1,6 +1,8 @@
 #include "platform/link/core/discovery.h"
 
 #include <algorithm>
+#include <map>
+#include <utility>
 
 #include "platform/link/wire/link_format.h"
 
@@ -307,19 +309,19 @@ void Discovery::SendProbe(CoapMessage& toGroup, CoapMessage& toNode, const std::
 // Nodes are listed under the address that the directory and the device events use. An application asks one
 // node after the other, so nodes that left a request unanswered come last.
 std::vector<NodeDescription> Discovery::ResultOf(const Search& search, TimePoint now) const {
-    std::vector<NodeDescription> result;
+    std::multimap<std::pair<bool, Endpoint>, const Peer*> found;  // in the order of the result
     for (const Peer* peer : mPresence.Directory().OfType(search.DeviceType())) {
         // A live node has said hello lately. It counts as found although its answers were lost.
         const bool fresh = mPresence.Directory().IsCredible(*peer) && now - peer->heard < Presence::LATELY;
         if (fresh || search.HasFound(peer->node.identity.id)) {
-            result.push_back(peer->node);
+            const Endpoint& endpoint = peer->node.endpoint;
+            found.emplace(std::make_pair(mUnanswered.Contains(endpoint, now), endpoint), peer);
         }
     }
-    std::sort(result.begin(), result.end(), [this, now](const NodeDescription& a, const NodeDescription& b) {
-        const bool last = mUnanswered.Contains(a.endpoint, now);
-        const bool otherLast = mUnanswered.Contains(b.endpoint, now);
-        return last != otherLast ? otherLast : a.endpoint < b.endpoint;
-    });
+    std::vector<NodeDescription> result;
+    for (const auto& [order, peer] : found) {
+        result.push_back(peer->node);
+    }
     return result;
 }
 

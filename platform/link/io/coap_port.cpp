@@ -1,5 +1,9 @@
 #include "platform/link/io/coap_port.h"
 
+#if LUMORA_LINK_HAS_CHANNELS
+#include <openssl/crypto.h>
+#endif
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -38,6 +42,10 @@ void Log(coap_log_t, const char* message) {
 void StartLibrary() {
     static std::once_flag once;
     std::call_once(once, [] {
+#if LUMORA_LINK_HAS_CHANNELS
+        // A program may end while nodes run. OpenSSL would free what their threads use.
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+#endif
         coap_startup();
         coap_set_log_handler(Log);
         coap_set_log_level(LOG_EMERG);

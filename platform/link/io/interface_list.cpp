@@ -22,16 +22,15 @@ std::vector<LocalInterface> SelectInterfaces(const std::vector<SystemInterface>&
     for (const SystemInterface& candidate : all) {
         const bool named =
             names.empty() || std::find(names.begin(), names.end(), candidate.local.name) != names.end();
-        // The first address of an interface is its primary one; further ones are not used.
-        const bool taken = std::any_of(selected.begin(), selected.end(), [&](const LocalInterface& other) {
-            return other.index == candidate.local.index;
+        const auto place = std::find_if(selected.begin(), selected.end(), [&](const LocalInterface& other) {
+            return other.index >= candidate.local.index;
         });
+        // The first address of an interface is its primary one; further ones are not used.
+        const bool taken = place != selected.end() && place->index == candidate.local.index;
         if (candidate.up && candidate.local.index != 0 && named && !taken) {
-            selected.push_back(candidate.local);
+            selected.insert(place, candidate.local);
         }
     }
-    std::sort(selected.begin(), selected.end(),
-              [](const LocalInterface& a, const LocalInterface& b) { return a.index < b.index; });
     return selected;
 }
 

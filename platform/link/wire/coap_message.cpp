@@ -110,13 +110,17 @@ std::string SerializeMessage(const CoapMessage& message) {
     AppendBigEndian(out, message.messageId, 2);
     out += message.token;
 
-    std::vector<CoapOption> sorted = message.options;
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const CoapOption& a, const CoapOption& b) { return a.number < b.number; });
+    std::vector<const CoapOption*> sorted;  // those of one number stay in their order
+    for (const CoapOption& option : message.options) {
+        const auto place = std::find_if(sorted.begin(), sorted.end(), [&](const CoapOption* other) {
+            return other->number > option.number;
+        });
+        sorted.insert(place, &option);
+    }
     std::uint16_t previous = 0;
-    for (const CoapOption& option : sorted) {
-        AppendOption(out, previous, option);
-        previous = option.number;
+    for (const CoapOption* option : sorted) {
+        AppendOption(out, previous, *option);
+        previous = option->number;
     }
     if (!message.payload.empty()) {
         out.push_back(static_cast<char>(PAYLOAD_MARKER));

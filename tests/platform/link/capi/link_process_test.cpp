@@ -59,18 +59,20 @@ public:
         kill(mPid, SIGKILL);
         Reap();
     }
-    // Lets it end by itself.
-    void End() {
+    // Lets it end by itself. Returns its status, as waitpid tells it.
+    int End() {
         mInput = lumora::UniqueFd();
-        Reap();
+        return Reap();
     }
 
 private:
-    void Reap() {
+    int Reap() {
+        int status = -1;
         if (mPid > 0) {
-            waitpid(mPid, nullptr, 0);
+            waitpid(mPid, &status, 0);
             mPid = -1;
         }
+        return status;
     }
     pid_t mPid = -1;
     lumora::UniqueFd mInput;
@@ -134,6 +136,12 @@ TEST(LinkProcessTest, AProcessThatEndsIsGoneAtOnce) {
     EXPECT_TRUE(Eventually([&] { return watcher.Events().size() == 2; }, std::chrono::milliseconds(1100)))
         << "before a hello was missed";
     EXPECT_THAT(Found(watcher, "camera").Endpoints(), SizeIs(0));
+}
+
+TEST(LinkProcessTest, AProcessMayEndWhileItsNodesRun) {
+    for (int round = 0; round < 12; ++round) {
+        EXPECT_EQ(ServingProcess("camera", "leave").End(), 0);
+    }
 }
 
 TEST(LinkProcessTest, AProcessThatIsStartedAgainIsAnotherDevice) {

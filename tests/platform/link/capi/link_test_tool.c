@@ -10,6 +10,7 @@
  *   put TYPE             finds the first device; sends it a PUT for each line "KEY VALUE" of the standard
  *                        input, and prints result and time
  *   watch                prints device events until the standard input ends
+ *   leave TYPE           starts a dozen nodes, and ends while they run
  */
 #include <pthread.h>
 #include <stdio.h>
@@ -121,6 +122,17 @@ static int Serve(AppResource* resource, int nodes) {
     return 0;
 }
 
+/* The threads of new nodes have the most to do. */
+static int Leave(AppResource* resource) {
+    static LinkPlatform* platforms[12]; /* what a running node holds is no leak */
+    size_t at;
+    for (at = 0; at < sizeof platforms / sizeof *platforms; ++at) {
+        platforms[at] = Start(resource, NULL);
+    }
+    printf("ready\n");
+    return 0;
+}
+
 static int Find(LinkPlatform* platform, const char* wanted) {
     const double start = Milliseconds();
     AppResourceProxy* proxy = platform->FindResource(platform, wanted);
@@ -216,6 +228,10 @@ int main(int argc, char** argv) {
     if (strcmp(command, "serve") == 0 && argc > 2) {
         deviceType = argv[2];
         return Serve(&resource, argc > 3 ? atoi(argv[3]) : 1);
+    }
+    if (strcmp(command, "leave") == 0 && argc > 2) {
+        deviceType = argv[2];
+        return Leave(&resource);
     }
     if (strcmp(command, "both") == 0 && argc > 3) {
         deviceType = argv[2];
