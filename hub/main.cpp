@@ -101,8 +101,12 @@ int Main(int count, char** words) {
 int main(int count, char** words) {
     try {
         return lumora_hub::Main(count, words);
+    } catch (const lumora_hub::OptionError& error) {
+        std::fprintf(stderr, "lumora-hub: %s; see lumora-hub --help\n", error.what());
+        return lumora_hub::WRONG_OPTIONS;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "lumora-hub: %s\n", error.what());
+        lumora_hub::DelayNextStart(error.what());
     } catch (...) {
         std::fputs("lumora-hub: an unknown exception\n", stderr);
     }

@@ -83,8 +83,8 @@ Settings SettingsOf(const CoreOptions& options) {
     Settings settings = options.settings;
     const std::optional<PortLimits> ports = ParsePorts(options.ports);
     if (!ports) {
-        throw std::runtime_error("--ports takes two numbers from 1024 to 65535 as 6700-6899, not \"" +
-                                 options.ports + '"');
+        throw OptionError("--ports takes two numbers from 1024 to 65535 as 6700-6899, not \"" +
+                          options.ports + '"');
     }
     settings.ports = *ports;
     settings.idle = Seconds(options.idleSeconds);

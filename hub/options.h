@@ -31,7 +31,7 @@ struct ProgramOptions {
 // Describes the program and all of its options, those of the faces too. The app refers to options and faces.
 void AddProgramOptions(CLI::App& app, ProgramOptions& options,
                        const std::vector<std::unique_ptr<Face>>& faces);
-// The settings that they mean. Throws std::runtime_error with a sentence for people.
+// The settings that they mean. Throws OptionError, or std::runtime_error if there is no worker program.
 Settings SettingsOf(const CoreOptions& options);
 
 }  // namespace lumora_hub

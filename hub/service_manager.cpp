@@ -3,16 +3,25 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <string>
 
 #include "base/unique_fd.h"
 
 namespace lumora_hub {
 
+namespace {
+
+const char* NotifySocket() { return std::getenv("NOTIFY_SOCKET"); }
+
+}  // namespace
+
 void TellServiceManager(const char* state) {
-    const char* const path = std::getenv("NOTIFY_SOCKET");
+    const char* const path = NotifySocket();
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     const std::size_t length = path != nullptr ? std::strlen(path) : 0;
@@ -27,6 +36,20 @@ void TellServiceManager(const char* state) {
     const lumora::UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sendto(sender.Get(), state, std::strlen(state), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+}
+
+void DelayNextStart(const char* reason) {
+    constexpr timespec PAUSE = {10, 0};
+    if (NotifySocket() == nullptr) {
+        return;
+    }
+    TellServiceManager((std::string("STATUS=Cannot start, next try in 10 s: ") + reason).c_str());
+    sigset_t end;
+    sigemptyset(&end);
+    sigaddset(&end, SIGINT);
+    sigaddset(&end, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &end, nullptr);
+    sigtimedwait(&end, nullptr, &PAUSE);
 }
 
 }  // namespace lumora_hub

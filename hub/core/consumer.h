@@ -11,8 +11,12 @@
 
 namespace lumora_hub {
 
+// Small blocks that come together after a pause of the network shall find room. 4,096 of them take 1 MB, with
+// what describes them.
+constexpr std::size_t MOST_BLOCKS_OF_QUEUE = 4096;
+
 struct QueueLimits {
-    std::size_t blocks = 64;
+    std::size_t blocks = MOST_BLOCKS_OF_QUEUE;
     std::size_t bytes = std::size_t{16} << 20;  // one block is always taken, whatever its size
 };
 

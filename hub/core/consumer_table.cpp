@@ -1,9 +1,23 @@
 #include "hub/core/consumer_table.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
+#include "hub/core/quota.h"
+
 namespace lumora_hub {
+
+namespace {
+
+// The one in TYPE@ADDRESS or TYPE@ADDRESS:PORT; empty if the name is a type alone.
+std::string_view AddressIn(const std::string& device) {
+    const std::size_t at = device.rfind('@');
+    const std::string_view rest = at != std::string::npos ? std::string_view(device).substr(at + 1) : "";
+    return rest.substr(0, rest.find(':'));
+}
+
+}  // namespace
 
 std::shared_ptr<ConsumerEntry> ConsumerTable::Add(const std::string& device, const std::string& service,
                                                   std::shared_ptr<Consumer> consumer) {
@@ -11,12 +25,18 @@ std::shared_ptr<ConsumerEntry> ConsumerTable::Add(const std::string& device, con
     entry->device = device;
     entry->service = service;
     entry->consumer = std::move(consumer);
+    const std::string_view address = AddressIn(device);
+    const std::size_t mostOfName = ThreeQuarters(mMost);
+    std::size_t ofName = 0;
+    std::size_t ofAddress = 0;
     const lumora::MutexLock lock(mMutex);
-    const auto isSister = [&](const auto& other) {
-        return other->consumer->Name() == entry->consumer->Name();
-    };
-    const auto sisters = std::count_if(mEntries.begin(), mEntries.end(), isSister);
-    if (mEntries.size() >= mMost || static_cast<std::size_t>(sisters) >= mMost - mMost / 4) {
+    for (const auto& other : mEntries) {
+        if (other->consumer->Name() == entry->consumer->Name()) {
+            ++ofName;
+            ofAddress += !address.empty() && AddressIn(other->device) == address ? 1U : 0U;
+        }
+    }
+    if (mEntries.size() >= mMost || ofName >= mostOfName || ofAddress >= ThreeQuarters(mostOfName)) {
         return nullptr;
     }
     mEntries.push_back(entry);

@@ -28,7 +28,8 @@ public:
     explicit ConsumerTable(std::size_t most) : mMost(most) {}
 
     // Null if the table is full. Consumers of one name have three quarters of it at most: one face must not
-    // keep out the others.
+    // keep out the others. Of these, three quarters may name devices of one address: a face that follows all
+    // devices must not follow those of one host only.
     std::shared_ptr<ConsumerEntry> Add(const std::string& device, const std::string& service,
                                        std::shared_ptr<Consumer> consumer);
     void Remove(const std::shared_ptr<ConsumerEntry>& entry);

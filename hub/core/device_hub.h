@@ -36,6 +36,13 @@ struct ConsumerState {
     ConsumerCounts counts;
 };
 
+// How often devices were refused because others at their address have what one address may have.
+struct RefusalCounts {
+    std::uint64_t nodes = 0;  // not asked what they offer
+    std::uint64_t devices = 0;
+    std::uint64_t channels = 0;
+};
+
 // Any thread may call its functions. None of them waits for a device.
 //
 // A device is named by its id (TYPE@ADDRESS), or by its type alone: that is one device of the type, and
@@ -51,6 +58,7 @@ public:
     virtual std::vector<DeviceState> Devices() const = 0;
     virtual std::optional<DeviceState> FindDevice(const std::string& name) const = 0;
     virtual std::vector<ConsumerState> Consumers() const = 0;
+    virtual RefusalCounts Refusals() const = 0;
 
     // Blocks of the service go to the consumer until the result is destroyed. The channel is opened for the
     // first consumer and closed a while after the last. Null if the hub has as many consumers as it may have.

@@ -29,8 +29,6 @@ constexpr std::chrono::minutes UNDISTURBED_CONNECTION{2};
 // Devices hear of a node that has left at about the same time as the hub; the hub's look at a channel comes
 // up to two seconds later.
 constexpr std::chrono::seconds NEIGHBOUR_TIME{8};
-// Fifty searches at once would keep a small network from answering any of them.
-constexpr unsigned MOST_OPENING = 8;
 constexpr std::chrono::milliseconds OPENING_PAUSE{20};
 // A device closes a channel on which it cannot send for half a second.
 constexpr std::chrono::milliseconds STOPPED_FOR{400};
@@ -103,6 +101,7 @@ void DeviceLink::Update() {
     if (!needed) {
         mSurroundings.loop.Cancel(mRetry);
         if (mWorker == nullptr) {
+            mChannel.Release();
             Become(ChannelState::IDLE);
         } else if (mIdle == 0) {
             mIdle = mSurroundings.loop.After(mSurroundings.settings.idle, [this] {
@@ -126,25 +125,39 @@ void DeviceLink::Update() {
 
 // One that waits for others counts as being opened: its consumers see no difference.
 void DeviceLink::Start() {
-    if (mSurroundings.opening >= MOST_OPENING) {
+    const std::string& address = mPlace->address;
+    if (!mChannel && !(mChannel = mSurroundings.channels.Take(address))) {
+        RefuseChannel();
+        return;
+    }
+    mOpening = mSurroundings.opening.Take(address);
+    if (!mOpening) {
         UpdateAfter(OPENING_PAUSE);
         Become(ChannelState::CONNECTING);
         return;
     }
-    const std::optional<int> port = mSurroundings.ports.Take();
-    if (!port) {
-        OnEnd(EndReason::PORT_TAKEN, "all data ports are in use; --ports names more");
-        return;
-    }
-    mPort = *port;
+    mPort = mSurroundings.ports.Take().value();  // there are as many as channels
     try {
-        StartWorker(*port);
-        SetOpening(true);
+        StartWorker(mPort);
         EndAfter(mSurroundings.settings.open, "its worker opens no channel");
         Become(ChannelState::CONNECTING);
     } catch (const std::system_error& error) {
         OnEnd(EndReason::CONNECT_FAILED, std::string("no worker can be started: ") + error.what());
     }
+}
+
+void DeviceLink::RefuseChannel() {
+    if (!mSurroundings.channels.HasItsShare(mPlace->address)) {
+        OnEnd(EndReason::PORT_TAKEN, "all data ports are in use; --ports names more");
+        return;
+    }
+    ++mSurroundings.refused;
+    HUB_LOG_LIMITED(
+        lumora::LOG_WARNING,
+        "The device of type \"%s\" at %s gets no channel: too many others at its address have one.\n",
+        mPlace->type.c_str(), mPlace->address.c_str());
+    UpdateAfter(mBackOff.Next());
+    Become(ChannelState::FAILED, "too many devices at its address have channels; --ports names more ports");
 }
 
 void DeviceLink::StartWorker(int port) {
@@ -169,26 +182,16 @@ void DeviceLink::Stop() {
 // Ends the worker, and what it was told goes with it.
 void DeviceLink::Drop() {
     mWorker.reset();
-    SetOpening(false);
+    mOpening.Release();
     if (mPort != 0) {
         mSurroundings.ports.Release(std::exchange(mPort, 0));
     }
+    mChannel.Release();
     mConnected = false;
     mSurroundings.loop.Cancel(mDeadline);
     mSubscribed.clear();
     mAtWorker.clear();
     FinishSent();
-}
-
-void DeviceLink::SetOpening(bool opening) {
-    if (opening == std::exchange(mIsOpening, opening)) {
-        return;
-    }
-    if (opening) {
-        ++mSurroundings.opening;
-    } else {
-        --mSurroundings.opening;
-    }
 }
 
 void DeviceLink::UpdateAfter(std::chrono::milliseconds pause) {
@@ -310,7 +313,7 @@ void DeviceLink::OnFrame(Frame frame) {
 }
 
 void DeviceLink::OnConnected(const Frame& frame) {
-    SetOpening(false);
+    mOpening.Release();
     mSurroundings.loop.Cancel(mDeadline);
     mConnected = true;
     mConnectedAt = Clock::now();

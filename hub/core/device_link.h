@@ -2,6 +2,7 @@
 // it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -15,6 +16,7 @@
 #include "hub/core/device_hub.h"
 #include "hub/core/event_loop.h"
 #include "hub/core/port_range.h"
+#include "hub/core/quota.h"
 #include "hub/core/settings.h"
 #include "hub/core/worker_process.h"
 
@@ -39,9 +41,13 @@ struct LinkSurroundings {
     const Settings& settings;
     // When another node of this host left the network. Devices then close their channels to this host.
     EventLoop::Clock::time_point neighbourLeft;
-    // Channels that are being opened now. Each search asks all nodes of the network, so there are a few at a
-    // time.
-    unsigned opening = 0;
+    // Channels that wait, are being opened or are open.
+    Quota channels{ports.Pairs(), ThreeQuarters(ports.Pairs())};
+    // Those that are being opened now. Fifty searches at once would keep a small network from answering any
+    // of them. A device can keep the hub waiting, so other addresses have half of the places.
+    Quota opening{8, 4};
+    // How often a device got no channel because its address has its share of them.
+    std::atomic<std::uint64_t> refused{0};
 };
 
 // For the hub's thread.
@@ -86,7 +92,7 @@ private:
     void StartWorker(int port);
     void Stop();
     void Drop();
-    void SetOpening(bool opening);
+    void RefuseChannel();
     void UpdateAfter(std::chrono::milliseconds pause);
     void Subscribe();
     void SendRequests();
@@ -114,7 +120,8 @@ private:
 
     std::unique_ptr<WorkerProcess> mWorker;
     int mPort = 0;
-    bool mIsOpening = false;  // counted in mSurroundings.opening
+    Quota::Share mChannel;
+    Quota::Share mOpening;
     bool mConnected = false;
     EventLoop::Clock::time_point mConnectedAt;
     EventLoop::Clock::time_point mLastBlock;

@@ -108,7 +108,8 @@ Hub::Hub(Settings settings)
     : mSettings(std::move(settings)),
       mConsumers(mSettings.consumers),
       mPorts(mSettings.ports),
-      mSurroundings{mLoop, mReaper, mPorts, mSettings, {}} {
+      mSurroundings{mLoop, mReaper, mPorts, mSettings, {}},
+      mShares(mSettings.devices, ThreeQuarters(mSettings.devices)) {
     NetworkWatch::Events events;
     events.onFound = [this](const FoundDevice& found) { mLoop.Post([this, found] { OnFound(found); }); };
     events.onLeft = [this](const NodeEvent& node) { mLoop.Post([this, node] { OnLeft(node); }); };
@@ -180,6 +181,8 @@ void Hub::SendBlock(const std::string& device, std::string bytes, Done done) {
     Request(FrameKind::SEND, device, {}, std::move(bytes), std::move(done));
 }
 
+RefusalCounts Hub::Refusals() const { return {mWatch->Refused(), mRefused, mSurroundings.refused}; }
+
 void Hub::Request(FrameKind kind, const std::string& device, const std::string& name, std::string body,
                   Done done) {
     const std::size_t size = body.size();
@@ -234,14 +237,28 @@ void Hub::OnFound(const FoundDevice& found) {
     if (!found.answers || HoldBack(found)) {
         return;
     }
-    if (mDevices.size() >= mSettings.devices && !MakeRoom()) {
-        HUB_LOG_LIMITED(lumora::LOG_WARNING,
-                        "The device of type \"%s\" at %s is left out: %zu others are known.\n",
-                        found.type.c_str(), found.address.c_str(), mDevices.size());
-        return;
+    if (Device* const device = AddDevice(found)) {
+        Describe(*device, found);
+        ReconcileSoon();
+    } else {
+        LeaveOut(found);
     }
-    Describe(AddDevice(IdFor(found)), found);
-    ReconcileSoon();
+}
+
+void Hub::LeaveOut(const FoundDevice& found) {
+    const char* const type = found.type.c_str();
+    const char* const address = found.address.c_str();
+    if (mShares.HasItsShare(found.address)) {
+        ++mRefused;
+        HUB_LOG_LIMITED(
+            lumora::LOG_WARNING,
+            "The device of type \"%s\" at %s is left out: too many others at its address are known.\n", type,
+            address);
+    } else {
+        HUB_LOG_LIMITED(lumora::LOG_WARNING,
+                        "The device of type \"%s\" at %s is left out: %zu others are known.\n", type, address,
+                        mDevices.size());
+    }
 }
 
 // A device that was killed and started again is seen twice for about a second. The newcomer shall have its
@@ -310,24 +327,35 @@ std::string Hub::IdFor(const FoundDevice& found) {
                                                                      : id + ':' + std::to_string(found.port);
 }
 
-Hub::Device& Hub::AddDevice(const std::string& id) {
-    const bool isNew = mDevices.count(id) == 0;
-    Device& device = mDevices[id];  // stays at its place in the map
-    if (isNew) {
-        device.state.id = id;
-        DeviceLink::Events events;
-        events.onChanged = [this, &device] { Publish(device); };
-        events.onBlock = [this, &device](const std::string& service, std::uint64_t number,
-                                         std::string bytes) {
-            HandOut(device, service, number, std::move(bytes));
-        };
-        events.onUnreachable = [this, &device] {
-            mWatch->Check(device.state.type, device.state.address, device.state.port);
-        };
-        device.link = std::make_unique<DeviceLink>(mSurroundings, std::move(events));
+// One that had left is known still. Null if there is no room for another one.
+Hub::Device* Hub::AddDevice(const FoundDevice& found) {
+    const std::string id = IdFor(found);
+    const auto known = mDevices.find(id);
+    if (known != mDevices.end()) {
+        mLoop.Cancel(known->second.forget);
+        return &known->second;
     }
-    mLoop.Cancel(device.forget);
-    return device;
+    if (!MakeRoom(found.address)) {
+        return nullptr;
+    }
+    Device& device = mDevices[id];
+    device.state.id = id;
+    device.share = mShares.Take(found.address);
+    LinkDevice(device);
+    return &device;
+}
+
+// The device stays at its place in the map.
+void Hub::LinkDevice(Device& device) {
+    DeviceLink::Events events;
+    events.onChanged = [this, &device] { Publish(device); };
+    events.onBlock = [this, &device](const std::string& service, std::uint64_t number, std::string bytes) {
+        HandOut(device, service, number, std::move(bytes));
+    };
+    events.onUnreachable = [this, &device] {
+        mWatch->Check(device.state.type, device.state.address, device.state.port);
+    };
+    device.link = std::make_unique<DeviceLink>(mSurroundings, std::move(events));
 }
 
 void Hub::Describe(Device& device, const FoundDevice& found) {
@@ -380,12 +408,18 @@ void Hub::Forget(const std::string& id) {
     }
 }
 
-// Devices that consumers wait for stay known when they leave. Those that are there come first.
-bool Hub::MakeRoom() {
+// Devices that consumers wait for stay known when they leave. Those that are there come first. An address
+// that has its share makes room itself.
+bool Hub::MakeRoom(const std::string& address) {
+    if (mShares.HasRoom(address)) {
+        return true;
+    }
+    const bool mustYield = mShares.HasItsShare(address);
     Device* oldest = nullptr;
     for (auto& [id, device] : mDevices) {
         const bool isOlder = oldest == nullptr || device.state.lastSeen < oldest->state.lastSeen;
-        if (!device.state.isPresent && isOlder) {
+        const bool mayGo = !device.state.isPresent && (!mustYield || device.state.address == address);
+        if (mayGo && isOlder) {
             oldest = &device;
         }
     }

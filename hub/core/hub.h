@@ -40,6 +40,7 @@ public:
                      Done done) override;
     void SendBlock(const std::string& device, std::string bytes, Done done) override;
     std::unique_ptr<Registration> Watch(Listener listener) override;
+    RefusalCounts Refusals() const override;
 
 private:
     class ConsumerRegistration;
@@ -53,6 +54,7 @@ private:
     // A device, and what only this thread knows of it.
     struct Device {
         DeviceState state;
+        Quota::Share share;
         std::unique_ptr<DeviceLink> link;
         std::map<std::string, ConsumerList> consumers;  // of each service
         EventLoop::Timer forget = 0;
@@ -68,11 +70,13 @@ private:
     Device* DeviceAt(const std::string& type, const std::string& address, int port);
     Device* PresentAt(const std::string& type, const std::string& address);
     std::string IdFor(const lumora_nodes::FoundDevice& found);
-    Device& AddDevice(const std::string& id);
+    Device* AddDevice(const lumora_nodes::FoundDevice& found);
+    void LinkDevice(Device& device);
     void Describe(Device& device, const lumora_nodes::FoundDevice& found);
     void Leave(Device& device);
     void Forget(const std::string& id);
-    bool MakeRoom();
+    bool MakeRoom(const std::string& address);
+    void LeaveOut(const lumora_nodes::FoundDevice& found);
     void RefreshLater();
 
     // What consumers want.
@@ -93,10 +97,12 @@ private:
     Reaper mReaper{mLoop};
     PortRange mPorts;
     LinkSurroundings mSurroundings;
+    Quota mShares;  // of the known devices
     std::map<std::string, Device> mDevices;
     std::vector<lumora_nodes::FoundDevice> mHeldBack;
     std::vector<std::shared_ptr<ListenerEntry>> mListeners;
     std::atomic<bool> mReconciling{false};
+    std::atomic<std::uint64_t> mRefused{0};  // devices whose address has its share
     std::atomic<std::size_t> mRequests{0};
     std::atomic<std::size_t> mRequestBytes{0};
 

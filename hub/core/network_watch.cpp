@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <map>
+#include <iterator>
+#include <tuple>
 #include <utility>
 
 #include "base/thread.h"
@@ -20,6 +21,8 @@ const char NODE_TYPE[] = "lumora-hub";
 
 // A node that does not answer holds a thread for up to eight seconds.
 constexpr int ASKING_THREADS = 4;
+// Others are asked meanwhile.
+constexpr int ASKING_THREADS_OF_ADDRESS = 2;
 
 // A device registers its services a moment after it has come. Nodes that are no devices never do, and are
 // asked once a minute.
@@ -39,7 +42,10 @@ bool IsSame(const NodeEvent& one, const NodeEvent& other) {
 }  // namespace
 
 NetworkWatch::NetworkWatch(std::vector<std::string> types, std::size_t mostNodes, Events events)
-    : mTypes(std::move(types)), mMostNodes(mostNodes), mEvents(std::move(events)) {
+    : mTypes(std::move(types)),
+      mEvents(std::move(events)),
+      mShares(mostNodes, ThreeQuarters(mostNodes)),
+      mAskings(ASKING_THREADS, ASKING_THREADS_OF_ADDRESS) {
     const lumora::AllSignalsBlocked blocked;
     mNode = std::make_unique<lumora_nodes::LinkNode>([this](NodeEvent event) { OnEvent(std::move(event)); },
                                                      NODE_TYPE);
@@ -68,11 +74,6 @@ void NetworkWatch::Check(const std::string& type, const std::string& address, in
 
 void NetworkWatch::Refresh(const std::string& type, const std::string& address, int port) {
     Add({{true, address, port, type}, false, 0, Clock::now()});
-}
-
-std::size_t NetworkWatch::Waiting() const {
-    const lumora::MutexLock lock(mMutex);
-    return Count();
 }
 
 void NetworkWatch::OnEvent(NodeEvent event) {
@@ -104,13 +105,29 @@ void NetworkWatch::Add(Task task) {
         Hasten(task);
         return;
     }
-    if (Count() >= mMostNodes) {
-        HUB_LOG_LIMITED(lumora::LOG_WARNING, "A node of type \"%s\" at %s is not asked: %zu others are.\n",
-                        task.node.type.c_str(), task.node.address.c_str(), Count());
+    if (!task.share) {
+        task.share = mShares.Take(task.node.address);
+    }
+    if (!task.share) {
+        Refuse(task);
         return;
     }
     mTasks.push_back(std::move(task));
     mChanged.NotifyAll();
+}
+
+void NetworkWatch::Refuse(const Task& task) {
+    const char* const type = task.node.type.c_str();
+    const char* const address = task.node.address.c_str();
+    if (mShares.HasItsShare(task.node.address)) {
+        ++mRefused;
+        HUB_LOG_LIMITED(lumora::LOG_WARNING,
+                        "A node of type \"%s\" at %s is not asked: too many others at its address are.\n",
+                        type, address);
+    } else {
+        HUB_LOG_LIMITED(lumora::LOG_WARNING, "A node of type \"%s\" at %s is not asked: %zu others are.\n",
+                        type, address, Waiting());
+    }
 }
 
 bool NetworkWatch::IsWaiting(const Task& task) const {
@@ -144,44 +161,54 @@ void NetworkWatch::Again(Task task) {
 
 void NetworkWatch::RunSearches() {
     while (true) {
-        std::map<std::string, std::vector<Task>> due;
+        std::vector<Task> tasks;
         {
             const lumora::MutexLock lock(mMutex);
-            std::vector<Task> tasks = TakeDue();
-            while (!mStop && tasks.empty()) {
-                Clock::time_point next = Clock::time_point::max();
-                for (const Task& task : mTasks) {
-                    next = std::min(next, task.due);
-                }
-                mChanged.WaitUntil(mMutex, next);
-                tasks = TakeDue();
+            while (!mStop && (tasks = TakeDue()).empty()) {
+                mChanged.WaitUntil(mMutex, NextDue());
             }
             if (mStop) {
                 return;
             }
-            mSearched = tasks.size();
-            for (Task& task : tasks) {
-                due[task.node.type].push_back(std::move(task));
-            }
         }
-        for (auto& [type, tasks] : due) {
-            Search(type, std::move(tasks));
-        }
+        const std::string type = tasks.front().node.type;
+        Search(type, std::move(tasks));
     }
 }
 
-std::vector<NetworkWatch::Task> NetworkWatch::TakeDue() {
-    const Clock::time_point now = Clock::now();
-    const auto later =
-        std::partition(mTasks.begin(), mTasks.end(), [now](const Task& task) { return task.due <= now; });
-    std::vector<Task> due(std::make_move_iterator(mTasks.begin()), std::make_move_iterator(later));
-    mTasks.erase(mTasks.begin(), later);
-    return due;
+NetworkWatch::Clock::time_point NetworkWatch::NextDue() const {
+    Clock::time_point next = Clock::time_point::max();
+    for (const Task& task : mTasks) {
+        next = std::min(next, task.due);
+    }
+    return next;
 }
 
-void NetworkWatch::EndSearch() {
-    const lumora::MutexLock lock(mMutex);
-    --mSearched;
+// A search takes up to a second if a node does not answer it, and finds one type. So the addresses take
+// turns: a host with nodes of many types delays the others by one search each.
+std::vector<NetworkWatch::Task> NetworkWatch::TakeDue() {
+    const Clock::time_point now = Clock::now();
+    const std::string last = mLastAddress;
+    const auto turn = [&last](const Task& task) {
+        return std::make_tuple(task.node.address <= last, std::cref(task.node.address), task.due);
+    };
+    const Task* next = nullptr;
+    for (const Task& task : mTasks) {
+        if (task.due <= now && (next == nullptr || turn(task) < turn(*next))) {
+            next = &task;
+        }
+    }
+    if (next == nullptr) {
+        return {};
+    }
+    mLastAddress = next->node.address;
+    const std::string type = next->node.type;
+    const auto later = std::partition(mTasks.begin(), mTasks.end(), [&](const Task& task) {
+        return task.due > now || task.node.type != type;
+    });
+    std::vector<Task> due(std::make_move_iterator(later), std::make_move_iterator(mTasks.end()));
+    mTasks.erase(later, mTasks.end());
+    return due;
 }
 
 // The platform asks only nodes that a search has found, and it searches for a type.
@@ -192,14 +219,12 @@ void NetworkWatch::Search(const std::string& type, std::vector<Task> tasks) {
         });
         if (task != tasks.end()) {
             const lumora::MutexLock lock(mMutex);
-            --mSearched;
-            mQuestions.push_back({std::move(*task), std::move(device)});
+            mQuestions.push_back({std::move(*task), std::move(device), {}});
             tasks.erase(task);
             mChanged.NotifyAll();
         }
     }
     for (Task& task : tasks) {
-        EndSearch();
         if (task.isCheck && task.attempt + 1 >= SEARCHES_OF_A_CHECK) {
             mEvents.onLeft(task.node);
             // A busy device may have missed both searches, and no event tells that it is still there.
@@ -215,21 +240,29 @@ void NetworkWatch::Search(const std::string& type, std::vector<Task> tasks) {
 // ---- The threads that ask
 
 void NetworkWatch::RunQuestions() {
-    while (true) {
-        std::vector<Question> one;
-        {
-            const lumora::MutexLock lock(mMutex);
-            while (!mStop && mQuestions.empty()) {
-                mChanged.Wait(mMutex);
-            }
-            if (mStop) {
-                return;
-            }
-            one.push_back(std::move(mQuestions.front()));
-            mQuestions.pop_front();
-        }
-        Ask(std::move(one.front()));
+    while (std::optional<Question> question = NextQuestion()) {
+        Ask(std::move(*question));
+        const lumora::MutexLock lock(mMutex);
+        mChanged.NotifyAll();  // another node at this address may be asked
     }
+}
+
+// Nothing at the end. Nodes that do not answer leave threads to the nodes of other addresses.
+std::optional<NetworkWatch::Question> NetworkWatch::NextQuestion() {
+    const lumora::MutexLock lock(mMutex);
+    while (!mStop) {
+        const auto next = std::find_if(
+            mQuestions.begin(), mQuestions.end(),
+            [this](const Question& question) { return mAskings.HasRoom(question.task.node.address); });
+        if (next != mQuestions.end()) {
+            Question question = std::move(*next);
+            mQuestions.erase(next);
+            question.thread = mAskings.Take(question.task.node.address);
+            return question;
+        }
+        mChanged.Wait(mMutex);
+    }
+    return std::nullopt;
 }
 
 void NetworkWatch::Ask(Question question) {

@@ -1,15 +1,18 @@
 // Looks round in the network: which devices come, what they offer, and which leave.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/mutex.h"
+#include "hub/core/quota.h"
 #include "nodes/link_node.h"
 
 namespace lumora_hub {
@@ -36,8 +39,11 @@ public:
     // Asks a device again what it offers. Leads to a call of onFound if it answers.
     void Refresh(const std::string& type, const std::string& address, int port);
 
-    // Nodes that wait to be asked; at most mostNodes.
-    std::size_t Waiting() const;
+    // Nodes that wait to be asked, or are asked now; at most mostNodes, and three quarters of them at one
+    // address.
+    std::size_t Waiting() const { return mShares.Taken(); }
+    // How often a node was not asked because its address has its share of these.
+    std::uint64_t Refused() const { return mRefused; }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -48,36 +54,41 @@ private:
         bool isCheck = false;
         int attempt = 0;
         Clock::time_point due;
+        Quota::Share share = {};  // of the nodes that wait
     };
     struct Question {
         Task task;
         lumora_nodes::RemoteDevice device;
+        Quota::Share thread = {};
     };
 
     void OnEvent(lumora_nodes::NodeEvent event);
     bool IsWanted(const std::string& type) const;
     void Add(Task task) EXCLUDES(mMutex);
+    void Refuse(const Task& task);
     bool IsWaiting(const Task& task) const REQUIRES(mMutex);
-    std::size_t Count() const REQUIRES(mMutex) { return mTasks.size() + mSearched + mQuestions.size(); }
-    void EndSearch() EXCLUDES(mMutex);
     void Hasten(const Task& task) REQUIRES(mMutex);
     void Again(Task task) EXCLUDES(mMutex);
 
     void RunSearches();
+    Clock::time_point NextDue() const REQUIRES(mMutex);
     std::vector<Task> TakeDue() REQUIRES(mMutex);
     void Search(const std::string& type, std::vector<Task> tasks);
     void RunQuestions();
+    std::optional<Question> NextQuestion() EXCLUDES(mMutex);
     void Ask(Question question);
 
     const std::vector<std::string> mTypes;
-    const std::size_t mMostNodes;
     const Events mEvents;
+    Quota mShares;   // of the nodes that wait
+    Quota mAskings;  // of the threads that ask
+    std::atomic<std::uint64_t> mRefused{0};
 
     mutable lumora::Mutex mMutex;
     lumora::Condition mChanged;
     std::vector<Task> mTasks GUARDED_BY(mMutex);
-    std::size_t mSearched GUARDED_BY(mMutex) = 0;  // tasks that a search is under way for
     std::deque<Question> mQuestions GUARDED_BY(mMutex);
+    std::string mLastAddress GUARDED_BY(mMutex);  // whose turn it was
     bool mStop GUARDED_BY(mMutex) = false;
 
     std::unique_ptr<lumora_nodes::LinkNode> mNode;

@@ -21,7 +21,6 @@ bool Feeds::Follow(const DeviceState& device) {
             feed.registration.reset();
         }
     }
-    bool isComplete = true;
     for (const ServiceState& service : device.services) {
         if (!IsWanted(device.id, service.name)) {
             continue;
@@ -30,9 +29,12 @@ bool Feeds::Follow(const DeviceState& device) {
         if (feed.registration == nullptr) {
             feed.registration = mHub.Subscribe(device.id, service.name, feed.consumer);
         }
-        isComplete = isComplete && feed.registration != nullptr;
+        // A device that came after many others has services that do not fit either. They are not tried now.
+        if (feed.registration == nullptr) {
+            return false;
+        }
     }
-    return isComplete;
+    return true;
 }
 
 void Feeds::Leave(const std::string& device) {

@@ -28,8 +28,8 @@ struct MqttSettings {
     std::vector<std::string> services = {"*"};
     std::string homeAssistant;  // the prefix of its discovery; empty: none
 
-    QueueLimits queue = {64, std::size_t{4} << 20};  // of each service
-    std::chrono::milliseconds firstRetry{1000};      // the pause doubles with each failure
+    QueueLimits queue = {MOST_BLOCKS_OF_QUEUE, std::size_t{4} << 20};  // of each service
+    std::chrono::milliseconds firstRetry{1000};                        // the pause doubles with each failure
     std::chrono::milliseconds lastRetry{60000};
     std::chrono::milliseconds connectLimit{10000};  // from the first packet to the broker's consent
     // After the start, for devices to be found before what an earlier run left at the broker is cleared.

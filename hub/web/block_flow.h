@@ -7,9 +7,9 @@
 #include <memory>
 
 #include "hub/core/device_hub.h"
+#include "hub/core/quota.h"
 #include "hub/web/flow.h"
 #include "hub/web/metrics.h"
-#include "hub/web/quota.h"
 
 namespace lumora_hub::web {
 

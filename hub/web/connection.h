@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "hub/core/quota.h"
 #include "hub/web/flow.h"
-#include "hub/web/quota.h"
 #include "hub/web/request.h"
 #include "hub/web/site.h"
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "hub/core/device_hub.h"
+#include "hub/core/quota.h"
 #include "hub/web/flow.h"
-#include "hub/web/quota.h"
 
 namespace lumora_hub::web {
 

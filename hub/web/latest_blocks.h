@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "hub/core/device_hub.h"
-#include "hub/web/quota.h"
+#include "hub/core/quota.h"
 
 namespace lumora_hub::web {
 

@@ -113,6 +113,14 @@ void AddConsumers(const std::vector<ConsumerState>& consumers, std::string& out)
         &Queues::lost);
 }
 
+void AddRefusals(const RefusalCounts& counts, std::string& out) {
+    Metric metric(out, "lumora_hub_address_refused_total", "counter",
+                  "Refusals because an address has what one address may have.");
+    metric.Add(Label("what", "node"), counts.nodes);
+    metric.Add(Label("what", "device"), counts.devices);
+    metric.Add(Label("what", "channel"), counts.channels);
+}
+
 void AddWeb(const WebCounts& counts, std::uint64_t lostOfStreams, std::string& out) {
     Metric replies(out, "lumora_hub_http_replies_total", "counter", "Replies by their status.");
     for (const auto& [status, number] : counts.replies) {
@@ -186,6 +194,7 @@ std::string MetricsText(const DeviceHub& hub, const WebCounts& counts, std::uint
     AddDevices(devices, out);
     AddServices(devices, out);
     AddConsumers(hub.Consumers(), out);
+    AddRefusals(hub.Refusals(), out);
     AddWeb(counts, lostOfStreams, out);
     for (const Figure& figure : others) {
         const bool isCounter = figure.kind == Figure::Kind::COUNTER;

@@ -17,8 +17,8 @@ struct WebLimits {
     std::size_t headBytes = 8192;                        // of the head of a request
     std::size_t pendingRequests = 64;                    // commands and blocks that wait for their device
     std::size_t streams = 400;                           // of blocks: consumers of the web face
-    std::size_t newsStreams = 128;  // about the list of devices, all of which each may hold
-    std::size_t streamBlocks = 64;  // the queue of a stream, unless it asks for less
+    std::size_t newsStreams = 128;    // about the list of devices, all of which each may hold
+    std::size_t streamBlocks = 4096;  // the queue of a stream, unless it asks for less
     std::size_t streamBytes = std::size_t{8} << 20;
     std::size_t latestServices = 32;  // services whose latest block is kept
     // One address may have this much of the bodies, requests, streams and services above.

@@ -11,9 +11,9 @@
 #include <thread>
 #include <vector>
 
+#include "hub/core/quota.h"
 #include "hub/web/connection.h"
 #include "hub/web/options.h"
-#include "hub/web/quota.h"
 #include "hub/web/site.h"
 
 namespace lumora_hub::web {

@@ -11,6 +11,7 @@
 
 #include "hub/core/device_hub.h"
 #include "hub/core/figures.h"
+#include "hub/core/quota.h"
 #include "hub/web/admission.h"
 #include "hub/web/block_flow.h"
 #include "hub/web/device_news.h"
@@ -19,7 +20,6 @@
 #include "hub/web/mailbox.h"
 #include "hub/web/metrics.h"
 #include "hub/web/options.h"
-#include "hub/web/quota.h"
 #include "hub/web/request.h"
 #include "hub/web/routes.h"
 

@@ -21,7 +21,7 @@ namespace lumora_hub {
 class Outbox {
 public:
     struct Limits {
-        std::size_t blocks = 64;
+        std::size_t blocks = 4096;  // small ones that come while the hub gets no processor
         std::size_t bytes = std::size_t{16} << 20;
     };
 

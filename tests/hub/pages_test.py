@@ -87,7 +87,7 @@ class ConfigurationFile(unittest.TestCase):
         self.assertGreater(len(options), 20)
         result = hub_with("\n".join(option for option in options if not option.startswith("ports")))
         self.assertIn("--ports takes", result.stderr)
-        self.assertEqual(1, result.returncode)
+        self.assertEqual(2, result.returncode)
 
     def test_with_a_misspelt_option_is_refused_with_a_code_of_its_own(self):
         result = hub_with("idel = 30\n")

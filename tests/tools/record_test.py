@@ -157,6 +157,17 @@ class Record(RecordingCase):
         self.assertGreater(self.info(self.path / "a.rec")["services"][0]["blocks"], 0)
         self.assertEqual(os.listdir(self.path), ["a.rec"])
 
+    def test_reader_of_its_output_that_leaves_ends_it_and_the_file_is_whole(self):
+        self.clock()
+        for name, reader in (("a.rec", "head -1"), ("b.rec", "true")):
+            path = self.path / name
+            line = f'{PROGRAM} record {path} clock | {reader}; echo "${{PIPESTATUS[0]}}"'
+            result = subprocess.run(["bash", "-c", line], capture_output=True, text=True, timeout=60, check=False)
+            self.assertEqual(result.stdout.split()[-1], "141")
+            self.assertRegex(result.stderr, f"the reader of standard output has left: [0-9]+ blocks?, .* in {path}\n$")
+            self.assertIsNotNone(self.info(path)["end"])
+        self.assertEqual(sorted(os.listdir(self.path)), ["a.rec", "b.rec"])
+
     def test_again_records_the_gap(self):
         first = self.clock()
         running = self.record("a.rec", "clock", "--again")

@@ -54,6 +54,21 @@ protected:
         mLink->SetPlace(Place{"camera", "192.0.2.1", 5683});
         mLink->SetWanted({"picture"});
     }
+    std::unique_ptr<DeviceLink> LinkTo(const std::string& address) {
+        DeviceLink::Events events;
+        events.onChanged = events.onUnreachable = [] {};
+        auto link = std::make_unique<DeviceLink>(mSurroundings, std::move(events));
+        link->SetPlace(Place{"camera", address, 5683});
+        link->SetWanted({"picture"});
+        return link;
+    }
+    std::vector<std::unique_ptr<DeviceLink>> LinksTo(const std::string& address, int count) {
+        std::vector<std::unique_ptr<DeviceLink>> links;
+        while (count-- > 0) {
+            links.push_back(LinkTo(address));
+        }
+        return links;
+    }
     bool TurnUntil(const std::function<bool()>& condition) {
         const auto end = EventLoop::Clock::now() + std::chrono::seconds(30);
         while (!condition() && EventLoop::Clock::now() < end) {
@@ -81,7 +96,7 @@ protected:
     Reaper mReaper{mLoop};
     PortRange mPorts{PortLimits{}};
     Settings mSettings;
-    LinkSurroundings mSurroundings{mLoop, mReaper, mPorts, mSettings, {}, 0};
+    LinkSurroundings mSurroundings{mLoop, mReaper, mPorts, mSettings, {}};
     std::unique_ptr<DeviceLink> mLink;
     std::vector<Outcome> mOutcomes;
     int mBlocks = 0;
@@ -104,7 +119,7 @@ TEST_F(DeviceLinkTest, AWorkerThatDiesAtAnyStepIsReplaced) {
         EXPECT_EQ(mLink->Trouble(), "its worker has died");
         EXPECT_EQ(mBlocks, sent == block.size() ? mEnds : 0) << sent;
         EXPECT_EQ(mOutcomes.size(), 1U) << sent;
-        EXPECT_EQ(mSurroundings.opening, 0U);
+        EXPECT_EQ(mSurroundings.opening.Taken(), 0U);
     }
 }
 
@@ -113,7 +128,7 @@ TEST_F(DeviceLinkTest, AWorkerThatSaysNothingIsReplaced) {
     Start("exec sleep 60\n");
     Ask();
     EXPECT_TRUE(Fails("its worker opens no channel"));
-    EXPECT_EQ(mSurroundings.opening, 0U);
+    EXPECT_EQ(mSurroundings.opening.Taken(), 0U);
     EXPECT_TRUE(TurnUntil([this] { return mOutcomes == std::vector<Outcome>{Outcome::UNREACHABLE}; }));
 }
 
@@ -156,6 +171,41 @@ TEST_F(DeviceLinkTest, AWorkerThatDoesNotReadIsReplaced) {
         mLink->SetWanted({name + std::to_string(count)});
     }
     EXPECT_TRUE(Fails("its worker does not read"));
+}
+
+TEST_F(DeviceLinkTest, AnAddressWhoseDevicesOpenNoChannelDelaysNoOther) {
+    Start("[ $2 = 192.0.2.1 ] && exec sleep 60\n" + SaysConnected() + "exec cat <&3 >/dev/null\n");
+    const auto strangers = LinksTo("192.0.2.1", 20);
+    const auto link = LinkTo("192.0.2.2");
+    EXPECT_TRUE(TurnUntil([&] { return link->State() == ChannelState::CONNECTED; }));
+    EXPECT_EQ(mSurroundings.opening.Taken(), 4U);
+    EXPECT_EQ(mSurroundings.refused, 0U);
+}
+
+TEST_F(DeviceLinkTest, AnAddressLeavesAQuarterOfTheChannelsToOthers) {
+    Start(SaysConnected() + "exec sleep 60\n");
+    const auto strangers = LinksTo("192.0.2.1", 80);
+    const auto areConnected = [&] {
+        return mSurroundings.channels.Taken() == 75 && mSurroundings.opening.Taken() == 0;
+    };
+    EXPECT_TRUE(TurnUntil(areConnected));
+    EXPECT_GE(mSurroundings.refused, 6U);  // with the first one of this test's own
+    EXPECT_EQ(strangers.back()->State(), ChannelState::FAILED);
+    EXPECT_EQ(strangers.back()->Trouble(),
+              "too many devices at its address have channels; --ports names more ports");
+    const auto link = LinkTo("192.0.2.2");
+    EXPECT_TRUE(TurnUntil([&] { return link->State() == ChannelState::CONNECTED; }));
+}
+
+TEST_F(DeviceLinkTest, AChannelThatIsWantedNoMoreWhileItWaitsLeavesItsPlace) {
+    Start("exec sleep 60\n");
+    const auto strangers = LinksTo("192.0.2.1", 10);
+    for (const auto& link : strangers) {
+        link->SetWanted({});
+    }
+    mLink.reset();
+    EXPECT_TRUE(TurnUntil([&] { return mSurroundings.channels.Taken() == 0; }));
+    EXPECT_EQ(mSurroundings.opening.Taken(), 0U);
 }
 
 TEST_F(DeviceLinkTest, NumbersOfBlocksGrowWhateverTheWorkerSays) {

@@ -13,6 +13,7 @@ from hosts import LIMIT, eventually, has_namespaces
 CONSOLE = os.environ["HUB_CONSOLE"]
 DEVICE = os.environ["HUB_DEVICE"]
 HUB = os.environ["LUMORA_HUB"]
+SILENT_NODE = os.environ["SILENT_NODE"]
 LUMORA = os.environ.get("LUMORA_PROGRAM")
 
 

@@ -6,7 +6,7 @@
 //   end NAME                                ends it
 //   command DEVICE NAME [PARAMETER]         waits for the outcome
 //   block DEVICE BYTES                      the same
-//   report                                  devices, consumers and events so far
+//   report                                  devices, consumers, events and refusals so far
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -168,7 +168,7 @@ private:
         QueueLimits limits;
         words >> name >> device >> service;
         words >> limits.blocks;
-        limits.blocks = words ? limits.blocks : 64;
+        limits.blocks = words ? limits.blocks : QueueLimits().blocks;
         auto reader = std::make_unique<Reader>(name, limits, reads);
         reader->registration = mHub.Subscribe(device, service, reader->ConsumerOf());
         const bool taken = reader->registration != nullptr;
@@ -214,7 +214,9 @@ private:
             text << separator << Quoted(event);
             separator = ",";
         }
-        text << "]}";
+        const RefusalCounts refused = mHub.Refusals();
+        text << "],\"refused\":{\"nodes\":" << refused.nodes << ",\"devices\":" << refused.devices
+             << ",\"channels\":" << refused.channels << "}}";
         return text.str();
     }
 

@@ -7,7 +7,7 @@ import time
 import unittest
 
 from child_process import ChildProcess
-from hub_case import HUB, LUMORA, HubCase, eventually
+from hub_case import HUB, LUMORA, SILENT_NODE, HubCase, eventually
 
 
 class Blocks(HubCase):
@@ -33,6 +33,17 @@ class Blocks(HubCase):
         self.assertEqual((slow["waiting"], slow["waitingBytes"]), (10, 10_000))
         self.assertGreater(slow["lost"], 300)
         self.assertEqual((quick["gaps"], quick["lost"]), (0, 0))
+
+    def test_a_pause_of_the_hub_costs_no_small_block(self):
+        self.device(2, size=100, rate=2000)
+        hub = self.console()
+        hub.ask("subscribe a camera picture")
+        hub.wait_for_blocks("a")
+        hub.process.send_signal(signal.SIGSTOP)
+        time.sleep(0.4)
+        hub.process.send_signal(signal.SIGCONT)
+        consumer = hub.wait_for_blocks("a", 1500)
+        self.assertEqual((consumer["gaps"], consumer["lost"]), (0, 0))
 
     def test_large_blocks_come_whole(self):
         self.device(2, size=1_024_000, rate=20)
@@ -242,6 +253,54 @@ class Limits(HubCase):
         self.assertEqual({device["reconnects"] for device in report["devices"]}, {0})
 
 
+class Strangers(HubCase):
+    """One host announces very many devices."""
+
+    SECONDS = 5
+
+    def strangers(self, count, *words):
+        """Silent nodes on host 3. Their words may have their numbers in them."""
+        for number in range(count):
+            node = self.host(3).start(SILENT_NODE, *(word.format(number) for word in words))
+            self.addCleanup(node.close)
+            self.assertEqual(node.line(), "ready")
+
+    def assert_a_device_is_served_soon(self, hub):
+        begin = time.monotonic()
+        self.device(2, kind="lamp")
+        hub.ask("subscribe honest lamp@10.77.0.2 picture")
+        hub.wait_for_blocks("honest", 1)
+        self.assertLess(time.monotonic() - begin, self.SECONDS)
+
+    def test_nodes_of_many_types_that_answer_no_question(self):
+        hub = self.console()
+        self.strangers(16, "a-type-{}")
+        time.sleep(1)  # the first of them are being asked
+        self.assert_a_device_is_served_soon(hub)
+
+    def test_devices_that_open_no_channel(self):
+        hub = self.console()
+        self.strangers(16, "camera", "picture")
+        eventually(lambda: len(hub.report()["devices"]) == 16, "the devices of the stranger")
+        for device in hub.report()["devices"]:
+            hub.ask(f"subscribe {device['id']} {device['id']} picture")
+        self.assert_a_device_is_served_soon(hub)
+        self.assertEqual(len(hub.workers()), 2)  # by address
+        self.assertEqual(hub.report()["refused"], {"nodes": 0, "devices": 0, "channels": 0})
+
+    def test_more_devices_than_the_hub_may_know(self):
+        hub = self.console("--devices", "8", "--ports", "6700-6707")
+        self.strangers(10, "camera", "picture")
+        eventually(lambda: len(hub.report()["devices"]) == 6, "the share of an address")
+        for device in hub.report()["devices"]:
+            hub.ask(f"subscribe {device['id']} {device['id']} picture")
+        eventually(lambda: hub.report()["refused"]["channels"], "a device without a channel")
+        self.assert_a_device_is_served_soon(hub)
+        report = hub.report()
+        self.assertEqual(len(report["devices"]), 7)
+        self.assertGreater(report["refused"]["nodes"] + report["refused"]["devices"], 0)
+
+
 class Ends(HubCase):
     def test_at_its_end_the_hub_says_goodbye(self):
         device = self.device(2)
@@ -292,7 +351,7 @@ class Ends(HubCase):
         self.addCleanup(hub.close)
         self.assertEqual(hub.line(), "+ lamp@10.77.0.3  picture")
         wrong = subprocess.run([HUB, "--ports", "1-2"], capture_output=True, text=True, check=False)
-        self.assertEqual((wrong.returncode, wrong.stderr.count("--ports takes")), (1, 1))
+        self.assertEqual((wrong.returncode, wrong.stderr.count("--ports takes")), (2, 1))
 
 
 LISTEN = """

@@ -53,10 +53,10 @@ private:
     pid_t mProcess = -1;
 };
 
-// Four of them hold a thread each for some seconds. The others wait, each found and not asked yet.
+// Two of them hold a thread each for some seconds. The others wait, each found and not asked yet.
 TEST(NetworkWatchTest, NodesThatAnswerNoQuestionFillNothing) {
-    constexpr std::size_t MOST_NODES = 6;
-    constexpr std::size_t ASKED = 4;
+    constexpr std::size_t MOST_NODES = 8;
+    constexpr std::size_t MOST_OF_ADDRESS = 6;
     setenv("LUMORA_LINK_INTERFACE", "lo", 1);
     const lumora_test::CapturedLog log;
     std::atomic<int> found{0};
@@ -65,8 +65,9 @@ TEST(NetworkWatchTest, NodesThatAnswerNoQuestionFillNothing) {
     events.onLeft = [](const lumora_nodes::NodeEvent&) {};
     NetworkWatch watch({}, MOST_NODES, std::move(events));
     const auto isRefused = [&] {
-        return log.Dump().find("A node of type \"camera\" at 127.0.0.1 is not asked: 6 others are.") !=
-               std::string::npos;
+        return log.Dump().find(
+                   "A node of type \"camera\" at 127.0.0.1 is not asked: "
+                   "too many others at its address are.") != std::string::npos;
     };
     std::vector<std::unique_ptr<SilentNode>> nodes;
     std::size_t most = 0;
@@ -77,12 +78,13 @@ TEST(NetworkWatchTest, NodesThatAnswerNoQuestionFillNothing) {
         }
     };
     // One after the other, so that each is found before the next one comes.
-    while (nodes.size() < ASKED + MOST_NODES + 2) {
+    while (nodes.size() < MOST_OF_ADDRESS + 3) {
         nodes.push_back(std::make_unique<SilentNode>());
         look();
     }
     look();
-    EXPECT_EQ(most, MOST_NODES);
+    EXPECT_EQ(most, MOST_OF_ADDRESS);
+    EXPECT_GE(watch.Refused(), 3U);
     EXPECT_TRUE(lumora_test::Eventually(isRefused)) << log.Dump();
     EXPECT_EQ(found, 0);
 }

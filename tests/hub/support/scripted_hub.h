@@ -49,6 +49,7 @@ public:
     std::vector<lumora_hub::DeviceState> Devices() const override;
     std::optional<lumora_hub::DeviceState> FindDevice(const std::string& name) const override;
     std::vector<lumora_hub::ConsumerState> Consumers() const override;
+    lumora_hub::RefusalCounts Refusals() const override { return {1, 2, 3}; }
     std::unique_ptr<lumora_hub::Registration> Subscribe(
         const std::string& device, const std::string& service,
         std::shared_ptr<lumora_hub::Consumer> consumer) override;

@@ -118,8 +118,38 @@ class Program(unittest.TestCase):
                                 (("--listen", "192.0.2.1:8666", "--allow-plain-http", "--token-file", self.file("x" * 16)),
                                  "192.0.2.1 port 8666: Cannot assign requested address")):
             ended = self.run_hub(*options)
-            self.assertEqual(ended.returncode, 1)
+            self.assertEqual(ended.returncode, 1 if "Cannot assign" in reason else 2)
             self.assertIn(reason, ended.stderr)
+
+    def test_secrets_that_other_users_may_read_are_refused(self):
+        """A hub that takes them ends because it has no such address."""
+        words = ("--listen", "192.0.2.1:8666")
+        token, key = self.file("x" * 16), self.file("no key")
+        for options, file in ((("--allow-plain-http", "--token-file", token), token),
+                              (("--token-file", token, "--certificate", "/nothing", "--key", key), key)):
+            for mode in (0o604, 0o620, 0o602, 0o644):
+                os.chmod(file, mode)
+                ended = self.run_hub(*words, *options)
+                self.assertEqual((ended.returncode, ended.stderr.split("; see")[0]),
+                                 (2, f"lumora-hub: other users may read or change {file}: chmod 600 {file}"))
+            for mode in (0o600, 0o640, 0o400):
+                os.chmod(file, mode)
+                ended = self.run_hub(*words, *options)
+                self.assertEqual(ended.returncode, 1)
+                self.assertIn("Cannot assign requested address", ended.stderr)
+
+    def test_options_that_would_do_nothing_are_mistakes(self):
+        for options, reason in ((("--mqtt-user", "me"), "--mqtt-user requires --mqtt"),
+                                (("--mqtt-home-assistant",), "--mqtt-home-assistant requires --mqtt"),
+                                (("--config", self.file('mqtt-tls-ca = "x"\n')), "--mqtt-tls-ca requires --mqtt"),
+                                (("--mqtt", "h", "--mqtt-home-assistant-prefix", "x"),
+                                 "--mqtt-home-assistant-prefix requires --mqtt-home-assistant"),
+                                (("--allow-plain-http", "--certificate", "x"),
+                                 "--allow-plain-http would do nothing: --certificate serves with TLS")):
+            ended = self.run_hub(*options)
+            self.assertEqual((ended.returncode, ended.stderr), (2, f"lumora-hub: {reason}; see lumora-hub --help\n"))
+        off = self.file('mqtt-tls = false\nallow-plain-http = false\nlisten = "192.0.2.1:1"\n')
+        self.assertIn("needs a token", self.run_hub("--config", off).stderr)
 
     def test_a_second_hub_says_that_the_port_is_in_use(self):
         hub = self.start("lumora-hub")
@@ -127,6 +157,25 @@ class Program(unittest.TestCase):
         ended = self.run_hub()
         self.assertEqual(ended.returncode, 1)
         self.assertIn("127.0.0.1 port 8666: another program uses this port", ended.stderr)
+
+    def test_a_service_that_cannot_start_tells_why_and_ends_late(self):
+        """Otherwise the service manager would start it twice a second."""
+        hub = self.start("lumora-hub")
+        hub.stdout.readline()
+        with tempfile.TemporaryDirectory() as folder, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(f"{folder}/notify")
+            manager.settimeout(30)
+            second = subprocess.Popen([PROGRAMS / "lumora-hub"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                      text=True, env={**os.environ, "LUMORA_LINK_INTERFACE": "lo",
+                                                      "NOTIFY_SOCKET": f"{folder}/notify"})
+            self.addCleanup(second.kill)
+            self.assertRegex(manager.recv(1000).decode(),
+                             "^STATUS=Cannot start, next try in 10 s: .*another program uses this port")
+            with self.assertRaises(subprocess.TimeoutExpired):
+                second.wait(timeout=2)
+            second.terminate()
+            self.assertIn("another program uses this port", second.communicate(timeout=5)[1])
+            self.assertEqual(second.returncode, 1)
 
     def test_a_mistake_in_the_options_or_their_file_is_named(self):
         for options, reason in ((("--tpye", "camera"), "--tpye"),
@@ -148,6 +197,7 @@ class Program(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         path = pathlib.Path(folder.name) / "file"
         path.write_text(text)
+        path.chmod(0o600)
         return str(path)
 
 

@@ -11,6 +11,7 @@
 #include "tools/lumora/session/progress.h"
 #include "tools/lumora/terminal/event_line.h"
 #include "tools/lumora/terminal/failure.h"
+#include "tools/lumora/terminal/output.h"
 
 namespace lumora_cli {
 
@@ -52,8 +53,10 @@ public:
         : mOptions(options), mSession(session), mWriter(writer), mProgress(0) {}
 
     int Run() {
-        Begin();
+        const Recording recording = Describe(mOptions, mSession);
+        Begin(recording);
         try {
+            Announce(recording);
             while (!IsDone()) {
                 TakeOne();
             }
@@ -71,15 +74,21 @@ public:
     }
 
 private:
-    void Begin() {
-        const Recording recording = Describe(mOptions, mSession);
+    void Begin(const Recording& recording) {
         mWriter.Begin(recording);
         mSession.OnConnection([this](bool connected, Deadline at) { TellConnection(connected, at); });
         mEnd = mOptions.duration.count() != 0 ? In(mOptions.duration) : Never();
-        std::vector<std::string> names;
         for (const RecordedService& service : recording.services) {
             if (service.recorded) {
                 mSession.Subscribe(service.name);
+            }
+        }
+    }
+
+    void Announce(const Recording& recording) const {
+        std::vector<std::string> names;
+        for (const RecordedService& service : recording.services) {
+            if (service.recorded) {
                 names.push_back(service.name);
             }
         }
@@ -135,13 +144,23 @@ private:
         mWriter.End(mSession.LostAtEnd());
         char seconds[32];
         std::snprintf(seconds, sizeof(seconds), "%.1f", mWriter.Seconds());
-        EventLine("ended")
-            .Add("blocks", mWriter.Blocks())
-            .Add("bytes", mWriter.Bytes())
-            .AddRaw("seconds", seconds)
-            .Add("lost", mWriter.Lost())
-            .Print(Count(mWriter.Blocks(), "block", "blocks") + ", " + ShortSize(mWriter.Bytes()) + " in " +
-                   seconds + " s in " + mOptions.file);
+        const std::string summary = Count(mWriter.Blocks(), "block", "blocks") + ", " +
+                                    ShortSize(mWriter.Bytes()) + " in " + seconds + " s in " + mOptions.file;
+        try {
+            EventLine("ended")
+                .Add("blocks", mWriter.Blocks())
+                .Add("bytes", mWriter.Bytes())
+                .AddRaw("seconds", seconds)
+                .Add("lost", mWriter.Lost())
+                .Print(summary);
+        } catch (const QuietEnd& end) {
+            // As in "lumora record ... | head -1". Without a word, the user would take the recording to go
+            // on.
+            PrintFailure(
+                "the recording has ended, because the reader of standard output has left: " + summary,
+                end.Code());
+            throw;
+        }
     }
 
     const Options& mOptions;
@@ -182,7 +201,8 @@ Command RecordCommand() {
         "the recording ends with exit code 6, and what was written before stays readable.");
     command.Describe(
         "A device serves one client process at a time: this one takes the place of another that is "
-        "connected, and ends when another takes its place.");
+        "connected, and ends when another takes its place. It also ends if standard output is a pipe whose "
+        "reader leaves: the file is whole then, and the exit code 141.");
     Option& file = command.Argument("FILE", options->file, "the file to make; it must not be there yet");
     file.required = true;
     file.offer = Option::Offer::FILES;

@@ -1,11 +1,11 @@
 // What clients may have at a time.
-#include "hub/web/quota.h"
+#include "hub/core/quota.h"
 
 #include <gtest/gtest.h>
 
 #include <vector>
 
-namespace lumora_hub::web {
+namespace lumora_hub {
 namespace {
 
 TEST(QuotaTest, OneAddressDoesNotUseUpWhatAllMayHave) {
@@ -19,6 +19,9 @@ TEST(QuotaTest, OneAddressDoesNotUseUpWhatAllMayHave) {
     shares.push_back(quota.Take("b", 2));
     EXPECT_TRUE(shares.back());
     EXPECT_FALSE(quota.Take("c"));
+    EXPECT_EQ(quota.Taken(), 5U);
+    EXPECT_TRUE(quota.HasItsShare("a"));
+    EXPECT_FALSE(quota.HasItsShare("b"));
     EXPECT_FALSE(quota.HasRoom("c"));
     shares.pop_back();
     EXPECT_TRUE(quota.HasRoom("c", 2));
@@ -38,4 +41,4 @@ TEST(QuotaTest, AShareIsReleasedOnceByItsLastOwner) {
 }
 
 }  // namespace
-}  // namespace lumora_hub::web
+}  // namespace lumora_hub
