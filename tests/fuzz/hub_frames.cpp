@@ -114,7 +114,7 @@ void ReplayReads(const lumora_fuzz::Script& script) {
 // A device that is wanted, and its channel.
 class Channel {
 public:
-    Channel() : mSurroundings{mLoop, mReaper, mPorts, mSettings, {}, 0} {
+    Channel() : mSurroundings{mLoop, mReaper, mPorts, mSettings, {}} {
         mSettings.idle = std::chrono::milliseconds(0);
         DeviceLink::Events events;
         events.onChanged = [] {};
@@ -163,7 +163,7 @@ public:
 
     void End() {
         mLink.reset();
-        Require(mSurroundings.opening == 0, "a channel that is gone is not being opened");
+        Require(mSurroundings.opening.Taken() == 0, "a channel that is gone is not being opened");
         for (const int count : mDone) {
             Require(count == 1, "each request has one end");
         }
@@ -172,7 +172,7 @@ public:
 private:
     void Turn() {
         mLoop.RunOnce(std::chrono::milliseconds(0));
-        Require(mSurroundings.opening <= 1, "one channel is opened once");
+        Require(mSurroundings.opening.Taken() <= 1, "one channel is opened once");
         Require((mLink->Process() >= 0) || mLink->State() != ChannelState::CONNECTED,
                 "a channel has a worker");
     }
