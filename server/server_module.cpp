@@ -271,7 +271,12 @@ int LumoraServerModule::StopTransport(const char* operation, Rest rest, std::chr
     if (transport == nullptr) {
         return 0;
     }
-    if (transport->StopAfterReceiving(rest, limit) == -1) {
+    const std::string address = mPublication.RemoteAddress();
+    const auto begin = HandOverBudget::Clock::now();
+    const int result = transport->StopAfterReceiving(rest, mHandOverBudget.Limit(address, limit, begin));
+    const auto end = HandOverBudget::Clock::now();
+    mHandOverBudget.OnTaken(address, std::chrono::duration_cast<std::chrono::milliseconds>(end - begin), end);
+    if (result == -1) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "StopTransports failed!\n");
         return -1;
     }

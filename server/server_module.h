@@ -14,6 +14,7 @@
 #include "link/requester.h"
 #include "link/smart_home_link.h"
 #include "lumora.h"
+#include "server/hand_over_budget.h"
 #include "server/publication.h"
 #include "transport/frame_buffer.h"
 #include "transport/transport_manager.h"
@@ -101,7 +102,7 @@ private:
     int OpenDataChannel(LumoraTransManager& transport, const std::string& address, int port) REQUIRES(mMutex);
     // Stops the transport and drops it, after the application has been given the rest of the blocks. On
     // failure it logs, on behalf of operation, and keeps it.
-    int StopTransport(const char* operation, Rest rest, std::chrono::milliseconds limit);
+    int StopTransport(const char* operation, Rest rest, std::chrono::milliseconds limit) REQUIRES(mMutex);
 
     int PacketAndSendData(const Published& published, const std::string& serviceName, const char* data,
                           unsigned int dataLen, unsigned int* sendLength, unsigned int timeoutMs)
@@ -132,6 +133,7 @@ private:
     // The node that set up the data channel, if it has proven who it is.
     std::optional<lumora::Requester> mOwner GUARDED_BY(mMutex);
     int mOwnerPort GUARDED_BY(mMutex) = 0;
+    HandOverBudget mHandOverBudget GUARDED_BY(mMutex);
     const ServerSources mSources;
 
     static LumoraServerModule* mInstance;  // under the server API mutex

@@ -199,6 +199,45 @@ def set_up_as(device_type, other_type, port):
     send_all(datagrams())
 
 
+def stop_slowly(device_type):
+    """Opens data channels and stops each in the middle of a frame, which goes on byte by byte."""
+    (device,) = listen_for(device_type)
+    to = (device.address, device.port)
+
+    def ask(own, code, key, value=b""):
+        token = os.urandom(8)
+        own.sendto(wire.request(code, key, number(16), token, value, [wire.requester(invented())]), to)
+        while True:
+            answer = wire.decode(own.recv(2048))
+            if answer.kind == wire.CON:
+                own.sendto(wire.encode(wire.ACK, 0, answer.message_id), to)
+            if answer.token == token:
+                return
+
+    def stop(own):
+        ask(own, wire.PUT, "StopTransport")
+        say("stopped")
+
+    def go_on(channel):
+        try:
+            channel.send(b"x")
+        except OSError:
+            pass
+
+    with open_socket() as own, socket.create_server(("", 7001)) as listener:
+        say("ready")
+        while True:
+            ask(own, wire.GET, ".sys.mediaservice.setup", setup_string(7000))
+            back, _ = listener.accept()
+            with back, socket.create_connection(to[:1] + (7000,)) as channel:
+                channel.sendall(struct.pack("<BIB", 6, 5000000, 1))
+                stopping = threading.Thread(target=stop, args=(own,))
+                stopping.start()
+                while stopping.is_alive():
+                    go_on(channel)
+                    stopping.join(0.1)
+
+
 def listen(port):
     """Accepts connections and prints the address of each."""
     with socket.create_server(("", int(port))) as listener:
@@ -460,6 +499,7 @@ ATTACKS = {
     "fill": fill,
     "set-up": set_up,
     "set-up-as": set_up_as,
+    "stop-slowly": stop_slowly,
     "listen": listen,
     "hold": hold,
     "pretend": pretend,
