@@ -143,6 +143,18 @@ def restart(seconds, *types):
     )
 
 
+def claim(device_type, ports):
+    """Says hello from many ports in the name of another host's node: from closed ones, or from silent ones."""
+    (device,) = listen_for(device_type)
+    silent = [open_socket() for _ in range(64)] if ports == "silent" else []
+    numbers = [own.getsockname()[1] for own in silent] or range(2000, 30000)
+
+    def claimed():
+        return wire.Node(ADDRESS, random.choice(numbers), device.id, device.instance, device.type)
+
+    send_all((wire.hello(claimed(), number(16)), wire.GROUP) for _ in paced(100000, 1000))
+
+
 def invent(count, rate):
     send_all((wire.hello(invented(), number(16)), wire.GROUP) for _ in paced(int(count), float(rate)))
 
@@ -495,6 +507,7 @@ ATTACKS = {
     "close-every-request": close_every_request,
     "part": part,
     "restart": restart,
+    "claim": claim,
     "invent": invent,
     "fill": fill,
     "set-up": set_up,

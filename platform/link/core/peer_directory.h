@@ -39,8 +39,9 @@ struct Peer {
     bool goodbyeDisproved = false;
     bool confirmed = false;
     // What another endpoint says, that claims to be this node. Only the answer to a ping refutes it; without
-    // one the contender gets the place.
+    // one the contender gets the place. One that has answered a ping itself yields to no further one.
     std::optional<NodeDescription> contender;
+    bool contenderIsProven = false;
     unsigned words = 1;  // how often it was heard at its endpoint
     TimePoint challenged{};
     std::uint64_t place = 0;  // among the unconfirmed nodes of its address
@@ -82,6 +83,10 @@ public:
     // A node at the endpoint of the pinged one has answered the ping and described itself. True if that
     // is a node that was not known before.
     bool OnPong(std::uint64_t pinged, NodeDescription node, TimePoint now);
+    // Whether another endpoint has the place of that node, without having answered a ping.
+    bool IsClaim(const NodeDescription& node) const;
+    // A node that is not known at its endpoint has answered a ping there, and said this of itself.
+    void OnProven(const NodeDescription& node, TimePoint now);
     // Ignored unless it comes from an address at which the node was heard.
     void OnGoodbye(const NodeIdentity& identity, in_addr_t source, TimePoint now);
     // The host of the pinged node answers that no socket has the port.
@@ -147,6 +152,7 @@ private:
     void Confirm(Peer& peer);
     void Challenge(Peer& peer, TimePoint now);
     void Contest(Peer& peer, const NodeDescription& contender, TimePoint now);
+    void GivePlaceTo(const NodeDescription& contender, bool isProven, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
     bool IsMany() const { return mPeers.size() > MANY; }
     static TimePoint GivenUpAt(const Peer& peer);

@@ -23,7 +23,8 @@ Presence::Presence(const LocalNode& localNode, IdSource& idSource, Network& netw
       mNetwork(network),
       mConfigured(std::move(peers)),
       mDirectory(localNode.identity.id),
-      mTextQuota("hellos", MAX_TEXTS, MAX_TEXTS) {}
+      mTextQuota("hellos", MAX_TEXTS, MAX_TEXTS),
+      mTrials(localNode, idSource, network) {}
 
 // All nodes that heard the newcomer do this at the same moment, and their later hellos keep the distance that
 // they get here. So more nodes share a longer time.
@@ -112,12 +113,24 @@ void Presence::ForgetOldestText(in_addr_t host) {
 }
 
 void Presence::OnHello(const NodeDescription& node, bool unicast, TimePoint now) {
-    if (node.secured == mLocalNode.secured && mDirectory.OnHello(node, unicast, now)) {
+    if (node.secured != mLocalNode.secured) {
+        return;
+    }
+    if (mDirectory.OnHello(node, unicast, now)) {
         Greet(now);
+    } else if (mDirectory.IsClaim(node)) {
+        mTrials.Propose(node);
     }
 }
 
 bool Presence::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
+    std::optional<NodeDescription> proven;
+    if (mTrials.OnAnswer(conversation, answer, proven)) {
+        if (proven) {
+            mDirectory.OnProven(*proven, now);
+        }
+        return true;
+    }
     const auto pinged = mPinged.find(conversation);
     if (pinged == mPinged.end()) {
         return false;
@@ -132,6 +145,9 @@ bool Presence::OnAnswer(ConversationId conversation, const CoapMessage& answer, 
 }
 
 bool Presence::OnRefused(ConversationId conversation, TimePoint now) {
+    if (mTrials.OnRefused(conversation)) {
+        return true;
+    }
     const auto pinged = mPinged.find(conversation);
     if (pinged == mPinged.end()) {
         return false;
@@ -158,6 +174,7 @@ void Presence::Tick(TimePoint now) {
     }
     mDirectory.Tick(now);
     PingDoubted(now);
+    PingClaims(now);
 }
 
 // Many nodes that said hello at nearly the same moment, to a newcomer or when they were few, are spread by a
@@ -173,7 +190,7 @@ Milliseconds Presence::PauseAfterHello() {
 }
 
 TimePoint Presence::NextDeadline() const {
-    TimePoint next = std::min({mNextHello, mDirectory.NextDeadline(), mMorePings});
+    TimePoint next = std::min({mNextHello, mDirectory.NextDeadline(), mMorePings, mTrials.NextDeadline()});
     for (const auto& [nodeId, ping] : mPings) {
         next = std::min(next, ping.next);
     }
@@ -240,6 +257,15 @@ void Presence::PingDoubted(TimePoint now) {
             Send(ping, *mDirectory.Find(nodeId), now);
         }
     }
+}
+
+void Presence::PingClaims(TimePoint now) {
+    mTrials.Tick(now, [this, now](ConversationId conversation, const Endpoint& to, const CoapMessage& ping) {
+        if (MaySendTo(to.host, now)) {
+            mNetwork.Transmit(conversation, to, ping);
+            OnSentTo(to.host, ping);
+        }
+    });
 }
 
 // How many have ended.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/link/core/answer_budget.h"
+#include "platform/link/core/claim_trials.h"
 #include "platform/link/core/local_node.h"
 #include "platform/link/core/peer_directory.h"
 #include "platform/link/core/ports.h"
@@ -93,6 +94,7 @@ private:
     Text& TextFrom(const Endpoint& source);
     void ForgetOldestText(in_addr_t host);
     void PingDoubted(TimePoint now);
+    void PingClaims(TimePoint now);
     std::size_t EndOtherPings(const std::vector<std::uint64_t>& doubted);
     bool IsTrusted(in_addr_t host) const;
     const Peer* PingedBy(ConversationId conversation) const;
@@ -116,6 +118,7 @@ private:
     bool mInStep = false;    // other nodes say hello at nearly the same moments
     bool mFollowed = false;  // the next hello follows that of another node
     AnswerBudget mBudget;
+    ClaimTrials mTrials;
 };
 
 }  // namespace lumora_link

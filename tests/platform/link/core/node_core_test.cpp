@@ -376,6 +376,25 @@ TEST_F(NodeCoreTest, ForgedGoodbyesAndHellosRemoveAndReplaceNoNode) {
     EXPECT_LE(searchTime, Milliseconds(600));
 }
 
+TEST_F(NodeCoreTest, AStrangerWithManyEndpointsKeepsNoNewcomerFromADevice) {
+    FakeNode& newcomer = network.Add("reader");
+    const NodeIdentity identity{99, 1};
+    const in_addr_t strangersHost = htonl(0x0a0000fe);
+    FakeNode* device = nullptr;
+    for (std::uint16_t round = 0; round < 1000; ++round) {
+        for (std::uint16_t count = 0; count < 10; ++count) {
+            const Endpoint claimed{strangersHost, static_cast<std::uint16_t>(1000 + 10 * round + count)};
+            Tell(newcomer, HELLO_PATH, {identity, claimed, "camera"}, claimed);
+        }
+        network.Run(Milliseconds(5));
+        if (round == 1) {
+            device = &network.AddAt(identity, {LocalInterface{2, "eth0", htonl(0x0a000063)}}, 4001, "camera");
+        }
+    }
+    EXPECT_THAT(Search(newcomer, "camera"), ElementsAre(device->At()));
+    EXPECT_LE(newcomer.MostOpenConversations(), 40U);
+}
+
 TEST_F(NodeCoreTest, AnAnswerToAPingMovesNoOtherNode) {
     FakeNode& watcher = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
