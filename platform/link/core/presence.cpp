@@ -261,7 +261,7 @@ void Presence::PingDoubted(TimePoint now) {
 
 void Presence::PingClaims(TimePoint now) {
     mTrials.Tick(now, [this, now](ConversationId conversation, const Endpoint& to, const CoapMessage& ping) {
-        if (MaySendTo(to.host, now)) {
+        if (MayPing(to.host, now)) {
             mNetwork.Transmit(conversation, to, ping);
             OnSentTo(to.host, ping);
         }
@@ -287,15 +287,22 @@ bool Presence::IsTrusted(in_addr_t host) const {
     return mLocalNode.IsOwn(host) || mDirectory.IsConfirmed(host);
 }
 
+// What goes to addresses without a host stays in the socket. A stranger that names many of them would fill
+// it.
 bool Presence::MaySendTo(in_addr_t host, TimePoint now) {
     if (IsTrusted(host)) {
         return true;
     }
-    if (mBudget.RunsShort(host, now)) {
+    const bool isClogged = mNetwork.IsClogged();
+    if (isClogged || mBudget.RunsShort(host, now)) {
         // A client that asks much is asked in turn. Its answer lifts the limit before it is reached.
         mDirectory.AskAt(host, now);
     }
-    return mBudget.Permits(host, now);
+    return !isClogged && mBudget.Permits(host, now);
+}
+
+bool Presence::MayPing(in_addr_t host, TimePoint now) {
+    return IsTrusted(host) || mBudget.Permits(host, now);
 }
 
 void Presence::OnSentTo(in_addr_t host, const CoapMessage& message) {
@@ -320,7 +327,7 @@ Milliseconds Presence::PauseAfterPing(const Peer& peer, TimePoint now) {
 
 void Presence::Send(Ping& ping, const Peer& peer, TimePoint now) {
     ping.next = now + PauseAfterPing(peer, now);
-    if (!MaySendTo(peer.node.endpoint.host, now)) {
+    if (!MayPing(peer.node.endpoint.host, now)) {
         return;
     }
     CoapMessage message = MakePing();

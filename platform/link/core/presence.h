@@ -64,9 +64,11 @@ public:
 
     PeerDirectory& Directory() { return mDirectory; }
     const PeerDirectory& Directory() const { return mDirectory; }
-    // Whether more may be sent to that address now. Addresses that have shown that they receive are not
-    // limited.
+    // Whether more may be sent to that address now by the sockets that all others are answered by, too.
+    // Addresses that have shown that they receive are not limited.
     bool MaySendTo(in_addr_t host, TimePoint now);
+    // The same for pings, each of which has a socket of its own.
+    bool MayPing(in_addr_t host, TimePoint now);
     void OnSentTo(in_addr_t host, const CoapMessage& message);
     // The endpoints that get unicast copies of what goes to the group.
     std::vector<Endpoint> UnicastTargets() const;

@@ -476,6 +476,23 @@ TEST_F(NodeCoreTest, ANewcomerAmongManyIsGreetedByAFew) {
     EXPECT_LE(hellos.size(), static_cast<std::size_t>(regular) + 3 * Presence::GREETERS);
 }
 
+TEST_F(NodeCoreTest, ANodeWhoseSocketsAreCloggedAnswersThoseThatReceive) {
+    FakeNode& asker = network.Add("reader");
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    device.clogged = true;
+    const std::size_t before = device.BytesToStrangers();
+    CoapMessage ping = MakePing();
+    ping.token = "12345678";
+    device.OnDatagram(ping, {htonl(0x0a0000fe), 1000});
+    device.Core().OnGroupMessage(MakeProbe("camera", "12345678", {}), {htonl(0x0a0000fe), 1000}, 2,
+                                 network.Now());
+    network.Run(Milliseconds(10));
+    EXPECT_EQ(device.BytesToStrangers(), before);
+    EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "").code, code::CONTENT);
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
+}
+
 TEST_F(NodeCoreTest, AFloodInTheNameOfAnotherHostReachesItHardlyAtAll) {
     FakeNode& device = network.Add("camera");
     device.handler = [](const HandlerCall&) { return Outcome{code::CONTENT, std::string(1000, 's')}; };
