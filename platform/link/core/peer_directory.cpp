@@ -166,6 +166,14 @@ void PeerDirectory::OnGoodbye(const NodeIdentity& identity, in_addr_t source, Ti
     CheckAt(now);
 }
 
+void PeerDirectory::OnPinged(std::uint64_t nodeId, TimePoint now) {
+    const auto known = mPeers.find(nodeId);
+    if (known != mPeers.end() && known->second.doubtedSince && !known->second.pinged) {
+        known->second.pinged = now;
+        CheckAt(GivenUpAt(known->second));
+    }
+}
+
 void PeerDirectory::OnPortUnreachable(std::uint64_t nodeId, TimePoint now) {
     const auto known = mPeers.find(nodeId);
     if (known == mPeers.end()) {
@@ -258,12 +266,17 @@ void PeerDirectory::Tick(TimePoint now) {
 }
 
 TimePoint PeerDirectory::GivenUpAt(const Peer& peer) {
+    if ((peer.contender || peer.saidGoodbye) && !peer.pinged) {
+        return *peer.doubtedSince + LONGEST_WITHOUT_PING;
+    }
     // A suspect that does not answer gets as much time as any other silent node.
     // The hellos of one with a contender prove nothing.
     const TimePoint doubted =
-        peer.contender ? *peer.doubtedSince : std::max(*peer.doubtedSince, peer.heard + DOUBT_AFTER);
+        peer.contender ? *peer.pinged : std::max(*peer.doubtedSince, peer.heard + DOUBT_AFTER);
     const TimePoint silent = doubted + GIVE_UP_AFTER;
-    return peer.saidGoodbye ? std::min(silent, *peer.saidGoodbye + GIVE_UP_AFTER_GOODBYE) : silent;
+    return peer.saidGoodbye
+               ? std::min(silent, std::max(*peer.saidGoodbye, *peer.pinged) + GIVE_UP_AFTER_GOODBYE)
+               : silent;
 }
 
 void PeerDirectory::Probe(Peer& peer, TimePoint now) {
@@ -276,6 +289,7 @@ void PeerDirectory::Probe(Peer& peer, TimePoint now) {
 void PeerDirectory::EndProbe(Peer& peer) {
     const Age age{peer.number, peer.node.identity.id};
     peer.doubtedSince.reset();
+    peer.pinged.reset();
     mDoubtedConfirmed.erase(age);
     mDoubtedOthers.erase(age);
     mSuspects.erase(peer.node.identity.id);

@@ -33,6 +33,7 @@ struct Peer {
     bool unicast = false;
     std::set<in_addr_t> hosts;  // every address under which it was heard
     std::optional<TimePoint> doubtedSince;
+    std::optional<TimePoint> pinged;  // first since then
     std::optional<TimePoint> saidGoodbye;
     std::set<in_addr_t> goodbyeHosts;  // the addresses from which the goodbye came
     // It answered a ping after a goodbye, which was therefore forged. Its next goodbye shortens no timeout.
@@ -72,6 +73,9 @@ public:
     static constexpr Milliseconds ASK_AGAIN_AFTER{500};
     // After its goodbye a node does not answer. Most hosts refuse at once; others drop the pings.
     static constexpr Milliseconds GIVE_UP_AFTER_GOODBYE{500};
+    // A node of which others say that it is gone, or elsewhere, is not given up before a ping has left. Among
+    // many nodes in doubt it may have to wait so long for its turn.
+    static constexpr Milliseconds LONGEST_WITHOUT_PING{10000};
     // With many nodes, looking at all of them each time that one is due would use a whole core.
     static constexpr std::size_t MANY = 256;
     static constexpr Milliseconds CHECK_MANY_EVERY{10};
@@ -89,6 +93,8 @@ public:
     void OnProven(const NodeDescription& node, TimePoint now);
     // Ignored unless it comes from an address at which the node was heard.
     void OnGoodbye(const NodeIdentity& identity, in_addr_t source, TimePoint now);
+    // A ping has left to that node.
+    void OnPinged(std::uint64_t nodeId, TimePoint now);
     // The host of the pinged node answers that no socket has the port.
     void OnPortUnreachable(std::uint64_t nodeId, TimePoint now);
     // The node may be gone although it has not been silent. It is pinged now.

@@ -335,6 +335,7 @@ void Presence::Send(Ping& ping, const Peer& peer, TimePoint now) {
     message.messageId = mIdSource.NextMessageId();
     mNetwork.Transmit(ping.conversation, peer.node.endpoint, message);
     OnSentTo(peer.node.endpoint.host, message);
+    mDirectory.OnPinged(peer.node.identity.id, now);
 }
 
 }  // namespace lumora_link

@@ -395,6 +395,34 @@ TEST_F(NodeCoreTest, AStrangerWithManyEndpointsKeepsNoNewcomerFromADevice) {
     EXPECT_LE(newcomer.MostOpenConversations(), 40U);
 }
 
+TEST_F(NodeCoreTest, AForgedGoodbyeRemovesNoNodeForWhichThereIsNoPing) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    const in_addr_t strangersHost = htonl(0x0a0000fe);
+    std::uint64_t id = 1000;
+    // Silent nodes that are known longer take all pings, over and over.
+    const auto invent = [&] {
+        for (std::uint16_t count = 0; count < 100; ++count) {
+            const Endpoint invented{strangersHost, static_cast<std::uint16_t>(++id)};
+            Tell(watcher, HELLO_PATH, {{id, 1}, invented, "printer"}, invented);
+        }
+    };
+    for (int round = 0; round < 20; ++round) {
+        invent();
+        network.Run(Milliseconds(100));
+    }
+    FakeNode& device = network.Add("camera");
+    network.Run(Milliseconds(100));
+    const NodeDescription forged = {device.Identity(), device.At(), "camera"};
+    for (int round = 0; round < 20; ++round) {
+        invent();
+        Tell(watcher, GOODBYE_PATH, forged, device.At());
+        network.Run(Milliseconds(100));
+    }
+    for (const DeviceEvent& event : watcher.Seen().events) {
+        ASSERT_TRUE(event.added || event.node.identity.id != device.Identity().id);
+    }
+}
+
 TEST_F(NodeCoreTest, AnAnswerToAPingMovesNoOtherNode) {
     FakeNode& watcher = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
