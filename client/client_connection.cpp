@@ -96,7 +96,7 @@ int LumoraClientModule::ConnectAiDevice(int clientID, unsigned int handle) {
         LUMORA_DETAIL("SetupTransport failed!\n");
         return -1;
     }
-    if (AnnounceClient(clientID, handle, *resolved.device) != 0) {
+    if (AnnounceClient(clientID, handle, resolved.device) != 0) {
         if (const std::shared_ptr<LumoraTransManager> transport = CurrentTransport()) {
             transport->StopTransports();
         }
@@ -108,22 +108,40 @@ int LumoraClientModule::ConnectAiDevice(int clientID, unsigned int handle) {
 
 // SetConnectDevice comes before the request too: an event about a device that leaves during the request must
 // not be dropped as one of a stranger.
-int LumoraClientModule::AnnounceClient(int clientID, unsigned int handle, LinkDevice& device) {
+int LumoraClientModule::AnnounceClient(int clientID, unsigned int handle,
+                                       const std::shared_ptr<LinkDevice>& device) {
     constexpr char OPERATION[] = "ConnectAiDevice";
-    // Before the request: the device may send data, or leave, as soon as it knows of the client.
-    if (!mClients.SetConnectedHandle(clientID, handle)) {
-        LUMORA_LOG_AS(lumora::LOG_DETAIL, OPERATION, "ClientID : %d no resource!!\n", clientID);
+    if (!RecordConnection(clientID, handle, device)) {
         return -1;
     }
-    std::string address = device.Address();
-    mSmartHomeLink->SetConnectDevice(address, device.Port());
+    std::string address = device->Address();
+    mSmartHomeLink->SetConnectDevice(address, device->Port());
     std::string unused;
-    if (device.Post(CONNECT_KEY, std::to_string(clientID), unused) != 0) {
+    if (device->Post(CONNECT_KEY, std::to_string(clientID), unused) != 0) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Post command ERROR !\n");
         mClients.SetConnectedHandle(clientID, 0);
         return -1;
     }
     return 0;
+}
+
+// Comes before the request: the device may send data, or leave, as soon as it knows of the client. A device
+// that has left already has no record that its removal could clear, and its handle will be given out again:
+// the client would then count as connected to a device that it never asked.
+bool LumoraClientModule::RecordConnection(int clientID, unsigned int handle,
+                                          const std::shared_ptr<LinkDevice>& device) {
+    constexpr char OPERATION[] = "ConnectAiDevice";
+    const MutexLock lock(mMutex);
+    if (!mDevices.Leads(handle, device)) {
+        LUMORA_LOG_AS(lumora::LOG_ERROR, OPERATION, "Handle error: %d, no such device!\n",
+                      static_cast<int>(handle));
+        return false;
+    }
+    if (!mClients.SetConnectedHandle(clientID, handle)) {
+        LUMORA_LOG_AS(lumora::LOG_DETAIL, OPERATION, "ClientID : %d no resource!!\n", clientID);
+        return false;
+    }
+    return true;
 }
 
 // All channels of a process use the same two ports, so the former channel is stopped before a new one

@@ -129,7 +129,11 @@ private:
     RemoteDevices::Resolved Resolve(unsigned int handle) EXCLUDES(mMutex);
 
     int SetupTransport(unsigned int handle) EXCLUDES(mMutex);
-    int AnnounceClient(int clientID, unsigned int handle, lumora::LinkDevice& device) EXCLUDES(mMutex);
+    int AnnounceClient(int clientID, unsigned int handle, const std::shared_ptr<lumora::LinkDevice>& device)
+        EXCLUDES(mMutex);
+    // False, and logged, if the device has left or the client is unknown.
+    bool RecordConnection(int clientID, unsigned int handle,
+                          const std::shared_ptr<lumora::LinkDevice>& device) EXCLUDES(mMutex);
     std::shared_ptr<LumoraTransManager> NewTransport(unsigned int handle) EXCLUDES(mMutex);
     int OpenDataChannel(LumoraTransManager& transport, lumora::LinkDevice& device) EXCLUDES(mMutex);
     int OpenOwnHalf(LumoraTransManager& transport, const std::string& address,

@@ -469,7 +469,8 @@ bool TcpReceiver::IsRestComplete(unsigned int count, std::chrono::steady_clock::
     }
     const bool isInFrame = mStream.Held().Length() > 0;
     const bool mayFollow = !hasSentEnd && (count > 0 || isInFrame);
-    return !mayFollow || std::chrono::steady_clock::now() - lastCame >= (isInFrame ? FRAME_PAUSE : REST_PAUSE);
+    return !mayFollow ||
+           std::chrono::steady_clock::now() - lastCame >= (isInFrame ? FRAME_PAUSE : REST_PAUSE);
 }
 
 bool TcpReceiver::IsHandingOver() {

@@ -72,7 +72,7 @@ protected:
         Remove(5684);
         ASSERT_TRUE(TryToBeConnected("camera")) << mLog.Dump();
         mModule->RegisterAiDeviceEvent(1, mHandle, FirstCallback);
-        EXPECT_EQ(0, SendData(1, mHandle, "all well?"));
+        EXPECT_EQ(0, SendData(1, mHandle, "all well?")) << mLog.Dump();
         EXPECT_EQ(lumora_test::ClientFrame(1, "all well?"), mFromClient.Receive(15));
         mToClient.Send(lumora_test::ServerFrameBytes("\x01", "face", "all well!"));
         EXPECT_TRUE(Eventually([] { return Bytes("all well!") == LastPayload(); }));
