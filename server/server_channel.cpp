@@ -141,7 +141,14 @@ int LumoraServerModule::StopTransport(const char* operation, Rest rest, std::chr
     if (transport == nullptr) {
         return 0;
     }
-    if (ChangeChannel([&] { return transport->StopAfterReceiving(rest, limit); }) == -1) {
+    const std::string address = mPublication.RemoteAddress();
+    const auto begin = HandOverBudget::Clock::now();
+    const HandOverBudget::Milliseconds granted = mHandOverBudget.Limit(address, limit, begin);
+    const int result = ChangeChannel([&] { return transport->StopAfterReceiving(rest, granted); });
+    const auto end = HandOverBudget::Clock::now();
+    mHandOverBudget.OnTaken(address, std::chrono::duration_cast<HandOverBudget::Milliseconds>(end - begin),
+                            end);
+    if (result == -1) {
         LUMORA_LOG_AS(lumora::LOG_ERROR, operation, "StopTransports failed!\n");
         return -1;
     }

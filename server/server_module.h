@@ -15,6 +15,7 @@
 #include "link/requester.h"
 #include "link/smart_home_link.h"
 #include "lumora.h"
+#include "server/hand_over_budget.h"
 #include "server/publication.h"
 #include "transport/frame_buffer.h"
 #include "transport/transport_manager.h"
@@ -155,6 +156,7 @@ private:
     // The node that set up the data channel, if it has proven who it is.
     std::optional<lumora::Requester> mOwner GUARDED_BY(mMutex);
     int mOwnerPort GUARDED_BY(mMutex) = 0;
+    HandOverBudget mHandOverBudget GUARDED_BY(mMutex);
     // A request is stopping or opening the data channel, without mMutex.
     bool mChannelChanges GUARDED_BY(mMutex) = false;
     lumora::Condition mChannelChanged;

@@ -55,6 +55,7 @@ public:
         RequireReadable(message);
         mLastReply = message;
     }
+    bool IsClogged() const override { return false; }
     void Forget(ReplyPath path) override { Require(mPaths.erase(path) == 1, "a way back is forgotten once"); }
 
     // ---- Application ----

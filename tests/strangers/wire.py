@@ -1,6 +1,7 @@
 """The datagrams of the link platform, built byte by byte; see docs/wire.md."""
 
 import dataclasses
+import random
 import re
 import struct
 
@@ -121,6 +122,11 @@ def requester(node, sequence=1, oldest_open=1, first_of_body=1, secret=b""):
 def request(code, key, message_id, token, value=b"", options=()):
     """A request to a node's resource. The options follow the key in ascending order."""
     return encode(CON, code, message_id, token, [*path("lumora"), (URI_QUERY, key.encode()), *options], value)
+
+
+def probe(device_type):
+    query = [(URI_QUERY, f"rt={device_type}".encode())]
+    return encode(NON, GET, random.getrandbits(16), random.randbytes(8), [*path(".well-known", "core"), *query])
 
 
 def core(message_id, token):

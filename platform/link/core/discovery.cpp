@@ -236,7 +236,8 @@ bool Discovery::Allowance::Take(unsigned most, TimePoint now) {
 void Discovery::SendDueAnswers(TimePoint now) {
     while (!mAnswers.empty() && mAnswers.begin()->first <= now) {
         const DelayedAnswer& answer = mAnswers.begin()->second;
-        if (const LocalInterface* local = mLocalNode.InterfaceOf(answer.interface)) {
+        const LocalInterface* local = mLocalNode.InterfaceOf(answer.interface);
+        if (local != nullptr && mPresence.MaySendTo(answer.to.host, now)) {
             mNetwork.Send(*local, answer.to, answer.message);
             mPresence.OnSentTo(answer.to.host, answer.message);
         }

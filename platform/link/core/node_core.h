@@ -77,6 +77,7 @@ private:
         void OnPeerGone(const Endpoint& endpoint) override { mNetwork.OnPeerGone(endpoint); }
         void Reply(ReplyPath path, const CoapMessage& message) override;
         void Forget(ReplyPath path) override;
+        bool IsClogged() const override { return mNetwork.IsClogged(); }
 
     private:
         Network& mNetwork;

@@ -78,8 +78,34 @@ void PeerDirectory::OnWord(Peer& peer, const NodeDescription& node, bool unicast
 
 void PeerDirectory::Contest(Peer& peer, const NodeDescription& contender, TimePoint now) {
     Challenge(peer, now);
-    if (!peer.confirmed && contender.endpoint != peer.node.endpoint) {
+    if (!peer.confirmed && !peer.contenderIsProven && contender.endpoint != peer.node.endpoint) {
         peer.contender = contender;
+    }
+}
+
+bool PeerDirectory::IsClaim(const NodeDescription& node) const {
+    const auto known = mPeers.find(node.identity.id);
+    return known != mPeers.end() && !known->second.confirmed && !known->second.contenderIsProven &&
+           known->second.node.endpoint != node.endpoint;
+}
+
+void PeerDirectory::OnProven(const NodeDescription& node, TimePoint now) {
+    const auto known = mPeers.find(node.identity.id);
+    if (known == mPeers.end()) {
+        GivePlaceTo(node, true, now);
+    } else if (known->second.node.endpoint == node.endpoint) {
+        OnPong(node.identity.id, node, now);
+    } else if (IsClaim(node)) {
+        Contest(known->second, node, now);
+        known->second.contenderIsProven = true;
+    }
+}
+
+void PeerDirectory::GivePlaceTo(const NodeDescription& contender, bool isProven, TimePoint now) {
+    OnHello(contender, false, now);
+    const auto known = mPeers.find(contender.identity.id);
+    if (isProven && known != mPeers.end() && known->second.node.endpoint == contender.endpoint) {
+        Confirm(known->second);
     }
 }
 
@@ -96,6 +122,7 @@ bool PeerDirectory::OnPong(std::uint64_t pinged, NodeDescription node, TimePoint
         peer.saidGoodbye.reset();
         peer.goodbyeHosts.clear();
         peer.contender.reset();
+        peer.contenderIsProven = false;
         Clear(peer, now);
         Confirm(peer);
         return false;
@@ -139,6 +166,14 @@ void PeerDirectory::OnGoodbye(const NodeIdentity& identity, in_addr_t source, Ti
     CheckAt(now);
 }
 
+void PeerDirectory::OnPinged(std::uint64_t nodeId, TimePoint now) {
+    const auto known = mPeers.find(nodeId);
+    if (known != mPeers.end() && known->second.doubtedSince && !known->second.pinged) {
+        known->second.pinged = now;
+        CheckAt(GivenUpAt(known->second));
+    }
+}
+
 void PeerDirectory::OnPortUnreachable(std::uint64_t nodeId, TimePoint now) {
     const auto known = mPeers.find(nodeId);
     if (known == mPeers.end()) {
@@ -150,7 +185,12 @@ void PeerDirectory::OnPortUnreachable(std::uint64_t nodeId, TimePoint now) {
     if (peer.saidGoodbye || !peer.confirmed) {
         AddTombstone(peer, now);
     }
+    const std::optional<NodeDescription> contender = peer.contender;
+    const bool isProven = peer.contenderIsProven;
     Remove(known);
+    if (contender) {
+        GivePlaceTo(*contender, isProven, now);
+    }
 }
 
 // Any host can send a claim about a node, and every node that hears it pings that node. So each limits its
@@ -199,7 +239,7 @@ void PeerDirectory::Tick(TimePoint now) {
     mMayCheck = now + CHECK_MANY_EVERY;
     ProbeSuspects(now);
     Announce(now);
-    std::vector<NodeDescription> contenders;
+    std::vector<std::pair<NodeDescription, bool>> contenders;
     for (auto at = mPeers.begin(); at != mPeers.end();) {
         Peer& peer = at->second;
         if (!peer.doubtedSince && now - peer.heard >= DOUBT_AFTER) {
@@ -212,7 +252,7 @@ void PeerDirectory::Tick(TimePoint now) {
             }
             // Without a goodbye the cause may be a cut link. No tombstone: the same instance may come back.
             if (peer.contender) {
-                contenders.push_back(*peer.contender);
+                contenders.emplace_back(*peer.contender, peer.contenderIsProven);
             }
             at = Remove(at);
             continue;
@@ -220,18 +260,23 @@ void PeerDirectory::Tick(TimePoint now) {
         CheckAt(due);
         ++at;
     }
-    for (const NodeDescription& contender : contenders) {
-        OnHello(contender, false, now);
+    for (const auto& [contender, isProven] : contenders) {
+        GivePlaceTo(contender, isProven, now);
     }
 }
 
 TimePoint PeerDirectory::GivenUpAt(const Peer& peer) {
+    if ((peer.contender || peer.saidGoodbye) && !peer.pinged) {
+        return *peer.doubtedSince + LONGEST_WITHOUT_PING;
+    }
     // A suspect that does not answer gets as much time as any other silent node.
     // The hellos of one with a contender prove nothing.
     const TimePoint doubted =
-        peer.contender ? *peer.doubtedSince : std::max(*peer.doubtedSince, peer.heard + DOUBT_AFTER);
+        peer.contender ? *peer.pinged : std::max(*peer.doubtedSince, peer.heard + DOUBT_AFTER);
     const TimePoint silent = doubted + GIVE_UP_AFTER;
-    return peer.saidGoodbye ? std::min(silent, *peer.saidGoodbye + GIVE_UP_AFTER_GOODBYE) : silent;
+    return peer.saidGoodbye
+               ? std::min(silent, std::max(*peer.saidGoodbye, *peer.pinged) + GIVE_UP_AFTER_GOODBYE)
+               : silent;
 }
 
 void PeerDirectory::Probe(Peer& peer, TimePoint now) {
@@ -244,6 +289,7 @@ void PeerDirectory::Probe(Peer& peer, TimePoint now) {
 void PeerDirectory::EndProbe(Peer& peer) {
     const Age age{peer.number, peer.node.identity.id};
     peer.doubtedSince.reset();
+    peer.pinged.reset();
     mDoubtedConfirmed.erase(age);
     mDoubtedOthers.erase(age);
     mSuspects.erase(peer.node.identity.id);

@@ -33,14 +33,16 @@ struct Peer {
     bool unicast = false;
     std::set<in_addr_t> hosts;  // every address under which it was heard
     std::optional<TimePoint> doubtedSince;
+    std::optional<TimePoint> pinged;  // first since then
     std::optional<TimePoint> saidGoodbye;
     std::set<in_addr_t> goodbyeHosts;  // the addresses from which the goodbye came
     // It answered a ping after a goodbye, which was therefore forged. Its next goodbye shortens no timeout.
     bool goodbyeDisproved = false;
     bool confirmed = false;
     // What another endpoint says, that claims to be this node. Only the answer to a ping refutes it; without
-    // one the contender gets the place.
+    // one the contender gets the place. One that has answered a ping itself yields to no further one.
     std::optional<NodeDescription> contender;
+    bool contenderIsProven = false;
     unsigned words = 1;  // how often it was heard at its endpoint
     TimePoint challenged{};
     std::uint64_t place = 0;  // among the unconfirmed nodes of its address
@@ -71,6 +73,9 @@ public:
     static constexpr Milliseconds ASK_AGAIN_AFTER{500};
     // After its goodbye a node does not answer. Most hosts refuse at once; others drop the pings.
     static constexpr Milliseconds GIVE_UP_AFTER_GOODBYE{500};
+    // A node of which others say that it is gone, or elsewhere, is not given up before a ping has left. Among
+    // many nodes in doubt it may have to wait so long for its turn.
+    static constexpr Milliseconds LONGEST_WITHOUT_PING{10000};
     // With many nodes, looking at all of them each time that one is due would use a whole core.
     static constexpr std::size_t MANY = 256;
     static constexpr Milliseconds CHECK_MANY_EVERY{10};
@@ -82,8 +87,14 @@ public:
     // A node at the endpoint of the pinged one has answered the ping and described itself. True if that
     // is a node that was not known before.
     bool OnPong(std::uint64_t pinged, NodeDescription node, TimePoint now);
+    // Whether another endpoint has the place of that node, without having answered a ping.
+    bool IsClaim(const NodeDescription& node) const;
+    // A node that is not known at its endpoint has answered a ping there, and said this of itself.
+    void OnProven(const NodeDescription& node, TimePoint now);
     // Ignored unless it comes from an address at which the node was heard.
     void OnGoodbye(const NodeIdentity& identity, in_addr_t source, TimePoint now);
+    // A ping has left to that node.
+    void OnPinged(std::uint64_t nodeId, TimePoint now);
     // The host of the pinged node answers that no socket has the port.
     void OnPortUnreachable(std::uint64_t nodeId, TimePoint now);
     // The node may be gone although it has not been silent. It is pinged now.
@@ -147,6 +158,7 @@ private:
     void Confirm(Peer& peer);
     void Challenge(Peer& peer, TimePoint now);
     void Contest(Peer& peer, const NodeDescription& contender, TimePoint now);
+    void GivePlaceTo(const NodeDescription& contender, bool isProven, TimePoint now);
     bool SuspectNeighbours(const NodeDescription& newcomer, TimePoint now);
     bool IsMany() const { return mPeers.size() > MANY; }
     static TimePoint GivenUpAt(const Peer& peer);

@@ -37,6 +37,10 @@ public:
     // Confirmable replies are repeated until they are acknowledged.
     virtual void Reply(ReplyPath path, const CoapMessage& message) = 0;
     virtual void Forget(ReplyPath path) = 0;
+
+    // Whether much of what Send and Reply were given waits in the host. More of it would hold up all that
+    // follows.
+    virtual bool IsClogged() const = 0;
 };
 
 struct Outcome {

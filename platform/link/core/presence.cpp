@@ -23,7 +23,8 @@ Presence::Presence(const LocalNode& localNode, IdSource& idSource, Network& netw
       mNetwork(network),
       mConfigured(std::move(peers)),
       mDirectory(localNode.identity.id),
-      mTextQuota("hellos", MAX_TEXTS, MAX_TEXTS) {}
+      mTextQuota("hellos", MAX_TEXTS, MAX_TEXTS),
+      mTrials(localNode, idSource, network) {}
 
 // All nodes that heard the newcomer do this at the same moment, and their later hellos keep the distance that
 // they get here. So more nodes share a longer time.
@@ -112,12 +113,24 @@ void Presence::ForgetOldestText(in_addr_t host) {
 }
 
 void Presence::OnHello(const NodeDescription& node, bool unicast, TimePoint now) {
-    if (node.secured == mLocalNode.secured && mDirectory.OnHello(node, unicast, now)) {
+    if (node.secured != mLocalNode.secured) {
+        return;
+    }
+    if (mDirectory.OnHello(node, unicast, now)) {
         Greet(now);
+    } else if (mDirectory.IsClaim(node)) {
+        mTrials.Propose(node);
     }
 }
 
 bool Presence::OnAnswer(ConversationId conversation, const CoapMessage& answer, TimePoint now) {
+    std::optional<NodeDescription> proven;
+    if (mTrials.OnAnswer(conversation, answer, proven)) {
+        if (proven) {
+            mDirectory.OnProven(*proven, now);
+        }
+        return true;
+    }
     const auto pinged = mPinged.find(conversation);
     if (pinged == mPinged.end()) {
         return false;
@@ -132,6 +145,9 @@ bool Presence::OnAnswer(ConversationId conversation, const CoapMessage& answer, 
 }
 
 bool Presence::OnRefused(ConversationId conversation, TimePoint now) {
+    if (mTrials.OnRefused(conversation)) {
+        return true;
+    }
     const auto pinged = mPinged.find(conversation);
     if (pinged == mPinged.end()) {
         return false;
@@ -158,6 +174,7 @@ void Presence::Tick(TimePoint now) {
     }
     mDirectory.Tick(now);
     PingDoubted(now);
+    PingClaims(now);
 }
 
 // Many nodes that said hello at nearly the same moment, to a newcomer or when they were few, are spread by a
@@ -173,7 +190,7 @@ Milliseconds Presence::PauseAfterHello() {
 }
 
 TimePoint Presence::NextDeadline() const {
-    TimePoint next = std::min({mNextHello, mDirectory.NextDeadline(), mMorePings});
+    TimePoint next = std::min({mNextHello, mDirectory.NextDeadline(), mMorePings, mTrials.NextDeadline()});
     for (const auto& [nodeId, ping] : mPings) {
         next = std::min(next, ping.next);
     }
@@ -242,6 +259,15 @@ void Presence::PingDoubted(TimePoint now) {
     }
 }
 
+void Presence::PingClaims(TimePoint now) {
+    mTrials.Tick(now, [this, now](ConversationId conversation, const Endpoint& to, const CoapMessage& ping) {
+        if (MayPing(to.host, now)) {
+            mNetwork.Transmit(conversation, to, ping);
+            OnSentTo(to.host, ping);
+        }
+    });
+}
+
 // How many have ended.
 std::size_t Presence::EndOtherPings(const std::vector<std::uint64_t>& doubted) {
     const std::size_t before = mPings.size();
@@ -261,15 +287,22 @@ bool Presence::IsTrusted(in_addr_t host) const {
     return mLocalNode.IsOwn(host) || mDirectory.IsConfirmed(host);
 }
 
+// What goes to addresses without a host stays in the socket. A stranger that names many of them would fill
+// it.
 bool Presence::MaySendTo(in_addr_t host, TimePoint now) {
     if (IsTrusted(host)) {
         return true;
     }
-    if (mBudget.RunsShort(host, now)) {
+    const bool isClogged = mNetwork.IsClogged();
+    if (isClogged || mBudget.RunsShort(host, now)) {
         // A client that asks much is asked in turn. Its answer lifts the limit before it is reached.
         mDirectory.AskAt(host, now);
     }
-    return mBudget.Permits(host, now);
+    return !isClogged && mBudget.Permits(host, now);
+}
+
+bool Presence::MayPing(in_addr_t host, TimePoint now) {
+    return IsTrusted(host) || mBudget.Permits(host, now);
 }
 
 void Presence::OnSentTo(in_addr_t host, const CoapMessage& message) {
@@ -294,7 +327,7 @@ Milliseconds Presence::PauseAfterPing(const Peer& peer, TimePoint now) {
 
 void Presence::Send(Ping& ping, const Peer& peer, TimePoint now) {
     ping.next = now + PauseAfterPing(peer, now);
-    if (!MaySendTo(peer.node.endpoint.host, now)) {
+    if (!MayPing(peer.node.endpoint.host, now)) {
         return;
     }
     CoapMessage message = MakePing();
@@ -302,6 +335,7 @@ void Presence::Send(Ping& ping, const Peer& peer, TimePoint now) {
     message.messageId = mIdSource.NextMessageId();
     mNetwork.Transmit(ping.conversation, peer.node.endpoint, message);
     OnSentTo(peer.node.endpoint.host, message);
+    mDirectory.OnPinged(peer.node.identity.id, now);
 }
 
 }  // namespace lumora_link

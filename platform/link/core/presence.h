@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/link/core/answer_budget.h"
+#include "platform/link/core/claim_trials.h"
 #include "platform/link/core/local_node.h"
 #include "platform/link/core/peer_directory.h"
 #include "platform/link/core/ports.h"
@@ -63,9 +64,11 @@ public:
 
     PeerDirectory& Directory() { return mDirectory; }
     const PeerDirectory& Directory() const { return mDirectory; }
-    // Whether more may be sent to that address now. Addresses that have shown that they receive are not
-    // limited.
+    // Whether more may be sent to that address now by the sockets that all others are answered by, too.
+    // Addresses that have shown that they receive are not limited.
     bool MaySendTo(in_addr_t host, TimePoint now);
+    // The same for pings, each of which has a socket of its own.
+    bool MayPing(in_addr_t host, TimePoint now);
     void OnSentTo(in_addr_t host, const CoapMessage& message);
     // The endpoints that get unicast copies of what goes to the group.
     std::vector<Endpoint> UnicastTargets() const;
@@ -93,6 +96,7 @@ private:
     Text& TextFrom(const Endpoint& source);
     void ForgetOldestText(in_addr_t host);
     void PingDoubted(TimePoint now);
+    void PingClaims(TimePoint now);
     std::size_t EndOtherPings(const std::vector<std::uint64_t>& doubted);
     bool IsTrusted(in_addr_t host) const;
     const Peer* PingedBy(ConversationId conversation) const;
@@ -116,6 +120,7 @@ private:
     bool mInStep = false;    // other nodes say hello at nearly the same moments
     bool mFollowed = false;  // the next hello follows that of another node
     AnswerBudget mBudget;
+    ClaimTrials mTrials;
 };
 
 }  // namespace lumora_link

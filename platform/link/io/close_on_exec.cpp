@@ -52,6 +52,13 @@ bool CloseOnExecIfConnected(int socket, const Endpoint& to) {
            fcntl(socket, F_SETFD, FD_CLOEXEC) == 0;
 }
 
+bool IsBoundTo(int socket, const Endpoint& endpoint) {
+    sockaddr_in own = {};
+    socklen_t size = sizeof own;
+    return getsockname(socket, reinterpret_cast<sockaddr*>(&own), &size) == 0 &&
+           Endpoint{own.sin_addr.s_addr, ntohs(own.sin_port)} == endpoint;
+}
+
 // Opens them all to find out, and closes them again: RLIMIT_NOFILE alone does not tell how many are in use.
 bool DescriptorsAreLeft(std::size_t count) {
     std::vector<lumora::UniqueFd> taken(count);

@@ -15,6 +15,8 @@ void CloseOnExec(int epoll);
 // checks that the descriptor is a socket connected to that endpoint, and returns false if it is not.
 int NextDescriptor(int any);
 bool CloseOnExecIfConnected(int socket, const Endpoint& to);
+// The same check for a socket that listens.
+bool IsBoundTo(int socket, const Endpoint& endpoint);
 
 // Whether the process can open so many more descriptors. If not, errno tells why.
 bool DescriptorsAreLeft(std::size_t count);

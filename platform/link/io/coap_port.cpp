@@ -11,6 +11,7 @@
 
 #include "platform/link/io/close_on_exec.h"
 #include "platform/link/io/run_guarded.h"
+#include "platform/link/io/send_queue.h"
 #include "platform/link/log.h"
 #include "platform/link/wire/messages.h"
 
@@ -277,14 +278,22 @@ bool CoapPort::Listen(const Endpoint& endpoint) {
 
 bool CoapPort::ListenBy(coap_proto_t protocol, const Endpoint& endpoint) {
     const coap_address_t address = AddressOf(endpoint);
+    const int descriptor = NextDescriptor(Descriptor());
     coap_endpoint_t* made = coap_new_endpoint(mContext.get(), &address, protocol);
     if (made == nullptr) {
         LINK_LOG_LIMITED(LEVEL_WARNING, "cannot listen on %s\n", EndpointText(endpoint).c_str());
         return false;
     }
     CloseOnExec(Descriptor());
+    if (IsBoundTo(descriptor, endpoint)) {
+        mEndpointSockets.push_back(descriptor);
+    }
     coap_endpoint_set_default_mtu(made, MAX_DATAGRAM);
     return true;
+}
+
+bool CoapPort::IsClogged() const {
+    return std::any_of(mEndpointSockets.begin(), mEndpointSockets.end(), IsHalfFull);
 }
 
 void CoapPort::Process() { coap_io_process(mContext.get(), COAP_IO_NO_WAIT); }

@@ -67,6 +67,7 @@ public:
     void OnPeerGone(const Endpoint& endpoint);
     void Reply(ReplyPath path, const CoapMessage& message);
     void Forget(ReplyPath path);
+    bool IsClogged() const;
 
     // libcoap has one level for the whole process.
     static void SetLogLevel(int level);
@@ -123,6 +124,7 @@ private:
     coap_dtls_cpsk_info_t mChosenKey = {};
     std::unique_ptr<coap_context_t, ContextCloser> mContext;
     std::set<Endpoint> mEndpoints;
+    std::vector<int> mEndpointSockets;  // libcoap's, without those that are not known
     std::map<ChannelId, std::unique_ptr<Channel>> mChannels;
     std::vector<std::unique_ptr<Channel>> mEnded;
     std::vector<ConversationId> mRefused;

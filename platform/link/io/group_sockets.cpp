@@ -3,12 +3,14 @@
 #include <linux/filter.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
 
 #include "base/socket_option.h"
+#include "platform/link/io/send_queue.h"
 #include "platform/link/log.h"
 
 namespace lumora_link {
@@ -217,6 +219,11 @@ void GroupSockets::Send(const LocalInterface& via, const Endpoint& to, const Coa
         LINK_LOG(LEVEL_DETAIL, "nothing sent to %s by %s: %s\n", EndpointText(to).c_str(), via.name.c_str(),
                  std::strerror(errno));
     }
+}
+
+bool GroupSockets::IsClogged() const {
+    return std::any_of(mMembers.begin(), mMembers.end(),
+                       [](const auto& member) { return IsHalfFull(member.second.socket.Get()); });
 }
 
 void GroupSockets::Join(const LocalInterface& local) {

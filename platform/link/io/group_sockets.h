@@ -46,6 +46,7 @@ public:
     // used.
     bool Use(const std::vector<LocalInterface>& interfaces);
     void Send(const LocalInterface& via, const Endpoint& to, const CoapMessage& message);
+    bool IsClogged() const;
 
 private:
     struct Member {

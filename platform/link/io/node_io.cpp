@@ -363,4 +363,6 @@ void NodeIo::Reply(ReplyPath path, const CoapMessage& message) { mCoap->Reply(pa
 
 void NodeIo::Forget(ReplyPath path) { mCoap->Forget(path); }
 
+bool NodeIo::IsClogged() const { return mCoap->IsClogged() || mGroup->IsClogged(); }
+
 }  // namespace lumora_link

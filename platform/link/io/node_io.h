@@ -62,6 +62,7 @@ private:
     void OnPeerGone(const Endpoint& endpoint) override;
     void Reply(ReplyPath path, const CoapMessage& message) override;
     void Forget(ReplyPath path) override;
+    bool IsClogged() const override;
 
     const NodeNumber mNumber = PeerRegistry::NewNode();
     const Config mConfig;

@@ -49,6 +49,7 @@ public:
     std::function<Outcome(const HandlerCall&)> handler;
     Milliseconds handlerTime{0};
     bool queueFull = false;
+    bool clogged = false;  // what leaves by the sockets that all share would wait
 
     Endpoint At(std::size_t interface = 0) const { return {mInterfaces.at(interface).host, mPort}; }
     NodeCore& Core() { return mCore; }
@@ -85,6 +86,7 @@ private:
     void OnPeerGone(const Endpoint&) override {}
     void Reply(ReplyPath path, const CoapMessage& message) override;
     void Forget(ReplyPath path) override;
+    bool IsClogged() const override { return clogged; }
     bool Handle(HandlerCall call) override;
     void Notify(DeviceEvent event) override;
     void RequestEnded(std::uint64_t ticket, Outcome outcome) override;

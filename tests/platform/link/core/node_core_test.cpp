@@ -376,6 +376,53 @@ TEST_F(NodeCoreTest, ForgedGoodbyesAndHellosRemoveAndReplaceNoNode) {
     EXPECT_LE(searchTime, Milliseconds(600));
 }
 
+TEST_F(NodeCoreTest, AStrangerWithManyEndpointsKeepsNoNewcomerFromADevice) {
+    FakeNode& newcomer = network.Add("reader");
+    const NodeIdentity identity{99, 1};
+    const in_addr_t strangersHost = htonl(0x0a0000fe);
+    FakeNode* device = nullptr;
+    for (std::uint16_t round = 0; round < 1000; ++round) {
+        for (std::uint16_t count = 0; count < 10; ++count) {
+            const Endpoint claimed{strangersHost, static_cast<std::uint16_t>(1000 + 10 * round + count)};
+            Tell(newcomer, HELLO_PATH, {identity, claimed, "camera"}, claimed);
+        }
+        network.Run(Milliseconds(5));
+        if (round == 1) {
+            device = &network.AddAt(identity, {LocalInterface{2, "eth0", htonl(0x0a000063)}}, 4001, "camera");
+        }
+    }
+    EXPECT_THAT(Search(newcomer, "camera"), ElementsAre(device->At()));
+    EXPECT_LE(newcomer.MostOpenConversations(), 40U);
+}
+
+TEST_F(NodeCoreTest, AForgedGoodbyeRemovesNoNodeForWhichThereIsNoPing) {
+    FakeNode& watcher = network.Add(std::nullopt);
+    const in_addr_t strangersHost = htonl(0x0a0000fe);
+    std::uint64_t id = 1000;
+    // Silent nodes that are known longer take all pings, over and over.
+    const auto invent = [&] {
+        for (std::uint16_t count = 0; count < 100; ++count) {
+            const Endpoint invented{strangersHost, static_cast<std::uint16_t>(++id)};
+            Tell(watcher, HELLO_PATH, {{id, 1}, invented, "printer"}, invented);
+        }
+    };
+    for (int round = 0; round < 20; ++round) {
+        invent();
+        network.Run(Milliseconds(100));
+    }
+    FakeNode& device = network.Add("camera");
+    network.Run(Milliseconds(100));
+    const NodeDescription forged = {device.Identity(), device.At(), "camera"};
+    for (int round = 0; round < 20; ++round) {
+        invent();
+        Tell(watcher, GOODBYE_PATH, forged, device.At());
+        network.Run(Milliseconds(100));
+    }
+    for (const DeviceEvent& event : watcher.Seen().events) {
+        ASSERT_TRUE(event.added || event.node.identity.id != device.Identity().id);
+    }
+}
+
 TEST_F(NodeCoreTest, AnAnswerToAPingMovesNoOtherNode) {
     FakeNode& watcher = network.Add(std::nullopt);
     FakeNode& device = network.Add("camera");
@@ -455,6 +502,23 @@ TEST_F(NodeCoreTest, ANewcomerAmongManyIsGreetedByAFew) {
     network.Run(MOMENT);
     const auto regular = NODES * MOMENT.count() / Presence::HELLO_INTERVAL_IN_CROWD.count();
     EXPECT_LE(hellos.size(), static_cast<std::size_t>(regular) + 3 * Presence::GREETERS);
+}
+
+TEST_F(NodeCoreTest, ANodeWhoseSocketsAreCloggedAnswersThoseThatReceive) {
+    FakeNode& asker = network.Add("reader");
+    FakeNode& device = network.Add("camera");
+    network.Run(seconds(2));
+    device.clogged = true;
+    const std::size_t before = device.BytesToStrangers();
+    CoapMessage ping = MakePing();
+    ping.token = "12345678";
+    device.OnDatagram(ping, {htonl(0x0a0000fe), 1000});
+    device.Core().OnGroupMessage(MakeProbe("camera", "12345678", {}), {htonl(0x0a0000fe), 1000}, 2,
+                                 network.Now());
+    network.Run(Milliseconds(10));
+    EXPECT_EQ(device.BytesToStrangers(), before);
+    EXPECT_EQ(Ask(asker, device.At(), code::GET, "key", "").code, code::CONTENT);
+    EXPECT_THAT(Search(asker, "camera"), ElementsAre(device.At()));
 }
 
 TEST_F(NodeCoreTest, AFloodInTheNameOfAnotherHostReachesItHardlyAtAll) {

@@ -24,7 +24,15 @@ NodeDescription Node(std::uint64_t id, std::uint32_t instance, const char* endpo
 
 struct PeerDirectoryTest : testing::Test {
     bool OnHello(const NodeDescription& node) { return directory.OnHello(node, false, now); }
+    // Nodes in doubt have been pinged before.
     void Wait(Milliseconds time) {
+        directory.Tick(now);
+        for (const std::uint64_t id : Doubted()) {
+            directory.OnPinged(id, now);
+        }
+        WaitWithoutPings(time);
+    }
+    void WaitWithoutPings(Milliseconds time) {
         now += time;
         directory.Tick(now);
     }
@@ -135,6 +143,20 @@ TEST_F(PeerDirectoryTest, AGoodbyeIsBelievedSoonWhenThePingIsNotAnswered) {
     EXPECT_THAT(Events(), ElementsAre("+1 10.0.0.1:1", "-1 10.0.0.1:1"));
     EXPECT_FALSE(OnHello(Node(1, 1, "10.0.0.1:1")));
     EXPECT_LE(PeerDirectory::GIVE_UP_AFTER_GOODBYE, Milliseconds(700));
+}
+
+TEST_F(PeerDirectoryTest, AGoodbyeIsNotBelievedBeforeAPingHasLeft) {
+    OnHello(Node(1, 1, "10.0.0.1:1"));
+    OnGoodbye({1, 1}, "10.0.0.1");
+    WaitWithoutPings(PeerDirectory::LONGEST_WITHOUT_PING - Milliseconds(1000));
+    EXPECT_NE(directory.Find(1), nullptr);
+    Wait(PeerDirectory::GIVE_UP_AFTER_GOODBYE);
+    EXPECT_EQ(directory.Find(1), nullptr);
+
+    OnHello(Node(2, 1, "10.0.0.2:1"));
+    OnGoodbye({2, 1}, "10.0.0.2");
+    WaitWithoutPings(PeerDirectory::LONGEST_WITHOUT_PING);
+    EXPECT_EQ(directory.Find(2), nullptr) << "there is an end";
 }
 
 TEST_F(PeerDirectoryTest, AGoodbyeOfAStrangersNodeDoesNotHideTheDeviceWithTheSameIdentity) {

@@ -1,0 +1,42 @@
+#include "server/hand_over_budget.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace lumoraAiModule {
+
+namespace {
+
+// Most stops take a few milliseconds. They need no entry, and with this the number of entries is bounded.
+constexpr HandOverBudget::Milliseconds NOT_WORTH_AN_ENTRY{100};
+
+bool IsOnThisHost(const std::string& address) { return address.rfind("127.", 0) == 0; }
+
+}  // namespace
+
+HandOverBudget::Milliseconds HandOverBudget::Limit(const std::string& address, Milliseconds wanted,
+                                                   Clock::time_point now) const {
+    return IsOnThisHost(address) ? wanted : std::min(wanted, std::max(LEAST, LeftOf(address, now)));
+}
+
+void HandOverBudget::OnTaken(const std::string& address, Milliseconds took, Clock::time_point now) {
+    for (auto at = mAccounts.begin(); at != mAccounts.end();) {
+        at = LeftIn(at->second, now) >= FULL ? mAccounts.erase(at) : std::next(at);
+    }
+    if (took >= NOT_WORTH_AN_ENTRY) {
+        const Milliseconds left = std::max(LeftOf(address, now) - took, Milliseconds(0));
+        mAccounts[address] = {left, now};
+    }
+}
+
+HandOverBudget::Milliseconds HandOverBudget::LeftOf(const std::string& address, Clock::time_point now) const {
+    const auto account = mAccounts.find(address);
+    return account == mAccounts.end() ? FULL : LeftIn(account->second, now);
+}
+
+HandOverBudget::Milliseconds HandOverBudget::LeftIn(const Account& account, Clock::time_point now) {
+    const auto passed = std::chrono::duration_cast<Milliseconds>(now - account.since);
+    return std::min(FULL, account.left + passed / GIVEN_BACK);
+}
+
+}  // namespace lumoraAiModule
