@@ -32,6 +32,8 @@ constexpr std::chrono::seconds NEIGHBOUR_TIME{8};
 constexpr std::chrono::milliseconds OPENING_PAUSE{20};
 // A device closes a channel on which it cannot send for half a second.
 constexpr std::chrono::milliseconds STOPPED_FOR{400};
+// What waited at the device comes when the network is whole again, and the end of the channel behind it.
+constexpr std::chrono::seconds REST_TIME{3};
 // The intervals of blocks are averaged over about so many.
 constexpr double AVERAGED = 8;
 
@@ -318,6 +320,7 @@ void DeviceLink::OnConnected(const Frame& frame) {
     mConnected = true;
     mConnectedAt = Clock::now();
     mLastBlock = mConnectedAt;
+    mWentOnAt = {};
     mInterval = {};
     ++mConnections;
     mVersion = frame.name;
@@ -334,6 +337,9 @@ void DeviceLink::OnBlock(Frame frame) {
     const std::uint64_t number = before + frame.head.number;
     last = number > last && number - last <= WIDEST_GAP ? number : last + 1;
     const Clock::time_point now = Clock::now();
+    if (HasStopped(now)) {
+        mWentOnAt = now;
+    }
     mInterval += (now - mLastBlock - mInterval) / AVERAGED;
     mLastBlock = now;
     mEvents.onBlock(frame.name, last, std::move(frame.body));
@@ -361,17 +367,22 @@ std::chrono::milliseconds DeviceLink::PauseAfter(EndReason reason) {
         mGiveWay.Reset();
     }
     const bool byNeighbour = now - mSurroundings.neighbourLeft < NEIGHBOUR_TIME;
-    const bool byAnother = reason == EndReason::CHANNEL_ENDED && !byNeighbour && !HadStopped();
+    const bool byAnother = reason == EndReason::CHANNEL_ENDED && !byNeighbour && !HadStopped(now);
     return byAnother ? mGiveWay.Next() : mBackOff.Next();
 }
 
-// Whether blocks that came often had stopped for a while before the end. Then the network was probably cut:
-// another client takes the place of this one at once. Not if the connection is young: it may be a part of a
-// fight with another client.
-bool DeviceLink::HadStopped() const {
-    const auto silence = Clock::now() - mLastBlock;
+// Whether blocks that came often have stopped. Not if the connection is young: it may be a part of a fight
+// with another client.
+bool DeviceLink::HasStopped(Clock::time_point now) const {
+    const auto silence = now - mLastBlock;
     return mConnected && mLastBlock - mConnectedAt >= GOOD_CONNECTION && silence >= STOPPED_FOR &&
            silence > 4 * mInterval;
+}
+
+// Before the end of a channel. Then the network was probably cut: another client takes the place of this one
+// at once.
+bool DeviceLink::HadStopped(Clock::time_point now) const {
+    return HasStopped(now) || (mConnected && now - mWentOnAt < REST_TIME);
 }
 
 }  // namespace lumora_hub

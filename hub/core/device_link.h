@@ -107,7 +107,8 @@ private:
     void OnBlock(Frame frame);
     void OnEnd(EndReason reason, const std::string& text);
     std::chrono::milliseconds PauseAfter(EndReason reason);
-    bool HadStopped() const;
+    bool HasStopped(EventLoop::Clock::time_point now) const;
+    bool HadStopped(EventLoop::Clock::time_point now) const;
 
     LinkSurroundings& mSurroundings;
     const Events mEvents;
@@ -125,6 +126,7 @@ private:
     bool mConnected = false;
     EventLoop::Clock::time_point mConnectedAt;
     EventLoop::Clock::time_point mLastBlock;
+    EventLoop::Clock::time_point mWentOnAt;  // blocks came again after a stop
     std::chrono::duration<double> mInterval{0};  // of the blocks, usually
     std::set<std::string> mSubscribed;           // what the worker was told
     // Of each service: the number of the last block, and the one before the first of this worker.

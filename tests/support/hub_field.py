@@ -118,9 +118,9 @@ class Field:
         assert device.line() == "ready"
         return device
 
-    def start_readers(self, kind, device, count=1):
+    def start_readers(self, kind, device, count=1, query=""):
         port = BROKER_PORT if kind == "mqtt" else HUB_PORT
-        return self.add(Program([self.peer, "readers", kind, port, count, device]))
+        return self.add(Program([self.peer, "readers", kind, port, count, device, query]))
 
     @staticmethod
     def seconds_until_fresh(readers):

@@ -118,7 +118,7 @@ private:
     std::string Request() const {
         const bool isSocket = mKind == StreamParser::Kind::WEB_SOCKET;
         return "GET /api/devices/" + mOptions.device + "/services/" + mOptions.service +
-               (isSocket ? "/stream" : "/events") +
+               (isSocket ? "/stream" : "/events") + mOptions.query +
                " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(mOptions.port) + "\r\n" +
                (isSocket ? "Upgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
                            "Sec-WebSocket-Key: bHVtb3JhLWh1Yi1yZWFkZQ==\r\n"

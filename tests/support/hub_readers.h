@@ -22,6 +22,7 @@ struct ReadersOptions {
     int port = 0;      // of the hub, or of the broker, on 127.0.0.1
     std::string device;
     std::string service;
+    std::string query;  // of the request for the stream, with its question mark; unused over MQTT
     std::size_t count = 1;
     std::size_t kept = 0;  // first bytes of each block
     std::function<void(const ReadBlock& block)> onBlock;

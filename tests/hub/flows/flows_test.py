@@ -21,8 +21,8 @@ class FlowCase(unittest.TestCase):
         self.addCleanup(self.field.close)
         self.field.start_broker()
 
-    def readers(self, kind, device="camera", count=2):
-        return self.field.start_readers(kind, device, count)
+    def readers(self, kind, device="camera", count=2, query=""):
+        return self.field.start_readers(kind, device, count, query)
 
     def assert_unharmed(self, *readers):
         for reader in readers:
@@ -51,7 +51,7 @@ class Stalls(FlowCase):
             self.assertLess(figures["longest_pause_ms"], 1500)
 
     def check_stalled(self, kind):
-        slow = self.readers(kind)
+        slow = self.readers(kind, query="?blocks=64")  # a stall sends more
         self.field.seconds_until_fresh([slow])
         self.stall(lambda: slow.tell("stall"), lambda: slow.tell("go"))
         self.field.seconds_until_fresh([slow])

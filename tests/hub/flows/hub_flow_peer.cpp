@@ -1,7 +1,7 @@
 // A device whose blocks show what became of them, and consumers of the hub that look at every byte.
 //
 //   hub_flow_peer device TYPE LONGEST BLOCKS_A_SECOND      its service is "stream"
-//   hub_flow_peer readers KIND PORT COUNT DEVICE           websocket, events or mqtt
+//   hub_flow_peer readers KIND PORT COUNT DEVICE [QUERY]   websocket, events or mqtt
 //
 // Consumers read lines, and answer some of them with a line of JSON:
 //
@@ -174,7 +174,7 @@ private:
     Clock::time_point mReported = Clock::now();
 };
 
-int RunReaders(const char* kind, int port, std::size_t count, const char* device) {
+int RunReaders(const char* kind, int port, std::size_t count, const char* device, const char* query) {
     Readings readings(count, kind);
     ReadersOptions options;
     options.kind = kind;
@@ -182,6 +182,7 @@ int RunReaders(const char* kind, int port, std::size_t count, const char* device
     options.count = count;
     options.device = device;
     options.service = SERVICE;
+    options.query = query;
     options.kept = WHOLE;
     options.onBlock = [&](const ReadBlock& block) { readings.Take(block); };
     options.onConnected = [&](std::size_t reader) { readings.Connect(reader); };
@@ -221,8 +222,9 @@ int Run(int count, char** words) {
     if (role == "device" && count == 5) {
         return RunDevice(words[2], std::strtoul(words[3], nullptr, 10), std::strtod(words[4], nullptr));
     }
-    if (role == "readers" && count == 6) {
-        return RunReaders(words[2], std::atoi(words[3]), std::strtoul(words[4], nullptr, 10), words[5]);
+    if (role == "readers" && (count == 6 || count == 7)) {
+        return RunReaders(words[2], std::atoi(words[3]), std::strtoul(words[4], nullptr, 10), words[5],
+                          count == 7 ? words[6] : "");
     }
     std::fputs("hub_flow_peer device|readers ...\n", stderr);
     return 2;
