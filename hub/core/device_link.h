@@ -126,7 +126,7 @@ private:
     bool mConnected = false;
     EventLoop::Clock::time_point mConnectedAt;
     EventLoop::Clock::time_point mLastBlock;
-    EventLoop::Clock::time_point mWentOnAt;  // blocks came again after a stop
+    EventLoop::Clock::time_point mWentOnAt;      // blocks came again after a stop
     std::chrono::duration<double> mInterval{0};  // of the blocks, usually
     std::set<std::string> mSubscribed;           // what the worker was told
     // Of each service: the number of the last block, and the one before the first of this worker.
