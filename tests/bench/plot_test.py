@@ -28,8 +28,9 @@ class PlotTest(unittest.TestCase):
     def plot(self, compared=COMPARED, waited=WAITED, travelled=()):
         for name, lines in (("compare", compared), ("waits", waited), ("journey", travelled)):
             (self.path / name).write_text("".join(json.dumps(line) + "\n" for line in lines))
-        return subprocess.run([PLOT, "--compare", self.path / "compare", "--waits", self.path / "waits",
-                               "--journey", self.path / "journey", "--document", self.document], stderr=subprocess.PIPE).returncode
+        command = [PLOT, "--compare", self.path / "compare", "--waits", self.path / "waits",
+                   "--journey", self.path / "journey", "--document", self.document]
+        return subprocess.run(command, stderr=subprocess.PIPE).returncode
 
     def charts(self):
         return {path.name: path.read_text() for path in (self.path / "generated" / "performance").iterdir()}
