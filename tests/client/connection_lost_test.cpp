@@ -33,9 +33,9 @@ TEST_F(ConnectionLostTest, DeviceIsForgotten) {
 
 TEST_F(ConnectionLostTest, DeviceIsFreedWithoutTheLock) {
     const unsigned int camera = Camera();
-    Connect(1, camera);
     std::vector<bool> locked;
     mPlatform.onFree = [&] { locked.push_back(ClientModuleProbe::IsLocked(*mModule)); };
+    Connect(1, camera);  // starts the thread that will call it
     DeviceHangsUp(camera);
     EXPECT_TRUE(Eventually([&] { return mPlatform.LiveProxies() == 1; }));
     mPlatform.onFree = [] {};
