@@ -103,12 +103,13 @@ class Peer:
         """The next line that it prints."""
         end = time.monotonic() + TIME_LIMIT_S
         while time.monotonic() < end:
+            has_ended = self.process.poll() is not None  # asked first: its last line may come right before its end
             self.output.seek(self.position)
             text = self.output.readline()
             if text.endswith("\n"):
                 self.position += len(text)
                 return text
-            if self.process.poll() is not None:
+            if has_ended:
                 die(f"{' '.join(self.process.args)} ended with {self.process.returncode}, see above")
             time.sleep(0.005)
         die(f"{' '.join(self.process.args)} did not answer in time")
