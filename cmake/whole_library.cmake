@@ -18,6 +18,10 @@ function(lumora_optimize_whole)
             target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
             # The code is made when the library is linked.
             target_link_options(${target} PRIVATE "${lumora_paths}" "${lumora_hardening}")
+            if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+                # In one piece. Pieces that are compiled side by side share less code.
+                target_link_options(${target} PRIVATE -flto-partition=one)
+            endif()
         endif()
     endforeach()
 endfunction()

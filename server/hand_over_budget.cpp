@@ -1,7 +1,7 @@
 #include "server/hand_over_budget.h"
 
 #include <algorithm>
-#include <iterator>
+#include <utility>
 
 namespace lumoraAiModule {
 
@@ -20,18 +20,27 @@ HandOverBudget::Milliseconds HandOverBudget::Limit(const std::string& address, M
 }
 
 void HandOverBudget::OnTaken(const std::string& address, Milliseconds took, Clock::time_point now) {
-    for (auto at = mAccounts.begin(); at != mAccounts.end();) {
-        at = LeftIn(at->second, now) >= FULL ? mAccounts.erase(at) : std::next(at);
+    const Milliseconds left = std::max(LeftOf(address, now) - took, Milliseconds(0));
+    std::vector<Account> kept;
+    for (Account& account : mAccounts) {
+        const bool isReplaced = account.address == address && took >= NOT_WORTH_AN_ENTRY;
+        if (!isReplaced && LeftIn(account, now) < FULL) {
+            kept.push_back(std::move(account));
+        }
     }
     if (took >= NOT_WORTH_AN_ENTRY) {
-        const Milliseconds left = std::max(LeftOf(address, now) - took, Milliseconds(0));
-        mAccounts[address] = {left, now};
+        kept.push_back({address, left, now});
     }
+    mAccounts = std::move(kept);
 }
 
 HandOverBudget::Milliseconds HandOverBudget::LeftOf(const std::string& address, Clock::time_point now) const {
-    const auto account = mAccounts.find(address);
-    return account == mAccounts.end() ? FULL : LeftIn(account->second, now);
+    for (const Account& account : mAccounts) {
+        if (account.address == address) {
+            return LeftIn(account, now);
+        }
+    }
+    return FULL;
 }
 
 HandOverBudget::Milliseconds HandOverBudget::LeftIn(const Account& account, Clock::time_point now) {

@@ -3,8 +3,8 @@
 #pragma once
 
 #include <chrono>
-#include <map>
 #include <string>
+#include <vector>
 
 namespace lumoraAiModule {
 
@@ -25,6 +25,7 @@ public:
 
 private:
     struct Account {
+        std::string address;
         Milliseconds left;
         Clock::time_point since;
     };
@@ -32,7 +33,7 @@ private:
     Milliseconds LeftOf(const std::string& address, Clock::time_point now) const;
     static Milliseconds LeftIn(const Account& account, Clock::time_point now);
 
-    std::map<std::string, Account> mAccounts;  // of the addresses that have used some
+    std::vector<Account> mAccounts;  // of the addresses that have used some
 };
 
 }  // namespace lumoraAiModule

@@ -24,7 +24,7 @@ constexpr Milliseconds ANSWER_WITHIN_SECURED{2000};
 void ClaimTrials::Propose(const NodeDescription& claim) {
     const in_addr_t host = claim.endpoint.host;
     if (mWaiting.size() >= MAX_WAITING && mWaiting.count(host) == 0) {
-        const auto any = mIdSource.Jitter(Milliseconds(MAX_WAITING - 1)).count();
+        const auto any = static_cast<int>(mIdSource.Jitter(Milliseconds(MAX_WAITING - 1)).count());
         mWaiting.erase(std::next(mWaiting.begin(), any));
     }
     mWaiting[host] = claim.endpoint;
