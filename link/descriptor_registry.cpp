@@ -41,14 +41,20 @@ int CopyReply(const std::string& reply, char* buffer, unsigned int size) {
     return 0;
 }
 
-// A vendor's platform may leave out the requester or a text. `function` names the handler in the log.
-bool LacksArgument(const char* function, const RemoteEndpoint* requester, const char* key,
-                   const char* value) {
-    if (requester != nullptr && key != nullptr && value != nullptr) {
-        return false;
+// The descriptor that a request is for, with the requester's address in port; null if there is none. A
+// vendor's platform may leave out the requester or a text. `function` names the handler in the log.
+std::shared_ptr<LinkDeviceDescriptor> Addressee(const char* function, AppResource* resource,
+                                                const RemoteEndpoint* requester, const char* key,
+                                                const char* value, LinkDeviceDescriptor::Port& port) {
+    if (requester == nullptr || key == nullptr || value == nullptr) {
+        LUMORA_LOG_AS(LOG_WARNING, function, "a request without a requester, a key or a value is refused\n");
+        return nullptr;
     }
-    LUMORA_LOG_AS(LOG_WARNING, function, "a request without a requester, a key or a value is refused\n");
-    return true;
+    std::shared_ptr<LinkDeviceDescriptor> descriptor = LinkDeviceDescriptorWrapper::Get()->Find(resource);
+    if (descriptor != nullptr) {
+        SetRemoteAddress(port, requester);
+    }
+    return descriptor;
 }
 
 using RequestHandler = bool (LinkDeviceDescriptor::*)(const LinkDeviceDescriptor::Port&, const std::string&,
@@ -59,16 +65,12 @@ using RequestHandler = bool (LinkDeviceDescriptor::*)(const LinkDeviceDescriptor
 // descriptor is held over the handler: the other side of this process may register its own meanwhile.
 int Answer(const char* function, RequestHandler handler, AppResource* resource,
            const RemoteEndpoint* requester, const char* key, const char* value) try {
-    if (LacksArgument(function, requester, key, value)) {
-        return -1;
-    }
+    LinkDeviceDescriptor::Port port;
     const std::shared_ptr<LinkDeviceDescriptor> descriptor =
-        LinkDeviceDescriptorWrapper::Get()->Find(resource);
+        Addressee(function, resource, requester, key, value, port);
     if (descriptor == nullptr) {
         return -1;
     }
-    LinkDeviceDescriptor::Port port;
-    SetRemoteAddress(port, requester);
     return ((*descriptor).*handler)(port, key, value) ? 0 : -1;
 } catch (...) {
     return -1;
@@ -81,16 +83,12 @@ extern "C" {
 // The buffer holds the request's value and takes the reply.
 static int DoGET(AppResource* resource, const RemoteEndpoint* requester, const char* key, char* buffer,
                  unsigned int size) try {
-    if (LacksArgument(__func__, requester, key, buffer)) {
-        return -1;
-    }
+    LinkDeviceDescriptor::Port port;
     const std::shared_ptr<LinkDeviceDescriptor> descriptor =
-        LinkDeviceDescriptorWrapper::Get()->Find(resource);
+        Addressee(__func__, resource, requester, key, buffer, port);
     if (descriptor == nullptr) {
         return -1;
     }
-    LinkDeviceDescriptor::Port port;
-    SetRemoteAddress(port, requester);
     const std::string keyText = key;
     std::string value = buffer;
     const bool handled = keyText == MEDIA_SERVICE_SETUP_KEY ? descriptor->OnSetupMediaService(port, value)

@@ -7,7 +7,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "platform/link/core/local_node.h"
 #include "platform/link/core/ports.h"
